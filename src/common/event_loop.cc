@@ -1,0 +1,135 @@
+#include "common/event_loop.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace tavrix {
+
+EventLoop::EventLoop(Clock& clock) : clock_(clock) {}
+
+void EventLoop::post(Task task) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    tasks_.push_back(std::move(task));
+  }
+  cv_.notify_all();
+}
+
+bool EventLoop::takeTasks(std::deque<Task>& out) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  out.swap(tasks_);
+  return !out.empty();
+}
+
+void EventLoop::processPendingEvents() {
+  std::deque<Task> batch;
+  if (takeTasks(batch)) {
+    for (auto& task : batch) task();
+  }
+  fireDueTimers();
+}
+
+void EventLoop::fireDueTimers() {
+  const Micros now = clock_.now();
+  // Collect first: a tick may add, remove or re-arm timers.
+  std::vector<std::shared_ptr<TimerState>> due;
+  for (auto& [id, timer] : timers_) {
+    if (timer->enabled && !timer->ticking && timer->due <= now) due.push_back(timer);
+  }
+  std::sort(due.begin(), due.end(), [](const auto& a, const auto& b) { return a->due < b->due; });
+  for (auto& timer : due) {
+    if (!timer->enabled || timer->ticking || timer->due > now) continue;
+    // Keep the cadence; skip whole intervals that were missed.
+    const Micros interval = std::max<Micros>(timer->interval, 1);
+    Micros next = timer->due + interval;
+    if (next <= now) next += ((now - next) / interval + 1) * interval;
+    timer->due = next;
+    timer->ticking = true;
+    timer->tick();
+    timer->ticking = false;
+  }
+}
+
+Micros EventLoop::nextDue() const {
+  Micros next = Clock::kNever;
+  for (const auto& [id, timer] : timers_) {
+    if (timer->enabled && !timer->ticking) next = std::min(next, timer->due);
+  }
+  return next;
+}
+
+bool EventLoop::waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn) {
+  for (;;) {
+    processPendingEvents();
+    if (done()) return true;
+    if (eachTurn) {
+      eachTurn();
+      if (done()) return true;
+    }
+    const Micros due = nextDue();
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!tasks_.empty()) continue;
+    const bool outside = outsideWaits_ > 0;
+    if (!clock_.idleUntil(due, cv_, lock, [this] { return !tasks_.empty(); }, outside)) {
+      return false;
+    }
+  }
+}
+
+EventLoop::OutsideWait::OutsideWait(EventLoop& loop) : loop_(loop) {
+  std::lock_guard<std::mutex> lock(loop_.mutex_);
+  ++loop_.outsideWaits_;
+}
+
+EventLoop::OutsideWait::~OutsideWait() {
+  {
+    std::lock_guard<std::mutex> lock(loop_.mutex_);
+    --loop_.outsideWaits_;
+  }
+  loop_.cv_.notify_all();
+}
+
+EventLoop::TimerId EventLoop::addTimer(Task tick) {
+  auto state = std::make_shared<TimerState>();
+  state->tick = std::move(tick);
+  const TimerId id = nextTimerId_++;
+  timers_.emplace(id, std::move(state));
+  return id;
+}
+
+void EventLoop::removeTimer(TimerId id) { timers_.erase(id); }
+
+void EventLoop::setTimerInterval(TimerId id, Micros interval) {
+  auto it = timers_.find(id);
+  if (it == timers_.end()) return;
+  it->second->interval = interval;
+  if (it->second->enabled) it->second->due = clock_.now() + interval;
+}
+
+void EventLoop::setTimerEnabled(TimerId id, bool enabled) {
+  auto it = timers_.find(id);
+  if (it == timers_.end()) return;
+  if (enabled && !it->second->enabled) it->second->due = clock_.now() + it->second->interval;
+  it->second->enabled = enabled;
+}
+
+bool EventLoop::timerEnabled(TimerId id) const {
+  auto it = timers_.find(id);
+  return it != timers_.end() && it->second->enabled;
+}
+
+void EventLoop::setTimerDue(TimerId id, Micros due) {
+  auto it = timers_.find(id);
+  if (it == timers_.end()) return;
+  it->second->enabled = true;
+  it->second->due = due;
+}
+
+Timer::Timer(EventLoop& loop, Micros interval, EventLoop::Task tick)
+    : loop_(loop), id_(loop.addTimer(std::move(tick))) {
+  loop_.setTimerInterval(id_, interval);
+}
+
+Timer::~Timer() { loop_.removeTimer(id_); }
+
+}  // namespace tavrix

@@ -1,0 +1,74 @@
+// Everything the engine asks or shows a person. Abstract so that the same
+// engine runs behind the desktop window, a terminal, a file of scripted
+// answers, or a test's recording fake.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavrix {
+
+// A question: the operator answers by pressing one of the buttons (or, for
+// questions with an entry field, by typing a text).
+struct Question {
+  std::string kind;   // who asks: "CONTINUEOK", "ENTEROKCANCEL", "QUESTION", ...
+  std::string title;  // window title, where the question has one
+  std::string text;
+  std::vector<std::string> buttons;  // captions as the window shows them
+};
+
+// The caption of the button pressed (or the text entered); std::nullopt
+// when no answer can ever come (scripted answers exhausted, input closed).
+using Answer = std::optional<std::string>;
+
+// Enabled and ticked states of the run controls.
+struct RunControls {
+  bool runEnabled = false;
+  bool stopEnabled = false;
+  bool stepEnabled = false;
+  bool skipEnabled = false;
+  bool singleStepEnabled = false;
+  bool singleStepTicked = false;
+  bool fileMenuEnabled = true;
+};
+
+struct FileDialog {
+  std::string title;
+  std::string defaultExtension;
+  std::string fileName;
+  std::string filter;
+  std::string initialDirectory;
+};
+
+class Operator {
+ public:
+  virtual ~Operator() = default;
+
+  // Opens a question. `answered` is called once, from any thread, with the
+  // answer. The engine waits for it on its event loop.
+  virtual void ask(const Question& question, std::function<void(Answer)> answered) = 0;
+
+  // True when answers come from a person, so waiting for one must not let a
+  // virtual clock race ahead.
+  virtual bool isPerson() const { return false; }
+
+  // A modal message box with an OK button; returns once it is dismissed.
+  virtual void showMessage(std::string_view title, std::string_view text) = 0;
+
+  // File selection; std::nullopt when the operator cancels.
+  virtual std::optional<std::string> chooseFile(const FileDialog& /*dialog*/) { return std::nullopt; }
+
+  // Displays of the main window.
+  virtual void showRunStatus(std::string_view /*status*/) {}
+  virtual void showCurrentCommand(std::string_view /*line*/) {}
+  virtual void showTimeout(int32_t /*seconds*/) {}
+  virtual void showHelpText(std::string_view /*text*/) {}
+  virtual void showDataFileSpec(std::string_view /*path*/) {}
+  virtual void showControls(const RunControls& /*controls*/) {}
+};
+
+}  // namespace tavrix

@@ -1,0 +1,180 @@
+// The run engine of the main window: the prepared sequence file, the run loop
+// and its run-control flags, the Run/Stop/Step/Skip buttons and the single
+// step box, the seconds timer with the timeout count-down, the sequence
+// error report, and the services that command handlers use (label search,
+// waits that keep the engine responsive, operator questions).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/event_loop.h"
+#include "common/trace.h"
+#include "sequencer/dispatcher.h"
+#include "sequencer/operator.h"
+#include "sequencer/sequence_file.h"
+
+namespace tavrix {
+
+// Flags of the run (each a two-state switch of the main window).
+struct RunFlags {
+  bool running = false;
+  bool stopRequested = false;
+  bool jumpPending = false;
+  bool timeoutExpired = false;
+  bool timeoutPending = false;
+  bool endRequested = false;
+  bool singleStepMode = false;
+  bool singleStepHold = false;
+  bool stepExecute = false;
+  bool mustNotBeStopped = false;
+  bool autoStartPending = false;
+};
+
+// How the last run ended.
+enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort };
+const char* EndReasonName(EndReason reason);  // "eof", "stop", "error", "abort"
+
+// One entry of the define table.
+struct DefineEntry {
+  std::string first;
+  std::string second;
+  bool isChain = false;  // the entry's kind, upper-cased, is "CHAIN"
+};
+
+inline constexpr std::string_view kErrorTitle = "CV-TAVRIX";
+inline constexpr std::string_view kStatusReady = "Ready";
+inline constexpr std::string_view kStatusRunning = "Running";
+inline constexpr std::string_view kStatusStopped = "Stopped";
+inline constexpr std::string_view kCaption = "Corvane TAVRIX (b) v 7.00 (CC 6.01) (DBT 6.01)";
+
+class Sequencer {
+ public:
+  Sequencer(EventLoop& events, Operator& op, Trace& trace);
+  ~Sequencer();
+  Sequencer(const Sequencer&) = delete;
+  Sequencer& operator=(const Sequencer&) = delete;
+
+  EventLoop& events() { return events_; }
+  Clock& clock() { return events_.clock(); }
+  Operator& operatorPort() { return operator_; }
+  Trace& trace() { return trace_; }
+  Dispatcher& dispatcher() { return dispatcher_; }
+  RunFlags& flags() { return flags_; }
+  const RunFlags& flags() const { return flags_; }
+
+  // --- The sequence file ---------------------------------------------------
+  // Prepares a file for running: resets what a new file resets, shows its
+  // name, and shows "Ready". Returns false, with a message, when the file
+  // cannot be read as a sequence (missing, unreadable, not text).
+  bool prepareFile(const std::string& path, std::string* error);
+  // The file dialog; a cancelled dialog changes nothing.
+  void chooseSequenceFile();
+  const std::string& sequenceFileName() const { return fileName_; }
+  // Lines read since the file was last opened (the number in error reports).
+  int16_t lineNumber() const { return lineNumber_; }
+
+  // --- Buttons and the start-up of the window ------------------------------
+  void pressRun();
+  void pressStop();
+  void pressStep();
+  void pressSkip();
+  void setSingleStepBox(bool ticked);
+  // Whether the window may close (asks when the run must not be stopped).
+  bool closeRequest();
+  // Takes the program's command line: a sequence file name, optionally
+  // followed by " /A" for an automatic start at the first seconds tick.
+  void startUp(std::string_view commandLine);
+
+  // --- Services for command handlers ---------------------------------------
+  // The sequence error report: a message box, then the run ends.
+  void reportSequenceError(std::string_view text);
+  // A message box with an OK button, after which work goes on.
+  void showMessage(std::string_view text);
+  // The error display switch (SHOWERROROFF sets it): sequence error reports
+  // are then recorded but not shown in a box; they still end the run.
+  bool errorDisplayOff = false;
+
+  // Searches the label as GOTO does. Reports "Label X: does not exist" and
+  // returns false when there is none.
+  bool searchLabel(std::string_view label);
+
+  void processPendingEvents() { events_.processPendingEvents(); }
+  // Lets events run until `done()` is true. A wait that could never end (a
+  // virtual clock with nothing left to happen) is reported as a sequence
+  // error and returns false.
+  bool waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn = {});
+  // Asks the operator and waits for the answer, keeping the engine alive.
+  Answer ask(const Question& question);
+
+  // Examines the define table, as the waits do at every turn.
+  void examineDefineTable();
+  // What a define entry does when examined, and how the timeout action runs
+  // a define; set by the subsystem that owns the define commands.
+  std::function<void(Sequencer&)> onExamineDefines;
+  std::function<void(Sequencer&, const std::string& target)> onExecuteDefine;
+
+  std::vector<DefineEntry>& defineTable() { return defines_; }
+  void addDefine(DefineEntry entry);
+
+  // The jump and timeout target shared by jumps and timeout actions.
+  std::string jumpTarget;
+  bool jumpTargetIsDefine = false;
+
+  // The sequence time-out: the seconds timer counts down to the deadline.
+  void setTimeoutDeadline(Micros deadline);
+  std::optional<Micros> timeoutDeadline() const { return deadline_; }
+  int32_t timeoutSeconds() const { return timeoutSeconds_; }
+  bool secondsTimerEnabled() const { return secondsTimer_.enabled(); }
+  void setSecondsTimerEnabled(bool enabled) { secondsTimer_.setEnabled(enabled); }
+
+  // The loop count of LOOPCHECK and friends (one for the whole run).
+  int32_t loopCount = 0;
+
+  // Called whenever a sequence file is prepared, so subsystems reset their
+  // per-file state.
+  void addPrepareHook(std::function<void()> hook) { prepareHooks_.push_back(std::move(hook)); }
+
+  // Shows a line in the current command display.
+  void showCurrentCommand(std::string_view text);
+
+  // Ends the run as an abort (ABORTTEST, Stop from outside).
+  void requestAbort();
+
+  EndReason endReason() const { return endReason_; }
+  // The text of the last sequence error reported, if any.
+  const std::string& lastSequenceError() const { return lastError_; }
+
+ private:
+  void runLoop();
+  void dispatchLine(std::string& line);
+  bool readNextLine(std::string& line);
+  void setStatus(std::string_view status);
+  void publishControls();
+  void secondsTick();
+
+  EventLoop& events_;
+  Operator& operator_;
+  Trace& trace_;
+  Dispatcher dispatcher_;
+  RunFlags flags_;
+  RunControls controls_;
+  SequenceFile file_;
+  std::string fileName_;
+  int16_t lineNumber_ = 0;
+  std::vector<DefineEntry> defines_;
+  std::optional<Micros> deadline_;
+  int32_t timeoutSeconds_ = 0;
+  Timer secondsTimer_;
+  std::vector<std::function<void()>> prepareHooks_;
+  EndReason endReason_ = EndReason::kNone;
+  bool aborted_ = false;
+  std::string lastError_;
+};
+
+}  // namespace tavrix
