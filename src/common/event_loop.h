@@ -106,6 +106,7 @@ class Timer {
   bool enabled() const { return loop_.timerEnabled(id_); }
   void setInterval(Micros interval) { loop_.setTimerInterval(id_, interval); }
   void setDue(Micros due) { loop_.setTimerDue(id_, due); }
+  EventLoop& loop() const { return loop_; }
 
  private:
   EventLoop& loop_;

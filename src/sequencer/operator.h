@@ -52,6 +52,9 @@ class Operator {
   // answer. The engine waits for it on its event loop.
   virtual void ask(const Question& question, std::function<void(Answer)> answered) = 0;
 
+  // Why the last question got no answer (shown in the error report).
+  virtual std::string unansweredReason() const { return "no answer can be given"; }
+
   // True when answers come from a person, so waiting for one must not let a
   // virtual clock race ahead.
   virtual bool isPerson() const { return false; }

@@ -24,7 +24,8 @@ size_t CleanReadLine(std::string& line);
 class SequenceFile {
  public:
   // Opens the file at its start. Reads it from disk if it is not held yet or
-  // changed on disk since. On failure returns false with a message.
+  // changed on disk since. On failure returns false with a message; a file
+  // holding NUL bytes is no text and is refused.
   bool open(const std::string& path, std::string* error);
   void close();
   bool isOpen() const { return open_; }
@@ -42,6 +43,8 @@ class SequenceFile {
   // Places the reader behind line `index` (0-based), as if lines 0..index
   // had been read.
   void skipPast(size_t index);
+  // Places the reader at the end, as if every line had been read.
+  void skipToEnd();
 
   // Lines read since the file was opened.
   size_t linesRead() const { return linesRead_; }

@@ -110,6 +110,8 @@ class Sequencer {
   // error and returns false.
   bool waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn = {});
   // Asks the operator and waits for the answer, keeping the engine alive.
+  // When no answer can come, reports that as a sequence error (the run
+  // ends) and returns std::nullopt.
   Answer ask(const Question& question);
 
   // Examines the define table, as the waits do at every turn.
@@ -140,11 +142,25 @@ class Sequencer {
   // per-file state.
   void addPrepareHook(std::function<void()> hook) { prepareHooks_.push_back(std::move(hook)); }
 
+  // The Stop button's enabled state (NONSTOP disables it for the run).
+  void setStopEnabled(bool enabled);
+
   // Shows a line in the current command display.
   void showCurrentCommand(std::string_view text);
 
-  // Ends the run as an abort (ABORTTEST, Stop from outside).
+  // Ends the run after the current line (STOP, a sequence error), and
+  // remembers why unless a reason was already given.
+  void requestEnd(EndReason reason);
+  // Ends the run at once as the Stop button does, as an abort.
   void requestAbort();
+
+  // Reads the next line of a section that a handler reads itself (help
+  // text, group ramps), counting it like any other line; false at the end of
+  // the file or when the line count overflows (a sequence error).
+  bool readSectionLine(std::string& line) { return readNextLine(line); }
+
+  // Hooks run by the Stop button (timers of long commands to switch off).
+  void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
 
   EndReason endReason() const { return endReason_; }
   // The text of the last sequence error reported, if any.
@@ -172,8 +188,9 @@ class Sequencer {
   int32_t timeoutSeconds_ = 0;
   Timer secondsTimer_;
   std::vector<std::function<void()>> prepareHooks_;
+  std::vector<std::function<void()>> stopHooks_;
+  std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;
-  bool aborted_ = false;
   std::string lastError_;
 };
 

@@ -1,0 +1,172 @@
+#include "run_command.h"
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
+#include <memory>
+#include <mutex>
+#include <pthread.h>
+#include <thread>
+#include <unistd.h>
+
+#include "common/civil_time.h"
+#include "engine/engine.h"
+#include "sequencer/console_operators.h"
+
+namespace tavrix {
+
+namespace {
+
+int ExitStatusFor(EndReason reason) {
+  switch (reason) {
+    case EndReason::kEndOfFile:
+    case EndReason::kStop:
+      return kExitOk;
+    case EndReason::kError:
+      return kExitSequenceError;
+    case EndReason::kAbort:
+    case EndReason::kNone:
+      break;
+  }
+  return kExitStopped;
+}
+
+// Turns SIGINT and SIGTERM into the window's close request, posted to the
+// engine, for as long as it lives.
+class SignalBridge {
+ public:
+  explicit SignalBridge(Engine& engine) : engine_(engine) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+    thread_ = std::thread([this, set] {
+      for (;;) {
+        int signal = 0;
+        if (sigwait(&set, &signal) != 0 || signal == SIGUSR2) return;
+        engine_.events().post([this] {
+          Sequencer& seq = engine_.sequencer();
+          if (seq.flags().running && seq.closeRequest()) seq.requestAbort();
+        });
+      }
+    });
+  }
+  ~SignalBridge() {
+    pthread_kill(thread_.native_handle(), SIGUSR2);
+    thread_.join();
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+
+ private:
+  Engine& engine_;
+  sigset_t previous_{};
+  std::thread thread_;
+};
+
+}  // namespace
+
+int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  std::unique_ptr<Clock> clock;
+  if (options.virtualTime) {
+    Micros start = SystemClock().now();
+    if (options.start) {
+      const auto parsed = parseDateTime(*options.start);
+      if (!parsed) {
+        std::fprintf(err, "tavrix-cli: --start wants \"YYYY-MM-DD HH:MM:SS\", not \"%s\"\n",
+                     options.start->c_str());
+        return kExitUsage;
+      }
+      start = *parsed;
+    }
+    clock = std::make_unique<VirtualClock>(start);
+  } else {
+    if (options.start) {
+      std::fprintf(err, "tavrix-cli: --start needs --virtual-time\n");
+      return kExitUsage;
+    }
+    clock = std::make_unique<SystemClock>();
+  }
+
+  std::unique_ptr<Operator> op;
+  if (options.answers) {
+    std::string error;
+    auto answers = AnswersFile::load(*options.answers, &error);
+    if (!answers) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    op = std::make_unique<ScriptedOperator>(std::move(*answers), err);
+  } else if (in != nullptr && isatty(fileno(in))) {
+    op = std::make_unique<TerminalOperator>(in, err);
+  } else {
+    op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
+  }
+
+  Engine engine(std::move(clock), *op);
+  if (options.trace) {
+    if (*options.trace == "-") {
+      engine.trace().setOutput(out, false);
+    } else {
+      std::FILE* file = std::fopen(options.trace->c_str(), "w");
+      if (file == nullptr) {
+        std::fprintf(err, "tavrix-cli: cannot write the trace file %s\n", options.trace->c_str());
+        return kExitUsage;
+      }
+      engine.trace().setOutput(file, true);
+    }
+  }
+  engine.trace().setOrigin(engine.clock().now());
+
+  Sequencer& seq = engine.sequencer();
+  std::string error;
+  if (!seq.prepareFile(options.sequence, &error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+
+  EndReason reason;
+  {
+    SignalBridge signals(engine);
+    seq.pressRun();
+    reason = seq.endReason();
+  }
+  const int status = ExitStatusFor(reason);
+  if (engine.trace().enabled()) {
+    engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
+  }
+  return status;
+}
+
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err) {
+  CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
+  app.require_subcommand(1);
+  RunOptions run;
+  CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
+  runCommand->add_flag("--virtual-time", run.virtualTime, "Run on a virtual clock: waits take no real time");
+  runCommand->add_option("--start", run.start, "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
+  runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
+  runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
+  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
+
+  std::vector<std::string> reversed(args.rbegin(), args.rend());
+  if (!reversed.empty()) reversed.pop_back();  // the program name
+  try {
+    app.parse(reversed);
+  } catch (const CLI::CallForHelp&) {
+    std::fputs(app.help().c_str(), out);
+    return kExitOk;
+  } catch (const CLI::CallForAllHelp&) {
+    std::fputs(app.help("", CLI::AppFormatMode::All).c_str(), out);
+    return kExitOk;
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(err, "tavrix-cli: %s\nRun 'tavrix-cli --help' for usage.\n", e.what());
+    return kExitUsage;
+  }
+  if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  return kExitUsage;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,35 @@
+// The headless front end, `tavrix-cli`. Its `run` command is a contract that
+// test engineers script: options, exit codes, the trace and the answers file
+// only ever grow.
+#pragma once
+
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavrix {
+
+// Exit statuses of `tavrix-cli run`.
+constexpr int kExitOk = 0;           // end of file or STOP, no sequence error
+constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question)
+constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
+constexpr int kExitStopped = 3;      // Stop or an abort ended the run
+
+struct RunOptions {
+  std::string sequence;
+  bool virtualTime = false;
+  std::optional<std::string> start;  // "YYYY-MM-DD HH:MM:SS"
+  std::optional<std::string> answers;
+  std::optional<std::string> trace;  // "-" for standard output
+  bool noHardware = false;
+};
+
+// Runs a sequence headless; returns the exit status. Messages go to `err`,
+// a trace to "-" goes to `out`.
+int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err);
+
+// The whole command line of tavrix-cli.
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err);
+
+}  // namespace tavrix

@@ -1,0 +1,227 @@
+#include "common/text_conventions.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace tavrix {
+
+namespace {
+
+bool isNumberBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+int digitValue(char c, int base) {
+  int v = -1;
+  if (c >= '0' && c <= '9')
+    v = c - '0';
+  else if (c >= 'a' && c <= 'f')
+    v = c - 'a' + 10;
+  else if (c >= 'A' && c <= 'F')
+    v = c - 'A' + 10;
+  return v < base ? v : -1;
+}
+
+// "&H" and "&O" numbers. Like the runtime, a value that fits in 16 bits is
+// read as a 16-bit integer and one that fits in 32 bits as a 32-bit integer,
+// so "&HFFFF" is -1 and "&H8000" is -32768.
+double radixNumber(std::string_view text, size_t i, int base) {
+  double value = 0;
+  for (; i < text.size(); ++i) {
+    if (isNumberBlank(text[i])) continue;
+    const int d = digitValue(text[i], base);
+    if (d < 0) break;
+    value = value * base + d;
+  }
+  if (value <= 0xFFFF)
+    return static_cast<double>(static_cast<int16_t>(static_cast<uint16_t>(value)));
+  if (value <= 0xFFFFFFFFu) {
+    return static_cast<double>(static_cast<int32_t>(static_cast<uint32_t>(value)));
+  }
+  return value;
+}
+
+// Removes what a C conversion adds and the runtime does not write: the zero
+// before the point ("0.5" -> ".5"), and gives the exponent its sign and at
+// least two digits ("1E+20", "1E-07").
+std::string runtimeNumberText(double value, int significantDigits) {
+  if (value == 0) return " 0";  // also -0
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.*G", significantDigits, value);
+  std::string s = buf;
+  const bool negative = s[0] == '-';
+  if (negative) s.erase(0, 1);
+  if (s.size() > 1 && s[0] == '0' && s[1] == '.') s.erase(0, 1);
+  return (negative ? "-" : " ") + s;
+}
+
+}  // namespace
+
+double leadingNumber(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size() && isNumberBlank(text[i])) ++i;
+  if (i + 1 < text.size() && text[i] == '&') {
+    const char kind = text[i + 1];
+    if (kind == 'h' || kind == 'H') return radixNumber(text, i + 2, 16);
+    if (kind == 'o' || kind == 'O') return radixNumber(text, i + 2, 8);
+    return 0;
+  }
+
+  // Gather the characters that continue the number, without the blanks, and
+  // let the library convert them.
+  std::string number;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+    negative = text[i] == '-';
+    ++i;
+  }
+  bool point = false;
+  bool digits = false;
+  for (; i < text.size(); ++i) {
+    const char c = text[i];
+    if (isNumberBlank(c)) continue;
+    if (isDigit(c)) {
+      number += c;
+      digits = true;
+    } else if (c == '.' && !point) {
+      number += c;
+      point = true;
+    } else {
+      break;
+    }
+  }
+  if (!digits) return 0;
+  if (i < text.size() && (text[i] == 'e' || text[i] == 'E' || text[i] == 'd' || text[i] == 'D')) {
+    std::string exponent = "e";
+    size_t j = i + 1;
+    while (j < text.size() && isNumberBlank(text[j])) ++j;
+    if (j < text.size() && (text[j] == '+' || text[j] == '-')) exponent += text[j++];
+    bool exponentDigits = false;
+    for (; j < text.size(); ++j) {
+      if (isNumberBlank(text[j])) continue;
+      if (!isDigit(text[j])) break;
+      exponent += text[j];
+      exponentDigits = true;
+    }
+    if (exponentDigits) number += exponent;
+  }
+  double value = 0;
+  const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
+  (void)end;
+  if (error == std::errc::result_out_of_range) {
+    // Too small is 0; too large is infinite (where the runtime overflows).
+    const bool tiny = number.find("e-") != std::string::npos;
+    value = tiny ? 0.0 : std::numeric_limits<double>::infinity();
+  }
+  return negative ? -value : value;
+}
+
+std::string numberText(double value) { return runtimeNumberText(value, 15); }
+
+std::string numberTextSingle(float value) { return runtimeNumberText(value, 7); }
+
+std::string formatNumber(double value, std::string_view pattern) {
+  const size_t pointAt = pattern.find('.');
+  const std::string_view integerPattern = pattern.substr(0, pointAt);
+  const size_t fractionDigits =
+      pointAt == std::string_view::npos ? 0 : pattern.size() - pointAt - 1;
+  size_t integerZeros = 0;
+  for (char c : integerPattern) integerZeros += c == '0';
+
+  if (!std::isfinite(value)) return numberText(value).substr(value < 0 ? 0 : 1);
+
+  // Round the decimal digits of the value as it is written (15 significant
+  // digits), so 2.675 gives "2.68" although its binary value lies below.
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.14e", std::fabs(value));
+  const std::string_view text = buf;
+  std::string digits;
+  digits += text[0];
+  digits += text.substr(2, 14);
+  long pointPos = std::strtol(buf + 17, nullptr, 10) + 1;  // digits before the point
+  if (value == 0) pointPos = 1;
+  while (pointPos < 1) {
+    digits.insert(digits.begin(), '0');
+    ++pointPos;
+  }
+  const size_t keep = static_cast<size_t>(pointPos) + fractionDigits;
+  if (digits.size() < keep + 1) digits.append(keep + 1 - digits.size(), '0');
+  const bool roundUp = digits[keep] >= '5';
+  digits.resize(keep);
+  if (roundUp) {
+    size_t k = keep;
+    while (k > 0 && digits[k - 1] == '9') digits[--k] = '0';
+    if (k == 0) {
+      digits.insert(digits.begin(), '1');
+      ++pointPos;
+    } else {
+      ++digits[k - 1];
+    }
+  }
+
+  std::string integerPart = digits.substr(0, static_cast<size_t>(pointPos));
+  const std::string fractionPart = digits.substr(static_cast<size_t>(pointPos));
+  const size_t firstNonZero = integerPart.find_first_not_of('0');
+  integerPart.erase(0, firstNonZero == std::string::npos ? integerPart.size() : firstNonZero);
+  if (integerPart.size() < integerZeros)
+    integerPart.insert(0, integerZeros - integerPart.size(), '0');
+
+  // A value that rounds to zero is written without a sign.
+  const bool zero = digits.find_first_not_of('0') == std::string::npos;
+  std::string out = value < 0 && !zero ? "-" : "";
+  out += integerPart;
+  if (pointAt != std::string_view::npos) out += '.' + fractionPart;
+  return out;
+}
+
+namespace {
+
+template <typename Int>
+std::optional<Int> roundToEven(double value) {
+  if (!std::isfinite(value)) return std::nullopt;
+  // The default floating-point rounding mode rounds halves to even.
+  const double rounded = std::nearbyint(value);
+  if (rounded < static_cast<double>(std::numeric_limits<Int>::min()) ||
+      rounded > static_cast<double>(std::numeric_limits<Int>::max())) {
+    return std::nullopt;
+  }
+  return static_cast<Int>(rounded);
+}
+
+}  // namespace
+
+std::optional<int16_t> roundToInt16(double value) { return roundToEven<int16_t>(value); }
+
+std::optional<int32_t> roundToInt32(double value) { return roundToEven<int32_t>(value); }
+
+std::string upperCase(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  }
+  return out;
+}
+
+std::string lowerCase(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
+std::string_view trimLeft(std::string_view text) {
+  const size_t first = text.find_first_not_of(' ');
+  return first == std::string_view::npos ? std::string_view() : text.substr(first);
+}
+
+std::string_view trimRight(std::string_view text) {
+  const size_t last = text.find_last_not_of(' ');
+  return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
+}
+
+std::string_view trim(std::string_view text) { return trimRight(trimLeft(text)); }
+
+}  // namespace tavrix

@@ -1,0 +1,87 @@
+#include "sequencer/answers_file.h"
+
+#include <cctype>
+#include <fstream>
+#include <sstream>
+
+#include "common/text_conventions.h"
+
+namespace tavrix {
+
+namespace {
+
+bool isKindCharacter(char c) {
+  return std::isupper(static_cast<unsigned char>(c)) || std::isdigit(static_cast<unsigned char>(c)) ||
+         c == '_' || c == '[' || c == ']';
+}
+
+}  // namespace
+
+AnswersFile AnswersFile::parse(std::string_view text) {
+  AnswersFile file;
+  int number = 0;
+  size_t pos = 0;
+  while (pos <= text.size()) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view raw = text.substr(pos, end - pos);
+    pos = end + 1;
+    ++number;
+    if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
+    std::string_view line = trim(raw);
+    while (!line.empty() && line.front() == '\t') line = trim(line.substr(1));
+    while (!line.empty() && line.back() == '\t') line = trim(line.substr(0, line.size() - 1));
+    if (line.empty() || line.front() == '#') {
+      if (end == text.size()) break;
+      continue;
+    }
+    Line entry;
+    entry.number = number;
+    // A tag is an upper-case kind, an optional '*', and a colon.
+    size_t k = 0;
+    while (k < line.size() && isKindCharacter(line[k])) ++k;
+    size_t colon = k;
+    bool every = false;
+    if (colon < line.size() && line[colon] == '*') {
+      every = true;
+      ++colon;
+    }
+    if (k > 0 && colon < line.size() && line[colon] == ':') {
+      entry.kind = line.substr(0, k);
+      entry.every = every;
+      entry.caption = trim(line.substr(colon + 1));
+    } else {
+      entry.caption = line;
+    }
+    file.lines_.push_back(std::move(entry));
+    if (end == text.size()) break;
+  }
+  return file;
+}
+
+std::optional<AnswersFile> AnswersFile::load(const std::string& path, std::string* error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    if (error) *error = "Cannot read answers file " + path;
+    return std::nullopt;
+  }
+  std::ostringstream content;
+  content << in.rdbuf();
+  return parse(content.str());
+}
+
+const AnswersFile::Line* AnswersFile::take(std::string_view kind) {
+  for (auto& line : lines_) {
+    if (line.used || line.every) continue;
+    if (line.kind.empty() || line.kind == kind) {
+      line.used = true;
+      return &line;
+    }
+  }
+  for (auto& line : lines_) {
+    if (line.every && line.kind == kind) return &line;
+  }
+  return nullptr;
+}
+
+}  // namespace tavrix

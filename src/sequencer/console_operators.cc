@@ -1,0 +1,108 @@
+#include "sequencer/console_operators.h"
+
+#include <cstdlib>
+
+#include "common/text_conventions.h"
+
+namespace tavrix {
+
+void PrintMessageBox(std::FILE* out, std::string_view title, std::string_view text) {
+  if (out == nullptr) return;
+  std::string body;
+  for (char c : text) body += c == '\r' ? '\n' : c;
+  std::fprintf(out, "[%.*s] %s\n", static_cast<int>(title.size()), title.data(), body.c_str());
+  std::fflush(out);
+}
+
+std::string MatchButton(const Question& question, std::string_view text) {
+  const std::string_view wanted = trim(text);
+  for (const auto& caption : question.buttons) {
+    if (caption == wanted) return caption;
+  }
+  for (const auto& caption : question.buttons) {
+    if (upperCase(caption) == upperCase(wanted)) return caption;
+  }
+  char* end = nullptr;
+  const std::string digits(wanted);
+  const long number = std::strtol(digits.c_str(), &end, 10);
+  if (!digits.empty() && end != nullptr && *end == '\0' && number >= 1 &&
+      static_cast<size_t>(number) <= question.buttons.size()) {
+    return question.buttons[static_cast<size_t>(number) - 1];
+  }
+  return {};
+}
+
+void ScriptedOperator::ask(const Question& question, std::function<void(Answer)> answered) {
+  const AnswersFile::Line* line = answers_.take(question.kind);
+  if (line == nullptr) {
+    reason_ = "the answers file has no answer left for it";
+    answered(std::nullopt);
+    return;
+  }
+  if (question.buttons.empty()) {
+    answered(line->caption);  // a typed entry
+    return;
+  }
+  const std::string button = MatchButton(question, line->caption);
+  if (button.empty()) {
+    std::string captions;
+    for (const auto& caption : question.buttons) captions += (captions.empty() ? "" : ", ") + caption;
+    reason_ = "line " + std::to_string(line->number) + " of the answers file answers \"" +
+              line->caption + "\", which is none of its buttons (" + captions + ")";
+    answered(std::nullopt);
+    return;
+  }
+  answered(button);
+}
+
+void ScriptedOperator::showMessage(std::string_view title, std::string_view text) {
+  PrintMessageBox(out_, title, text);
+}
+
+TerminalOperator::~TerminalOperator() {
+  if (reader_.joinable()) reader_.join();
+}
+
+void TerminalOperator::ask(const Question& question, std::function<void(Answer)> answered) {
+  if (reader_.joinable()) reader_.join();
+  std::string text;
+  for (char c : question.text) text += c == '\r' ? '\n' : c;
+  std::fprintf(out_, "\n%s\n", text.c_str());
+  if (question.buttons.empty()) {
+    std::fprintf(out_, "> ");
+  } else {
+    for (size_t i = 0; i < question.buttons.size(); ++i) {
+      std::fprintf(out_, "  [%zu] %s", i + 1, question.buttons[i].c_str());
+    }
+    std::fprintf(out_, "\n> ");
+  }
+  std::fflush(out_);
+  reader_ = std::thread([this, question, answered = std::move(answered)] {
+    char buffer[4096];
+    for (;;) {
+      if (std::fgets(buffer, sizeof buffer, in_) == nullptr) {
+        answered(std::nullopt);
+        return;
+      }
+      std::string line(buffer);
+      while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+      if (question.buttons.empty()) {
+        answered(line);
+        return;
+      }
+      const std::string button = MatchButton(question, line);
+      if (!button.empty()) {
+        answered(button);
+        return;
+      }
+      std::fprintf(out_, "Please answer with one of the buttons.\n> ");
+      std::fflush(out_);
+    }
+  });
+}
+
+void TerminalOperator::showMessage(std::string_view title, std::string_view text) {
+  PrintMessageBox(out_, title, text);
+}
+
+}  // namespace tavrix

@@ -1,0 +1,57 @@
+// Operators for the headless front end: one that answers from a scripted
+// answers file, and one that asks at the terminal. Both print message boxes
+// to the error stream.
+#pragma once
+
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "sequencer/answers_file.h"
+#include "sequencer/operator.h"
+
+namespace tavrix {
+
+// Writes a message box as text: the title, then the text with its carriage
+// returns turned into line ends.
+void PrintMessageBox(std::FILE* out, std::string_view title, std::string_view text);
+
+// Answers from a file. A question that no line answers, or whose line names
+// no button of the question, gets no answer.
+class ScriptedOperator : public Operator {
+ public:
+  ScriptedOperator(AnswersFile answers, std::FILE* messages) : answers_(std::move(answers)), out_(messages) {}
+  void ask(const Question& question, std::function<void(Answer)> answered) override;
+  std::string unansweredReason() const override { return reason_; }
+  void showMessage(std::string_view title, std::string_view text) override;
+
+ private:
+  AnswersFile answers_;
+  std::FILE* out_;
+  std::string reason_;
+};
+
+// Asks at the terminal: the question, its buttons numbered, and a line of
+// input naming a button by caption (any case) or by number. Input is read on
+// a thread of its own, so timers keep running while the person thinks.
+class TerminalOperator : public Operator {
+ public:
+  TerminalOperator(std::FILE* in, std::FILE* out) : in_(in), out_(out) {}
+  ~TerminalOperator() override;
+  void ask(const Question& question, std::function<void(Answer)> answered) override;
+  bool isPerson() const override { return true; }
+  std::string unansweredReason() const override { return "the terminal input was closed"; }
+  void showMessage(std::string_view title, std::string_view text) override;
+
+ private:
+  std::FILE* in_;
+  std::FILE* out_;
+  std::thread reader_;
+};
+
+// The button of `question` that `text` names: the caption as written, in
+// any case, or its number from 1. Empty when none matches.
+std::string MatchButton(const Question& question, std::string_view text);
+
+}  // namespace tavrix

@@ -1,0 +1,409 @@
+#include "sequencer/sequencer.h"
+
+#include <cmath>
+
+#include "common/text_conventions.h"
+
+namespace tavrix {
+
+namespace {
+
+constexpr Micros kSecondsTimerInterval = kMicrosPerSecond;
+constexpr std::string_view kCloseQuestionTitle = "Corvane Test Sequence";
+constexpr std::string_view kCloseQuestionText =
+    "This application should not be  stopped\rDo you want to stop it ?";
+constexpr std::string_view kLineCountOverflowText =
+    "Line count overflow - a sequence file can hold at most 32767 lines";
+constexpr std::string_view kWaitCannotEndText =
+    "Wait can never end - nothing is left that could end it";
+
+}  // namespace
+
+const char* EndReasonName(EndReason reason) {
+  switch (reason) {
+    case EndReason::kEndOfFile: return "eof";
+    case EndReason::kStop: return "stop";
+    case EndReason::kError: return "error";
+    case EndReason::kAbort: return "abort";
+    case EndReason::kNone: break;
+  }
+  return "none";
+}
+
+Sequencer::Sequencer(EventLoop& events, Operator& op, Trace& trace)
+    : events_(events),
+      operator_(op),
+      trace_(trace),
+      secondsTimer_(events, kSecondsTimerInterval, [this] { secondsTick(); }) {}
+
+Sequencer::~Sequencer() = default;
+
+// --- The sequence file -----------------------------------------------------
+
+bool Sequencer::prepareFile(const std::string& path, std::string* error) {
+  std::string name(trimRight(path));
+  if (!file_.open(name, error)) return false;
+  file_.close();
+  defines_.clear();
+  for (auto& hook : prepareHooks_) hook();
+  fileName_ = name;
+  operator_.showDataFileSpec(fileName_);
+  controls_.runEnabled = true;
+  controls_.stepEnabled = false;
+  controls_.singleStepEnabled = true;
+  flags_.singleStepHold = true;
+  flags_.running = false;
+  publishControls();
+  setStatus(kStatusReady);
+  return true;
+}
+
+void Sequencer::chooseSequenceFile() {
+  FileDialog dialog;
+  dialog.title = "Load Test Sequence File";
+  dialog.defaultExtension = "wts";
+  dialog.fileName = "*.wts";
+  dialog.filter = "TavrixSequence files (*.wts)|*.wts";
+  const auto chosen = operator_.chooseFile(dialog);
+  if (!chosen) return;
+  std::string error;
+  if (!prepareFile(*chosen, &error)) showMessage(error);
+}
+
+bool Sequencer::readNextLine(std::string& line) {
+  if (!file_.readLine(line)) return false;
+  if (lineNumber_ == INT16_MAX) {
+    // The counter is 16 bits wide: a further line cannot be counted.
+    reportSequenceError(kLineCountOverflowText);
+    return false;
+  }
+  ++lineNumber_;
+  return true;
+}
+
+bool Sequencer::searchLabel(std::string_view label) {
+  const std::string name(trim(label));
+  const std::string target = upperCase(name) + ":";
+  lineNumber_ = 0;
+  file_.close();
+  std::string error;
+  if (!file_.open(fileName_, &error)) {
+    reportSequenceError(error);
+    return false;
+  }
+  const auto index = file_.findLineContaining(target);
+  if (index && *index >= static_cast<size_t>(INT16_MAX)) {
+    file_.skipPast(static_cast<size_t>(INT16_MAX) - 1);
+    lineNumber_ = INT16_MAX;
+    reportSequenceError(kLineCountOverflowText);
+    return false;
+  }
+  if (!index) {
+    // Read to the end without a match: the file is left at its end.
+    file_.skipToEnd();
+    lineNumber_ = static_cast<int16_t>(std::min<size_t>(file_.linesRead(), INT16_MAX));
+    reportSequenceError("Label " + name + ": does not exist");
+    return false;
+  }
+  file_.skipPast(*index);
+  lineNumber_ = static_cast<int16_t>(*index + 1);
+  return true;
+}
+
+// --- The run loop ----------------------------------------------------------
+
+void Sequencer::runLoop() {
+  flags_.jumpPending = false;
+  flags_.timeoutPending = false;
+  endReason_ = EndReason::kNone;
+  lastError_.clear();
+  std::string error;
+  const bool opened = file_.open(fileName_, &error);
+  flags_.running = true;
+  flags_.endRequested = false;
+  flags_.stopRequested = false;
+  flags_.mustNotBeStopped = false;
+  lineNumber_ = 0;
+  if (!opened) reportSequenceError(error);
+
+  std::string line;
+  while (!file_.atEnd() && !flags_.stopRequested && !flags_.endRequested) {
+    if (flags_.jumpPending) {
+      searchLabel(jumpTarget);
+      flags_.jumpPending = false;
+    }
+    if (flags_.timeoutPending) {
+      if (jumpTargetIsDefine && onExecuteDefine) {
+        onExecuteDefine(*this, jumpTarget);
+      } else {
+        searchLabel(jumpTarget);
+      }
+      flags_.timeoutPending = false;
+    }
+    // A failed search leaves the file at its end, or asks the run to end.
+    if (flags_.endRequested || file_.atEnd()) break;
+    if (!readNextLine(line)) break;
+    if (!flags_.stopRequested) dispatchLine(line);
+  }
+
+  if (!flags_.stopRequested) {
+    if (endReason_ == EndReason::kNone) endReason_ = EndReason::kEndOfFile;
+    pressStop();
+  } else if (endReason_ == EndReason::kNone) {
+    endReason_ = EndReason::kAbort;
+  }
+  controls_.singleStepTicked = false;
+  publishControls();
+  secondsTimer_.setEnabled(false);
+  file_.close();
+  flags_.running = false;
+}
+
+void Sequencer::dispatchLine(std::string& line) {
+  if (!line.empty() && line[0] == '\n') line.erase(0, 1);
+  if (!line.empty() && line[0] == '\t') line.erase(0, 1);
+  const size_t blanks = line.find_first_not_of(' ');
+  line.erase(0, blanks == std::string::npos ? line.size() : blanks);
+
+  showCurrentCommand(line);
+  if (trace_.enabled()) trace_.event("line").field("n", lineNumber_).field("text", line);
+  events_.processPendingEvents();
+
+  if (flags_.singleStepMode) {
+    waitUntil([this] { return !flags_.singleStepHold || !flags_.singleStepMode; });
+    flags_.singleStepHold = true;
+  }
+
+  const CommandLine command = SplitCommandLine(line);
+  events_.processPendingEvents();
+  dispatcher_.run(*this, command);
+}
+
+// --- Buttons -----------------------------------------------------------------
+
+void Sequencer::pressRun() {
+  if (flags_.running) {
+    if (flags_.singleStepMode) {
+      // A stepped run goes on freely from the current line.
+      controls_.singleStepTicked = false;
+      flags_.singleStepHold = false;
+      flags_.singleStepMode = false;
+      publishControls();
+    }
+    return;
+  }
+  if (fileName_.empty()) return;
+  controls_.singleStepEnabled = false;
+  controls_.stepEnabled = false;
+  controls_.runEnabled = false;
+  flags_.stopRequested = false;
+  controls_.stopEnabled = true;
+  controls_.fileMenuEnabled = false;
+  publishControls();
+  setStatus(kStatusRunning);
+  flags_.singleStepHold = false;
+  runLoop();
+}
+
+void Sequencer::setSingleStepBox(bool ticked) {
+  controls_.singleStepTicked = ticked;
+  if (!ticked || flags_.running || fileName_.empty()) {
+    publishControls();
+    return;
+  }
+  flags_.singleStepMode = true;
+  controls_.stopEnabled = true;
+  controls_.runEnabled = true;
+  controls_.stepEnabled = true;
+  controls_.skipEnabled = true;
+  publishControls();
+  flags_.singleStepHold = true;
+  events_.processPendingEvents();
+  runLoop();
+  flags_.singleStepMode = false;
+  controls_.runEnabled = true;
+  controls_.stopEnabled = false;
+  controls_.stepEnabled = false;
+  controls_.skipEnabled = false;
+  publishControls();
+}
+
+void Sequencer::pressStep() {
+  flags_.stepExecute = true;
+  flags_.singleStepHold = false;
+  events_.processPendingEvents();
+}
+
+void Sequencer::pressSkip() {
+  flags_.singleStepHold = false;
+  flags_.stepExecute = false;
+}
+
+void Sequencer::pressStop() {
+  flags_.jumpPending = true;
+  controls_.runEnabled = true;
+  controls_.stopEnabled = false;
+  controls_.skipEnabled = false;
+  controls_.stepEnabled = false;
+  controls_.singleStepEnabled = true;
+  if (flags_.singleStepMode) controls_.singleStepTicked = false;
+  flags_.stopRequested = true;
+  setStatus(kStatusStopped);
+  controls_.fileMenuEnabled = true;
+  publishControls();
+  flags_.singleStepHold = false;
+  flags_.stepExecute = false;
+  secondsTimer_.setEnabled(false);
+  for (auto& hook : stopHooks_) hook();
+}
+
+void Sequencer::requestEnd(EndReason reason) {
+  flags_.endRequested = true;
+  if (endReason_ == EndReason::kNone) endReason_ = reason;
+}
+
+void Sequencer::requestAbort() {
+  if (endReason_ == EndReason::kNone) endReason_ = EndReason::kAbort;
+  pressStop();
+}
+
+bool Sequencer::closeRequest() {
+  if (!flags_.mustNotBeStopped) return true;
+  Question question;
+  question.kind = "QUESTION";
+  question.title = kCloseQuestionTitle;
+  question.text = kCloseQuestionText;
+  question.buttons = {"Yes", "No", "Cancel"};
+  const Answer answer = ask(question);
+  return answer && *answer == "Yes";
+}
+
+void Sequencer::startUp(std::string_view commandLine) {
+  std::string name;
+  const std::string_view rest = trimLeft(commandLine);
+  if (!rest.empty() && rest[0] == '"') {
+    const size_t close = rest.find('"', 1);
+    name = rest.substr(1, close == std::string_view::npos ? std::string_view::npos : close - 1);
+  } else {
+    name = rest;
+    const std::string upper = upperCase(name);
+    const size_t flag = upper.rfind(" /A");
+    if (flag != std::string::npos && trim(upper.substr(flag + 3)).empty()) name.erase(flag);
+  }
+  name = std::string(trim(name));
+  if (!name.empty()) {
+    std::string error;
+    if (!prepareFile(name, &error)) showMessage(error);
+  }
+  if (upperCase(commandLine).find(" /A") != std::string::npos && !fileName_.empty()) {
+    flags_.autoStartPending = true;
+    secondsTimer_.setEnabled(true);
+  }
+}
+
+// --- The seconds timer -------------------------------------------------------
+
+void Sequencer::secondsTick() {
+  if (flags_.autoStartPending) {
+    flags_.autoStartPending = false;
+    secondsTimer_.setEnabled(false);
+    // Pressed from outside the tick, so that the timer runs during the run.
+    events_.post([this] { pressRun(); });
+    return;
+  }
+  if (!deadline_) return;
+  const Micros left = *deadline_ - events_.now();
+  timeoutSeconds_ = static_cast<int32_t>(std::floor(static_cast<double>(left) / kMicrosPerSecond));
+  operator_.showTimeout(timeoutSeconds_);
+  if (timeoutSeconds_ < 0) flags_.timeoutExpired = true;
+}
+
+void Sequencer::setTimeoutDeadline(Micros deadline) {
+  deadline_ = deadline;
+  flags_.timeoutExpired = false;
+  secondsTimer_.setEnabled(true);
+}
+
+// --- Services ------------------------------------------------------------------
+
+void Sequencer::reportSequenceError(std::string_view text) {
+  const std::string message = "Sequence file: " + fileName_ + "\rError on line:" +
+                              numberText(lineNumber_) + "\r" + std::string(text);
+  lastError_ = text;
+  if (trace_.enabled()) {
+    auto event = trace_.event("message");
+    event.field("title", kErrorTitle).field("text", message);
+    if (errorDisplayOff) event.field("shown", false);
+  }
+  if (!errorDisplayOff) operator_.showMessage(kErrorTitle, message);
+  requestEnd(EndReason::kError);
+}
+
+void Sequencer::showMessage(std::string_view text) {
+  if (trace_.enabled()) trace_.event("message").field("title", kErrorTitle).field("text", text);
+  operator_.showMessage(kErrorTitle, text);
+}
+
+bool Sequencer::waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn) {
+  if (events_.waitUntil(done, eachTurn)) return true;
+  reportSequenceError(kWaitCannotEndText);
+  return false;
+}
+
+Answer Sequencer::ask(const Question& question) {
+  auto result = std::make_shared<std::optional<Answer>>();
+  EventLoop& loop = events_;
+  {
+    std::optional<EventLoop::OutsideWait> person;
+    if (operator_.isPerson()) person.emplace(events_);
+    operator_.ask(question, [&loop, result](Answer answer) {
+      loop.post([result, answer] { *result = answer; });
+    });
+    waitUntil([&] { return result->has_value(); });
+  }
+  const Answer answer = result->value_or(std::nullopt);
+  if (trace_.enabled()) {
+    auto event = trace_.event("prompt");
+    event.field("kind", question.kind).field("text", question.text);
+    if (answer) {
+      event.field("answer", *answer);
+    } else {
+      event.field("answer", std::nullopt);
+    }
+  }
+  if (!answer && result->has_value()) {
+    reportSequenceError("No answer to the " + question.kind + " question \"" + question.text +
+                        "\" - " + operator_.unansweredReason());
+  }
+  return answer;
+}
+
+void Sequencer::examineDefineTable() {
+  if (onExamineDefines) onExamineDefines(*this);
+}
+
+void Sequencer::addDefine(DefineEntry entry) {
+  if (trimRight(entry.first).empty()) {
+    defines_.assign(1, DefineEntry{});
+    return;
+  }
+  defines_.push_back(std::move(entry));
+}
+
+void Sequencer::setStopEnabled(bool enabled) {
+  controls_.stopEnabled = enabled;
+  publishControls();
+}
+
+void Sequencer::showCurrentCommand(std::string_view text) { operator_.showCurrentCommand(text); }
+
+void Sequencer::setStatus(std::string_view status) {
+  if (status == currentStatus_) return;
+  currentStatus_ = status;
+  operator_.showRunStatus(status);
+  if (trace_.enabled()) trace_.event("status").field("text", status);
+}
+
+void Sequencer::publishControls() { operator_.showControls(controls_); }
+
+}  // namespace tavrix

@@ -1,0 +1,126 @@
+// WAITSECONDS with its delay timer, STARTTIMECOUNT and AFTERTIMECOUNT.
+//
+// The delay timer ticks once a second, to refresh the count-down shown in
+// the command display, and once more just after the wait's due instant, so a
+// wait ends on time without the engine waking more often than that.
+
+#include <cmath>
+#include <memory>
+
+#include "common/text_conventions.h"
+#include "sequencer/core_commands.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+namespace {
+
+constexpr Micros kDelayTimerInterval = kMicrosPerSecond;
+
+struct WaitState {
+  explicit WaitState(EventLoop& loop) : delayTimer(loop, kDelayTimerInterval, [this] { delayTick(); }) {}
+
+  // The delay timer's tick: the wait ends once strictly more than its length
+  // has passed; a start before midnight is moved back a day.
+  void delayTick() {
+    const Micros now = delayTimer.loop().now();
+    const double present = secondsSinceMidnight(now);
+    if (present < waitStart) waitStart -= 86400;
+    if (present - waitStart > waitLength) {
+      delayRunning = false;
+      delayTimer.setEnabled(false);
+      return;
+    }
+    armDelayTimer(now);
+  }
+
+  void armDelayTimer(Micros now) {
+    delayTimer.setDue(std::min(now + kDelayTimerInterval, due));
+  }
+
+  Timer delayTimer;
+  double waitStart = 0;   // seconds since midnight
+  double waitLength = 0;  // seconds
+  Micros due = 0;         // the first instant at which the wait is over
+  bool delayRunning = false;
+  Micros timeCountStart = 0;  // 0 when no count is running
+};
+
+void WaitSeconds(WaitState& state, Sequencer& seq, const CommandLine& cmd) {
+  const Micros start = seq.clock().now();
+  state.waitStart = secondsSinceMidnight(start);
+  state.waitLength = leadingNumber(cmd.arg1);
+  if (!(state.waitLength > 0)) {
+    seq.reportSequenceError("Invalid parameter - " + cmd.arg1 + " - for a WaitSeconds statement");
+    return;
+  }
+  const bool secondsTimerWasOn = seq.secondsTimerEnabled();
+  if (secondsTimerWasOn) seq.setSecondsTimerEnabled(false);
+
+  state.due = start + static_cast<Micros>(std::ceil(state.waitLength * kMicrosPerSecond)) + 1;
+  state.armDelayTimer(start);
+  state.delayRunning = true;
+  const RunFlags& flags = seq.flags();
+  seq.waitUntil(
+      [&] { return !state.delayRunning || flags.jumpPending || flags.timeoutPending; },
+      [&] {
+        seq.examineDefineTable();
+        const double passed = static_cast<double>(seq.clock().now() - start) / kMicrosPerSecond;
+        seq.showCurrentCommand("waitseconds " + formatNumber(state.waitLength - passed, "#0.00"));
+      });
+  state.delayRunning = false;
+  state.delayTimer.setEnabled(false);
+  if (secondsTimerWasOn) seq.setSecondsTimerEnabled(true);
+}
+
+void StartTimeCount(WaitState& state, Sequencer& seq, const CommandLine&) {
+  state.timeCountStart = seq.clock().now();
+}
+
+void AfterTimeCount(WaitState& state, Sequencer& seq, const CommandLine& cmd) {
+  if (state.timeCountStart == 0) {
+    seq.reportSequenceError("AfterTimeCount - a StartTimeCount command has not been executed");
+    return;
+  }
+  const std::string units = upperCase(cmd.arg2);
+  int64_t unit;
+  if (units == "SECONDS") {
+    unit = 1;
+  } else if (units == "MINUTES") {
+    unit = 60;
+  } else if (units == "HOURS") {
+    unit = 3600;
+  } else if (units == "DAYS") {
+    unit = 86400;
+  } else {
+    seq.reportSequenceError("AfterTimeCount - unrecognised units: " + cmd.arg2);
+    return;
+  }
+  const double number = leadingNumber(cmd.arg1);
+  if (!(number > 0)) {
+    seq.reportSequenceError("AfterTimeCount - invalid number of units: " + cmd.arg1);
+    return;
+  }
+  const int64_t elapsed = (seq.clock().now() - state.timeCountStart) / kMicrosPerSecond;
+  if (static_cast<double>(elapsed / unit) >= number) {
+    state.timeCountStart = 0;
+    seq.searchLabel(cmd.arg3);
+  }
+}
+
+}  // namespace
+
+void RegisterWaitCommands(Sequencer& seq) {
+  auto state = std::make_shared<WaitState>(seq.events());
+  auto bind = [state](void (*handler)(WaitState&, Sequencer&, const CommandLine&)) {
+    return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
+  };
+  auto& d = seq.dispatcher();
+  d.registerHandler("WAITSECONDS", bind(WaitSeconds));
+  d.registerHandler("STARTTIMECOUNT", bind(StartTimeCount));
+  d.registerHandler("AFTERTIMECOUNT", bind(AfterTimeCount));
+  seq.addPrepareHook([state] { state->timeCountStart = 0; });
+  seq.addStopHook([state] { state->delayTimer.setEnabled(false); });
+}
+
+}  // namespace tavrix
