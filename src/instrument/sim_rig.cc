@@ -296,6 +296,8 @@ void RigModel::advance(Micros now) {
 }
 
 double RigModel::reading(const SimChannel& channel, Micros now) {
+  const double raw = channel.follow.empty() || channel.lag > 0 ? channel.value
+                                                                 : followTarget(channel);
   double noise = 0;
   if (channel.jitter != 0) {
     const uint64_t seed = mix(static_cast<uint64_t>(channel.device) * 10000 + channel.number) ^
@@ -303,7 +305,7 @@ double RigModel::reading(const SimChannel& channel, Micros now) {
     const double unit = static_cast<double>(mix(seed) >> 11) / static_cast<double>(1ULL << 53);
     noise = channel.jitter * (2 * unit - 1);
   }
-  return channel.value + noise + channel.offset;
+  return raw + noise + channel.offset;
 }
 
 std::string RigModel::fail(DeviceState& state, int code, std::string_view text) {
@@ -317,6 +319,10 @@ bool RigModel::define(SimChannel& channel, std::string_view settings) {
     if (!applySetting(changed, token).empty()) return false;
   }
   if (!changed.follow.empty() && findAnyDevice(changed.follow) == nullptr) return false;
+  // A channel that starts to follow another starts where that one stands.
+  if (!changed.follow.empty() && changed.follow != channel.follow) {
+    changed.value = followTarget(changed);
+  }
   channel = std::move(changed);
   if (!channel.follow.empty()) anyFollow_ = true;
   return true;
