@@ -1,1 +1,120 @@
+#include "run_command.h"
+
 #include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace tavrix {
+namespace {
+
+// Drives `tavrix-cli` in-process, on temporary files.
+class CliTest : public ::testing::Test {
+ protected:
+  CliTest() {
+    char dir[] = "/tmp/clitestXXXXXX";
+    dir_ = mkdtemp(dir);
+  }
+  ~CliTest() override { std::system(("rm -rf " + dir_).c_str()); }
+
+  std::string File(const std::string& name, const std::string& text) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+  }
+
+  int Cli(std::vector<std::string> args) {
+    args.insert(args.begin(), "tavrix-cli");
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
+    const int status = TavrixCliMain(args, nullptr, out, err);
+    out_ = Slurp(out);
+    err_ = Slurp(err);
+    return status;
+  }
+
+  static std::string Slurp(std::FILE* f) {
+    std::rewind(f);
+    std::string text;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+    return text;
+  }
+
+  std::vector<std::string> TraceLines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(out_);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+
+  std::string dir_;
+  std::string out_;
+  std::string err_;
+};
+
+TEST_F(CliTest, TraceOfAVirtualTimeRun) {
+  const std::string seq = File("a.wts", "WAITSECONDS 3600\r\nENTEROKCANCEL Hot?\rok?, OUT\r\nOUT:\r\n");
+  const std::string answers = File("a.ans", "# the operator\n\nENTEROKCANCEL: Cancel\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--start", "2026-03-01 12:00:00", "--answers", answers,
+                 "--trace", "-", seq}),
+            kExitOk);
+  const std::vector<std::string> expected = {
+      R"({"t":0.000,"ev":"status","text":"Ready"})",
+      R"({"t":0.000,"ev":"status","text":"Running"})",
+      R"({"t":0.000,"ev":"line","n":1,"text":"WAITSECONDS 3600"})",
+      R"({"t":3600.000,"ev":"line","n":2,"text":"ENTEROKCANCEL Hot?"})",
+      // A carriage return ends a line: "ok?, OUT" is a line of its own, so
+      // Cancel searches the empty label ":" and lands behind "OUT:".
+      R"({"t":3600.000,"ev":"prompt","kind":"ENTEROKCANCEL","text":"Hot?","answer":"Cancel"})",
+      R"({"t":3600.000,"ev":"status","text":"Stopped"})",
+      R"({"t":3600.000,"ev":"end","reason":"eof","code":0})",
+  };
+  EXPECT_EQ(TraceLines(), expected);
+}
+
+TEST_F(CliTest, ExitStatusTellsHowTheRunEnded) {
+  EXPECT_EQ(Cli({"run", "--virtual-time", File("stop.wts", "STOP\r\nWAITSECONDS 0\r\n")}), kExitOk);
+  const std::string bad = File("bad.wts", "WAITSECONDS 1\r\nGOTO NOWHERE\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", bad}), kExitSequenceError);
+  EXPECT_NE(err_.find("Error on line: 2\nLabel NOWHERE: does not exist"), std::string::npos) << err_;
+  EXPECT_NE(out_.find(R"("ev":"message","title":"CV-TAVRIX","text":"Sequence file: )" + bad +
+                      R"(\rError on line: 2\rLabel NOWHERE: does not exist"})"),
+            std::string::npos)
+      << out_;
+  EXPECT_NE(out_.find(R"("ev":"end","reason":"error","code":1})"), std::string::npos);
+  // A question with no answer: a clear message, status 1, no hang.
+  EXPECT_EQ(Cli({"run", "--virtual-time", File("q.wts", "CONTINUEOK Ready?\r\n")}), kExitSequenceError);
+  EXPECT_NE(err_.find("No answer to the CONTINUEOK question"), std::string::npos) << err_;
+  const std::string wrong = File("wrong.ans", "ENTEROKCANCEL: Maybe\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--answers", wrong, File("e.wts", "ENTEROKCANCEL Go?, X\r\n")}),
+            kExitSequenceError);
+  EXPECT_NE(err_.find("none of its buttons (OK, Cancel)"), std::string::npos) << err_;
+}
+
+TEST_F(CliTest, BadUsageAndUnreadableFilesExitWithTwo) {
+  EXPECT_EQ(Cli({"run", dir_ + "/missing.wts"}), kExitUsage);
+  EXPECT_NE(err_.find("missing.wts"), std::string::npos);
+  EXPECT_EQ(Cli({"run", File("nul.wts", std::string("STOP\r\n\0\0\0", 9))}), kExitUsage);
+  EXPECT_NE(err_.find("not a text file"), std::string::npos);
+  EXPECT_EQ(Cli({"run", dir_}), kExitUsage);
+  EXPECT_EQ(Cli({"run"}), kExitUsage);
+  EXPECT_EQ(Cli({"fly"}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--start", "2026-02-30 10:00:00", File("s.wts", "")}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--answers", dir_ + "/none.ans", File("t.wts", "")}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--trace", dir_ + "/no/such/dir/t.jsonl", File("u.wts", "")}), kExitUsage);
+}
+
+TEST_F(CliTest, AFileOfOverThirtyTwoThousandLinesEndsWithAClearError) {
+  std::string text;
+  for (int i = 0; i < 40000; ++i) text += "REM line\r\n";
+  EXPECT_EQ(Cli({"run", "--virtual-time", File("long.wts", text)}), kExitSequenceError);
+  EXPECT_NE(err_.find("Error on line: 32767\nLine count overflow"), std::string::npos) << err_;
+}
+
+}  // namespace
+}  // namespace tavrix

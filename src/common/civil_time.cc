@@ -64,19 +64,34 @@ double secondsSinceMidnight(Micros t) {
 }
 
 std::optional<Micros> parseDateTime(std::string_view text) {
+  // Strict: every character must belong to the pattern, so "10:20x" or a
+  // missing field is refused rather than read in part.
+  size_t i = 0;
+  auto number = [&](size_t maxDigits, int& out) {
+    const size_t start = i;
+    out = 0;
+    while (i < text.size() && i - start < maxDigits && text[i] >= '0' && text[i] <= '9') {
+      out = out * 10 + (text[i++] - '0');
+    }
+    return i > start;
+  };
+  auto literal = [&](char c) {
+    if (i >= text.size() || text[i] != c) return false;
+    ++i;
+    return true;
+  };
+  while (i < text.size() && text[i] == ' ') ++i;
   CivilTime c;
-  char tail = 0;
-  const std::string s(text);
-  int n = std::sscanf(s.c_str(), "%d-%d-%d %d:%d:%d%c", &c.year, &c.month, &c.day, &c.hour,
-                      &c.minute, &c.second, &tail);
-  if (n == 5) {
-    c.second = 0;
-  } else if (n != 6) {
+  if (!number(4, c.year) || !literal('-') || !number(2, c.month) || !literal('-') ||
+      !number(2, c.day) || !literal(' ') || !number(2, c.hour) || !literal(':') ||
+      !number(2, c.minute)) {
     return std::nullopt;
   }
-  if (c.month < 1 || c.month > 12 || c.day < 1 || c.day > 31 || c.hour < 0 || c.hour > 23 ||
-      c.minute < 0 || c.minute > 59 || c.second < 0 || c.second > 59 || c.year < 1 ||
-      c.year > 9999) {
+  if (literal(':') && !number(2, c.second)) return std::nullopt;
+  while (i < text.size() && text[i] == ' ') ++i;
+  if (i != text.size()) return std::nullopt;
+  if (c.month < 1 || c.month > 12 || c.day < 1 || c.day > 31 || c.hour > 23 || c.minute > 59 ||
+      c.second > 59 || c.year < 1) {
     return std::nullopt;
   }
   const Micros t = fromCivil(c);
@@ -100,7 +115,17 @@ std::string formatDate(Micros t, std::string_view pattern) {
   for (char ch : pattern) p += static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
   size_t i = 0;
   auto starts = [&](std::string_view token) { return p.compare(i, token.size(), token) == 0; };
+  // "mm" means minutes after an hour or before seconds, with any separators
+  // between ("hhmm", "hh:mm", "mm:ss"), and the month otherwise.
+  bool afterHour = false;
+  auto beforeSeconds = [&] {
+    size_t j = i + 2;
+    while (j < p.size() && !std::isalpha(static_cast<unsigned char>(p[j]))) ++j;
+    return p.compare(j, 2, "ss") == 0;
+  };
   while (i < p.size()) {
+    const bool hourBefore = afterHour;
+    if (std::isalpha(static_cast<unsigned char>(p[i]))) afterHour = starts("hh");
     if (starts("yyyy")) {
       char buf[8];
       std::snprintf(buf, sizeof buf, "%04d", c.year);
@@ -110,8 +135,7 @@ std::string formatDate(Micros t, std::string_view pattern) {
       out += twoDigits(c.year);
       i += 2;
     } else if (starts("mm")) {
-      // "mm" after an hour is minutes, otherwise the month.
-      const bool minutes = i >= 2 && p.compare(i - 2, 2, "hh") == 0;
+      const bool minutes = hourBefore || beforeSeconds();
       out += twoDigits(minutes ? c.minute : c.month);
       i += 2;
     } else if (starts("dd")) {

@@ -36,7 +36,10 @@ void EventLoop::fireDueTimers() {
   for (auto& [id, timer] : timers_) {
     if (timer->enabled && !timer->ticking && timer->due <= now) due.push_back(timer);
   }
-  std::sort(due.begin(), due.end(), [](const auto& a, const auto& b) { return a->due < b->due; });
+  // Timers due at the same instant tick in the order they were made, so
+  // runs repeat exactly.
+  std::stable_sort(due.begin(), due.end(),
+                   [](const auto& a, const auto& b) { return a->due < b->due; });
   for (auto& timer : due) {
     if (!timer->enabled || timer->ticking || timer->due > now) continue;
     // Keep the cadence; skip whole intervals that were missed.
@@ -58,7 +61,8 @@ Micros EventLoop::nextDue() const {
   return next;
 }
 
-bool EventLoop::waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn) {
+bool EventLoop::waitUntil(const std::function<bool()>& done,
+                          const std::function<void()>& eachTurn) {
   for (;;) {
     processPendingEvents();
     if (done()) return true;
@@ -70,9 +74,12 @@ bool EventLoop::waitUntil(const std::function<bool()>& done, const std::function
     std::unique_lock<std::mutex> lock(mutex_);
     if (!tasks_.empty()) continue;
     const bool outside = outsideWaits_ > 0;
-    if (!clock_.idleUntil(due, cv_, lock, [this] { return !tasks_.empty(); }, outside)) {
-      return false;
-    }
+    // The end of the last outside wait also ends the idle wait, so that a
+    // virtual clock can move on to the next timer.
+    const auto woken = [this, outside] {
+      return !tasks_.empty() || (outsideWaits_ > 0) != outside;
+    };
+    if (!clock_.idleUntil(due, cv_, lock, woken, outside)) return false;
   }
 }
 
@@ -97,7 +104,14 @@ EventLoop::TimerId EventLoop::addTimer(Task tick) {
   return id;
 }
 
-void EventLoop::removeTimer(TimerId id) { timers_.erase(id); }
+void EventLoop::removeTimer(TimerId id) {
+  auto it = timers_.find(id);
+  if (it == timers_.end()) return;
+  // A tick in progress may still hold the state among the due timers; it
+  // must not tick once its owner is gone.
+  it->second->enabled = false;
+  timers_.erase(it);
+}
 
 void EventLoop::setTimerInterval(TimerId id, Micros interval) {
   auto it = timers_.find(id);

@@ -20,13 +20,15 @@ constexpr Micros kDelayTimerInterval = kMicrosPerSecond;
 struct WaitState {
   explicit WaitState(EventLoop& loop) : delayTimer(loop, kDelayTimerInterval, [this] { delayTick(); }) {}
 
-  // The delay timer's tick: the wait ends once strictly more than its length
-  // has passed; a start before midnight is moved back a day.
+  // The delay timer's tick: the wait ends once its length has passed; a
+  // start before midnight is moved back a day. The timer is armed for the
+  // due instant itself, so the wait ends exactly then rather than one timer
+  // interval later.
   void delayTick() {
     const Micros now = delayTimer.loop().now();
     const double present = secondsSinceMidnight(now);
     if (present < waitStart) waitStart -= 86400;
-    if (present - waitStart > waitLength) {
+    if (present - waitStart >= waitLength || now >= due) {
       delayRunning = false;
       delayTimer.setEnabled(false);
       return;
@@ -41,7 +43,7 @@ struct WaitState {
   Timer delayTimer;
   double waitStart = 0;   // seconds since midnight
   double waitLength = 0;  // seconds
-  Micros due = 0;         // the first instant at which the wait is over
+  Micros due = 0;         // the instant at which the wait is over
   bool delayRunning = false;
   Micros timeCountStart = 0;  // 0 when no count is running
 };
@@ -57,7 +59,7 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const CommandLine& cmd) {
   const bool secondsTimerWasOn = seq.secondsTimerEnabled();
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(false);
 
-  state.due = start + static_cast<Micros>(std::ceil(state.waitLength * kMicrosPerSecond)) + 1;
+  state.due = start + static_cast<Micros>(std::ceil(state.waitLength * kMicrosPerSecond));
   state.armDelayTimer(start);
   state.delayRunning = true;
   const RunFlags& flags = seq.flags();

@@ -1,0 +1,60 @@
+#include "common/paths.h"
+
+#include <cstdlib>
+
+namespace tavrix {
+
+namespace {
+
+char driveKey(char letter) {
+  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+bool isDriveLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+std::string nonEmptyEnv(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+}  // namespace
+
+void PathMap::setDrive(char letter, std::string folder) {
+  drives_[driveKey(letter)] = std::move(folder);
+}
+
+std::string PathMap::driveFolder(char letter) const {
+  const char key = driveKey(letter);
+  const auto it = drives_.find(key);
+  if (it != drives_.end()) return it->second;
+  return join(root_, std::string(1, key));
+}
+
+std::string PathMap::toLocal(std::string_view path) const {
+  std::string local(path);
+  for (char& c : local) {
+    if (c == '\\') c = '/';
+  }
+  if (local.size() < 2 || local[1] != ':' || !isDriveLetter(local[0])) return local;
+  std::string rest = local.substr(2);
+  while (!rest.empty() && rest.front() == '/') rest.erase(0, 1);
+  const std::string folder = driveFolder(local[0]);
+  return rest.empty() ? folder : join(folder, rest);
+}
+
+std::string join(std::string_view dir, std::string_view name) {
+  std::string out(dir);
+  if (!out.empty() && out.back() != '/' && !name.empty()) out += '/';
+  out += name;
+  return out;
+}
+
+std::string defaultDataRoot() {
+  const std::string home = nonEmptyEnv("TAVRIX_HOME");
+  if (!home.empty()) return home;
+  const std::string user = nonEmptyEnv("HOME");
+  if (!user.empty()) return join(user, ".tavrix");
+  return "/tmp/tavrix";
+}
+
+}  // namespace tavrix

@@ -1,0 +1,87 @@
+#include "common/paths.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+
+namespace tavrix {
+namespace {
+
+TEST(PathMap, MapsDrivesToLocalFolders) {
+  PathMap map("/srv/rig");
+  EXPECT_EQ(map.toLocal("c:\\corvane\\data\\RUN???.DAT"), "/srv/rig/c/corvane/data/RUN???.DAT");
+  EXPECT_EQ(map.toLocal("C:/corvane/setups"), "/srv/rig/c/corvane/setups");
+  EXPECT_EQ(map.toLocal("d:\\"), "/srv/rig/d");
+  EXPECT_EQ(map.toLocal("d:"), "/srv/rig/d");
+  // Relative to a drive's current folder: taken from the drive's folder.
+  EXPECT_EQ(map.toLocal("e:logs\\a.txt"), "/srv/rig/e/logs/a.txt");
+
+  map.setDrive('C', "/mnt/corvane-disk/");
+  EXPECT_EQ(map.driveFolder('c'), "/mnt/corvane-disk/");
+  EXPECT_EQ(map.toLocal("c:\\corvane\\data"), "/mnt/corvane-disk/corvane/data");
+  EXPECT_EQ(map.toLocal("D:\\x"), "/srv/rig/d/x");
+}
+
+TEST(PathMap, KeepsPathsWithoutADrive) {
+  const PathMap map("/srv/rig");
+  EXPECT_EQ(map.toLocal("data\\run1.dat"), "data/run1.dat");
+  EXPECT_EQ(map.toLocal("..\\setups\\a.txt"), "../setups/a.txt");
+  EXPECT_EQ(map.toLocal("/home/op/seq.wts"), "/home/op/seq.wts");
+  EXPECT_EQ(map.toLocal("\\corvane\\data"), "/corvane/data");
+  EXPECT_EQ(map.toLocal("a:b/../"), "/srv/rig/a/b/../");
+  EXPECT_EQ(map.toLocal("1:\\x"), "1:/x");
+  EXPECT_EQ(map.toLocal(""), "");
+}
+
+TEST(Join, PutsOneSeparatorBetween) {
+  EXPECT_EQ(join("/data", "run.dat"), "/data/run.dat");
+  EXPECT_EQ(join("/data/", "run.dat"), "/data/run.dat");
+  EXPECT_EQ(join("", "run.dat"), "run.dat");
+  EXPECT_EQ(join("/data", ""), "/data");
+}
+
+// Sets an environment variable for the life of the object and restores it.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value) {
+      setenv(name, value, 1);
+    } else {
+      unsetenv(name);
+    }
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      setenv(name_, old_->c_str(), 1);
+    } else {
+      unsetenv(name_);
+    }
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+TEST(DefaultDataRoot, PrefersTavrixHomeThenTheUsersHome) {
+  {
+    ScopedEnv tavrix("TAVRIX_HOME", "/opt/tavrix-data");
+    ScopedEnv home("HOME", "/home/op");
+    EXPECT_EQ(defaultDataRoot(), "/opt/tavrix-data");
+  }
+  {
+    ScopedEnv tavrix("TAVRIX_HOME", "");
+    ScopedEnv home("HOME", "/home/op");
+    EXPECT_EQ(defaultDataRoot(), "/home/op/.tavrix");
+  }
+  {
+    ScopedEnv tavrix("TAVRIX_HOME", nullptr);
+    ScopedEnv home("HOME", nullptr);
+    EXPECT_EQ(defaultDataRoot(), "/tmp/tavrix");
+  }
+}
+
+}  // namespace
+}  // namespace tavrix

@@ -1,0 +1,32 @@
+// Reading and writing whole text files. The files the sequencer writes end
+// their lines in CR LF, and a write never leaves a partial file behind: a
+// reader sees either the old contents or the new ones.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tavrix {
+
+// The line end of every file the sequencer writes.
+inline constexpr char kLineEnd[] = "\r\n";
+
+// Reads the whole file into `text`. On failure returns false and, when
+// `error` is given, sets it to a message naming the file and the reason.
+bool readTextFile(const std::string& path, std::string& text, std::string* error);
+
+// Replaces the file by `lines`, each followed by CR LF. The text goes to a
+// temporary file in the same folder, is flushed to the disk and then renamed
+// over `path`, so a failure leaves the old file (or no file) untouched. A new
+// file gets the permissions the process's umask allows; a replaced file
+// keeps its permissions.
+bool writeTextFileAtomically(const std::string& path, const std::vector<std::string>& lines,
+                             std::string* error);
+
+// Appends `lines`, each followed by CR LF, creating the file if needed. The
+// lines go out in one piece: if the write fails part-way the file is cut
+// back to its former length.
+bool appendLines(const std::string& path, const std::vector<std::string>& lines,
+                 std::string* error);
+
+}  // namespace tavrix

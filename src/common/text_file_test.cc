@@ -1,0 +1,123 @@
+#include "common/text_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+namespace tavrix {
+namespace {
+
+class TextFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = testing::TempDir() + "/textfile-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    std::filesystem::permissions(dir_, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add);
+    std::filesystem::remove_all(dir_);
+  }
+
+  std::string contents(const std::string& path) {
+    std::string text;
+    std::string error;
+    EXPECT_TRUE(readTextFile(path, text, &error)) << error;
+    return text;
+  }
+
+  std::vector<std::string> folderEntries(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
+
+  // A folder in which no file can be created. Root ignores the permission
+  // bits, so there a path below a regular file serves instead.
+  std::string unwritableFolder() {
+    const std::string folder = dir_ + "/locked";
+    if (geteuid() == 0) {
+      EXPECT_TRUE(writeTextFileAtomically(folder, {"not a folder"}, nullptr));
+      return folder;
+    }
+    std::filesystem::create_directory(folder);
+    chmod(folder.c_str(), 0555);
+    return folder;
+  }
+
+  std::string dir_;
+};
+
+TEST_F(TextFileTest, WritesLinesWithCrLfAndReplacesTheWholeFile) {
+  const std::string path = dir_ + "/results.txt";
+  std::string error;
+  ASSERT_TRUE(writeTextFileAtomically(path, {"a", "", "b c"}, &error)) << error;
+  EXPECT_EQ(contents(path), "a\r\n\r\nb c\r\n");
+
+  ASSERT_TRUE(writeTextFileAtomically(path, {"new"}, &error)) << error;
+  EXPECT_EQ(contents(path), "new\r\n");
+
+  ASSERT_TRUE(writeTextFileAtomically(path, {}, &error)) << error;
+  EXPECT_EQ(contents(path), "");
+  // No temporary file is left behind.
+  EXPECT_EQ(folderEntries(dir_), std::vector<std::string>{"results.txt"});
+}
+
+TEST_F(TextFileTest, ReplacingAFileKeepsItsPermissions) {
+  const std::string path = dir_ + "/setup.txt";
+  ASSERT_TRUE(writeTextFileAtomically(path, {"1"}, nullptr));
+  ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+  ASSERT_TRUE(writeTextFileAtomically(path, {"2"}, nullptr));
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u);
+}
+
+TEST_F(TextFileTest, AFailedWriteLeavesNoPartialFile) {
+  const std::string folder = unwritableFolder();
+  const std::string path = folder + "/results.txt";
+  std::string error;
+  EXPECT_FALSE(writeTextFileAtomically(path, {"x"}, &error));
+  EXPECT_NE(error.find(path), std::string::npos) << error;
+  EXPECT_FALSE(std::filesystem::exists(path));
+  if (std::filesystem::is_directory(folder)) {
+    EXPECT_TRUE(folderEntries(folder).empty());
+  }
+
+  // Replacing a file fails when it cannot be renamed over: the old
+  // contents stay and no temporary file remains.
+  const std::string target = dir_ + "/keep";
+  ASSERT_TRUE(std::filesystem::create_directory(target));
+  EXPECT_FALSE(writeTextFileAtomically(target, {"x"}, &error));
+  EXPECT_NE(error.find(target), std::string::npos) << error;
+  EXPECT_TRUE(std::filesystem::is_directory(target));
+  auto entries = folderEntries(dir_);
+  std::sort(entries.begin(), entries.end());
+  EXPECT_EQ(entries, (std::vector<std::string>{"keep", "locked"}));
+}
+
+TEST_F(TextFileTest, AppendsWholeLinesAndSaysWhyItCannot) {
+  const std::string path = dir_ + "/log.txt";
+  std::string error;
+  ASSERT_TRUE(appendLines(path, {"first"}, &error)) << error;
+  ASSERT_TRUE(appendLines(path, {"second", "third"}, &error)) << error;
+  ASSERT_TRUE(appendLines(path, {}, &error)) << error;
+  EXPECT_EQ(contents(path), "first\r\nsecond\r\nthird\r\n");
+
+  const std::string locked = unwritableFolder() + "/log.txt";
+  EXPECT_FALSE(appendLines(locked, {"x"}, &error));
+  EXPECT_NE(error.find("Cannot append to \"" + locked + "\""), std::string::npos) << error;
+  // The operating system's reason follows the name.
+  EXPECT_GT(error.size(), locked.size() + 22) << error;
+  EXPECT_FALSE(std::filesystem::exists(locked));
+}
+
+}  // namespace
+}  // namespace tavrix

@@ -1,0 +1,337 @@
+#include "crypto/tea.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <random>
+
+namespace tavrix {
+
+namespace {
+
+constexpr uint32_t kDelta = 0x9E3779B9u;
+constexpr uint32_t kDecipherSum = 0xC6EF3720u;  // kDelta * 32 modulo 2^32
+constexpr int kCycles = 32;
+constexpr size_t kBlock = 8;
+constexpr size_t kHeader = 12;
+// A frame's length minus its plaintext length lies in this range.
+constexpr int64_t kMinOverhead = 12;
+constexpr int64_t kMaxOverhead = 19;
+// The plaintext length is stored as a signed 32-bit value, and the frame
+// length must stay in that range too.
+constexpr size_t kMaxPlaintext = static_cast<size_t>(std::numeric_limits<int32_t>::max()) - 19;
+
+uint32_t loadBigEndian(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+         static_cast<uint32_t>(p[2]) << 8 | static_cast<uint32_t>(p[3]);
+}
+
+void storeBigEndian(uint8_t* p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v >> 24);
+  p[1] = static_cast<uint8_t>(v >> 16);
+  p[2] = static_cast<uint8_t>(v >> 8);
+  p[3] = static_cast<uint8_t>(v);
+}
+
+uint32_t loadLittleEndian(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+
+void storeLittleEndian(uint8_t* p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+  p[2] = static_cast<uint8_t>(v >> 16);
+  p[3] = static_cast<uint8_t>(v >> 24);
+}
+
+// Raises Progress as the block position passes each threshold: Percent is
+// the integer part of position / length x 100, and the next threshold the
+// integer part of (Percent + 1) / 100 x length, plus 1. Computed exactly in
+// integers, so that no percent is raised twice through rounding.
+class ProgressMeter {
+ public:
+  ProgressMeter(const std::function<void(int)>& progress, size_t length)
+      : progress_(progress), length_(length) {}
+
+  void at(size_t position) {
+    if (!progress_ || position < next_) return;
+    last_ = static_cast<int>(uint64_t{position} * 100 / length_);
+    next_ = (static_cast<uint64_t>(last_) + 1) * length_ / 100 + 1;
+    progress_(last_);
+  }
+
+  void finish() {
+    if (progress_ && last_ != 100) progress_(100);
+  }
+
+ private:
+  const std::function<void(int)>& progress_;
+  uint64_t length_;
+  uint64_t next_ = 0;
+  int last_ = -1;
+};
+
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+std::string toHex(const std::vector<uint8_t>& bytes) {
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (uint8_t b : bytes) {
+    text.push_back(kHexDigits[b >> 4]);
+    text.push_back(kHexDigits[b & 0x0F]);
+  }
+  return text;
+}
+
+int hexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// The value of "&H" followed by `pair`, converted as a leading number.
+uint8_t hexPairValue(std::string_view pair) {
+  unsigned value = 0;
+  for (char c : pair) {
+    if (c == ' ') continue;
+    const int digit = hexDigitValue(c);
+    if (digit < 0) break;
+    value = value * 16 + static_cast<unsigned>(digit);
+  }
+  return static_cast<uint8_t>(value);
+}
+
+std::vector<uint8_t> fromHex(std::string_view text) {
+  std::vector<uint8_t> bytes;
+  bytes.reserve((text.size() + 1) / 2);
+  for (size_t i = 0; i < text.size(); i += 2) bytes.push_back(hexPairValue(text.substr(i, 2)));
+  return bytes;
+}
+
+std::string describeErrno(int err) { return std::strerror(err); }
+
+// Reads a whole file. On failure returns false and a reason naming the path.
+bool readWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::string& reason) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) {
+    reason = "cannot open file " + path + ": " + describeErrno(errno);
+    return false;
+  }
+  bytes.clear();
+  uint8_t buffer[65536];
+  size_t got = 0;
+  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+    bytes.insert(bytes.end(), buffer, buffer + got);
+  }
+  const bool failed = std::ferror(file) != 0;
+  const int err = errno;
+  std::fclose(file);
+  if (failed) {
+    reason = "cannot read file " + path + ": " + describeErrno(err);
+    return false;
+  }
+  return true;
+}
+
+// Writes `bytes` to `path` through a temporary file in the same folder that
+// is renamed over `path` only when complete.
+bool writeFileSafely(const std::string& path, const std::vector<uint8_t>& bytes,
+                     std::string& reason) {
+  static std::atomic<uint32_t> counter{0};
+  std::random_device entropy;
+  std::string temp;
+  std::FILE* file = nullptr;
+  int err = 0;
+  for (int attempt = 0; attempt < 16 && file == nullptr; ++attempt) {
+    char suffix[40];
+    std::snprintf(suffix, sizeof suffix, ".%08x%04x.tmp", entropy(),
+                  static_cast<unsigned>(++counter & 0xFFFFu));
+    temp = path + suffix;
+    file = std::fopen(temp.c_str(), "wbx");
+    err = errno;
+    if (file == nullptr && err != EEXIST) break;
+  }
+  if (file == nullptr) {
+    reason = "cannot write file " + path + ": " + describeErrno(err);
+    return false;
+  }
+  bool ok = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  err = errno;
+  if (std::fclose(file) != 0 && ok) {
+    ok = false;
+    err = errno;
+  }
+  std::error_code ec;
+  if (ok) {
+    std::filesystem::rename(temp, path, ec);
+    if (!ec) return true;
+    reason = "cannot write file " + path + ": " + ec.message();
+  } else {
+    reason = "cannot write file " + path + ": " + describeErrno(err);
+  }
+  std::filesystem::remove(temp, ec);
+  return false;
+}
+
+}  // namespace
+
+TeaKey teaKeyFromText(std::string_view text) {
+  uint8_t bytes[16] = {};
+  for (size_t i = 0; i < text.size() && i < sizeof bytes; ++i) {
+    bytes[i] = static_cast<uint8_t>(text[i]);
+  }
+  return {loadBigEndian(bytes), loadBigEndian(bytes + 4), loadBigEndian(bytes + 8),
+          loadBigEndian(bytes + 12)};
+}
+
+void teaEncipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
+  uint32_t sum = 0;
+  for (int i = 0; i < kCycles; ++i) {
+    sum += kDelta;
+    y += ((z << 4) + k[0]) ^ (z + sum) ^ ((z >> 5) + k[1]);
+    z += ((y << 4) + k[2]) ^ (y + sum) ^ ((y >> 5) + k[3]);
+  }
+}
+
+void teaDecipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
+  uint32_t sum = kDecipherSum;
+  for (int i = 0; i < kCycles; ++i) {
+    z -= ((y << 4) + k[2]) ^ (y + sum) ^ ((y >> 5) + k[3]);
+    y -= ((z << 4) + k[0]) ^ (z + sum) ^ ((z >> 5) + k[1]);
+    sum -= kDelta;
+  }
+}
+
+clsTEA::clsTEA() = default;
+
+clsTEA::clsTEA(RandomSource random) : random_(std::move(random)) {}
+
+void clsTEA::Key(std::string_view text) { key_ = teaKeyFromText(text); }
+
+bool clsTEA::fail(uint32_t number, std::string description) {
+  error_.number = number;
+  error_.description = std::move(description);
+  return false;
+}
+
+uint32_t clsTEA::randomWord() {
+  double r;
+  if (random_) {
+    r = random_();
+  } else {
+    // Re-seeded from the clock for every frame; the count keeps two frames
+    // made within one clock tick apart.
+    const auto ticks = std::chrono::system_clock::now().time_since_epoch().count();
+    std::seed_seq seed{static_cast<uint32_t>(ticks), static_cast<uint32_t>(ticks >> 32),
+                       static_cast<uint32_t>(++encryptions_)};
+    std::mt19937 generator(seed);
+    r = std::uniform_real_distribution<double>(0.0, 1.0)(generator);
+  }
+  if (!(r >= 0.0)) r = 0.0;
+  if (r >= 1.0) r = std::nextafter(1.0, 0.0);
+  return static_cast<uint32_t>(std::floor(r * 2147483647.0));
+}
+
+void clsTEA::cipherBlocks(std::vector<uint8_t>& data, bool encipher, bool reportProgress) {
+  static const std::function<void(int)> kSilent;
+  ProgressMeter meter(reportProgress ? Progress : kSilent, data.size());
+  for (size_t pos = 0; pos + kBlock <= data.size(); pos += kBlock) {
+    meter.at(pos);
+    uint8_t* block = data.data() + pos;
+    uint32_t y = loadBigEndian(block);
+    uint32_t z = loadBigEndian(block + 4);
+    if (encipher) {
+      teaEncipher(y, z, key_);
+    } else {
+      teaDecipher(y, z, key_);
+    }
+    storeBigEndian(block, y);
+    storeBigEndian(block + 4, z);
+  }
+  meter.finish();
+}
+
+bool clsTEA::EncryptByte(std::vector<uint8_t>& data, std::optional<std::string_view> key) {
+  error_ = {};
+  if (key) Key(*key);
+  const size_t n = data.size();
+  if (n > kMaxPlaintext) return fail(kTeaErrTooLarge, "Data too large for TEA encryption");
+  const size_t length = (n + kHeader + kBlock - 1) / kBlock * kBlock;
+  data.insert(data.begin(), kHeader, 0);
+  data.resize(length, 0);
+  storeLittleEndian(data.data(), randomWord());
+  storeLittleEndian(data.data() + 8, static_cast<uint32_t>(n));
+  cipherBlocks(data, true, true);
+  return true;
+}
+
+bool clsTEA::DecryptByte(std::vector<uint8_t>& data, std::optional<std::string_view> key) {
+  error_ = {};
+  if (key) Key(*key);
+  const size_t length = data.size();
+  if (length < kHeader + 4 || length % kBlock != 0 ||
+      length > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+    return fail(kTeaErrSizeDescriptor, std::string(kTeaTextSizeDescriptor));
+  }
+  cipherBlocks(data, false, true);
+  const int64_t n = static_cast<int32_t>(loadLittleEndian(data.data() + 8));
+  const int64_t overhead = static_cast<int64_t>(length) - n;
+  // A negative length can pass the overhead test in a short frame; it cannot
+  // describe a plaintext either.
+  if (n < 0 || overhead < kMinOverhead || overhead > kMaxOverhead) {
+    cipherBlocks(data, true, false);
+    return fail(kTeaErrSizeDescriptor, std::string(kTeaTextSizeDescriptor));
+  }
+  data.erase(data.begin(), data.begin() + kHeader);
+  data.resize(static_cast<size_t>(n));
+  return true;
+}
+
+std::optional<std::string> clsTEA::EncryptString(std::string_view text,
+                                                 std::optional<std::string_view> key,
+                                                 bool OutputInHex) {
+  std::vector<uint8_t> bytes(text.begin(), text.end());
+  if (!EncryptByte(bytes, key)) return std::nullopt;
+  if (OutputInHex) return toHex(bytes);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+std::optional<std::string> clsTEA::DecryptString(std::string_view text,
+                                                 std::optional<std::string_view> key,
+                                                 bool IsTextInHex) {
+  std::vector<uint8_t> bytes =
+      IsTextInHex ? fromHex(text) : std::vector<uint8_t>(text.begin(), text.end());
+  if (!DecryptByte(bytes, key)) return std::nullopt;
+  return std::string(bytes.begin(), bytes.end());
+}
+
+bool clsTEA::EncryptFile(const std::string& source, const std::string& target,
+                         std::optional<std::string_view> key) {
+  error_ = {};
+  std::vector<uint8_t> bytes;
+  std::string reason;
+  if (!readWholeFile(source, bytes, reason)) return fail(kTeaErrFileRead, reason);
+  if (!EncryptByte(bytes, key)) return false;
+  if (!writeFileSafely(target, bytes, reason)) return fail(kTeaErrFileWrite, reason);
+  return true;
+}
+
+bool clsTEA::DecryptFile(const std::string& source, const std::string& target,
+                         std::optional<std::string_view> key) {
+  error_ = {};
+  std::vector<uint8_t> bytes;
+  std::string reason;
+  if (!readWholeFile(source, bytes, reason)) return fail(kTeaErrFileRead, reason);
+  if (!DecryptByte(bytes, key)) return false;
+  if (!writeFileSafely(target, bytes, reason)) return fail(kTeaErrFileWrite, reason);
+  return true;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,319 @@
+#include "sequencer/sequencer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <unistd.h>
+
+#include "sequencer/core_commands.h"
+#include "sequencer/recording_operator.h"
+
+namespace tavrix {
+namespace {
+
+constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
+
+// A run engine on a virtual clock with the core commands and a recording
+// operator; sequences are written to a temporary file.
+class RunEngineTest : public ::testing::Test {
+ protected:
+  RunEngineTest() : clock_(kStart), events_(clock_), trace_(clock_), seq_(events_, op_, trace_) {
+    RegisterSequencerCommands(seq_);
+    char name[] = "/tmp/runengineXXXXXX";
+    const int fd = mkstemp(name);
+    close(fd);
+    path_ = name;
+  }
+  ~RunEngineTest() override { std::remove(path_.c_str()); }
+
+  // Writes the lines with CR LF ends and prepares the file.
+  void Load(const std::vector<std::string>& lines) {
+    std::ofstream out(path_, std::ios::binary);
+    for (const auto& line : lines) out << line << "\r\n";
+    out.close();
+    std::string error;
+    ASSERT_TRUE(seq_.prepareFile(path_, &error)) << error;
+  }
+
+  // Runs and returns the text of the last sequence error ("" if none).
+  std::string Run(const std::vector<std::string>& lines) {
+    Load(lines);
+    seq_.pressRun();
+    return seq_.lastSequenceError();
+  }
+
+  // The commands dispatched, as the command display showed them.
+  std::vector<std::string> Shown() const {
+    std::vector<std::string> shown;
+    for (const auto& c : op_.commands) {
+      if (c.rfind("waitseconds ", 0) != 0) shown.push_back(c);
+    }
+    return shown;
+  }
+
+  double Elapsed() const { return static_cast<double>(clock_.now() - kStart) / kMicrosPerSecond; }
+
+  VirtualClock clock_;
+  EventLoop events_;
+  RecordingOperator op_;
+  Trace trace_;
+  Sequencer seq_;
+  std::string path_;
+};
+
+TEST_F(RunEngineTest, RunsToTheEndAndShowsTheStatus) {
+  EXPECT_EQ(Run({"label:", "unknownword 1, 2", "", "\t \t"}), "");
+  EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
+  EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready", "Running", "Stopped"}));
+  EXPECT_FALSE(seq_.flags().running);
+  EXPECT_TRUE(op_.controls.runEnabled);
+  EXPECT_FALSE(op_.controls.stopEnabled);
+}
+
+TEST_F(RunEngineTest, DispatchCleansTheLineAndMatchesWholeWordsOnly) {
+  // Leading blanks and tabs go (the reader and the splitter both drop every
+  // leading tab); keywords are case-blind; WAITSECONDSX matches nothing.
+  EXPECT_EQ(Run({"  waitseconds 1", "\tWAITSECONDS 1", "WAITSECONDSX 100", "\t\tWAITSECONDS 4",
+                 "\t \tWAITSECONDS 8", "\n"}),
+            "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 14.0);
+}
+
+TEST_F(RunEngineTest, AKeywordWithoutItsSubsystemEndsTheRunByName) {
+  EXPECT_EQ(Run({"RAMP A, B, C", "STOP"}), Dispatcher::notAvailableText("RAMP"));
+  ASSERT_EQ(op_.messages.size(), 1u);
+  EXPECT_EQ(op_.messages[0], "Sequence file: " + path_ + "\rError on line: 1\r" +
+                                 Dispatcher::notAvailableText("RAMP"));
+  EXPECT_EQ(seq_.endReason(), EndReason::kError);
+}
+
+TEST_F(RunEngineTest, StopEndsAfterItsLineAndTheNextRunStartsAtTheTop) {
+  EXPECT_EQ(Run({"A:", "STOP", "WAITSECONDS 50"}), "");
+  EXPECT_EQ(seq_.endReason(), EndReason::kStop);
+  EXPECT_EQ(op_.statuses.back(), "Stopped");
+  EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
+  op_.commands.clear();
+  seq_.pressRun();
+  EXPECT_EQ(Shown(), (std::vector<std::string>{"A:", "STOP"}));
+}
+
+TEST_F(RunEngineTest, GotoFindsLabelsBySubstringInAnyCase) {
+  EXPECT_EQ(Run({"GOTO start", "WAITSECONDS 100", "XSTART:", "WAITSECONDS 1", "START:",
+                 "WAITSECONDS 1000"}),
+            "");
+  // The first line holding "START:" wins, even inside XSTART:.
+  EXPECT_DOUBLE_EQ(Elapsed(), 1001.0);
+}
+
+TEST_F(RunEngineTest, AMissingLabelIsReportedWithTheLineNumberReached) {
+  EXPECT_EQ(Run({"WAITSECONDS 1", "GOTO  Nowhere", "STOP"}), "Label Nowhere: does not exist");
+  // The search read the whole file before giving up.
+  EXPECT_EQ(op_.messages.at(0),
+            "Sequence file: " + path_ + "\rError on line: 3\rLabel Nowhere: does not exist");
+}
+
+TEST_F(RunEngineTest, CountedLoopsRunTheirBodyTheGivenNumberOfTimes) {
+  auto loop = [](std::string limit) {
+    return std::vector<std::string>{"RESETLOOPCOUNT", "TOP:", "LOOPCHECK " + limit + ", OUT",
+                                    "WAITSECONDS 1", "GOTO TOP", "OUT:"};
+  };
+  EXPECT_EQ(Run(loop("3")), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 3.0);
+  EXPECT_EQ(seq_.loopCount, 4);
+  EXPECT_EQ(Run(loop("0")), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 3.0);
+  EXPECT_EQ(Run({"RESETLOOPCOUNT 2.6", "INCREMENTLOOPCOUNT"}), "");
+  EXPECT_EQ(seq_.loopCount, 4);
+  EXPECT_EQ(Run({"RESETLOOPCOUNT 2.5"}), "");
+  EXPECT_EQ(seq_.loopCount, 2);  // halves round to even
+  EXPECT_EQ(Run({"RESETLOOPCOUNT 1e12"}),
+            "Invalid parameter - 1e12 - for a ResetLoopCount statement");
+}
+
+TEST_F(RunEngineTest, LoopCountOverrunLeavesTheLoop) {
+  EXPECT_EQ(Run({"RESETLOOPCOUNT 2147483647", "LOOPCHECK 2147483647, OUT", "WAITSECONDS 5", "OUT:"}),
+            "");
+  EXPECT_EQ(op_.messages, (std::vector<std::string>{"Loop Count overrun - exiting loop"}));
+  EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
+}
+
+TEST_F(RunEngineTest, WaitSecondsHoldsForItsLengthAcrossMidnight) {
+  clock_.advanceTo(kStart + (86400 - 10) * kMicrosPerSecond);  // 23:59:50
+  EXPECT_EQ(Run({"WAITSECONDS 3600", "WAITSECONDS 0.25"}), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 86400 - 10 + 3600.25);
+  EXPECT_EQ(Run({"WAITSECONDS 0"}), "Invalid parameter - 0 - for a WaitSeconds statement");
+  EXPECT_EQ(Run({"WAITSECONDS -3"}), "Invalid parameter - -3 - for a WaitSeconds statement");
+  EXPECT_EQ(Run({"WAITSECONDS abc"}), "Invalid parameter - abc - for a WaitSeconds statement");
+}
+
+TEST_F(RunEngineTest, StopDuringAWaitEndsItAtTheNextEventCheck) {
+  Timer press(events_, 90 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  press.setEnabled(true);
+  EXPECT_EQ(Run({"WAITSECONDS 3600", "WAITSECONDS 3600"}), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 90.0);
+  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
+  EXPECT_EQ(op_.statuses.back(), "Stopped");
+}
+
+TEST_F(RunEngineTest, TheTimeoutCountDownStandsStillDuringWaitSeconds) {
+  Load({"WAITSECONDS 30", "STOP"});
+  seq_.setTimeoutDeadline(clock_.now() + 100 * kMicrosPerSecond);
+  std::vector<int32_t> shown;
+  Timer watch(events_, kMicrosPerSecond, [&] { shown.push_back(op_.timeout); });
+  watch.setEnabled(true);
+  seq_.pressRun();
+  // The seconds timer did not tick during the wait, so the display kept its
+  // value; it is switched on again after the wait.
+  ASSERT_FALSE(shown.empty());
+  EXPECT_EQ(shown.back(), 0);
+  EXPECT_FALSE(seq_.flags().timeoutExpired);
+}
+
+TEST_F(RunEngineTest, SecondsTimerCountsDownAndExpires) {
+  Load({"WAITSECONDS 1"});
+  seq_.setTimeoutDeadline(clock_.now() + 2 * kMicrosPerSecond + 500'000);
+  clock_.advanceBy(kMicrosPerSecond);
+  events_.processPendingEvents();
+  EXPECT_EQ(op_.timeout, 1);
+  clock_.advanceBy(2 * kMicrosPerSecond);
+  events_.processPendingEvents();
+  EXPECT_EQ(op_.timeout, -1);
+  EXPECT_TRUE(seq_.flags().timeoutExpired);
+}
+
+TEST_F(RunEngineTest, AfterTimeCountJumpsOnceEnoughWholeUnitsHavePassed) {
+  const std::vector<std::string> body = {"STARTTIMECOUNT", "WAITSECONDS 119",
+                                         "AFTERTIMECOUNT 2, MINUTES, LATE", "WAITSECONDS 1",
+                                         "AFTERTIMECOUNT 2, minutes, LATE", "STOP", "LATE:",
+                                         "AFTERTIMECOUNT 1, SECONDS, LATE"};
+  EXPECT_EQ(Run(body), "AfterTimeCount - a StartTimeCount command has not been executed");
+  EXPECT_DOUBLE_EQ(Elapsed(), 120.0);
+  EXPECT_EQ(Run({"STARTTIMECOUNT", "AFTERTIMECOUNT 2, WEEKS, X"}),
+            "AfterTimeCount - unrecognised units: WEEKS");
+  EXPECT_EQ(Run({"STARTTIMECOUNT", "AFTERTIMECOUNT 0, HOURS, X"}),
+            "AfterTimeCount - invalid number of units: 0");
+  // Preparing a file clears a running count.
+  EXPECT_EQ(Run({"AFTERTIMECOUNT 1, DAYS, X"}),
+            "AfterTimeCount - a StartTimeCount command has not been executed");
+}
+
+TEST_F(RunEngineTest, OperatorPanelQuestions) {
+  op_.answers = {std::string("Continue"), std::string("OK"), std::string("Cancel"),
+                 std::string("Cancel"), std::string("OK")};
+  EXPECT_EQ(Run({"CONTINUEOK", "ENTEROKCANCEL Go on?, NOSUCHLABEL", "ENTEROKCANCEL Again?, LATER",
+                 "WAITSECONDS 100", "LATER:", "WAITSECONDS 1", "ENTEROKCANCEL Last?,"}),
+            "");
+  ASSERT_EQ(op_.questions.size(), 5u);
+  EXPECT_EQ(op_.questions[0].text, "");
+  EXPECT_EQ(op_.questions[0].buttons, (std::vector<std::string>{"Continue"}));
+  // After a CONTINUEOK the panel again offers OK and Cancel.
+  EXPECT_EQ(op_.questions[1].buttons, (std::vector<std::string>{"OK", "Cancel"}));
+  // OK never looked at the missing label; Cancel with an empty label
+  // searched for ":" and went back behind "LATER:".
+  EXPECT_DOUBLE_EQ(Elapsed(), 2.0);
+}
+
+TEST_F(RunEngineTest, AQuestionWithoutAnAnswerEndsTheRun) {
+  const std::string error = Run({"ENTEROKCANCEL Ready?, X", "WAITSECONDS 5"});
+  EXPECT_NE(error.find("No answer to the ENTEROKCANCEL question"), std::string::npos) << error;
+  EXPECT_EQ(seq_.endReason(), EndReason::kError);
+  EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
+}
+
+TEST_F(RunEngineTest, ErrorDisplaySwitchKeepsTheBoxButNotTheEnd) {
+  EXPECT_EQ(Run({"SHOWERROROFF", "WAITSECONDS 0", "WAITSECONDS 9"}),
+            "Invalid parameter - 0 - for a WaitSeconds statement");
+  EXPECT_TRUE(op_.messages.empty());
+  EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
+  EXPECT_EQ(Run({"SHOWERRORON", "WAITSECONDS 0"}), "Invalid parameter - 0 - for a WaitSeconds statement");
+  EXPECT_EQ(op_.messages.size(), 1u);
+}
+
+TEST_F(RunEngineTest, HelpTextSectionIsReadUpToItsEnd) {
+  EXPECT_EQ(Run({"[HELPTEXT]", "First line", "  second, with a comma", "[end] of help",
+                 "WAITSECONDS 2"}),
+            "");
+  EXPECT_EQ(op_.helpText, "First line\r\nsecond, with a comma");
+  EXPECT_DOUBLE_EQ(Elapsed(), 2.0);
+}
+
+TEST_F(RunEngineTest, SingleSteppingHoldsEachLineUntilStepOrSkip) {
+  Load({"WAITSECONDS 1", "WAITSECONDS 2", "WAITSECONDS 4", "WAITSECONDS 8"});
+  int presses = 0;
+  // A person presses Step, Skip, then Run, each ten seconds apart.
+  Timer person(events_, 10 * kMicrosPerSecond, [&] {
+    ++presses;
+    if (presses == 1) seq_.pressStep();
+    if (presses == 2) seq_.pressSkip();
+    if (presses == 3) seq_.pressRun();
+  });
+  person.setEnabled(true);
+  seq_.setSingleStepBox(true);
+  // Line 1 waited for Step at 10 s and ran to 11 s; line 2 for Skip at 20 s
+  // (the held line runs) to 22 s; line 3 for Run at 30 s, after which the
+  // run is free: 34 s, 42 s.
+  EXPECT_DOUBLE_EQ(Elapsed(), 42.0);
+  EXPECT_EQ(presses, 4);
+  EXPECT_FALSE(seq_.flags().singleStepMode);
+  EXPECT_FALSE(op_.controls.singleStepTicked);
+}
+
+TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
+  Load({"WAITSECONDS 1000", "WAITSECONDS 1000", "HANDLER:", "WAITSECONDS 5"});
+  seq_.jumpTarget = "handler";
+  bool fired = false;
+  seq_.onExamineDefines = [&fired](Sequencer& s) {
+    if (!fired && s.clock().now() - kStart >= 3 * kMicrosPerSecond) {
+      fired = true;
+      s.flags().timeoutPending = true;
+    }
+  };
+  seq_.pressRun();
+  EXPECT_EQ(seq_.lastSequenceError(), "");
+  // The first wait ends at its first turn after 3 s; the label's line runs.
+  EXPECT_DOUBLE_EQ(Elapsed(), 8.0);
+}
+
+TEST_F(RunEngineTest, AutomaticStartPressesRunAtTheFirstSecondsTick) {
+  std::ofstream(path_, std::ios::binary) << "WAITSECONDS 5\r\n";
+  seq_.startUp("\"" + path_ + "\" /a");
+  EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready"}));
+  events_.waitUntil([&] { return seq_.endReason() != EndReason::kNone; });
+  EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready", "Running", "Stopped"}));
+  EXPECT_DOUBLE_EQ(Elapsed(), 6.0);
+
+  RecordingOperator other;
+  Sequencer plain(events_, other, trace_);
+  plain.startUp(path_);
+  EXPECT_EQ(plain.sequenceFileName(), path_);
+  EXPECT_FALSE(plain.flags().autoStartPending);
+}
+
+TEST_F(RunEngineTest, CloseAsksOnlyWhileTheRunMustNotBeStopped) {
+  EXPECT_TRUE(seq_.closeRequest());
+  EXPECT_TRUE(op_.questions.empty());
+  std::vector<bool> allowed;
+  op_.answers = {std::string("No"), std::string("Yes")};
+  Timer closer(events_, kMicrosPerSecond, [&] { allowed.push_back(seq_.closeRequest()); });
+  closer.setEnabled(true);
+  EXPECT_EQ(Run({"NONSTOP", "WAITSECONDS 2"}), "");
+  EXPECT_FALSE(op_.controls.stopEnabled);
+  ASSERT_GE(op_.questions.size(), 1u);
+  EXPECT_EQ(op_.questions[0].text, "This application should not be  stopped\rDo you want to stop it ?");
+  EXPECT_EQ(op_.questions[0].title, "Corvane Test Sequence");
+  EXPECT_EQ(allowed.at(0), false);
+  EXPECT_EQ(allowed.at(1), true);
+}
+
+TEST_F(RunEngineTest, TheLineCounterOverflowsPast32767Lines) {
+  std::vector<std::string> lines(32767, "x");
+  lines.push_back("STOP");
+  EXPECT_EQ(Run(lines), "Line count overflow - a sequence file can hold at most 32767 lines");
+  EXPECT_EQ(seq_.lineNumber(), 32767);
+  lines.resize(32767);
+  EXPECT_EQ(Run(lines), "");
+}
+
+}  // namespace
+}  // namespace tavrix
