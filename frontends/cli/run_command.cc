@@ -145,6 +145,11 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
   RegisterInstrumentCommands(seq, *instrument);
+  if (!instrument->ensureOpen()) {
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
+                 instrument->link().lastErrorText.c_str());
+    return kExitUsage;
+  }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
     std::fprintf(err, "tavrix-cli: cannot load the setup %s: %s\n", options.setup->c_str(),
                  instrument->link().lastErrorText.c_str());
