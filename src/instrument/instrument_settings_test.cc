@@ -4,6 +4,8 @@
 
 #include <fstream>
 
+#include "common/paths.h"
+
 namespace tavrix {
 namespace {
 
@@ -57,7 +59,7 @@ TEST(InstrumentSettings, WindowsPathsAreMappedThroughTheDriveMap) {
   settings.driveMap['c'] = "/srv/corvane/";
   EXPECT_EQ(MapPath("c:\\corvane\\setups\\rig.ims", settings), "/srv/corvane/corvane/setups/rig.ims");
   EXPECT_EQ(MapPath("C:rig.ims", settings), "/srv/corvane/rig.ims");
-  EXPECT_EQ(MapPath("d:\\x\\y.ims", settings), "/x/y.ims");
+  EXPECT_EQ(MapPath("d:\\x\\y.ims", settings), defaultDataRoot() + "/d/x/y.ims");
   EXPECT_EQ(MapPath("setups\\rig.ims", settings), "setups/rig.ims");
   EXPECT_EQ(MapPath("/home/rig/rig.ims", settings), "/home/rig/rig.ims");
 }
