@@ -63,7 +63,9 @@ uint64_t mix(uint64_t x) {
 std::string applySetting(SimChannel& channel, std::string_view token) {
   const size_t eq = token.find('=');
   if (eq == std::string_view::npos || eq == 0) {
-    return "\"" + std::string(token) + "\" is not a KEY=VALUE field";
+    std::string reason(1, '"');
+    reason.append(token).append("\" is not a KEY=VALUE field");
+    return reason;
   }
   const std::string_view key = token.substr(0, eq);
   const std::string_view value = token.substr(eq + 1);
