@@ -33,8 +33,9 @@ const RegisterTiming kWaitCondition("wait-condition", [] {
   const double cpu = CpuSeconds() - cpu0;
   std::remove(path.c_str());
   std::remove(rig);
-  return Rows{{"WAIT on a false condition, 10 s: CPU share of one core", Fixed(100 * cpu / wall, "%", 3)},
-              {"WAIT on a false condition: wall time", Fixed(wall, "s", 2)}};
+  return Rows{
+      {"WAIT on a false condition, 10 s: CPU share of one core", Fixed(100 * cpu / wall, "%", 3)},
+      {"WAIT on a false condition: wall time", Fixed(wall, "s", 2)}};
 });
 
 }  // namespace

@@ -159,8 +159,10 @@ class ChannelCommands {
       bool due = false;
       Timer poll(seq_.events(), ins_.settings().waitPollInterval, [&due] { due = true; });
       poll.setEnabled(true);
-      if (!seq_.waitUntil([&] { return due || flags.jumpPending || flags.timeoutPending ||
-                                       flags.timeoutExpired || flags.stopRequested; })) {
+      if (!seq_.waitUntil([&] {
+            return due || flags.jumpPending || flags.timeoutPending || flags.timeoutExpired ||
+                   flags.stopRequested;
+          })) {
         return;
       }
     }
