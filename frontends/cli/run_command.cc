@@ -23,6 +23,7 @@ int ExitStatusFor(EndReason reason) {
     case EndReason::kStop:
       return kExitOk;
     case EndReason::kError:
+    case EndReason::kUnload:
       return kExitSequenceError;
     case EndReason::kAbort:
     case EndReason::kNone:
@@ -104,7 +105,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
   }
 
-  Engine engine(std::move(clock), *op);
+  InstrumentSettings settings;
+  settings.noHardware = options.noHardware;
+  Engine engine(std::move(clock), *op, std::move(settings));
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(out, false);

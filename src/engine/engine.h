@@ -5,16 +5,18 @@
 
 #include <memory>
 
+#include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/trace.h"
+#include "instrument/instrument.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
 
 class Engine {
  public:
-  Engine(std::unique_ptr<Clock> clock, Operator& op);
+  Engine(std::unique_ptr<Clock> clock, Operator& op, InstrumentSettings settings = {});
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
@@ -23,12 +25,22 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
+  Instrument& instrument() { return *instrument_; }
+  CalcChannels& calcChannels() { return *calc_; }
+
+  // A file specification as written in sequence files, as a local path: the
+  // instrument settings' drive map, and for other drives "<data root>/<x>"
+  // (see common/paths.h).
+  std::string resolvePath(std::string_view spec) const;
 
  private:
   std::unique_ptr<Clock> clock_;
   EventLoop events_;
   Trace trace_;
   Sequencer sequencer_;
+  std::unique_ptr<Instrument> instrument_;
+  std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
+  std::unique_ptr<CalcChannels> calc_;
 };
 
 }  // namespace tavrix
