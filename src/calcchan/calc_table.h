@@ -93,8 +93,8 @@ struct CalcState {
   std::vector<DayEntry> dayList;
   // Logger change state: set by CC_CHANGELOGGERS, read by the logging switch.
   bool loggerChanging = false;
-  int16_t loggerState1 = 0;  // the switch stopped the logging programs
-  int16_t loggerState2 = 0;  // something outside stopped them (markLoggersStopped)
+  int16_t loggerState1 = 0;  // the loggers are stopped; the switch restarts them
+  int16_t loggerState2 = 0;  // they were stopped from outside (markLoggersStopped)
   // The logging switch's last position: -1 unknown, 0 off, 1 on.
   int loggingSwitch = -1;
 };

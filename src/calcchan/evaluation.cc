@@ -234,6 +234,7 @@ void CalcChannels::loggerSwitch(CalcChannel& row) {
     if (changed && state_.loggerState1) {
       sendToLoggers(kLoggerStart);
       state_.loggerState1 = 0;
+      state_.loggerState2 = 0;
     }
   }
 }

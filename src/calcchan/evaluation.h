@@ -54,8 +54,9 @@ class CalcChannels {
   bool timerEnabled() const { return timer_.enabled(); }
 
   // What something outside the calculated channels does when it stopped the
-  // logging programs itself: the switch then sends no second "Stop".
-  void markLoggersStopped() { state_.loggerState2 = -1; }
+  // logging programs itself: the switch then sends no second "Stop" when it
+  // turns off, and sends "Start" when it turns on.
+  void markLoggersStopped() { state_.loggerState1 = state_.loggerState2 = -1; }
 
   // One CalcTimer tick, and one evaluation pass (public for tests and the
   // benchmark).

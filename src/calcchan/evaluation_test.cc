@@ -179,7 +179,7 @@ TEST_F(EvaluationTest, EachTypeWritesItsValue) {
 }
 
 TEST_F(EvaluationTest, AnalysisCycleAndBadReadingsRefuseReadings) {
-  rig.values = {{"X", "100"}, {"GA_ANALYSE", "1"}, {"GA_O2", "0"}, {"BAD", "Error 114 no reply"},
+  rig.values = {{"X", "100"}, {"GA_ANALYSE", "1"}, {"O2", "0"}, {"BAD", "Error 114 no reply"},
                 {"REF", ""},  {"SC", ""},          {"AV", ""},    {"STP", ""}};
   ASSERT_TRUE(Load("GA.ccs", {"REFER|X|REF|0|g", "SCALE|X|SC|1|0", "AVERAGE|X|AV|1|g",
                               "REFER STP|BAD|STP|0"}));
@@ -258,16 +258,19 @@ TEST_F(EvaluationTest, LoggingSwitchPausesTheOtherRowsAndStopsAndStartsTheLogger
   EXPECT_EQ(calls[3], (Call{"LG_Avg|System", "Status", "Start"}));
   EXPECT_EQ(rig.written("SC").size(), 2u);
 
-  // Stopped from outside as well: no second Stop.
+  // Stopped from outside: the switch sends no Stop, and Start when it turns on.
   calc->markLoggersStopped();
   rig.values["SW"] = "0";
   RunFor(1);
-  ASSERT_EQ(calls.size(), 6u);
+  ASSERT_EQ(calls.size(), 4u);
   rig.values["SW"] = "1";
   RunFor(1);
+  ASSERT_EQ(calls.size(), 6u);
+  EXPECT_EQ(calls[5].text, "Start");
   rig.values["SW"] = "0";
   RunFor(1);
-  EXPECT_EQ(calls.size(), 8u);
+  ASSERT_EQ(calls.size(), 8u);
+  EXPECT_EQ(calls[7].text, "Stop");
 
   rig.values.erase("SW");
   RunFor(1);
@@ -295,13 +298,13 @@ TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
             "DAILY SUMMARY\r\n"
             "Day\tDAY\t\tMAXC\t\tMINC\t\tC95B\t\t\tC95\t\t\tHA\t\t\tLA\t\t\r\n"
             "\t\tStatus\t\tStatus\t\tStatus\tEpochs\tcounted\tStatus\tEpochs\tcounted\tStatus\tScans\tStatus\tin alarm\tScans\tStatus\tin alarm\r\n"
-            "03\t59.99\tALARM\tn.a.\tOK\t50.00\tOK\t2\t2\tALARM\t2\t10.00\tOK\t7203\tALARM\t7201\t7203\tOK\t0\r\n");
+            "03\t60.00\tALARM\tn.a.\tOK\t50.00\tOK\t2\t2\tALARM\t2\t10.00\tOK\t7203\tALARM\t7201\t7203\tOK\t0\r\n");
   EXPECT_EQ(FileText("AB_ALM.txt"),
             "03-11-2026 08:00:01\tREP\t60.00\tALARM\r\n"
             "03-11-2026 10:00:03\tREP\t61.00\tALARM\r\n");
   EXPECT_EQ(FileText("CREM_1126.wl"),
             "Date-Time\tDuration (mins)\tCREM AVG\tStatus\r\n"
-            "03-11-2026 10:00:03\t120.0\t59.99\tAlarm\r\n");
+            "03-11-2026 10:00:03\t120.0\t60.00\tAlarm\r\n");
 
   // The next summary of the month appends under the head lines, counting afresh.
   RunFor(1);
@@ -316,9 +319,9 @@ TEST_F(EvaluationTest, ANewDayWritesTheSummaryOfTheDayThatEnded) {
   rig.values = {{"P", "5"}, {"DAY", ""}};
   ASSERT_TRUE(Load("ND.ccs", {"DAILY|P|DAY"}, "60"));
   calc->start();
-  RunFor(16 * 3600);  // 08:00 to 00:00
+  RunFor(16 * 3600 - 1);  // 08:00:00 to 23:59:59
   EXPECT_EQ(FileText("MONTH_ND_2611.wl"), "");
-  RunFor(60);
+  RunFor(1);  // the pass at midnight belongs to the new day
   EXPECT_NE(FileText("MONTH_ND_2611.wl").find("\r\n03\t5.00\tOK\r\n"), std::string::npos);
   EXPECT_EQ(calc->state().table[1].passes, 1);
 }

@@ -1,6 +1,7 @@
 #include "calcchan/expressions.h"
 
 #include <cmath>
+#include <filesystem>
 
 #include "common/paths.h"
 #include "common/text_conventions.h"
@@ -94,11 +95,15 @@ Waveform* Analyser::findWaveform(std::string_view name) {
   if (waveformFolder_.empty() || name.empty() || name.find_first_of("/\\") != std::string_view::npos) {
     return nullptr;
   }
-  const std::string path = join(waveformFolder_, std::string(name) + std::string(kWaveformExtension));
-  std::string text;
-  if (!readTextFile(path, text, nullptr)) return nullptr;
-  if (!loadWaveform(name, path, nullptr)) return nullptr;
-  return &waveforms_.back();
+  // File names are matched without regard to case, as names are.
+  const std::string wanted = upperCase(std::string(name) + std::string(kWaveformExtension));
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(waveformFolder_, ec)) {
+    if (upperCase(entry.path().filename().string()) != wanted) continue;
+    if (!entry.is_regular_file(ec) || !loadWaveform(name, entry.path().string(), nullptr)) return nullptr;
+    return &waveforms_.back();
+  }
+  return nullptr;
 }
 
 bool Analyser::loadWaveform(std::string_view name, const std::string& path, std::string* error) {
