@@ -1,6 +1,7 @@
 #include "instrument/channel_commands.h"
 
 #include <climits>
+#include <exception>
 #include <filesystem>
 
 #include "common/text_conventions.h"
@@ -78,8 +79,13 @@ class ChannelCommands {
     if (linkReady() && !ch().RezeroChannel(trim(cmd.arg1))) fail();
   }
   void checkIms(const CommandLine&) {
-    std::string value;
-    if (linkReady() && !ch().ReadChannel(ins_.settings().checkChannel, value)) fail();
+    try {
+      std::string value;
+      if (linkReady() && !ch().ReadChannel(ins_.settings().checkChannel, value)) fail();
+    } catch (const std::exception&) {
+      seq_.reportSequenceError(std::string(kTextCheckImsFailed) +
+                               numberText(ins_.link().lastErrorNumber));
+    }
   }
 
   void incrementLoopCount(const CommandLine& cmd) {

@@ -41,7 +41,7 @@ bool Channels::FindEnabledChannel(std::string_view name, int16_t& device) const 
 
 bool Channels::ReadChannel(std::string_view name, std::string& value) {
   if (link_.noHardware) {
-    value = "0";
+    value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
     return true;
   }
   int16_t device = 0;

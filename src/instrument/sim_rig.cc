@@ -63,7 +63,9 @@ uint64_t mix(uint64_t x) {
 std::string applySetting(SimChannel& channel, std::string_view token) {
   const size_t eq = token.find('=');
   if (eq == std::string_view::npos || eq == 0) {
-    return "\"" + std::string(token) + "\" is not a KEY=VALUE field";
+    std::string reason(1, '"');
+    reason.append(token).append("\" is not a KEY=VALUE field");
+    return reason;
   }
   const std::string_view key = token.substr(0, eq);
   const std::string_view value = token.substr(eq + 1);
@@ -92,6 +94,8 @@ std::string applySetting(SimChannel& channel, std::string_view token) {
     if (channel.lag < 0) return "LAG= must not be negative";
   } else if (key == "K") {
     if (auto e = number(channel.gain); !e.empty()) return e;
+  } else if (key == "BIAS") {
+    if (auto e = number(channel.bias); !e.empty()) return e;
   } else if (key == "JITTER") {
     if (auto e = number(channel.jitter); !e.empty()) return e;
   } else if (key == "HIGH") {
@@ -267,7 +271,7 @@ SimChannel* RigModel::findAnyDevice(std::string_view name) {
 double RigModel::followTarget(const SimChannel& channel) {
   const SimChannel* source = findAnyDevice(channel.follow);
   if (source == nullptr) return channel.value;
-  return channel.gain * (source->value + source->offset);
+  return channel.gain * (source->value + source->offset) + channel.bias;
 }
 
 void RigModel::advance(Micros now) {
