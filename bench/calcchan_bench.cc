@@ -10,6 +10,7 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
+#include "instrument/sim_rig.h"
 
 namespace tavrix::bench {
 namespace {
@@ -70,12 +71,15 @@ void BM_CalcPass1000Rows(benchmark::State& state) {
   CalcRig files(1000);
   QuietOperator op;
   Engine engine(std::make_unique<VirtualClock>(0), op);
-  if (!engine.instrument().selectSetupFile(files.rigPath) ||
-      !engine.calcChannels().startCalculatedChannels(files.setupPath, "1")) {
+  Instrument instrument(engine.events(), engine.trace(), {},
+                        std::make_unique<SimLink>(engine.clock(), "c:\\corvane"));
+  engine.useInstrument(instrument);
+  if (!instrument.selectSetupFile(files.rigPath) ||
+      !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
     state.SkipWithError("the rig or the setup did not load");
     return;
   }
-  for (auto _ : state) engine.calcChannels().runPass();
+  for (auto _ : state) engine.calcChannels()->runPass();
   state.SetItemsProcessed(state.iterations() * 1000);
 }
 BENCHMARK(BM_CalcPass1000Rows)->Unit(benchmark::kMillisecond);
@@ -87,12 +91,15 @@ void BM_SimulatedDay50Rows(benchmark::State& state) {
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
     Engine engine(std::move(clock), op);
-    if (!engine.instrument().selectSetupFile(files.rigPath) ||
-        !engine.calcChannels().startCalculatedChannels(files.setupPath, "1")) {
+    Instrument instrument(engine.events(), engine.trace(), {},
+                          std::make_unique<SimLink>(engine.clock(), "c:\\corvane"));
+    engine.useInstrument(instrument);
+    if (!instrument.selectSetupFile(files.rigPath) ||
+        !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
       state.SkipWithError("the rig or the setup did not load");
       return;
     }
-    engine.calcChannels().start();
+    engine.calcChannels()->start();
     const Micros end = virtualClock.now() + 86'400 * kMicrosPerSecond;
     engine.events().waitUntil([&] { return virtualClock.now() >= end; });
   }

@@ -108,9 +108,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
   }
 
-  InstrumentSettings settings;
-  settings.noHardware = options.noHardware;
-  Engine engine(std::move(clock), *op, std::move(settings));
+  Engine engine(std::move(clock), *op);
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(out, false);
@@ -148,6 +146,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
   RegisterInstrumentCommands(seq, *instrument);
+  engine.useInstrument(*instrument);
   if (!instrument->ensureOpen()) {
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
                  instrument->link().lastErrorText.c_str());

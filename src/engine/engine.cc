@@ -2,8 +2,6 @@
 
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
-#include "instrument/channel_commands.h"
-#include "instrument/sim_rig.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -13,15 +11,14 @@ namespace {
 constexpr std::string_view kSummaryFolder = "\\summary";
 }  // namespace
 
-Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, InstrumentSettings settings)
+Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
     : clock_(std::move(clock)), events_(*clock_), trace_(*clock_), sequencer_(events_, op, trace_) {
   RegisterSequencerCommands(sequencer_);
+}
 
-  auto backend = std::make_unique<SimLink>(*clock_, settings.dataRoot);
-  instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend));
-  RegisterInstrumentCommands(sequencer_, *instrument_);
-
-  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
+void Engine::useInstrument(Instrument& instrument) {
+  instrument_ = &instrument;
+  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(instrument);
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();
   ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
@@ -39,7 +36,9 @@ Engine::~Engine() = default;
 
 std::string Engine::resolvePath(std::string_view spec) const {
   PathMap map(defaultDataRoot());
-  for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
+  if (instrument_ != nullptr) {
+    for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
+  }
   return map.toLocal(spec);
 }
 

@@ -16,7 +16,7 @@ namespace tavrix {
 
 class Engine {
  public:
-  Engine(std::unique_ptr<Clock> clock, Operator& op, InstrumentSettings settings = {});
+  Engine(std::unique_ptr<Clock> clock, Operator& op);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
@@ -25,8 +25,12 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
-  Instrument& instrument() { return *instrument_; }
-  CalcChannels& calcChannels() { return *calc_; }
+  // Connects the subsystems that work on the instrument's channels (the
+  // calculated channels) and registers their commands. Call once, with an
+  // instrument that outlives the engine's runs.
+  void useInstrument(Instrument& instrument);
+  // Null until useInstrument.
+  CalcChannels* calcChannels() { return calc_.get(); }
 
   // A file specification as written in sequence files, as a local path: the
   // instrument settings' drive map, and for other drives "<data root>/<x>"
@@ -38,7 +42,7 @@ class Engine {
   EventLoop events_;
   Trace trace_;
   Sequencer sequencer_;
-  std::unique_ptr<Instrument> instrument_;
+  Instrument* instrument_ = nullptr;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
 };
