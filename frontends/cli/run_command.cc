@@ -26,6 +26,7 @@ int ExitStatusFor(EndReason reason) {
     case EndReason::kStop:
       return kExitOk;
     case EndReason::kError:
+    case EndReason::kUnload:
       return kExitSequenceError;
     case EndReason::kAbort:
     case EndReason::kNone:
@@ -145,6 +146,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
   RegisterInstrumentCommands(seq, *instrument);
+  engine.useInstrument(*instrument);
   if (!instrument->ensureOpen()) {
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
                  instrument->link().lastErrorText.c_str());

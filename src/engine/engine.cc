@@ -1,14 +1,45 @@
 #include "engine/engine.h"
 
+#include "calcchan/calc_commands.h"
+#include "common/paths.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
+
+namespace {
+// Below the link's data folder: where the daily summaries and reports go.
+constexpr std::string_view kSummaryFolder = "\\summary";
+}  // namespace
 
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
     : clock_(std::move(clock)), events_(*clock_), trace_(*clock_), sequencer_(events_, op, trace_) {
   RegisterSequencerCommands(sequencer_);
 }
 
+void Engine::useInstrument(Instrument& instrument) {
+  instrument_ = &instrument;
+  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(instrument);
+  CalcPorts ports;
+  ports.channels = calcChannelPort_.get();
+  ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
+  ports.companion = TracingCompanion(trace_);
+  ports.resolvePath = [this](std::string_view spec) { return resolvePath(spec); };
+  ports.dataFolder = [this] { return instrument_->link().GetDataDirectory(); };
+  ports.summaryFolder = [this] {
+    return instrument_->link().GetDataDirectory() + std::string(kSummaryFolder);
+  };
+  calc_ = std::make_unique<CalcChannels>(events_, std::move(ports));
+  RegisterCalcChannelCommands(sequencer_, *calc_);
+}
+
 Engine::~Engine() = default;
+
+std::string Engine::resolvePath(std::string_view spec) const {
+  PathMap map(defaultDataRoot());
+  if (instrument_ != nullptr) {
+    for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
+  }
+  return map.toLocal(spec);
+}
 
 }  // namespace tavrix

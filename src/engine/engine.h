@@ -5,9 +5,11 @@
 
 #include <memory>
 
+#include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/trace.h"
+#include "instrument/instrument.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -23,12 +25,26 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
+  // Connects the subsystems that work on the instrument's channels (the
+  // calculated channels) and registers their commands. Call once, with an
+  // instrument that outlives the engine's runs.
+  void useInstrument(Instrument& instrument);
+  // Null until useInstrument.
+  CalcChannels* calcChannels() { return calc_.get(); }
+
+  // A file specification as written in sequence files, as a local path: the
+  // instrument settings' drive map, and for other drives "<data root>/<x>"
+  // (see common/paths.h).
+  std::string resolvePath(std::string_view spec) const;
 
  private:
   std::unique_ptr<Clock> clock_;
   EventLoop events_;
   Trace trace_;
   Sequencer sequencer_;
+  Instrument* instrument_ = nullptr;
+  std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
+  std::unique_ptr<CalcChannels> calc_;
 };
 
 }  // namespace tavrix
