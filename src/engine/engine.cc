@@ -2,6 +2,7 @@
 
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
+#include "instrument/channel_commands.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -16,9 +17,12 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
   RegisterSequencerCommands(sequencer_);
 }
 
-void Engine::useInstrument(Instrument& instrument) {
-  instrument_ = &instrument;
-  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(instrument);
+bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
+                              std::string* error) {
+  instrument_ = Instrument::Create(events_, trace_, std::move(settings), linkSpec, error);
+  if (!instrument_) return false;
+  RegisterInstrumentCommands(sequencer_, *instrument_);
+  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();
   ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
@@ -30,6 +34,7 @@ void Engine::useInstrument(Instrument& instrument) {
   };
   calc_ = std::make_unique<CalcChannels>(events_, std::move(ports));
   RegisterCalcChannelCommands(sequencer_, *calc_);
+  return true;
 }
 
 Engine::~Engine() = default;
