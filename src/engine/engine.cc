@@ -5,8 +5,11 @@
 namespace tavrix {
 
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
-    : clock_(std::move(clock)), events_(*clock_), trace_(*clock_), sequencer_(events_, op, trace_) {
+    : clock_(std::move(clock)), events_(*clock_), trace_(*clock_), companion_(&trace_),
+      sequencer_(events_, op, trace_) {
   RegisterSequencerCommands(sequencer_);
+  RegisterCompanionCommands(sequencer_, companion_);
+  RegisterOperatorEntryCommands(sequencer_, nullptr);
 }
 
 Engine::~Engine() = default;

@@ -8,6 +8,7 @@
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/trace.h"
+#include "sequencer/companion.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -23,11 +24,15 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
+  // The companion programs. On this platform a recording adapter: it writes
+  // what was asked to the trace and answers only configured requests.
+  RecordingCompanion& companion() { return companion_; }
 
  private:
   std::unique_ptr<Clock> clock_;
   EventLoop events_;
   Trace trace_;
+  RecordingCompanion companion_;
   Sequencer sequencer_;
 };
 
