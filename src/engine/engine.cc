@@ -1,5 +1,6 @@
 #include "engine/engine.h"
 
+#include "indexing/indexing_commands.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -10,6 +11,7 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
   RegisterSequencerCommands(sequencer_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, nullptr);
+  RegisterIndexingCommands(sequencer_, companion_);
 }
 
 Engine::~Engine() = default;
