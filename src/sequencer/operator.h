@@ -76,6 +76,9 @@ class Operator {
   virtual void showChannelValue(std::string_view /*channel*/, std::string_view /*value*/) {}
   // ICONISE: the main window is minimised (front ends without one ignore it).
   virtual void minimiseWindow() {}
+  // Run and Step move the window to the top-left corner and give it its
+  // running size.
+  virtual void enlargeForRun() {}
 };
 
 }  // namespace tavrix
