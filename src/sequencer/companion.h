@@ -63,6 +63,7 @@ class RecordingCompanion final : public Companion {
     std::string topic;  // DDE topic, or the window title for "keys"
     std::string item;
     std::string text;
+    bool operator==(const Call&) const = default;
   };
 
   explicit RecordingCompanion(Trace* trace = nullptr) : trace_(trace) {}
