@@ -9,8 +9,25 @@ namespace tavrix {
 
 namespace {
 
-// The count-down in the display is refreshed once a second.
+// The count-down in the display is refreshed once a second. On a virtual
+// clock, where every refresh costs a turn of the loop and no one watches,
+// a long wait refreshes once a minute, or once an hour, until its last
+// minute.
 constexpr Micros kDisplayInterval = kMicrosPerSecond;
+
+Micros NextRefresh(const EventLoop& loop, Micros due) {
+  const Micros now = loop.now();
+  Micros step = kDisplayInterval;
+  if (loop.clock().isVirtual()) {
+    const Micros left = due - now;
+    if (left > 3600 * kMicrosPerSecond) {
+      step = 3600 * kMicrosPerSecond;
+    } else if (left > 60 * kMicrosPerSecond) {
+      step = 60 * kMicrosPerSecond;
+    }
+  }
+  return std::min(now + step, due);
+}
 
 }  // namespace
 
@@ -23,14 +40,13 @@ bool WaitForInstant(Sequencer& seq, Micros due, std::string_view display) {
   EventLoop& loop = seq.events();
   bool reached = loop.now() >= due;
   Timer timer(loop, kDisplayInterval, [&] {
-    const Micros now = loop.now();
-    if (now >= due) {
+    if (loop.now() >= due) {
       reached = true;
       return;
     }
-    timer.setDue(std::min(now + kDisplayInterval, due));
+    timer.setDue(NextRefresh(loop, due));
   });
-  if (!reached) timer.setDue(std::min(loop.now() + kDisplayInterval, due));
+  if (!reached) timer.setDue(NextRefresh(loop, due));
   const std::string prefix(display);
   seq.waitUntil([&] { return reached || WaitInterrupted(seq); },
                 [&] {
