@@ -11,6 +11,7 @@
 
 #include "common/civil_time.h"
 #include "engine/engine.h"
+#include "lint_command.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -118,6 +119,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     }
   }
   engine.trace().setOrigin(engine.clock().now());
+  for (const auto& answer : options.companionAnswers) {
+    std::string error;
+    if (!engine.companion().setAnswerFromText(answer, &error)) {
+      std::fprintf(err, "tavrix-cli: --companion-answer: %s\n", error.c_str());
+      return kExitUsage;
+    }
+  }
 
   Sequencer& seq = engine.sequencer();
   std::string error;
@@ -149,7 +157,12 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
   runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
   runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("--companion-answer", run.companionAnswers,
+                         "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
+
+  std::vector<std::string> lintFiles;
+  CLI::App* lintCommand = AddLintCommand(app, lintFiles);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -166,6 +179,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
     return kExitUsage;
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;
 }
 

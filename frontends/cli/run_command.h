@@ -23,6 +23,8 @@ struct RunOptions {
   std::optional<std::string> answers;
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
+  // Answers of the companion programs' DDE items, "TOPIC!ITEM=VALUE".
+  std::vector<std::string> companionAnswers;
 };
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,
