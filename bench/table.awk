@@ -1,0 +1,61 @@
+# Turns Google Benchmark's JSON output (first file) and tavrix_timing's
+# tab-separated rows (second file, may be empty) into one Markdown table.
+# Google Benchmark writes one "key": value pair a line, which is all this
+# reads; no JSON tool is needed.
+function num(name, key) { return ((name, key) in v) ? v[name, key] + 0 : -1 }
+function has(name, key) { return (name, key) in v }
+# A benchmark's time in microseconds, whatever unit it was reported in.
+function micros(name,   t, u) {
+  if (!has(name, "real_time")) return -1
+  t = v[name, "real_time"] + 0; u = v[name, "time_unit"]
+  if (u == "ns") return t / 1000
+  if (u == "ms") return t * 1000
+  if (u == "s") return t * 1e6
+  return t
+}
+function row(measure, figure) { printf "| %-58s | %18s |\n", measure, figure }
+function rate(name, key, unit) {
+  if (has(name, "error_occurred")) return "failed"
+  return num(name, key) < 0 ? "not measured" : sprintf("%.0f %s", num(name, key), unit)
+}
+function per(name, divide, fmt) {
+  if (has(name, "error_occurred")) return "failed"
+  return micros(name) < 0 ? "not measured" : sprintf(fmt, micros(name) / divide)
+}
+function ratio(a, b) { return (a > 0 && b > 0) ? sprintf("%.1f x", a / b) : "not measured" }
+
+FNR == 1 { file++ }
+file == 1 && /"name":/ {
+  line = $0; sub(/^[^:]*: *"/, "", line); sub(/",? *$/, "", line); name = line; next
+}
+file == 1 && /^ *"[a-z_]+": / && name != "" {
+  key = $0; sub(/^ *"/, "", key); sub(/".*/, "", key)
+  val = $0; sub(/^[^:]*: */, "", val); sub(/,? *$/, "", val); gsub(/"/, "", val)
+  v[name, key] = val; next
+}
+file == 1 && /^ *\}/ { name = ""; next }
+file == 2 && NF { timing[++timings] = $0 }
+
+END {
+  printf "| %-58s | %18s |\n", "measure", "figure"
+  printf "|%s|%s|\n", "------------------------------------------------------------", "-------------------:"
+  row("Free run (30,000 lines of labels and remarks)", rate("BM_FreeRunLines", "lines_per_s", "lines/s"))
+  row("GOTO to the last label of 30,000 lines", per("BM_GotoLastLabel", 1, "%.2f us"))
+  row("GOTO by reopening the file and scanning it (naive)", per("BM_GotoNaiveReopenAndScan", 1, "%.0f us"))
+  row("GOTO: naive cost / our cost", ratio(micros("BM_GotoNaiveReopenAndScan"), micros("BM_GotoLastLabel")))
+  row("SEND lines through the run engine, in-process rig", rate("BM_SendLinesInProcessRig", "lines_per_s", "lines/s"))
+  row("SEND exchange (WRI + REP) on the link port, in-process", rate("BM_SendExchangeOnThePort", "sends_per_s", "/s"))
+  row("SEND exchange through the link layer, in-process", rate("BM_SendExchangeThroughTheLayer", "sends_per_s", "/s"))
+  row("Exchange with a rig server over TCP (127.0.0.1)", rate("BM_TcpLoopbackExchange", "exchanges_per_s", "/s"))
+  row("Calculated channels: one pass over 1,000 rows", per("BM_CalcPass1000Rows", 1000, "%.3f ms"))
+  row("Calculated channels: a simulated day of 50 rows", per("BM_SimulatedDay50Rows", 1e6, "%.2f s"))
+  tea = num("BM_TeaEncryptByte", "bytes_per_second") / 1e6
+  ref = num("BM_TeaReferenceLoop", "bytes_per_second") / 1e6
+  row("TEA encryption, clsTEA (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
+  row("TEA encryption, plain reference loop", ref > 0 ? sprintf("%.1f MB/s", ref) : "not measured")
+  row("TEA: clsTEA speed / reference loop speed", ratio(tea, ref))
+  for (i = 1; i <= timings; i++) {
+    split(timing[i], f, "\t")
+    row(f[1], f[2])
+  }
+}
