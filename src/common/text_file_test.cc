@@ -1,12 +1,15 @@
 #include "common/text_file.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <string>
 
 namespace tavrix {
 namespace {
@@ -117,6 +120,52 @@ TEST_F(TextFileTest, AppendsWholeLinesAndSaysWhyItCannot) {
   // The operating system's reason follows the name.
   EXPECT_GT(error.size(), locked.size() + 22) << error;
   EXPECT_FALSE(std::filesystem::exists(locked));
+}
+
+// A results writer killed at an arbitrary instant (here: SIGKILL while it
+// appends as fast as it can) leaves every record it had written whole, and
+// no piece of the record it was writing.
+TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
+  const std::string path = dir_ + "/results.txt";
+  ASSERT_TRUE(appendLines(path, {"RESULTS"}, nullptr));
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // Records of several lines, so a writer that wrote line by line would be
+    // caught with part of a record on file.
+    const std::string padding(200, '.');
+    for (long n = 0;; ++n) {
+      const std::string id = std::to_string(n);
+      if (!appendLines(path, {"BEGIN " + id, "a " + padding, "b " + padding, "END " + id}, nullptr)) _exit(1);
+      if (n == 200 && write(ready[1], "r", 1) != 1) _exit(1);
+    }
+  }
+  close(ready[1]);
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);  // 200 records are on file; the writer goes on
+  close(ready[0]);
+  ASSERT_EQ(kill(child, SIGKILL), 0);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+
+  const std::string text = contents(path);
+  ASSERT_EQ(text.rfind("RESULTS\r\n", 0), 0u);
+  const std::string padding(200, '.');
+  size_t at = 9;
+  long records = 0;
+  while (at < text.size()) {
+    const std::string id = std::to_string(records);
+    const std::string record =
+        "BEGIN " + id + "\r\na " + padding + "\r\nb " + padding + "\r\nEND " + id + "\r\n";
+    ASSERT_EQ(text.compare(at, record.size(), record), 0)
+        << "record " << records << " is not whole: " << text.substr(at, 60);
+    at += record.size();
+    ++records;
+  }
+  EXPECT_GT(records, 200);
 }
 
 }  // namespace

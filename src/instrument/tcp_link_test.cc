@@ -48,9 +48,10 @@ std::string ReadFile(const std::string& path) {
 // A rig server on an ephemeral loopback port, served by a thread.
 class ServerThread {
  public:
-  ServerThread() {
+  // Listens on `port` of 127.0.0.1 (0: a free one).
+  explicit ServerThread(uint16_t port = 0) {
     std::string error;
-    EXPECT_TRUE(server_.listen("127.0.0.1:0", error)) << error;
+    EXPECT_TRUE(server_.listen("127.0.0.1:" + std::to_string(port), error)) << error;
     thread_ = std::thread([this] { server_.serve(stop_); });
   }
   ~ServerThread() { stop(); }
@@ -59,6 +60,7 @@ class ServerThread {
     if (thread_.joinable()) thread_.join();
   }
   std::string link() const { return "tcp://127.0.0.1:" + std::to_string(server_.port()); }
+  uint16_t port() const { return server_.port(); }
 
  private:
   RigServer server_;
@@ -141,6 +143,53 @@ TEST(TcpLink, ARigServerThatGoesAwayEndsTheRunWithAClearError) {
   server.reset();
   const RunResult none = RunOver(link, {"SEND HEATER, 1"});
   EXPECT_EQ(none.error, "IML error:  31");
+  std::remove(rig.c_str());
+}
+
+// The rig server is killed in the middle of a run and started again on the
+// same port: the run ends at its next exchange with the documented message,
+// what it had written before stays written, and the next run talks to the
+// new server.
+TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
+  const std::string rig = TempFile("tcprig", kRig);
+  auto server = std::make_unique<ServerThread>();
+  const uint16_t port = server->port();
+  VirtualClock clock(kStart);
+  EventLoop events(clock);
+  Trace trace(clock);
+  RecordingOperator op;
+  Sequencer seq(events, op, trace);
+  RegisterSequencerCommands(seq);
+  InstrumentSettings settings;
+  settings.replyTimeoutSecs = 5;
+  std::string error;
+  auto instrument = Instrument::Create(events, trace, settings, server->link(), &error);
+  ASSERT_NE(instrument, nullptr) << error;
+  RegisterInstrumentCommands(seq, *instrument);
+  const std::string sequence = TempFile("restart", "IMSFILESPEC " + rig +
+                                                       "\r\nSEND HEATER, 10\r\nWAITSECONDS 5\r\n"
+                                                       "SEND HEATER, 20\r\n");
+  ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
+
+  Timer kill(events, 2 * kMicrosPerSecond, [&] {
+    server.reset();
+    server = std::make_unique<ServerThread>(port);
+  });
+  kill.setEnabled(true);
+  seq.pressRun();
+  kill.setEnabled(false);
+  EXPECT_EQ(seq.lastSequenceError(), "IML error - unable to talk to device: 1");
+  EXPECT_EQ(server->port(), port);
+
+  // The new server has a fresh rig: the next run loads the setup into it and
+  // both writes arrive.
+  ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
+  seq.pressRun();
+  EXPECT_EQ(seq.lastSequenceError(), "");
+  std::string value;
+  ASSERT_TRUE(instrument->channels().ReadChannel("HEATER", value));
+  EXPECT_EQ(value, "20");
+  std::remove(sequence.c_str());
   std::remove(rig.c_str());
 }
 

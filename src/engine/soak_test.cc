@@ -1,0 +1,110 @@
+// Seven days of virtual time of a sequence that loops for ever with the
+// calculated channels of the day example running (averages, checks, daily
+// summaries, the logging switch, HI and LO alarms) on the simulated rig: the
+// process's resident memory must stay flat once the first hour has warmed
+// everything up.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "engine/engine.h"
+#include "common/text_conventions.h"
+#include "sequencer/recording_operator.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define TAVRIX_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TAVRIX_ASAN 1
+#endif
+#endif
+
+namespace tavrix {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
+constexpr Micros kHour = 3600 * kMicrosPerSecond;
+constexpr Micros kWeek = 7 * 24 * kHour;
+
+// Resident memory of this process in bytes, from /proc/self/statm.
+long ResidentBytes() {
+  long size = 0, resident = 0;
+  std::FILE* f = std::fopen("/proc/self/statm", "r");
+  if (f == nullptr) return -1;
+  if (std::fscanf(f, "%ld %ld", &size, &resident) != 2) resident = -1;
+  std::fclose(f);
+  return resident < 0 ? -1 : resident * sysconf(_SC_PAGESIZE);
+}
+
+TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat) {
+#ifdef TAVRIX_ASAN
+  GTEST_SKIP() << "AddressSanitizer holds freed memory in quarantine and its shadow memory "
+                  "grows as pages are touched, so resident memory says nothing here";
+#endif
+  const fs::path home = fs::path(::testing::TempDir()) / ("soak-" + std::to_string(getpid()));
+  fs::create_directories(home);
+  ASSERT_EQ(setenv("TAVRIX_HOME", home.c_str(), 1), 0);
+  const std::string examples = TAVRIX_EXAMPLES_DIR;
+  const std::string sequence = (home / "soak.wts").string();
+  std::ofstream(sequence, std::ios::binary)
+      << "IMSFILESPEC " << examples << "/calc_rig.ims\r\n"
+      << "STARTCALCULATEDCHANNELS " << examples << "/calc_day.ccs, 10\r\n"
+      << "CC_START\r\n"
+      << "AGAIN:\r\n"
+      << "SEND LOGSW, 1\r\n"
+      << "WAITSECONDS 3000\r\n"
+      << "SEND LOGSW, 0\r\n"
+      << "WAITSECONDS 600\r\n"
+      << "SEND LOGSW, 1\r\n"
+      << "CHECK T1 < 1000, HOT\r\n"
+      << "GOTO AGAIN\r\n"
+      << "HOT:\r\n"
+      << "STOP\r\n";
+
+  RecordingOperator op;
+  auto owned = std::make_unique<VirtualClock>(kStart);
+  VirtualClock& clock = *owned;
+  Engine engine(std::move(owned), op);
+  std::string error;
+  ASSERT_TRUE(engine.attachInstrument({}, "sim", &error)) << error;
+  Sequencer& seq = engine.sequencer();
+  ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
+
+  long afterFirstHour = -1;
+  Timer firstHour(engine.events(), kHour, [&] {
+    if (afterFirstHour < 0) afterFirstHour = ResidentBytes();
+  });
+  firstHour.setEnabled(true);
+  Timer weekEnds(engine.events(), kWeek, [&] { seq.pressStop(); });
+  weekEnds.setEnabled(true);
+  seq.pressRun();
+  const long atEnd = ResidentBytes();
+
+  // The week ran: the loop was still going when the week ended, and the
+  // calculated channels did their passes all along.
+  EXPECT_EQ(seq.lastSequenceError(), "");
+  EXPECT_GE(clock.now(), kStart + kWeek);
+  EXPECT_LT(clock.now(), kStart + kWeek + kHour);
+  ASSERT_NE(engine.calcChannels(), nullptr);
+  EXPECT_TRUE(engine.calcChannels()->state().setupLoaded);
+  std::string average;
+  ASSERT_TRUE(engine.instrument()->channels().ReadChannel("T1AVG", average));
+  EXPECT_NEAR(leadingNumber(average), 20, 1.5) << average;
+
+  ASSERT_GT(afterFirstHour, 0);
+  const long growth = atEnd - afterFirstHour;
+  std::printf("resident memory after the first hour %ld KiB, after the week %ld KiB, growth %ld KiB\n",
+              afterFirstHour / 1024, atEnd / 1024, growth / 1024);
+  EXPECT_LE(growth, 1024 * 1024);
+  fs::remove_all(home);
+}
+
+}  // namespace
+}  // namespace tavrix
