@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CalcChannels calc(events, ports);
   if (calc.startCalculatedChannels("c:\\setups\\FZ.ccs", "1")) {
     for (int pass = 0; pass < 3; ++pass) {
-      clock.advance(3600 * kMicrosPerSecond);
+      clock.advanceBy(3600 * kMicrosPerSecond);
       calc.runPass();
     }
   }

@@ -3,6 +3,7 @@
 // channel references read a small fake rig and waveform "RAMP" is on file.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>

@@ -2,6 +2,7 @@
 // (each issue rewrites the file, so the second reads what the first wrote).
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "instrument/sim_rig.h"
 
@@ -23,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   model.load(std::move(setup));
   Micros now = 1'767'225'600LL * kMicrosPerSecond;
   for (const auto& [device, name] : channels) {
-    for (const std::string command : {"REA " + name, "WRI " + name + " 5", "REP", "ALA", "SHO " + name, "DEF " + name + " M=A", "ESC"}) {
+    for (const std::string& command : std::vector<std::string>{"REA " + name, "WRI " + name + " 5", "REP", "ALA", "SHO " + name, "DEF " + name + " M=A", "ESC"}) {
       now += 250'000;
       model.execute(device, command, now);
     }

@@ -1,6 +1,8 @@
 #include "calcchan/evaluation.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
@@ -345,6 +347,46 @@ TEST_F(EvaluationTest, AFailingSummaryWriteIsReported) {
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_NE(messages[0].find("sum"), std::string::npos);
   EXPECT_EQ(calc->state().table[1].passes, 1);  // kept for the next attempt
+}
+
+// The disk refuses to let the summary grow (a file size limit makes every
+// append fail, for root too): the failure is shown, the rows already on file
+// stay as they were, and the day's counters wait for the next write.
+TEST_F(EvaluationTest, ASummaryThatCannotGrowKeepsItsRowsAndTheDaysCounters) {
+  rig.values = {{"P", "5"}, {"DAY", ""}};
+  ASSERT_TRUE(Load("FG.ccs", {"DAILY|P|DAY"}));
+  calc->start();
+  RunFor(1);
+  calc->changeLoggers();
+  ASSERT_TRUE(messages.empty()) << messages.front();
+  const std::string before = FileText("MONTH_FG_2611.wl");
+  ASSERT_NE(before.find("\r\n03\t5.00\tOK\r\n"), std::string::npos) << before;
+
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  const auto previousHandler = signal(SIGXFSZ, SIG_IGN);
+  rlimit full = saved;
+  full.rlim_cur = before.size();
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  rig.values["P"] = "7";
+  RunFor(2);
+  calc->changeLoggers();
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, previousHandler);
+
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0].rfind("Cannot append to", 0), 0u) << messages[0];
+  EXPECT_NE(messages[0].find("MONTH_FG_2611.wl"), std::string::npos) << messages[0];
+  EXPECT_EQ(FileText("MONTH_FG_2611.wl"), before);
+  EXPECT_EQ(calc->state().table[1].passes, 2);
+
+  // Room again: the next write appends the kept day after the earlier rows.
+  RunFor(1);
+  calc->changeLoggers();
+  EXPECT_EQ(messages.size(), 1u);
+  const std::string after = FileText("MONTH_FG_2611.wl");
+  EXPECT_EQ(after.rfind(before, 0), 0u) << after;
+  EXPECT_NE(after.find("\r\n03\t", before.size() - 2), std::string::npos) << after;
 }
 
 TEST(ReportCondition, OperatorsAndLimits) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace tavrix {
@@ -46,6 +47,31 @@ std::string folderOf(const std::string& path) {
   if (slash == std::string::npos) return ".";
   if (slash == 0) return "/";
   return path.substr(0, slash);
+}
+
+// The marker of an append in progress: ".<name>.appending" beside the file,
+// holding the file's length before the append.
+std::string appendMarkerOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const size_t name = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(0, name) + "." + path.substr(name) + ".appending";
+}
+
+// A marker left behind means the process that wrote it died in the middle of
+// that append (the kernel may stop a large write at a page boundary when the
+// process is killed): the file is cut back to its length before that append.
+void finishInterruptedAppend(const std::string& marker, int fd, off_t& size) {
+  const int in = ::open(marker.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return;
+  char text[32] = {};
+  const ssize_t n = ::read(in, text, sizeof text - 1);
+  ::close(in);
+  char* end = nullptr;
+  const long long before = n > 0 ? std::strtoll(text, &end, 10) : -1;
+  if (end != nullptr && *end == '\n' && before >= 0 && before < size && ::ftruncate(fd, before) == 0) {
+    size = static_cast<off_t>(before);
+  }
+  ::unlink(marker.c_str());
 }
 
 }  // namespace
@@ -112,11 +138,26 @@ bool appendLines(const std::string& path, const std::vector<std::string>& lines,
     ::close(fd);
     return fail(error, "Cannot append to", path, err);
   }
-  int err = writeAll(fd, joinLines(lines));
-  if (err != 0 && ::ftruncate(fd, before.st_size) != 0) {
+  const std::string marker = appendMarkerOf(path);
+  off_t size = before.st_size;
+  finishInterruptedAppend(marker, fd, size);
+  const std::string text = joinLines(lines);
+  bool marked = false;
+  if (!text.empty()) {
+    // Where the file cannot have a marker beside it, the append goes on
+    // without one.
+    const int out = ::open(marker.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (out >= 0) {
+      marked = writeAll(out, std::to_string(static_cast<long long>(size)) + "\n") == 0;
+      ::close(out);
+    }
+  }
+  int err = writeAll(fd, text);
+  if (err != 0 && ::ftruncate(fd, size) != 0) {
     // Nothing more can be done; the write's error is the one reported.
   }
   if (::close(fd) != 0 && err == 0) err = errno;
+  if (marked) ::unlink(marker.c_str());
   if (err != 0) return fail(error, "Cannot append to", path, err);
   return true;
 }

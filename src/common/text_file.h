@@ -25,7 +25,10 @@ bool writeTextFileAtomically(const std::string& path, const std::vector<std::str
 
 // Appends `lines`, each followed by CR LF, creating the file if needed. The
 // lines go out in one piece: if the write fails part-way the file is cut
-// back to its former length.
+// back to its former length. While the lines are being written a marker
+// ".<name>.appending" beside the file holds that length; if the process is
+// killed part-way, the next append to the file finds the marker and first
+// cuts the file back, so only whole appends remain.
 bool appendLines(const std::string& path, const std::vector<std::string>& lines,
                  std::string* error);
 

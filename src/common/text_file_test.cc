@@ -123,49 +123,61 @@ TEST_F(TextFileTest, AppendsWholeLinesAndSaysWhyItCannot) {
 }
 
 // A results writer killed at an arbitrary instant (here: SIGKILL while it
-// appends as fast as it can) leaves every record it had written whole, and
-// no piece of the record it was writing.
+// appends rows of several lines as fast as it can) may leave part of the
+// append it was in; the next append, when the program runs again, cuts that
+// part away first. Every earlier row stays whole.
 TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
   const std::string path = dir_ + "/results.txt";
-  ASSERT_TRUE(appendLines(path, {"RESULTS"}, nullptr));
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // Records of several lines, so a writer that wrote line by line would be
-    // caught with part of a record on file.
-    const std::string padding(200, '.');
-    for (long n = 0;; ++n) {
-      const std::string id = std::to_string(n);
-      if (!appendLines(path, {"BEGIN " + id, "a " + padding, "b " + padding, "END " + id}, nullptr)) _exit(1);
-      if (n == 200 && write(ready[1], "r", 1) != 1) _exit(1);
-    }
-  }
-  close(ready[1]);
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);  // 200 records are on file; the writer goes on
-  close(ready[0]);
-  ASSERT_EQ(kill(child, SIGKILL), 0);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status));
-
-  const std::string text = contents(path);
-  ASSERT_EQ(text.rfind("RESULTS\r\n", 0), 0u);
   const std::string padding(200, '.');
-  size_t at = 9;
-  long records = 0;
-  while (at < text.size()) {
-    const std::string id = std::to_string(records);
-    const std::string record =
-        "BEGIN " + id + "\r\na " + padding + "\r\nb " + padding + "\r\nEND " + id + "\r\n";
-    ASSERT_EQ(text.compare(at, record.size(), record), 0)
-        << "record " << records << " is not whole: " << text.substr(at, 60);
-    at += record.size();
-    ++records;
+  const auto record = [&](long n) {
+    const std::string id = std::to_string(n);
+    return std::vector<std::string>{"BEGIN " + id, "a " + padding, "b " + padding, "END " + id};
+  };
+  ASSERT_TRUE(appendLines(path, {"RESULTS"}, nullptr));
+  for (int round = 0; round < 100; ++round) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const long first = round * 1000000L;
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      for (long n = first;; ++n) {
+        if (!appendLines(path, record(n), nullptr)) _exit(1);
+        if (n == first + 50 && write(ready[1], "r", 1) != 1) _exit(1);
+      }
+    }
+    close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);  // 50 rows are on file; the writer goes on
+    close(ready[0]);
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
   }
-  EXPECT_GT(records, 200);
+  ASSERT_TRUE(appendLines(path, {"AFTER"}, nullptr));
+
+  std::string expected = "RESULTS\r\n";
+  const std::string text = contents(path);
+  size_t at = expected.size();
+  ASSERT_EQ(text.compare(0, at, expected), 0);
+  int rounds = 0;
+  while (at < text.size() && text.compare(at, 7, "AFTER\r\n") != 0) {
+    const long first = std::stol(text.substr(at + 6, 12));
+    ASSERT_EQ(first % 1000000L, 0) << "the first row of a writer is missing at " << at;
+    long n = first;
+    for (;; ++n) {
+      std::string whole;
+      for (const auto& line : record(n)) whole += line + "\r\n";
+      if (text.compare(at, whole.size(), whole) != 0) break;
+      at += whole.size();
+    }
+    EXPECT_GT(n - first, 50) << "writer " << rounds;
+    ++rounds;
+  }
+  EXPECT_EQ(rounds, 100);
+  EXPECT_EQ(text.substr(at), "AFTER\r\n");
+  EXPECT_EQ(folderEntries(dir_), std::vector<std::string>{"results.txt"});
 }
 
 }  // namespace
