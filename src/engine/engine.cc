@@ -5,8 +5,15 @@
 namespace tavrix {
 
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
-    : clock_(std::move(clock)), events_(*clock_), trace_(*clock_), sequencer_(events_, op, trace_) {
+    : clock_(std::move(clock)),
+      events_(*clock_),
+      trace_(*clock_),
+      sequencer_(events_, op, trace_),
+      paths_(defaultDataRoot()),
+      testDatabase_(sequencer_, paths_) {
   RegisterSequencerCommands(sequencer_);
+  testDatabase_.results.dataDirectory = defaultDataRoot() + "/data";
+  testDatabase_.registerCommands();
 }
 
 Engine::~Engine() = default;

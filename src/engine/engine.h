@@ -7,8 +7,10 @@
 
 #include "common/clock.h"
 #include "common/event_loop.h"
+#include "common/paths.h"
 #include "common/trace.h"
 #include "sequencer/sequencer.h"
+#include "testdb/test_database.h"
 
 namespace tavrix {
 
@@ -23,12 +25,17 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
+  // How Windows paths in sequence and definition files map to local ones.
+  PathMap& paths() { return paths_; }
+  TestDatabase& testDatabase() { return testDatabase_; }
 
  private:
   std::unique_ptr<Clock> clock_;
   EventLoop events_;
   Trace trace_;
   Sequencer sequencer_;
+  PathMap paths_;
+  TestDatabase testDatabase_;
 };
 
 }  // namespace tavrix
