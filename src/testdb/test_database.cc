@@ -19,7 +19,7 @@ void TestDatabase::registerCommands() {
   d.registerHandler("DB_DATAENTRY", [this](Sequencer& seq, const CommandLine& cmd) {
     FinishUut();
     if (seq.flags().endRequested) return;
-    const bool accepted = OpenTestDatabase(cmd.arg1);
+    const bool accepted = OpenTestDatabase(std::string(trim(cmd.arg1)));
     if (accepted || seq.flags().endRequested || seq.flags().stopRequested) return;
     if (!cmd.arg2.empty()) {
       seq.searchLabel(cmd.arg2);
@@ -52,6 +52,7 @@ bool TestDatabase::askDataEntry(DataEntry& entry) {
   question.text = "Serial Number, " + std::string(kDateLabel) + " " + formatDate(now, "dd-mm-yyyy") +
                   ", Operator(s), Description";
   question.buttons = {std::string(kAccept), std::string(kCancel)};
+  question.fieldsAfterButton = true;
   for (;;) {
     const Answer answer = seq_.ask(question);
     if (!answer) return false;
