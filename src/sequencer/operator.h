@@ -75,6 +75,9 @@ class Operator {
   virtual void showHelpText(std::string_view /*text*/) {}
   virtual void showDataFileSpec(std::string_view /*path*/) {}
   virtual void showControls(const RunControls& /*controls*/) {}
+  // Run and Step move the window to the top-left corner and give it its
+  // running size.
+  virtual void enlargeForRun() {}
 };
 
 }  // namespace tavrix

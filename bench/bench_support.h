@@ -1,0 +1,44 @@
+// Shared pieces of the benchmarks: an operator that shows nothing, and
+// sequence files written to a temporary folder.
+#pragma once
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "sequencer/operator.h"
+
+namespace tavrix::bench {
+
+class QuietOperator : public Operator {
+ public:
+  void ask(const Question& q, std::function<void(Answer)> answered) override {
+    answered(q.buttons.empty() ? std::string() : q.buttons.front());
+  }
+  void showMessage(std::string_view, std::string_view) override {}
+};
+
+// Writes `lines` with CR LF ends to a new temporary file and returns its path.
+inline std::string WriteSequence(const std::vector<std::string>& lines) {
+  char name[] = "/tmp/tavrixbenchXXXXXX";
+  const int fd = mkstemp(name);
+  close(fd);
+  std::ofstream out(name, std::ios::binary);
+  for (const auto& line : lines) out << line << "\r\n";
+  return name;
+}
+
+// 30,000 lines of labels and unknown words, the last one a label.
+inline std::vector<std::string> LabelsAndWords(int count = 30000) {
+  std::vector<std::string> lines;
+  lines.reserve(count);
+  for (int i = 0; i < count - 1; ++i) {
+    lines.push_back(i % 2 ? "LABEL" + std::to_string(i) + ":" : "REMARK line " + std::to_string(i));
+  }
+  lines.push_back("LAST:");
+  return lines;
+}
+
+}  // namespace tavrix::bench
