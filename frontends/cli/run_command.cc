@@ -120,6 +120,15 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   engine.trace().setOrigin(engine.clock().now());
 
   Sequencer& seq = engine.sequencer();
+  TestDatabase& testDatabase = engine.testDatabase();
+  testDatabase.results.xmlLayout = options.results == "xml";
+  testDatabase.results.writeResults = options.results != "off";
+  if (options.noHardware) {
+    testDatabase.readChannel = [](const std::string&, std::string& value, std::string&) {
+      value = "0";
+      return true;
+    };
+  }
   std::string error;
   if (!seq.prepareFile(options.sequence, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
@@ -132,7 +141,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     seq.pressRun();
     reason = seq.endReason();
   }
-  const int status = ExitStatusFor(reason);
+  int status = ExitStatusFor(reason);
+  if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
@@ -149,6 +159,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
   runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
   runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
+      ->check(CLI::IsMember({"text", "xml", "off"}));
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());

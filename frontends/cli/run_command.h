@@ -15,6 +15,7 @@ constexpr int kExitOk = 0;           // end of file or STOP, no sequence error
 constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question)
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
+constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
 
 struct RunOptions {
   std::string sequence;
@@ -23,6 +24,7 @@ struct RunOptions {
   std::optional<std::string> answers;
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
+  std::string results = "text";  // results files: "text", "xml" or "off"
 };
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,
