@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/civil_time.h"
+#include "crypt_commands.h"
 #include "engine/engine.h"
 #include "sequencer/console_operators.h"
 
@@ -163,6 +164,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
       ->check(CLI::IsMember({"text", "xml", "off"}));
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
+  CryptCommands cryptCommands(app);
+
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
   try {
@@ -178,6 +181,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
     return kExitUsage;
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  if (auto status = cryptCommands.run(in, out, err)) return *status;
   return kExitUsage;
 }
 
