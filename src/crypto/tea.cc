@@ -232,22 +232,33 @@ TeaKey teaKeyFromText(std::string_view text) {
           loadBigEndian(bytes + 12)};
 }
 
+// The words and the key are copied into locals first: through references the
+// compiler must assume that a store to y or z could change the key, and
+// reloads it every round.
 void teaEncipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
-  uint32_t sum = 0;
+  uint32_t a = y, b = z, sum = 0;
+  const uint32_t k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3];
+#pragma GCC unroll 8
   for (int i = 0; i < kCycles; ++i) {
     sum += kDelta;
-    y += ((z << 4) + k[0]) ^ (z + sum) ^ ((z >> 5) + k[1]);
-    z += ((y << 4) + k[2]) ^ (y + sum) ^ ((y >> 5) + k[3]);
+    a += ((b << 4) + k0) ^ (b + sum) ^ ((b >> 5) + k1);
+    b += ((a << 4) + k2) ^ (a + sum) ^ ((a >> 5) + k3);
   }
+  y = a;
+  z = b;
 }
 
 void teaDecipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
-  uint32_t sum = kDecipherSum;
+  uint32_t a = y, b = z, sum = kDecipherSum;
+  const uint32_t k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3];
+#pragma GCC unroll 8
   for (int i = 0; i < kCycles; ++i) {
-    z -= ((y << 4) + k[2]) ^ (y + sum) ^ ((y >> 5) + k[3]);
-    y -= ((z << 4) + k[0]) ^ (z + sum) ^ ((z >> 5) + k[1]);
+    b -= ((a << 4) + k2) ^ (a + sum) ^ ((a >> 5) + k3);
+    a -= ((b << 4) + k0) ^ (b + sum) ^ ((b >> 5) + k1);
     sum -= kDelta;
   }
+  y = a;
+  z = b;
 }
 
 clsTEA::clsTEA() = default;
@@ -343,15 +354,16 @@ std::optional<std::string> clsTEA::DecryptString(std::string_view text,
 
 void clsTEA::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressMeter* meter,
                          uint64_t position) {
+  const TeaKey key = key_;
   for (size_t pos = 0; pos + kBlock <= size; pos += kBlock) {
     if (meter != nullptr) meter->at(position + pos);
     uint8_t* block = data + pos;
     uint32_t y = loadBigEndian(block);
     uint32_t z = loadBigEndian(block + 4);
     if (encipher) {
-      teaEncipher(y, z, key_);
+      teaEncipher(y, z, key);
     } else {
-      teaDecipher(y, z, key_);
+      teaDecipher(y, z, key);
     }
     storeBigEndian(block, y);
     storeBigEndian(block + 4, z);
