@@ -1,10 +1,10 @@
 // TEA throughput against a plain loop of the published algorithm, and the
 // peak memory of decrypting a large encrypted file.
 //
-//   cmake -S . -B build -DTAVRIX_BENCH=ON -DCMAKE_BUILD_TYPE=Release
-//   cmake --build build -j2 --target crypto_bench
-//   build/bench/crypto_bench                      # 1 GiB file (needs 2 GiB of /tmp)
-//   TAVRIX_BENCH_FILE_MIB=64 build/bench/crypto_bench
+//   bench/run --quick                 (all benchmarks, this file's among them)
+//   build-bench/bench/tavrix_bench --benchmark_filter=Tea\|Reference
+//   TAVRIX_BENCH_FILE_MIB=64 build-bench/bench/tavrix_bench --benchmark_filter=TeaDecryptFile
+// The file benchmark decrypts 1 GiB by default (2 GiB of temporary space).
 //
 // Peak memory: before the file is decrypted the process's peak resident set
 // is reset (writing 5 to /proc/self/clear_refs) and afterwards read back as
@@ -206,5 +206,3 @@ void BM_TeaDecryptFile(benchmark::State& state) {
 BENCHMARK(BM_TeaDecryptFile)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -12,7 +12,9 @@ namespace tavrix {
 
 // Exit statuses of `tavrix-cli run`.
 constexpr int kExitOk = 0;           // end of file or STOP, no sequence error
-constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question)
+constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question), or a
+                                      // command that ends the program (a calculated channel setup
+                                      // that cannot be loaded)
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
 constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
@@ -25,6 +27,17 @@ struct RunOptions {
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
   std::string results = "text";  // results files: "text", "xml" or "off"
+  // The instrument link.
+  std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
+  std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
+  std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
+  std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
+};
+
+// `tavrix-cli rig`: serves the simulated rig over TCP.
+struct RigOptions {
+  std::string listen = "127.0.0.1:5025";
+  std::string setup;
 };
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,

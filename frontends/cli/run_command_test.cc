@@ -7,6 +7,11 @@
 #include <sstream>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
+#include "instrument/rig_server.h"
+
 namespace tavrix {
 namespace {
 
@@ -96,6 +101,41 @@ TEST_F(CliTest, ExitStatusTellsHowTheRunEnded) {
   EXPECT_NE(err_.find("none of its buttons (OK, Cancel)"), std::string::npos) << err_;
 }
 
+TEST_F(CliTest, CalculatedChannelsRunOnTheRigAndASetupThatCannotLoadEndsTheProgram) {
+  const std::string rig = File("calc_rig.ims", "  10001 E=1 N=IN V=2\n  10002 E=1 N=OUT\n  10003 E=1 N=SW V=0\n");
+  File("AB.ccs",
+       "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\nSOURCE=IN\r\nNEWNAME=OUT\r\n"
+       "PARAM1=3\r\n[END CHANNEL]\r\n");
+  File("LG.ccs",
+       "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=LOGGER ON/OFF\r\nSOURCE=SW\r\n[END CHANNEL]\r\n");
+  const std::string good = File("good.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " + dir_ +
+                                                "/AB.ccs, 2\r\nCC_START\r\nWAITSECONDS 5\r\n"
+                                                "CHECK OUT = 6, bad\r\nSTOP\r\nbad:\r\nGOTO nowhere\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", good}), kExitOk) << err_;
+
+  const std::string logger = File("logger.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " +
+                                                    dir_ + "/LG.ccs, 1\r\nCC_START\r\nWAITSECONDS 3\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", logger}), kExitOk) << err_;
+  int stops = 0;
+  for (const auto& line : TraceLines()) {
+    if (line.find(R"("ev":"companion","kind":"execute","topic":"LG_Raw|System","item":"Status","text":"Stop"})") !=
+        std::string::npos) {
+      ++stops;
+    }
+  }
+  EXPECT_EQ(stops, 1) << out_;
+
+  const std::string bad = File("bad.wts", "STARTCALCULATEDCHANNELS " + dir_ + "/none.ccs, 1\r\nSTOP\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", bad}), kExitSequenceError);
+  const auto lines = TraceLines();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_NE(out_.find("Unable to find or process calculated channel setup file:\\r" + dir_ + "/none.ccs"),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(out_.find("\"text\":\"STOP\""), std::string::npos);  // the program ended at once
+  EXPECT_NE(lines.back().find(R"("reason":"unload","code":1)"), std::string::npos) << lines.back();
+}
+
 TEST_F(CliTest, BadUsageAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(Cli({"run", dir_ + "/missing.wts"}), kExitUsage);
   EXPECT_NE(err_.find("missing.wts"), std::string::npos);
@@ -114,6 +154,50 @@ TEST_F(CliTest, AFileOfOverThirtyTwoThousandLinesEndsWithAClearError) {
   for (int i = 0; i < 40000; ++i) text += "REM line\r\n";
   EXPECT_EQ(Cli({"run", "--virtual-time", File("long.wts", text)}), kExitSequenceError);
   EXPECT_NE(err_.find("Error on line: 32767\nLine count overflow"), std::string::npos) << err_;
+}
+
+TEST_F(CliTest, TheInstrumentLinkOptions) {
+  const std::string rig = File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
+  const std::string seq = File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--trace", "-", seq}), kExitOk) << err_;
+  const std::string simTrace = out_;
+  EXPECT_NE(simTrace.find(R"("ev":"iml","dev":1,"cmd":"WRI HEATER 80","reply":null})"), std::string::npos);
+
+  // The same run over a rig server gives the same trace.
+  std::string link;
+  {
+    RigServer server;
+    std::string error;
+    ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+    std::atomic<bool> stop{false};
+    std::thread serving([&] { server.serve(stop); });
+    link = "tcp://127.0.0.1:" + std::to_string(server.port());
+    EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--link", link, "--reply-timeout", "3",
+                   "--trace", "-", seq}),
+              kExitOk)
+        << err_;
+    EXPECT_EQ(out_, simTrace);
+    stop = true;
+    serving.join();
+  }
+
+  // Bad links, setups, time-outs and settings files are usage errors.
+  EXPECT_EQ(Cli({"run", "--link", "serial:1", seq}), kExitUsage);
+  EXPECT_NE(err_.find("unknown link \"serial:1\""), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"run", "--link", link, seq}), kExitUsage);
+  EXPECT_NE(err_.find("IML error:  31"), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"run", "--setup", File("bad.ims", "rubbish\n"), seq}), kExitUsage);
+  EXPECT_NE(err_.find("bad.ims line 1: "), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"run", "--reply-timeout", "-1", seq}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--instrument-settings", File("i.cfg", "colour = red\n"), seq}), kExitUsage);
+  EXPECT_NE(err_.find("i.cfg line 1: unknown setting \"colour\""), std::string::npos) << err_;
+  // Without hardware every channel reads 0, so the wait never ends by itself:
+  // a channel that is not there is not an error either.
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-hardware", File("nh.wts", "WAIT OVEN < 1\r\nCHECK X = 0, L\r\nSTOP\r\nL:\r\nGOTO NOWHERE\r\n")}),
+            kExitOk)
+      << err_;
+  EXPECT_EQ(Cli({"rig", "--listen", "nowhere", "--setup", rig}), kExitUsage);
+  EXPECT_NE(err_.find("\"nowhere\" is not HOST:PORT"), std::string::npos) << err_;
 }
 
 }  // namespace

@@ -1,8 +1,15 @@
 #include "engine/engine.h"
 
+#include "calcchan/calc_commands.h"
+#include "common/paths.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
+
+namespace {
+// Below the link's data folder: where the daily summaries and reports go.
+constexpr std::string_view kSummaryFolder = "\\summary";
+}  // namespace
 
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
     : clock_(std::move(clock)),
@@ -16,6 +23,42 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
   testDatabase_.registerCommands();
 }
 
+void Engine::useInstrument(Instrument& instrument) {
+  instrument_ = &instrument;
+  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(instrument);
+  CalcPorts ports;
+  ports.channels = calcChannelPort_.get();
+  ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
+  ports.companion = TracingCompanion(trace_);
+  ports.resolvePath = [this](std::string_view spec) { return resolvePath(spec); };
+  ports.dataFolder = [this] { return instrument_->link().GetDataDirectory(); };
+  ports.summaryFolder = [this] {
+    return instrument_->link().GetDataDirectory() + std::string(kSummaryFolder);
+  };
+  calc_ = std::make_unique<CalcChannels>(events_, std::move(ports));
+  RegisterCalcChannelCommands(sequencer_, *calc_);
+
+  // The stage checks read channels through the channel operations; the test
+  // database's paths use the instrument's drive map, and results without a
+  // directory of their own go to the link's data directory.
+  for (const auto& [letter, folder] : instrument.settings().driveMap) paths_.setDrive(letter, folder);
+  testDatabase_.results.dataDirectory = instrument.link().GetDataDirectory();
+  testDatabase_.readChannel = [this](const std::string& name, std::string& value,
+                                     std::string& error) {
+    if (instrument_->channels().ReadChannel(name, value)) return true;
+    error = instrument_->link().lastErrorText;
+    return false;
+  };
+}
+
 Engine::~Engine() = default;
+
+std::string Engine::resolvePath(std::string_view spec) const {
+  PathMap map(defaultDataRoot());
+  if (instrument_ != nullptr) {
+    for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
+  }
+  return map.toLocal(spec);
+}
 
 }  // namespace tavrix

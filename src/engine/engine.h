@@ -5,10 +5,12 @@
 
 #include <memory>
 
+#include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/paths.h"
 #include "common/trace.h"
+#include "instrument/instrument.h"
 #include "sequencer/sequencer.h"
 #include "testdb/test_database.h"
 
@@ -28,6 +30,17 @@ class Engine {
   // How Windows paths in sequence and definition files map to local ones.
   PathMap& paths() { return paths_; }
   TestDatabase& testDatabase() { return testDatabase_; }
+  // Connects the subsystems that work on the instrument's channels (the
+  // calculated channels) and registers their commands. Call once, with an
+  // instrument that outlives the engine's runs.
+  void useInstrument(Instrument& instrument);
+  // Null until useInstrument.
+  CalcChannels* calcChannels() { return calc_.get(); }
+
+  // A file specification as written in sequence files, as a local path: the
+  // instrument settings' drive map, and for other drives "<data root>/<x>"
+  // (see common/paths.h).
+  std::string resolvePath(std::string_view spec) const;
 
  private:
   std::unique_ptr<Clock> clock_;
@@ -36,6 +49,9 @@ class Engine {
   Sequencer sequencer_;
   PathMap paths_;
   TestDatabase testDatabase_;
+  Instrument* instrument_ = nullptr;
+  std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
+  std::unique_ptr<CalcChannels> calc_;
 };
 
 }  // namespace tavrix

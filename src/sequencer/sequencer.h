@@ -36,9 +36,10 @@ struct RunFlags {
   bool autoStartPending = false;
 };
 
-// How the last run ended.
-enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort };
-const char* EndReasonName(EndReason reason);  // "eof", "stop", "error", "abort"
+// How the last run ended. kUnload: a command closed the main window, which
+// ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
+enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
+const char* EndReasonName(EndReason reason);  // "eof", "stop", "error", "abort", "unload"
 
 // One entry of the define table.
 struct DefineEntry {

@@ -1,0 +1,69 @@
+// The instrument subsystem of one engine: the link library backend, the IML
+// link over it, the channel table and the module-wide settings. Front ends
+// build one from a link spec ("sim" for the simulated rig, the default, or
+// "tcp://HOST:PORT" for a rig server) and register its commands.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "common/event_loop.h"
+#include "common/trace.h"
+#include "instrument/channels.h"
+#include "instrument/iml_link.h"
+#include "instrument/instrument_settings.h"
+#include "instrument/link_library.h"
+
+namespace tavrix {
+
+inline constexpr std::string_view kLinkSim = "sim";
+inline constexpr std::string_view kLinkTcpPrefix = "tcp://";
+
+// The backend that a link spec names, or nullptr with a message.
+std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Clock& clock,
+                                             const InstrumentSettings& settings,
+                                             std::string* error);
+
+class Instrument {
+ public:
+  Instrument(EventLoop& events, Trace& trace, InstrumentSettings settings,
+             std::unique_ptr<LinkLibrary> backend);
+  ~Instrument();
+  Instrument(const Instrument&) = delete;
+  Instrument& operator=(const Instrument&) = delete;
+
+  // Builds one over the backend that `linkSpec` names; nullptr with a message
+  // for a link that names none.
+  static std::unique_ptr<Instrument> Create(EventLoop& events, Trace& trace,
+                                            InstrumentSettings settings, std::string_view linkSpec,
+                                            std::string* error);
+
+  LinkLibrary& backend() { return *backend_; }
+  ImlLink& link() { return link_; }
+  Channels& channels() { return channels_; }
+  const InstrumentSettings& settings() const { return settings_; }
+  EventLoop& events() { return events_; }
+
+  // Opens the link unless it is open already (or there is no hardware).
+  bool ensureOpen();
+  bool isOpen() const { return open_; }
+  // What choosing a setup file does: close the link, let events run, open it
+  // again and load the setup. `path` is written as in sequence files and is
+  // mapped through the drive map. On failure the link's last error tells why.
+  bool selectSetupFile(std::string_view path);
+
+  // How long the last WAIT on a condition had waited when it last compared,
+  // in seconds.
+  float lastWaitDuration = 0;
+
+ private:
+  EventLoop& events_;
+  InstrumentSettings settings_;
+  std::unique_ptr<LinkLibrary> backend_;
+  ImlLink link_;
+  Channels channels_;
+  bool open_ = false;
+};
+
+}  // namespace tavrix

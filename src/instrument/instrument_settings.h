@@ -1,0 +1,43 @@
+// The settings the instrument link keeps for the whole program: no hardware,
+// the reply time-out, the channel that CHECKIMS reads, the data root and the
+// drive map, and the poll intervals. Read from one "key = value" text file,
+// documented in docs/instrument-settings.md.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "common/clock.h"
+
+namespace tavrix {
+
+struct InstrumentSettings {
+  bool noHardware = false;
+  bool useReplyTimeout = true;
+  int replyTimeoutSecs = 10;
+  std::string checkChannel;              // read by CHECKIMS
+  std::string dataRoot = "c:\\corvane";  // the link's directory; setups and data lie below it
+  // Drive letter (lower case, without ':') -> local folder.
+  std::map<char, std::string> driveMap;
+  Micros replyPollInterval = 10'000;  // between polls of a command or reply not ready
+  Micros waitPollInterval = 100'000;  // between readings of WAIT on a condition
+
+  // Applies one "key = value" pair; false with a reason for an unknown key or
+  // a bad value.
+  bool set(std::string_view key, std::string_view value, std::string& error);
+};
+
+// Reads settings from a file; false with "FILE line N: reason" on a bad line.
+bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& settings,
+                            std::string& error);
+bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
+                             InstrumentSettings& settings, std::string& error);
+
+// A path as written in sequence files ("c:\corvane\setups\rig.ims") as a path
+// of this computer, through the program's drive map (common/paths.h) with the
+// drives of these settings: "\" becomes "/", and a drive prefix is replaced
+// by its folder. Paths without a drive only change their separators.
+std::string MapPath(std::string_view path, const InstrumentSettings& settings);
+
+}  // namespace tavrix
