@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 #include "run_command.h"
 
@@ -99,6 +100,34 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
   EXPECT_EQ(Run("Accept|serial=9\nPass\nCancel\n", {"--results", "off"}), kExitOk);
   EXPECT_FALSE(std::filesystem::exists(dir_ + "/results"));
   EXPECT_EQ(Run("Cancel\n", {"--results", "html"}), kExitUsage);
+}
+
+// The example of docs/test-database.md, on the simulated rig: run from a copy
+// of the examples folder, as from the top of the repository.
+TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
+  std::filesystem::copy(TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples",
+                        std::filesystem::copy_options::recursive);
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir_);
+  std::vector<std::string> args = {"tavrix-cli", "run", "--virtual-time", "--start",
+                                   "2026-11-15 14:30:05", "--setup", "examples/rig.ims",
+                                   "--answers", "examples/uut_test.answers",
+                                   "examples/uut_test.wts"};
+  std::FILE* out = std::tmpfile();
+  std::FILE* err = std::tmpfile();
+  const int status = TavrixCliMain(args, nullptr, out, err);
+  std::fclose(out);
+  std::fclose(err);
+  std::filesystem::current_path(before);
+  EXPECT_EQ(status, kExitUutFailed);
+  EXPECT_THAT(Read("results/Pump test_261115.txt"),
+              HasSubstr("1234\tPASS\tSN1234_261115.txt\r\n"
+                        "Pump test_261115.txt1235\tFAIL\tSN1235_261115.txt\r\n"
+                        "                 \t      \t       \t2\tOVEN-AMBIENT\t"));
+  EXPECT_THAT(Read("results/SN_1234_261115_144035.txt"),
+              HasSubstr("3\tFan speed\tFAN\t1200.00\trpm\t1150\t1250\tPass\r\n"
+                        "4\tSeal\t\tOp Pass\t\t\t\tPass\r\n"));
+  EXPECT_TRUE(std::filesystem::exists(dir_ + "/results/SN_1235_261115_145105.txt"));
 }
 
 }  // namespace
