@@ -71,10 +71,9 @@ void BM_CalcPass1000Rows(benchmark::State& state) {
   CalcRig files(1000);
   QuietOperator op;
   Engine engine(std::make_unique<VirtualClock>(0), op);
-  Instrument instrument(engine.events(), engine.trace(), {},
-                        std::make_unique<SimLink>(engine.clock(), "c:\\corvane"));
-  engine.useInstrument(instrument);
-  if (!instrument.selectSetupFile(files.rigPath) ||
+  std::string error;
+  if (!engine.attachInstrument({}, "sim", &error) ||
+      !engine.instrument()->selectSetupFile(files.rigPath) ||
       !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
     state.SkipWithError("the rig or the setup did not load");
     return;
@@ -91,10 +90,9 @@ void BM_SimulatedDay50Rows(benchmark::State& state) {
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
     Engine engine(std::move(clock), op);
-    Instrument instrument(engine.events(), engine.trace(), {},
-                          std::make_unique<SimLink>(engine.clock(), "c:\\corvane"));
-    engine.useInstrument(instrument);
-    if (!instrument.selectSetupFile(files.rigPath) ||
+    std::string error;
+    if (!engine.attachInstrument({}, "sim", &error) ||
+        !engine.instrument()->selectSetupFile(files.rigPath) ||
         !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
       state.SkipWithError("the rig or the setup did not load");
       return;

@@ -144,13 +144,11 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.useReplyTimeout = true;
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
-  auto instrument = Instrument::Create(engine.events(), engine.trace(), settings, options.link, &error);
-  if (!instrument) {
+  if (!engine.attachInstrument(settings, options.link, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
-  RegisterInstrumentCommands(seq, *instrument);
-  engine.useInstrument(*instrument);
+  Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
                  instrument->link().lastErrorText.c_str());

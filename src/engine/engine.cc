@@ -2,6 +2,7 @@
 
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
+#include "instrument/channel_commands.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -23,9 +24,12 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
   testDatabase_.registerCommands();
 }
 
-void Engine::useInstrument(Instrument& instrument) {
-  instrument_ = &instrument;
-  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(instrument);
+bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
+                              std::string* error) {
+  instrument_ = Instrument::Create(events_, trace_, std::move(settings), linkSpec, error);
+  if (!instrument_) return false;
+  RegisterInstrumentCommands(sequencer_, *instrument_);
+  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();
   ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
@@ -41,14 +45,15 @@ void Engine::useInstrument(Instrument& instrument) {
   // The stage checks read channels through the channel operations; the test
   // database's paths use the instrument's drive map, and results without a
   // directory of their own go to the link's data directory.
-  for (const auto& [letter, folder] : instrument.settings().driveMap) paths_.setDrive(letter, folder);
-  testDatabase_.results.dataDirectory = instrument.link().GetDataDirectory();
+  for (const auto& [letter, folder] : instrument_->settings().driveMap) paths_.setDrive(letter, folder);
+  testDatabase_.results.dataDirectory = instrument_->link().GetDataDirectory();
   testDatabase_.readChannel = [this](const std::string& name, std::string& value,
                                      std::string& error) {
     if (instrument_->channels().ReadChannel(name, value)) return true;
     error = instrument_->link().lastErrorText;
     return false;
   };
+  return true;
 }
 
 Engine::~Engine() = default;

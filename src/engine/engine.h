@@ -30,11 +30,13 @@ class Engine {
   // How Windows paths in sequence and definition files map to local ones.
   PathMap& paths() { return paths_; }
   TestDatabase& testDatabase() { return testDatabase_; }
-  // Connects the subsystems that work on the instrument's channels (the
-  // calculated channels) and registers their commands. Call once, with an
-  // instrument that outlives the engine's runs.
-  void useInstrument(Instrument& instrument);
-  // Null until useInstrument.
+  // Builds the instrument over the link that `linkSpec` names ("sim" or
+  // "tcp://HOST:PORT") and registers the commands of every subsystem that
+  // works on channels. Call once; false with a message when the link spec
+  // names no backend.
+  bool attachInstrument(InstrumentSettings settings, std::string_view linkSpec, std::string* error);
+  // Null until attachInstrument.
+  Instrument* instrument() { return instrument_.get(); }
   CalcChannels* calcChannels() { return calc_.get(); }
 
   // A file specification as written in sequence files, as a local path: the
@@ -49,7 +51,7 @@ class Engine {
   Sequencer sequencer_;
   PathMap paths_;
   TestDatabase testDatabase_;
-  Instrument* instrument_ = nullptr;
+  std::unique_ptr<Instrument> instrument_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
 };
