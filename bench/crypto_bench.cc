@@ -12,6 +12,7 @@
 // needed, not what setting up the file took. It is reported as the counter
 // peak_rss_MiB.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -20,7 +21,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "crypto/tea.h"

@@ -1,10 +1,11 @@
 #include "crypt_commands.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <future>
 #include <memory>
-#include <unistd.h>
 
 #include "crypto/encrypted_files.h"
 #include "sequencer/console_operators.h"
@@ -75,7 +76,8 @@ bool ConfirmOverwrite(const CryptOptions& options, const std::string& destinatio
   op->ask(question, [&promise](Answer a) { promise.set_value(std::move(a)); });
   const Answer got = answer.get();
   if (!got) {
-    std::fprintf(err, "tavrix-cli: no answer to \"%s\" - %s; nothing was changed (--yes replaces)\n",
+    std::fprintf(err,
+                 "tavrix-cli: no answer to \"%s\" - %s; nothing was changed (--yes replaces)\n",
                  question.text.c_str(), op->unansweredReason().c_str());
     return false;
   }
@@ -103,8 +105,9 @@ int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FI
   ProgressBar bar(err, decrypt ? "Decrypting" : "Encrypting", options.file);
   std::string error;
   const std::string_view key = options.key ? std::string_view(*options.key) : kDefaultUtilityKey;
-  const bool ok = decrypt ? decryptFile(options.file, name.destination, key, &error, bar.callback())
-                          : encryptFile(options.file, name.destination, key, &error, bar.callback());
+  const bool ok = decrypt
+                      ? decryptFile(options.file, name.destination, key, &error, bar.callback())
+                      : encryptFile(options.file, name.destination, key, &error, bar.callback());
   if (!ok) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kCryptFailed;
@@ -128,14 +131,16 @@ int EncryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, s
 CryptCommands::CryptCommands(CLI::App& app) {
   decrypt_ = app.add_subcommand(
       "decrypt", "Decrypt an encrypted file (.wte, .txe, .xme, .wle) into its plain counterpart");
-  decrypt_->add_flag("--yes", decryptOptions_.yes, "Replace an existing destination without asking");
+  decrypt_->add_flag("--yes", decryptOptions_.yes,
+                     "Replace an existing destination without asking");
   decrypt_->add_option("--answers", decryptOptions_.answers, "File of scripted operator answers");
   decrypt_->add_option("FILE", decryptOptions_.file, "The encrypted file")->required();
 
   encrypt_ = app.add_subcommand(
       "encrypt", "Encrypt a plain file (.wts, .txt, .xml, .wl) into its encrypted counterpart");
   encrypt_->add_option("--key", encryptOptions_.key, "Key text (default: the utility key)");
-  encrypt_->add_flag("--yes", encryptOptions_.yes, "Replace an existing destination without asking");
+  encrypt_->add_flag("--yes", encryptOptions_.yes,
+                     "Replace an existing destination without asking");
   encrypt_->add_option("--answers", encryptOptions_.answers, "File of scripted operator answers");
   encrypt_->add_option("FILE", encryptOptions_.file, "The plain file")->required();
 }

@@ -17,17 +17,17 @@ namespace tavrix {
 
 // Exit statuses of decrypt and encrypt.
 constexpr int kCryptDone = 0;
-constexpr int kCryptFailed = 1;     // "Failed to decrypt ..." / "Failed to encrypt ..."
-constexpr int kCryptUsage = 2;      // bad usage or an extension that is not recognised
-constexpr int kCryptDeclined = 3;   // the overwrite question was answered No (or not at all)
+constexpr int kCryptFailed = 1;    // "Failed to decrypt ..." / "Failed to encrypt ..."
+constexpr int kCryptUsage = 2;     // bad usage or an extension that is not recognised
+constexpr int kCryptDeclined = 3;  // the overwrite question was answered No (or not at all)
 
 inline constexpr char kOverwriteKind[] = "OVERWRITE";
 
 struct CryptOptions {
   std::string file;
-  bool yes = false;                   // replace an existing destination without asking
-  std::optional<std::string> answers; // scripted answers for the overwrite question
-  std::optional<std::string> key;     // encrypt only; the utility key when not given
+  bool yes = false;                    // replace an existing destination without asking
+  std::optional<std::string> answers;  // scripted answers for the overwrite question
+  std::optional<std::string> key;      // encrypt only; the utility key when not given
 };
 
 // Decrypts FILE with the utility key into its plain counterpart.

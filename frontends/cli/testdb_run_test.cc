@@ -3,10 +3,10 @@
 // exit status 4 for a failed UUT.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 #include "run_command.h"
 
@@ -21,15 +21,17 @@ class TestDbRunTest : public ::testing::Test {
     char dir[] = "/tmp/testdbrunXXXXXX";
     dir_ = mkdtemp(dir);
     const std::string t = "\t";
-    File("details.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test" + t + t + "1" +
-                            t + t + dir_ + "/fields.txt" + t + dir_ + "/stages.txt" + t + dir_ +
-                            "/results\r\n");
+    File("details.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test" + t + t +
+                            "1" + t + t + dir_ + "/fields.txt" + t + dir_ + "/stages.txt" + t +
+                            dir_ + "/results\r\n");
     File("fields.txt", "TEST SEQUENCE - FIELD NAMES\r\nField Name\r\n");
-    File("stages.txt", "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
-                       "1\tMEASURE\tPRESS\t\t-0.5\t0.5\tPressure\tbar\r\n"
-                       "2\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n");
-    File("test.wts", "NEXT:\r\nDB_DATAENTRY " + dir_ + "/details.txt\r\nDB_STAGECHECK 1\r\n"
-                     "DB_STAGECHECK 2\r\nGOTO NEXT\r\n");
+    File("stages.txt",
+         "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
+         "1\tMEASURE\tPRESS\t\t-0.5\t0.5\tPressure\tbar\r\n"
+         "2\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n");
+    File("test.wts", "NEXT:\r\nDB_DATAENTRY " + dir_ +
+                         "/details.txt\r\nDB_STAGECHECK 1\r\n"
+                         "DB_STAGECHECK 2\r\nGOTO NEXT\r\n");
   }
   ~TestDbRunTest() override {
     std::error_code ec;
@@ -44,9 +46,9 @@ class TestDbRunTest : public ::testing::Test {
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
   int Run(const std::string& answers, std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {"tavrix-cli", "run", "--virtual-time", "--start",
-                                     "2026-11-15 14:30:05", "--no-hardware", "--answers",
-                                     File("test.answers", answers)};
+    std::vector<std::string> args = {
+        "tavrix-cli",          "run",           "--virtual-time", "--start",
+        "2026-11-15 14:30:05", "--no-hardware", "--answers",      File("test.answers", answers)};
     args.insert(args.end(), extra.begin(), extra.end());
     args.push_back(dir_ + "/test.wts");
     std::FILE* out = std::tmpfile();
@@ -109,9 +111,15 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
                         std::filesystem::copy_options::recursive);
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(dir_);
-  std::vector<std::string> args = {"tavrix-cli", "run", "--virtual-time", "--start",
-                                   "2026-11-15 14:30:05", "--setup", "examples/rig.ims",
-                                   "--answers", "examples/uut_test.answers",
+  std::vector<std::string> args = {"tavrix-cli",
+                                   "run",
+                                   "--virtual-time",
+                                   "--start",
+                                   "2026-11-15 14:30:05",
+                                   "--setup",
+                                   "examples/rig.ims",
+                                   "--answers",
+                                   "examples/uut_test.answers",
                                    "examples/uut_test.wts"};
   std::FILE* out = std::tmpfile();
   std::FILE* err = std::tmpfile();

@@ -69,7 +69,8 @@ DataEntryAnswer ParseDataEntryAnswer(std::string_view answer, Micros today) {
   CivilTime day = toCivil(today);
   day.hour = day.minute = day.second = day.micros = 0;
   result.entry.testDate = fromCivil(day);
-  std::string_view rest = bar == std::string_view::npos ? std::string_view() : answer.substr(bar + 1);
+  std::string_view rest =
+      bar == std::string_view::npos ? std::string_view() : answer.substr(bar + 1);
   while (!rest.empty()) {
     const size_t next = rest.find('|');
     const std::string_view field = rest.substr(0, next);

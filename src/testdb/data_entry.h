@@ -38,9 +38,9 @@ std::optional<Micros> ParseEntryDate(std::string_view text);
 
 // The outcome of one answer to the data-entry question.
 struct DataEntryAnswer {
-  bool accepted = false;     // Accept with valid fields
-  bool cancelled = false;    // Cancel
-  std::string message;       // Accept refused: the message to show
+  bool accepted = false;   // Accept with valid fields
+  bool cancelled = false;  // Cancel
+  std::string message;     // Accept refused: the message to show
   DataEntry entry;
 };
 

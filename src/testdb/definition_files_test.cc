@@ -8,8 +8,8 @@
 namespace tavrix {
 namespace {
 
-using testing_support::TempFolder;
 using ::testing::ElementsAre;
+using testing_support::TempFolder;
 
 const std::string kT = "\t";
 
@@ -29,10 +29,10 @@ class DefinitionFilesTest : public ::testing::Test {
   }
 
   std::string Fields() {
-    return folder_.Write("fields.txt", {"TEST SEQUENCE - FIELD NAMES",
-                                         "Field Name" + kT + "Flag" + kT + "Flag2",
-                                         "Operator" + kT + "true" + kT + "FALSE" + kT + "x" + kT + "y",
-                                         "Serial" + kT + "FALSE" + kT + "True" + kT + "s4" + kT + "s5"});
+    return folder_.Write("fields.txt",
+                         {"TEST SEQUENCE - FIELD NAMES", "Field Name" + kT + "Flag" + kT + "Flag2",
+                          "Operator" + kT + "true" + kT + "FALSE" + kT + "x" + kT + "y",
+                          "Serial" + kT + "FALSE" + kT + "True" + kT + "s4" + kT + "s5"});
   }
   std::string Stages(std::vector<std::string> rows) {
     rows.insert(rows.begin(), {"TEST SEQUENCE - STAGE CHECKS", "Step Number" + kT + "Type"});
@@ -48,7 +48,8 @@ class DefinitionFilesTest : public ::testing::Test {
   bool Read(const std::vector<std::string>& detailsLines) {
     definition_ = {};
     messages_.clear();
-    return ReadTestDefinitionFiles(folder_.Write("details.txt", detailsLines), options_, definition_);
+    return ReadTestDefinitionFiles(folder_.Write("details.txt", detailsLines), options_,
+                                   definition_);
   }
 
   TempFolder folder_;
@@ -78,13 +79,14 @@ TEST_F(DefinitionFilesTest, HighestVersionWinsNumericallyAndTheFirstOfEqualOnes)
   EXPECT_EQ(definition_.details.resultsDirectory, "r\\");
   // A row whose version is not above -1 is never chosen.
   EXPECT_FALSE(Read({"TEST SEQUENCE - DETAILS", "TITLE", DetailsRow("Pump", "-3")}));
-  EXPECT_THAT(messages_, ElementsAre(std::string(kMsgNoDetailsRow) + folder_.path() + "/details.txt"));
+  EXPECT_THAT(messages_,
+              ElementsAre(std::string(kMsgNoDetailsRow) + folder_.path() + "/details.txt"));
 }
 
 TEST_F(DefinitionFilesTest, FieldNamesAndStageRows) {
   Fields();
-  Stages({"1" + kT + "MEASURE" + kT + "PRESS" + kT + kT + "1.5" + kT + "2.5" + kT + "Pressure" + kT +
-              "bar" + kT + "Check the gauge",
+  Stages({"1" + kT + "MEASURE" + kT + "PRESS" + kT + kT + "1.5" + kT + "2.5" + kT + "Pressure" +
+              kT + "bar" + kT + "Check the gauge",
           "   ", "", "3.6" + kT + "manual", "2.5" + kT + "RECORD" + kT + "FLOW",
           "abc" + kT + "DIFFERENCE" + kT + "P1" + kT + "P2" + kT + "-1" + kT + "1"});
   ASSERT_TRUE(Read({"TEST SEQUENCE - DETAILS", "TITLE", DetailsRow("Pump", "1")}));
@@ -160,27 +162,27 @@ TEST_F(DefinitionFilesTest, BadFilesGiveAMessageNeverACrash) {
 
   // A details row too short to name both other files.
   EXPECT_FALSE(Read({"TEST SEQUENCE - DETAILS", "TITLE", "Pump" + kT + "x" + kT + "1"}));
-  EXPECT_THAT(messages_, ElementsAre(std::string(kMsgShortRow) + "3 of " + folder_.path() +
-                                     "/details.txt"));
+  EXPECT_THAT(messages_,
+              ElementsAre(std::string(kMsgShortRow) + "3 of " + folder_.path() + "/details.txt"));
 
   // A stage row with only a step number.
   Stages({"1" + kT + "MANUAL", "2"});
   EXPECT_FALSE(Read({"TEST SEQUENCE - DETAILS", "TITLE", DetailsRow("Pump", "1")}));
-  EXPECT_THAT(messages_, ElementsAre(std::string(kMsgShortRow) + "4 of " + folder_.path() +
-                                     "/stages.txt"));
+  EXPECT_THAT(messages_,
+              ElementsAre(std::string(kMsgShortRow) + "4 of " + folder_.path() + "/stages.txt"));
   // A step number beyond 16 bits.
   Stages({"40000" + kT + "MANUAL"});
   EXPECT_FALSE(Read({"TEST SEQUENCE - DETAILS", "TITLE", DetailsRow("Pump", "1")}));
-  EXPECT_THAT(messages_, ElementsAre(std::string(kMsgBadStep) + "3 of " + folder_.path() +
-                                     "/stages.txt"));
+  EXPECT_THAT(messages_,
+              ElementsAre(std::string(kMsgBadStep) + "3 of " + folder_.path() + "/stages.txt"));
 
   // A missing file names itself.
   definition_ = {};
   messages_.clear();
   EXPECT_FALSE(ReadTestDefinitionFiles(folder_.path() + "/none.txt", options_, definition_));
   ASSERT_EQ(messages_.size(), 1u);
-  EXPECT_THAT(messages_[0], ::testing::StartsWith(std::string(kMsgCannotRead) + folder_.path() +
-                                                  "/none.txt"));
+  EXPECT_THAT(messages_[0],
+              ::testing::StartsWith(std::string(kMsgCannotRead) + folder_.path() + "/none.txt"));
 }
 
 TEST_F(DefinitionFilesTest, WindowsPathsInTheDetailsMapThroughTheDriveMap) {

@@ -70,8 +70,8 @@ bool WriteTextSummary(const TestDetails& details, const UutRecord& uut, const Re
     lines.push_back("Test_Name: " + details.title);
     lines.push_back("Date: " + formatDate(now, "dd-mm-yyyy"));
     lines.push_back("Serial_Number\tResult\tDetails\tFailures");
-    lines.push_back(std::string(13, ' ') + kTab + std::string(6, ' ') + kTab +
-                    std::string(7, ' ') + "\tStage\tTest Item\tValue\tMessage");
+    lines.push_back(std::string(13, ' ') + kTab + std::string(6, ' ') + kTab + std::string(7, ' ') +
+                    "\tStage\tTest Item\tValue\tMessage");
   } else {
     // The look-up's answer stays at the start of the appended text.
     start = BareName(local);
@@ -115,15 +115,17 @@ bool WriteTextDetails(const TestDetails& details, const UutRecord& uut, const Re
 bool WriteXmlSummary(const TestDetails& details, const UutRecord& uut, const std::string& local,
                      Micros now, std::string* error) {
   std::vector<std::string> lines;
-  const std::string opening =
-      "<Test_Results Test_Name='" + details.title + "' Date='" + formatDate(now, "dd-mm-yyyy") + "'>";
+  const std::string opening = "<Test_Results Test_Name='" + details.title + "' Date='" +
+                              formatDate(now, "dd-mm-yyyy") + "'>";
   if (!KeptXmlLines(local, "</Test_Results>", opening, lines, error)) return false;
-  const std::string reference = "Details='SN" + uut.serialNumber + "_" + formatDate(now, "yymmdd") +
-                                ".xml'";
+  const std::string reference =
+      "Details='SN" + uut.serialNumber + "_" + formatDate(now, "yymmdd") + ".xml'";
   if (uut.passed) {
-    lines.push_back("<UUT Serial_Number='" + uut.serialNumber + "' Result='PASS' " + reference + "/>");
+    lines.push_back("<UUT Serial_Number='" + uut.serialNumber + "' Result='PASS' " + reference +
+                    "/>");
   } else {
-    lines.push_back("<UUT Serial_Number='" + uut.serialNumber + "' Result='FAIL' " + reference + ">");
+    lines.push_back("<UUT Serial_Number='" + uut.serialNumber + "' Result='FAIL' " + reference +
+                    ">");
     for (const auto& f : uut.failures) {
       lines.push_back("<FAILURE Stage='" + StageText(f.stage) + "' Parameter='" + f.parameter +
                       "' Value='" + f.value + "' Message='" + f.message + "'/>");

@@ -35,9 +35,9 @@ std::string ResultsExtension(const ResultsSettings& settings);
 
 // The names built for one UUT written at `now` (Windows form, "\" separated).
 struct ResultsNames {
-  std::string directory;     // ends in "\"
-  std::string summary;       // directory + title_yymmdd + ext
-  std::string details;       // directory + SN_serial_yymmdd_hhmmss + ext
+  std::string directory;         // ends in "\"
+  std::string summary;           // directory + title_yymmdd + ext
+  std::string details;           // directory + SN_serial_yymmdd_hhmmss + ext
   std::string detailsReference;  // SNserial_yymmdd + ext (deliberately unlike `details`)
 };
 ResultsNames BuildResultsNames(const TestDetails& details, const UutRecord& uut,

@@ -36,8 +36,8 @@ class ResultsFilesTest : public ::testing::Test {
     uut.failures = {{2, "Flow", "Value: 3.00  Min: 1  Max: 2", "3.00"},
                     {5, "Label", "Op Fail", ""},
                     {12, "P1-P2", "Value: -0.50  Min: 0  Max: 1", "-0.50"}};
-    uut.checks.push_back({"Flow", "FLOW", "3.00", "l/min", "1", "2", 2, false,
-                          "Value: 3.00  Min: 1  Max: 2"});
+    uut.checks.push_back(
+        {"Flow", "FLOW", "3.00", "l/min", "1", "2", 2, false, "Value: 3.00  Min: 1  Max: 2"});
     return uut;
   }
   void Write(const UutRecord& uut, Micros when = kWhen) {
@@ -82,16 +82,19 @@ TEST_F(ResultsFilesTest, TextSummaryHeaderOnceThenBareNamePrefixedEntries) {
                 "1234\tPASS\tSN1234_261115.txt\r\n"
                 "Valve test_261115.txt77\tFAIL\tSN77_261115.txt\r\n" +
                 fill + "\t2\tFlow\t3.00\tValue: 3.00  Min: 1  Max: 2\r\n" + fill +
-                "\t5\tLabel\t\tOp Fail\r\n" + fill + "\t12\tP1-P2\t-0.50\tValue: -0.50  Min: 0  Max: 1\r\n");
+                "\t5\tLabel\t\tOp Fail\r\n" + fill +
+                "\t12\tP1-P2\t-0.50\tValue: -0.50  Min: 0  Max: 1\r\n");
 
   // A new day starts a new summary file with its own header.
   Write(Passed("9"), kWhen + 86400 * kMicrosPerSecond);
-  EXPECT_THAT(folder_.Read("results/Valve test_261116.txt"),
-              ::testing::StartsWith("Test_Results\r\nTest_Name: Valve test\r\nDate: 16-11-2026\r\n"));
-  EXPECT_THAT(folder_.Files(),
-              ::testing::ElementsAre("results/SN_1234_261115_143005.txt", "results/SN_77_261115_143105.txt",
-                                     "results/SN_9_261116_143005.txt", "results/Valve test_261115.txt",
-                                     "results/Valve test_261116.txt"));
+  EXPECT_THAT(
+      folder_.Read("results/Valve test_261116.txt"),
+      ::testing::StartsWith("Test_Results\r\nTest_Name: Valve test\r\nDate: 16-11-2026\r\n"));
+  EXPECT_THAT(
+      folder_.Files(),
+      ::testing::ElementsAre("results/SN_1234_261115_143005.txt", "results/SN_77_261115_143105.txt",
+                             "results/SN_9_261116_143005.txt", "results/Valve test_261115.txt",
+                             "results/Valve test_261116.txt"));
 }
 
 TEST_F(ResultsFilesTest, TextDetailsListEveryCheck) {
@@ -127,15 +130,17 @@ TEST_F(ResultsFilesTest, XmlLayoutKeepsItsClosingTagLast) {
   settings_.xmlLayout = true;
   Write(Passed("1234"));
   Write(Failed("77"));
-  EXPECT_EQ(folder_.Read("results/Valve test_261115.xml"),
-            "<Test_Results Test_Name='Valve test' Date='15-11-2026'>\r\n"
-            "<UUT Serial_Number='1234' Result='PASS' Details='SN1234_261115.xml'/>\r\n"
-            "<UUT Serial_Number='77' Result='FAIL' Details='SN77_261115.xml'>\r\n"
-            "<FAILURE Stage='2' Parameter='Flow' Value='3.00' Message='Value: 3.00  Min: 1  Max: 2'/>\r\n"
-            "<FAILURE Stage='5' Parameter='Label' Value='' Message='Op Fail'/>\r\n"
-            "<FAILURE Stage='12' Parameter='P1-P2' Value='-0.50' Message='Value: -0.50  Min: 0  Max: 1'/>\r\n"
-            "</UUT>\r\n"
-            "</Test_Results>\r\n");
+  EXPECT_EQ(
+      folder_.Read("results/Valve test_261115.xml"),
+      "<Test_Results Test_Name='Valve test' Date='15-11-2026'>\r\n"
+      "<UUT Serial_Number='1234' Result='PASS' Details='SN1234_261115.xml'/>\r\n"
+      "<UUT Serial_Number='77' Result='FAIL' Details='SN77_261115.xml'>\r\n"
+      "<FAILURE Stage='2' Parameter='Flow' Value='3.00' Message='Value: 3.00  Min: 1  Max: 2'/>\r\n"
+      "<FAILURE Stage='5' Parameter='Label' Value='' Message='Op Fail'/>\r\n"
+      "<FAILURE Stage='12' Parameter='P1-P2' Value='-0.50' Message='Value: -0.50  Min: 0  Max: "
+      "1'/>\r\n"
+      "</UUT>\r\n"
+      "</Test_Results>\r\n");
   EXPECT_EQ(folder_.Read("results/SN_77_261115_143005.xml"),
             "<Test_Details Date='15-11-2026'>\r\n"
             "<Test>\r\n<Title>Valve test</Title>\r\n<Version>3</Version>\r\n<UUT>\r\n"

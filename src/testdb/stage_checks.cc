@@ -9,7 +9,8 @@ namespace tavrix {
 std::string LimitText(float limit) { return std::string(trimLeft(numberTextSingle(limit))); }
 
 std::string LimitFailureText(std::string_view value, float lower, float upper) {
-  return "Value: " + std::string(value) + "  Min: " + LimitText(lower) + "  Max: " + LimitText(upper);
+  return "Value: " + std::string(value) + "  Min: " + LimitText(lower) +
+         "  Max: " + LimitText(upper);
 }
 
 void TestDatabase::RunStageCheck(int16_t step) {
@@ -167,7 +168,8 @@ int TestDatabase::askUutCheck(const std::string& text) {
   question.kind = kUutCheckKind;
   question.title = kUutCheckCaption;
   question.text = text;
-  question.buttons = {std::string(kPass), std::string(kFailAndRepeat), std::string(kFailAndContinue)};
+  question.buttons = {std::string(kPass), std::string(kFailAndRepeat),
+                      std::string(kFailAndContinue)};
   const Answer answer = seq_.ask(question);
   if (!answer) return 0;
   if (*answer == kPass) {

@@ -43,10 +43,10 @@ inline constexpr std::string_view kRepeat = "Repeat";
 inline constexpr std::string_view kFailAndAbandon = "Fail and Abandon";
 
 // Check verdicts.
-inline constexpr int kVerdictPass = 1;         // pass, or ignore
-inline constexpr int kVerdictRepeat = 2;       // Repeat in the check-failure window
-inline constexpr int kVerdictFail = 3;         // fail and continue, fail and abandon
-inline constexpr int kVerdictFailRepeat = 4;   // Fail and Repeat of the UUT Check
+inline constexpr int kVerdictPass = 1;        // pass, or ignore
+inline constexpr int kVerdictRepeat = 2;      // Repeat in the check-failure window
+inline constexpr int kVerdictFail = 3;        // fail and continue, fail and abandon
+inline constexpr int kVerdictFailRepeat = 4;  // Fail and Repeat of the UUT Check
 
 // "Value: 3.00  Min: 1  Max: 2" for a value outside its limits.
 std::string LimitFailureText(std::string_view value, float lower, float upper);

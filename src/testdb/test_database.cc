@@ -49,8 +49,8 @@ bool TestDatabase::askDataEntry(DataEntry& entry) {
   Question question;
   question.kind = kDataEntryKind;
   question.title = kDataEntryTitle;
-  question.text = "Serial Number, " + std::string(kDateLabel) + " " + formatDate(now, "dd-mm-yyyy") +
-                  ", Operator(s), Description";
+  question.text = "Serial Number, " + std::string(kDateLabel) + " " +
+                  formatDate(now, "dd-mm-yyyy") + ", Operator(s), Description";
   question.buttons = {std::string(kAccept), std::string(kCancel)};
   question.fieldsAfterButton = true;
   for (;;) {

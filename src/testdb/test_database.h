@@ -13,8 +13,8 @@
 #include "common/paths.h"
 #include "testdb/data_entry.h"
 #include "testdb/definition_files.h"
-#include "testdb/stage_checks.h"
 #include "testdb/results_files.h"
+#include "testdb/stage_checks.h"
 #include "testdb/uut_record.h"
 
 namespace tavrix {

@@ -14,9 +14,9 @@
 namespace tavrix {
 namespace {
 
-using testing_support::TempFolder;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using testing_support::TempFolder;
 
 const Micros kStart = fromCivil({2026, 11, 15, 14, 30, 5, 0});
 const std::string kT = "\t";
@@ -93,13 +93,13 @@ class TestDatabaseTest : public ::testing::Test {
 };
 
 TEST_F(TestDatabaseTest, MeasureLimitsAreInclusiveAndFailuresAreAlerted) {
-  WriteDatabase({"1" + kT + "MEASURE" + kT + "A" + kT + kT + "1.0" + kT + "2.0" + kT + "Upper" + kT +
-                     "bar",
-                 "1" + kT + "MEASURE" + kT + "B" + kT + kT + "1.0" + kT + "2.0" + kT + "Lower",
-                 "1" + kT + "MEASURE" + kT + "C" + kT + kT + "1.0" + kT + "2.0" + kT + kT + kT +
-                     "Look at gauge C",
-                 "1" + kT + "MEASURE" + kT + "D" + kT + kT + "1.0" + kT + "2.0",
-                 "1" + kT + "MEASURE" + kT + "" + kT + kT + "1.0" + kT + "2.0" + kT + "No channel"});
+  WriteDatabase(
+      {"1" + kT + "MEASURE" + kT + "A" + kT + kT + "1.0" + kT + "2.0" + kT + "Upper" + kT + "bar",
+       "1" + kT + "MEASURE" + kT + "B" + kT + kT + "1.0" + kT + "2.0" + kT + "Lower",
+       "1" + kT + "MEASURE" + kT + "C" + kT + kT + "1.0" + kT + "2.0" + kT + kT + kT +
+           "Look at gauge C",
+       "1" + kT + "MEASURE" + kT + "D" + kT + kT + "1.0" + kT + "2.0",
+       "1" + kT + "MEASURE" + kT + "" + kT + kT + "1.0" + kT + "2.0" + kT + "No channel"});
   channels_ = {{"A", {"2.0"}}, {"B", {"1"}}, {"C", {"2.01"}}, {"D", {"3"}}};
   Answer({"Accept|serial=1234", "Accept", "Accept", "Ignore"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1"}), "");
@@ -132,7 +132,8 @@ TEST_F(TestDatabaseTest, RowsOfAStepRunInFileOrderWhereverTheyStand) {
                      "ignored" + kT + "bar",
                  "1" + kT + "RECORD" + kT + "FLOW" + kT + kT + kT + kT + "Flow" + kT + "l/min",
                  "2" + kT + "record" + kT + "SPEED" + kT + kT + kT + kT + kT + "rpm",
-                 " 2" + kT + " Bogus " + kT + "X", "2" + kT + "RECORD" + kT + "" + kT + kT + kT + kT + "Empty",
+                 " 2" + kT + " Bogus " + kT + "X",
+                 "2" + kT + "RECORD" + kT + "" + kT + kT + kT + kT + "Empty",
                  "2" + kT + "DIFFERENCE" + kT + "P2" + kT + "P1" + kT + "-1" + kT + "1"});
   channels_ = {{"P1", {"5"}}, {"P2", {"3.5"}}, {"FLOW", {"12.345"}}, {"SPEED", {"abc"}}};
   Answer({"Accept|serial=1", "Accept", "Accept", "Ignore"});
@@ -140,9 +141,11 @@ TEST_F(TestDatabaseTest, RowsOfAStepRunInFileOrderWhereverTheyStand) {
   EXPECT_THAT(reads_, ElementsAre("P1", "P2", "SPEED", "P2", "P1"));
   EXPECT_THAT(op_.messages, ElementsAre("Unrecognised Check Type:  Bogus "));
   const std::string details = folder_.Read("results/SN_1_261115_143005.txt");
-  EXPECT_THAT(details, HasSubstr("2\tP1-P2\tP1-P2\t1.50\tbar\t-1\t1\tFail\tValue: 1.50  Min: -1  Max: 1\r\n"
-                                 "2\tSPEED\tSPEED\t0.00\trpm\t\t\tPass\r\n"
-                                 "2\tP2-P1\tP2-P1\t-1.50\t\t-1\t1\tFail\tValue: -1.50  Min: -1  Max: 1\r\n"));
+  EXPECT_THAT(
+      details,
+      HasSubstr("2\tP1-P2\tP1-P2\t1.50\tbar\t-1\t1\tFail\tValue: 1.50  Min: -1  Max: 1\r\n"
+                "2\tSPEED\tSPEED\t0.00\trpm\t\t\tPass\r\n"
+                "2\tP2-P1\tP2-P1\t-1.50\t\t-1\t1\tFail\tValue: -1.50  Min: -1  Max: 1\r\n"));
   EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "ALERT", "CHECKFAILURE"));
 
   // A RECORD hook supplies its value; the channel is not read.
@@ -171,8 +174,9 @@ TEST_F(TestDatabaseTest, CancelInAnAlertPassesOverTheRestOfTheStep) {
 }
 
 TEST_F(TestDatabaseTest, ManualVerdictsAndTheContinueFlag) {
-  WriteDatabase({"1" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Label" + kT + kT + "Is the label straight?",
-                 "2" + kT + "MANUAL", "3" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Seal"});
+  WriteDatabase(
+      {"1" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Label" + kT + kT + "Is the label straight?",
+       "2" + kT + "MANUAL", "3" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Seal"});
   // Pass; Fail and Repeat asks again; Fail and Continue clears the flag.
   Answer({"Accept|serial=5", "Pass", "Fail and Repeat", "Pass", "Fail and Continue"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1", "DB_STAGECHECK 2",
@@ -181,7 +185,8 @@ TEST_F(TestDatabaseTest, ManualVerdictsAndTheContinueFlag) {
   EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "UUTCHECK", "UUTCHECK", "UUTCHECK", "UUTCHECK"));
   EXPECT_EQ(op_.questions[1].title, "UUT Check");
   EXPECT_EQ(op_.questions[1].text, "Is the label straight?");
-  EXPECT_THAT(op_.questions[1].buttons, ElementsAre("Pass", "Fail and Repeat", "Fail and Continue"));
+  EXPECT_THAT(op_.questions[1].buttons,
+              ElementsAre("Pass", "Fail and Repeat", "Fail and Continue"));
   EXPECT_EQ(op_.questions[2].text, "Un-Named");
   EXPECT_FALSE(db_.continueFlag());
   // Manual failures open no check-failure window: the verdict stays 1.
@@ -225,8 +230,8 @@ TEST_F(TestDatabaseTest, CheckFailureWindowRepeatsOrAbandonsTheUut) {
 TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
   WriteDatabase({"1" + kT + "MANUAL"});
   Answer({"Accept|date=01-01-2026|operator=  Ann Lee |description=Pump A|serial=100", "Pass",
-          "Accept|serial=101|date=31-02-2026", "accept|serial=101|date=16-11-2026", "Fail and Continue",
-          "Cancel"});
+          "Accept|serial=101|date=31-02-2026", "accept|serial=101|date=16-11-2026",
+          "Fail and Continue", "Cancel"});
   // The files may go away once the run has loaded them.
   const std::vector<std::string> sequence = {"NEXT:", "DB_DATAENTRY c:\\details.txt",
                                              "DB_STAGECHECK 1", "FILES GONE", "GOTO NEXT"};
@@ -251,7 +256,8 @@ TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
   EXPECT_EQ(Summary(),
             "Test_Results\r\nTest_Name: Pump test\r\nDate: 15-11-2026\r\n"
             "Serial_Number\tResult\tDetails\tFailures\r\n" +
-                std::string(13, ' ') + "\t      \t       \tStage\tTest Item\tValue\tMessage\r\n"
+                std::string(13, ' ') +
+                "\t      \t       \tStage\tTest Item\tValue\tMessage\r\n"
                 "100\tPASS\tSN100_261115.txt\r\n"
                 "Pump test_261115.txt101\tFAIL\tSN101_261115.txt\r\n" +
                 std::string(17, ' ') + "\t      \t       \t1\tUn-Named\t\tOp Fail\r\n");
@@ -260,8 +266,7 @@ TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
 
   // The next run loads the files again: now the stage checks file is gone.
   Answer({"Accept|serial=102"});
-  EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt"}),
-            "Unable to open Database file:c:\\details.txt");
+  EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt"}), "Unable to open Database file:c:\\details.txt");
   ASSERT_EQ(op_.messages.size(), 3u);
   EXPECT_THAT(op_.messages[1], HasSubstr("Cannot read test definition file: c:\\stages.txt"));
   EXPECT_THAT(op_.messages[2], HasSubstr("Unable to open Database file:c:\\details.txt"));
@@ -294,8 +299,8 @@ TEST_F(TestDatabaseTest, CancelJumpsToTheLabelAndTheRunEndWritesTheOpenUut) {
 
 TEST(DataEntryAnswer, FieldsDatesAndRefusals) {
   const Micros today = fromCivil({2026, 11, 15, 9, 0, 0, 0});
-  auto got = ParseDataEntryAnswer("Accept|serial=1234|date=15-11-2026|operator=Ann Lee|description=Pump A",
-                                  today);
+  auto got = ParseDataEntryAnswer(
+      "Accept|serial=1234|date=15-11-2026|operator=Ann Lee|description=Pump A", today);
   EXPECT_TRUE(got.accepted);
   EXPECT_EQ(got.entry.serialNumber, "1234");
   EXPECT_EQ(formatDate(got.entry.testDate, "dd-mm-yyyy"), "15-11-2026");

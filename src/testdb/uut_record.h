@@ -32,9 +32,9 @@ struct CheckEntry {
 };
 
 struct UutRecord {
-  Micros started = 0;    // when the record was started
+  Micros started = 0;  // when the record was started
   std::string serialNumber;
-  Micros testDate = 0;   // the date the operator entered
+  Micros testDate = 0;  // the date the operator entered
   std::string operators;
   std::string description;
   int16_t entryStatus = 0;
