@@ -14,7 +14,9 @@ std::string LimitFailureText(std::string_view value, float lower, float upper) {
 }
 
 void TestDatabase::RunStageCheck(int16_t step) {
-  if (abandoned_) {
+  // Without a UUT under test (none entered yet, or its test abandoned) there
+  // is nothing to check and no record to keep the results.
+  if (abandoned_ || !uutOpen_) {
     if (seq_.trace().enabled()) {
       seq_.trace().event("stagecheck").field("step", step).field("skipped", true);
     }

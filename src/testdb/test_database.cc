@@ -137,6 +137,7 @@ void TestDatabase::EndRun() {
   FinishUut();
   loaded_ = false;
   abandoned_ = false;
+  definition_ = TestDefinition{};
 }
 
 bool TestDatabase::runEnding() const {

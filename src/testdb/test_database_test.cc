@@ -283,6 +283,10 @@ TEST_F(TestDatabaseTest, CancelJumpsToTheLabelAndTheRunEndWritesTheOpenUut) {
   EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY"));
   EXPECT_EQ(db_.uutsFinished(), 0);
 
+  // Stage checks without a UUT under test do nothing.
+  EXPECT_EQ(Run({"DB_STAGECHECK 1", "DB_STAGECHECK 2"}), "");
+  EXPECT_TRUE(reads_.empty());
+
   // A channel that cannot be read is a sequence error; the UUT tested so far
   // is still written when the run ends.
   Answer({"Accept|serial=9"});
