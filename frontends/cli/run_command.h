@@ -27,6 +27,8 @@ struct RunOptions {
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
   std::string results = "text";  // results files: "text", "xml" or "off"
+  // Answers of the companion programs' DDE items, "TOPIC!ITEM=VALUE".
+  std::vector<std::string> companionAnswers;
   // The instrument link.
   std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
   std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"

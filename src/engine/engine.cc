@@ -2,6 +2,7 @@
 
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
+#include "indexing/indexing_commands.h"
 #include "instrument/channel_commands.h"
 #include "sequencer/core_commands.h"
 
@@ -10,19 +11,26 @@ namespace tavrix {
 namespace {
 // Below the link's data folder: where the daily summaries and reports go.
 constexpr std::string_view kSummaryFolder = "\\summary";
+constexpr std::string_view kNoInstrument = "No instrument link is attached";
 }  // namespace
 
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
     : clock_(std::move(clock)),
       events_(*clock_),
       trace_(*clock_),
+      companion_(&trace_),
       sequencer_(events_, op, trace_),
       paths_(defaultDataRoot()),
       testDatabase_(sequencer_, paths_) {
   RegisterSequencerCommands(sequencer_);
+  RegisterCompanionCommands(sequencer_, companion_);
+  RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
+  RegisterIndexingCommands(sequencer_, companion_);
   testDatabase_.results.dataDirectory = defaultDataRoot() + "/data";
   testDatabase_.registerCommands();
 }
+
+Engine::~Engine() = default;
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
@@ -33,7 +41,8 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();
   ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
-  ports.companion = TracingCompanion(trace_);
+  ports.companion = [this](std::string_view topic, std::string_view item, std::string_view text,
+                           std::string* why) { return companion_.execute(topic, item, text, why); };
   ports.resolvePath = [this](std::string_view spec) { return resolvePath(spec); };
   ports.dataFolder = [this] { return instrument_->link().GetDataDirectory(); };
   ports.summaryFolder = [this] {
@@ -56,14 +65,36 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   return true;
 }
 
-Engine::~Engine() = default;
-
 std::string Engine::resolvePath(std::string_view spec) const {
   PathMap map(defaultDataRoot());
   if (instrument_ != nullptr) {
     for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
   }
   return map.toLocal(spec);
+}
+
+bool Engine::InstrumentChannels::read(std::string_view channel, std::string& value,
+                                      std::string* error) {
+  Instrument* instrument = engine_.instrument();
+  if (instrument == nullptr) {
+    if (error) *error = kNoInstrument;
+    return false;
+  }
+  if (instrument->channels().ReadChannel(channel, value)) return true;
+  if (error) *error = instrument->link().lastErrorText;
+  return false;
+}
+
+bool Engine::InstrumentChannels::write(std::string_view channel, std::string_view value,
+                                       std::string* error) {
+  Instrument* instrument = engine_.instrument();
+  if (instrument == nullptr) {
+    if (error) *error = kNoInstrument;
+    return false;
+  }
+  if (instrument->channels().WriteChannel(channel, value)) return true;
+  if (error) *error = instrument->link().lastErrorText;
+  return false;
 }
 
 }  // namespace tavrix
