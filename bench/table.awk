@@ -50,10 +50,18 @@ END {
   row("Calculated channels: one pass over 1,000 rows", per("BM_CalcPass1000Rows", 1000, "%.3f ms"))
   row("Calculated channels: a simulated day of 50 rows", per("BM_SimulatedDay50Rows", 1e6, "%.2f s"))
   tea = num("BM_TeaEncryptByte", "bytes_per_second") / 1e6
-  ref = num("BM_TeaReferenceLoop", "bytes_per_second") / 1e6
+  ref = num("BM_ReferenceEncipher", "bytes_per_second") / 1e6
   row("TEA encryption, clsTEA (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
   row("TEA encryption, plain reference loop", ref > 0 ? sprintf("%.1f MB/s", ref) : "not measured")
-  row("TEA: clsTEA speed / reference loop speed", ratio(tea, ref))
+  row("TEA encryption: clsTEA speed / reference loop speed", ratio(tea, ref))
+  tea = num("BM_TeaDecryptByte", "bytes_per_second") / 1e6
+  ref = num("BM_ReferenceDecipher", "bytes_per_second") / 1e6
+  row("TEA decryption, clsTEA (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
+  row("TEA decryption: clsTEA speed / reference loop speed", ratio(tea, ref))
+  if (has("BM_TeaDecryptFile", "peak_rss_MiB"))
+    row(sprintf("TEA file decryption (%d MiB): speed, peak memory", num("BM_TeaDecryptFile", "file_MiB")),
+        sprintf("%.0f MB/s, %.0f MiB", num("BM_TeaDecryptFile", "bytes_per_second") / 1e6,
+                num("BM_TeaDecryptFile", "peak_rss_MiB")))
   for (i = 1; i <= timings; i++) {
     split(timing[i], f, "\t")
     row(f[1], f[2])

@@ -25,7 +25,7 @@ const char* EndReasonName(EndReason reason) {
     case EndReason::kStop: return "stop";
     case EndReason::kError: return "error";
     case EndReason::kAbort: return "abort";
-    case EndReason::kUnload: return "unload";
+    case EndReason::kUnload: return "error";  // the program ends after a message
     case EndReason::kNone: break;
   }
   return "none";
@@ -149,6 +149,7 @@ void Sequencer::runLoop() {
     if (!readNextLine(line)) break;
     if (!flags_.stopRequested) dispatchLine(line);
   }
+  for (auto& hook : runEndHooks_) hook();
 
   if (!flags_.stopRequested) {
     if (endReason_ == EndReason::kNone) endReason_ = EndReason::kEndOfFile;
