@@ -301,6 +301,27 @@ TEST_F(TestDatabaseTest, CancelJumpsToTheLabelAndTheRunEndWritesTheOpenUut) {
   EXPECT_EQ(db_.uutsFinished(), 1);
 }
 
+// The results folder cannot be written (its path runs through a regular file,
+// which stops root too): the run ends with the documented message naming the
+// UUT, and the results written by the earlier run stay as they were.
+TEST_F(TestDatabaseTest, ResultsThatCannotBeWrittenEndTheRunAndKeepEarlierResults) {
+  WriteDatabase({"1" + kT + "MANUAL"});
+  Answer({"Accept|serial=100", "Pass"});
+  ASSERT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1"}), "");
+  const std::string before = Summary();
+  ASSERT_THAT(before, HasSubstr("100\tPASS\tSN100_261115.txt\r\n"));
+
+  folder_.Write("details.txt", {"TEST SEQUENCE - DETAILS", "TITLE",
+                                "Pump test" + kT + kT + "2" + kT + kT + "c:\\fields.txt" + kT +
+                                    "c:\\stages.txt" + kT + "c:\\details.txt\\results"});
+  Answer({"Accept|serial=101", "Pass"});
+  const std::string error = Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1"});
+  EXPECT_THAT(error, ::testing::StartsWith("Unable to write the results of UUT 101: "));
+  EXPECT_THAT(error, HasSubstr("details.txt/results"));
+  EXPECT_EQ(db_.uutsFinished(), 2);
+  EXPECT_EQ(Summary(), before);
+}
+
 TEST(DataEntryAnswer, FieldsDatesAndRefusals) {
   const Micros today = fromCivil({2026, 11, 15, 9, 0, 0, 0});
   auto got = ParseDataEntryAnswer(
