@@ -26,7 +26,9 @@ function ratio(a, b) { return (a > 0 && b > 0) ? sprintf("%.1f x", a / b) : "not
 
 FNR == 1 { file++ }
 file == 1 && /"name":/ {
-  line = $0; sub(/^[^:]*: *"/, "", line); sub(/",? *$/, "", line); name = line; next
+  # "BM_X/real_time", "BM_X/iterations:1": the benchmark's own name is enough.
+  line = $0; sub(/^[^:]*: *"/, "", line); sub(/",? *$/, "", line); sub(/\/.*/, "", line)
+  name = line; next
 }
 file == 1 && /^ *"[a-z_]+": / && name != "" {
   key = $0; sub(/^ *"/, "", key); sub(/".*/, "", key)
