@@ -104,7 +104,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
   }
 
-  Engine engine(std::move(clock), *op);
+  InstrumentSettings instrumentSettings;
+  instrumentSettings.noHardware = options.noHardware;
+  Engine engine(std::move(clock), *op, std::move(instrumentSettings), nullptr);
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(out, false);
