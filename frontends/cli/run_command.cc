@@ -11,6 +11,9 @@
 
 #include "common/civil_time.h"
 #include "engine/engine.h"
+#include "instrument/channel_commands.h"
+#include "instrument/instrument.h"
+#include "instrument/rig_server.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -123,6 +126,38 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   Sequencer& seq = engine.sequencer();
   std::string error;
+
+  InstrumentSettings settings;
+  if (options.instrumentSettings && !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (options.noHardware) settings.noHardware = true;
+  if (options.replyTimeout) {
+    if (*options.replyTimeout < 0 || *options.replyTimeout > 32767) {
+      std::fprintf(err, "tavrix-cli: --reply-timeout takes whole seconds 0-32767\n");
+      return kExitUsage;
+    }
+    settings.useReplyTimeout = true;
+    settings.replyTimeoutSecs = *options.replyTimeout;
+  }
+  auto instrument = Instrument::Create(engine.events(), engine.trace(), settings, options.link, &error);
+  if (!instrument) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  RegisterInstrumentCommands(seq, *instrument);
+  if (!instrument->ensureOpen()) {
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
+                 instrument->link().lastErrorText.c_str());
+    return kExitUsage;
+  }
+  if (options.setup && !instrument->selectSetupFile(*options.setup)) {
+    std::fprintf(err, "tavrix-cli: cannot load the setup %s: %s\n", options.setup->c_str(),
+                 instrument->link().lastErrorText.c_str());
+    return kExitUsage;
+  }
+
   if (!seq.prepareFile(options.sequence, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
@@ -151,7 +186,17 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
   runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
   runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
+  runCommand->add_option("--link", run.link, "The instrument link: sim (default) or tcp://HOST:PORT");
+  runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
+  runCommand->add_option("--instrument-settings", run.instrumentSettings,
+                         "Settings file of the instrument link (key = value)");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
+
+  RigOptions rig;
+  CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
+  rigCommand->add_option("--listen", rig.listen, "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
+  rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -168,6 +213,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
     return kExitUsage;
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
   return kExitUsage;
 }
 

@@ -23,6 +23,17 @@ struct RunOptions {
   std::optional<std::string> answers;
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
+  // The instrument link.
+  std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
+  std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
+  std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
+  std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
+};
+
+// `tavrix-cli rig`: serves the simulated rig over TCP.
+struct RigOptions {
+  std::string listen = "127.0.0.1:5025";
+  std::string setup;
 };
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,

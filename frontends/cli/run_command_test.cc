@@ -7,6 +7,11 @@
 #include <sstream>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
+#include "instrument/rig_server.h"
+
 namespace tavrix {
 namespace {
 
@@ -114,6 +119,50 @@ TEST_F(CliTest, AFileOfOverThirtyTwoThousandLinesEndsWithAClearError) {
   for (int i = 0; i < 40000; ++i) text += "REM line\r\n";
   EXPECT_EQ(Cli({"run", "--virtual-time", File("long.wts", text)}), kExitSequenceError);
   EXPECT_NE(err_.find("Error on line: 32767\nLine count overflow"), std::string::npos) << err_;
+}
+
+TEST_F(CliTest, TheInstrumentLinkOptions) {
+  const std::string rig = File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
+  const std::string seq = File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--trace", "-", seq}), kExitOk) << err_;
+  const std::string simTrace = out_;
+  EXPECT_NE(simTrace.find(R"("ev":"iml","dev":1,"cmd":"WRI HEATER 80","reply":null})"), std::string::npos);
+
+  // The same run over a rig server gives the same trace.
+  std::string link;
+  {
+    RigServer server;
+    std::string error;
+    ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+    std::atomic<bool> stop{false};
+    std::thread serving([&] { server.serve(stop); });
+    link = "tcp://127.0.0.1:" + std::to_string(server.port());
+    EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--link", link, "--reply-timeout", "3",
+                   "--trace", "-", seq}),
+              kExitOk)
+        << err_;
+    EXPECT_EQ(out_, simTrace);
+    stop = true;
+    serving.join();
+  }
+
+  // Bad links, setups, time-outs and settings files are usage errors.
+  EXPECT_EQ(Cli({"run", "--link", "serial:1", seq}), kExitUsage);
+  EXPECT_NE(err_.find("unknown link \"serial:1\""), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"run", "--link", link, seq}), kExitUsage);
+  EXPECT_NE(err_.find("IML error:  31"), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"run", "--setup", File("bad.ims", "rubbish\n"), seq}), kExitUsage);
+  EXPECT_NE(err_.find("bad.ims line 1: "), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"run", "--reply-timeout", "-1", seq}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--instrument-settings", File("i.cfg", "colour = red\n"), seq}), kExitUsage);
+  EXPECT_NE(err_.find("i.cfg line 1: unknown setting \"colour\""), std::string::npos) << err_;
+  // Without hardware every channel reads 0, so the wait never ends by itself:
+  // a channel that is not there is not an error either.
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-hardware", File("nh.wts", "WAIT OVEN < 1\r\nCHECK X = 0, L\r\nSTOP\r\nL:\r\nGOTO NOWHERE\r\n")}),
+            kExitOk)
+      << err_;
+  EXPECT_EQ(Cli({"rig", "--listen", "nowhere", "--setup", rig}), kExitUsage);
+  EXPECT_NE(err_.find("\"nowhere\" is not HOST:PORT"), std::string::npos) << err_;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/paths.h"
 #include "common/text_conventions.h"
 
 namespace tavrix {
@@ -113,19 +114,9 @@ bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& setting
 }
 
 std::string MapPath(std::string_view path, const InstrumentSettings& settings) {
-  std::string out;
-  if (path.size() >= 2 && path[1] == ':' && std::isalpha(static_cast<unsigned char>(path[0]))) {
-    const char drive = static_cast<char>(std::tolower(static_cast<unsigned char>(path[0])));
-    auto it = settings.driveMap.find(drive);
-    if (it != settings.driveMap.end()) {
-      out = it->second;
-      while (!out.empty() && out.back() == '/') out.pop_back();
-    }
-    path.remove_prefix(2);
-    if (path.empty() || (path[0] != '\\' && path[0] != '/')) out += '/';
-  }
-  for (char c : path) out += c == '\\' ? '/' : c;
-  return out;
+  PathMap map(defaultDataRoot());
+  for (const auto& [drive, folder] : settings.driveMap) map.setDrive(drive, folder);
+  return map.toLocal(path);
 }
 
 }  // namespace tavrix

@@ -35,9 +35,9 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
                              InstrumentSettings& settings, std::string& error);
 
 // A path as written in sequence files ("c:\corvane\setups\rig.ims") as a path
-// of this computer: "\" becomes "/", and a drive prefix is replaced by its
-// folder from the drive map (a drive that is not mapped is left off, so
-// "c:\x" becomes "/x"). Paths without a drive only change their separators.
+// of this computer, through the program's drive map (common/paths.h) with the
+// drives of these settings: "\" becomes "/", and a drive prefix is replaced
+// by its folder. Paths without a drive only change their separators.
 std::string MapPath(std::string_view path, const InstrumentSettings& settings);
 
 }  // namespace tavrix

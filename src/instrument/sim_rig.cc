@@ -92,6 +92,8 @@ std::string applySetting(SimChannel& channel, std::string_view token) {
     if (channel.lag < 0) return "LAG= must not be negative";
   } else if (key == "K") {
     if (auto e = number(channel.gain); !e.empty()) return e;
+  } else if (key == "BIAS") {
+    if (auto e = number(channel.bias); !e.empty()) return e;
   } else if (key == "JITTER") {
     if (auto e = number(channel.jitter); !e.empty()) return e;
   } else if (key == "HIGH") {
@@ -267,7 +269,7 @@ SimChannel* RigModel::findAnyDevice(std::string_view name) {
 double RigModel::followTarget(const SimChannel& channel) {
   const SimChannel* source = findAnyDevice(channel.follow);
   if (source == nullptr) return channel.value;
-  return channel.gain * (source->value + source->offset);
+  return channel.gain * (source->value + source->offset) + channel.bias;
 }
 
 void RigModel::advance(Micros now) {

@@ -46,6 +46,7 @@ struct SimChannel {
   std::string follow;
   double lag = 0;
   double gain = 1;
+  double bias = 0;  // added to the followed value times the gain
   double jitter = 0;
   std::optional<double> high;
   std::optional<double> low;

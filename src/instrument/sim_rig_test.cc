@@ -135,6 +135,12 @@ TEST(RigModel, ATemperatureFollowsItsHeaterWithAFirstOrderLag) {
   const double cooled = leadingNumber(model.execute(1, "REA TEMP1", t0 + 70 * kMicrosPerSecond));
   EXPECT_NEAR(cooled, at60 * std::exp(-1.0), 1e-6);
 
+  // BIAS= shifts the followed value.
+  EXPECT_EQ(model.execute(1, "DEF TEMP1 LAG=0 K=0.5 BIAS=20", t0), "0");
+  EXPECT_EQ(model.execute(1, "REA TEMP1", t0 + 70 * kMicrosPerSecond), "20");
+  EXPECT_EQ(model.execute(1, "WRI HEATER 10", t0 + 70 * kMicrosPerSecond), "0");
+  EXPECT_EQ(model.execute(1, "REA TEMP1", t0 + 70 * kMicrosPerSecond), "25");
+
   // Jitter is deterministic, bounded, and changes with time.
   RigModel again = LoadedModel();
   double low = 1e9, high = -1e9;

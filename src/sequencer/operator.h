@@ -72,6 +72,9 @@ class Operator {
   virtual void showHelpText(std::string_view /*text*/) {}
   virtual void showDataFileSpec(std::string_view /*path*/) {}
   virtual void showControls(const RunControls& /*controls*/) {}
+  // Run and Step move the window to the top-left corner and give it its
+  // running size.
+  virtual void enlargeForRun() {}
   // The run status label shown with another text and background colour for
   // a while (a pulse shows "Pulse Timing" in orange); the colour is a colour
   // value: red + 256 x green + 65536 x blue.

@@ -187,6 +187,9 @@ void Sequencer::dispatchLine(std::string& line) {
   events_.processPendingEvents();
 
   if (flags_.singleStepMode) {
+    // Only a person can release the hold.
+    std::optional<EventLoop::OutsideWait> person;
+    if (operator_.isPerson()) person.emplace(events_);
     waitUntil([this] { return !flags_.singleStepHold || !flags_.singleStepMode; });
     flags_.singleStepHold = true;
   }
@@ -217,6 +220,7 @@ void Sequencer::pressRun() {
   controls_.stopEnabled = true;
   controls_.fileMenuEnabled = false;
   publishControls();
+  operator_.enlargeForRun();
   setStatus(kStatusRunning);
   flags_.singleStepHold = false;
   runLoop();
@@ -248,6 +252,7 @@ void Sequencer::setSingleStepBox(bool ticked) {
 void Sequencer::pressStep() {
   flags_.stepExecute = true;
   flags_.singleStepHold = false;
+  operator_.enlargeForRun();
   events_.processPendingEvents();
 }
 

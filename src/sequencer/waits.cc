@@ -4,6 +4,7 @@
 // the command display, and once more just after the wait's due instant, so a
 // wait ends on time without the engine waking more often than that.
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -16,6 +17,9 @@ namespace tavrix {
 namespace {
 
 constexpr Micros kDelayTimerInterval = kMicrosPerSecond;
+// Longer waits are held for this long: a century is forever for a test rig,
+// and the clock's arithmetic stays in range.
+constexpr double kLongestWaitSeconds = 100.0 * 366 * 86400;
 
 struct WaitState {
   explicit WaitState(EventLoop& loop) : delayTimer(loop, kDelayTimerInterval, [this] { delayTick(); }) {}
@@ -59,7 +63,8 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const CommandLine& cmd) {
   const bool secondsTimerWasOn = seq.secondsTimerEnabled();
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(false);
 
-  state.due = start + static_cast<Micros>(std::ceil(state.waitLength * kMicrosPerSecond));
+  const double length = std::min(state.waitLength, kLongestWaitSeconds);
+  state.due = start + static_cast<Micros>(std::ceil(length * kMicrosPerSecond));
   state.armDelayTimer(start);
   state.delayRunning = true;
   const RunFlags& flags = seq.flags();

@@ -1,0 +1,36 @@
+// Runs one engine on a thread of its own. The engine's state is touched by
+// nothing else: the window reaches it only by posting tasks, which the
+// engine runs at its next event check, exactly where a running command
+// tests its flags.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "engine/engine.h"
+
+namespace tavrix {
+
+class EngineHost {
+ public:
+  using Factory = std::function<std::unique_ptr<Engine>()>;
+
+  // Builds the engine with `factory` on the engine thread and waits until it
+  // is ready.
+  explicit EngineHost(Factory factory);
+  // Stops a run in progress and ends the thread.
+  ~EngineHost();
+  EngineHost(const EngineHost&) = delete;
+  EngineHost& operator=(const EngineHost&) = delete;
+
+  // Runs `task` on the engine thread. Safe from any thread.
+  void post(std::function<void(Engine&)> task);
+
+ private:
+  std::unique_ptr<Engine> engine_;
+  std::thread thread_;
+  bool quit_ = false;  // engine thread only
+};
+
+}  // namespace tavrix

@@ -1,0 +1,26 @@
+// tavrix: the desktop window. Its command line is the original's: an
+// optional sequence file name, in double quotes or not, and an optional " /A"
+// to start the run at once.
+
+#include <QApplication>
+
+#include "main_window.h"
+
+int main(int argc, char** argv) {
+  QApplication app(argc, argv);
+  std::string commandLine;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    // A name with blanks came as one argument: quote it as the original's
+    // command line would hold it.
+    if (i == 1 && arg.find(' ') != std::string::npos && arg.front() != '"') arg = '"' + arg + '"';
+    commandLine += (i > 1 ? " " : "") + arg;
+  }
+  tavrix::MainWindow window(
+      [](tavrix::Operator& op) {
+        return std::make_unique<tavrix::Engine>(std::make_unique<tavrix::SystemClock>(), op);
+      },
+      commandLine);
+  window.show();
+  return app.exec();
+}

@@ -1,0 +1,289 @@
+#include "main_window.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QCloseEvent>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QScreen>
+#include <QTabWidget>
+#include <QTextEdit>
+#include <QVBoxLayout>
+
+namespace tavrix {
+
+namespace {
+
+constexpr int kStartWidthTwips = 4440;
+constexpr int kStartHeightTwips = 3870;
+constexpr int kRunWidthTwips = 9015;
+constexpr int kRunHeightTwips = 8865;
+
+QString Text(std::string_view text) {
+  QString out = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+  out.replace("\r\n", "\n");
+  out.replace('\r', '\n');
+  return out;
+}
+
+template <typename T>
+T* Named(T* widget, const char* name) {
+  widget->setObjectName(name);
+  return widget;
+}
+
+}  // namespace
+
+MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : operator_(*this) {
+  setWindowTitle(QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
+  buildControls();
+  buildMenus();
+  resize(TwipsToPixels(kStartWidthTwips), TwipsToPixels(kStartHeightTwips));
+  host_ = std::make_unique<EngineHost>([this, factory] { return factory(operator_); });
+  host_->post([commandLine](Engine& engine) { engine.sequencer().startUp(commandLine); });
+}
+
+MainWindow::~MainWindow() {
+  operator_.setClosing();
+  host_.reset();
+}
+
+void MainWindow::buildControls() {
+  auto* central = new QWidget(this);
+  auto* layout = new QVBoxLayout(central);
+
+  auto* statusRow = new QHBoxLayout;
+  sRunStatus_ = Named(new QLabel(tr("Ready")), "sRunStatus");
+  sRunStatus_->setFrameShape(QFrame::Panel);
+  sRunStatus_->setFrameShadow(QFrame::Sunken);
+  sRunStatus_->setMinimumWidth(90);
+  statusRow->addWidget(sRunStatus_);
+  statusRow->addWidget(new QLabel(tr("Timeout (secs)")));
+  sTimeout_ = Named(new QLabel(QStringLiteral("0")), "sTimeout");
+  sTimeout_->setFrameShape(QFrame::Panel);
+  sTimeout_->setFrameShadow(QFrame::Sunken);
+  sTimeout_->setMinimumWidth(60);
+  statusRow->addWidget(sTimeout_);
+  statusRow->addStretch();
+  layout->addLayout(statusRow);
+
+  sCurrentCommand_ = Named(new QLineEdit, "sCurrentCommand");
+  sCurrentCommand_->setReadOnly(true);
+  layout->addWidget(sCurrentCommand_);
+
+  auto* buttons = new QHBoxLayout;
+  pbRun_ = Named(new QPushButton(tr("Run")), "pbRun");
+  pbStop_ = Named(new QPushButton(tr("Stop")), "pbStop");
+  pbStep_ = Named(new QPushButton(tr("Step")), "pbStep");
+  pbSkip_ = Named(new QPushButton(tr("Skip")), "pbSkip");
+  cbSingleStep_ = Named(new QCheckBox(tr("Single Step")), "cbSingleStep");
+  for (QWidget* w : {static_cast<QWidget*>(pbRun_), static_cast<QWidget*>(pbStop_),
+                     static_cast<QWidget*>(pbStep_), static_cast<QWidget*>(pbSkip_),
+                     static_cast<QWidget*>(cbSingleStep_)}) {
+    w->setEnabled(false);
+    buttons->addWidget(w);
+  }
+  layout->addLayout(buttons);
+
+  sDataFileSpec_ = Named(new QLineEdit, "sDataFileSpec");
+  sDataFileSpec_->setReadOnly(true);
+  layout->addWidget(sDataFileSpec_);
+
+  auto* tabs = new QTabWidget;
+  auto* sequencePage = new QWidget;
+  auto* pageLayout = new QVBoxLayout(sequencePage);
+
+  frOKcancel_ = Named(new QGroupBox(tr("Operator Message")), "frOKcancel");
+  auto* panel = new QVBoxLayout(frOKcancel_);
+  laAlertType_ = Named(new QLabel(tr("Alert!")), "laAlertType");
+  laMessage_ = Named(new QLabel, "laMessage");
+  laMessage_->setWordWrap(true);
+  panel->addWidget(laAlertType_);
+  panel->addWidget(laMessage_);
+  auto* panelButtons = new QHBoxLayout;
+  pbOKcancelOK_ = Named(new QPushButton(tr("OK")), "pbOKcancelOK");
+  pbOKcancelCancel_ = Named(new QPushButton(tr("Cancel")), "pbOKcancelCancel");
+  panelButtons->addWidget(pbOKcancelOK_);
+  panelButtons->addWidget(pbOKcancelCancel_);
+  panel->addLayout(panelButtons);
+  frOKcancel_->hide();
+  pageLayout->addWidget(frOKcancel_);
+
+  ebHelp_ = Named(new QTextEdit, "ebHelp");
+  ebHelp_->setReadOnly(true);
+  pageLayout->addWidget(ebHelp_);
+
+  auto* lists = new QHBoxLayout;
+  lbAlarmLabels_ = Named(new QListWidget, "lbAlarmLabels");
+  lbAlarmCommands_ = Named(new QListWidget, "lbAlarmCommands");
+  lbDDElabels_ = Named(new QListWidget, "lbDDElabels");
+  lbDDEcommands_ = Named(new QListWidget, "lbDDEcommands");
+  for (QListWidget* list : {lbAlarmLabels_, lbAlarmCommands_, lbDDElabels_, lbDDEcommands_}) {
+    list->setMaximumHeight(80);
+    lists->addWidget(list);
+  }
+  pageLayout->addLayout(lists);
+  tabs->addTab(sequencePage, tr("Sequence"));
+
+  auto* manual = Named(new QGroupBox(tr("Manual control")), "frManual");
+  tabs->addTab(manual, tr("Manual"));
+  layout->addWidget(tabs);
+  setCentralWidget(central);
+
+  connect(pbRun_, &QPushButton::clicked, this,
+          [this] { host_->post([](Engine& e) { e.sequencer().pressRun(); }); });
+  connect(pbStop_, &QPushButton::clicked, this,
+          [this] { host_->post([](Engine& e) { e.sequencer().pressStop(); }); });
+  connect(pbStep_, &QPushButton::clicked, this,
+          [this] { host_->post([](Engine& e) { e.sequencer().pressStep(); }); });
+  connect(pbSkip_, &QPushButton::clicked, this,
+          [this] { host_->post([](Engine& e) { e.sequencer().pressSkip(); }); });
+  connect(cbSingleStep_, &QCheckBox::toggled, this, [this](bool ticked) {
+    if (suppressSingleStep_) return;
+    host_->post([ticked](Engine& e) { e.sequencer().setSingleStepBox(ticked); });
+  });
+  connect(pbOKcancelOK_, &QPushButton::clicked, this, [this] { answerPanel(0); });
+  connect(pbOKcancelCancel_, &QPushButton::clicked, this, [this] { answerPanel(1); });
+}
+
+void MainWindow::buildMenus() {
+  mbFile_ = menuBar()->addMenu(tr("&File"));
+  mbFile_->setObjectName("mbFile");
+  QAction* open = mbFile_->addAction(tr("&Open Sequence..."));
+  open->setObjectName("mbOpenSequence");
+  connect(open, &QAction::triggered, this,
+          [this] { host_->post([](Engine& e) { e.sequencer().chooseSequenceFile(); }); });
+  mbFile_->addSeparator();
+  QAction* exit = mbFile_->addAction(tr("E&xit"));
+  exit->setObjectName("pbShutdown");
+  connect(exit, &QAction::triggered, this, &QWidget::close);
+
+  QMenu* help = menuBar()->addMenu(tr("&Help"));
+  help->setObjectName("mbHelp");
+  QAction* about = help->addAction(tr("&About"));
+  about->setObjectName("mbAbout");
+  connect(about, &QAction::triggered, this, [this] {
+    QMessageBox::about(this, tr("About"),
+                       QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
+  });
+}
+
+// --- The operator message panel and question boxes --------------------------------
+
+void MainWindow::openQuestion(const Question& question, std::function<void(Answer)> answered) {
+  const bool panelKind = question.kind == "CONTINUEOK" || question.kind == "ENTEROKCANCEL" ||
+                         question.kind == "UUTCHECK" || question.kind == "ALERT";
+  if (!panelKind) {
+    answerQuestionBox(question, std::move(answered));
+    return;
+  }
+  panelQuestion_ = question;
+  panelAnswered_ = std::move(answered);
+  laMessage_->setText(Text(question.text));
+  laAlertType_->setText(question.title.empty() ? tr("Alert!") : Text(question.title));
+  pbOKcancelOK_->setText(question.buttons.empty() ? tr("OK") : Text(question.buttons[0]));
+  if (question.buttons.size() > 1) {
+    pbOKcancelCancel_->setText(Text(question.buttons[1]));
+    pbOKcancelCancel_->show();
+  } else {
+    pbOKcancelCancel_->hide();
+  }
+  frOKcancel_->show();
+}
+
+void MainWindow::answerPanel(int button) {
+  if (!panelAnswered_) return;
+  frOKcancel_->hide();
+  // The panel goes back to its design captions for the next question.
+  pbOKcancelOK_->setText(tr("OK"));
+  pbOKcancelCancel_->setText(tr("Cancel"));
+  pbOKcancelCancel_->show();
+  auto answered = std::move(panelAnswered_);
+  panelAnswered_ = nullptr;
+  const auto& buttons = panelQuestion_.buttons;
+  answered(static_cast<size_t>(button) < buttons.size() ? buttons[static_cast<size_t>(button)]
+                                                        : std::string(button == 0 ? "OK" : "Cancel"));
+}
+
+void MainWindow::answerQuestionBox(const Question& question, std::function<void(Answer)> answered) {
+  auto* box = new QMessageBox(QMessageBox::Question, Text(question.title), Text(question.text),
+                              QMessageBox::NoButton, this);
+  box->setObjectName("questionBox");
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  auto pressed = std::make_shared<std::vector<std::pair<QAbstractButton*, std::string>>>();
+  for (size_t i = 0; i < question.buttons.size(); ++i) {
+    QPushButton* b = box->addButton(Text(question.buttons[i]), QMessageBox::ActionRole);
+    b->setObjectName(QString::fromStdString("answer_" + question.buttons[i]));
+    pressed->emplace_back(b, question.buttons[i]);
+    // A question's second button is its default, as in the close question.
+    if (i == 1) box->setDefaultButton(b);
+  }
+  auto once = std::make_shared<std::function<void(Answer)>>(std::move(answered));
+  connect(box, &QMessageBox::buttonClicked, box, [pressed, once](QAbstractButton* clicked) {
+    for (const auto& [button, caption] : *pressed) {
+      if (button == clicked && *once) {
+        (*once)(caption);
+        *once = nullptr;
+      }
+    }
+  });
+  // Closed without a button (Escape, the window's close box): no answer.
+  connect(box, &QMessageBox::finished, box, [once] {
+    if (*once) (*once)(std::nullopt);
+    *once = nullptr;
+  });
+  box->open();
+}
+
+// --- Displays -------------------------------------------------------------------
+
+void MainWindow::setRunStatus(const QString& status) { sRunStatus_->setText(status); }
+void MainWindow::setCurrentCommand(const QString& line) { sCurrentCommand_->setText(line); }
+void MainWindow::setTimeout(int seconds) { sTimeout_->setText(QString::number(seconds)); }
+void MainWindow::setHelpText(const QString& text) { ebHelp_->setPlainText(text); }
+void MainWindow::setDataFileSpec(const QString& path) { sDataFileSpec_->setText(path); }
+
+void MainWindow::setControls(const RunControls& c) {
+  pbRun_->setEnabled(c.runEnabled);
+  pbStop_->setEnabled(c.stopEnabled);
+  pbStep_->setEnabled(c.stepEnabled);
+  pbSkip_->setEnabled(c.skipEnabled);
+  cbSingleStep_->setEnabled(c.singleStepEnabled);
+  if (cbSingleStep_->isChecked() != c.singleStepTicked) {
+    suppressSingleStep_ = true;
+    cbSingleStep_->setChecked(c.singleStepTicked);
+    suppressSingleStep_ = false;
+  }
+  mbFile_->setEnabled(c.fileMenuEnabled);
+}
+
+void MainWindow::enlargeForRun() {
+  const QRect screen = this->screen() ? this->screen()->availableGeometry() : QRect();
+  move(screen.topLeft());
+  resize(TwipsToPixels(kRunWidthTwips), TwipsToPixels(kRunHeightTwips));
+}
+
+void MainWindow::closeEvent(QCloseEvent* event) {
+  if (closeAllowed_) {
+    event->accept();
+    return;
+  }
+  event->ignore();
+  host_->post([this](Engine& engine) {
+    Sequencer& seq = engine.sequencer();
+    if (!seq.closeRequest()) return;
+    if (seq.flags().running) seq.requestAbort();
+    QMetaObject::invokeMethod(this, [this] {
+      closeAllowed_ = true;
+      close();
+    }, Qt::QueuedConnection);
+  });
+}
+
+}  // namespace tavrix

@@ -1,0 +1,89 @@
+// The main window: run controls, the run status, the current command, the
+// timeout count-down, the help box, the operator message panel, the alarm
+// and DDE lists, and the manual control tab. Control object names are those
+// of the original window (pbRun, sRunStatus, frOKcancel, ...), so tests and
+// scripts find them by name.
+#pragma once
+
+#include <QMainWindow>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "engine_host.h"
+#include "qt_operator.h"
+
+class QCheckBox;
+class QGroupBox;
+class QLabel;
+class QLineEdit;
+class QListWidget;
+class QPushButton;
+class QTextEdit;
+class QMenu;
+
+namespace tavrix {
+
+// 15 twips a pixel at 96 dots an inch.
+constexpr int TwipsToPixels(int twips) { return twips / 15; }
+
+class MainWindow : public QMainWindow {
+ public:
+  using EngineFactory = std::function<std::unique_ptr<Engine>(Operator&)>;
+
+  // Builds the window and its engine; `commandLine` is the program's command
+  // line after its name (a sequence file, optionally " /A").
+  MainWindow(EngineFactory factory, const std::string& commandLine);
+  ~MainWindow() override;
+
+  // Carried over from the engine thread by QtOperator.
+  void openQuestion(const Question& question, std::function<void(Answer)> answered);
+  void setRunStatus(const QString& status);
+  void setCurrentCommand(const QString& line);
+  void setTimeout(int seconds);
+  void setHelpText(const QString& text);
+  void setDataFileSpec(const QString& path);
+  void setControls(const RunControls& controls);
+  void enlargeForRun();
+
+  EngineHost& host() { return *host_; }
+
+ protected:
+  void closeEvent(QCloseEvent* event) override;
+
+ private:
+  void buildControls();
+  void buildMenus();
+  void answerPanel(int button);
+  void answerQuestionBox(const Question& question, std::function<void(Answer)> answered);
+
+  QtOperator operator_;
+  std::unique_ptr<EngineHost> host_;
+  bool closeAllowed_ = false;
+
+  QPushButton* pbRun_ = nullptr;
+  QPushButton* pbStop_ = nullptr;
+  QPushButton* pbStep_ = nullptr;
+  QPushButton* pbSkip_ = nullptr;
+  QCheckBox* cbSingleStep_ = nullptr;
+  QLabel* sRunStatus_ = nullptr;
+  QLabel* sTimeout_ = nullptr;
+  QLineEdit* sCurrentCommand_ = nullptr;
+  QLineEdit* sDataFileSpec_ = nullptr;
+  QTextEdit* ebHelp_ = nullptr;
+  QGroupBox* frOKcancel_ = nullptr;
+  QLabel* laMessage_ = nullptr;
+  QLabel* laAlertType_ = nullptr;
+  QPushButton* pbOKcancelOK_ = nullptr;
+  QPushButton* pbOKcancelCancel_ = nullptr;
+  QListWidget* lbAlarmLabels_ = nullptr;
+  QListWidget* lbAlarmCommands_ = nullptr;
+  QListWidget* lbDDElabels_ = nullptr;
+  QListWidget* lbDDEcommands_ = nullptr;
+  QMenu* mbFile_ = nullptr;
+  Question panelQuestion_;
+  std::function<void(Answer)> panelAnswered_;
+  bool suppressSingleStep_ = false;
+};
+
+}  // namespace tavrix

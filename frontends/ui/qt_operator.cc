@@ -1,0 +1,98 @@
+#include "qt_operator.h"
+
+#include <QFileDialog>
+#include <QMessageBox>
+#include <QMetaObject>
+
+#include "main_window.h"
+
+namespace tavrix {
+
+namespace {
+
+QString Text(std::string_view text) {
+  QString out = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+  out.replace("\r\n", "\n");
+  out.replace('\r', '\n');
+  return out;
+}
+
+// A dialog filter "Text (*.ext)|*.ext" as the window system writes it.
+QString Filter(const std::string& filter) {
+  const size_t bar = filter.find('|');
+  return QString::fromStdString(bar == std::string::npos ? filter : filter.substr(0, bar));
+}
+
+}  // namespace
+
+void QtOperator::ask(const Question& question, std::function<void(Answer)> answered) {
+  if (closing_) {
+    answered(std::nullopt);
+    return;
+  }
+  QMetaObject::invokeMethod(
+      &window_, [this, question, answered] { window_.openQuestion(question, answered); },
+      Qt::QueuedConnection);
+}
+
+void QtOperator::showMessage(std::string_view title, std::string_view text) {
+  if (closing_) return;
+  const QString t = Text(title);
+  const QString body = Text(text);
+  QMetaObject::invokeMethod(
+      &window_, [this, t, body] { QMessageBox::information(&window_, t, body); },
+      Qt::BlockingQueuedConnection);
+}
+
+std::optional<std::string> QtOperator::chooseFile(const FileDialog& dialog) {
+  if (closing_) return std::nullopt;
+  QString chosen;
+  QMetaObject::invokeMethod(
+      &window_,
+      [&] {
+        chosen = QFileDialog::getOpenFileName(&window_, QString::fromStdString(dialog.title),
+                                              QString::fromStdString(dialog.initialDirectory),
+                                              Filter(dialog.filter));
+      },
+      Qt::BlockingQueuedConnection);
+  if (chosen.isEmpty()) return std::nullopt;
+  return chosen.toStdString();
+}
+
+void QtOperator::showRunStatus(std::string_view status) {
+  const QString s = Text(status);
+  QMetaObject::invokeMethod(&window_, [this, s] { window_.setRunStatus(s); }, Qt::QueuedConnection);
+}
+
+void QtOperator::showCurrentCommand(std::string_view line) {
+  const QString s = Text(line);
+  QMetaObject::invokeMethod(&window_, [this, s] { window_.setCurrentCommand(s); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::showTimeout(int32_t seconds) {
+  QMetaObject::invokeMethod(&window_, [this, seconds] { window_.setTimeout(seconds); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::showHelpText(std::string_view text) {
+  const QString s = Text(text);
+  QMetaObject::invokeMethod(&window_, [this, s] { window_.setHelpText(s); }, Qt::QueuedConnection);
+}
+
+void QtOperator::showDataFileSpec(std::string_view path) {
+  const QString s = Text(path);
+  QMetaObject::invokeMethod(&window_, [this, s] { window_.setDataFileSpec(s); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::showControls(const RunControls& controls) {
+  QMetaObject::invokeMethod(&window_, [this, controls] { window_.setControls(controls); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::enlargeForRun() {
+  QMetaObject::invokeMethod(&window_, [this] { window_.enlargeForRun(); }, Qt::QueuedConnection);
+}
+
+}  // namespace tavrix

@@ -1,0 +1,41 @@
+// The operator port of the desktop window. The engine calls it on the engine
+// thread; every call is carried over to the window's thread. Message boxes
+// and file dialogs block the engine until they are closed, as modal boxes do;
+// questions are answered later, by a click, through the engine's event loop.
+#pragma once
+
+#include <atomic>
+
+#include "sequencer/operator.h"
+
+namespace tavrix {
+
+class MainWindow;
+
+class QtOperator : public Operator {
+ public:
+  explicit QtOperator(MainWindow& window) : window_(window) {}
+
+  // Once closing, boxes no longer wait for the window and questions get no
+  // answer, so the engine can wind down while the window goes away.
+  void setClosing() { closing_ = true; }
+
+  void ask(const Question& question, std::function<void(Answer)> answered) override;
+  bool isPerson() const override { return true; }
+  std::string unansweredReason() const override { return "the window was closed"; }
+  void showMessage(std::string_view title, std::string_view text) override;
+  std::optional<std::string> chooseFile(const FileDialog& dialog) override;
+  void showRunStatus(std::string_view status) override;
+  void showCurrentCommand(std::string_view line) override;
+  void showTimeout(int32_t seconds) override;
+  void showHelpText(std::string_view text) override;
+  void showDataFileSpec(std::string_view path) override;
+  void showControls(const RunControls& controls) override;
+  void enlargeForRun() override;
+
+ private:
+  MainWindow& window_;
+  std::atomic<bool> closing_{false};
+};
+
+}  // namespace tavrix
