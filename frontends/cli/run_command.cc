@@ -13,6 +13,7 @@
 #include "engine/engine.h"
 #include "instrument/channel_commands.h"
 #include "instrument/instrument.h"
+#include "instrument/output_commands.h"
 #include "instrument/rig_server.h"
 #include "sequencer/console_operators.h"
 
@@ -107,9 +108,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
   }
 
-  InstrumentSettings instrumentSettings;
-  instrumentSettings.noHardware = options.noHardware;
-  Engine engine(std::move(clock), *op, std::move(instrumentSettings), nullptr);
+  Engine engine(std::move(clock), *op);
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(out, false);
@@ -147,6 +146,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
   RegisterInstrumentCommands(seq, *instrument);
+  RegisterOutputCommands(seq, *instrument);
   if (!instrument->ensureOpen()) {
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
                  instrument->link().lastErrorText.c_str());
