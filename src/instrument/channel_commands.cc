@@ -1,6 +1,7 @@
 #include "instrument/channel_commands.h"
 
 #include <climits>
+#include <exception>
 #include <filesystem>
 
 #include "common/text_conventions.h"
@@ -78,8 +79,13 @@ class ChannelCommands {
     if (linkReady() && !ch().RezeroChannel(trim(cmd.arg1))) fail();
   }
   void checkIms(const CommandLine&) {
-    std::string value;
-    if (linkReady() && !ch().ReadChannel(ins_.settings().checkChannel, value)) fail();
+    try {
+      std::string value;
+      if (linkReady() && !ch().ReadChannel(ins_.settings().checkChannel, value)) fail();
+    } catch (const std::exception&) {
+      seq_.reportSequenceError(std::string(kTextCheckImsFailed) +
+                               numberText(ins_.link().lastErrorNumber));
+    }
   }
 
   void incrementLoopCount(const CommandLine& cmd) {
@@ -153,8 +159,10 @@ class ChannelCommands {
       bool due = false;
       Timer poll(seq_.events(), ins_.settings().waitPollInterval, [&due] { due = true; });
       poll.setEnabled(true);
-      if (!seq_.waitUntil([&] { return due || flags.jumpPending || flags.timeoutPending ||
-                                       flags.timeoutExpired || flags.stopRequested; })) {
+      if (!seq_.waitUntil([&] {
+            return due || flags.jumpPending || flags.timeoutPending || flags.timeoutExpired ||
+                   flags.stopRequested;
+          })) {
         return;
       }
     }

@@ -125,9 +125,8 @@ TEST_F(ChannelCommandsTest, WaitEndsWhenTheHeatedPlantGetsThere) {
 TEST_F(ChannelCommandsTest, WaitGoesOnThroughErrReadingsAndEndsOnStopOrTimeout) {
   // The device disables TEMP2 behind the table's back: its readings are
   // "ERR ..." until a timer enables it again at 3 s.
-  Timer fix(events_, 3 * kMicrosPerSecond, [&] {
-    instrument_->channels().DefineChannel("TEMP2", "E=1 V=60");
-  });
+  Timer fix(events_, 3 * kMicrosPerSecond,
+            [&] { instrument_->channels().DefineChannel("TEMP2", "E=1 V=60"); });
   fix.setEnabled(true);
   EXPECT_EQ(Run({"IMLDEF TEMP2, E=0", "WAIT TEMP2 > 50"}), "");
   EXPECT_NEAR(Elapsed(), 3.0, 0.1001);
@@ -159,16 +158,16 @@ TEST_F(ChannelCommandsTest, CheckJumpsUnlessTheConditionHolds) {
                                          "LOW:", "SEND COUNTER, 2"};
   EXPECT_EQ(Run(body), "");
   EXPECT_EQ(Read("COUNTER"), "1");
-  EXPECT_EQ(Run({"SEND TEMP2, 5", "CHECK TEMP2 > 5, LOW", "SEND COUNTER, 1", "STOP", "LOW:",
-                 "SEND COUNTER, 2"}),
+  EXPECT_EQ(Run({"SEND TEMP2, 5", "CHECK TEMP2 > 5, LOW", "SEND COUNTER, 1", "STOP",
+                 "LOW:", "SEND COUNTER, 2"}),
             "");
   EXPECT_EQ(Read("COUNTER"), "2");
   EXPECT_EQ(Run({"CHECK TEMP2 < 5, NOWHERE"}), "Label NOWHERE: does not exist");
   EXPECT_EQ(Run({"CHECK TEMP2>5, LOW"}), "Cannot parse Wait condition - TEMP2>5");
   EXPECT_EQ(Run({"CHECK TEMP2 <= 5, LOW"}), "Operator - <= - is not supported");
   // A failed read: no message, no jump.
-  EXPECT_EQ(Run({"SEND COUNTER, 0", "CHECK NOSUCH = 0, LOW", "SEND COUNTER, 3", "STOP", "LOW:",
-                 "SEND COUNTER, 4"}),
+  EXPECT_EQ(Run({"SEND COUNTER, 0", "CHECK NOSUCH = 0, LOW", "SEND COUNTER, 3", "STOP",
+                 "LOW:", "SEND COUNTER, 4"}),
             "");
   EXPECT_EQ(Read("COUNTER"), "3");
 }
@@ -177,17 +176,30 @@ TEST_F(ChannelCommandsTest, ChannelCommandsReachTheDevices) {
   seq_.loopCount = 0;
   EXPECT_EQ(Run({"INCREMENTLOOPCOUNT", "INCREMENTLOOPCOUNT COUNTER", "IMLDEF TEMP2, O=1.5",
                  "IMLESC SMC1, RESET", "SENDSMC SMC1, P123", "SENDSMC SMC1, Q99",
-                 "MONITOR 1, TMON, FOLLOW=TEMP2", "REZERO TEMP2", "KILLMONITOR TMON",
-                 "CHECKIMS"}),
+                 "MONITOR 1, TMON, FOLLOW=TEMP2", "REZERO TEMP2", "KILLMONITOR TMON", "CHECKIMS"}),
             "");
   EXPECT_EQ(seq_.loopCount, 2);
-  EXPECT_EQ(recorder_->sent,
-            (std::vector<std::string>{
-                "1: WRI COUNTER 2", "1: REP", "1: DEF TEMP2 O=1.5", "1: REP", "1: ESC SMC1 RESET",
-                "1: REP", "1: WRI SMC1 503132330D", "1: REP", "1: WRI SMC1 510D", "1: REP",
-                "1: DEF 19000 E=0 ", "1: DEF 19000 M=Z", "1: DEF 19000 FOLLOW=TEMP2",
-                "1: DEF 19000 N=TMON", "1: REA TEMP2", "1: SHO TEMP2", "1: DEF TEMP2 O=-10",
-                "1: REP", "1: CLEAR TMON", "1: REP", "1: REA TEMP2"}));
+  EXPECT_EQ(recorder_->sent, (std::vector<std::string>{"1: WRI COUNTER 2",
+                                                       "1: REP",
+                                                       "1: DEF TEMP2 O=1.5",
+                                                       "1: REP",
+                                                       "1: ESC SMC1 RESET",
+                                                       "1: REP",
+                                                       "1: WRI SMC1 503132330D",
+                                                       "1: REP",
+                                                       "1: WRI SMC1 510D",
+                                                       "1: REP",
+                                                       "1: DEF 19000 E=0 ",
+                                                       "1: DEF 19000 M=Z",
+                                                       "1: DEF 19000 FOLLOW=TEMP2",
+                                                       "1: DEF 19000 N=TMON",
+                                                       "1: REA TEMP2",
+                                                       "1: SHO TEMP2",
+                                                       "1: DEF TEMP2 O=-10",
+                                                       "1: REP",
+                                                       "1: CLEAR TMON",
+                                                       "1: REP",
+                                                       "1: REA TEMP2"}));
   EXPECT_EQ(Read("TEMP2"), "0");
 
   EXPECT_EQ(Run({"SENDSMC SMC1, X1234567"}), "SMC command too long (>7 characters)");

@@ -41,7 +41,7 @@ bool Channels::FindEnabledChannel(std::string_view name, int16_t& device) const 
 
 bool Channels::ReadChannel(std::string_view name, std::string& value) {
   if (link_.noHardware) {
-    value = "0";
+    value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
     return true;
   }
   int16_t device = 0;
@@ -154,7 +154,8 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
     link_.recordError(kErrMonitorChannel, text);
     records_.pop_back();
     definitions_.pop_back();
-    link_.recordError(kErrMonitorChannel, std::string(kTextCannotCreateMonitor) + std::string(name));
+    link_.recordError(kErrMonitorChannel,
+                      std::string(kTextCannotCreateMonitor) + std::string(name));
     return false;
   }
   records_.back().channelNumber = request.channelNumber;
@@ -226,8 +227,7 @@ void Channels::ReadSummary(std::string_view summary) {
     const size_t hwLength = line.size() > 7 && line[7] != ' ' ? 6 : 5;
     const std::string_view hw = line.size() > 2 ? line.substr(2, hwLength) : std::string_view{};
     if (hw.size() >= 4) {
-      record.channelNumber =
-          roundToInt16(leadingNumber(hw.substr(hw.size() - 4))).value_or(0);
+      record.channelNumber = roundToInt16(leadingNumber(hw.substr(hw.size() - 4))).value_or(0);
       record.device = roundToInt16(leadingNumber(hw.substr(0, hw.size() - 4))).value_or(0);
     }
     if (record.device > highestDevice_ && record.device < 100) {
@@ -253,7 +253,8 @@ bool EncodeSmcCommand(std::string_view command, std::string& hex) {
     const char letter = text[0];
     append(static_cast<unsigned char>(letter));
     if (std::string_view("FNPRSX").find(letter) != std::string_view::npos) {
-      for (char c : trimRight(std::string_view(text).substr(1))) append(static_cast<unsigned char>(c));
+      for (char c : trimRight(std::string_view(text).substr(1)))
+        append(static_cast<unsigned char>(c));
     }
   }
   hex += "0D";

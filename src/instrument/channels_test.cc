@@ -94,8 +94,8 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
   ASSERT_TRUE(channels.WriteChannel("HEATER", "55"));
   EXPECT_TRUE(channels.ReadChannel("HEATER", value));
   EXPECT_EQ(value, "55");
-  EXPECT_EQ(recorder.sent, (std::vector<std::string>{"1: REA TEMP1", "1: WRI HEATER 55",
-                                                      "1: REP", "1: REA HEATER"}));
+  EXPECT_EQ(recorder.sent, (std::vector<std::string>{"1: REA TEMP1", "1: WRI HEATER 55", "1: REP",
+                                                     "1: REA HEATER"}));
 
   // Unknown and disabled channels: nothing is sent.
   recorder.sent.clear();
@@ -136,7 +136,7 @@ TEST_F(ChannelsFixture, RezeroMakesTheChannelReadZero) {
   // Reads 3.5 with the offset 1: the new offset is 1 - 3.5.
   ASSERT_TRUE(channels.RezeroChannel("TEMP1"));
   EXPECT_EQ(recorder.sent, (std::vector<std::string>{"1: REA TEMP1", "1: SHO TEMP1",
-                                                      "1: DEF TEMP1 O=-2.5", "1: REP"}));
+                                                     "1: DEF TEMP1 O=-2.5", "1: REP"}));
   std::string value;
   ASSERT_TRUE(channels.ReadChannel("TEMP1", value));
   EXPECT_EQ(value, "0");

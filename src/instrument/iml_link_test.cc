@@ -19,10 +19,8 @@ class FakeLibrary : public LinkLibrary {
   int32_t openResult = 0;
   int32_t setupVersion = 6;
   std::string directory;
-  std::function<int32_t(int16_t device, std::string_view buffer)> onSend = [](int16_t,
-                                                                               std::string_view) {
-    return 0;
-  };
+  std::function<int32_t(int16_t device, std::string_view buffer)> onSend =
+      [](int16_t, std::string_view) { return 0; };
   std::function<int32_t(int16_t device, std::string& text)> onReply = [](int16_t,
                                                                          std::string& text) {
     text = "0";
@@ -101,9 +99,9 @@ TEST_F(LinkFixture, OpenAndCloseCallTheLibrariesOnlyWithHardware) {
   EXPECT_EQ(link.imlHandle, 7);
   link.setupName = "RIG";
   EXPECT_TRUE(link.CloseLink());
-  EXPECT_EQ(library.calls, (std::vector<std::string>{"open", "version", "imsversion",
-                                                      "unlock [RIG" + std::string(77, ' ') + "]",
-                                                      "close 7"}));
+  EXPECT_EQ(library.calls,
+            (std::vector<std::string>{"open", "version", "imsversion",
+                                      "unlock [RIG" + std::string(77, ' ') + "]", "close 7"}));
 
   // A link that does not open records the library's result.
   library.openResult = 5;
@@ -312,10 +310,11 @@ TEST_F(LinkFixture, EveryExchangeIsTracedWhenTheTraceIsOn) {
   char buffer[512];
   while (std::fgets(buffer, sizeof buffer, out) != nullptr) text += buffer;
   std::fclose(out);
-  EXPECT_EQ(text,
-            "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"WRI HEATER 5\",\"reply\":null}\n"
-            "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"REA TEMP1\",\"reply\":\"21.5\"}\n"
-            "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"REA TEMP1\",\"reply\":null,\"ret\":9}\n");
+  EXPECT_EQ(
+      text,
+      "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"WRI HEATER 5\",\"reply\":null}\n"
+      "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"REA TEMP1\",\"reply\":\"21.5\"}\n"
+      "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"REA TEMP1\",\"reply\":null,\"ret\":9}\n");
 }
 
 TEST_F(LinkFixture, ErrorTextsDirectoriesAndReplyFields) {

@@ -34,10 +34,10 @@ class Instrument {
   Instrument& operator=(const Instrument&) = delete;
 
   // Builds one over the backend that `linkSpec` names; nullptr with a message
-  // for a spec that names none.
+  // for a link that names none.
   static std::unique_ptr<Instrument> Create(EventLoop& events, Trace& trace,
-                                            InstrumentSettings settings,
-                                            std::string_view linkSpec, std::string* error);
+                                            InstrumentSettings settings, std::string_view linkSpec,
+                                            std::string* error);
 
   LinkLibrary& backend() { return *backend_; }
   ImlLink& link() { return link_; }

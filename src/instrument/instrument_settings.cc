@@ -53,7 +53,8 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     checkChannel = std::string(value);
   } else if (k == "data_root") {
     dataRoot = std::string(value);
-  } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 && std::isalpha(static_cast<unsigned char>(k[6]))) {
+  } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
+             std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);
   } else if (k == "reply_poll_ms") {
     if (parseCount(value, 1, 60000, n)) {

@@ -16,12 +16,12 @@ struct InstrumentSettings {
   bool noHardware = false;
   bool useReplyTimeout = true;
   int replyTimeoutSecs = 10;
-  std::string checkChannel;            // read by CHECKIMS
+  std::string checkChannel;              // read by CHECKIMS
   std::string dataRoot = "c:\\corvane";  // the link's directory; setups and data lie below it
   // Drive letter (lower case, without ':') -> local folder.
   std::map<char, std::string> driveMap;
-  Micros replyPollInterval = 10'000;   // between polls of a command or reply not ready
-  Micros waitPollInterval = 100'000;   // between readings of WAIT on a condition
+  Micros replyPollInterval = 10'000;  // between polls of a command or reply not ready
+  Micros waitPollInterval = 100'000;  // between readings of WAIT on a condition
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.

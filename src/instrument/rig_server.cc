@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <charconv>
+#include <cstring>
 #include <vector>
 
 #include "instrument/rig_protocol.h"

@@ -10,8 +10,8 @@
 namespace tavrix {
 namespace {
 
-constexpr Micros kJitterSlot = 100'000;   // the noise changes every 100 ms
-constexpr Micros kFollowStep = 250'000;   // integration step of FOLLOW/LAG
+constexpr Micros kJitterSlot = 100'000;  // the noise changes every 100 ms
+constexpr Micros kFollowStep = 250'000;  // integration step of FOLLOW/LAG
 constexpr int64_t kMaxFollowSteps = 20'000;
 
 std::string rigNumber(double value) {
@@ -63,7 +63,9 @@ uint64_t mix(uint64_t x) {
 std::string applySetting(SimChannel& channel, std::string_view token) {
   const size_t eq = token.find('=');
   if (eq == std::string_view::npos || eq == 0) {
-    return "\"" + std::string(token) + "\" is not a KEY=VALUE field";
+    std::string reason(1, '"');
+    reason.append(token).append("\" is not a KEY=VALUE field");
+    return reason;
   }
   const std::string_view key = token.substr(0, eq);
   const std::string_view value = token.substr(eq + 1);
@@ -185,7 +187,8 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
     const std::string_view hw = line.substr(2, hwLength);
     int device = 0;
     int number = 0;
-    if (!parseInt(hw.substr(0, hw.size() - 4), device) || !parseInt(hw.substr(hw.size() - 4), number) ||
+    if (!parseInt(hw.substr(0, hw.size() - 4), device) ||
+        !parseInt(hw.substr(hw.size() - 4), number) ||
         (line.size() > 2 + hwLength && line[2 + hwLength] != ' ')) {
       error = lineError(fileName, lineNo,
                         "a channel line starts with two characters, then the device number and "
@@ -204,7 +207,8 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
     }
     for (const auto& other : setup.channels) {
       if (other.hardwareText == channel.hardwareText) {
-        error = lineError(fileName, lineNo, "channel " + channel.hardwareText + " is defined twice");
+        error =
+            lineError(fileName, lineNo, "channel " + channel.hardwareText + " is defined twice");
         return false;
       }
     }
@@ -298,8 +302,8 @@ void RigModel::advance(Micros now) {
 }
 
 double RigModel::reading(const SimChannel& channel, Micros now) {
-  const double raw = channel.follow.empty() || channel.lag > 0 ? channel.value
-                                                                 : followTarget(channel);
+  const double raw =
+      channel.follow.empty() || channel.lag > 0 ? channel.value : followTarget(channel);
   double noise = 0;
   if (channel.jitter != 0) {
     const uint64_t seed = mix(static_cast<uint64_t>(channel.device) * 10000 + channel.number) ^

@@ -131,8 +131,7 @@ class SimLink final : public LinkLibrary {
   int32_t openInterface(int16_t& handle) override;
   int32_t closeInterface(int16_t handle) override;
   int32_t interfaceVersion(int16_t handle, std::string& text) override;
-  int32_t sendCommand(int16_t handle, int16_t device, std::string_view command,
-                      bool wait) override;
+  int32_t sendCommand(int16_t handle, int16_t device, std::string_view command, bool wait) override;
   int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) override;
   int32_t abortReply(int16_t handle, int16_t device) override;
   int32_t millisecondCount() override;
@@ -140,8 +139,7 @@ class SimLink final : public LinkLibrary {
   int32_t setupLibVersion(std::string& text) override;
   int32_t loadAndLockSetup(const std::string& path, int32_t second, SetupLoad& load) override;
   int32_t unlockSetup(std::string_view setupName, int16_t handle) override;
-  int32_t requestMonitorChannel(std::string_view setupName,
-                                MonitorChannelRecord& record) override;
+  int32_t requestMonitorChannel(std::string_view setupName, MonitorChannelRecord& record) override;
 
  private:
   const Clock& clock_;

@@ -152,12 +152,15 @@ int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
   if (fd_ < 0) return link_result::kLinkLost;
   if (device >= 0 && device < 100) readyReply_[device].reset();
   RigResponse r;
-  const std::string body = "SEND " + std::to_string(device) + " " + timeText() + " " +
-                           EscapeField(BufferText(command));
+  const std::string body =
+      "SEND " + std::to_string(device) + " " + timeText() + " " + EscapeField(BufferText(command));
   switch (request(body, r, responseWaitMs)) {
-    case Outcome::kLost: return link_result::kLinkLost;
-    case Outcome::kNoAnswer: return link_result::kNotReady;
-    case Outcome::kOk: break;
+    case Outcome::kLost:
+      return link_result::kLinkLost;
+    case Outcome::kNoAnswer:
+      return link_result::kNotReady;
+    case Outcome::kOk:
+      break;
   }
   if (r.code == link_result::kOk && r.text && device >= 0 && device < 100) {
     readyReply_[device] = std::move(*r.text);
@@ -174,9 +177,12 @@ int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffe
   }
   RigResponse r;
   switch (request("REPLY " + std::to_string(device) + " " + timeText(), r, responseWaitMs)) {
-    case Outcome::kLost: return link_result::kLinkLost;
-    case Outcome::kNoAnswer: return link_result::kNotReady;
-    case Outcome::kOk: break;
+    case Outcome::kLost:
+      return link_result::kLinkLost;
+    case Outcome::kNoAnswer:
+      return link_result::kNotReady;
+    case Outcome::kOk:
+      break;
   }
   if (r.code == link_result::kOk && r.text) WriteBuffer(buffer, *r.text);
   return r.code;
@@ -216,9 +222,12 @@ int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, S
   RigResponse r;
   const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text.str());
   switch (request(body, r, std::max(responseWaitMs, 2000))) {
-    case Outcome::kLost: return link_result::kLinkLost;
-    case Outcome::kNoAnswer: return link_result::kSetupBusy;
-    case Outcome::kOk: break;
+    case Outcome::kLost:
+      return link_result::kLinkLost;
+    case Outcome::kNoAnswer:
+      return link_result::kSetupBusy;
+    case Outcome::kOk:
+      break;
   }
   const std::string answer = r.text.value_or("");
   if (r.code != link_result::kOk) {
@@ -239,12 +248,16 @@ int32_t TcpLink::unlockSetup(std::string_view /*setupName*/, int16_t /*handle*/)
 
 int32_t TcpLink::requestMonitorChannel(std::string_view setupName, MonitorChannelRecord& record) {
   RigResponse r;
-  const std::string body = "MONITOR " + std::to_string(record.device) + " =" +
-                           EscapeField(std::string(setupName.substr(0, setupName.find_last_not_of(' ') + 1)));
+  const std::string body =
+      "MONITOR " + std::to_string(record.device) + " =" +
+      EscapeField(std::string(setupName.substr(0, setupName.find_last_not_of(' ') + 1)));
   switch (request(body, r, responseWaitMs)) {
-    case Outcome::kLost: return link_result::kLinkLost;
-    case Outcome::kNoAnswer: return link_result::kNotReady;
-    case Outcome::kOk: break;
+    case Outcome::kLost:
+      return link_result::kLinkLost;
+    case Outcome::kNoAnswer:
+      return link_result::kNotReady;
+    case Outcome::kOk:
+      break;
   }
   if (r.code != link_result::kOk) return r.code;
   int number = -1;

@@ -108,8 +108,7 @@ TEST(TcpLink, TheSameSequenceGivesTheSameTraceOverBothLinks) {
   const std::string rig = TempFile("tcprig", kRig);
   ServerThread server;
   const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 100",
-                                          "WAIT TEMP1 > 40",    "WAIT SLOW = 3",
-                                          "IMLDEF HEATER, Q=1"};
+                                          "WAIT TEMP1 > 40", "WAIT SLOW = 3", "IMLDEF HEATER, Q=1"};
   const RunResult sim = RunOver("sim", lines);
   const RunResult tcp = RunOver(server.link(), lines);
   EXPECT_EQ(sim.error, "IML error - 13 bad setting");
@@ -125,8 +124,8 @@ TEST(TcpLink, ARigServerThatGoesAwayEndsTheRunWithAClearError) {
   const std::string rig = TempFile("tcprig", kRig);
   auto server = std::make_unique<ServerThread>();
   const auto realStart = std::chrono::steady_clock::now();
-  const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 10",
-                                          "WAITSECONDS 5", "SEND HEATER, 20"};
+  const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 10", "WAITSECONDS 5",
+                                          "SEND HEATER, 20"};
   const RunResult result = RunOver(server->link(), lines, [&](EventLoop& events) {
     auto kill = std::make_unique<Timer>(events, 2 * kMicrosPerSecond, [&] { server->stop(); });
     kill->setEnabled(true);
@@ -159,8 +158,10 @@ TEST(RigProtocol, RequestsAndResponses) {
   EXPECT_EQ(server.answer("6 REPLY 2 5000000"), "6 34");
   EXPECT_EQ(server.answer("7 MONITOR 1 =rig"), "7 0 =9000");
   EXPECT_EQ(server.answer("8 MONITOR 1 =rig"), "8 76");
-  EXPECT_EQ(server.answer("9 SETUP =x.ims\tD 1\\n  10001 N=A\\n"), "9 0 =x\\nD 1\\r\\n  10001 N=A\\r\\n");
-  EXPECT_EQ(server.answer("10 SETUP =x.ims\tgarbage"), "10 81 =x.ims line 1: not a channel line (too short)");
+  EXPECT_EQ(server.answer("9 SETUP =x.ims\tD 1\\n  10001 N=A\\n"),
+            "9 0 =x\\nD 1\\r\\n  10001 N=A\\r\\n");
+  EXPECT_EQ(server.answer("10 SETUP =x.ims\tgarbage"),
+            "10 81 =x.ims line 1: not a channel line (too short)");
   EXPECT_EQ(server.answer("11 SEND one 2 REP"), "11 35 =unknown request");
   EXPECT_EQ(server.answer("12 FLY"), "12 35 =unknown request");
 
@@ -173,7 +174,8 @@ TEST(RigProtocol, RequestsAndResponses) {
   EXPECT_FALSE(response.text.has_value());
   EXPECT_FALSE(ParseRigResponse("43 x", response));
   EXPECT_FALSE(ParseRigResponse("43 0 x", response));
-  EXPECT_EQ(UnescapeField(EscapeField(std::string("a\r\n\t\\\0z", 7))), std::string("a\r\n\t\\\0z", 7));
+  EXPECT_EQ(UnescapeField(EscapeField(std::string("a\r\n\t\\\0z", 7))),
+            std::string("a\r\n\t\\\0z", 7));
 
   std::string host;
   uint16_t port = 0;
