@@ -11,10 +11,9 @@
 
 #include "common/civil_time.h"
 #include "engine/engine.h"
-#include "instrument/channel_commands.h"
 #include "instrument/instrument.h"
-#include "instrument/output_commands.h"
 #include "instrument/rig_server.h"
+#include "lint_command.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -27,6 +26,7 @@ int ExitStatusFor(EndReason reason) {
     case EndReason::kStop:
       return kExitOk;
     case EndReason::kError:
+    case EndReason::kUnload:
       return kExitSequenceError;
     case EndReason::kAbort:
     case EndReason::kNone:
@@ -122,6 +122,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     }
   }
   engine.trace().setOrigin(engine.clock().now());
+  for (const auto& answer : options.companionAnswers) {
+    std::string error;
+    if (!engine.companion().setAnswerFromText(answer, &error)) {
+      std::fprintf(err, "tavrix-cli: --companion-answer: %s\n", error.c_str());
+      return kExitUsage;
+    }
+  }
 
   Sequencer& seq = engine.sequencer();
   std::string error;
@@ -140,13 +147,11 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.useReplyTimeout = true;
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
-  auto instrument = Instrument::Create(engine.events(), engine.trace(), settings, options.link, &error);
-  if (!instrument) {
+  if (!engine.attachInstrument(settings, options.link, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
-  RegisterInstrumentCommands(seq, *instrument);
-  RegisterOutputCommands(seq, *instrument);
+  Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
                  instrument->link().lastErrorText.c_str());
@@ -186,6 +191,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
   runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
   runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("--companion-answer", run.companionAnswers,
+                         "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
   runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
   runCommand->add_option("--link", run.link, "The instrument link: sim (default) or tcp://HOST:PORT");
   runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
@@ -197,6 +204,9 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
   rigCommand->add_option("--listen", rig.listen, "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
   rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
+
+  std::vector<std::string> lintFiles;
+  CLI::App* lintCommand = AddLintCommand(app, lintFiles);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -214,6 +224,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
+  if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;
 }
 

@@ -12,7 +12,9 @@ namespace tavrix {
 
 // Exit statuses of `tavrix-cli run`.
 constexpr int kExitOk = 0;           // end of file or STOP, no sequence error
-constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question)
+constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question), or a
+                                      // command that ends the program (a calculated channel setup
+                                      // that cannot be loaded)
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
 
@@ -23,6 +25,8 @@ struct RunOptions {
   std::optional<std::string> answers;
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
+  // Answers of the companion programs' DDE items, "TOPIC!ITEM=VALUE".
+  std::vector<std::string> companionAnswers;
   // The instrument link.
   std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
   std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"

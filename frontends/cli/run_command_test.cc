@@ -101,6 +101,41 @@ TEST_F(CliTest, ExitStatusTellsHowTheRunEnded) {
   EXPECT_NE(err_.find("none of its buttons (OK, Cancel)"), std::string::npos) << err_;
 }
 
+TEST_F(CliTest, CalculatedChannelsRunOnTheRigAndASetupThatCannotLoadEndsTheProgram) {
+  const std::string rig = File("calc_rig.ims", "  10001 E=1 N=IN V=2\n  10002 E=1 N=OUT\n  10003 E=1 N=SW V=0\n");
+  File("AB.ccs",
+       "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\nSOURCE=IN\r\nNEWNAME=OUT\r\n"
+       "PARAM1=3\r\n[END CHANNEL]\r\n");
+  File("LG.ccs",
+       "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=LOGGER ON/OFF\r\nSOURCE=SW\r\n[END CHANNEL]\r\n");
+  const std::string good = File("good.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " + dir_ +
+                                                "/AB.ccs, 2\r\nCC_START\r\nWAITSECONDS 5\r\n"
+                                                "CHECK OUT = 6, bad\r\nSTOP\r\nbad:\r\nGOTO nowhere\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", good}), kExitOk) << err_;
+
+  const std::string logger = File("logger.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " +
+                                                    dir_ + "/LG.ccs, 1\r\nCC_START\r\nWAITSECONDS 3\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", logger}), kExitOk) << err_;
+  int stops = 0;
+  for (const auto& line : TraceLines()) {
+    if (line.find(R"("ev":"companion","kind":"execute","topic":"LG_Raw|System","item":"Status","text":"Stop"})") !=
+        std::string::npos) {
+      ++stops;
+    }
+  }
+  EXPECT_EQ(stops, 1) << out_;
+
+  const std::string bad = File("bad.wts", "STARTCALCULATEDCHANNELS " + dir_ + "/none.ccs, 1\r\nSTOP\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", bad}), kExitSequenceError);
+  const auto lines = TraceLines();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_NE(out_.find("Unable to find or process calculated channel setup file:\\r" + dir_ + "/none.ccs"),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(out_.find("\"text\":\"STOP\""), std::string::npos);  // the program ended at once
+  EXPECT_NE(lines.back().find(R"("reason":"unload","code":1)"), std::string::npos) << lines.back();
+}
+
 TEST_F(CliTest, BadUsageAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(Cli({"run", dir_ + "/missing.wts"}), kExitUsage);
   EXPECT_NE(err_.find("missing.wts"), std::string::npos);

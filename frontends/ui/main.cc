@@ -18,7 +18,11 @@ int main(int argc, char** argv) {
   }
   tavrix::MainWindow window(
       [](tavrix::Operator& op) {
-        return std::make_unique<tavrix::Engine>(std::make_unique<tavrix::SystemClock>(), op);
+        auto engine = std::make_unique<tavrix::Engine>(std::make_unique<tavrix::SystemClock>(), op);
+        // The window runs on the simulated rig until a setup names hardware.
+        std::string error;
+        if (engine->attachInstrument({}, "sim", &error)) engine->instrument()->ensureOpen();
+        return engine;
       },
       commandLine);
   window.show();

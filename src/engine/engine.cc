@@ -1,14 +1,86 @@
 #include "engine/engine.h"
 
+#include "calcchan/calc_commands.h"
+#include "common/paths.h"
+#include "indexing/indexing_commands.h"
+#include "instrument/channel_commands.h"
+#include "instrument/output_commands.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
 
+namespace {
+// Below the link's data folder: where the daily summaries and reports go.
+constexpr std::string_view kSummaryFolder = "\\summary";
+constexpr std::string_view kNoInstrument = "No instrument link is attached";
+}  // namespace
+
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
-    : clock_(std::move(clock)), events_(*clock_), trace_(*clock_), sequencer_(events_, op, trace_) {
+    : clock_(std::move(clock)),
+      events_(*clock_),
+      trace_(*clock_),
+      companion_(&trace_),
+      sequencer_(events_, op, trace_) {
   RegisterSequencerCommands(sequencer_);
+  RegisterCompanionCommands(sequencer_, companion_);
+  RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
+  RegisterIndexingCommands(sequencer_, companion_);
 }
 
 Engine::~Engine() = default;
+
+bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
+                              std::string* error) {
+  instrument_ = Instrument::Create(events_, trace_, std::move(settings), linkSpec, error);
+  if (!instrument_) return false;
+  RegisterInstrumentCommands(sequencer_, *instrument_);
+  RegisterOutputCommands(sequencer_, *instrument_);
+  calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
+  CalcPorts ports;
+  ports.channels = calcChannelPort_.get();
+  ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
+  ports.companion = [this](std::string_view topic, std::string_view item, std::string_view text,
+                           std::string* why) { return companion_.execute(topic, item, text, why); };
+  ports.resolvePath = [this](std::string_view spec) { return resolvePath(spec); };
+  ports.dataFolder = [this] { return instrument_->link().GetDataDirectory(); };
+  ports.summaryFolder = [this] {
+    return instrument_->link().GetDataDirectory() + std::string(kSummaryFolder);
+  };
+  calc_ = std::make_unique<CalcChannels>(events_, std::move(ports));
+  RegisterCalcChannelCommands(sequencer_, *calc_);
+  return true;
+}
+
+std::string Engine::resolvePath(std::string_view spec) const {
+  PathMap map(defaultDataRoot());
+  if (instrument_ != nullptr) {
+    for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
+  }
+  return map.toLocal(spec);
+}
+
+bool Engine::InstrumentChannels::read(std::string_view channel, std::string& value,
+                                      std::string* error) {
+  Instrument* instrument = engine_.instrument();
+  if (instrument == nullptr) {
+    if (error) *error = kNoInstrument;
+    return false;
+  }
+  if (instrument->channels().ReadChannel(channel, value)) return true;
+  if (error) *error = instrument->link().lastErrorText;
+  return false;
+}
+
+bool Engine::InstrumentChannels::write(std::string_view channel, std::string_view value,
+                                       std::string* error) {
+  Instrument* instrument = engine_.instrument();
+  if (instrument == nullptr) {
+    if (error) *error = kNoInstrument;
+    return false;
+  }
+  if (instrument->channels().WriteChannel(channel, value)) return true;
+  if (error) *error = instrument->link().lastErrorText;
+  return false;
+}
 
 }  // namespace tavrix

@@ -1,13 +1,17 @@
-// One engine: the clock, the event loop, the trace and the run engine with
-// every subsystem's commands registered. The front ends build one, plug in
-// their operator, and go.
+// One engine: the clock, the event loop, the trace, the companion programs
+// and the run engine with every subsystem's commands registered. The front
+// ends build one, plug in their operator and the instrument link, and go.
 #pragma once
 
 #include <memory>
 
+#include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/trace.h"
+#include "instrument/instrument.h"
+#include "sequencer/channel_access.h"
+#include "sequencer/companion.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -23,12 +27,46 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
+  // The companion programs. On this platform a recording adapter: it writes
+  // what was asked to the trace and answers only configured requests.
+  RecordingCompanion& companion() { return companion_; }
+
+  // Builds the instrument over the link that `linkSpec` names ("sim" or
+  // "tcp://HOST:PORT") and registers the commands of every subsystem that
+  // works on channels. Call once; false with a message when the link spec
+  // names no backend.
+  bool attachInstrument(InstrumentSettings settings, std::string_view linkSpec, std::string* error);
+  // Null until attachInstrument.
+  Instrument* instrument() { return instrument_.get(); }
+  CalcChannels* calcChannels() { return calc_.get(); }
+
+  // A file specification as written in sequence files, as a local path: the
+  // instrument settings' drive map, and for other drives "<data root>/<x>"
+  // (see common/paths.h).
+  std::string resolvePath(std::string_view spec) const;
 
  private:
+  // Channel reads and writes for the sequencer's operator commands, through
+  // the instrument once it is attached.
+  class InstrumentChannels : public ChannelAccess {
+   public:
+    explicit InstrumentChannels(Engine& engine) : engine_(engine) {}
+    bool read(std::string_view channel, std::string& value, std::string* error) override;
+    bool write(std::string_view channel, std::string_view value, std::string* error) override;
+
+   private:
+    Engine& engine_;
+  };
+
   std::unique_ptr<Clock> clock_;
   EventLoop events_;
   Trace trace_;
+  RecordingCompanion companion_;
   Sequencer sequencer_;
+  InstrumentChannels channelAccess_{*this};
+  std::unique_ptr<Instrument> instrument_;
+  std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
+  std::unique_ptr<CalcChannels> calc_;
 };
 
 }  // namespace tavrix

@@ -14,10 +14,13 @@ std::string fixed13(std::string_view text) {
 }  // namespace
 
 const ChannelRecord* Channels::lookup(std::string_view name) const {
-  for (const auto& record : records_) {
-    if (record.name == name) return &record;
+  if (!indexed_) {
+    index_.clear();
+    for (size_t i = 0; i < records_.size(); ++i) index_.try_emplace(records_[i].name, i);
+    indexed_ = true;
   }
-  return nullptr;
+  const auto found = index_.find(name);
+  return found == index_.end() ? nullptr : &records_[found->second];
 }
 
 void Channels::recordNameError(std::string_view name) {
@@ -128,6 +131,7 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
   ChannelRecord record;
   record.device = device;
   records_.push_back(record);
+  changed();
   definitions_.emplace_back();
 
   MonitorChannelRecord request;
@@ -153,6 +157,7 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
     }
     link_.recordError(kErrMonitorChannel, text);
     records_.pop_back();
+    changed();
     definitions_.pop_back();
     link_.recordError(kErrMonitorChannel,
                       std::string(kTextCannotCreateMonitor) + std::string(name));
@@ -166,6 +171,7 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
   link_.IMLSendCommand(device, "DEF " + channel + " " + std::string(settings), false);
   link_.IMLSendCommand(device, "DEF " + channel + " N=" + std::string(name), false);
   records_.back().name = fixed13(name);
+  changed();
   return true;
 }
 
@@ -180,6 +186,7 @@ bool Channels::ClearMonitorChannel(std::string_view name) {
   for (size_t i = 0; i < records_.size(); ++i) {
     if (records_[i].name == name) {
       records_.erase(records_.begin() + static_cast<ptrdiff_t>(i));
+      changed();
       definitions_.erase(definitions_.begin() + static_cast<ptrdiff_t>(i));
       break;
     }
@@ -209,6 +216,7 @@ void Channels::ReadSummary(std::string_view summary) {
   present_.fill(false);
   highestDevice_ = -1;
   records_.clear();
+  changed();
   definitions_.clear();
   size_t pos = 0;
   while (pos < summary.size()) {
@@ -238,6 +246,7 @@ void Channels::ReadSummary(std::string_view summary) {
     record.name = fixed13(name != " " ? std::string_view(name) : hw);
     record.units = fixed13(ReplyField(line_, "U=", " "));
     records_.push_back(std::move(record));
+    changed();
   }
 }
 

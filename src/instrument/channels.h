@@ -11,11 +11,18 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "instrument/iml_link.h"
 
 namespace tavrix {
+
+// Lets maps keyed by std::string be searched with a string_view.
+struct StringHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
 
 inline constexpr size_t kChannelNameLength = 13;
 inline constexpr std::string_view kTextChannelNamePrefix = "Channel name - ";
@@ -67,10 +74,16 @@ class Channels {
 
  private:
   const ChannelRecord* lookup(std::string_view name) const;
+  // Any change of the records or their names drops the name index.
+  void changed() { indexed_ = false; }
   void recordNameError(std::string_view name);
 
   ImlLink& link_;
   std::vector<ChannelRecord> records_;
+  // Name -> index of the first record of that name, built on the first
+  // lookup after a change: a lookup finds what a scan from index 0 finds.
+  mutable std::unordered_map<std::string, size_t, StringHash, std::equal_to<>> index_;
+  mutable bool indexed_ = false;
   std::vector<std::string> definitions_;
   std::array<bool, 100> present_{};
   int16_t highestDevice_ = -1;

@@ -247,6 +247,7 @@ bool LoadRigSetupFile(const std::string& path, RigSetup& setup, std::string& err
 
 void RigModel::load(RigSetup setup) {
   setup_ = std::move(setup);
+  indexValid_ = false;
   loaded_ = true;
   state_ = {};
   anyFollow_ = false;
@@ -254,20 +255,32 @@ void RigModel::load(RigSetup setup) {
   lastAdvance_ = 0;
 }
 
+const std::vector<size_t>* RigModel::indexed(std::string_view key) {
+  if (!indexValid_) {
+    index_.clear();
+    for (size_t i = 0; i < setup_.channels.size(); ++i) {
+      const SimChannel& c = setup_.channels[i];
+      index_[c.name].push_back(i);
+      if (c.hardwareText != c.name) index_[c.hardwareText].push_back(i);
+    }
+    indexValid_ = true;
+  }
+  const auto found = index_.find(std::string(key));
+  return found == index_.end() ? nullptr : &found->second;
+}
+
 SimChannel* RigModel::find(int device, std::string_view nameOrHardware) {
-  for (auto& c : setup_.channels) {
-    if (c.device == device && (c.name == nameOrHardware || c.hardwareText == nameOrHardware)) {
-      return &c;
+  if (const auto* list = indexed(nameOrHardware)) {
+    for (size_t i : *list) {
+      if (setup_.channels[i].device == device) return &setup_.channels[i];
     }
   }
   return nullptr;
 }
 
 SimChannel* RigModel::findAnyDevice(std::string_view name) {
-  for (auto& c : setup_.channels) {
-    if (c.name == name || c.hardwareText == name) return &c;
-  }
-  return nullptr;
+  const auto* list = indexed(name);
+  return list == nullptr || list->empty() ? nullptr : &setup_.channels[list->front()];
 }
 
 double RigModel::followTarget(const SimChannel& channel) {
@@ -330,6 +343,7 @@ bool RigModel::define(SimChannel& channel, std::string_view settings) {
     changed.value = followTarget(changed);
   }
   channel = std::move(changed);
+  indexValid_ = false;
   if (!channel.follow.empty()) anyFollow_ = true;
   return true;
 }
@@ -418,6 +432,7 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   // CLEAR
   if (!channel->monitor) return fail(state, rig_error::kNotMonitor, "not a monitor channel");
   setup_.channels.erase(setup_.channels.begin() + (channel - setup_.channels.data()));
+  indexValid_ = false;
   state.report = "0";
   return "0";
 }
@@ -476,6 +491,7 @@ int32_t RigModel::requestMonitor(std::string_view setupName, int device, int16_t
     c.enabled = "0";
     c.mode = "Z";
     setup_.channels.push_back(std::move(c));
+    indexValid_ = false;
     channelNumber = static_cast<int16_t>(number);
     return link_result::kOk;
   }

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "common/clock.h"
@@ -114,6 +115,12 @@ class RigModel {
   std::string fail(DeviceState& state, int code, std::string_view text);
   bool define(SimChannel& channel, std::string_view settings);
   std::string activeAlarms(int device, Micros now, int& count);
+
+  // Channels by name and by hardware text, in table order; rebuilt after
+  // any change of the table or of a name.
+  const std::vector<size_t>* indexed(std::string_view key);
+  std::unordered_map<std::string, std::vector<size_t>> index_;
+  bool indexValid_ = false;
 
   RigSetup setup_;
   bool loaded_ = false;

@@ -132,7 +132,7 @@ TEST(TcpLink, ARigServerThatGoesAwayEndsTheRunWithAClearError) {
     return kill;
   });
   EXPECT_EQ(result.error, "IML error - unable to talk to device: 1");
-  EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(5));
+  EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(60));
   EXPECT_NE(result.trace.find("\"cmd\":\"WRI HEATER 20\",\"reply\":null,\"ret\":31"),
             std::string::npos);
 

@@ -1,4 +1,4 @@
-// GOTO, STOP, NONSTOP and the loop counter. A jump searches its label at once,
+// GOTO, STOP, NONSTOP, ABORTTEST, ENDTAVRIX and the loop counter. A jump searches its label at once,
 // inside the command; the run goes on with the line after the label.
 
 #include <climits>
@@ -67,6 +67,20 @@ void LoopCheck(Sequencer& seq, const CommandLine& cmd) {
   if (leave) seq.searchLabel(cmd.arg2);
 }
 
+// ABORTTEST [message]: the test is abandoned. The message, when given, is
+// shown first; the run then ends as if Stop had been pressed.
+void AbortTest(Sequencer& seq, const CommandLine& cmd) {
+  if (!trim(cmd.arg1).empty()) seq.showMessage(cmd.arg1);
+  seq.requestAbort();
+}
+
+// ENDTAVRIX: the run ends after this line and the program closes (the
+// must-not-be-stopped question is not asked: the sequence itself asks).
+void EndTavrix(Sequencer& seq, const CommandLine&) {
+  seq.flags().quitRequested = true;
+  seq.requestEnd(EndReason::kStop);
+}
+
 }  // namespace
 
 void RegisterFlowControlCommands(Sequencer& seq) {
@@ -77,6 +91,8 @@ void RegisterFlowControlCommands(Sequencer& seq) {
   d.registerHandler("RESETLOOPCOUNT", ResetLoopCount);
   d.registerHandler("INCREMENTLOOPCOUNT", IncrementLoopCount);
   d.registerHandler("LOOPCHECK", LoopCheck);
+  d.registerHandler("ABORTTEST", AbortTest);
+  d.registerHandler("ENDTAVRIX", EndTavrix);
 }
 
 }  // namespace tavrix

@@ -72,6 +72,10 @@ class Operator {
   virtual void showHelpText(std::string_view /*text*/) {}
   virtual void showDataFileSpec(std::string_view /*path*/) {}
   virtual void showControls(const RunControls& /*controls*/) {}
+  // The channel display of DOWITHSHOW and MANUALADJUST (`laChanValue`).
+  virtual void showChannelValue(std::string_view /*channel*/, std::string_view /*value*/) {}
+  // ICONISE: the main window is minimised (front ends without one ignore it).
+  virtual void minimiseWindow() {}
   // Run and Step move the window to the top-left corner and give it its
   // running size.
   virtual void enlargeForRun() {}

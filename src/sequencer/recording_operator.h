@@ -47,6 +47,12 @@ class RecordingOperator : public Operator {
   void showTimeout(int32_t seconds) override { timeout = seconds; }
   void showHelpText(std::string_view text) override { helpText = text; }
   void showControls(const RunControls& c) override { controls = c; }
+  void showChannelValue(std::string_view channel, std::string_view value) override {
+    channelValues.push_back(std::string(channel) + "=" + std::string(value));
+  }
+  void minimiseWindow() override { ++minimised; }
+  std::vector<std::string> channelValues;  // "NAME=value", every display
+  int minimised = 0;
 };
 
 }  // namespace tavrix

@@ -25,6 +25,7 @@ const char* EndReasonName(EndReason reason) {
     case EndReason::kStop: return "stop";
     case EndReason::kError: return "error";
     case EndReason::kAbort: return "abort";
+    case EndReason::kUnload: return "unload";
     case EndReason::kNone: break;
   }
   return "none";
@@ -47,6 +48,7 @@ bool Sequencer::prepareFile(const std::string& path, std::string* error) {
   defines_.clear();
   for (auto& hook : prepareHooks_) hook();
   fileName_ = name;
+  preparedName_ = name;
   operator_.showDataFileSpec(fileName_);
   controls_.runEnabled = true;
   controls_.stepEnabled = false;
@@ -117,6 +119,8 @@ void Sequencer::runLoop() {
   flags_.timeoutPending = false;
   endReason_ = EndReason::kNone;
   lastError_.clear();
+  flags_.quitRequested = false;
+  fileName_ = preparedName_;
   std::string error;
   const bool opened = file_.open(fileName_, &error);
   flags_.running = true;
@@ -338,6 +342,25 @@ void Sequencer::secondsTick() {
   timeoutSeconds_ = static_cast<int32_t>(std::floor(static_cast<double>(left) / kMicrosPerSecond));
   operator_.showTimeout(timeoutSeconds_);
   if (timeoutSeconds_ < 0) flags_.timeoutExpired = true;
+}
+
+void Sequencer::cancelTimeout() {
+  deadline_.reset();
+  flags_.timeoutExpired = false;
+  secondsTimer_.setEnabled(false);
+}
+
+bool Sequencer::continueInFile(const std::string& path, int16_t linesToSkip, std::string* error) {
+  SequenceFile next;
+  if (!next.open(path, error)) return false;
+  std::string line;
+  int16_t skipped = 0;
+  while (skipped < linesToSkip && next.readLine(line)) ++skipped;
+  file_ = std::move(next);
+  fileName_ = path;
+  lineNumber_ = skipped;
+  operator_.showDataFileSpec(fileName_);
+  return true;
 }
 
 void Sequencer::setTimeoutDeadline(Micros deadline) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/event_loop.h"
+#include "common/paths.h"
 #include "common/trace.h"
 #include "sequencer/dispatcher.h"
 #include "sequencer/operator.h"
@@ -34,11 +35,13 @@ struct RunFlags {
   bool stepExecute = false;
   bool mustNotBeStopped = false;
   bool autoStartPending = false;
+  bool quitRequested = false;  // ENDTAVRIX: the program closes after the run
 };
 
-// How the last run ended.
-enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort };
-const char* EndReasonName(EndReason reason);  // "eof", "stop", "error", "abort"
+// How the last run ended. kUnload: a command closed the main window, which
+// ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
+enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
+const char* EndReasonName(EndReason reason);  // "eof", "stop", "error", "abort", "unload"
 
 // One entry of the define table.
 struct DefineEntry {
@@ -130,6 +133,8 @@ class Sequencer {
 
   // The sequence time-out: the seconds timer counts down to the deadline.
   void setTimeoutDeadline(Micros deadline);
+  // Forgets the deadline, clears timeout expired and stops the seconds timer.
+  void cancelTimeout();
   std::optional<Micros> timeoutDeadline() const { return deadline_; }
   int32_t timeoutSeconds() const { return timeoutSeconds_; }
   bool secondsTimerEnabled() const { return secondsTimer_.enabled(); }
@@ -153,6 +158,15 @@ class Sequencer {
   void requestEnd(EndReason reason);
   // Ends the run at once as the Stop button does, as an abort.
   void requestAbort();
+
+  // Continues the run in another sequence file (CHAIN, RETURN): the file is
+  // opened, `linesToSkip` lines are passed over, and labels are searched in
+  // it from then on. The file prepared for running is taken again when the
+  // next run starts. Returns false with a message when it cannot be read.
+  bool continueInFile(const std::string& path, int16_t linesToSkip, std::string* error);
+
+  // The drive map through which paths written on Windows reach local files.
+  PathMap& paths() { return paths_; }
 
   // Reads the next line of a section that a handler reads itself (help
   // text, group ramps), counting it like any other line; false at the end of
@@ -194,6 +208,8 @@ class Sequencer {
   RunControls controls_;
   SequenceFile file_;
   std::string fileName_;
+  std::string preparedName_;
+  PathMap paths_{defaultDataRoot()};
   int16_t lineNumber_ = 0;
   std::vector<DefineEntry> defines_;
   std::optional<Micros> deadline_;

@@ -1,0 +1,389 @@
+#include "lint_command.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include "common/paths.h"
+#include "common/text_conventions.h"
+#include "sequencer/dispatcher.h"
+#include "sequencer/line_splitter.h"
+#include "sequencer/sequence_file.h"
+
+namespace tavrix {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Words that the dispatcher hands to its extensions (load maintenance).
+const std::set<std::string, std::less<>> kExtensionWords = {"MT_MAINTAIN", "MT_RAMP"};
+
+struct Line {
+  int number = 0;
+  std::string text;  // cleaned as the dispatcher cleans it
+  CommandLine command;
+};
+
+bool ReadLines(const std::string& path, std::vector<Line>& lines, std::vector<std::string>& upper,
+               std::string* error) {
+  SequenceFile file;
+  if (!file.open(path, error)) return false;
+  std::string text;
+  int number = 0;
+  while (file.readLine(text)) {
+    Line line;
+    line.number = ++number;
+    upper.push_back(upperCase(text));
+    if (!text.empty() && text[0] == '\n') text.erase(0, 1);
+    if (!text.empty() && text[0] == '\t') text.erase(0, 1);
+    const size_t blanks = text.find_first_not_of(' ');
+    text.erase(0, blanks == std::string::npos ? text.size() : blanks);
+    line.command = SplitCommandLine(text);
+    line.text = text;
+    lines.push_back(std::move(line));
+  }
+  return true;
+}
+
+// A label exists when some line, upper-cased, holds "LABEL:" (the run's
+// label search).
+bool LabelExists(const std::vector<std::string>& upper, std::string_view label) {
+  const std::string target = upperCase(trim(label)) + ":";
+  return std::any_of(upper.begin(), upper.end(),
+                     [&](const std::string& line) { return line.find(target) != std::string::npos; });
+}
+
+size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+bool IsKnownWord(std::string_view word) {
+  return std::find(kKeywords.begin(), kKeywords.end(), word) != kKeywords.end() ||
+         kExtensionWords.count(word) > 0;
+}
+
+// The keyword that an unknown word was probably meant to be.
+std::optional<std::string> NearKeyword(std::string_view word) {
+  if (word.size() < 4 || word.back() == ':') return std::nullopt;
+  std::vector<std::string_view> known(kKeywords.begin(), kKeywords.end());
+  for (const auto& extension : kExtensionWords) known.push_back(extension);
+  std::optional<std::string> best;
+  size_t bestScore = SIZE_MAX;
+  for (std::string_view keyword : known) {
+    size_t score = SIZE_MAX;
+    if (word.size() > keyword.size() && word.substr(0, keyword.size()) == keyword) {
+      const char next = word[keyword.size()];
+      const bool punctuation = !std::isalnum(static_cast<unsigned char>(next)) && next != '_';
+      // "WAIT,5" or "WAITSECONDSX": a keyword with something stuck to it.
+      if (punctuation || word.size() - keyword.size() <= 2) score = word.size() - keyword.size();
+    } else if (keyword.size() >= 5) {
+      const size_t distance = EditDistance(word, keyword);
+      if (distance <= (keyword.size() >= 8 ? 2u : 1u)) score = distance;
+    }
+    if (score < bestScore || (score == bestScore && best && keyword.size() > best->size())) {
+      bestScore = score;
+      best = std::string(keyword);
+    }
+  }
+  return best;
+}
+
+std::optional<std::string> FindNumberAfter(const std::string& text, std::string_view keyword, size_t* at = nullptr) {
+  const size_t pos = text.find(keyword);
+  if (pos == std::string::npos) return std::nullopt;
+  size_t start = pos + keyword.size();
+  while (start < text.size() && text[start] == ' ') ++start;
+  const size_t end = text.find(' ', start);
+  if (at) *at = pos;
+  return text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+// The ramp setup check: "start TO end OVER duration IN steps".
+std::optional<std::string> RampSetupError(std::string_view setup, bool group) {
+  const std::string text = upperCase(trimLeft(setup));
+  const std::string kind = group ? "GroupRamp" : "Ramp";
+  const auto end = FindNumberAfter(text, "TO");
+  const auto duration = FindNumberAfter(text, "OVER");
+  const auto steps = FindNumberAfter(text, "IN");
+  if (text.empty() || !end || !duration || !steps) return "Cannot parse " + kind + " setup string";
+  const double count = std::round(leadingNumber(*steps));
+  if (count < 1) return kind + " Setup String - Number of steps must be >0";
+  if (leadingNumber(*duration) / count < 0.1) return kind + " Setup String - Time between steps must be >= 0.1";
+  return std::nullopt;
+}
+
+std::optional<std::string> SineSetupError(std::string_view setup) {
+  const std::string text = upperCase(setup);
+  std::optional<std::string> values[4];
+  const char* keywords[4] = {"AMPLITUDE", "OFFSET", "FREQUENCY", "CYCLES"};
+  for (int i = 0; i < 4; ++i) {
+    values[i] = FindNumberAfter(text, keywords[i]);
+    if (!values[i]) return "Cannot parse SineOut setup string";
+  }
+  const double frequency = leadingNumber(*values[2]);
+  const double points = frequency > 0 ? leadingNumber(*values[3]) / (frequency * 0.2) : 0;
+  if (!(points >= 1)) return "Sine Output Setup String - There are no points to output";
+  return std::nullopt;
+}
+
+std::optional<std::string> MaintainSetupError(std::string_view word, std::string_view setup) {
+  const std::string text = upperCase(setup);
+  if (word == "MT_RAMP") {
+    if (const auto error = RampSetupError(setup, false)) return error;
+    if (text.find("AT") == std::string::npos || text.find("USING") == std::string::npos) {
+      return "Cannot parse Ramp setup string";
+    }
+    return std::nullopt;
+  }
+  size_t from = 0;
+  for (std::string_view keyword : {"HOLD", "AT", "USING", "WITH RATE", "GAIN"}) {
+    const size_t pos = text.find(keyword, from);
+    if (pos == std::string::npos) {
+      return "Cannot parse MT_MAINTAIN setup string - \"" + std::string(keyword) + "\" is missing";
+    }
+    from = pos + keyword.size();
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> ConditionError(std::string_view condition) {
+  const std::string_view text = trimLeft(condition);
+  const size_t first = text.find(' ');
+  if (first == std::string_view::npos) return "Cannot parse Wait condition - " + std::string(condition);
+  const std::string_view rest = trimLeft(text.substr(first));
+  const size_t second = rest.find(' ');
+  if (second == std::string_view::npos) return "Cannot parse Wait condition - " + std::string(condition);
+  const std::string op(trimRight(rest.substr(0, second)));
+  if (op != "=" && op != ">" && op != "<" && op != "<>") return "Operator - " + op + " - is not supported";
+  return std::nullopt;
+}
+
+bool NumberText(std::string_view text) {
+  text = trim(text);
+  return !text.empty() && std::string_view("+-.0123456789").find(text[0]) != std::string_view::npos;
+}
+
+class Linter {
+ public:
+  Linter(const std::string& path, const PathMap& paths, std::vector<LintMessage>& out)
+      : path_(path), paths_(paths), out_(out) {}
+
+  bool run(std::string* error) {
+    if (!ReadLines(path_, lines_, upper_, error)) return false;
+    for (const auto& line : lines_) {
+      if (line.command.word == "EXECUTEDEFINE" && !trim(line.command.arg1).empty() &&
+          !trim(line.command.arg2).empty()) {
+        defines_.insert(upperCase(trim(line.command.arg1)));
+      }
+    }
+    for (size_t i = 0; i < lines_.size(); ++i) i = check(i);
+    return true;
+  }
+
+ private:
+  void error(const Line& line, std::string text) { out_.push_back({line.number, true, std::move(text)}); }
+  void warning(const Line& line, std::string text) { out_.push_back({line.number, false, std::move(text)}); }
+
+  void needLabel(const Line& line, std::string_view label) {
+    if (!LabelExists(upper_, label)) error(line, "Label " + std::string(trim(label)) + ": does not exist");
+  }
+
+  std::string chainPath(std::string_view written) const {
+    std::string local = paths_.toLocal(trim(written));
+    if (!local.empty() && local[0] != '/') {
+      const size_t slash = path_.rfind('/');
+      if (slash != std::string::npos) local = join(path_.substr(0, slash), local);
+    }
+    return local;
+  }
+
+  // Checks the line at `i`; returns the index of the last line it used.
+  size_t check(size_t i) {
+    const Line& line = lines_[i];
+    const CommandLine& c = line.command;
+    const std::string& w = c.word;
+    if (w.empty()) return i;
+    if (!IsKnownWord(w)) {
+      if (const auto near = NearKeyword(w)) {
+        warning(line, "\"" + w + "\" is no keyword and is ignored; did you mean " + *near + "?");
+      }
+      return i;
+    }
+    if (w == "[HELPTEXT]") return skipSection(i, false);
+    if (w == "[GROUPRAMPS]") return skipSection(i, true);
+    if (w == "GOTO") needLabel(line, c.arg1);
+    if (w == "CHECK" || w == "WAIT") {
+      if (const auto e = ConditionError(c.arg1)) error(line, *e);
+      if (w == "CHECK") needLabel(line, c.arg2);
+    }
+    if (w == "LOOPCHECK") needLabel(line, c.arg2);
+    if (w == "ENTEROKCANCEL") needLabel(line, c.arg2);
+    if (w == "AFTERTIMECOUNT") {
+      const std::string units = upperCase(c.arg2);
+      if (units != "SECONDS" && units != "MINUTES" && units != "HOURS" && units != "DAYS") {
+        error(line, "AfterTimeCount - unrecognised units: " + c.arg2);
+      }
+      if (!(leadingNumber(c.arg1) > 0)) error(line, "AfterTimeCount - invalid number of units: " + c.arg1);
+      needLabel(line, c.arg3);
+    }
+    if (w == "WAITSECONDS" && !(leadingNumber(c.arg1) > 0)) {
+      error(line, "Invalid parameter - " + c.arg1 + " - for a WaitSeconds statement");
+    }
+    if (w == "PULSEOUTPUT") {
+      const double length = leadingNumber(c.arg3);
+      if (!(length >= 0 && length <= 32000)) {
+        error(line, "Invalid parameter - " + c.arg3 + " - for a PulseOutput command");
+      }
+      const std::string direction = upperCase(trim(c.arg2));
+      if (direction != "HI" && direction != "LO") {
+        error(line, "Unrecognised direction parameter - " + c.arg2 + " - in a PulseOutput command");
+      }
+    }
+    if (w == "RAMP") {
+      if (const auto e = RampSetupError(c.arg2, false)) error(line, *e);
+    }
+    if (w == "SINEOUT") {
+      if (const auto e = SineSetupError(c.arg2)) error(line, *e);
+    }
+    if (kExtensionWords.count(w) > 0) {
+      const size_t blank = line.text.find(' ');
+      const std::string setup = blank == std::string::npos ? "" : line.text.substr(blank + 1);
+      if (const auto e = MaintainSetupError(w, setup)) error(line, *e);
+    }
+    if (w == "ONTIMEOUT") {
+      const double seconds = leadingNumber(c.arg1);
+      if (!trim(c.arg1).empty() && (!NumberText(c.arg1) || seconds < 0)) {
+        error(line, "Invalid parameter - " + c.arg1 + " - for an OnTimeout statement");
+      } else if (seconds > 0) {
+        if (trim(c.arg2).empty()) {
+          error(line, "OnTimeout - no label or define to go to");
+        } else if (defines_.count(upperCase(trim(c.arg2))) == 0) {
+          needLabel(line, c.arg2);
+        }
+      }
+    }
+    if (w == "EXECUTEDEFINE" && !trim(c.arg1).empty() && trim(c.arg2).empty() &&
+        defines_.count(upperCase(trim(c.arg1))) == 0) {
+      error(line, "Define " + std::string(trim(c.arg1)) + ": does not exist");
+    }
+    if (w == "CHAIN") checkChain(line);
+    if (w == "SELECTMENU") {
+      std::string choices = c.arg2 + (c.arg3.empty() ? "" : "," + c.arg3);
+      size_t pos = 0;
+      bool any = false;
+      for (;;) {
+        const size_t comma = choices.find(',', pos);
+        const std::string choice(trim(std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
+        if (!choice.empty()) {
+          any = true;
+          needLabel(line, choice);
+        }
+        if (comma == std::string::npos) break;
+        pos = comma + 1;
+      }
+      if (!any) error(line, "SelectMenu - no menu choices given");
+    }
+    if (w == "DOWITHSHOW" && !trim(c.arg3).empty()) needLabel(line, c.arg3);
+    return i;
+  }
+
+  void checkChain(const Line& line) {
+    if (trim(line.command.arg1).empty()) {
+      error(line, "Chain - no sequence file given");
+      return;
+    }
+    const std::string file = chainPath(line.command.arg1);
+    std::vector<Line> lines;
+    std::vector<std::string> upper;
+    std::string readError;
+    if (!ReadLines(file, lines, upper, &readError)) {
+      error(line, "Chain - " + readError);
+      return;
+    }
+    if (!trim(line.command.arg2).empty() && !LabelExists(upper, line.command.arg2)) {
+      error(line, "Label " + std::string(trim(line.command.arg2)) + ": does not exist in " + file);
+    }
+  }
+
+  // A section up to "[END]": help text, or a group of RAMP lines.
+  size_t skipSection(size_t i, bool group) {
+    const Line& start = lines_[i];
+    for (size_t j = i + 1; j < lines_.size(); ++j) {
+      const std::string upper = upperCase(lines_[j].text);
+      if (!group) {
+        if (upper.rfind("[END]", 0) == 0) return j;
+        continue;
+      }
+      if (lines_[j].command.word == "[END]") return j;
+      if (upper.rfind("RAMP", 0) != 0) {
+        error(lines_[j], "Group Ramps: a non-Ramp command has been found");
+        return j;
+      }
+      if (const auto e = RampSetupError(lines_[j].command.arg2, true)) error(lines_[j], *e);
+    }
+    if (group) {
+      error(start, "[GROUPRAMPS] block has no [END]");
+    } else {
+      warning(start, "[HELPTEXT] section has no [END]: the rest of the file is help text");
+    }
+    return lines_.size();
+  }
+
+  const std::string& path_;
+  const PathMap& paths_;
+  std::vector<LintMessage>& out_;
+  std::vector<Line> lines_;
+  std::vector<std::string> upper_;
+  std::set<std::string> defines_;
+};
+
+}  // namespace
+
+bool LintSequenceFile(const std::string& path, const PathMap& paths, std::vector<LintMessage>& messages,
+                      std::string* readError) {
+  return Linter(path, paths, messages).run(readError);
+}
+
+CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files) {
+  CLI::App* lint = app.add_subcommand("lint", "Check sequence files without running them");
+  lint->add_option("SEQUENCE", files, "The sequence files")->required();
+  return lint;
+}
+
+int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err) {
+  const PathMap paths(defaultDataRoot());
+  bool errors = false;
+  bool unreadable = false;
+  for (const auto& file : files) {
+    std::vector<LintMessage> messages;
+    std::string readError;
+    if (!LintSequenceFile(file, paths, messages, &readError)) {
+      std::fprintf(err, "tavrix-cli: %s\n", readError.c_str());
+      unreadable = true;
+      continue;
+    }
+    for (const auto& m : messages) {
+      std::fprintf(out, "%s:%d: %s: %s\n", file.c_str(), m.line, m.error ? "error" : "warning", m.text.c_str());
+      errors = errors || m.error;
+    }
+  }
+  if (unreadable) return 2;
+  return errors ? 1 : 0;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,38 @@
+// `tavrix-cli lint SEQUENCE...`: finds, without running anything, what would
+// fail or silently do nothing when a sequence runs: words that are close to a
+// keyword but are none, jumps to labels that do not exist, CHAIN files that
+// cannot be found, setup strings and parameters that will not parse, and
+// "[GROUPRAMPS]" blocks that will fail. Messages read like a compiler's:
+//   FILE:LINE: error|warning: message
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace tavrix {
+
+class PathMap;
+
+struct LintMessage {
+  int line = 0;  // from 1; 0 for the file as a whole
+  bool error = true;
+  std::string text;
+};
+
+// Lints one sequence file. False, with `readError`, when it cannot be read.
+bool LintSequenceFile(const std::string& path, const PathMap& paths, std::vector<LintMessage>& messages,
+                      std::string* readError);
+
+// Adds the `lint` subcommand; its files are collected into `files`.
+CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files);
+
+// Lints the files and prints the messages to `out`. Returns 0 when there is
+// no error, 1 when there are errors, 2 when a file cannot be read.
+int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err);
+
+}  // namespace tavrix

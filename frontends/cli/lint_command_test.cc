@@ -1,0 +1,137 @@
+// The linter against good and bad sequences.
+
+#include "lint_command.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "common/paths.h"
+
+namespace tavrix {
+namespace {
+
+namespace fs = std::filesystem;
+
+class LintTest : public ::testing::Test {
+ protected:
+  LintTest() : paths_("/nonexistent") {
+    char name[] = "/tmp/tavrixlintXXXXXX";
+    dir_ = mkdtemp(name);
+    paths_.setDrive('c', dir_);
+  }
+  ~LintTest() override { fs::remove_all(dir_); }
+
+  std::string Write(const std::string& name, const std::vector<std::string>& lines) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream out(path, std::ios::binary);
+    for (const auto& line : lines) out << line << "\r\n";
+    return path;
+  }
+
+  // "LINE: error|warning: text" for each message.
+  std::vector<std::string> Lint(const std::vector<std::string>& lines) {
+    std::vector<LintMessage> messages;
+    std::string error;
+    EXPECT_TRUE(LintSequenceFile(Write("s.wts", lines), paths_, messages, &error)) << error;
+    std::vector<std::string> out;
+    for (const auto& m : messages) {
+      out.push_back(std::to_string(m.line) + ": " + (m.error ? "error" : "warning") + ": " + m.text);
+    }
+    return out;
+  }
+
+  PathMap paths_;
+  std::string dir_;
+};
+
+using Msgs = std::vector<std::string>;
+
+TEST_F(LintTest, AGoodSequenceHasNothingToReport) {
+  Write("sub.wts", {"PART2:", "RETURN"});
+  EXPECT_EQ(Lint({"[HELPTEXT]", "Wait, then GOTO nowhere", "[END]", "' a comment", "START:",
+                  "EXECUTEDEFINE cool, GOTO START", "ONTIMEOUT 60, COOL", "ONTIMEOUT 60, START",
+                  "WAITSECONDS 0.5", "RAMP DAC1, 0 to 10 over 5 in 10", "[GROUPRAMPS]",
+                  "RAMP A, 0 TO 1 OVER 1 IN 10", "ramp B, 5 TO 0 OVER 2 IN 4", "[END]",
+                  "SINEOUT DAC2, AMPLITUDE 2 OFFSET 1 FREQUENCY 1 CYCLES 2 PEAK TO P1",
+                  "PULSEOUTPUT DO1, lo, 32000", "CHECK T1 <> 5, START", "WAIT T1 > 50",
+                  "MT_MAINTAIN HOLD LOAD AT 5 USING OUT WITH RATE 1 GAIN 2",
+                  "MT_RAMP 0 TO 10 OVER 10 IN 10 AT LOAD USING OUT", "LOOPCHECK 3, START",
+                  "AFTERTIMECOUNT 2, minutes, START", "ENTEROKCANCEL Ready?, START", "CHAIN sub.wts, PART2",
+                  "CHAIN c:\\sub.wts", "SELECTMENU Which?, START, START", "STOP"}),
+            Msgs{});
+}
+
+TEST_F(LintTest, NearKeywordsAreWarnedAbout) {
+  EXPECT_EQ(Lint({"WAITSECONDSX 5", "WAIT,5", "WIATSECONDS 5", "CONTINUE please", "LABEL:", "HELLO there"}),
+            (Msgs{"1: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you mean WAITSECONDS?",
+                  "2: warning: \"WAIT,5\" is no keyword and is ignored; did you mean WAIT?",
+                  "3: warning: \"WIATSECONDS\" is no keyword and is ignored; did you mean WAITSECONDS?",
+                  "4: warning: \"CONTINUE\" is no keyword and is ignored; did you mean CONTINUEOK?"}));
+}
+
+TEST_F(LintTest, JumpsToMissingLabelsAreErrors) {
+  Write("sub.wts", {"STOP"});
+  EXPECT_EQ(Lint({"GOTO NOWHERE", "CHECK T1 > 5, HOT", "LOOPCHECK 2, OUT", "ENTEROKCANCEL Go?, BACK",
+                  "AFTERTIMECOUNT 1, HOURS, LATE", "ONTIMEOUT 10, TIMEDOUT", "CHAIN sub.wts, PART2",
+                  "CHAIN missing.wts", "SELECTMENU Pick, A", "EXECUTEDEFINE undefined"}),
+            (Msgs{"1: error: Label NOWHERE: does not exist", "2: error: Label HOT: does not exist",
+                  "3: error: Label OUT: does not exist", "4: error: Label BACK: does not exist",
+                  "5: error: Label LATE: does not exist", "6: error: Label TIMEDOUT: does not exist",
+                  "7: error: Label PART2: does not exist in " + dir_ + "/sub.wts",
+                  "8: error: Chain - Cannot open sequence file " + dir_ + "/missing.wts: No such file or directory",
+                  "9: error: Label A: does not exist", "10: error: Define undefined: does not exist"}));
+}
+
+TEST_F(LintTest, ParametersAndSetupStringsThatWillNotParse) {
+  EXPECT_EQ(Lint({"WAITSECONDS 0", "WAITSECONDS abc", "PULSEOUTPUT DO1, UP, 32001",
+                  "RAMP A, 0 TO 10 OVER 0.5 IN 10", "RAMP A, 5 TO 0 OVER 10 IN 0", "RAMP A, 0 UPTO 10",
+                  "SINEOUT B, AMPLITUDE 1 OFFSET 0 FREQUENCY 10 CYCLES 1", "SINEOUT B, AMPLITUDE 1",
+                  "MT_MAINTAIN HOLD LOAD AT 5 USING OUT", "MT_RAMP 0 TO 10 OVER 10 IN 10",
+                  "CHECK T1>50, X", "WAIT T1 >= 50", "AFTERTIMECOUNT 0, WEEKS, X", "X:"}),
+            (Msgs{"1: error: Invalid parameter - 0 - for a WaitSeconds statement",
+                  "2: error: Invalid parameter - abc - for a WaitSeconds statement",
+                  "3: error: Invalid parameter - 32001 - for a PulseOutput command",
+                  "3: error: Unrecognised direction parameter - UP - in a PulseOutput command",
+                  "4: error: Ramp Setup String - Time between steps must be >= 0.1",
+                  "5: error: Ramp Setup String - Number of steps must be >0",
+                  "6: error: Cannot parse Ramp setup string",
+                  "7: error: Sine Output Setup String - There are no points to output",
+                  "8: error: Cannot parse SineOut setup string",
+                  "9: error: Cannot parse MT_MAINTAIN setup string - \"WITH RATE\" is missing",
+                  "10: error: Cannot parse Ramp setup string",
+                  "11: error: Cannot parse Wait condition - T1>50",
+                  "12: error: Operator - >= - is not supported",
+                  "13: error: AfterTimeCount - unrecognised units: WEEKS",
+                  "13: error: AfterTimeCount - invalid number of units: 0"}));
+}
+
+TEST_F(LintTest, GroupRampBlocksHoldOnlyRampsAndEnd) {
+  EXPECT_EQ(Lint({"[GROUPRAMPS]", "RAMP A, 0 TO 1 OVER 0.1 IN 10", "WAITSECONDS 2", "[END]"}),
+            (Msgs{"2: error: GroupRamp Setup String - Time between steps must be >= 0.1",
+                  "3: error: Group Ramps: a non-Ramp command has been found"}));
+  EXPECT_EQ(Lint({"[GROUPRAMPS]", "RAMP A, 0 TO 1 OVER 1 IN 10"}),
+            (Msgs{"1: error: [GROUPRAMPS] block has no [END]"}));
+  EXPECT_EQ(Lint({"[HELPTEXT]", "text"}),
+            (Msgs{"1: warning: [HELPTEXT] section has no [END]: the rest of the file is help text"}));
+}
+
+TEST_F(LintTest, ExitStatusAndOutputLikeACompiler) {
+  const std::string good = Write("good.wts", {"STOP"});
+  const std::string bad = Write("bad.wts", {"GOTO NOWHERE", "WAITSECONDSX 1"});
+  char* text = nullptr;
+  size_t size = 0;
+  std::FILE* out = open_memstream(&text, &size);
+  EXPECT_EQ(RunLint({good}, out, stderr), 0);
+  EXPECT_EQ(RunLint({good, bad}, out, stderr), 1);
+  EXPECT_EQ(RunLint({dir_ + "/none.wts"}, out, stderr), 2);
+  std::fclose(out);
+  EXPECT_EQ(std::string(text, size),
+            bad + ":1: error: Label NOWHERE: does not exist\n" + bad +
+                ":2: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you mean WAITSECONDS?\n");
+  std::free(text);
+}
+
+}  // namespace
+}  // namespace tavrix

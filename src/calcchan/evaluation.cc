@@ -1,0 +1,414 @@
+#include "calcchan/evaluation.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <filesystem>
+
+#include "calcchan/setup_file.h"
+#include "calcchan/summary_files.h"
+#include "common/text_conventions.h"
+#include "instrument/channels.h"
+
+namespace tavrix {
+namespace {
+
+constexpr Micros kMicrosPerHour = 3600 * kMicrosPerSecond;
+
+bool contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+int16_t clampedCount(int32_t n) { return static_cast<int16_t>(std::min<int32_t>(n, INT16_MAX)); }
+
+int64_t dayNumber(Micros t) { return t >= 0 ? t / kMicrosPerDay : (t - kMicrosPerDay + 1) / kMicrosPerDay; }
+
+}  // namespace
+
+bool ParseReportCondition(std::string_view text, std::string& op, double& limit) {
+  text = trim(text);
+  const size_t blank = text.find(' ');
+  op = std::string(text.substr(0, blank));
+  limit = blank == std::string_view::npos ? 0 : leadingNumber(text.substr(blank + 1));
+  return op == "=" || op == "<=" || op == ">=" || op == "<>" || op == ">" || op == "<";
+}
+
+bool CompareByOperator(double reading, std::string_view op, double limit) {
+  if (op == "=") return reading == limit;
+  if (op == "<=") return reading <= limit;
+  if (op == ">=") return reading >= limit;
+  if (op == "<>") return reading != limit;
+  if (op == ">") return reading > limit;
+  if (op == "<") return reading < limit;
+  return false;
+}
+
+CalcChannels::CalcChannels(EventLoop& events, CalcPorts ports)
+    : events_(events),
+      ports_(std::move(ports)),
+      analyser_(ports_),
+      timer_(events, kCalcTimerInterval, [this] { tick(); }) {
+  if (!ports_.showMessage) ports_.showMessage = [](std::string_view) {};
+}
+
+bool CalcChannels::startCalculatedChannels(std::string_view fileSpec, std::string_view ticks) {
+  const double n = leadingNumber(ticks);
+  state_.evaluationTickCount =
+      roundToInt16(n).value_or(n > 0 ? INT16_MAX : INT16_MIN);
+  return load(fileSpec);
+}
+
+bool CalcChannels::load(std::string_view fileSpec) {
+  if (!LoadCalcChannelSetup(fileSpec, state_, ports_, events_.now())) return false;
+  timer_.setEnabled(false);
+  analyser_.clear();
+  const std::string local = ports_.resolvePath ? ports_.resolvePath(fileSpec) : std::string(fileSpec);
+  analyser_.setWaveformFolder(std::filesystem::path(local).parent_path().string());
+  lastPassTime_ = state_.loadDate;
+  return true;
+}
+
+void CalcChannels::start() { timer_.setEnabled(true); }
+
+void CalcChannels::pause() { timer_.setEnabled(false); }
+
+void CalcChannels::changeLoggers() {
+  timer_.setEnabled(false);
+  state_.loggerChanging = true;
+  state_.loggerState1 = 0;
+  state_.loggerState2 = 0;
+  const Micros now = events_.now();
+  if (state_.dailyTrackingWanted) WriteDailySummary(state_, now, ports_);
+  endCremSessions(now);
+  state_.firstPassPending = true;
+  state_.loggingSwitch = -1;
+  for (auto& row : state_.table) {
+    if (row.type == calc_type::kReport) row.flags = 0;
+  }
+  lastPassTime_ = now;
+  timer_.setEnabled(true);
+}
+
+void CalcChannels::tick() {
+  --state_.ticksRemaining;
+  if (state_.ticksRemaining < 1) {
+    state_.ticksRemaining = state_.evaluationTickCount;
+    runPass();
+  }
+}
+
+void CalcChannels::runPass() {
+  state_.busy = true;
+  state_.passTime = events_.now();
+  // A new day: the summary of the day that ended is written first.
+  if (state_.dailyTrackingWanted && state_.loadStarted &&
+      dayNumber(state_.passTime) != dayNumber(lastPassTime_)) {
+    WriteDailySummary(state_, lastPassTime_, ports_);
+  }
+  lastPassTime_ = state_.passTime;
+
+  // Rows may not be added or removed during a pass; index, not iterate.
+  for (size_t i = 1; i < state_.table.size(); ++i) {
+    CalcChannel& row = state_.table[i];
+    const std::string& type = row.type;
+    if (type == calc_type::kLoggerOnOff) {
+      loggerSwitch(row);
+      continue;
+    }
+    if (type == calc_type::kCremAvg) {
+      cremAverage(row);
+      continue;
+    }
+    if (!state_.setupLoaded) continue;
+    if (type == calc_type::kFormula) {
+      formula(row);
+    } else if (type == calc_type::kRefer) {
+      refer(row);
+    } else if (type == calc_type::kReferStp) {
+      referStp(row);
+    } else if (type == calc_type::kAverage) {
+      average(row);
+    } else if (type == calc_type::kCheck95 || type == calc_type::kCheck95B) {
+      check95(row);
+    } else if (type == calc_type::kDaily) {
+      daily(row);
+    } else if (type == calc_type::kHiAlarm) {
+      alarm(row, true);
+    } else if (type == calc_type::kLoAlarm) {
+      alarm(row, false);
+    } else if (type == calc_type::kScale) {
+      scale(row);
+    } else if (type == calc_type::kReport) {
+      report(row);
+    } else if (type == calc_type::kMinimum) {
+      minimum(row);
+    } else if (type == calc_type::kHiSwitch) {
+      switchRow(row, true);
+    } else if (type == calc_type::kLoSwitch) {
+      switchRow(row, false);
+    }
+    // MAXIMUM: no action, by design.
+  }
+  if (state_.setupLoaded) state_.firstPassPending = false;
+  state_.busy = false;
+}
+
+// --- Reading and publishing -------------------------------------------------
+
+bool CalcChannels::analysing() {
+  std::string value;
+  if (!ports_.channels->read(state_.summaryPrefix + std::string(kAnalyseSuffix), value)) return false;
+  return leadingNumber(value) > 0.5;
+}
+
+bool CalcChannels::readSource(const std::string& source, std::string_view guard, std::string& reading) {
+  if (!trim(guard).empty()) {
+    if (analysing()) return false;
+    ports_.channels->read(source, reading);
+    if (analysing()) return false;
+  } else {
+    ports_.channels->read(source, reading);
+  }
+  const std::string upper = upperCase(reading);
+  return !contains(upper, "ERROR") && !contains(upper, "UNAVAILABLE");
+}
+
+void CalcChannels::writeDirect(const std::string& name, std::string_view text) {
+  if (!ports_.channels->write(name, text)) {
+    ports_.showMessage(std::string(kTextChannelNamePrefix) + name + std::string(kTextChannelNameSuffix));
+  }
+}
+
+void CalcChannels::publish(const std::string& name, std::string_view text) {
+  writeDirect(name, contains(text, "Error") ? kTextUnavailable : text);
+}
+
+void CalcChannels::sendToLoggers(std::string_view command) {
+  if (!ports_.companion) return;
+  auto send = [&](std::string_view suffix) {
+    std::string error;
+    if (!ports_.companion(state_.summaryPrefix + std::string(suffix), kLoggerItem, command, &error)) {
+      ports_.showMessage(error);
+    }
+  };
+  send(kRawTopicSuffix);
+  if (state_.dailyTrackingWanted) send(kAvgTopicSuffix);
+}
+
+void CalcChannels::endCremSessions(Micros now) {
+  for (size_t i = 1; i < state_.table.size(); ++i) {
+    CalcChannel& row = state_.table[i];
+    if (row.type != calc_type::kCremAvg || !row.armed) continue;
+    AppendCremReport(state_, row, now, ports_);
+    row.armed = false;
+  }
+}
+
+// --- The types ----------------------------------------------------------------
+
+void CalcChannels::formula(CalcChannel& row) {
+  const std::string result = analyser_.EvaluateMacroLine(row.newName + "=" + row.source);
+  if (!result.empty()) writeDirect(row.newName, result);
+}
+
+void CalcChannels::loggerSwitch(CalcChannel& row) {
+  std::string reading;
+  // The switch is read without the analysis guard: PARAM2 of this type is a
+  // folder, not a guard.
+  if (!readSource(row.source, "", reading)) {
+    ports_.showMessage(std::string(kTextUnableToReadChannel) + row.source);
+    return;
+  }
+  const bool on = leadingNumber(reading) != 0;
+  const int position = on ? 1 : 0;
+  const bool changed = state_.loggingSwitch != position;
+  state_.loggingSwitch = position;
+  if (!on) {
+    state_.setupLoaded = false;
+    if (changed && !(state_.loggerState1 && state_.loggerState2)) {
+      sendToLoggers(kLoggerStop);
+      state_.loggerState1 = -1;
+    }
+  } else {
+    state_.setupLoaded = true;
+    if (changed && state_.loggerState1) {
+      sendToLoggers(kLoggerStart);
+      state_.loggerState1 = 0;
+      state_.loggerState2 = 0;
+    }
+  }
+}
+
+void CalcChannels::refer(CalcChannel& row) {
+  std::string reading;
+  std::string oxygen;
+  const std::string oxygenName =
+      row.param2.empty() ? state_.summaryPrefix + std::string(kOxygenSuffix) : std::string(kOxygenChannel);
+  if (!readSource(row.source, row.param2, reading) || !readSource(oxygenName, row.param2, oxygen)) {
+    publish(row.newName, kTextUnavailable);
+    return;
+  }
+  const double x = leadingNumber(reading);
+  const double o = leadingNumber(oxygen) + leadingNumber(row.param1);
+  const double result = o > 11.0 ? x * (20.9 - 11.0) / (20.9 - o) : x;
+  publish(row.newName, formatNumber(result, "#.00"));
+}
+
+void CalcChannels::referStp(CalcChannel& row) {
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) {
+    publish(row.newName, kTextUnavailable);
+    return;
+  }
+  const double x = leadingNumber(reading);
+  publish(row.newName, formatNumber(x * (leadingNumber(row.param1) + 273) / 273, "#.00"));
+}
+
+void CalcChannels::average(CalcChannel& row) {
+  row.flags = 0;
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) return;
+  row.total += static_cast<float>(leadingNumber(reading));
+  ++row.passes;
+  row.counter = clampedCount(row.passes);
+  const Micros now = state_.passTime;
+  if (now - row.dueTime >= 0) {
+    const Micros period = static_cast<Micros>(leadingNumber(row.param1) * kMicrosPerHour);
+    if (period > 0) {
+      row.dueTime += ((now - row.dueTime) / period + 1) * period;
+    } else {
+      row.dueTime = now + 1;
+    }
+    row.armed = false;
+    row.flags = -1;
+    row.periodResult = row.passes > 0 ? row.total / static_cast<float>(row.passes) : 0;
+    row.total = 0;
+    row.counter = 0;
+    row.passes = 0;
+  }
+  publish(row.newName, row.armed ? std::string(kTextNotAvailable) : formatNumber(row.periodResult, "#.00"));
+}
+
+void CalcChannels::check95(CalcChannel& row) {
+  const CalcChannel* avg = nullptr;
+  for (size_t i = 1; i < state_.table.size(); ++i) {
+    const CalcChannel& r = state_.table[i];
+    if (r.type == calc_type::kAverage && r.newName == row.source) {
+      avg = &r;
+      break;
+    }
+  }
+  if (avg == nullptr || !avg->flags) return;
+  row.total += 1;
+  state_.dayList.push_back({avg->periodResult, static_cast<int16_t>(std::min<float>(row.total, INT16_MAX)),
+                            row.newName});
+  if (avg->periodResult > leadingNumber(row.param1) && row.counter < INT16_MAX) ++row.counter;
+  publish(row.newName, formatNumber(row.counter, "#0"));
+}
+
+void CalcChannels::daily(CalcChannel& row) {
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) return;
+  row.total += static_cast<float>(leadingNumber(reading));
+  ++row.passes;
+  row.counter = clampedCount(row.passes);
+  publish(row.newName, formatNumber(row.total / static_cast<float>(row.passes), "#.00"));
+}
+
+void CalcChannels::alarm(CalcChannel& row, bool high) {
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) {
+    publish(row.newName, kTextUnavailable);
+    return;
+  }
+  ++row.passes;
+  if (contains(reading, kTextNotAvailable)) {
+    publish(row.newName, kTextNotAvailable);
+    return;
+  }
+  const double x = leadingNumber(reading);
+  const double limit = leadingNumber(row.param1);
+  if (high ? x > limit : x < limit) {
+    row.total += 1;
+    publish(row.newName, kTextAlarm);
+  } else {
+    publish(row.newName, kTextOk);
+  }
+}
+
+void CalcChannels::scale(CalcChannel& row) {
+  std::string reading;
+  if (!readSource(row.source, "", reading)) return;
+  const double result = leadingNumber(reading) * leadingNumber(row.param1) + leadingNumber(row.param2);
+  publish(row.newName, formatNumber(result, "#0.00"));
+}
+
+void CalcChannels::report(CalcChannel& row) {
+  std::string op;
+  double limit = 0;
+  if (!ParseReportCondition(row.param1, op, limit)) {
+    ports_.showMessage(std::string(kTextReportType) + "\r" + std::string(kTextUnrecognisedOperator) + op);
+    return;
+  }
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) return;
+  const double x = leadingNumber(reading);
+  if (CompareByOperator(x, op, limit)) {
+    if (!row.flags) AppendAlarmReport(state_, row, x, state_.passTime, ports_);
+    row.flags = -1;
+    publish(row.newName, kTextAlarm);
+  } else {
+    row.flags = 0;
+    publish(row.newName, kTextOk);
+  }
+}
+
+void CalcChannels::cremAverage(CalcChannel& row) {
+  if (!state_.setupLoaded) {
+    if (row.armed) {
+      AppendCremReport(state_, row, state_.passTime, ports_);
+      row.armed = false;
+    }
+    return;
+  }
+  if (!row.armed) {
+    row.armed = true;
+    row.dueTime = state_.passTime;
+    row.periodResult = 0;
+    row.passes = 0;
+  }
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) return;
+  ++row.passes;
+  row.periodResult += static_cast<float>((leadingNumber(reading) - row.periodResult) / row.passes);
+  publish(row.newName, formatNumber(row.periodResult, "#.00"));
+}
+
+void CalcChannels::minimum(CalcChannel& row) {
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) return;
+  const bool first = state_.firstPassPending || row.passes == 0;
+  if (contains(reading, kTextNotAvailable)) {
+    publish(row.newName, kTextNotAvailable);
+    if (first) {
+      row.total = kNoMinimum;
+      row.passes = 0;
+    }
+    return;
+  }
+  const double x = leadingNumber(reading);
+  if (first || x < row.total) row.total = static_cast<float>(x);
+  ++row.passes;
+  publish(row.newName, formatNumber(x, "#.00"));
+}
+
+void CalcChannels::switchRow(CalcChannel& row, bool high) {
+  std::string reading;
+  if (!readSource(row.source, row.param2, reading)) return;
+  if (contains(reading, kTextNotAvailable)) return;
+  const double x = leadingNumber(reading);
+  const double limit = leadingNumber(row.param1);
+  publish(row.newName, (high ? x > limit : x < limit) ? "0" : "1");
+}
+
+}  // namespace tavrix

@@ -1,0 +1,101 @@
+// The evaluation cycle of the calculated channels: CalcTimer ticks every
+// second on the engine's event loop (so passes also run while a command
+// waits, ramps or asks the operator); every EvaluationTickCount ticks one pass
+// walks the table, reads each row's source, computes its value by type and
+// writes it, as text, to the channel named NewName.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "calcchan/calc_ports.h"
+#include "calcchan/calc_table.h"
+#include "calcchan/expressions.h"
+#include "common/event_loop.h"
+
+namespace tavrix {
+
+inline constexpr Micros kCalcTimerInterval = 1000 * 1000;
+inline constexpr std::string_view kAnalyseSuffix = "_ANALYSE";
+inline constexpr std::string_view kOxygenSuffix = "_O2";
+inline constexpr std::string_view kOxygenChannel = "O2";
+inline constexpr std::string_view kTextUnavailable = "Unavailable";
+inline constexpr std::string_view kTextNotAvailable = "N.A.";
+inline constexpr std::string_view kTextUnableToReadChannel = "Unable to read channel: ";
+inline constexpr std::string_view kTextReportType = "Calculated Channel type REPORT:";
+inline constexpr std::string_view kTextUnrecognisedOperator = "Unrecognised operator: ";
+inline constexpr std::string_view kRawTopicSuffix = "_Raw|System";
+inline constexpr std::string_view kAvgTopicSuffix = "_Avg|System";
+inline constexpr std::string_view kLoggerItem = "Status";
+inline constexpr std::string_view kLoggerStop = "Stop";
+inline constexpr std::string_view kLoggerStart = "Start";
+
+class CalcChannels {
+ public:
+  CalcChannels(EventLoop& events, CalcPorts ports);
+  CalcChannels(const CalcChannels&) = delete;
+  CalcChannels& operator=(const CalcChannels&) = delete;
+
+  CalcState& state() { return state_; }
+  const CalcState& state() const { return state_; }
+  Analyser& analyser() { return analyser_; }
+  const CalcPorts& ports() const { return ports_; }
+
+  // STARTCALCULATEDCHANNELS: sets EvaluationTickCount from `ticks` (its
+  // leading number), then loads `fileSpec`. False when the load failed (its
+  // message has been shown); the program is then meant to end.
+  bool startCalculatedChannels(std::string_view fileSpec, std::string_view ticks);
+  // LoadCalcChannelSetup with the evaluation timer prepared and stopped.
+  bool load(std::string_view fileSpec);
+
+  void start();          // CC_START
+  void pause();          // CC_PAUSE
+  void changeLoggers();  // CC_CHANGELOGGERS
+  bool timerEnabled() const { return timer_.enabled(); }
+
+  // What something outside the calculated channels does when it stopped the
+  // logging programs itself: the switch then sends no second "Stop" when it
+  // turns off, and sends "Start" when it turns on.
+  void markLoggersStopped() { state_.loggerState1 = state_.loggerState2 = -1; }
+
+  // One CalcTimer tick, and one evaluation pass (public for tests and the
+  // benchmark).
+  void tick();
+  void runPass();
+
+ private:
+  bool analysing();
+  bool readSource(const std::string& source, std::string_view guard, std::string& reading);
+  void publish(const std::string& name, std::string_view text);
+  void writeDirect(const std::string& name, std::string_view text);
+  void sendToLoggers(std::string_view command);
+  void endCremSessions(Micros now);
+
+  void formula(CalcChannel& row);
+  void loggerSwitch(CalcChannel& row);
+  void refer(CalcChannel& row);
+  void referStp(CalcChannel& row);
+  void average(CalcChannel& row);
+  void check95(CalcChannel& row);
+  void daily(CalcChannel& row);
+  void alarm(CalcChannel& row, bool high);
+  void scale(CalcChannel& row);
+  void report(CalcChannel& row);
+  void cremAverage(CalcChannel& row);
+  void minimum(CalcChannel& row);
+  void switchRow(CalcChannel& row, bool high);
+
+  EventLoop& events_;
+  CalcPorts ports_;
+  CalcState state_;
+  Analyser analyser_;
+  Timer timer_;
+  Micros lastPassTime_ = 0;
+};
+
+// A REPORT condition: "op limit", op one of = <= >= <> > <. Returns false for
+// another operator, leaving it in `op`.
+bool ParseReportCondition(std::string_view text, std::string& op, double& limit);
+bool CompareByOperator(double reading, std::string_view op, double limit);
+
+}  // namespace tavrix

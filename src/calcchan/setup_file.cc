@@ -1,0 +1,127 @@
+#include "calcchan/setup_file.h"
+
+#include "common/text_conventions.h"
+#include "common/text_items.h"
+
+namespace tavrix {
+namespace {
+
+constexpr Micros kMicrosPerMinute = 60 * kMicrosPerSecond;
+
+std::string cr(std::string_view head, std::string_view tail) {
+  return std::string(head) + "\r" + std::string(tail);
+}
+
+// Clears a row's counters as a finished block and CC_CHANGELOGGERS leave them.
+void clearCounters(CalcChannel& row, Micros now) {
+  row.counter = 0;
+  row.armed = row.type != calc_type::kCremAvg;
+  row.total = 0;
+  row.periodResult = 0;
+  row.dueTime = now;
+  row.flags = 0;
+  row.passes = 0;
+}
+
+}  // namespace
+
+std::string SummaryPrefixOf(std::string_view fileSpec) {
+  const size_t slash = fileSpec.find_last_of("\\/");
+  const std::string_view name = slash == std::string_view::npos ? fileSpec : fileSpec.substr(slash + 1);
+  return std::string(name.substr(0, 2));
+}
+
+std::string WithoutTrailingSeparator(std::string_view folder) {
+  if (!folder.empty() && (folder.back() == '\\' || folder.back() == '/')) folder.remove_suffix(1);
+  return std::string(folder);
+}
+
+bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const CalcPorts& ports,
+                          Micros now) {
+  state.summaryFolderA = WithoutTrailingSeparator(ports.dataFolder ? ports.dataFolder() : "");
+  state.summaryFolderB = WithoutTrailingSeparator(ports.summaryFolder ? ports.summaryFolder() : "");
+  state.summaryPrefix = SummaryPrefixOf(fileSpec);
+  state.dailyTrackingWanted = false;
+  const std::string resolved = ports.resolvePath ? ports.resolvePath(fileSpec) : std::string(fileSpec);
+
+  auto failed = [&] {
+    ports.showMessage(cr(kTextCannotProcessSetup, resolved));
+    return false;
+  };
+
+  TextItemReader reader("");
+  if (!TextItemReader::open(resolved, reader, nullptr)) return failed();
+  state.table.assign(1, CalcChannel{});
+
+  std::string item;
+  for (;;) {
+    if (!reader.next(item)) return failed();
+    if (upperCase(item).find(kCalcHeader) != std::string::npos) break;
+  }
+
+  while (!reader.atEnd()) {
+    bool found = false;
+    while (reader.next(item)) {
+      if (upperCase(item).find(kCalcBlockStart) != std::string::npos) {
+        found = true;
+        break;
+      }
+    }
+    if (!found) break;
+
+    state.table.emplace_back();
+    for (;;) {
+      CalcChannel& row = state.table.back();
+      if (upperCase(item) == kCalcBlockEnd) {
+        clearCounters(row, now);
+        if (row.type == calc_type::kAverage) {
+          row.dueTime = now + static_cast<Micros>(60 * leadingNumber(row.param1) * kMicrosPerMinute);
+        } else if (!IsCalcChannelType(row.type)) {
+          ports.showMessage(cr(kTextUnrecognisedType, row.type));
+          state.table.pop_back();
+        }
+        break;
+      }
+      if (!reader.next(item)) return failed();
+      const std::string upper = upperCase(item);
+      if (upper.compare(0, kCalcComment.size(), kCalcComment) == 0 || upper == kCalcBlockEnd) continue;
+      const size_t eq = item.find('=');
+      if (eq == std::string::npos) {
+        ports.showMessage(cr(kTextInvalidEntry, item));
+        return failed();
+      }
+      const std::string key = upperCase(std::string_view(item).substr(0, eq + 1));
+      const std::string value(trim(std::string_view(item).substr(eq + 1)));
+      if (key == kKeyType) {
+        row.type = upperCase(value);
+      } else if (key == kKeySource) {
+        row.source = value;
+      } else if (key == kKeyNewName) {
+        row.newName = value;
+      } else if (key == kKeyParam1) {
+        row.param1 = value;
+      } else if (key == kKeyParam2) {
+        row.param2 = value;
+      }
+      if (row.type == calc_type::kLoggerOnOff) {
+        if (!row.param1.empty()) state.summaryFolderA = row.param1;
+        if (!row.param2.empty()) state.summaryFolderB = row.param2;
+        if (!row.newName.empty()) state.summaryPrefix = row.newName;
+      } else if (row.type == calc_type::kAverage || row.type == calc_type::kDaily || row.type.empty()) {
+        // Deliberately also for a block whose first key line is not TYPE=.
+        state.dailyTrackingWanted = true;
+      }
+    }
+  }
+
+  state.loadDate = now;
+  state.firstPassPending = true;
+  state.setupLoaded = true;
+  state.ticksRemaining = state.evaluationTickCount;
+  state.loadStarted = true;
+  state.dayList.clear();
+  state.loggingSwitch = -1;
+  return true;
+}
+
+}  // namespace tavrix

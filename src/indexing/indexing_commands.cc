@@ -1,0 +1,125 @@
+#include "indexing/indexing_commands.h"
+
+#include <filesystem>
+#include <memory>
+
+#include "common/text_conventions.h"
+#include "indexing/index_files.h"
+#include "sequencer/companion.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kLoggerNameFailed = "New Logger data filename could not be created";
+constexpr std::string_view kLoggerNameIsFolder =
+    "New Logger data filespec is not a valid file specification";
+constexpr std::string_view kFolderNameFailed = "New 580 data directory name could not be created";
+constexpr std::string_view kFolderNameIsFile =
+    "Indexed filespec for IndexSave580 is not a valid directory name";
+// The logger's menu keys: the D menu, its N item, delete the proposed name;
+// the new name follows, then Enter.
+constexpr std::string_view kLoggerKeysBefore = "%D%N{DEL}";
+constexpr std::string_view kLoggerKeysAfter = "~";
+constexpr int kRecorderChannels = 16;
+
+int IndexNumber(std::string_view text) {
+  if (trim(text).empty()) return 1;
+  const auto number = roundToInt16(leadingNumber(text));
+  return number ? *number : 0;
+}
+
+// IssueIndexedName: the name, or empty text after any message it shows.
+std::string Issue(IndexFileTable& table, Sequencer& seq, std::string_view number) {
+  std::string message;
+  std::string reason;
+  const std::string name = table.issue(IndexNumber(number), seq.clock().now(), &message, &reason,
+                                       [&seq] { seq.processPendingEvents(); });
+  if (!message.empty()) seq.showMessage(message);
+  if (name.empty() && seq.trace().enabled()) seq.trace().event("index").field("error", reason);
+  if (!name.empty() && seq.trace().enabled()) seq.trace().event("index").field("name", name);
+  return name;
+}
+
+bool EndsWithSeparator(std::string_view name) {
+  return !name.empty() && (name.back() == '\\' || name.back() == '/');
+}
+
+void IndexInit(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd) {
+  const auto limit = roundToInt16(leadingNumber(cmd.arg3));
+  std::string message;
+  if (!table.add(cmd.arg1, cmd.arg2, limit.value_or(0), &message)) seq.showMessage(message);
+}
+
+void IndexLoggerFile(IndexFileTable& table, Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+  const std::string name = Issue(table, seq, cmd.arg2);
+  if (name.empty()) {
+    seq.showMessage(kLoggerNameFailed);
+    return;
+  }
+  if (EndsWithSeparator(name)) {
+    seq.showMessage(kLoggerNameIsFolder);
+    return;
+  }
+  std::string error;
+  const std::string keys = std::string(kLoggerKeysBefore) + name + std::string(kLoggerKeysAfter);
+  if (!companion.sendKeys(trim(cmd.arg1), keys, &error)) {
+    seq.reportSequenceError("IndexLoggerFile - " + error);
+  }
+}
+
+void IndexSave580(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd) {
+  const std::string name = Issue(table, seq, cmd.arg3);
+  if (name.empty()) {
+    seq.showMessage(kFolderNameFailed);
+    return;
+  }
+  if (!EndsWithSeparator(name)) {
+    seq.showMessage(kFolderNameIsFile);
+    return;
+  }
+  const fs::path folder = seq.paths().toLocal(std::string_view(name).substr(0, name.size() - 1));
+  std::error_code ec;
+  fs::create_directories(folder, ec);
+  if (!fs::is_directory(folder, ec)) {
+    seq.showMessage("Cannot create the folder " + name + ": " + ec.message());
+    return;
+  }
+  const std::string extension(trim(cmd.arg2));
+  const std::string suffix = "." + extension;
+  // Old channel files in the folder go first; failures are ignored.
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string file = it->path().filename().string();
+    if (file.size() >= suffix.size() && file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      std::error_code ignored;
+      fs::remove(it->path(), ignored);
+    }
+  }
+  const fs::path source = seq.paths().toLocal(trim(cmd.arg1));
+  for (int channel = 0; channel < kRecorderChannels; ++channel) {
+    const std::string file = "chn" + std::to_string(channel) + suffix;
+    std::error_code ignored;  // a missing channel file is skipped
+    fs::copy_file(source / file, folder / file, fs::copy_options::overwrite_existing, ignored);
+  }
+}
+
+}  // namespace
+
+void RegisterIndexingCommands(Sequencer& seq, Companion& companion) {
+  auto table = std::make_shared<IndexFileTable>(seq.paths());
+  Companion* port = &companion;
+  auto& d = seq.dispatcher();
+  d.registerHandler("INDEXINIT", [table](Sequencer& s, const CommandLine& c) { IndexInit(*table, s, c); });
+  d.registerHandler("INDEXLOGGERFILE", [table, port](Sequencer& s, const CommandLine& c) {
+    IndexLoggerFile(*table, *port, s, c);
+  });
+  d.registerHandler("INDEXSAVE580",
+                    [table](Sequencer& s, const CommandLine& c) { IndexSave580(*table, s, c); });
+  seq.addPrepareHook([table] { table->clear(); });
+  seq.addStopHook([table] { table->clear(); });
+}
+
+}  // namespace tavrix

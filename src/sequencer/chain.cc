@@ -1,0 +1,90 @@
+// CHAIN and RETURN: a sequence continues in another file and comes back.
+//   CHAIN file[, label]   goes on in `file`, from its start or behind the
+//                         label; remembers the calling file and line
+//   RETURN                goes on in the calling file behind its CHAIN line
+// A file name may be written the Windows way (drive map); a relative name is
+// taken from the folder of the file that holds the CHAIN line. Chains nest
+// up to kMaxChainDepth files; every run starts again in the prepared file
+// with an empty call stack.
+
+#include <memory>
+#include <vector>
+
+#include "common/text_conventions.h"
+#include "sequencer/core_commands.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+namespace {
+
+constexpr size_t kMaxChainDepth = 16;
+
+struct ReturnPosition {
+  std::string file;
+  int16_t line = 0;
+};
+
+struct ChainState {
+  std::vector<ReturnPosition> stack;
+};
+
+std::string ChainPath(Sequencer& seq, std::string_view written) {
+  std::string local = seq.paths().toLocal(trim(written));
+  if (!local.empty() && local[0] != '/') {
+    const std::string& current = seq.sequenceFileName();
+    const size_t slash = current.rfind('/');
+    if (slash != std::string::npos) local = join(current.substr(0, slash), local);
+  }
+  return local;
+}
+
+void Chain(ChainState& state, Sequencer& seq, const CommandLine& cmd) {
+  const std::string_view written = trim(cmd.arg1);
+  if (written.empty()) {
+    seq.reportSequenceError("Chain - no sequence file given");
+    return;
+  }
+  if (state.stack.size() >= kMaxChainDepth) {
+    seq.reportSequenceError("Chain - more than " + std::to_string(kMaxChainDepth) +
+                            " nested Chain commands: " + std::string(written));
+    return;
+  }
+  const ReturnPosition back{seq.sequenceFileName(), seq.lineNumber()};
+  std::string error;
+  if (!seq.continueInFile(ChainPath(seq, written), 0, &error)) {
+    seq.reportSequenceError("Chain - " + error);
+    return;
+  }
+  state.stack.push_back(back);
+  if (seq.trace().enabled()) seq.trace().event("chain").field("file", seq.sequenceFileName());
+  if (!trim(cmd.arg2).empty()) seq.searchLabel(cmd.arg2);
+}
+
+void Return(ChainState& state, Sequencer& seq, const CommandLine&) {
+  if (state.stack.empty()) {
+    seq.reportSequenceError("Return - there is no Chain command to return to");
+    return;
+  }
+  const ReturnPosition back = state.stack.back();
+  state.stack.pop_back();
+  std::string error;
+  if (!seq.continueInFile(back.file, back.line, &error)) {
+    seq.reportSequenceError("Return - " + error);
+    return;
+  }
+  if (seq.trace().enabled()) seq.trace().event("return").field("file", back.file).field("line", back.line);
+}
+
+}  // namespace
+
+void RegisterChainCommands(Sequencer& seq) {
+  auto state = std::make_shared<ChainState>();
+  auto& d = seq.dispatcher();
+  d.registerHandler("CHAIN", [state](Sequencer& s, const CommandLine& c) { Chain(*state, s, c); });
+  d.registerHandler("RETURN", [state](Sequencer& s, const CommandLine& c) { Return(*state, s, c); });
+  seq.addPrepareHook([state] { state->stack.clear(); });
+  seq.addStopHook([state] { state->stack.clear(); });
+}
+
+}  // namespace tavrix

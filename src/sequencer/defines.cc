@@ -1,0 +1,154 @@
+// The define table, EXECUTEDEFINE and the sequence time-out (ONTIMEOUT).
+//
+// A define is a named command line held in memory:
+//   EXECUTEDEFINE name, command line   defines (or redefines) `name`
+//   EXECUTEDEFINE name                 runs the define's command line now
+//   EXECUTEDEFINE                      empties the define table
+// ONTIMEOUT arms the sequence time-out:
+//   ONTIMEOUT seconds, target          deadline = now + seconds
+//   ONTIMEOUT 0   (or no argument)     disarms it
+// The target is a define when one of that name exists, else a label. The
+// seconds timer counts down to the deadline; the waits examine the define
+// table at every turn, and once the time-out has expired the examination
+// makes the time-out pending, which ends the wait. The run loop then runs
+// the define, or searches the label, before the next line is read. A
+// time-out fires once; a further one needs a further ONTIMEOUT.
+
+#include <cmath>
+#include <memory>
+
+#include "common/text_conventions.h"
+#include "sequencer/core_commands.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+namespace {
+
+// Defines that run defines: beyond this depth the chain is taken to loop.
+constexpr int kMaxDefineDepth = 8;
+
+struct DefineState {
+  bool armed = false;
+  std::string target;
+  int depth = 0;
+};
+
+const DefineEntry* FindDefine(Sequencer& seq, std::string_view name) {
+  const std::string wanted = upperCase(trim(name));
+  if (wanted.empty()) return nullptr;
+  for (const auto& entry : seq.defineTable()) {
+    if (upperCase(trim(entry.first)) == wanted) return &entry;
+  }
+  return nullptr;
+}
+
+void RunDefine(DefineState& state, Sequencer& seq, std::string_view name) {
+  const DefineEntry* entry = FindDefine(seq, name);
+  if (!entry) {
+    seq.reportSequenceError("Define " + std::string(trim(name)) + ": does not exist");
+    return;
+  }
+  if (state.depth >= kMaxDefineDepth) {
+    seq.reportSequenceError("ExecuteDefine - defines run each other more than " +
+                            std::to_string(kMaxDefineDepth) + " deep: " + std::string(trim(name)));
+    return;
+  }
+  std::string line = entry->second;  // the table may change while it runs
+  if (seq.trace().enabled()) seq.trace().event("define").field("name", trim(name)).field("text", line);
+  const CommandLine command = SplitCommandLine(line);
+  seq.showCurrentCommand(line);
+  ++state.depth;
+  seq.dispatcher().run(seq, command);
+  --state.depth;
+}
+
+void ExecuteDefine(DefineState& state, Sequencer& seq, const CommandLine& cmd) {
+  const std::string name(trim(cmd.arg1));
+  std::string text(trim(cmd.arg2));
+  if (!cmd.arg3.empty()) text += ", " + cmd.arg3;
+  if (name.empty()) {
+    if (!text.empty()) {
+      seq.reportSequenceError("ExecuteDefine - a define needs a name: " + text);
+      return;
+    }
+    seq.addDefine({});
+    return;
+  }
+  if (text.empty()) {
+    RunDefine(state, seq, name);
+    return;
+  }
+  std::string copy = text;
+  const bool isChain = SplitCommandLine(copy).word == "CHAIN";
+  for (auto& entry : seq.defineTable()) {
+    if (upperCase(trim(entry.first)) == upperCase(name)) {
+      entry.second = text;
+      entry.isChain = isChain;
+      return;
+    }
+  }
+  seq.addDefine({name, text, isChain});
+}
+
+void OnTimeout(DefineState& state, Sequencer& seq, const CommandLine& cmd) {
+  const std::string_view seconds = trim(cmd.arg1);
+  const double value = leadingNumber(seconds);
+  const bool numeric = !seconds.empty() && std::string_view("+-.0123456789").find(seconds[0]) !=
+                                               std::string_view::npos;
+  if (!seconds.empty() && (!numeric || value < 0 || !std::isfinite(value) || value > 2147483647.0)) {
+    seq.reportSequenceError("Invalid parameter - " + cmd.arg1 + " - for an OnTimeout statement");
+    return;
+  }
+  if (!(value > 0)) {
+    state.armed = false;
+    state.target.clear();
+    seq.cancelTimeout();
+    return;
+  }
+  const std::string target(trim(cmd.arg2));
+  if (target.empty()) {
+    seq.reportSequenceError("OnTimeout - no label or define to go to after " + std::string(seconds) +
+                            " seconds");
+    return;
+  }
+  state.armed = true;
+  state.target = target;
+  seq.jumpTarget = target;
+  seq.jumpTargetIsDefine = FindDefine(seq, target) != nullptr;
+  seq.setTimeoutDeadline(seq.clock().now() + static_cast<Micros>(std::ceil(value * kMicrosPerSecond)));
+}
+
+void ExamineDefines(DefineState& state, Sequencer& seq) {
+  RunFlags& flags = seq.flags();
+  if (!state.armed || !flags.timeoutExpired || flags.timeoutPending) return;
+  state.armed = false;
+  seq.cancelTimeout();
+  seq.jumpTarget = state.target;
+  seq.jumpTargetIsDefine = FindDefine(seq, state.target) != nullptr;
+  flags.timeoutPending = true;
+  if (seq.trace().enabled()) {
+    seq.trace().event("timeout").field("target", state.target).field("define", seq.jumpTargetIsDefine);
+  }
+}
+
+}  // namespace
+
+void RegisterDefineCommands(Sequencer& seq) {
+  auto state = std::make_shared<DefineState>();
+  auto& d = seq.dispatcher();
+  d.registerHandler("EXECUTEDEFINE",
+                    [state](Sequencer& s, const CommandLine& c) { ExecuteDefine(*state, s, c); });
+  d.registerHandler("ONTIMEOUT", [state](Sequencer& s, const CommandLine& c) { OnTimeout(*state, s, c); });
+  seq.onExamineDefines = [state](Sequencer& s) { ExamineDefines(*state, s); };
+  seq.onExecuteDefine = [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); };
+  auto disarm = [state] {
+    state->armed = false;
+    state->target.clear();
+    state->depth = 0;
+  };
+  seq.addPrepareHook(disarm);
+  seq.addStopHook(disarm);
+}
+
+}  // namespace tavrix

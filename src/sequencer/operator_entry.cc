@@ -1,0 +1,165 @@
+// The operator commands beyond the message panel: typed entry, menus, a
+// channel shown while the operator works, and manual adjustment.
+//   ENTERSEND prompt, channel          the operator types a value; it is
+//                                      written to the channel
+//   SELECTMENU prompt, label, label... the operator picks one of the labels;
+//                                      the run goes on behind it
+//   DOWITHSHOW message, channel[, label]
+//                                      shows the message and the channel's
+//                                      reading, refreshed every second, until
+//                                      Continue (no label) or OK; Cancel
+//                                      jumps to the label
+//   MANUALADJUST channel, step[, message]
+//                                      the operator moves an output by steps
+//                                      with Up and Down until Done
+// Each asks on the operator port and waits on the event loop; a question
+// that can get no answer, or a channel that cannot be read or written, is
+// reported through the sequence error report.
+
+#include <memory>
+
+#include "common/text_conventions.h"
+#include "sequencer/channel_access.h"
+#include "sequencer/core_commands.h"
+#include "sequencer/sequencer.h"
+#include "sequencer/timed_wait.h"
+
+namespace tavrix {
+
+namespace {
+
+constexpr Micros kShowInterval = kMicrosPerSecond;
+
+bool HaveChannels(ChannelAccess* channels, Sequencer& seq, std::string_view keyword) {
+  if (channels) return true;
+  seq.reportSequenceError(Dispatcher::notAvailableText(keyword));
+  return false;
+}
+
+bool ReadOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view command,
+                  std::string_view channel, std::string& value) {
+  std::string error;
+  if (channels.read(channel, value, &error)) return true;
+  seq.reportSequenceError(std::string(command) + " - cannot read " + std::string(channel) + ": " + error);
+  return false;
+}
+
+bool WriteOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view command,
+                   std::string_view channel, std::string_view value) {
+  std::string error;
+  if (channels.write(channel, value, &error)) return true;
+  seq.reportSequenceError(std::string(command) + " - cannot write " + std::string(value) + " to " +
+                          std::string(channel) + ": " + error);
+  return false;
+}
+
+void EnterSend(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
+  const std::string channel(trim(cmd.arg2));
+  if (channel.empty()) {
+    seq.reportSequenceError("EnterSend - no channel given");
+    return;
+  }
+  if (!HaveChannels(channels, seq, "ENTERSEND")) return;
+  Question question;
+  question.kind = "ENTERSEND";
+  question.text = cmd.arg1;  // no buttons: the answer is the text typed
+  const Answer answer = seq.ask(question);
+  if (!answer || seq.flags().stopRequested) return;
+  WriteOrReport(*channels, seq, "EnterSend", channel, trim(*answer));
+}
+
+void SelectMenu(ChannelAccess*, Sequencer& seq, const CommandLine& cmd) {
+  Question question;
+  question.kind = "SELECTMENU";
+  question.text = cmd.arg1;
+  std::string choices = cmd.arg2;
+  if (!cmd.arg3.empty()) choices += "," + cmd.arg3;
+  size_t pos = 0;
+  while (pos <= choices.size()) {
+    const size_t comma = choices.find(',', pos);
+    const std::string choice(trim(std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
+    if (!choice.empty()) question.buttons.push_back(choice);
+    if (comma == std::string::npos) break;
+    pos = comma + 1;
+  }
+  if (question.buttons.empty()) {
+    seq.reportSequenceError("SelectMenu - no menu choices given");
+    return;
+  }
+  const Answer answer = seq.ask(question);
+  if (!answer || seq.flags().stopRequested) return;
+  seq.searchLabel(*answer);
+}
+
+void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
+  const std::string channel(trim(cmd.arg2));
+  if (channel.empty()) {
+    seq.reportSequenceError("DoWithShow - no channel given");
+    return;
+  }
+  if (!HaveChannels(channels, seq, "DOWITHSHOW")) return;
+  std::string value;
+  if (!ReadOrReport(*channels, seq, "DoWithShow", channel, value)) return;
+  Operator& op = seq.operatorPort();
+  op.showChannelValue(channel, value);
+  // Later readings that fail show the error text instead of a value.
+  Timer refresh(seq.events(), kShowInterval, [&] {
+    std::string reading;
+    std::string error;
+    op.showChannelValue(channel, channels->read(channel, reading, &error) ? reading : error);
+  });
+  refresh.setEnabled(true);
+  const std::string label(trim(cmd.arg3));
+  Question question;
+  question.kind = "DOWITHSHOW";
+  question.text = cmd.arg1;
+  question.buttons = label.empty() ? std::vector<std::string>{"Continue"}
+                                   : std::vector<std::string>{"OK", "Cancel"};
+  const Answer answer = seq.ask(question);
+  refresh.setEnabled(false);
+  if (!answer || seq.flags().stopRequested) return;
+  if (*answer == "Cancel") seq.searchLabel(label);
+}
+
+void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
+  const std::string channel(trim(cmd.arg1));
+  const double step = leadingNumber(cmd.arg2);
+  if (channel.empty()) {
+    seq.reportSequenceError("ManualAdjust - no channel given");
+    return;
+  }
+  if (!(step > 0)) {
+    seq.reportSequenceError("Invalid parameter - " + cmd.arg2 + " - for a ManualAdjust statement");
+    return;
+  }
+  if (!HaveChannels(channels, seq, "MANUALADJUST")) return;
+  const std::string message = cmd.arg3.empty() ? "Adjust " + channel : cmd.arg3;
+  for (;;) {
+    std::string value;
+    if (!ReadOrReport(*channels, seq, "ManualAdjust", channel, value)) return;
+    seq.operatorPort().showChannelValue(channel, value);
+    Question question;
+    question.kind = "MANUALADJUST";
+    question.text = message + " (" + channel + " =" + numberText(leadingNumber(value)) + ")";
+    question.buttons = {"Up", "Down", "Done"};
+    const Answer answer = seq.ask(question);
+    if (!answer || *answer == "Done" || WaitInterrupted(seq)) return;
+    const double next = leadingNumber(value) + (*answer == "Up" ? step : -step);
+    if (!WriteOrReport(*channels, seq, "ManualAdjust", channel, numberText(next))) return;
+  }
+}
+
+}  // namespace
+
+void RegisterOperatorEntryCommands(Sequencer& seq, ChannelAccess* channels) {
+  auto bind = [channels](void (*handler)(ChannelAccess*, Sequencer&, const CommandLine&)) {
+    return [channels, handler](Sequencer& s, const CommandLine& c) { handler(channels, s, c); };
+  };
+  auto& d = seq.dispatcher();
+  d.registerHandler("ENTERSEND", bind(EnterSend));
+  d.registerHandler("SELECTMENU", bind(SelectMenu));
+  d.registerHandler("DOWITHSHOW", bind(DoWithShow));
+  d.registerHandler("MANUALADJUST", bind(ManualAdjust));
+}
+
+}  // namespace tavrix

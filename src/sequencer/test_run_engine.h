@@ -1,0 +1,101 @@
+// A run engine for command tests: virtual clock, recording operator and
+// companion, a table of channel values, and sequence files written to a
+// temporary folder.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "sequencer/channel_access.h"
+#include "sequencer/companion.h"
+#include "sequencer/core_commands.h"
+#include "sequencer/recording_operator.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+inline constexpr Micros kTestStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
+
+// Channels held in a table; a channel not in it cannot be read or written.
+class TableChannels : public ChannelAccess {
+ public:
+  std::map<std::string, std::string, std::less<>> values;
+  std::vector<std::string> writes;  // "NAME=value"
+  bool read(std::string_view channel, std::string& value, std::string* error) override {
+    const auto it = values.find(channel);
+    if (it == values.end()) {
+      *error = "no such channel";
+      return false;
+    }
+    value = it->second;
+    return true;
+  }
+  bool write(std::string_view channel, std::string_view value, std::string* error) override {
+    const auto it = values.find(channel);
+    if (it == values.end()) {
+      *error = "no such channel";
+      return false;
+    }
+    it->second = value;
+    writes.push_back(std::string(channel) + "=" + std::string(value));
+    return true;
+  }
+};
+
+class CommandTest : public ::testing::Test {
+ protected:
+  CommandTest()
+      : clock_(kTestStart), events_(clock_), trace_(clock_), companion_(&trace_), seq_(events_, op_, trace_) {
+    RegisterSequencerCommands(seq_);
+    RegisterCompanionCommands(seq_, companion_);
+    RegisterOperatorEntryCommands(seq_, &channels_);
+    char name[] = "/tmp/tavrixcmdXXXXXX";
+    dir_ = mkdtemp(name);
+    seq_.paths().setDrive('c', dir_ + "/c");
+  }
+  ~CommandTest() override { std::filesystem::remove_all(dir_); }
+
+  // Writes a file (CR LF line ends) under the temporary folder; returns its path.
+  std::string Write(const std::string& name, const std::vector<std::string>& lines) {
+    const std::string path = dir_ + "/" + name;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary);
+    for (const auto& line : lines) out << line << "\r\n";
+    return path;
+  }
+
+  // Runs the lines as main.wts; returns the last sequence error ("" if none).
+  std::string Run(const std::vector<std::string>& lines) {
+    std::string error;
+    EXPECT_TRUE(seq_.prepareFile(Write("main.wts", lines), &error)) << error;
+    seq_.pressRun();
+    return seq_.lastSequenceError();
+  }
+
+  double Elapsed() const { return static_cast<double>(clock_.now() - kTestStart) / kMicrosPerSecond; }
+
+  // The lines dispatched, in order, as the command display showed them
+  // (the count-downs of waits, which begin "wait" in lower case, left out).
+  std::vector<std::string> Shown() const {
+    std::vector<std::string> shown;
+    for (const auto& c : op_.commands) {
+      if (c.rfind("wait", 0) != 0) shown.push_back(c);
+    }
+    return shown;
+  }
+
+  VirtualClock clock_;
+  EventLoop events_;
+  RecordingOperator op_;
+  Trace trace_;
+  RecordingCompanion companion_;
+  TableChannels channels_;
+  Sequencer seq_;
+  std::string dir_;
+};
+
+}  // namespace tavrix
