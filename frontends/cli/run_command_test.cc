@@ -133,7 +133,7 @@ TEST_F(CliTest, CalculatedChannelsRunOnTheRigAndASetupThatCannotLoadEndsTheProgr
             std::string::npos)
       << out_;
   EXPECT_EQ(out_.find("\"text\":\"STOP\""), std::string::npos);  // the program ended at once
-  EXPECT_NE(lines.back().find(R"("reason":"unload","code":1)"), std::string::npos) << lines.back();
+  EXPECT_NE(lines.back().find(R"("reason":"error","code":1)"), std::string::npos) << lines.back();
 }
 
 TEST_F(CliTest, BadUsageAndUnreadableFilesExitWithTwo) {

@@ -25,7 +25,7 @@ const char* EndReasonName(EndReason reason) {
     case EndReason::kStop: return "stop";
     case EndReason::kError: return "error";
     case EndReason::kAbort: return "abort";
-    case EndReason::kUnload: return "unload";
+    case EndReason::kUnload: return "error";  // the program ends after a message
     case EndReason::kNone: break;
   }
   return "none";

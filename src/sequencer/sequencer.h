@@ -41,7 +41,9 @@ struct RunFlags {
 // How the last run ended. kUnload: a command closed the main window, which
 // ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
 enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
-const char* EndReasonName(EndReason reason);  // "eof", "stop", "error", "abort", "unload"
+// "eof", "stop", "error" (also for kUnload: it ends the program after a
+// message, as an error does), "abort".
+const char* EndReasonName(EndReason reason);
 
 // One entry of the define table.
 struct DefineEntry {
