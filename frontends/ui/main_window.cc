@@ -20,7 +20,9 @@
 #include <QVBoxLayout>
 
 #include "about_dialog.h"
+#ifdef TAVRIX_HAVE_CHARTS
 #include "chart_window.h"
+#endif
 #include "check_failure_dialog.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
@@ -192,12 +194,14 @@ void MainWindow::buildMenus() {
   exit->setObjectName("mbExit");
   connect(exit, &QAction::triggered, this, &QWidget::close);
 
+#ifdef TAVRIX_HAVE_CHARTS
   // Open while a sequence runs, so apart from the File menu.
   QMenu* view = menuBar()->addMenu(tr("&View"));
   view->setObjectName("mbView");
   QAction* chart = view->addAction(tr("&Chart"));
   chart->setObjectName("mbChart");
   connect(chart, &QAction::triggered, this, &MainWindow::openChartWindow);
+#endif
 
   QMenu* help = menuBar()->addMenu(tr("&Help"));
   help->setObjectName("mbHelp");
@@ -213,9 +217,11 @@ void MainWindow::openDecryptWindow() {
 }
 
 void MainWindow::openChartWindow() {
+#ifdef TAVRIX_HAVE_CHARTS
   if (chart_ == nullptr) chart_ = new ChartWindow(tasks(), this);
   chart_->show();
   chart_->raise();
+#endif
 }
 
 void MainWindow::openAboutBox() {
