@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/civil_time.h"
+#include "crypt_commands.h"
 #include "engine/engine.h"
 #include "instrument/instrument.h"
 #include "instrument/rig_server.h"
@@ -131,6 +132,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
 
   Sequencer& seq = engine.sequencer();
+  TestDatabase& testDatabase = engine.testDatabase();
+  testDatabase.results.xmlLayout = options.results == "xml";
+  testDatabase.results.writeResults = options.results != "off";
   std::string error;
 
   InstrumentSettings settings;
@@ -174,7 +178,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     seq.pressRun();
     reason = seq.endReason();
   }
-  const int status = ExitStatusFor(reason);
+  int status = ExitStatusFor(reason);
+  if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
@@ -198,6 +203,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
                          "Settings file of the instrument link (key = value)");
+  runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
+      ->check(CLI::IsMember({"text", "xml", "off"}));
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
@@ -207,6 +214,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
 
   std::vector<std::string> lintFiles;
   CLI::App* lintCommand = AddLintCommand(app, lintFiles);
+
+  CryptCommands cryptCommands(app);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -223,6 +232,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
     return kExitUsage;
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;

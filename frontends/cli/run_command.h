@@ -17,6 +17,7 @@ constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswer
                                       // that cannot be loaded)
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
+constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
 
 struct RunOptions {
   std::string sequence;
@@ -25,6 +26,7 @@ struct RunOptions {
   std::optional<std::string> answers;
   std::optional<std::string> trace;  // "-" for standard output
   bool noHardware = false;
+  std::string results = "text";  // results files: "text", "xml" or "off"
   // Answers of the companion programs' DDE items, "TOPIC!ITEM=VALUE".
   std::vector<std::string> companionAnswers;
   // The instrument link.

@@ -47,7 +47,7 @@ CounterpartName counterpart(std::string_view name, bool fromEncrypted) {
 
 // Runs one file through the cipher; `failed` is the message's opening.
 bool runFile(const std::string& in, const std::string& out, std::string_view key,
-             std::string* error, bool decrypt) {
+             std::string* error, bool decrypt, const std::function<void(int)>& progress) {
   const std::string_view failed = decrypt ? kMsgFailedToDecrypt : kMsgFailedToEncrypt;
   auto report = [&](std::string_view reason) {
     if (error != nullptr) *error = std::string(failed) + in + ": " + std::string(reason);
@@ -63,6 +63,7 @@ bool runFile(const std::string& in, const std::string& out, std::string_view key
   }
   clsTEA tea;
   tea.Key(key);
+  tea.Progress = progress;
   const bool ok = decrypt ? tea.DecryptFile(in, target) : tea.EncryptFile(in, target);
   if (ok) return true;
   if (tea.LastError().number == kTeaErrSizeDescriptor) {
@@ -86,13 +87,13 @@ CounterpartName encryptedCounterpart(std::string_view plainName) {
 }
 
 bool decryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error) {
-  return runFile(in, out, key, error, true);
+                 std::string* error, const std::function<void(int)>& progress) {
+  return runFile(in, out, key, error, true, progress);
 }
 
 bool encryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error) {
-  return runFile(in, out, key, error, false);
+                 std::string* error, const std::function<void(int)>& progress) {
+  return runFile(in, out, key, error, false, progress);
 }
 
 }  // namespace tavrix

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -72,13 +73,14 @@ CounterpartName encryptedCounterpart(std::string_view plainName);
 // complete file: on any failure `out` is as it was and no partial file is
 // left. On failure returns false and, when `error` is not null, a message
 // that starts with "Failed to decrypt " and the input path.
+// `progress`, when given, receives whole percents as clsTEA's Progress does.
 bool decryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error);
+                 std::string* error, const std::function<void(int)>& progress = {});
 
 // Encrypts the plain file `in` with `key` into `out` (empty: the encrypted
 // counterpart of `in`), in the same way. Messages start with
 // "Failed to encrypt ".
 bool encryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error);
+                 std::string* error, const std::function<void(int)>& progress = {});
 
 }  // namespace tavrix

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <filesystem>
 #include <limits>
 #include <random>
@@ -50,33 +51,6 @@ void storeLittleEndian(uint8_t* p, uint32_t v) {
   p[3] = static_cast<uint8_t>(v >> 24);
 }
 
-// Raises Progress as the block position passes each threshold: Percent is
-// the integer part of position / length x 100, and the next threshold the
-// integer part of (Percent + 1) / 100 x length, plus 1. Computed exactly in
-// integers, so that no percent is raised twice through rounding.
-class ProgressMeter {
- public:
-  ProgressMeter(const std::function<void(int)>& progress, size_t length)
-      : progress_(progress), length_(length) {}
-
-  void at(size_t position) {
-    if (!progress_ || position < next_) return;
-    last_ = static_cast<int>(uint64_t{position} * 100 / length_);
-    next_ = (static_cast<uint64_t>(last_) + 1) * length_ / 100 + 1;
-    progress_(last_);
-  }
-
-  void finish() {
-    if (progress_ && last_ != 100) progress_(100);
-  }
-
- private:
-  const std::function<void(int)>& progress_;
-  uint64_t length_;
-  uint64_t next_ = 0;
-  int last_ = -1;
-};
-
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 std::string toHex(const std::vector<uint8_t>& bytes) {
@@ -117,70 +91,137 @@ std::vector<uint8_t> fromHex(std::string_view text) {
 
 std::string describeErrno(int err) { return std::strerror(err); }
 
-// Reads a whole file. On failure returns false and a reason naming the path.
-bool readWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::string& reason) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) {
-    reason = "cannot open file " + path + ": " + describeErrno(errno);
-    return false;
-  }
-  bytes.clear();
-  uint8_t buffer[65536];
-  size_t got = 0;
-  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
-    bytes.insert(bytes.end(), buffer, buffer + got);
-  }
-  const bool failed = std::ferror(file) != 0;
-  const int err = errno;
-  std::fclose(file);
-  if (failed) {
-    reason = "cannot read file " + path + ": " + describeErrno(err);
-    return false;
-  }
-  return true;
-}
+// Blocks handled per read and write when a file is streamed (a multiple of
+// the block size); the memory a file member needs, whatever the file's size.
+constexpr size_t kChunk = 64 * 1024;
 
-// Writes `bytes` to `path` through a temporary file in the same folder that
-// is renamed over `path` only when complete.
-bool writeFileSafely(const std::string& path, const std::vector<uint8_t>& bytes,
-                     std::string& reason) {
-  static std::atomic<uint32_t> counter{0};
-  std::random_device entropy;
-  std::string temp;
-  std::FILE* file = nullptr;
-  int err = 0;
-  for (int attempt = 0; attempt < 16 && file == nullptr; ++attempt) {
-    char suffix[40];
-    std::snprintf(suffix, sizeof suffix, ".%08x%04x.tmp", entropy(),
-                  static_cast<unsigned>(++counter & 0xFFFFu));
-    temp = path + suffix;
-    file = std::fopen(temp.c_str(), "wbx");
-    err = errno;
-    if (file == nullptr && err != EEXIST) break;
+// A file being written under a temporary name beside its target, renamed over
+// the target by commit() only when complete; removed otherwise.
+class SafeTarget {
+ public:
+  explicit SafeTarget(std::string path) : path_(std::move(path)) {}
+  ~SafeTarget() {
+    if (file_ != nullptr) std::fclose(file_);
+    if (!temp_.empty()) {
+      std::error_code ec;
+      std::filesystem::remove(temp_, ec);
+    }
   }
-  if (file == nullptr) {
-    reason = "cannot write file " + path + ": " + describeErrno(err);
+
+  bool open(std::string& reason) {
+    static std::atomic<uint32_t> counter{0};
+    std::random_device entropy;
+    int err = 0;
+    for (int attempt = 0; attempt < 16 && file_ == nullptr; ++attempt) {
+      char suffix[40];
+      std::snprintf(suffix, sizeof suffix, ".%08x%04x.tmp", entropy(),
+                    static_cast<unsigned>(++counter & 0xFFFFu));
+      std::string temp = path_ + suffix;
+      file_ = std::fopen(temp.c_str(), "wbx");
+      err = errno;
+      if (file_ != nullptr) temp_ = std::move(temp);
+      if (file_ == nullptr && err != EEXIST) break;
+    }
+    if (file_ == nullptr) {
+      reason = "cannot write file " + path_ + ": " + describeErrno(err);
+      return false;
+    }
+    return true;
+  }
+
+  bool write(const uint8_t* bytes, size_t size, std::string& reason) {
+    if (size == 0 || std::fwrite(bytes, 1, size, file_) == size) return true;
+    reason = "cannot write file " + path_ + ": " + describeErrno(errno);
     return false;
   }
-  bool ok = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-  err = errno;
-  if (std::fclose(file) != 0 && ok) {
-    ok = false;
-    err = errno;
+
+  bool commit(std::string& reason) {
+    const int closed = std::fclose(file_);
+    file_ = nullptr;
+    if (closed != 0) {
+      reason = "cannot write file " + path_ + ": " + describeErrno(errno);
+      return false;
+    }
+    std::error_code ec;
+    std::filesystem::rename(temp_, path_, ec);
+    if (ec) {
+      reason = "cannot write file " + path_ + ": " + ec.message();
+      return false;
+    }
+    temp_.clear();
+    return true;
   }
-  std::error_code ec;
-  if (ok) {
-    std::filesystem::rename(temp, path, ec);
-    if (!ec) return true;
-    reason = "cannot write file " + path + ": " + ec.message();
-  } else {
-    reason = "cannot write file " + path + ": " + describeErrno(err);
+
+ private:
+  std::string path_;
+  std::string temp_;
+  std::FILE* file_ = nullptr;
+};
+
+// A source file open for reading, with its size.
+class SourceFile {
+ public:
+  ~SourceFile() {
+    if (file_ != nullptr) std::fclose(file_);
   }
-  std::filesystem::remove(temp, ec);
-  return false;
-}
+  bool open(const std::string& path, std::string& reason) {
+    path_ = path;
+    file_ = std::fopen(path.c_str(), "rb");
+    if (file_ == nullptr) {
+      reason = "cannot open file " + path + ": " + describeErrno(errno);
+      return false;
+    }
+    std::error_code ec;
+    size_ = std::filesystem::file_size(path, ec);
+    if (ec) {
+      reason = "cannot read file " + path + ": " + ec.message();
+      return false;
+    }
+    return true;
+  }
+  uint64_t size() const { return size_; }
+  // Reads exactly `size` bytes; a shorter file is a read error.
+  bool read(uint8_t* bytes, size_t size, std::string& reason) {
+    if (std::fread(bytes, 1, size, file_) == size) return true;
+    reason = std::ferror(file_) ? "cannot read file " + path_ + ": " + describeErrno(errno)
+                                : "cannot read file " + path_ + ": it changed while being read";
+    return false;
+  }
+
+ private:
+  std::string path_;
+  std::FILE* file_ = nullptr;
+  uint64_t size_ = 0;
+};
 
 }  // namespace
+
+// Raises Progress as the block position passes each threshold: Percent is
+// the integer part of position / length x 100, and the next threshold the
+// integer part of (Percent + 1) / 100 x length, plus 1. Computed exactly in
+// integers, so that no percent is raised twice through rounding.
+class TeaProgressMeter {
+ public:
+  TeaProgressMeter(const std::function<void(int)>& progress, size_t length)
+      : progress_(progress), length_(length) {}
+
+  void at(size_t position) {
+    if (!progress_ || position < next_) return;
+    last_ = static_cast<int>(uint64_t{position} * 100 / length_);
+    next_ = (static_cast<uint64_t>(last_) + 1) * length_ / 100 + 1;
+    progress_(last_);
+  }
+
+  void finish() {
+    if (progress_ && last_ != 100) progress_(100);
+  }
+
+ private:
+  const std::function<void(int)>& progress_;
+  uint64_t length_;
+  uint64_t next_ = 0;
+  int last_ = -1;
+};
 
 TeaKey teaKeyFromText(std::string_view text) {
   uint8_t bytes[16] = {};
@@ -191,22 +232,33 @@ TeaKey teaKeyFromText(std::string_view text) {
           loadBigEndian(bytes + 12)};
 }
 
+// The words and the key are copied into locals first: through references the
+// compiler must assume that a store to y or z could change the key, and
+// reloads it every round.
 void teaEncipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
-  uint32_t sum = 0;
+  uint32_t a = y, b = z, sum = 0;
+  const uint32_t k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3];
+#pragma GCC unroll 8
   for (int i = 0; i < kCycles; ++i) {
     sum += kDelta;
-    y += ((z << 4) + k[0]) ^ (z + sum) ^ ((z >> 5) + k[1]);
-    z += ((y << 4) + k[2]) ^ (y + sum) ^ ((y >> 5) + k[3]);
+    a += ((b << 4) + k0) ^ (b + sum) ^ ((b >> 5) + k1);
+    b += ((a << 4) + k2) ^ (a + sum) ^ ((a >> 5) + k3);
   }
+  y = a;
+  z = b;
 }
 
 void teaDecipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
-  uint32_t sum = kDecipherSum;
+  uint32_t a = y, b = z, sum = kDecipherSum;
+  const uint32_t k0 = k[0], k1 = k[1], k2 = k[2], k3 = k[3];
+#pragma GCC unroll 8
   for (int i = 0; i < kCycles; ++i) {
-    z -= ((y << 4) + k[2]) ^ (y + sum) ^ ((y >> 5) + k[3]);
-    y -= ((z << 4) + k[0]) ^ (z + sum) ^ ((z >> 5) + k[1]);
+    b -= ((a << 4) + k2) ^ (a + sum) ^ ((a >> 5) + k3);
+    a -= ((b << 4) + k0) ^ (b + sum) ^ ((b >> 5) + k1);
     sum -= kDelta;
   }
+  y = a;
+  z = b;
 }
 
 clsTEA::clsTEA() = default;
@@ -241,20 +293,8 @@ uint32_t clsTEA::randomWord() {
 
 void clsTEA::cipherBlocks(std::vector<uint8_t>& data, bool encipher, bool reportProgress) {
   static const std::function<void(int)> kSilent;
-  ProgressMeter meter(reportProgress ? Progress : kSilent, data.size());
-  for (size_t pos = 0; pos + kBlock <= data.size(); pos += kBlock) {
-    meter.at(pos);
-    uint8_t* block = data.data() + pos;
-    uint32_t y = loadBigEndian(block);
-    uint32_t z = loadBigEndian(block + 4);
-    if (encipher) {
-      teaEncipher(y, z, key_);
-    } else {
-      teaDecipher(y, z, key_);
-    }
-    storeBigEndian(block, y);
-    storeBigEndian(block + 4, z);
-  }
+  TeaProgressMeter meter(reportProgress ? Progress : kSilent, data.size());
+  cipherRange(data.data(), data.size(), encipher, &meter, 0);
   meter.finish();
 }
 
@@ -312,25 +352,115 @@ std::optional<std::string> clsTEA::DecryptString(std::string_view text,
   return std::string(bytes.begin(), bytes.end());
 }
 
+void clsTEA::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressMeter* meter,
+                         uint64_t position) {
+  const TeaKey key = key_;
+  for (size_t pos = 0; pos + kBlock <= size; pos += kBlock) {
+    if (meter != nullptr) meter->at(position + pos);
+    uint8_t* block = data + pos;
+    uint32_t y = loadBigEndian(block);
+    uint32_t z = loadBigEndian(block + 4);
+    if (encipher) {
+      teaEncipher(y, z, key);
+    } else {
+      teaDecipher(y, z, key);
+    }
+    storeBigEndian(block, y);
+    storeBigEndian(block + 4, z);
+  }
+}
+
+// The file members stream: a frame is built or taken apart one chunk of
+// blocks at a time, so memory stays at one chunk whatever the file's size.
 bool clsTEA::EncryptFile(const std::string& source, const std::string& target,
                          std::optional<std::string_view> key) {
   error_ = {};
-  std::vector<uint8_t> bytes;
+  if (key) Key(*key);
   std::string reason;
-  if (!readWholeFile(source, bytes, reason)) return fail(kTeaErrFileRead, reason);
-  if (!EncryptByte(bytes, key)) return false;
-  if (!writeFileSafely(target, bytes, reason)) return fail(kTeaErrFileWrite, reason);
+  SourceFile in;
+  if (!in.open(source, reason)) return fail(kTeaErrFileRead, reason);
+  if (in.size() > kMaxPlaintext) return fail(kTeaErrTooLarge, "Data too large for TEA encryption");
+  const uint64_t n = in.size();
+  const uint64_t length = (n + kHeader + kBlock - 1) / kBlock * kBlock;
+  SafeTarget out(target);
+  if (!out.open(reason)) return fail(kTeaErrFileWrite, reason);
+
+  std::vector<uint8_t> buffer(kChunk, 0);
+  storeLittleEndian(buffer.data(), randomWord());
+  storeLittleEndian(buffer.data() + 8, static_cast<uint32_t>(n));
+  size_t fill = kHeader;
+  uint64_t remaining = n;
+  uint64_t position = 0;
+  TeaProgressMeter meter(Progress, length);
+  while (position < length) {
+    const size_t take = static_cast<size_t>(std::min<uint64_t>(kChunk - fill, remaining));
+    if (!in.read(buffer.data() + fill, take, reason)) return fail(kTeaErrFileRead, reason);
+    fill += take;
+    remaining -= take;
+    if (remaining == 0) {
+      const size_t padded = (fill + kBlock - 1) / kBlock * kBlock;
+      std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(fill),
+                buffer.begin() + static_cast<std::ptrdiff_t>(padded), 0);
+      fill = padded;
+    }
+    cipherRange(buffer.data(), fill, true, &meter, position);
+    if (!out.write(buffer.data(), fill, reason)) return fail(kTeaErrFileWrite, reason);
+    position += fill;
+    fill = 0;
+  }
+  meter.finish();
+  if (!out.commit(reason)) return fail(kTeaErrFileWrite, reason);
   return true;
 }
 
 bool clsTEA::DecryptFile(const std::string& source, const std::string& target,
                          std::optional<std::string_view> key) {
   error_ = {};
-  std::vector<uint8_t> bytes;
+  if (key) Key(*key);
   std::string reason;
-  if (!readWholeFile(source, bytes, reason)) return fail(kTeaErrFileRead, reason);
-  if (!DecryptByte(bytes, key)) return false;
-  if (!writeFileSafely(target, bytes, reason)) return fail(kTeaErrFileWrite, reason);
+  SourceFile in;
+  if (!in.open(source, reason)) return fail(kTeaErrFileRead, reason);
+  const uint64_t length = in.size();
+  if (length < kHeader + 4 || length % kBlock != 0 ||
+      length > static_cast<uint64_t>(std::numeric_limits<int32_t>::max())) {
+    return fail(kTeaErrSizeDescriptor, std::string(kTeaTextSizeDescriptor));
+  }
+  // The first two blocks hold the header; check it before writing anything.
+  std::vector<uint8_t> buffer(kChunk);
+  const size_t first = static_cast<size_t>(std::min<uint64_t>(kChunk, length));
+  if (!in.read(buffer.data(), first, reason)) return fail(kTeaErrFileRead, reason);
+  uint8_t head[16];
+  std::memcpy(head, buffer.data(), sizeof head);
+  cipherRange(head, sizeof head, false, nullptr, 0);
+  const int64_t n = static_cast<int32_t>(loadLittleEndian(head + 8));
+  const int64_t overhead = static_cast<int64_t>(length) - n;
+  if (n < 0 || overhead < kMinOverhead || overhead > kMaxOverhead) {
+    return fail(kTeaErrSizeDescriptor, std::string(kTeaTextSizeDescriptor));
+  }
+
+  SafeTarget out(target);
+  if (!out.open(reason)) return fail(kTeaErrFileWrite, reason);
+  TeaProgressMeter meter(Progress, length);
+  const uint64_t plainEnd = kHeader + static_cast<uint64_t>(n);
+  uint64_t position = 0;
+  size_t fill = first;
+  for (;;) {
+    cipherRange(buffer.data(), fill, false, &meter, position);
+    // The part of this chunk that lies in [12, 12 + n).
+    const uint64_t from = std::max<uint64_t>(position, kHeader);
+    const uint64_t to = std::min<uint64_t>(position + fill, plainEnd);
+    if (to > from) {
+      if (!out.write(buffer.data() + (from - position), static_cast<size_t>(to - from), reason)) {
+        return fail(kTeaErrFileWrite, reason);
+      }
+    }
+    position += fill;
+    if (position >= length) break;
+    fill = static_cast<size_t>(std::min<uint64_t>(kChunk, length - position));
+    if (!in.read(buffer.data(), fill, reason)) return fail(kTeaErrFileRead, reason);
+  }
+  meter.finish();
+  if (!out.commit(reason)) return fail(kTeaErrFileWrite, reason);
   return true;
 }
 

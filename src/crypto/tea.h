@@ -17,6 +17,8 @@
 
 namespace tavrix {
 
+class TeaProgressMeter;
+
 // The key words k0..k3.
 using TeaKey = std::array<uint32_t, 4>;
 
@@ -58,15 +60,16 @@ class clsTEA {
   // Draws the random word from `random` (tests make frames reproducible).
   explicit clsTEA(RandomSource random);
 
-  // Reads `source` whole, encrypts it as one frame and writes the frame to
-  // `target`. The target is written under a temporary name in its folder and
+  // Reads `source`, encrypts it as one frame and writes the frame to
+  // `target`, streaming: memory use does not grow with the file. The target is written under a temporary name in its folder and
   // renamed when complete, so a failure never leaves a partial target and
   // leaves an existing target untouched. `key`, when given, is set first.
   bool EncryptFile(const std::string& source, const std::string& target,
                    std::optional<std::string_view> key = std::nullopt);
   // Reads the frame in `source`, decrypts it and writes the plaintext to
-  // `target` in the same safe way; nothing is written when the frame check
-  // fails (a wrong key or a damaged file).
+  // `target` in the same safe way and as a stream; the header is checked
+  // first, so nothing is written when the frame check fails (a wrong key or
+  // a damaged file).
   bool DecryptFile(const std::string& source, const std::string& target,
                    std::optional<std::string_view> key = std::nullopt);
 
@@ -104,6 +107,10 @@ class clsTEA {
 
  private:
   void cipherBlocks(std::vector<uint8_t>& data, bool encipher, bool reportProgress);
+  // Ciphers the whole blocks of data[0, size); `position` is their offset in
+  // the frame, for the progress meter (none: no progress).
+  void cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressMeter* meter,
+                   uint64_t position);
   uint32_t randomWord();
   bool fail(uint32_t number, std::string description);
 

@@ -387,5 +387,80 @@ TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   EXPECT_EQ(folder.count(), 19u);
 }
 
+TEST(TeaFiles, StreamedFramesMatchTheByteFramesAcrossChunkEdges) {
+  TempFolder folder;
+  constexpr size_t kChunk = 64 * 1024;
+  for (size_t n : {kChunk - 12, kChunk - 13, kChunk - 4, kChunk + 5, 3 * kChunk + 1001}) {
+    const std::string plain = folder.file("plain");
+    writeFile(plain, sample(n));
+    std::vector<int> fileProgress;
+    std::vector<int> byteProgress;
+    clsTEA streamed([] { return 0.25; });
+    streamed.Progress = [&](int p) { fileProgress.push_back(p); };
+    ASSERT_TRUE(streamed.EncryptFile(plain, folder.file("sealed"), "chunk key"));
+    clsTEA whole([] { return 0.25; });
+    whole.Progress = [&](int p) { byteProgress.push_back(p); };
+    std::vector<uint8_t> frame = sample(n);
+    ASSERT_TRUE(whole.EncryptByte(frame, "chunk key"));
+    EXPECT_EQ(readFile(folder.file("sealed")), frame) << n;
+    EXPECT_EQ(fileProgress, byteProgress) << n;
+
+    fileProgress.clear();
+    byteProgress.clear();
+    ASSERT_TRUE(streamed.DecryptFile(folder.file("sealed"), folder.file("back")));
+    ASSERT_TRUE(whole.DecryptByte(frame));
+    EXPECT_EQ(readFile(folder.file("back")), sample(n)) << n;
+    EXPECT_EQ(fileProgress, byteProgress) << n;
+  }
+}
+
+TEST(TeaFiles, DamagedFramesGiveTheSizeDescriptorErrorAndNoFile) {
+  TempFolder folder;
+  clsTEA tea([] { return 0.5; });
+  std::vector<uint8_t> frame = sample(100);
+  ASSERT_TRUE(tea.EncryptByte(frame, "k"));
+
+  // A frame whose length field says `n`, enciphered with key "k".
+  auto withLength = [&](uint32_t n, size_t frameLength) {
+    std::vector<uint8_t> raw(frameLength, 0);
+    raw[8] = static_cast<uint8_t>(n);
+    raw[9] = static_cast<uint8_t>(n >> 8);
+    raw[10] = static_cast<uint8_t>(n >> 16);
+    raw[11] = static_cast<uint8_t>(n >> 24);
+    const TeaKey key = teaKeyFromText("k");
+    for (size_t i = 0; i < 16; i += 8) {
+      uint32_t y = uint32_t{raw[i]} << 24 | uint32_t{raw[i + 1]} << 16 | uint32_t{raw[i + 2]} << 8 | raw[i + 3];
+      uint32_t z = uint32_t{raw[i + 4]} << 24 | uint32_t{raw[i + 5]} << 16 | uint32_t{raw[i + 6]} << 8 | raw[i + 7];
+      teaEncipher(y, z, key);
+      for (int b = 0; b < 4; ++b) {
+        raw[i + b] = static_cast<uint8_t>(y >> (24 - 8 * b));
+        raw[i + 4 + b] = static_cast<uint8_t>(z >> (24 - 8 * b));
+      }
+    }
+    return raw;
+  };
+  std::vector<uint8_t> truncated(frame.begin(), frame.end() - 8);
+  std::vector<uint8_t> ragged(frame.begin(), frame.end() - 3);
+  std::vector<uint8_t> random(4096);
+  for (size_t i = 0; i < random.size(); ++i) random[i] = static_cast<uint8_t>(i * 97 + 13);
+  const std::vector<std::vector<uint8_t>> bad = {
+      {}, bytesOf("short"), truncated, ragged, random, withLength(0x7FFFFFFF, 64),
+      withLength(0xFFFFFFF0u, 16), withLength(0x80000000u, 32), withLength(40, 48)};
+  int i = 0;
+  for (const auto& bytes : bad) {
+    const std::string name = "bad" + std::to_string(i++);
+    writeFile(folder.file(name), bytes);
+    EXPECT_FALSE(tea.DecryptFile(folder.file(name), folder.file(name + ".out"), "k")) << name;
+    EXPECT_EQ(tea.LastError().number, kTeaErrSizeDescriptor) << name;
+    EXPECT_EQ(tea.LastError().description, "Incorrect size descriptor in TEA decryption");
+    EXPECT_FALSE(std::filesystem::exists(folder.file(name + ".out"))) << name;
+  }
+  EXPECT_EQ(folder.count(), bad.size());
+  // The same frame with its right length decrypts.
+  writeFile(folder.file("good"), withLength(33, 48));
+  EXPECT_TRUE(tea.DecryptFile(folder.file("good"), folder.file("good.out"), "k"));
+  EXPECT_EQ(readFile(folder.file("good.out")).size(), 33u);
+}
+
 }  // namespace
 }  // namespace tavrix

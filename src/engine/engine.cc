@@ -19,11 +19,15 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
       events_(*clock_),
       trace_(*clock_),
       companion_(&trace_),
-      sequencer_(events_, op, trace_) {
+      sequencer_(events_, op, trace_),
+      paths_(defaultDataRoot()),
+      testDatabase_(sequencer_, paths_) {
   RegisterSequencerCommands(sequencer_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
+  testDatabase_.results.dataDirectory = defaultDataRoot() + "/data";
+  testDatabase_.registerCommands();
 }
 
 Engine::~Engine() = default;
@@ -46,6 +50,18 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   };
   calc_ = std::make_unique<CalcChannels>(events_, std::move(ports));
   RegisterCalcChannelCommands(sequencer_, *calc_);
+
+  // The stage checks read channels through the channel operations; the test
+  // database's paths use the instrument's drive map, and results without a
+  // directory of their own go to the link's data directory.
+  for (const auto& [letter, folder] : instrument_->settings().driveMap) paths_.setDrive(letter, folder);
+  testDatabase_.results.dataDirectory = instrument_->link().GetDataDirectory();
+  testDatabase_.readChannel = [this](const std::string& name, std::string& value,
+                                     std::string& error) {
+    if (instrument_->channels().ReadChannel(name, value)) return true;
+    error = instrument_->link().lastErrorText;
+    return false;
+  };
   return true;
 }
 

@@ -8,11 +8,13 @@
 #include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
+#include "common/paths.h"
 #include "common/trace.h"
 #include "instrument/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
 #include "sequencer/sequencer.h"
+#include "testdb/test_database.h"
 
 namespace tavrix {
 
@@ -27,6 +29,9 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
+  // How Windows paths in sequence and definition files map to local ones.
+  PathMap& paths() { return paths_; }
+  TestDatabase& testDatabase() { return testDatabase_; }
   // The companion programs. On this platform a recording adapter: it writes
   // what was asked to the trace and answers only configured requests.
   RecordingCompanion& companion() { return companion_; }
@@ -63,6 +68,8 @@ class Engine {
   Trace trace_;
   RecordingCompanion companion_;
   Sequencer sequencer_;
+  PathMap paths_;
+  TestDatabase testDatabase_;
   InstrumentChannels channelAccess_{*this};
   std::unique_ptr<Instrument> instrument_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;

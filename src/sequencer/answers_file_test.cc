@@ -53,5 +53,24 @@ TEST(ScriptedOperator, RefusesACaptionThatIsNoButton) {
   EXPECT_NE(op.unansweredReason().find("no answer left"), std::string::npos);
 }
 
+TEST(ScriptedOperator, FieldsAfterTheButtonReachTheAskerWhole) {
+  ScriptedOperator op(AnswersFile::parse("DATAENTRY: accept|serial=12|operator=Ann Lee\n"
+                                         "DATAENTRY: Maybe|serial=13\n"
+                                         "ENTEROKCANCEL: OK|serial=14\n"),
+                      nullptr);
+  Question entry{"DATAENTRY", "", "Data?", {"Accept", "Cancel"}};
+  entry.fieldsAfterButton = true;
+  Answer got;
+  op.ask(entry, [&](Answer a) { got = a; });
+  EXPECT_EQ(got, "Accept|serial=12|operator=Ann Lee");
+  // The part before the first '|' must still name a button.
+  op.ask(entry, [&](Answer a) { got = a; });
+  EXPECT_EQ(got, std::nullopt);
+  // A question without fields keeps taking whole captions only.
+  Question plain{"ENTEROKCANCEL", "", "Go?", {"OK", "Cancel"}};
+  op.ask(plain, [&](Answer a) { got = a; });
+  EXPECT_EQ(got, std::nullopt);
+}
+
 }  // namespace
 }  // namespace tavrix

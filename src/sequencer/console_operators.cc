@@ -32,6 +32,16 @@ std::string MatchButton(const Question& question, std::string_view text) {
   return {};
 }
 
+std::string MatchAnswer(const Question& question, std::string_view text) {
+  const std::string button = MatchButton(question, text);
+  if (!button.empty() || !question.fieldsAfterButton) return button;
+  const size_t bar = text.find('|');
+  if (bar == std::string_view::npos) return {};
+  const std::string first = MatchButton(question, text.substr(0, bar));
+  if (first.empty()) return {};
+  return first + std::string(text.substr(bar));
+}
+
 void ScriptedOperator::ask(const Question& question, std::function<void(Answer)> answered) {
   const AnswersFile::Line* line = answers_.take(question.kind);
   if (line == nullptr) {
@@ -43,7 +53,7 @@ void ScriptedOperator::ask(const Question& question, std::function<void(Answer)>
     answered(line->caption);  // a typed entry
     return;
   }
-  const std::string button = MatchButton(question, line->caption);
+  const std::string button = MatchAnswer(question, line->caption);
   if (button.empty()) {
     std::string captions;
     for (const auto& caption : question.buttons) captions += (captions.empty() ? "" : ", ") + caption;
@@ -90,7 +100,7 @@ void TerminalOperator::ask(const Question& question, std::function<void(Answer)>
         answered(line);
         return;
       }
-      const std::string button = MatchButton(question, line);
+      const std::string button = MatchAnswer(question, line);
       if (!button.empty()) {
         answered(button);
         return;

@@ -54,4 +54,9 @@ class TerminalOperator : public Operator {
 // any case, or its number from 1. Empty when none matches.
 std::string MatchButton(const Question& question, std::string_view text);
 
+// The answer that `text` gives to `question`: the button it names, and for a
+// question with fields after its button, the fields too ("accept|serial=1"
+// gives "Accept|serial=1"). Empty when it names no button.
+std::string MatchAnswer(const Question& question, std::string_view text);
+
 }  // namespace tavrix

@@ -19,6 +19,9 @@ struct Question {
   std::string title;  // window title, where the question has one
   std::string text;
   std::vector<std::string> buttons;  // captions as the window shows them
+  // The answer may carry the window's entry fields after the button's
+  // caption, each after a '|': "Accept|serial=1234|date=15-11-2026".
+  bool fieldsAfterButton = false;
 };
 
 // The caption of the button pressed (or the text entered); std::nullopt

@@ -149,6 +149,7 @@ void Sequencer::runLoop() {
     if (!readNextLine(line)) break;
     if (!flags_.stopRequested) dispatchLine(line);
   }
+  for (auto& hook : runEndHooks_) hook();
 
   if (!flags_.stopRequested) {
     if (endReason_ == EndReason::kNone) endReason_ = EndReason::kEndOfFile;

@@ -178,6 +178,11 @@ class Sequencer {
   // Hooks run by the Stop button (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
 
+  // Hooks run once when a run ends, whatever ended it (end of file, STOP, a
+  // sequence error, the Stop button), after the last line and before the
+  // end reason is settled: a hook may still report a sequence error.
+  void addRunEndHook(std::function<void()> hook) { runEndHooks_.push_back(std::move(hook)); }
+
   EndReason endReason() const { return endReason_; }
   // The text of the last sequence error reported, if any.
   const std::string& lastSequenceError() const { return lastError_; }
@@ -207,6 +212,7 @@ class Sequencer {
   Timer secondsTimer_;
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
+  std::vector<std::function<void()>> runEndHooks_;
   std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;
   std::string lastError_;

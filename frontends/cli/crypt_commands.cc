@@ -1,0 +1,154 @@
+#include "crypt_commands.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <future>
+#include <memory>
+
+#include "crypto/encrypted_files.h"
+#include "sequencer/console_operators.h"
+
+namespace tavrix {
+
+namespace {
+
+// Files from this size on show a progress bar, when the error stream is a
+// terminal.
+constexpr uintmax_t kProgressFrom = 1024 * 1024;
+constexpr int kBarWidth = 40;
+
+class ProgressBar {
+ public:
+  ProgressBar(std::FILE* err, std::string_view verb, const std::string& path)
+      : err_(err), verb_(verb) {
+    std::error_code ec;
+    const uintmax_t size = std::filesystem::file_size(path, ec);
+    shown_ = !ec && size >= kProgressFrom && err != nullptr && isatty(fileno(err));
+  }
+  std::function<void(int)> callback() {
+    if (!shown_) return {};
+    return [this](int percent) {
+      const int filled = percent * kBarWidth / 100;
+      std::fprintf(err_, "\r%s [%s%s] %3d%%", verb_.c_str(), std::string(filled, '#').c_str(),
+                   std::string(kBarWidth - filled, '.').c_str(), percent);
+      std::fflush(err_);
+      drawn_ = true;
+    };
+  }
+  ~ProgressBar() {
+    if (drawn_) std::fputc('\n', err_);
+  }
+
+ private:
+  std::FILE* err_;
+  std::string verb_;
+  bool shown_ = false;
+  bool drawn_ = false;
+};
+
+// Asks the overwrite question; true for Yes.
+bool ConfirmOverwrite(const CryptOptions& options, const std::string& destination, std::FILE* in,
+                      std::FILE* err) {
+  if (options.yes) return true;
+  std::unique_ptr<Operator> op;
+  if (options.answers) {
+    std::string error;
+    auto answers = AnswersFile::load(*options.answers, &error);
+    if (!answers) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+      return false;
+    }
+    op = std::make_unique<ScriptedOperator>(std::move(*answers), err);
+  } else if (in != nullptr && isatty(fileno(in))) {
+    op = std::make_unique<TerminalOperator>(in, err);
+  } else {
+    op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
+  }
+  Question question;
+  question.kind = kOverwriteKind;
+  question.title = kOverwriteTitle;
+  question.text = overwriteQuestion(destination);
+  question.buttons = {"Yes", "No"};
+  std::promise<Answer> promise;
+  std::future<Answer> answer = promise.get_future();
+  op->ask(question, [&promise](Answer a) { promise.set_value(std::move(a)); });
+  const Answer got = answer.get();
+  if (!got) {
+    std::fprintf(err,
+                 "tavrix-cli: no answer to \"%s\" - %s; nothing was changed (--yes replaces)\n",
+                 question.text.c_str(), op->unansweredReason().c_str());
+    return false;
+  }
+  return *got == "Yes";
+}
+
+int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err,
+             bool decrypt) {
+  const CounterpartName name =
+      decrypt ? plainCounterpart(options.file) : encryptedCounterpart(options.file);
+  if (name.outcome == CounterpartName::Outcome::kNotRecognised) {
+    std::fprintf(err, "tavrix-cli: %s\n", name.message.c_str());
+    return kCryptUsage;
+  }
+  if (name.outcome != CounterpartName::Outcome::kRecognised) {
+    std::fprintf(err, "tavrix-cli: %s%s (the name has no extension)\n",
+                 std::string(kMsgNotRecognised).c_str(), options.file.c_str());
+    return kCryptUsage;
+  }
+  std::error_code ec;
+  if (std::filesystem::exists(name.destination, ec) &&
+      !ConfirmOverwrite(options, name.destination, in, err)) {
+    return kCryptDeclined;
+  }
+  ProgressBar bar(err, decrypt ? "Decrypting" : "Encrypting", options.file);
+  std::string error;
+  const std::string_view key = options.key ? std::string_view(*options.key) : kDefaultUtilityKey;
+  const bool ok = decrypt
+                      ? decryptFile(options.file, name.destination, key, &error, bar.callback())
+                      : encryptFile(options.file, name.destination, key, &error, bar.callback());
+  if (!ok) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kCryptFailed;
+  }
+  std::fprintf(out, "%s\n", name.destination.c_str());
+  return kCryptDone;
+}
+
+}  // namespace
+
+int DecryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  CryptOptions withUtilityKey = options;
+  withUtilityKey.key.reset();
+  return RunCrypt(withUtilityKey, in, out, err, true);
+}
+
+int EncryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  return RunCrypt(options, in, out, err, false);
+}
+
+CryptCommands::CryptCommands(CLI::App& app) {
+  decrypt_ = app.add_subcommand(
+      "decrypt", "Decrypt an encrypted file (.wte, .txe, .xme, .wle) into its plain counterpart");
+  decrypt_->add_flag("--yes", decryptOptions_.yes,
+                     "Replace an existing destination without asking");
+  decrypt_->add_option("--answers", decryptOptions_.answers, "File of scripted operator answers");
+  decrypt_->add_option("FILE", decryptOptions_.file, "The encrypted file")->required();
+
+  encrypt_ = app.add_subcommand(
+      "encrypt", "Encrypt a plain file (.wts, .txt, .xml, .wl) into its encrypted counterpart");
+  encrypt_->add_option("--key", encryptOptions_.key, "Key text (default: the utility key)");
+  encrypt_->add_flag("--yes", encryptOptions_.yes,
+                     "Replace an existing destination without asking");
+  encrypt_->add_option("--answers", encryptOptions_.answers, "File of scripted operator answers");
+  encrypt_->add_option("FILE", encryptOptions_.file, "The plain file")->required();
+}
+
+std::optional<int> CryptCommands::run(std::FILE* in, std::FILE* out, std::FILE* err) const {
+  if (decrypt_->parsed()) return DecryptCommand(decryptOptions_, in, out, err);
+  if (encrypt_->parsed()) return EncryptCommand(encryptOptions_, in, out, err);
+  return std::nullopt;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,146 @@
+#include "crypt_commands.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "crypto/tea.h"
+#include "run_command.h"
+
+namespace tavrix {
+namespace {
+
+using ::testing::HasSubstr;
+
+class CryptCliTest : public ::testing::Test {
+ protected:
+  CryptCliTest() {
+    char dir[] = "/tmp/crypttestXXXXXX";
+    dir_ = mkdtemp(dir);
+  }
+  ~CryptCliTest() override {
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string File(const std::string& name, const std::string& text) {
+    std::ofstream(Path(name), std::ios::binary) << text;
+    return Path(name);
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream in(Path(name), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  size_t Count() const {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir_), {}));
+  }
+  // An encrypted file made with `key`.
+  std::string Sealed(const std::string& name, const std::string& plain, std::string_view key) {
+    clsTEA tea;
+    const std::string source = File("source.tmp", plain);
+    EXPECT_TRUE(tea.EncryptFile(source, Path(name), key));
+    std::filesystem::remove(source);
+    return Path(name);
+  }
+  int Cli(std::vector<std::string> args) {
+    args.insert(args.begin(), "tavrix-cli");
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
+    const int status = TavrixCliMain(args, nullptr, out, err);
+    out_ = Slurp(out);
+    err_ = Slurp(err);
+    return status;
+  }
+  static std::string Slurp(std::FILE* f) {
+    std::rewind(f);
+    std::string text;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+    return text;
+  }
+
+  std::string dir_;
+  std::string out_;
+  std::string err_;
+};
+
+TEST_F(CryptCliTest, DecryptWritesThePlainCounterpartWithTheUtilityKey) {
+  const std::string sealed = Sealed("PUMP.WTE", "WAITSECONDS 5\r\n", "OSKIRA");
+  EXPECT_EQ(Cli({"decrypt", sealed}), kCryptDone) << err_;
+  EXPECT_EQ(Read("PUMP.wts"), "WAITSECONDS 5\r\n");
+  EXPECT_EQ(out_, Path("PUMP.wts") + "\n");
+  // Not a terminal: no progress bar.
+  EXPECT_EQ(err_, "");
+
+  // The logger extension gets its "e" removed.
+  Sealed("data.wle", "log", "OSKIRA");
+  EXPECT_EQ(Cli({"decrypt", Path("data.wle")}), kCryptDone) << err_;
+  EXPECT_EQ(Read("data.wl"), "log");
+}
+
+TEST_F(CryptCliTest, AnExistingDestinationIsReplacedOnlyAfterYes) {
+  const std::string sealed = Sealed("run.txe", "new text", "OSKIRA");
+  File("run.txt", "old text");
+  // No operator can answer: nothing changes.
+  EXPECT_EQ(Cli({"decrypt", sealed}), kCryptDeclined);
+  EXPECT_THAT(err_, HasSubstr("File " + Path("run.txt") + " already exists - overwrite"));
+  EXPECT_EQ(Read("run.txt"), "old text");
+
+  File("no.answers", "OVERWRITE: No\n");
+  EXPECT_EQ(Cli({"decrypt", "--answers", Path("no.answers"), sealed}), kCryptDeclined);
+  EXPECT_EQ(Read("run.txt"), "old text");
+
+  File("yes.answers", "OVERWRITE: Yes\n");
+  EXPECT_EQ(Cli({"decrypt", "--answers", Path("yes.answers"), sealed}), kCryptDone) << err_;
+  EXPECT_EQ(Read("run.txt"), "new text");
+
+  File("run.txt", "old again");
+  EXPECT_EQ(Cli({"decrypt", sealed, "--yes"}), kCryptDone) << err_;
+  EXPECT_EQ(Read("run.txt"), "new text");
+}
+
+TEST_F(CryptCliTest, FailuresLeaveNoFileAndSayWhy) {
+  const std::string wrongKey = Sealed("a.xme", "<x/>", "not the utility key");
+  EXPECT_EQ(Cli({"decrypt", wrongKey}), kCryptFailed);
+  EXPECT_THAT(err_, HasSubstr("Failed to decrypt " + wrongKey));
+  EXPECT_THAT(err_, HasSubstr("Incorrect size descriptor in TEA decryption"));
+  EXPECT_FALSE(std::filesystem::exists(Path("a.xml")));
+
+  File("empty.wte", "");
+  EXPECT_EQ(Cli({"decrypt", Path("empty.wte")}), kCryptFailed);
+  EXPECT_THAT(err_, HasSubstr("Incorrect size descriptor"));
+  EXPECT_EQ(Cli({"decrypt", Path("missing.wte")}), kCryptFailed);
+  EXPECT_THAT(err_, HasSubstr("Failed to decrypt " + Path("missing.wte")));
+  EXPECT_EQ(Count(), 2u);  // a.xme, empty.wte
+
+  EXPECT_EQ(Cli({"decrypt", Path("notes.doc")}), kCryptUsage);
+  EXPECT_THAT(err_, HasSubstr("File extension not recognised by encrypt software: " +
+                              Path("notes.doc")));
+  EXPECT_EQ(Cli({"decrypt", dir_ + "/noextension"}), kCryptUsage);
+  // The first "." splits the name, so a dotted folder is not recognised.
+  EXPECT_EQ(Cli({"decrypt", "/tmp/test.old/seq.wte"}), kCryptUsage);
+  EXPECT_EQ(Cli({"decrypt"}), kExitUsage);
+}
+
+TEST_F(CryptCliTest, EncryptThenDecryptWithAKey) {
+  File("seq.wts", "STOP\r\n");
+  EXPECT_EQ(Cli({"encrypt", Path("seq.wts"), "--key", "secret"}), kCryptDone) << err_;
+  EXPECT_EQ(out_, Path("seq.wte") + "\n");
+  clsTEA tea;
+  ASSERT_TRUE(tea.DecryptFile(Path("seq.wte"), Path("back"), "secret"));
+  EXPECT_EQ(Read("back"), "STOP\r\n");
+  // Without --key the utility key is used, which decrypt takes.
+  std::filesystem::remove(Path("seq.wte"));
+  EXPECT_EQ(Cli({"encrypt", Path("seq.wts")}), kCryptDone) << err_;
+  std::filesystem::remove(Path("seq.wts"));
+  EXPECT_EQ(Cli({"decrypt", Path("seq.wte")}), kCryptDone) << err_;
+  EXPECT_EQ(Read("seq.wts"), "STOP\r\n");
+  EXPECT_EQ(Cli({"encrypt", Path("seq.wte")}), kCryptUsage);
+}
+
+}  // namespace
+}  // namespace tavrix

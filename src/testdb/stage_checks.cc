@@ -1,0 +1,226 @@
+#include "testdb/stage_checks.h"
+
+#include "common/text_conventions.h"
+#include "sequencer/sequencer.h"
+#include "testdb/test_database.h"
+
+namespace tavrix {
+
+std::string LimitText(float limit) { return std::string(trimLeft(numberTextSingle(limit))); }
+
+std::string LimitFailureText(std::string_view value, float lower, float upper) {
+  return "Value: " + std::string(value) + "  Min: " + LimitText(lower) +
+         "  Max: " + LimitText(upper);
+}
+
+void TestDatabase::RunStageCheck(int16_t step) {
+  // Without a UUT under test (none entered yet, or its test abandoned) there
+  // is nothing to check and no record to keep the results.
+  if (abandoned_ || !uutOpen_) {
+    if (seq_.trace().enabled()) {
+      seq_.trace().event("stagecheck").field("step", step).field("skipped", true);
+    }
+    return;
+  }
+  step_ = step;
+  // A Repeat in the check-failure window evaluates the whole step again.
+  for (;;) {
+    continue_ = true;
+    collected_.clear();
+    for (size_t i = 0; i < definition_.stageChecks.size(); ++i) {
+      if (definition_.stageChecks[i].step != step_) continue;
+      stageRow_ = i + 1;
+      const RowOutcome outcome = evaluateRow(definition_.stageChecks[i]);
+      if (runEnding()) return;
+      if (outcome.stopStep) break;
+    }
+    if (!collected_.empty()) {
+      verdict_ = askCheckFailure();
+      if (verdict_ == 0) return;  // unanswered: the run ends
+    } else {
+      verdict_ = kVerdictPass;
+    }
+    if (verdict_ != kVerdictRepeat) break;
+  }
+  if (verdict_ == kVerdictFail) continue_ = false;
+  if (!continue_) {
+    abandoned_ = true;
+    if (seq_.trace().enabled()) {
+      seq_.trace().event("uut").field("serial", uut_.serialNumber).field("state", "abandoned");
+    }
+  }
+}
+
+TestDatabase::RowOutcome TestDatabase::evaluateRow(const StageCheck& row) {
+  const std::string type = upperCase(trim(row.type));
+  if (type == kCheckManual) return manualRow(row);
+  if (type == kCheckRecord) return recordRow(row);
+  if (type == kCheckMeasure) return valueRow(row, false);
+  if (type == kCheckDifference) return valueRow(row, true);
+  seq_.showMessage(std::string(kMsgUnrecognisedType) + row.type);
+  return {};
+}
+
+TestDatabase::RowOutcome TestDatabase::manualRow(const StageCheck& row) {
+  const std::string name = row.text7.empty() ? std::string(kUnNamed) : row.text7;
+  const std::string text = row.text9.empty() ? name : row.text9;
+  // Fail and Repeat records the failure and asks again.
+  for (;;) {
+    const int verdict = askUutCheck(text);
+    if (verdict == 0) return {true};
+    verdict_ = verdict;
+    CheckEntry check;
+    check.parameter = name;
+    check.units = row.text8;
+    check.stage = step_;
+    if (verdict == kVerdictPass) {
+      check.value = kOpPass;
+      uut_.checks.push_back(std::move(check));
+      return {};
+    }
+    uut_.failures.push_back({step_, name, std::string(kOpFail), ""});
+    check.value = kOpFail;
+    check.passed = false;
+    check.failureText = kOpFail;
+    uut_.checks.push_back(std::move(check));
+    if (verdict != kVerdictFailRepeat) return {};
+  }
+}
+
+bool TestDatabase::readValue(const std::string& channel, float& value) {
+  std::string text;
+  std::string error;
+  if (!readChannel || !readChannel(channel, text, error)) {
+    if (!readChannel) error = "no channel can be read in this program";
+    seq_.reportSequenceError("Stage " + formatNumber(step_, "0") + ": cannot read channel " +
+                             channel + ": " + error);
+    return false;
+  }
+  value = static_cast<float>(leadingNumber(text));
+  return true;
+}
+
+TestDatabase::RowOutcome TestDatabase::recordRow(const StageCheck& row) {
+  CheckEntry check;
+  check.parameter = row.text7.empty() ? row.channel : row.text7;
+  check.channel = row.channel;
+  check.units = row.text8;
+  check.stage = step_;
+  std::optional<std::string> supplied;
+  if (recordValue) supplied = recordValue(row);
+  if (supplied) {
+    check.value = *supplied;
+  } else {
+    if (row.channel.empty()) return {};
+    float value = 0;
+    if (!readValue(row.channel, value)) return {true};
+    check.value = formatNumber(value, kValueFormat);
+  }
+  if (check.parameter.empty()) check.parameter = kUnNamed;
+  uut_.checks.push_back(std::move(check));
+  return {};
+}
+
+TestDatabase::RowOutcome TestDatabase::valueRow(const StageCheck& row, bool difference) {
+  if (row.channel.empty() || (difference && row.secondChannel.empty())) return {};
+  float value = 0;
+  if (!readValue(row.channel, value)) return {true};
+  CheckEntry check;
+  if (difference) {
+    float second = 0;
+    if (!readValue(row.secondChannel, second)) return {true};
+    value -= second;
+    check.parameter = row.channel + "-" + row.secondChannel;
+    check.channel = check.parameter;
+  } else {
+    check.parameter = row.text7.empty() ? row.channel : row.text7;
+    check.channel = row.channel;
+  }
+  check.value = formatNumber(value, kValueFormat);
+  check.units = row.text8;
+  check.lower = LimitText(row.lower);
+  check.upper = LimitText(row.upper);
+  check.stage = step_;
+  // The lower limit first; both limits belong to the passing range.
+  const bool passed = value >= row.lower && value <= row.upper;
+  if (passed) {
+    uut_.checks.push_back(std::move(check));
+    return {};
+  }
+  return valueFailed(row, std::move(check));
+}
+
+TestDatabase::RowOutcome TestDatabase::valueFailed(const StageCheck& row, CheckEntry check) {
+  const std::string text = LimitFailureText(check.value, row.lower, row.upper);
+  uut_.passed = false;
+  uut_.failures.push_back({step_, check.parameter, text, check.value});
+  check.passed = false;
+  check.failureText = text;
+  const std::string line = check.parameter + ": " + text;
+  uut_.checks.push_back(std::move(check));
+  collected_ += (collected_.empty() ? "" : "\r") + line;
+  const std::string alert = row.text9.empty() ? line : row.text9 + "\r" + line;
+  const int answer = askAlert(alert, AlertButtons::kAcceptCancel);
+  // Cancel passes over the step's remaining rows.
+  return {answer != 1};
+}
+
+int TestDatabase::askUutCheck(const std::string& text) {
+  Question question;
+  question.kind = kUutCheckKind;
+  question.title = kUutCheckCaption;
+  question.text = text;
+  question.buttons = {std::string(kPass), std::string(kFailAndRepeat),
+                      std::string(kFailAndContinue)};
+  const Answer answer = seq_.ask(question);
+  if (!answer) return 0;
+  if (*answer == kPass) {
+    continue_ = true;
+    return kVerdictPass;
+  }
+  uut_.passed = false;
+  if (*answer == kFailAndRepeat) {
+    continue_ = true;
+    return kVerdictFailRepeat;
+  }
+  continue_ = false;
+  return kVerdictFail;
+}
+
+int TestDatabase::askAlert(const std::string& text, AlertButtons buttons) {
+  Question question;
+  question.kind = kAlertKind;
+  question.title = kAlertCaption;
+  question.text = text;
+  if (buttons == AlertButtons::kAcceptCancel) {
+    question.buttons = {std::string(kAccept), std::string(kCancel)};
+  } else {
+    question.buttons = {std::string(kPass), std::string(kFail), std::string(kRetry)};
+  }
+  const Answer answer = seq_.ask(question);
+  if (!answer) return 0;
+  for (size_t i = 0; i < question.buttons.size(); ++i) {
+    if (question.buttons[i] == *answer) lastAlert_ = static_cast<int>(i) + 1;
+  }
+  return lastAlert_;
+}
+
+int TestDatabase::askCheckFailure() {
+  repeat_ = false;
+  Question question;
+  question.kind = kCheckFailureKind;
+  question.title = kCheckFailureTitle;
+  question.text = "Stage " + formatNumber(step_, "0") + "\r" + collected_ + "\r" +
+                  std::string(kCheckFailureKeys);
+  question.buttons = {std::string(kIgnore), std::string(kRepeat), std::string(kFailAndAbandon)};
+  const Answer answer = seq_.ask(question);
+  if (!answer) return 0;
+  if (*answer == kRepeat) {
+    repeat_ = true;
+    return kVerdictRepeat;
+  }
+  if (*answer == kFailAndAbandon) return kVerdictFail;
+  return kVerdictPass;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,147 @@
+#include "testdb/test_database.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "common/text_conventions.h"
+#include "crypto/vbtavrix.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+TestDatabase::TestDatabase(Sequencer& sequencer, const PathMap& paths)
+    : seq_(sequencer), paths_(paths) {}
+
+void TestDatabase::registerCommands() {
+  auto& d = seq_.dispatcher();
+  // DB_DATAENTRY details-file [label]: Cancel jumps to the label, or ends the
+  // run as STOP does when there is none.
+  d.registerHandler("DB_DATAENTRY", [this](Sequencer& seq, const CommandLine& cmd) {
+    FinishUut();
+    if (seq.flags().endRequested) return;
+    const bool accepted = OpenTestDatabase(std::string(trim(cmd.arg1)));
+    if (accepted || seq.flags().endRequested || seq.flags().stopRequested) return;
+    if (!cmd.arg2.empty()) {
+      seq.searchLabel(cmd.arg2);
+    } else {
+      seq.requestEnd(EndReason::kStop);
+    }
+  });
+  // DB_STAGECHECK step
+  d.registerHandler("DB_STAGECHECK", [this](Sequencer&, const CommandLine& cmd) {
+    const auto step = roundToInt16(leadingNumber(cmd.arg1));
+    if (!step) {
+      seq_.reportSequenceError("Stage step number out of range: " + cmd.arg1);
+      return;
+    }
+    RunStageCheck(*step);
+  });
+  seq_.addRunEndHook([this] { EndRun(); });
+}
+
+void TestDatabase::showPlainMessage(const std::string& text) {
+  if (seq_.trace().enabled()) seq_.trace().event("message").field("title", "").field("text", text);
+  seq_.operatorPort().showMessage("", text);
+}
+
+bool TestDatabase::askDataEntry(DataEntry& entry) {
+  const Micros now = seq_.clock().now();
+  Question question;
+  question.kind = kDataEntryKind;
+  question.title = kDataEntryTitle;
+  question.text = "Serial Number, " + std::string(kDateLabel) + " " +
+                  formatDate(now, "dd-mm-yyyy") + ", Operator(s), Description";
+  question.buttons = {std::string(kAccept), std::string(kCancel)};
+  question.fieldsAfterButton = true;
+  for (;;) {
+    const Answer answer = seq_.ask(question);
+    if (!answer) return false;
+    const DataEntryAnswer parsed = ParseDataEntryAnswer(*answer, now);
+    if (parsed.cancelled) return false;
+    if (parsed.accepted) {
+      entry = parsed.entry;
+      return true;
+    }
+    // The window stays open after its message.
+    showPlainMessage(parsed.message);
+    if (runEnding()) return false;
+  }
+}
+
+bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
+  accepted_ = false;
+  DataEntry entry;
+  if (askDataEntry(entry)) {
+    entry_ = entry;
+    accepted_ = true;
+  }
+  if (runEnding()) return false;
+
+  if (!loaded_) {
+    definition_ = TestDefinition{};
+    DefinitionReadOptions options;
+    options.paths = &paths_;
+    options.currentDirectory = currentDirectory;
+    if (options.currentDirectory.empty()) {
+      std::error_code ec;
+      options.currentDirectory = std::filesystem::current_path(ec).string();
+    }
+    options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
+    if (ReadTestDefinitionFiles(detailsPath, options, definition_)) {
+      loaded_ = true;
+    } else {
+      seq_.reportSequenceError(std::string(kMsgUnableToOpen) + detailsPath);
+    }
+  }
+
+  // Cancel stores nothing, so no record is started for it.
+  if (loaded_ && accepted_) {
+    uut_ = UutRecord{};
+    uut_.started = seq_.clock().now();
+    uut_.serialNumber = entry_.serialNumber;
+    uut_.testDate = entry_.testDate;
+    uut_.operators = entry_.operators;
+    uut_.description = entry_.description;
+    uut_.entryStatus = 1;
+    uut_.testVersion = definition_.details.version;
+    uutOpen_ = true;
+    abandoned_ = false;
+    if (seq_.trace().enabled()) {
+      seq_.trace().event("uut").field("serial", uut_.serialNumber).field("state", "started");
+    }
+  }
+  stageRow_ = 0;
+  return accepted_;
+}
+
+void TestDatabase::FinishUut() {
+  if (!uutOpen_) return;
+  uutOpen_ = false;
+  ++uutsFinished_;
+  if (!uut_.passed) anyUutFailed_ = true;
+  if (seq_.trace().enabled()) {
+    seq_.trace()
+        .event("uut")
+        .field("serial", uut_.serialNumber)
+        .field("state", uut_.passed ? "pass" : "fail");
+  }
+  std::string error;
+  if (!WriteTestResults(definition_.details, uut_, results, paths_, seq_.clock().now(), &error)) {
+    seq_.reportSequenceError("Unable to write the results of UUT " + uut_.serialNumber + ": " +
+                             error);
+  }
+  seq_.processPendingEvents();
+}
+
+void TestDatabase::EndRun() {
+  FinishUut();
+  loaded_ = false;
+  abandoned_ = false;
+  definition_ = TestDefinition{};
+}
+
+bool TestDatabase::runEnding() const {
+  return seq_.flags().endRequested || seq_.flags().stopRequested;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,124 @@
+// The test database of a run: DB_DATAENTRY opens it (loading the test
+// definition once per run) and starts a UUT record; DB_STAGECHECK evaluates a
+// step's checks into that record; the record's results files are written when
+// the next DB_DATAENTRY comes and when the run ends, so every UUT whose record
+// was started is written exactly once.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "common/paths.h"
+#include "testdb/data_entry.h"
+#include "testdb/definition_files.h"
+#include "testdb/results_files.h"
+#include "testdb/stage_checks.h"
+#include "testdb/uut_record.h"
+
+namespace tavrix {
+
+class Sequencer;
+
+inline constexpr std::string_view kMsgUnableToOpen = "Unable to open Database file:";
+
+// Reads a channel by name for the stage checks: true with the value text, or
+// false with the link's error text.
+using ChannelReader =
+    std::function<bool(const std::string& channel, std::string& value, std::string& error)>;
+// The user hook of RECORD checks: the value to record, or std::nullopt to
+// read the row's channel.
+using RecordValueHook = std::function<std::optional<std::string>(const StageCheck& row)>;
+
+class TestDatabase {
+ public:
+  TestDatabase(Sequencer& sequencer, const PathMap& paths);
+  TestDatabase(const TestDatabase&) = delete;
+  TestDatabase& operator=(const TestDatabase&) = delete;
+
+  // Binds DB_DATAENTRY and DB_STAGECHECK and the end of every run.
+  void registerCommands();
+
+  // --- Plugged in by the engine ----------------------------------------------
+  ChannelReader readChannel;
+  RecordValueHook recordValue;
+  ResultsSettings results;
+  // The folder a details row without a results directory uses; empty: the
+  // process's current directory.
+  std::string currentDirectory;
+
+  // --- The mechanisms --------------------------------------------------------
+  // Asks the data-entry question, loads the definition if this run has not,
+  // and starts a UUT record when the operator accepted. True on Accept.
+  bool OpenTestDatabase(const std::string& detailsPath);
+  // Evaluates every row of `step`, asking the operator where the rows say so.
+  void RunStageCheck(int16_t step);
+  // Writes the open UUT record's results (once) and closes it.
+  void FinishUut();
+  // Ends the run's use of the database: the open UUT is finished and the
+  // next run loads the definition again.
+  void EndRun();
+
+  // --- State -----------------------------------------------------------------
+  bool loaded() const { return loaded_; }
+  bool uutOpen() const { return uutOpen_; }
+  // True when a UUT finished in this engine's life failed.
+  bool anyUutFailed() const { return anyUutFailed_; }
+  int uutsFinished() const { return uutsFinished_; }
+  const TestDefinition& definition() const { return definition_; }
+  const UutRecord& uut() const { return uut_; }
+  const DataEntry& lastEntry() const { return entry_; }
+  bool continueFlag() const { return continue_; }
+  int checkVerdict() const { return verdict_; }
+  bool repeatFlag() const { return repeat_; }
+  int lastAlertAnswer() const { return lastAlert_; }
+  int16_t currentStep() const { return step_; }
+  size_t currentStageRow() const { return stageRow_; }
+  // True when the operator stopped the current UUT's test at a check: the
+  // UUT's remaining stage checks are passed over.
+  bool uutAbandoned() const { return abandoned_; }
+
+ private:
+  enum class AlertButtons { kAcceptCancel, kPassFailRetry };
+  struct RowOutcome {
+    bool stopStep = false;  // the rest of the step's rows are passed over
+  };
+
+  bool askDataEntry(DataEntry& entry);
+  void showPlainMessage(const std::string& text);
+  RowOutcome evaluateRow(const StageCheck& row);
+  RowOutcome manualRow(const StageCheck& row);
+  RowOutcome valueRow(const StageCheck& row, bool difference);
+  RowOutcome recordRow(const StageCheck& row);
+  bool readValue(const std::string& channel, float& value);
+  RowOutcome valueFailed(const StageCheck& row, CheckEntry check);
+  // Returns the verdict of the UUT Check question, 0 when unanswered.
+  int askUutCheck(const std::string& text);
+  // Returns the button's number from 1, 0 when unanswered.
+  int askAlert(const std::string& text, AlertButtons buttons);
+  int askCheckFailure();
+  bool runEnding() const;
+
+  Sequencer& seq_;
+  const PathMap& paths_;
+  TestDefinition definition_;
+  bool loaded_ = false;
+  DataEntry entry_;
+  bool accepted_ = false;
+  UutRecord uut_;
+  bool uutOpen_ = false;
+  bool anyUutFailed_ = false;
+  int uutsFinished_ = 0;
+  bool abandoned_ = false;
+
+  int16_t step_ = 0;
+  size_t stageRow_ = 0;
+  bool continue_ = true;
+  int verdict_ = kVerdictPass;
+  bool repeat_ = false;
+  int lastAlert_ = 0;
+  std::string collected_;  // the step's failure texts, one a line
+};
+
+}  // namespace tavrix
