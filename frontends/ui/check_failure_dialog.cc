@@ -8,13 +8,15 @@
 #include <QMouseEvent>
 #include <QVBoxLayout>
 
+#include "testdb/stage_checks.h"
+
 namespace tavrix {
 
 namespace {
 
 struct KeyItem {
   const char* menuText;
-  const char* labelText;  // the three parts of kCheckFailureKeyLine
+  const char* labelText;  // the three parts of kCheckFailureKeys
   const char* caption;
   Qt::Key key;
   const char* name;
@@ -42,7 +44,9 @@ CheckFailureDialog::CheckFailureDialog(const Question& question, std::function<v
   keys->setObjectName("mbKeys");
   layout->setMenuBar(menuBar);
 
-  auto* laStage = new QLabel(Text(question.text));
+  QStringList lines = Text(question.text).split('\n');
+  if (!lines.isEmpty() && lines.back() == Text(kCheckFailureKeys)) lines.removeLast();
+  auto* laStage = new QLabel(lines.isEmpty() ? QString() : lines.takeFirst());
   laStage->setObjectName("laStage");
   QFont big = laStage->font();
   big.setPointSize(big.pointSize() * 2);
@@ -50,6 +54,10 @@ CheckFailureDialog::CheckFailureDialog(const Question& question, std::function<v
   laStage->setFont(big);
   laStage->setAlignment(Qt::AlignCenter);
   layout->addWidget(laStage);
+  auto* laFailures = new QLabel(lines.join('\n'));
+  laFailures->setObjectName("laFailures");
+  laFailures->setWordWrap(true);
+  layout->addWidget(laFailures);
 
   auto* line = new QHBoxLayout;
   line->setSpacing(QFontMetrics(font()).horizontalAdvance("  "));

@@ -4,8 +4,9 @@
 //
 // It answers a CHECKFAILURE question with the chosen caption (the question's
 // own captions when it gives three, else "Ignore", "Repeat", "Fail and
-// Abandon"). The question's text is the stage shown in the stage label. The
-// window cannot be closed without a choice.
+// Abandon"). The question's text is "Stage N", the step's failure lines and
+// the key line (testdb/stage_checks.h): the first line goes into the stage
+// label, the failures below it. The window cannot be closed without a choice.
 #pragma once
 
 #include <QDialog>
@@ -16,8 +17,6 @@
 class QLabel;
 
 namespace tavrix {
-
-inline constexpr std::string_view kCheckFailureKeyLine = "F1: Ignore  F2 Repeat  F3: Fail and Abandon";
 
 class CheckFailureDialog : public QDialog {
  public:

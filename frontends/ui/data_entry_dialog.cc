@@ -8,22 +8,30 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "testdb/data_entry.h"
+
 namespace tavrix {
 
-std::optional<QDate> ParseTestDate(const QString& text) {
-  static const QRegularExpression kDate(R"(^\s*(\d{1,2})[-/.](\d{1,2})[-/.](\d{4})\s*$)");
-  const QRegularExpressionMatch m = kDate.match(text);
-  if (!m.hasMatch()) return std::nullopt;
-  const QDate date(m.captured(3).toInt(), m.captured(2).toInt(), m.captured(1).toInt());
-  if (!date.isValid()) return std::nullopt;
-  return date;
+namespace {
+
+// The first day-month-year date in `text` as dd-mm-yyyy, or "".
+QString EntryDate(const QString& text) {
+  static const QRegularExpression kDate(R"(\d{1,2}[-/.]\d{1,2}[-/.]\d{2,4})");
+  QRegularExpressionMatchIterator it = kDate.globalMatch(text);
+  while (it.hasNext()) {
+    const auto date = ParseEntryDate(Std(it.next().captured(0)));
+    if (date) return Text(formatDate(*date, "dd-mm-yyyy"));
+  }
+  return {};
 }
+
+}  // namespace
 
 DataEntryDialog::DataEntryDialog(const Question& question, QDate today,
                                  std::function<void(Answer)> answered, QWidget* parent)
     : QDialog(parent), answered_(std::move(answered)) {
   setObjectName("frmDataEntry");
-  setWindowTitle(question.title.empty() ? tr("Test Data Entry") : Text(question.title));
+  setWindowTitle(Text(question.title.empty() ? kDataEntryTitle : question.title));
   auto* form = new QFormLayout;
   ebSerialNum_ = new QLineEdit;
   ebSerialNum_->setObjectName("ebSerialNum");
@@ -33,8 +41,8 @@ DataEntryDialog::DataEntryDialog(const Question& question, QDate today,
   ebOperator_->setObjectName("ebOperator");
   ebDescription_ = new QLineEdit;
   ebDescription_->setObjectName("ebDescription");
-  if (const auto engineDate = ParseTestDate(Text(question.text))) today = *engineDate;
-  ebDate_->setText(today.toString("dd-MM-yyyy"));
+  const QString engineDate = EntryDate(Text(question.text));
+  ebDate_->setText(engineDate.isEmpty() ? today.toString("dd-MM-yyyy") : engineDate);
   form->addRow(tr("Serial Number:"), ebSerialNum_);
   form->addRow(Text(kDateLabel), ebDate_);
   form->addRow(tr("Operator(s):"), ebOperator_);
@@ -57,20 +65,20 @@ DataEntryDialog::DataEntryDialog(const Question& question, QDate today,
   resize(420, sizeHint().height());
 }
 
-DataEntryDialog::~DataEntryDialog() { answered_(std::string("Cancel")); }
+DataEntryDialog::~DataEntryDialog() { answered_(std::string(kCancel)); }
 
 void DataEntryDialog::accept() {
-  const auto date = ParseTestDate(ebDate_->text());
-  if (!date) {
-    auto* box = new QMessageBox(QMessageBox::Information, windowTitle(), Text(kInvalidDateMessage),
+  const auto entered = ParseEntryDate(Std(ebDate_->text().trimmed()));
+  if (!entered) {
+    auto* box = new QMessageBox(QMessageBox::Information, windowTitle(), Text(kMsgInvalidDate),
                                 QMessageBox::Ok, this);
     box->setObjectName("messageBox");
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();
     return;
   }
-  const QString answer = "Accept|serial=" + ebSerialNum_->text() +
-                         "|date=" + date->toString("dd-MM-yyyy") +
+  const QString answer = Text(kAccept) + "|serial=" + ebSerialNum_->text() +
+                         "|date=" + Text(formatDate(*entered, "dd-mm-yyyy")) +
                          "|operator=" + ebOperator_->text().trimmed() +
                          "|description=" + ebDescription_->text();
   answered_(Std(answer));
@@ -78,7 +86,7 @@ void DataEntryDialog::accept() {
 }
 
 void DataEntryDialog::reject() {
-  answered_(std::string("Cancel"));
+  answered_(std::string(kCancel));
   QDialog::reject();
 }
 

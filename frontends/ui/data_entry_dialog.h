@@ -3,13 +3,12 @@
 //
 // It answers a DATAENTRY question with
 //   "Accept|serial=<text>|date=<dd-mm-yyyy>|operator=<trimmed>|description=<text>"
-// or "Cancel". A date that is no valid dd-mm-yyyy date is refused with the
-// message of kInvalidDateMessage and the window stays open.
+// or "Cancel" (testdb/data_entry.h). A date that is no date of the calendar
+// is refused with the test database's message and the window stays open.
 #pragma once
 
 #include <QDate>
 #include <QDialog>
-#include <optional>
 
 #include "qt_text.h"
 
@@ -18,19 +17,10 @@ class QPushButton;
 
 namespace tavrix {
 
-inline constexpr std::string_view kInvalidDateMessage =
-    "You have not entered a valid date for the test date";
-inline constexpr std::string_view kDateLabel = "Test Date: (dd-mm-yyyy)";
-
-// A date typed as day-month-year ("15-11-2026"; one-digit day and month and
-// "/" or "." as separators are taken too); nothing for a date that does not
-// exist (31-02-2026).
-std::optional<QDate> ParseTestDate(const QString& text);
-
 class DataEntryDialog : public QDialog {
  public:
-  // `today` fills the date box; the question's text may name the engine's
-  // date as dd-mm-yyyy (a virtual clock's), which is then taken instead.
+  // The date box starts with the date the question's text names (the
+  // engine's today, from its clock), or `today` when it names none.
   DataEntryDialog(const Question& question, QDate today, std::function<void(Answer)> answered,
                   QWidget* parent);
   ~DataEntryDialog() override;

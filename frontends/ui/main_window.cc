@@ -30,6 +30,7 @@
 #include "manual_control.h"
 #include "qt_text.h"
 #include "question_dialogs.h"
+#include "report_dialog.h"
 
 namespace tavrix {
 
@@ -194,10 +195,13 @@ void MainWindow::buildMenus() {
   exit->setObjectName("mbExit");
   connect(exit, &QAction::triggered, this, &QWidget::close);
 
-#ifdef TAVRIX_HAVE_CHARTS
   // Open while a sequence runs, so apart from the File menu.
   QMenu* view = menuBar()->addMenu(tr("&View"));
   view->setObjectName("mbView");
+  QAction* report = view->addAction(tr("&Report"));
+  report->setObjectName("mbReport");
+  connect(report, &QAction::triggered, this, &MainWindow::openReportWindow);
+#ifdef TAVRIX_HAVE_CHARTS
   QAction* chart = view->addAction(tr("&Chart"));
   chart->setObjectName("mbChart");
   connect(chart, &QAction::triggered, this, &MainWindow::openChartWindow);
@@ -222,6 +226,20 @@ void MainWindow::openChartWindow() {
   chart_->show();
   chart_->raise();
 #endif
+}
+
+void MainWindow::openReportWindow() {
+  QPointer<MainWindow> self(this);
+  host_->post([self](Engine& engine) {
+    TestDatabase& db = engine.testDatabase();
+    const ReportView view = BuildReportView(db.definition().details, db.uut(), engine.clock().now());
+    QMetaObject::invokeMethod(qApp, [self, view] {
+      if (!self) return;
+      auto* dialog = new ReportDialog(view, self);
+      dialog->setAttribute(Qt::WA_DeleteOnClose);
+      dialog->show();
+    }, Qt::QueuedConnection);
+  });
 }
 
 void MainWindow::openAboutBox() {

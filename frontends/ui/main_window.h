@@ -53,6 +53,8 @@ class MainWindow : public QMainWindow {
   // The auxiliary windows, opened from the menus.
   void openDecryptWindow();
   void openChartWindow();
+  // The current unit's results, as the test database holds them.
+  void openReportWindow();
   void openAboutBox();
   void selectSetupFile();
 

@@ -28,7 +28,7 @@ T* Named(T* widget, const char* name) {
 
 }  // namespace
 
-ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent) : QDialog(parent) {
+ReportDialog::ReportDialog(const ReportView& contents, QWidget* parent) : QDialog(parent) {
   setObjectName("frmReport");
   setWindowTitle(tr("Test Report"));
   auto* ebDate = Named(new QLineEdit(Text(contents.date)), "ebDate");

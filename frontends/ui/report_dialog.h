@@ -3,8 +3,7 @@
 #pragma once
 
 #include <QDialog>
-#include <string>
-#include <vector>
+#include "testdb/report_window.h"
 
 class QLabel;
 class QLineEdit;
@@ -14,20 +13,9 @@ class QPushButton;
 
 namespace tavrix {
 
-// What the report shows. The lines are the check list's, as the test
-// database words them ("<stage>: <parameter> ... Pass" or "... Fail <why>").
-struct ReportContents {
-  std::string date;  // dd-mm-yyyy
-  std::string engineers;
-  std::string testName;
-  std::string testVersion;
-  std::string serialNumber;
-  std::vector<std::string> lines;
-};
-
 class ReportDialog : public QDialog {
  public:
-  ReportDialog(const ReportContents& contents, QWidget* parent);
+  ReportDialog(const ReportView& contents, QWidget* parent);
 
   // Prints the window's image without its Print, PDF and Escape buttons,
   // which are hidden while it is taken.
