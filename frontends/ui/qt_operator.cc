@@ -5,25 +5,9 @@
 #include <QMetaObject>
 
 #include "main_window.h"
+#include "qt_text.h"
 
 namespace tavrix {
-
-namespace {
-
-QString Text(std::string_view text) {
-  QString out = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-  out.replace("\r\n", "\n");
-  out.replace('\r', '\n');
-  return out;
-}
-
-// A dialog filter "Text (*.ext)|*.ext" as the window system writes it.
-QString Filter(const std::string& filter) {
-  const size_t bar = filter.find('|');
-  return QString::fromStdString(bar == std::string::npos ? filter : filter.substr(0, bar));
-}
-
-}  // namespace
 
 void QtOperator::ask(const Question& question, std::function<void(Answer)> answered) {
   if (closing_) {
@@ -52,7 +36,7 @@ std::optional<std::string> QtOperator::chooseFile(const FileDialog& dialog) {
       [&] {
         chosen = QFileDialog::getOpenFileName(&window_, QString::fromStdString(dialog.title),
                                               QString::fromStdString(dialog.initialDirectory),
-                                              Filter(dialog.filter));
+                                              NameFilter(dialog.filter));
       },
       Qt::BlockingQueuedConnection);
   if (chosen.isEmpty()) return std::nullopt;
@@ -93,6 +77,17 @@ void QtOperator::showControls(const RunControls& controls) {
 
 void QtOperator::enlargeForRun() {
   QMetaObject::invokeMethod(&window_, [this] { window_.enlargeForRun(); }, Qt::QueuedConnection);
+}
+
+void QtOperator::showChannelValue(std::string_view channel, std::string_view value) {
+  const QString c = Text(channel);
+  const QString v = Text(value);
+  QMetaObject::invokeMethod(&window_, [this, c, v] { window_.showChannelValue(c, v); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::minimiseWindow() {
+  QMetaObject::invokeMethod(&window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
 }
 
 }  // namespace tavrix

@@ -32,6 +32,8 @@ class QtOperator : public Operator {
   void showDataFileSpec(std::string_view path) override;
   void showControls(const RunControls& controls) override;
   void enlargeForRun() override;
+  void showChannelValue(std::string_view channel, std::string_view value) override;
+  void minimiseWindow() override;
 
  private:
   MainWindow& window_;
