@@ -384,6 +384,21 @@ void MainWindow::answerQuestionBox(const Question& question, std::function<void(
 // --- Displays -------------------------------------------------------------------
 
 void MainWindow::setRunStatus(const QString& status) { sRunStatus_->setText(status); }
+
+void MainWindow::setStatusLabel(const QString& text, const QColor& colour) {
+  sRunStatus_->setText(text);
+  sRunStatus_->setAutoFillBackground(true);
+  QPalette palette = sRunStatus_->palette();
+  palette.setColor(QPalette::Window, colour);
+  sRunStatus_->setPalette(palette);
+}
+
+void MainWindow::setAlarmDefinitions(const QStringList& labels, const QStringList& commands) {
+  lbAlarmLabels_->clear();
+  lbAlarmLabels_->addItems(labels);
+  lbAlarmCommands_->clear();
+  lbAlarmCommands_->addItems(commands);
+}
 void MainWindow::setCurrentCommand(const QString& line) { sCurrentCommand_->setText(line); }
 void MainWindow::setTimeout(int seconds) { sTimeout_->setText(QString::number(seconds)); }
 void MainWindow::setHelpText(const QString& text) { ebHelp_->setPlainText(text); }

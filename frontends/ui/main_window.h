@@ -42,6 +42,8 @@ class MainWindow : public QMainWindow {
   // Carried over from the engine thread by QtOperator.
   void openQuestion(const Question& question, std::function<void(Answer)> answered);
   void setRunStatus(const QString& status);
+  void setStatusLabel(const QString& text, const QColor& colour);
+  void setAlarmDefinitions(const QStringList& labels, const QStringList& commands);
   void setCurrentCommand(const QString& line);
   void setTimeout(int seconds);
   void setHelpText(const QString& text);

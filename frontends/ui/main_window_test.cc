@@ -362,6 +362,26 @@ class MainWindowTest : public QObject {
     QVERIFY2(read("NOSUCH").contains("does not exist"), qPrintable(reading->text()));
   }
 
+  void pulseShowsItsStatusAndAlarmDefinitionsAreListed() {
+    MainWindow w(RigFactory(), Sequence("pulse.wts", {"ALARMDEFINE OVENHOT, GOTO COOL",
+                                                       "PULSEOUTPUT HEATER, HI, 800", "WAITSECONDS 60",
+                                                       "COOL:"}));
+    w.show();
+    QTRY_VERIFY(Find<QPushButton>(w, "pbRun")->isEnabled());
+    QTest::mouseClick(Find<QPushButton>(w, "pbRun"), Qt::LeftButton);
+    auto* status = Find<QLabel>(w, "sRunStatus");
+    QTRY_COMPARE(status->text(), QString("Pulse Timing"));
+    QCOMPARE(status->palette().color(QPalette::Window), QColor(255, 128, 0));
+    QTRY_COMPARE(status->text(), QString("Running"));
+    QVERIFY(status->palette().color(QPalette::Window) != QColor(255, 128, 0));
+    auto* labels = Find<QListWidget>(w, "lbAlarmLabels");
+    QTRY_COMPARE(labels->count(), 1);
+    QCOMPARE(labels->item(0)->text(), QString("OVENHOT"));
+    QCOMPARE(Find<QListWidget>(w, "lbAlarmCommands")->item(0)->text(), QString("GOTO COOL"));
+    QTest::mouseClick(Find<QPushButton>(w, "pbStop"), Qt::LeftButton);
+    QTRY_COMPARE(status->text(), QString("Stopped"));
+  }
+
   void sequenceMenuAndChannelDisplayAnswerTheSequence() {
     MainWindow w(RigFactory(), Sequence("menu.wts", {"SELECTMENU Which way?, WARM, COOL", "WARM:",
                                                       "DOWITHSHOW Watch the oven, OVEN", "STOP", "COOL:",

@@ -1,5 +1,6 @@
 #include "qt_operator.h"
 
+#include <QColor>
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QMetaObject>
@@ -88,6 +89,23 @@ void QtOperator::showChannelValue(std::string_view channel, std::string_view val
 
 void QtOperator::minimiseWindow() {
   QMetaObject::invokeMethod(&window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
+}
+
+void QtOperator::showStatusLabel(std::string_view text, int32_t colour) {
+  const QString s = Text(text);
+  // The colour value holds red, green and blue from the lowest byte up.
+  const QColor c(colour & 0xFF, (colour >> 8) & 0xFF, (colour >> 16) & 0xFF);
+  QMetaObject::invokeMethod(&window_, [this, s, c] { window_.setStatusLabel(s, c); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::showAlarmDefinitions(const std::vector<std::string>& labels,
+                                      const std::vector<std::string>& commands) {
+  QStringList l, c;
+  for (const auto& label : labels) l << Text(label);
+  for (const auto& command : commands) c << Text(command);
+  QMetaObject::invokeMethod(&window_, [this, l, c] { window_.setAlarmDefinitions(l, c); },
+                            Qt::QueuedConnection);
 }
 
 }  // namespace tavrix

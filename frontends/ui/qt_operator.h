@@ -34,6 +34,9 @@ class QtOperator : public Operator {
   void enlargeForRun() override;
   void showChannelValue(std::string_view channel, std::string_view value) override;
   void minimiseWindow() override;
+  void showStatusLabel(std::string_view text, int32_t colour) override;
+  void showAlarmDefinitions(const std::vector<std::string>& labels,
+                            const std::vector<std::string>& commands) override;
 
  private:
   MainWindow& window_;
