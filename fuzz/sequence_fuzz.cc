@@ -1,10 +1,23 @@
 // A sequence file of arbitrary bytes through the reader, the splitter and the
 // dispatcher with every command registered, in virtual time with no hardware.
 
+#include <cstdlib>
 #include <memory>
+#include <unistd.h>
 
 #include "engine/engine.h"
 #include "fuzz_support.h"
+
+// Sequences may copy, write and delete files (COPYFILE, LOGONCE, FILEDELETE,
+// INDEXINIT...): run them in a folder of their own, with the data root there
+// too, so that nothing outside it can be touched.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  char folder[] = "/tmp/tavrix-fuzz-sequenceXXXXXX";
+  if (mkdtemp(folder) == nullptr || chdir(folder) != 0) std::abort();
+  setenv("TAVRIX_HOME", folder, 1);
+  setenv("HOME", folder, 1);
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;

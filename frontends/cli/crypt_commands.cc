@@ -52,19 +52,11 @@ class ProgressBar {
 bool ConfirmOverwrite(const CryptOptions& options, const std::string& destination, std::FILE* in,
                       std::FILE* err) {
   if (options.yes) return true;
-  std::unique_ptr<Operator> op;
-  if (options.answers) {
-    std::string error;
-    auto answers = AnswersFile::load(*options.answers, &error);
-    if (!answers) {
-      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-      return false;
-    }
-    op = std::make_unique<ScriptedOperator>(std::move(*answers), err);
-  } else if (in != nullptr && isatty(fileno(in))) {
-    op = std::make_unique<TerminalOperator>(in, err);
-  } else {
-    op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
+  std::string operatorError;
+  std::unique_ptr<Operator> op = MakeConsoleOperator(options.answers, in, err, &operatorError);
+  if (!op) {
+    std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
+    return false;
   }
   Question question;
   question.kind = kOverwriteKind;

@@ -94,19 +94,11 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     clock = std::make_unique<SystemClock>();
   }
 
-  std::unique_ptr<Operator> op;
-  if (options.answers) {
-    std::string error;
-    auto answers = AnswersFile::load(*options.answers, &error);
-    if (!answers) {
-      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-      return kExitUsage;
-    }
-    op = std::make_unique<ScriptedOperator>(std::move(*answers), err);
-  } else if (in != nullptr && isatty(fileno(in))) {
-    op = std::make_unique<TerminalOperator>(in, err);
-  } else {
-    op = std::make_unique<ScriptedOperator>(AnswersFile{}, err);
+  std::string operatorError;
+  std::unique_ptr<Operator> op = MakeConsoleOperator(options.answers, in, err, &operatorError);
+  if (!op) {
+    std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
+    return kExitUsage;
   }
 
   Engine engine(std::move(clock), *op);

@@ -12,6 +12,10 @@
 
 namespace tavrix {
 
+// Posts a task to the engine thread: what the window's parts are given
+// instead of the engine.
+using EngineTasks = std::function<void(std::function<void(Engine&)>)>;
+
 class EngineHost {
  public:
   using Factory = std::function<std::unique_ptr<Engine>()>;

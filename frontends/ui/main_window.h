@@ -24,6 +24,9 @@ class QMenu;
 
 namespace tavrix {
 
+class ChannelDisplayDialog;
+class ChartWindow;
+
 // 15 twips a pixel at 96 dots an inch.
 constexpr int TwipsToPixels(int twips) { return twips / 15; }
 
@@ -39,12 +42,23 @@ class MainWindow : public QMainWindow {
   // Carried over from the engine thread by QtOperator.
   void openQuestion(const Question& question, std::function<void(Answer)> answered);
   void setRunStatus(const QString& status);
+  void setStatusLabel(const QString& text, const QColor& colour);
+  void setAlarmDefinitions(const QStringList& labels, const QStringList& commands);
   void setCurrentCommand(const QString& line);
   void setTimeout(int seconds);
   void setHelpText(const QString& text);
   void setDataFileSpec(const QString& path);
   void setControls(const RunControls& controls);
   void enlargeForRun();
+  void showChannelValue(const QString& channel, const QString& value);
+
+  // The auxiliary windows, opened from the menus.
+  void openDecryptWindow();
+  void openChartWindow();
+  // The current unit's results, as the test database holds them.
+  void openReportWindow();
+  void openAboutBox();
+  void selectSetupFile();
 
   EngineHost& host() { return *host_; }
 
@@ -56,6 +70,11 @@ class MainWindow : public QMainWindow {
   void buildMenus();
   void answerPanel(int button);
   void answerQuestionBox(const Question& question, std::function<void(Answer)> answered);
+  void openPanel(const Question& question, std::function<void(Answer)> answered);
+  void restorePanel();
+  void closeIfQuitRequested();
+  void message(const QString& title, const QString& text);
+  EngineTasks tasks();
 
   QtOperator operator_;
   std::unique_ptr<EngineHost> host_;
@@ -76,11 +95,15 @@ class MainWindow : public QMainWindow {
   QLabel* laAlertType_ = nullptr;
   QPushButton* pbOKcancelOK_ = nullptr;
   QPushButton* pbOKcancelCancel_ = nullptr;
+  QPushButton* pbShutdown_ = nullptr;
   QListWidget* lbAlarmLabels_ = nullptr;
   QListWidget* lbAlarmCommands_ = nullptr;
   QListWidget* lbDDElabels_ = nullptr;
   QListWidget* lbDDEcommands_ = nullptr;
   QMenu* mbFile_ = nullptr;
+  ChannelDisplayDialog* channelDisplay_ = nullptr;
+  ChartWindow* chart_ = nullptr;
+  bool wasRunning_ = false;
   Question panelQuestion_;
   std::function<void(Answer)> panelAnswered_;
   bool suppressSingleStep_ = false;

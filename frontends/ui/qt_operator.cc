@@ -1,29 +1,14 @@
 #include "qt_operator.h"
 
+#include <QColor>
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QMetaObject>
 
 #include "main_window.h"
+#include "qt_text.h"
 
 namespace tavrix {
-
-namespace {
-
-QString Text(std::string_view text) {
-  QString out = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-  out.replace("\r\n", "\n");
-  out.replace('\r', '\n');
-  return out;
-}
-
-// A dialog filter "Text (*.ext)|*.ext" as the window system writes it.
-QString Filter(const std::string& filter) {
-  const size_t bar = filter.find('|');
-  return QString::fromStdString(bar == std::string::npos ? filter : filter.substr(0, bar));
-}
-
-}  // namespace
 
 void QtOperator::ask(const Question& question, std::function<void(Answer)> answered) {
   if (closing_) {
@@ -52,7 +37,7 @@ std::optional<std::string> QtOperator::chooseFile(const FileDialog& dialog) {
       [&] {
         chosen = QFileDialog::getOpenFileName(&window_, QString::fromStdString(dialog.title),
                                               QString::fromStdString(dialog.initialDirectory),
-                                              Filter(dialog.filter));
+                                              NameFilter(dialog.filter));
       },
       Qt::BlockingQueuedConnection);
   if (chosen.isEmpty()) return std::nullopt;
@@ -93,6 +78,34 @@ void QtOperator::showControls(const RunControls& controls) {
 
 void QtOperator::enlargeForRun() {
   QMetaObject::invokeMethod(&window_, [this] { window_.enlargeForRun(); }, Qt::QueuedConnection);
+}
+
+void QtOperator::showChannelValue(std::string_view channel, std::string_view value) {
+  const QString c = Text(channel);
+  const QString v = Text(value);
+  QMetaObject::invokeMethod(&window_, [this, c, v] { window_.showChannelValue(c, v); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::minimiseWindow() {
+  QMetaObject::invokeMethod(&window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
+}
+
+void QtOperator::showStatusLabel(std::string_view text, int32_t colour) {
+  const QString s = Text(text);
+  // The colour value holds red, green and blue from the lowest byte up.
+  const QColor c(colour & 0xFF, (colour >> 8) & 0xFF, (colour >> 16) & 0xFF);
+  QMetaObject::invokeMethod(&window_, [this, s, c] { window_.setStatusLabel(s, c); },
+                            Qt::QueuedConnection);
+}
+
+void QtOperator::showAlarmDefinitions(const std::vector<std::string>& labels,
+                                      const std::vector<std::string>& commands) {
+  QStringList l, c;
+  for (const auto& label : labels) l << Text(label);
+  for (const auto& command : commands) c << Text(command);
+  QMetaObject::invokeMethod(&window_, [this, l, c] { window_.setAlarmDefinitions(l, c); },
+                            Qt::QueuedConnection);
 }
 
 }  // namespace tavrix

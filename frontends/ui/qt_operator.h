@@ -32,6 +32,11 @@ class QtOperator : public Operator {
   void showDataFileSpec(std::string_view path) override;
   void showControls(const RunControls& controls) override;
   void enlargeForRun() override;
+  void showChannelValue(std::string_view channel, std::string_view value) override;
+  void minimiseWindow() override;
+  void showStatusLabel(std::string_view text, int32_t colour) override;
+  void showAlarmDefinitions(const std::vector<std::string>& labels,
+                            const std::vector<std::string>& commands) override;
 
  private:
   MainWindow& window_;

@@ -1,6 +1,7 @@
 #include "calcchan/expressions.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <cmath>
@@ -111,7 +112,7 @@ TEST_F(ExpressionsTest, AnUnreadableChannelCountsAsZeroAfterItsMessage) {
 }
 
 TEST_F(ExpressionsTest, WaveformsComeFromCsvFilesAndSupportValueCutAndPos) {
-  const std::string folder = ::testing::TempDir() + "waves";
+  const std::string folder = ::testing::TempDir() + "waves_" + std::to_string(getpid());
   std::filesystem::create_directories(folder);
   std::ofstream(folder + "/Ramp.csv", std::ios::binary)
       << "# pressure ramp, bar\r\n0,10,20\r\n30\r\n\r\n40,15\r\n";

@@ -1,8 +1,10 @@
 #include "common/text_conventions.h"
 
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 namespace tavrix {
@@ -49,8 +51,11 @@ double radixNumber(std::string_view text, size_t i, int base) {
 std::string runtimeNumberText(double value, int significantDigits) {
   if (value == 0) return " 0";  // also -0
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.*G", significantDigits, value);
-  std::string s = buf;
+  // As "%.*G" writes it (to_chars is that conversion, only faster).
+  const auto end =
+      std::to_chars(buf, buf + sizeof buf, value, std::chars_format::general, significantDigits);
+  std::string s(buf, end.ptr);
+  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   const bool negative = s[0] == '-';
   if (negative) s.erase(0, 1);
   if (s.size() > 1 && s[0] == '0' && s[1] == '.') s.erase(0, 1);
@@ -135,7 +140,10 @@ std::string formatNumber(double value, std::string_view pattern) {
   // Round the decimal digits of the value as it is written (15 significant
   // digits), so 2.675 gives "2.68" although its binary value lies below.
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.14e", std::fabs(value));
+  // As "%.14e" writes it.
+  const auto end =
+      std::to_chars(buf, buf + sizeof buf - 1, std::fabs(value), std::chars_format::scientific, 14);
+  *end.ptr = '\0';
   const std::string_view text = buf;
   std::string digits;
   digits += text[0];
@@ -218,8 +226,18 @@ std::string_view trimLeft(std::string_view text) {
 }
 
 std::string_view trimRight(std::string_view text) {
-  const size_t last = text.find_last_not_of(' ');
-  return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
+  // Fixed-length buffers of the link hold long runs of trailing blanks:
+  // skip them eight at a time.
+  constexpr uint64_t kBlanks = 0x2020202020202020ULL;
+  size_t end = text.size();
+  while (end >= 8) {
+    uint64_t word;
+    std::memcpy(&word, text.data() + end - 8, 8);
+    if (word != kBlanks) break;
+    end -= 8;
+  }
+  while (end > 0 && text[end - 1] == ' ') --end;
+  return text.substr(0, end);
 }
 
 std::string_view trim(std::string_view text) { return trimRight(trimLeft(text)); }

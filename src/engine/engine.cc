@@ -4,6 +4,7 @@
 #include "common/paths.h"
 #include "indexing/indexing_commands.h"
 #include "instrument/channel_commands.h"
+#include "instrument/output_commands.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -37,6 +38,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   instrument_ = Instrument::Create(events_, trace_, std::move(settings), linkSpec, error);
   if (!instrument_) return false;
   RegisterInstrumentCommands(sequencer_, *instrument_);
+  RegisterOutputCommands(sequencer_, *instrument_);
   calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();

@@ -1,6 +1,7 @@
 #include "instrument/iml_link.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <functional>
@@ -288,7 +289,7 @@ TEST_F(LinkFixture, WaitsLetTimersRunAndExchangesMayNest) {
 }
 
 TEST_F(LinkFixture, EveryExchangeIsTracedWhenTheTraceIsOn) {
-  const std::string path = ::testing::TempDir() + "iml_trace.jsonl";
+  const std::string path = ::testing::TempDir() + "iml_trace_" + std::to_string(getpid()) + ".jsonl";
   trace.setOutput(std::fopen(path.c_str(), "w"), true);
   trace.setOrigin(clock.now());
   library.onReply = [](int16_t, std::string& text) {

@@ -56,6 +56,8 @@ class Instrument {
   // How long the last WAIT on a condition had waited when it last compared,
   // in seconds.
   float lastWaitDuration = 0;
+  // The flag of the last write of a ramp, a sine output or a pulse.
+  bool lastOutputStatus = true;
 
  private:
   EventLoop& events_;

@@ -1,6 +1,7 @@
 #include "instrument/instrument_settings.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -51,7 +52,7 @@ TEST(InstrumentSettings, ReadFromAKeyValueFile) {
   }
   EXPECT_FALSE(LoadInstrumentSettings("/nonexistent/rig.cfg", settings, error));
   EXPECT_EQ(error, "cannot read the settings file /nonexistent/rig.cfg");
-  const std::string path = ::testing::TempDir() + "instrument.cfg";
+  const std::string path = ::testing::TempDir() + "instrument_" + std::to_string(getpid()) + ".cfg";
   std::ofstream(path) << "check_channel = P1\n";
   ASSERT_TRUE(LoadInstrumentSettings(path, settings, error));
   EXPECT_EQ(settings.checkChannel, "P1");

@@ -1,5 +1,6 @@
 #include "instrument/sim_rig.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -14,10 +15,11 @@ constexpr Micros kJitterSlot = 100'000;  // the noise changes every 100 ms
 constexpr Micros kFollowStep = 250'000;  // integration step of FOLLOW/LAG
 constexpr int64_t kMaxFollowSteps = 20'000;
 
+// Ten significant digits, as "%.10g" writes them.
 std::string rigNumber(double value) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.10g", value);
-  return text;
+  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::general, 10);
+  return std::string(text, end.ptr);
 }
 
 std::vector<std::string_view> words(std::string_view text) {

@@ -90,10 +90,7 @@ RunResult RunOver(const std::string& link, const std::vector<std::string>& lines
   RegisterInstrumentCommands(seq, *instrument);
   std::string text;
   for (const auto& line : lines) text += line + "\r\n";
-  // The same name for every run of this process (the trace holds it), and
-  // one of its own: ctest runs the tests of this file side by side.
-  const std::string sequence =
-      ::testing::TempDir() + "tcp_link_test-" + std::to_string(getpid()) + ".wts";
+  const std::string sequence = ::testing::TempDir() + "tcp_link_test_" + std::to_string(getpid()) + ".wts";
   std::ofstream(sequence, std::ios::binary) << text;
   const std::string tracePath = sequence + ".jsonl";
   trace.setOutput(std::fopen(tracePath.c_str(), "w"), true);

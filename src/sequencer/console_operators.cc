@@ -1,6 +1,7 @@
 #include "sequencer/console_operators.h"
 
 #include <cstdlib>
+#include <unistd.h>
 
 #include "common/text_conventions.h"
 
@@ -40,6 +41,17 @@ std::string MatchAnswer(const Question& question, std::string_view text) {
   const std::string first = MatchButton(question, text.substr(0, bar));
   if (first.empty()) return {};
   return first + std::string(text.substr(bar));
+}
+
+std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& answers,
+                                              std::FILE* in, std::FILE* out, std::string* error) {
+  if (answers) {
+    auto file = AnswersFile::load(*answers, error);
+    if (!file) return nullptr;
+    return std::make_unique<ScriptedOperator>(std::move(*file), out);
+  }
+  if (in != nullptr && isatty(fileno(in))) return std::make_unique<TerminalOperator>(in, out);
+  return std::make_unique<ScriptedOperator>(AnswersFile{}, out);
 }
 
 void ScriptedOperator::ask(const Question& question, std::function<void(Answer)> answered) {

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -49,6 +51,12 @@ class TerminalOperator : public Operator {
   std::FILE* out_;
   std::thread reader_;
 };
+
+// The operator of a headless run: answers from the file `answers` when one
+// is given, else questions at the terminal when `in` is one, else no
+// answers at all. nullptr with a message when the answers file cannot be read.
+std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& answers,
+                                              std::FILE* in, std::FILE* out, std::string* error);
 
 // The button of `question` that `text` names: the caption as written, in
 // any case, or its number from 1. Empty when none matches.

@@ -82,6 +82,14 @@ class Operator {
   // Run and Step move the window to the top-left corner and give it its
   // running size.
   virtual void enlargeForRun() {}
+  // The run status label shown with another text and background colour for
+  // a while (a pulse shows "Pulse Timing" in orange); the colour is a colour
+  // value: red + 256 x green + 65536 x blue.
+  virtual void showStatusLabel(std::string_view /*text*/, int32_t /*colour*/) {}
+  // The alarm definitions lists: the alarm names (lbAlarmLabels) and, line
+  // for line, the commands bound to them (lbAlarmCommands).
+  virtual void showAlarmDefinitions(const std::vector<std::string>& /*labels*/,
+                                    const std::vector<std::string>& /*commands*/) {}
 };
 
 }  // namespace tavrix

@@ -131,6 +131,7 @@ void Sequencer::runLoop() {
   if (!opened) reportSequenceError(error);
 
   std::string line;
+  bool fromCheck = false;  // the last command came from a between-lines check
   while (!file_.atEnd() && !flags_.stopRequested && !flags_.endRequested) {
     if (flags_.jumpPending) {
       searchLabel(jumpTarget);
@@ -146,6 +147,11 @@ void Sequencer::runLoop() {
     }
     // A failed search leaves the file at its end, or asks the run to end.
     if (flags_.endRequested || file_.atEnd()) break;
+    if (!fromCheck && runBetweenLinesChecks()) {
+      fromCheck = true;
+      continue;
+    }
+    fromCheck = false;
     if (!readNextLine(line)) break;
     if (!flags_.stopRequested) dispatchLine(line);
   }
@@ -162,6 +168,17 @@ void Sequencer::runLoop() {
   secondsTimer_.setEnabled(false);
   file_.close();
   flags_.running = false;
+}
+
+bool Sequencer::runBetweenLinesChecks() {
+  for (auto& check : betweenLines_) {
+    if (auto command = check(*this)) {
+      if (flags_.stopRequested || flags_.endRequested) return false;
+      dispatchLine(*command);
+      return true;
+    }
+  }
+  return false;
 }
 
 void Sequencer::dispatchLine(std::string& line) {

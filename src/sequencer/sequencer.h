@@ -183,6 +183,16 @@ class Sequencer {
   // end reason is settled: a hook may still report a sequence error.
   void addRunEndHook(std::function<void()> hook) { runEndHooks_.push_back(std::move(hook)); }
 
+  // Checks the run loop makes before it reads a line of the file (alarm
+  // definitions): a check may give a command, which is dispatched as the
+  // next command; the file's next line follows it, before the checks run
+  // again.
+  using BetweenLinesCheck = std::function<std::optional<std::string>(Sequencer&)>;
+  void addBetweenLinesCheck(BetweenLinesCheck check) { betweenLines_.push_back(std::move(check)); }
+
+  // The text of the run status label ("Ready", "Running", "Stopped").
+  const std::string& runStatus() const { return currentStatus_; }
+
   EndReason endReason() const { return endReason_; }
   // The text of the last sequence error reported, if any.
   const std::string& lastSequenceError() const { return lastError_; }
@@ -190,6 +200,8 @@ class Sequencer {
  private:
   void runLoop();
   void dispatchLine(std::string& line);
+  // Dispatches the command of the first check that gives one; false if none.
+  bool runBetweenLinesChecks();
   bool readNextLine(std::string& line);
   void setStatus(std::string_view status);
   void publishControls();
@@ -213,6 +225,7 @@ class Sequencer {
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
   std::vector<std::function<void()>> runEndHooks_;
+  std::vector<BetweenLinesCheck> betweenLines_;
   std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;
   std::string lastError_;

@@ -1,0 +1,230 @@
+// ui_showcase: drives the desktop window without a person, for the two jobs
+// that need a real window and cannot be tests.
+//   ui_showcase screenshots DIR   saves PNGs of the main window mid-run and
+//                                 of each dialog into DIR
+//   ui_showcase measure           prints the process's CPU use while a
+//                                 sequence waits (WAITSECONDS 10) and the time
+//                                 from a Stop click to "Stopped" while a
+//                                 WAITSECONDS 60 runs
+// Run under Xvfb or on the offscreen platform (tools/screenshots).
+
+#include <sys/resource.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QTabWidget>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <cstdio>
+#include <fstream>
+
+#include "about_dialog.h"
+#include "check_failure_dialog.h"
+#include "data_entry_dialog.h"
+#include "decrypt_dialog.h"
+#include "main_window.h"
+#include "report_dialog.h"
+#ifdef TAVRIX_HAVE_CHARTS
+#include "chart_window.h"
+#endif
+
+namespace tavrix {
+namespace {
+
+std::unique_ptr<Engine> RigEngine(Operator& op) {
+  auto engine = std::make_unique<Engine>(std::make_unique<SystemClock>(), op);
+  std::string error;
+  if (engine->attachInstrument({}, "sim", &error))
+    engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims");
+  return engine;
+}
+
+std::string Sequence(const QTemporaryDir& dir, const char* name, const std::vector<std::string>& lines) {
+  const std::string path = dir.path().toStdString() + "/" + name;
+  std::ofstream out(path, std::ios::binary);
+  for (const auto& line : lines) out << line << "\r\n";
+  return path;
+}
+
+// Lets the window work until `done` or `ms` have passed. It sleeps until an
+// event comes (a display update from the engine wakes it at once) or a 50 ms
+// tick, so the measuring itself costs next to no CPU.
+bool WaitFor(const std::function<bool()>& done, int ms = 5000) {
+  QElapsedTimer clock;
+  clock.start();
+  QTimer tick;
+  tick.start(50);
+  while (!done()) {
+    if (clock.elapsed() > ms) return false;
+    QApplication::processEvents(QEventLoop::WaitForMoreEvents);
+  }
+  return true;
+}
+
+void Settle() {
+  QElapsedTimer clock;
+  clock.start();
+  while (clock.elapsed() < 300) QApplication::processEvents(QEventLoop::AllEvents, 50);
+}
+
+template <typename T>
+T* Find(QWidget& w, const char* name) {
+  T* child = w.findChild<T*>(name);
+  if (child == nullptr) qFatal("no control %s", name);
+  return child;
+}
+
+void Save(QWidget& w, const QString& dir, const char* name) {
+  Settle();
+  const QString path = dir + "/" + name + ".png";
+  if (!w.grab().save(path)) qFatal("cannot write %s", qPrintable(path));
+  std::printf("%s\n", qPrintable(path));
+}
+
+int Screenshots(const QString& dir) {
+  QDir().mkpath(dir);
+  QTemporaryDir temp;
+  const std::string seq = Sequence(temp, "warmup.wts",
+      {"[HELPTEXT]", "Warm the oven to 60 degC, then check the fan.", "[END]",
+       "SEND HEATER, 70", "CONTINUEOK Fit the unit under test and close the oven door",
+       "WAITSECONDS 600"});
+  MainWindow w(RigEngine, seq);
+  w.show();
+  WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
+  Find<QPushButton>(w, "pbRun")->click();
+  WaitFor([&] { return Find<QWidget>(w, "frOKcancel")->isVisible(); });
+  Save(w, dir, "main-window-question");
+  Find<QPushButton>(w, "pbOKcancelOK")->click();
+  WaitFor([&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds"); });
+  Save(w, dir, "main-window-running");
+
+  w.openQuestion({"UUTCHECK", "UUT Check", "Is the seal fitted and dry?",
+                  {"Pass", "Fail and Repeat", "Fail and Continue"}}, [](Answer) {});
+  Save(w, dir, "panel-uut-check");
+  Find<QPushButton>(w, "pbOKcancelOK")->click();
+
+  auto* tabs = w.findChild<QTabWidget*>();
+  tabs->setCurrentWidget(Find<QWidget>(w, "frManual"));
+  Find<QLineEdit>(w, "ebManualChannel")->setText("OVEN");
+  Find<QPushButton>(w, "pbManualRead")->click();
+  WaitFor([&] { return !Find<QLabel>(w, "laManualReading")->text().isEmpty(); });
+  Save(w, dir, "manual-tab");
+  tabs->setCurrentIndex(0);
+
+#ifdef TAVRIX_HAVE_CHARTS
+  w.findChild<QAction*>("mbChart")->trigger();
+  auto* chart = Find<ChartWindow>(w, "frmChart");
+  chart->setSampleInterval(100);
+  chart->plot("OVEN");
+  chart->plot("HEATER");
+  chart->plot("AMBIENT");
+  WaitFor([&] { return chart->pointCount("OVEN") >= 40; }, 10000);
+  Save(*chart, dir, "chart");
+  chart->close();
+#endif
+
+  DataEntryDialog entry({"DATAENTRY", "Data Entry", "", {}}, QDate(2026, 11, 15), [](Answer) {}, &w);
+  Find<QLineEdit>(entry, "ebSerialNum")->setText("PX-20417");
+  Find<QLineEdit>(entry, "ebOperator")->setText("A. Lee");
+  Find<QLineEdit>(entry, "ebDescription")->setText("Pump, 2 kW");
+  entry.show();
+  Save(entry, dir, "data-entry");
+
+  CheckFailureDialog failure({"CHECKFAILURE", "Check Failure",
+                              "Stage 3\rFlow  Value: 3.00  Min: 1  Max: 2\rF1: Ignore  F2 Repeat  F3: Fail and Abandon",
+                              {"Ignore", "Repeat", "Fail and Abandon"}}, [](Answer) {}, &w);
+  failure.show();
+  Save(failure, dir, "check-failure");
+
+  ReportDialog report({"15-11-2026", "A. Lee", "Pump acceptance test", "3", "PX-20417",
+                       {"1: Flow\tFLOW\t2.50\tl/min\t1\t3\tPass",
+                        "2: Seal\t\t\t\t\t\tFail\tOp Fail",
+                        "3: Pressure\tPRESS\t1.03\tbar\t0.9\t1.2\tPass"}}, &w);
+  report.show();
+  Save(report, dir, "report");
+
+  DecryptDialog decrypt(&w);
+  Find<QLineEdit>(decrypt, "ebSrcFileSpec")->setText("/srv/rig/data/RUN042.TXE");
+  decrypt.show();
+  Save(decrypt, dir, "decrypt");
+
+  AboutDialog about(&w);
+  about.show();
+  Save(about, dir, "about");
+
+  w.openQuestion({"SELECTMENU", "", "Which test?", {"WARMUP", "LEAK", "FULL"}}, [](Answer) {});
+  auto* menu = Find<QListWidget>(w, "lbMenu");
+  Save(*menu->window(), dir, "select-menu");
+  Find<QPushButton>(*menu->window(), "pbMenuOK")->click();
+
+  w.showChannelValue("OVEN", "41.27");
+  w.openQuestion({"DOWITHSHOW", "", "Wait until the oven reads above 40 degC", {"Continue"}}, [](Answer) {});
+  auto* value = Find<QLabel>(w, "ladwsChannelValue");
+  Save(*value->window(), dir, "channel-display");
+  Find<QPushButton>(*value->window(), "answer_Continue")->click();
+
+  Find<QPushButton>(w, "pbStop")->click();
+  WaitFor([&] { return Find<QLabel>(w, "sRunStatus")->text() == "Stopped"; });
+  return 0;
+}
+
+double CpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+int Measure() {
+  QTemporaryDir temp;
+  {
+    MainWindow w(RigEngine, Sequence(temp, "wait10.wts", {"WAITSECONDS 10"}));
+    w.show();
+    WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
+    Find<QPushButton>(w, "pbRun")->click();
+    WaitFor([&] { return Find<QLabel>(w, "sRunStatus")->text() == "Running"; });
+    const double cpu0 = CpuSeconds();
+    QElapsedTimer wall;
+    wall.start();
+    WaitFor([&] { return Find<QLabel>(w, "sRunStatus")->text() == "Stopped"; }, 20000);
+    const double cpu = CpuSeconds() - cpu0;
+    const double seconds = static_cast<double>(wall.elapsed()) / 1000;
+    std::printf("WAITSECONDS 10: %.2f s wall, %.3f s CPU (window and engine threads): %.2f %% of one core\n",
+                seconds, cpu, 100 * cpu / seconds);
+  }
+  MainWindow w(RigEngine, Sequence(temp, "wait60.wts", {"WAITSECONDS 60"}));
+  w.show();
+  WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
+  for (int i = 0; i < 5; ++i) {
+    Find<QPushButton>(w, "pbRun")->click();
+    WaitFor([&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds"); });
+    WaitFor([] { return false; }, 500);  // let the wait settle in
+    QElapsedTimer clock;
+    clock.start();
+    Find<QPushButton>(w, "pbStop")->click();
+    WaitFor([&] { return Find<QLabel>(w, "sRunStatus")->text() == "Stopped"; });
+    std::printf("Stop click to \"Stopped\" during WAITSECONDS 60: %.2f ms\n",
+                static_cast<double>(clock.nsecsElapsed()) / 1e6);
+    WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace tavrix
+
+int main(int argc, char** argv) {
+  QApplication app(argc, argv);
+  const QStringList args = app.arguments();
+  if (args.size() >= 3 && args[1] == "screenshots") return tavrix::Screenshots(args[2]);
+  if (args.size() >= 2 && args[1] == "measure") return tavrix::Measure();
+  std::fprintf(stderr, "usage: ui_showcase screenshots DIR | measure\n");
+  return 2;
+}
