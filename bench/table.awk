@@ -64,6 +64,7 @@ END {
     row(sprintf("TEA file decryption (%d MiB): speed, peak memory", num("BM_TeaDecryptFile", "file_MiB")),
         sprintf("%.0f MB/s, %.0f MiB", num("BM_TeaDecryptFile", "bytes_per_second") / 1e6,
                 num("BM_TeaDecryptFile", "peak_rss_MiB")))
+  if (timings > 0) row("On the system clock (real time):", "")
   for (i = 1; i <= timings; i++) {
     split(timing[i], f, "\t")
     row(f[1], f[2])

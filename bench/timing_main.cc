@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
     if (only && std::strstr(m.name, only) == nullptr) continue;
     for (const auto& row : m.run()) {
       if (tsv) {
-        std::printf("%s (system clock)\t%s\n", row.first.c_str(), row.second.c_str());
+        std::printf("%s\t%s\n", row.first.c_str(), row.second.c_str());
       } else {
         std::printf("%-48s %14s\n", row.first.c_str(), row.second.c_str());
       }
