@@ -1,6 +1,7 @@
 // Seven days of virtual time of a sequence that loops for ever with the
 // calculated channels of the day example running (averages, checks, daily
-// summaries, the logging switch, HI and LO alarms) on the simulated rig: the
+// summaries, the logging switch, HI and LO alarms) and a device alarm bound to
+// a handler, on the simulated rig: the
 // process's resident memory must stay flat once the first hour has warmed
 // everything up.
 
@@ -63,19 +64,25 @@ class CountingOperator : public Operator {
 };
 
 TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat) {
-#ifdef TAVRIX_ASAN
-  GTEST_SKIP() << "AddressSanitizer holds freed memory in quarantine and its shadow memory "
-                  "grows as pages are touched, so resident memory says nothing here";
-#endif
   const fs::path home = fs::path(::testing::TempDir()) / ("soak-" + std::to_string(getpid()));
   fs::create_directories(home);
   ASSERT_EQ(setenv("TAVRIX_HOME", home.c_str(), 1), 0);
+  std::string error;
   const std::string examples = TAVRIX_EXAMPLES_DIR;
+  // The day example's rig, and an oven whose reading wanders over its alarm
+  // limit now and then.
+  std::string rigText;
+  ASSERT_TRUE(readTextFile(examples + "/calc_rig.ims", rigText, &error)) << error;
+  rigText += "  30001 E=1 M=A N=OVEN U=degC V=20 JITTER=3 HIGH=22.5 TAG=OVENHOT\n"
+             "  30002 E=1 M=A N=HANDLED\n";
+  const std::string rig = (home / "soak.ims").string();
+  std::ofstream(rig, std::ios::binary) << rigText;
   const std::string sequence = (home / "soak.wts").string();
   std::ofstream(sequence, std::ios::binary)
-      << "IMSFILESPEC " << examples << "/calc_rig.ims\r\n"
+      << "IMSFILESPEC " << rig << "\r\n"
       << "STARTCALCULATEDCHANNELS " << examples << "/calc_day.ccs, 10\r\n"
       << "CC_START\r\n"
+      << "ALARMDEFINE OVENHOT, GOTO COOL\r\n"
       << "AGAIN:\r\n"
       << "SEND LOGSW, 1\r\n"
       << "WAITSECONDS 3000\r\n"
@@ -84,6 +91,10 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
       << "SEND LOGSW, 1\r\n"
       << "CHECK T1 < 1000, HOT\r\n"
       << "GOTO AGAIN\r\n"
+      << "COOL:\r\n"
+      << "PAUSEALARM 1800\r\n"
+      << "SEND HANDLED, 1\r\n"
+      << "GOTO AGAIN\r\n"
       << "HOT:\r\n"
       << "STOP\r\n";
 
@@ -91,7 +102,6 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   auto owned = std::make_unique<VirtualClock>(kStart);
   VirtualClock& clock = *owned;
   Engine engine(std::move(owned), op);
-  std::string error;
   ASSERT_TRUE(engine.attachInstrument({}, "sim", &error)) << error;
   Sequencer& seq = engine.sequencer();
   ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
@@ -117,6 +127,9 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   std::string average;
   ASSERT_TRUE(engine.instrument()->channels().ReadChannel("T1AVG", average));
   EXPECT_NEAR(leadingNumber(average), 20, 1.5) << average;
+  std::string handled;
+  ASSERT_TRUE(engine.instrument()->channels().ReadChannel("HANDLED", handled));
+  EXPECT_EQ(handled, "1") << "the oven's alarm never ran its handler";
 
   // A daily summary for each of the seven days, and alarms logged.
   const fs::path summary = home / "c" / "corvane" / "data" / "summary";
@@ -127,6 +140,12 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   }
   EXPECT_GT(fs::file_size(summary / "AB_ALM.txt"), 0u);
 
+#ifdef TAVRIX_ASAN
+  // The week still runs under the sanitizers (which check every access and
+  // the leaks at exit), but resident memory says nothing there: freed memory
+  // waits in quarantine and shadow memory grows as pages are touched.
+  GTEST_SKIP() << "resident memory is not measured under AddressSanitizer";
+#endif
   ASSERT_GT(afterFirstHour, 0);
   const long growth = atEnd - afterFirstHour;
   std::printf("resident memory after the first hour %ld KiB, after the week %ld KiB, growth %ld KiB\n",
