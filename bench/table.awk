@@ -4,10 +4,12 @@
 # reads; no JSON tool is needed.
 function num(name, key) { return ((name, key) in v) ? v[name, key] + 0 : -1 }
 function has(name, key) { return (name, key) in v }
-# A benchmark's time in microseconds, whatever unit it was reported in.
+# A benchmark's CPU time per iteration in microseconds, whatever unit it was
+# reported in. CPU time, as Google Benchmark's rates are: on a shared machine
+# the wall time also counts the other processes' turns.
 function micros(name,   t, u) {
-  if (!has(name, "real_time")) return -1
-  t = v[name, "real_time"] + 0; u = v[name, "time_unit"]
+  if (!has(name, "cpu_time")) return -1
+  t = v[name, "cpu_time"] + 0; u = v[name, "time_unit"]
   if (u == "ns") return t / 1000
   if (u == "ms") return t * 1000
   if (u == "s") return t * 1e6
@@ -22,7 +24,7 @@ function per(name, divide, fmt) {
   if (has(name, "error_occurred")) return "failed"
   return micros(name) < 0 ? "not measured" : sprintf(fmt, micros(name) / divide)
 }
-function ratio(a, b) { return (a > 0 && b > 0) ? sprintf("%.1f x", a / b) : "not measured" }
+function ratio(a, b) { return (a > 0 && b > 0) ? sprintf(a / b < 10 ? "%.2f x" : "%.0f x", a / b) : "not measured" }
 
 FNR == 1 { file++ }
 file == 1 && /"name":/ {
@@ -30,7 +32,7 @@ file == 1 && /"name":/ {
   line = $0; sub(/^[^:]*: *"/, "", line); sub(/",? *$/, "", line); sub(/\/.*/, "", line)
   name = line; next
 }
-file == 1 && /^ *"[a-z_]+": / && name != "" {
+file == 1 && /^ *"[A-Za-z_0-9]+": / && name != "" {
   key = $0; sub(/^ *"/, "", key); sub(/".*/, "", key)
   val = $0; sub(/^[^:]*: */, "", val); sub(/,? *$/, "", val); gsub(/"/, "", val)
   v[name, key] = val; next
