@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "crypto/tea.h"
+#include "cli_test_support.h"
 #include "run_command.h"
 
 namespace tavrix {
@@ -14,21 +15,8 @@ namespace {
 
 using ::testing::HasSubstr;
 
-class CryptCliTest : public ::testing::Test {
+class CryptCliTest : public CliTestBase {
  protected:
-  CryptCliTest() {
-    char dir[] = "/tmp/crypttestXXXXXX";
-    dir_ = mkdtemp(dir);
-  }
-  ~CryptCliTest() override {
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  std::string File(const std::string& name, const std::string& text) {
-    std::ofstream(Path(name), std::ios::binary) << text;
-    return Path(name);
-  }
   std::string Read(const std::string& name) const {
     std::ifstream in(Path(name), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
@@ -44,28 +32,6 @@ class CryptCliTest : public ::testing::Test {
     std::filesystem::remove(source);
     return Path(name);
   }
-  int Cli(std::vector<std::string> args) {
-    args.insert(args.begin(), "tavrix-cli");
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const int status = TavrixCliMain(args, nullptr, out, err);
-    out_ = Slurp(out);
-    err_ = Slurp(err);
-    return status;
-  }
-  static std::string Slurp(std::FILE* f) {
-    std::rewind(f);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
-    return text;
-  }
-
-  std::string dir_;
-  std::string out_;
-  std::string err_;
 };
 
 TEST_F(CryptCliTest, DecryptWritesThePlainCounterpartWithTheUtilityKey) {

@@ -1,3 +1,4 @@
+#include "cli_test_support.h"
 #include "run_command.h"
 
 #include <gtest/gtest.h>
@@ -15,51 +16,14 @@
 namespace tavrix {
 namespace {
 
-// Drives `tavrix-cli` in-process, on temporary files.
-class CliTest : public ::testing::Test {
+class CliTest : public CliTestBase {
  protected:
-  CliTest() {
-    char dir[] = "/tmp/clitestXXXXXX";
-    dir_ = mkdtemp(dir);
-  }
-  ~CliTest() override { std::system(("rm -rf " + dir_).c_str()); }
-
-  std::string File(const std::string& name, const std::string& text) {
-    const std::string path = dir_ + "/" + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-  }
-
-  int Cli(std::vector<std::string> args) {
-    args.insert(args.begin(), "tavrix-cli");
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const int status = TavrixCliMain(args, nullptr, out, err);
-    out_ = Slurp(out);
-    err_ = Slurp(err);
-    return status;
-  }
-
-  static std::string Slurp(std::FILE* f) {
-    std::rewind(f);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
-    return text;
-  }
-
   std::vector<std::string> TraceLines() const {
     std::vector<std::string> lines;
     std::istringstream in(out_);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
-
-  std::string dir_;
-  std::string out_;
-  std::string err_;
 };
 
 TEST_F(CliTest, TraceOfAVirtualTimeRun) {
