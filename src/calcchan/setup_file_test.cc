@@ -1,6 +1,8 @@
 #include "calcchan/setup_file.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+#include <filesystem>
 
 #include <fstream>
 
@@ -16,6 +18,16 @@ struct SetupFileTest : ::testing::Test {
   CalcState state;
   CalcPorts ports;
 
+  // A folder of this test process's own: test programs run side by side.
+  static std::string Folder() {
+    static const std::string folder = [] {
+      std::string f = ::testing::TempDir() + "setup_" + std::to_string(getpid()) + "/";
+      std::filesystem::create_directories(f);
+      return f;
+    }();
+    return folder;
+  }
+
   SetupFileTest() {
     ports.showMessage = [this](std::string_view m) { messages.emplace_back(m); };
     ports.dataFolder = [] { return std::string("c:\\corvane\\data\\"); };
@@ -23,12 +35,12 @@ struct SetupFileTest : ::testing::Test {
     // Setup files in the tests are named "dir\NAME" and live in TempDir.
     ports.resolvePath = [](std::string_view spec) {
       const size_t slash = spec.find_last_of('\\');
-      return ::testing::TempDir() + std::string(slash == std::string_view::npos ? spec : spec.substr(slash + 1));
+      return Folder() + std::string(slash == std::string_view::npos ? spec : spec.substr(slash + 1));
     };
   }
 
   bool Load(const std::string& name, std::string_view text) {
-    std::ofstream(::testing::TempDir() + name, std::ios::binary) << text;
+    std::ofstream(Folder() + name, std::ios::binary) << text;
     return LoadCalcChannelSetup("d:\\setups\\" + name, state, ports, kNow);
   }
 };
@@ -136,7 +148,7 @@ TEST_F(SetupFileTest, UnknownTypeIsDroppedWithItsMessageAndLoadingGoesOn) {
 }
 
 TEST_F(SetupFileTest, BadFilesFailWithTheirMessages) {
-  const std::string unable = "Unable to find or process calculated channel setup file:\r" + ::testing::TempDir();
+  const std::string unable = "Unable to find or process calculated channel setup file:\r" + Folder();
   struct Case {
     std::string text;
     std::vector<std::string> messages;

@@ -1,6 +1,7 @@
 #include "instrument/channels.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -12,7 +13,8 @@ namespace tavrix {
 namespace {
 
 std::string WriteFile(const std::string& name, std::string_view text) {
-  const std::string path = ::testing::TempDir() + name;
+  // Named for this process: test programs run side by side.
+  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "_" + name;
   std::ofstream(path, std::ios::binary) << text;
   return path;
 }
