@@ -6,6 +6,7 @@
 
 #include "common/paths.h"
 #include "common/text_conventions.h"
+#include "common/text_items.h"
 
 namespace tavrix {
 namespace {
@@ -76,16 +77,10 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
 
 bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
                              InstrumentSettings& settings, std::string& error) {
-  size_t pos = 0;
   int lineNo = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string_view::npos) end = text.size();
-    std::string_view line = text.substr(pos, end - pos);
-    pos = end + 1;
+  for (const std::string& raw : splitLines(text)) {
     ++lineNo;
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    line = trim(line);
+    const std::string_view line = trim(raw);
     if (line.empty() || line[0] == '#' || line[0] == ';') continue;
     const size_t eq = line.find('=');
     std::string reason;

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "common/text_conventions.h"
+#include "common/text_items.h"
 
 namespace tavrix {
 namespace {
@@ -133,14 +134,9 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
   setup = RigSetup{};
   setup.name = fileStem(fileName);
   size_t lineNo = 0;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string_view::npos) end = text.size();
-    std::string_view line = text.substr(pos, end - pos);
-    pos = end + 1;
+  for (const std::string& text_line : splitLines(text)) {
     ++lineNo;
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    const std::string_view line = text_line;
     const std::string_view content = trim(line);
     if (content.empty() || content[0] == ';' || content[0] == '#') continue;
 

@@ -1,10 +1,10 @@
 #include "sequencer/answers_file.h"
 
 #include <cctype>
-#include <fstream>
-#include <sstream>
 
 #include "common/text_conventions.h"
+#include "common/text_file.h"
+#include "common/text_items.h"
 
 namespace tavrix {
 
@@ -20,21 +20,12 @@ bool isKindCharacter(char c) {
 AnswersFile AnswersFile::parse(std::string_view text) {
   AnswersFile file;
   int number = 0;
-  size_t pos = 0;
-  while (pos <= text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string_view::npos) end = text.size();
-    std::string_view raw = text.substr(pos, end - pos);
-    pos = end + 1;
+  for (const std::string& raw : splitLines(text)) {
     ++number;
-    if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
     std::string_view line = trim(raw);
     while (!line.empty() && line.front() == '\t') line = trim(line.substr(1));
     while (!line.empty() && line.back() == '\t') line = trim(line.substr(0, line.size() - 1));
-    if (line.empty() || line.front() == '#') {
-      if (end == text.size()) break;
-      continue;
-    }
+    if (line.empty() || line.front() == '#') continue;
     Line entry;
     entry.number = number;
     // A tag is an upper-case kind, an optional '*', and a colon.
@@ -54,20 +45,14 @@ AnswersFile AnswersFile::parse(std::string_view text) {
       entry.caption = line;
     }
     file.lines_.push_back(std::move(entry));
-    if (end == text.size()) break;
   }
   return file;
 }
 
 std::optional<AnswersFile> AnswersFile::load(const std::string& path, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    if (error) *error = "Cannot read answers file " + path;
-    return std::nullopt;
-  }
-  std::ostringstream content;
-  content << in.rdbuf();
-  return parse(content.str());
+  std::string text;
+  if (!readTextFile(path, text, error)) return std::nullopt;
+  return parse(text);
 }
 
 const AnswersFile::Line* AnswersFile::take(std::string_view kind) {
