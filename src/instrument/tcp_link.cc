@@ -72,6 +72,19 @@ bool TcpLink::connectSocket() {
   return connected;
 }
 
+int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int waitMs,
+                          int32_t whenNoAnswer) {
+  switch (request(body, response, waitMs)) {
+    case Outcome::kLost:
+      return link_result::kLinkLost;
+    case Outcome::kNoAnswer:
+      return whenNoAnswer;
+    case Outcome::kOk:
+      break;
+  }
+  return link_result::kOk;
+}
+
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
   if (fd_ < 0) return Outcome::kLost;
   const uint64_t id = nextId_++;
@@ -154,14 +167,8 @@ int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
   RigResponse r;
   const std::string body =
       "SEND " + std::to_string(device) + " " + timeText() + " " + EscapeField(BufferText(command));
-  switch (request(body, r, responseWaitMs)) {
-    case Outcome::kLost:
-      return link_result::kLinkLost;
-    case Outcome::kNoAnswer:
-      return link_result::kNotReady;
-    case Outcome::kOk:
-      break;
-  }
+  if (const int32_t failed = exchange(body, r, responseWaitMs, link_result::kNotReady))
+    return failed;
   if (r.code == link_result::kOk && r.text && device >= 0 && device < 100) {
     readyReply_[device] = std::move(*r.text);
   }
@@ -176,14 +183,9 @@ int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffe
     return link_result::kOk;
   }
   RigResponse r;
-  switch (request("REPLY " + std::to_string(device) + " " + timeText(), r, responseWaitMs)) {
-    case Outcome::kLost:
-      return link_result::kLinkLost;
-    case Outcome::kNoAnswer:
-      return link_result::kNotReady;
-    case Outcome::kOk:
-      break;
-  }
+  if (const int32_t failed = exchange("REPLY " + std::to_string(device) + " " + timeText(), r,
+                                      responseWaitMs, link_result::kNotReady))
+    return failed;
   if (r.code == link_result::kOk && r.text) WriteBuffer(buffer, *r.text);
   return r.code;
 }
@@ -221,14 +223,9 @@ int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, S
   text << in.rdbuf();
   RigResponse r;
   const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text.str());
-  switch (request(body, r, std::max(responseWaitMs, 2000))) {
-    case Outcome::kLost:
-      return link_result::kLinkLost;
-    case Outcome::kNoAnswer:
-      return link_result::kSetupBusy;
-    case Outcome::kOk:
-      break;
-  }
+  if (const int32_t failed =
+          exchange(body, r, std::max(responseWaitMs, 2000), link_result::kSetupBusy))
+    return failed;
   const std::string answer = r.text.value_or("");
   if (r.code != link_result::kOk) {
     load.message = answer;
@@ -251,14 +248,8 @@ int32_t TcpLink::requestMonitorChannel(std::string_view setupName, MonitorChanne
   const std::string body =
       "MONITOR " + std::to_string(record.device) + " =" +
       EscapeField(std::string(setupName.substr(0, setupName.find_last_not_of(' ') + 1)));
-  switch (request(body, r, responseWaitMs)) {
-    case Outcome::kLost:
-      return link_result::kLinkLost;
-    case Outcome::kNoAnswer:
-      return link_result::kNotReady;
-    case Outcome::kOk:
-      break;
-  }
+  if (const int32_t failed = exchange(body, r, responseWaitMs, link_result::kNotReady))
+    return failed;
   if (r.code != link_result::kOk) return r.code;
   int number = -1;
   const std::string text = r.text.value_or("");

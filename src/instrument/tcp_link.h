@@ -43,6 +43,10 @@ class TcpLink final : public LinkLibrary {
   enum class Outcome { kOk, kNoAnswer, kLost };
   // Sends one request and waits for its response.
   Outcome request(const std::string& body, RigResponse& response, int waitMs);
+  // request() as a link result: 0 once answered, the link-lost result, or
+  // `whenNoAnswer` when no answer came in time.
+  int32_t exchange(const std::string& body, RigResponse& response, int waitMs,
+                   int32_t whenNoAnswer);
   bool connectSocket();
   void disconnect();
   std::string timeText() const;

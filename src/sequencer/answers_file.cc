@@ -11,8 +11,8 @@ namespace tavrix {
 namespace {
 
 bool isKindCharacter(char c) {
-  return std::isupper(static_cast<unsigned char>(c)) || std::isdigit(static_cast<unsigned char>(c)) ||
-         c == '_' || c == '[' || c == ']';
+  return std::isupper(static_cast<unsigned char>(c)) ||
+         std::isdigit(static_cast<unsigned char>(c)) || c == '_' || c == '[' || c == ']';
 }
 
 }  // namespace
