@@ -10,7 +10,7 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
-#include "instrument/sim_rig.h"
+#include "instrument/simrig/sim_rig.h"
 
 namespace tavrix::bench {
 namespace {

@@ -11,11 +11,12 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
-#include "instrument/channel_commands.h"
-#include "instrument/instrument.h"
-#include "instrument/rig_server.h"
-#include "instrument/sim_rig.h"
-#include "instrument/tcp_link.h"
+#include "instrument/link/channel_commands.h"
+#include "instrument/backends/link_backends.h"
+#include "instrument/link/instrument.h"
+#include "instrument/tcp/rig_server.h"
+#include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/tcp_link.h"
 
 namespace tavrix::bench {
 namespace {
@@ -43,7 +44,7 @@ void BM_SendLinesInProcessRig(benchmark::State& state) {
   const std::string path = WriteSequence(lines);
   QuietOperator op;
   Engine engine(std::make_unique<SystemClock>(), op);
-  auto instrument = Instrument::Create(engine.events(), engine.trace(), {}, "sim", nullptr);
+  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;
@@ -91,7 +92,7 @@ void BM_SendExchangeThroughTheLayer(benchmark::State& state) {
   SystemClock clock;
   EventLoop events(clock);
   Trace trace(clock);
-  auto instrument = Instrument::Create(events, trace, {}, "sim", nullptr);
+  auto instrument = MakeInstrument(events, trace, {}, "sim", nullptr);
   instrument->selectSetupFile(rig);
   Channels& channels = instrument->channels();
   for (auto _ : state) benchmark::DoNotOptimize(channels.WriteChannel("FAN", "5"));

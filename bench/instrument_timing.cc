@@ -5,8 +5,9 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
-#include "instrument/channel_commands.h"
-#include "instrument/instrument.h"
+#include "instrument/link/channel_commands.h"
+#include "instrument/backends/link_backends.h"
+#include "instrument/link/instrument.h"
 #include "timing.h"
 
 namespace tavrix::bench {
@@ -19,7 +20,7 @@ const RegisterTiming kWaitCondition("wait-condition", [] {
   const std::string path = WriteSequence({"WAIT TEMP1 > 50"});
   QuietOperator op;
   Engine engine(std::make_unique<SystemClock>(), op);
-  auto instrument = Instrument::Create(engine.events(), engine.trace(), {}, "sim", nullptr);
+  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;

@@ -8,10 +8,10 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
-#include "instrument/channel_commands.h"
-#include "instrument/instrument.h"
-#include "instrument/output_commands.h"
-#include "instrument/sim_rig.h"
+#include "instrument/link/channel_commands.h"
+#include "instrument/link/instrument.h"
+#include "instrument/outputs/output_commands.h"
+#include "instrument/simrig/sim_rig.h"
 #include "timing.h"
 
 namespace tavrix::bench {

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "instrument/sim_rig.h"
+#include "instrument/simrig/sim_rig.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;

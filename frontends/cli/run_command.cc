@@ -12,8 +12,9 @@
 #include "common/civil_time.h"
 #include "crypt_commands.h"
 #include "engine/engine.h"
-#include "instrument/instrument.h"
-#include "instrument/rig_server.h"
+#include "instrument/backends/link_backends.h"
+#include "instrument/link/instrument.h"
+#include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
 #include "sequencer/console_operators.h"
 
@@ -143,6 +144,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.useReplyTimeout = true;
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
+  engine.setLinkFactory(MakeLinkLibrary);
   if (!engine.attachInstrument(settings, options.link, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;

@@ -11,7 +11,7 @@
 #include <atomic>
 #include <thread>
 
-#include "instrument/rig_server.h"
+#include "instrument/tcp/rig_server.h"
 
 namespace tavrix {
 namespace {

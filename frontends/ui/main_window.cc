@@ -26,7 +26,7 @@
 #include "check_failure_dialog.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
-#include "instrument/channel_commands.h"
+#include "instrument/link/channel_commands.h"
 #include "manual_control.h"
 #include "qt_text.h"
 #include "question_dialogs.h"

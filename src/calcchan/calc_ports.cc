@@ -1,7 +1,7 @@
 #include "calcchan/calc_ports.h"
 
 #include "common/trace.h"
-#include "instrument/instrument.h"
+#include "instrument/link/instrument.h"
 
 namespace tavrix {
 

@@ -8,7 +8,7 @@
 #include "calcchan/setup_file.h"
 #include "calcchan/summary_files.h"
 #include "common/text_conventions.h"
-#include "instrument/channels.h"
+#include "instrument/link/channels.h"
 
 namespace tavrix {
 namespace {

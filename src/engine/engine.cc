@@ -3,8 +3,9 @@
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
 #include "indexing/indexing_commands.h"
-#include "instrument/channel_commands.h"
-#include "instrument/output_commands.h"
+#include "instrument/link/channel_commands.h"
+#include "instrument/outputs/output_commands.h"
+#include "instrument/simrig/sim_rig.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -12,6 +13,8 @@ namespace tavrix {
 namespace {
 // Below the link's data folder: where the daily summaries and reports go.
 constexpr std::string_view kSummaryFolder = "\\summary";
+// The one link an engine knows without a factory: the simulated rig.
+constexpr std::string_view kSimLinkSpec = "sim";
 constexpr std::string_view kNoInstrument = "No instrument link is attached";
 }  // namespace
 
@@ -35,8 +38,17 @@ Engine::~Engine() = default;
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
-  instrument_ = Instrument::Create(events_, trace_, std::move(settings), linkSpec, error);
-  if (!instrument_) return false;
+  std::unique_ptr<LinkLibrary> backend;
+  if (linkFactory_) {
+    backend = linkFactory_(linkSpec, events_.clock(), settings, error);
+  } else if (linkSpec.empty() || linkSpec == kSimLinkSpec) {
+    backend = std::make_unique<SimLink>(events_.clock(), settings.dataRoot);
+  } else if (error) {
+    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim";
+  }
+  if (!backend) return false;
+  instrument_ =
+      std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend));
   RegisterInstrumentCommands(sequencer_, *instrument_);
   RegisterOutputCommands(sequencer_, *instrument_);
   calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);

@@ -3,6 +3,7 @@
 // ends build one, plug in their operator and the instrument link, and go.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "calcchan/evaluation.h"
@@ -10,7 +11,7 @@
 #include "common/event_loop.h"
 #include "common/paths.h"
 #include "common/trace.h"
-#include "instrument/instrument.h"
+#include "instrument/link/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
 #include "sequencer/sequencer.h"
@@ -36,10 +37,18 @@ class Engine {
   // what was asked to the trace and answers only configured requests.
   RecordingCompanion& companion() { return companion_; }
 
-  // Builds the instrument over the link that `linkSpec` names ("sim" or
-  // "tcp://HOST:PORT") and registers the commands of every subsystem that
-  // works on channels. Call once; false with a message when the link spec
-  // names no backend.
+  // Turns a link spec into a backend, or nullptr with a message.
+  using LinkFactory = std::function<std::unique_ptr<LinkLibrary>(
+      std::string_view linkSpec, const Clock& clock, const InstrumentSettings& settings,
+      std::string* error)>;
+  // Which backends a link spec can name. By itself the engine knows only the
+  // simulated rig ("sim", or no spec); front ends that offer a rig server
+  // set MakeLinkLibrary of instrument/backends.
+  void setLinkFactory(LinkFactory factory) { linkFactory_ = std::move(factory); }
+
+  // Builds the instrument over the link that `linkSpec` names and registers
+  // the commands of every subsystem that works on channels. Call once; false
+  // with a message when the link spec names no backend.
   bool attachInstrument(InstrumentSettings settings, std::string_view linkSpec, std::string* error);
   // Null until attachInstrument.
   Instrument* instrument() { return instrument_.get(); }
@@ -64,6 +73,7 @@ class Engine {
   };
 
   std::unique_ptr<Clock> clock_;
+  LinkFactory linkFactory_;
   EventLoop events_;
   Trace trace_;
   RecordingCompanion companion_;

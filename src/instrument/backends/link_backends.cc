@@ -1,0 +1,37 @@
+#include "instrument/backends/link_backends.h"
+
+#include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/tcp_link.h"
+
+namespace tavrix {
+
+std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Clock& clock,
+                                             const InstrumentSettings& settings,
+                                             std::string* error) {
+  if (linkSpec.empty() || linkSpec == kLinkSim) {
+    return std::make_unique<SimLink>(clock, settings.dataRoot);
+  }
+  if (linkSpec.substr(0, kLinkTcpPrefix.size()) == kLinkTcpPrefix) {
+    std::string host;
+    uint16_t port = 0;
+    if (!ParseHostPort(linkSpec.substr(kLinkTcpPrefix.size()), host, port)) {
+      if (error) *error = "the link \"" + std::string(linkSpec) + "\" is not tcp://HOST:PORT";
+      return nullptr;
+    }
+    return std::make_unique<TcpLink>(clock, host, port);
+  }
+  if (error) {
+    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim or tcp://HOST:PORT";
+  }
+  return nullptr;
+}
+
+std::unique_ptr<Instrument> MakeInstrument(EventLoop& events, Trace& trace,
+                                           InstrumentSettings settings, std::string_view linkSpec,
+                                           std::string* error) {
+  auto backend = MakeLinkLibrary(linkSpec, events.clock(), settings, error);
+  if (!backend) return nullptr;
+  return std::make_unique<Instrument>(events, trace, std::move(settings), std::move(backend));
+}
+
+}  // namespace tavrix

@@ -1,0 +1,25 @@
+#include "instrument/backends/link_backends.h"
+
+#include <gtest/gtest.h>
+
+#include "common/civil_time.h"
+
+namespace tavrix {
+namespace {
+
+TEST(LinkBackends, LinkSpecsNameTheBackend) {
+  VirtualClock clock(1'767'225'600LL * kMicrosPerSecond);  // 2026-01-01 00:00:00
+  EventLoop events(clock);
+  Trace trace(clock);
+  std::string error;
+  EXPECT_NE(MakeInstrument(events, trace, {}, "sim", &error), nullptr);
+  EXPECT_NE(MakeInstrument(events, trace, {}, "", &error), nullptr);
+  EXPECT_NE(MakeInstrument(events, trace, {}, "tcp://127.0.0.1:5025", &error), nullptr);
+  EXPECT_EQ(MakeInstrument(events, trace, {}, "tcp://nohost", &error), nullptr);
+  EXPECT_EQ(error, "the link \"tcp://nohost\" is not tcp://HOST:PORT");
+  EXPECT_EQ(MakeInstrument(events, trace, {}, "serial:1", &error), nullptr);
+  EXPECT_EQ(error, "unknown link \"serial:1\": use sim or tcp://HOST:PORT");
+}
+
+}  // namespace
+}  // namespace tavrix

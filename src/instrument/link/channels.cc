@@ -1,0 +1,273 @@
+#include "instrument/link/channels.h"
+
+#include <cstdio>
+
+#include "common/text_conventions.h"
+
+namespace tavrix {
+namespace {
+
+std::string fixed13(std::string_view text) {
+  return std::string(trimRight(text.substr(0, kChannelNameLength)));
+}
+
+}  // namespace
+
+const ChannelRecord* Channels::lookup(std::string_view name) const {
+  if (!indexed_) {
+    index_.clear();
+    for (size_t i = 0; i < records_.size(); ++i) index_.try_emplace(records_[i].name, i);
+    indexed_ = true;
+  }
+  const auto found = index_.find(name);
+  return found == index_.end() ? nullptr : &records_[found->second];
+}
+
+void Channels::recordNameError(std::string_view name) {
+  link_.recordError(kErrChannelName, std::string(kTextChannelNamePrefix) + std::string(name) +
+                                         std::string(kTextChannelNameSuffix));
+}
+
+bool Channels::FindChannel(std::string_view name, int16_t& device) const {
+  const ChannelRecord* record = lookup(name);
+  if (record == nullptr) return false;
+  device = record->device;
+  return true;
+}
+
+bool Channels::FindEnabledChannel(std::string_view name, int16_t& device) const {
+  const ChannelRecord* record = lookup(name);
+  if (record == nullptr) return false;
+  device = record->device;
+  return record->enabled;
+}
+
+bool Channels::ReadChannel(std::string_view name, std::string& value) {
+  if (link_.noHardware) {
+    value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
+    return true;
+  }
+  int16_t device = 0;
+  if (!FindEnabledChannel(name, device)) {
+    recordNameError(name);
+    return false;
+  }
+  std::string command = "REA ";
+  command += name;
+  if (!link_.IMLSendCommand(device, command, true)) return false;
+  link_.events().processPendingEvents();
+  link_.events().processPendingEvents();
+  std::string reply;
+  if (!link_.IMLGetReply(device, reply)) return false;
+  const size_t nul = reply.find('\0');
+  value = nul != std::string::npos && nul >= 1 ? reply.substr(0, nul) : reply;
+  lastReading_ = value;
+  return true;
+}
+
+bool Channels::WriteChannel(std::string_view name, std::string_view value) {
+  int16_t device = 0;
+  if (!FindEnabledChannel(name, device)) {
+    recordNameError(name);
+    return false;
+  }
+  std::string command = "WRI ";
+  command.append(name).append(" ").append(value);
+  link_.IMLSendCommand(device, command, false);
+  return link_.IMLCheckReply(device);
+}
+
+bool Channels::DefineChannel(std::string_view name, std::string_view settings) {
+  int16_t device = 0;
+  if (!FindChannel(name, device)) {
+    recordNameError(name);
+    return false;
+  }
+  std::string command = "DEF ";
+  command.append(name).append(" ").append(settings);
+  link_.IMLSendCommand(device, command, false);
+  return link_.IMLCheckReply(device);
+}
+
+bool Channels::EscapeChannel(std::string_view name, std::string_view settings) {
+  int16_t device = 0;
+  if (!FindChannel(name, device)) {
+    recordNameError(name);
+    return false;
+  }
+  std::string command = "ESC ";
+  command.append(name).append(" ").append(settings);
+  if (!link_.IMLSendCommand(device, command, false)) return false;
+  return link_.IMLCheckReply(device);
+}
+
+bool Channels::RezeroChannel(std::string_view name) {
+  int16_t device = 0;
+  if (!FindEnabledChannel(name, device)) {
+    recordNameError(name);
+    return false;
+  }
+  std::string reading;
+  if (!link_.IMLSendReceive(device, "REA " + std::string(name), reading)) return false;
+  const double present = leadingNumber(BufferText(reading));
+  std::string settings;
+  if (!link_.IMLSendReceive(device, "SHO " + std::string(name), settings)) return false;
+  settings = upperCase(BufferText(settings));
+  double offset = 0;
+  const size_t at = settings.find("O=");
+  if (at != std::string::npos) {
+    const size_t from = at + 2;
+    const size_t blank = settings.find(' ', from);
+    offset = leadingNumber(std::string_view(settings).substr(
+        from, blank == std::string::npos ? std::string::npos : blank - from));
+  }
+  const std::string newOffset(trimLeft(numberText(offset - present)));
+  return DefineChannel(name, "O=" + newOffset);
+}
+
+bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_view name,
+                                    std::string_view settings) {
+  const int16_t device = roundToInt16(leadingNumber(deviceText)).value_or(0);
+  ChannelRecord record;
+  record.device = device;
+  records_.push_back(record);
+  changed();
+  definitions_.emplace_back();
+
+  MonitorChannelRecord request;
+  request.device = device;
+  const int32_t result = link_.library().requestMonitorChannel(link_.setupName, request);
+  if (result != link_result::kOk) {
+    std::string text;
+    switch (result) {
+      case link_result::kNoMemory:
+        text = "IML device has insufficient memory.";
+        break;
+      case link_result::kSetupNotLoaded:
+        text = "IMS setup name is not a loaded setup.";
+        break;
+      case link_result::kNotConfiguring:
+        text = "Attempt to change an IMS setup, while NOT in configuring mode.";
+        break;
+      case link_result::kNoMonitorChannels:
+        text = "There are no more monitor channels available in the IML device.";
+        break;
+      default:
+        text = "Failed in IMSRequestMonitorChannel, ErrNum =" + numberText(result);
+    }
+    link_.recordError(kErrMonitorChannel, text);
+    records_.pop_back();
+    changed();
+    definitions_.pop_back();
+    link_.recordError(kErrMonitorChannel,
+                      std::string(kTextCannotCreateMonitor) + std::string(name));
+    return false;
+  }
+  records_.back().channelNumber = request.channelNumber;
+  const std::string channel =
+      formatNumber(device, "0") + formatNumber(request.channelNumber, "0000");
+  link_.IMLSendCommand(device, "DEF " + channel + " E=0 ", false);
+  link_.IMLSendCommand(device, "DEF " + channel + " M=Z", false);
+  link_.IMLSendCommand(device, "DEF " + channel + " " + std::string(settings), false);
+  link_.IMLSendCommand(device, "DEF " + channel + " N=" + std::string(name), false);
+  records_.back().name = fixed13(name);
+  changed();
+  return true;
+}
+
+bool Channels::ClearMonitorChannel(std::string_view name) {
+  int16_t device = 0;
+  if (!FindChannel(name, device)) {
+    recordNameError(name);
+    return false;
+  }
+  link_.IMLSendCommand(device, "CLEAR " + std::string(name), false);
+  if (!link_.IMLCheckReply(device)) return false;
+  for (size_t i = 0; i < records_.size(); ++i) {
+    if (records_[i].name == name) {
+      records_.erase(records_.begin() + static_cast<ptrdiff_t>(i));
+      changed();
+      definitions_.erase(definitions_.begin() + static_cast<ptrdiff_t>(i));
+      break;
+    }
+  }
+  return true;
+}
+
+bool Channels::LoadSetup(const std::string& file) {
+  if (link_.noHardware) return true;
+  SetupLoad load;
+  int32_t result = link_.library().loadAndLockSetup(file, 0, load);
+  if (result == link_result::kSetupBusy) {
+    load = SetupLoad{};
+    result = link_.library().loadAndLockSetup(file, 0, load);
+  }
+  if (result != link_result::kOk) {
+    link_.SetIMLError(result);
+    if (!load.message.empty()) link_.lastErrorText += " - " + load.message;
+    return false;
+  }
+  link_.setupName = load.setupName.substr(0, kSetupNameLength);
+  ReadSummary(load.summary);
+  return true;
+}
+
+void Channels::ReadSummary(std::string_view summary) {
+  present_.fill(false);
+  highestDevice_ = -1;
+  records_.clear();
+  changed();
+  definitions_.clear();
+  size_t pos = 0;
+  while (pos < summary.size()) {
+    size_t end = summary.find('\n', pos);
+    if (end == std::string_view::npos) end = summary.size();
+    std::string_view line = summary.substr(pos, end - pos);
+    pos = end + 1;
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (!line.empty() && (line[0] == 'D' || line[0] == 'F')) continue;
+
+    ChannelRecord record;
+    definitions_.emplace_back(line.size() > 2 ? line.substr(2) : std::string_view{});
+    const std::string line_(line);
+    record.enabled = leadingNumber(ReplyField(line_, "E=", " ")) != 0;
+    record.mode = ReplyField(line_, "M=", " ")[0];
+    const size_t hwLength = line.size() > 7 && line[7] != ' ' ? 6 : 5;
+    const std::string_view hw = line.size() > 2 ? line.substr(2, hwLength) : std::string_view{};
+    if (hw.size() >= 4) {
+      record.channelNumber = roundToInt16(leadingNumber(hw.substr(hw.size() - 4))).value_or(0);
+      record.device = roundToInt16(leadingNumber(hw.substr(0, hw.size() - 4))).value_or(0);
+    }
+    if (record.device > highestDevice_ && record.device < 100) {
+      highestDevice_ = record.device;
+      present_[record.device] = true;
+    }
+    const std::string name = ReplyField(line_, "N=", " ");
+    record.name = fixed13(name != " " ? std::string_view(name) : hw);
+    record.units = fixed13(ReplyField(line_, "U=", " "));
+    records_.push_back(std::move(record));
+    changed();
+  }
+}
+
+bool EncodeSmcCommand(std::string_view command, std::string& hex) {
+  const std::string text = upperCase(trimLeft(command));
+  hex.clear();
+  auto append = [&hex](unsigned char c) {
+    char digits[4];
+    std::snprintf(digits, sizeof digits, "%X", c);
+    hex += digits;
+  };
+  if (!text.empty()) {
+    const char letter = text[0];
+    append(static_cast<unsigned char>(letter));
+    if (std::string_view("FNPRSX").find(letter) != std::string_view::npos) {
+      for (char c : trimRight(std::string_view(text).substr(1)))
+        append(static_cast<unsigned char>(c));
+    }
+  }
+  hex += "0D";
+  return hex.size() <= 16;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,99 @@
+// The channel table that the loaded hardware setup provides, the device
+// table, and the channel operations that every other part of the program
+// uses to reach the hardware by channel name: read, write, define, escape,
+// re-zero, and monitor channels. Built on the IML link.
+//
+// Operations return true on success; on failure the link's lastErrorNumber
+// and lastErrorText tell why.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "instrument/link/iml_link.h"
+
+namespace tavrix {
+
+// Lets maps keyed by std::string be searched with a string_view.
+struct StringHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+
+inline constexpr size_t kChannelNameLength = 13;
+inline constexpr std::string_view kTextChannelNamePrefix = "Channel name - ";
+inline constexpr std::string_view kTextChannelNameSuffix =
+    " - does not exist, or is not enabled in the hardware";
+inline constexpr std::string_view kTextCannotCreateMonitor = "Cannot create monitor channel - ";
+inline constexpr std::string_view kTextUnableToRead = "Unable to read from channel: ";
+
+struct ChannelRecord {
+  int16_t device = 0;
+  int16_t channelNumber = 0;
+  char mode = ' ';
+  std::string name;   // at most 13 characters, trailing blanks removed
+  std::string units;  // at most 13 characters, trailing blanks removed
+  bool enabled = false;
+};
+
+class Channels {
+ public:
+  explicit Channels(ImlLink& link) : link_(link) {}
+
+  ImlLink& link() { return link_; }
+
+  // --- Tables ----------------------------------------------------------------
+  const std::vector<ChannelRecord>& records() const { return records_; }
+  // Each channel's summary line without its first two characters.
+  const std::vector<std::string>& definitions() const { return definitions_; }
+  bool devicePresent(int device) const { return device >= 0 && device < 100 && present_[device]; }
+  int16_t highestDevice() const { return highestDevice_; }
+  // The text of the last successful read.
+  const std::string& lastReading() const { return lastReading_; }
+
+  // --- Operations ----------------------------------------------------------
+  bool FindChannel(std::string_view name, int16_t& device) const;
+  bool FindEnabledChannel(std::string_view name, int16_t& device) const;
+  bool ReadChannel(std::string_view name, std::string& value);
+  bool WriteChannel(std::string_view name, std::string_view value);
+  bool DefineChannel(std::string_view name, std::string_view settings);
+  bool EscapeChannel(std::string_view name, std::string_view settings);
+  bool RezeroChannel(std::string_view name);
+  bool CreateMonitorChannel(std::string_view deviceText, std::string_view name,
+                            std::string_view settings);
+  bool ClearMonitorChannel(std::string_view name);
+  // Loads and locks the setup in `file` (a local path) and rebuilds the
+  // channel table from its summary. Does nothing when there is no hardware.
+  bool LoadSetup(const std::string& file);
+  // Rebuilds the tables from a setup summary's text.
+  void ReadSummary(std::string_view summary);
+
+ private:
+  const ChannelRecord* lookup(std::string_view name) const;
+  // Any change of the records or their names drops the name index.
+  void changed() { indexed_ = false; }
+  void recordNameError(std::string_view name);
+
+  ImlLink& link_;
+  std::vector<ChannelRecord> records_;
+  // Name -> index of the first record of that name, built on the first
+  // lookup after a change: a lookup finds what a scan from index 0 finds.
+  mutable std::unordered_map<std::string, size_t, StringHash, std::equal_to<>> index_;
+  mutable bool indexed_ = false;
+  std::vector<std::string> definitions_;
+  std::array<bool, 100> present_{};
+  int16_t highestDevice_ = -1;
+  std::string lastReading_;
+};
+
+// The hexadecimal text that SENDSMC writes for a controller command, or
+// false when the command is too long.
+bool EncodeSmcCommand(std::string_view command, std::string& hex);
+inline constexpr std::string_view kTextSmcTooLong = "SMC command too long (>7 characters)";
+inline constexpr std::string_view kTextSmcNotFound = "Specified SMC channel name not found";
+
+}  // namespace tavrix

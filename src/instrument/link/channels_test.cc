@@ -1,0 +1,210 @@
+#include "instrument/link/channels.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "common/civil_time.h"
+#include "instrument/link/recording_link.h"
+#include "instrument/simrig/sim_rig.h"
+
+namespace tavrix {
+namespace {
+
+std::string WriteFile(const std::string& name, std::string_view text) {
+  // Named for this process: test programs run side by side.
+  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "_" + name;
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+
+constexpr std::string_view kRig =
+    "D 1 MONITORS=3\n"
+    "  10001 E=1 M=A N=HEATER U=%\n"
+    "  10023 E=1 M=A N=TEMP1 U=degC V=2.5 O=0\n"
+    "  10024 E=0 M=A N=SPARE\n"
+    "  10030 E=1 M=A N=CALIBRATEDTEMP2 U=degC\n"
+    "  10031 E=1 M=A N=SMC1\n"
+    "D 3 SILENT=1\n"
+    "  30001 E=1 N=QUIET\n";
+
+struct ChannelsFixture : ::testing::Test {
+  VirtualClock clock{*parseDateTime("2024-03-01 10:00:00")};
+  EventLoop events{clock};
+  SimLink sim{clock};
+  RecordingLink recorder{sim};
+  ImlLink link{recorder, events, nullptr};
+  Channels channels{link};
+
+  void SetUp() override {
+    link.useReplyTimeout = true;
+    link.replyTimeoutSecs = 2;
+    ASSERT_TRUE(link.OpenLink());
+    ASSERT_TRUE(channels.LoadSetup(WriteFile("channels_rig.ims", kRig))) << link.lastErrorText;
+    recorder.sent.clear();
+  }
+};
+
+TEST(ChannelSummary, LinesBecomeChannelRecords) {
+  VirtualClock clock{0};
+  EventLoop events{clock};
+  SimLink sim{clock};
+  ImlLink link{sim, events, nullptr};
+  Channels channels{link};
+  channels.ReadSummary(
+      "D 0\r\n"
+      "  10023 E=1 M=A N=TEMP1 U=degC\r\n"
+      "  10024 E=0 M=B\r\n"
+      "F whatever\r\n"
+      "  990001 E=1 N=ANAMEMUCHTOOLONGX\r\n");
+  ASSERT_EQ(channels.records().size(), 3u);
+  const ChannelRecord& temp = channels.records()[0];
+  EXPECT_EQ(temp.device, 1);
+  EXPECT_EQ(temp.channelNumber, 23);
+  EXPECT_EQ(temp.name, "TEMP1");
+  EXPECT_EQ(temp.units, "degC");
+  EXPECT_EQ(temp.mode, 'A');
+  EXPECT_TRUE(temp.enabled);
+  EXPECT_EQ(channels.definitions()[0], "10023 E=1 M=A N=TEMP1 U=degC");
+  // Without N= the hardware channel text is the name.
+  EXPECT_EQ(channels.records()[1].name, "10024");
+  EXPECT_FALSE(channels.records()[1].enabled);
+  EXPECT_EQ(channels.records()[1].mode, 'B');
+  // Six characters when position 8 is not a blank; names are cut to 13.
+  EXPECT_EQ(channels.records()[2].device, 99);
+  EXPECT_EQ(channels.records()[2].channelNumber, 1);
+  EXPECT_EQ(channels.records()[2].name, "ANAMEMUCHTOOL");
+  int16_t device = -1;
+  EXPECT_FALSE(channels.FindChannel("ANAMEMUCHTOOLONGX", device));
+  EXPECT_TRUE(channels.FindChannel("ANAMEMUCHTOOL", device));
+  EXPECT_EQ(device, 99);
+  EXPECT_TRUE(channels.devicePresent(1));
+  EXPECT_TRUE(channels.devicePresent(99));
+  EXPECT_FALSE(channels.devicePresent(0));
+  EXPECT_EQ(channels.highestDevice(), 99);
+  EXPECT_TRUE(channels.FindChannel("10024", device));
+  EXPECT_FALSE(channels.FindEnabledChannel("10024", device));
+  EXPECT_FALSE(channels.FindEnabledChannel("temp1", device));  // case as given
+}
+
+TEST_F(ChannelsFixture, ReadsAndWritesByName) {
+  std::string value;
+  ASSERT_TRUE(channels.ReadChannel("TEMP1", value));
+  EXPECT_EQ(value, "2.5");
+  EXPECT_EQ(channels.lastReading(), "2.5");
+  ASSERT_TRUE(channels.WriteChannel("HEATER", "55"));
+  EXPECT_TRUE(channels.ReadChannel("HEATER", value));
+  EXPECT_EQ(value, "55");
+  EXPECT_EQ(recorder.sent, (std::vector<std::string>{"1: REA TEMP1", "1: WRI HEATER 55", "1: REP",
+                                                     "1: REA HEATER"}));
+
+  // Unknown and disabled channels: nothing is sent.
+  recorder.sent.clear();
+  for (const char* name : {"NOSUCH", "SPARE"}) {
+    EXPECT_FALSE(channels.ReadChannel(name, value));
+    EXPECT_EQ(link.lastErrorNumber, 1500);
+    EXPECT_EQ(link.lastErrorText, std::string("Channel name - ") + name +
+                                      " - does not exist, or is not enabled in the hardware");
+    EXPECT_FALSE(channels.WriteChannel(name, "1"));
+    EXPECT_EQ(link.lastErrorNumber, 1500);
+  }
+  EXPECT_TRUE(recorder.sent.empty());
+  // A disabled channel may still be defined.
+  EXPECT_TRUE(channels.DefineChannel("SPARE", "E=1"));
+  EXPECT_FALSE(channels.DefineChannel("NOSUCH", "E=1"));
+
+  // The device's error report decides a define.
+  EXPECT_FALSE(channels.DefineChannel("HEATER", "Q=7"));
+  EXPECT_EQ(link.lastErrorNumber, 13);
+  EXPECT_EQ(link.lastErrorText, "IML error - 13 bad setting");
+  EXPECT_TRUE(channels.EscapeChannel("HEATER", "RESET"));
+
+  // A device that never takes a command cannot be talked to.
+  EXPECT_FALSE(channels.ReadChannel("QUIET", value));
+  EXPECT_EQ(link.lastErrorText, "IMLsend error, ret = 17");
+  EXPECT_FALSE(channels.WriteChannel("QUIET", "1"));
+  EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 3");
+
+  // With no hardware every name reads "0".
+  link.noHardware = true;
+  EXPECT_TRUE(channels.ReadChannel("NOSUCH", value));
+  EXPECT_EQ(value, "0");
+}
+
+TEST_F(ChannelsFixture, RezeroMakesTheChannelReadZero) {
+  ASSERT_TRUE(channels.DefineChannel("TEMP1", "O=1"));
+  recorder.sent.clear();
+  // Reads 3.5 with the offset 1: the new offset is 1 - 3.5.
+  ASSERT_TRUE(channels.RezeroChannel("TEMP1"));
+  EXPECT_EQ(recorder.sent, (std::vector<std::string>{"1: REA TEMP1", "1: SHO TEMP1",
+                                                     "1: DEF TEMP1 O=-2.5", "1: REP"}));
+  std::string value;
+  ASSERT_TRUE(channels.ReadChannel("TEMP1", value));
+  EXPECT_EQ(value, "0");
+  EXPECT_FALSE(channels.RezeroChannel("SPARE"));
+  EXPECT_EQ(link.lastErrorNumber, 1500);
+}
+
+TEST_F(ChannelsFixture, MonitorChannelsAreCreatedAndCleared) {
+  ASSERT_TRUE(channels.CreateMonitorChannel("1", "MON1", "FOLLOW=TEMP1"));
+  EXPECT_EQ(recorder.sent,
+            (std::vector<std::string>{"1: DEF 19000 E=0 ", "1: DEF 19000 M=Z",
+                                      "1: DEF 19000 FOLLOW=TEMP1", "1: DEF 19000 N=MON1"}));
+  ASSERT_TRUE(channels.CreateMonitorChannel("1", "MON2", ""));
+  ASSERT_TRUE(channels.CreateMonitorChannel("1.2", "MON3", ""));
+  const size_t count = channels.records().size();
+  EXPECT_EQ(channels.records()[count - 3].channelNumber, 9000);
+  EXPECT_EQ(channels.records()[count - 1].name, "MON3");
+  EXPECT_EQ(channels.records()[count - 1].device, 1);
+
+  // The device has run out: the table is left as it was.
+  EXPECT_FALSE(channels.CreateMonitorChannel("1", "MON4", ""));
+  EXPECT_EQ(link.lastErrorNumber, 1505);
+  EXPECT_EQ(link.lastErrorText, "Cannot create monitor channel - MON4");
+  EXPECT_EQ(channels.records().size(), count);
+  recorder.monitorResult = 999;
+  EXPECT_FALSE(channels.CreateMonitorChannel("1", "MON4", ""));
+  EXPECT_EQ(link.lastErrorText, "Cannot create monitor channel - MON4");
+  recorder.monitorResult = -1;
+
+  // Clearing the first of three leaves the other two in order.
+  ASSERT_TRUE(channels.ClearMonitorChannel("MON1"));
+  ASSERT_EQ(channels.records().size(), count - 1);
+  EXPECT_EQ(channels.records()[count - 3].name, "MON2");
+  EXPECT_EQ(channels.records()[count - 2].name, "MON3");
+  EXPECT_EQ(channels.definitions().size(), channels.records().size());
+  // Only monitor channels can be cleared; unknown names are not sent.
+  EXPECT_FALSE(channels.ClearMonitorChannel("HEATER"));
+  EXPECT_EQ(link.lastErrorText, "IML error - 14 not a monitor channel");
+  EXPECT_FALSE(channels.ClearMonitorChannel("MON1"));
+  EXPECT_EQ(link.lastErrorNumber, 1500);
+}
+
+TEST_F(ChannelsFixture, SetupFilesThatCannotBeLoaded) {
+  EXPECT_FALSE(channels.LoadSetup(WriteFile("bad.ims", "  10001 E=1 N=A\nrubbish\n")));
+  EXPECT_EQ(link.lastErrorNumber, link_result::kSetupFileBadLine);
+  EXPECT_EQ(link.lastErrorText.substr(0, 17), "IML error:  81 - ");
+  EXPECT_NE(link.lastErrorText.find("bad.ims line 2: "), std::string::npos);
+  EXPECT_FALSE(channels.LoadSetup("/nonexistent/x.ims"));
+  EXPECT_EQ(link.lastErrorNumber, link_result::kSetupFileUnreadable);
+  // The table from the last good load stays.
+  int16_t device = 0;
+  EXPECT_TRUE(channels.FindChannel("HEATER", device));
+}
+
+TEST(SmcCommands, AreWrittenAsHexadecimalCharacterCodes) {
+  std::string hex;
+  EXPECT_TRUE(EncodeSmcCommand("P123", hex));
+  EXPECT_EQ(hex, "503132330D");
+  EXPECT_TRUE(EncodeSmcCommand("  p12  ", hex));
+  EXPECT_EQ(hex, "5031320D");
+  EXPECT_TRUE(EncodeSmcCommand("Q1234567890", hex));
+  EXPECT_EQ(hex, "510D");
+  EXPECT_TRUE(EncodeSmcCommand("X123456", hex));
+  EXPECT_EQ(hex, "583132333435360D");
+  EXPECT_FALSE(EncodeSmcCommand("X1234567", hex));
+}
+
+}  // namespace
+}  // namespace tavrix

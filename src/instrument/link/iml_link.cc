@@ -1,0 +1,220 @@
+#include "instrument/link/iml_link.h"
+
+#include <cmath>
+
+#include "common/text_conventions.h"
+
+namespace tavrix {
+
+ImlLink::ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace)
+    : library_(library), events_(events), trace_(trace) {}
+
+void ImlLink::recordError(int16_t number, std::string text) {
+  lastErrorNumber = number;
+  lastErrorText = std::move(text);
+}
+
+void ImlLink::SetIMLError(int32_t number) {
+  letEventsRun();
+  lastErrorNumber = static_cast<int16_t>(number);
+  lastErrorText = std::string(kTextImlError) + numberText(number);
+}
+
+float ImlLink::ElapsedSeconds(Micros start) const {
+  return static_cast<float>(std::trunc(static_cast<double>(events_.now() - start) / 1e6));
+}
+
+void ImlLink::waitPoll() {
+  bool due = false;
+  Timer timer(events_, pollInterval, [&due] { due = true; });
+  timer.setEnabled(true);
+  events_.waitUntil([&due] { return due; });
+}
+
+void ImlLink::traceExchange(int16_t device, std::string_view command, const std::string* reply,
+                            std::optional<int32_t> ret) {
+  auto event = trace_->event("iml");
+  event.field("dev", static_cast<int>(device)).field("cmd", command);
+  if (reply != nullptr) {
+    event.field("reply", BufferText(*reply));
+  } else {
+    event.field("reply", std::nullopt);
+  }
+  if (ret) event.field("ret", static_cast<int64_t>(*ret));
+}
+
+bool ImlLink::OpenLink() {
+  if (noHardware) return true;
+  const int32_t opened = library_.openInterface(imlHandle);
+  if (opened != link_result::kOk) {
+    SetIMLError(opened);
+    return false;
+  }
+  std::string version(kVersionBufferLength, ' ');
+  library_.interfaceVersion(imlHandle, version);
+  if (library_.setupLibVersion(version) < 5) {
+    SetIMLError(link_result::kSetupLibTooOld);
+    return false;
+  }
+  imsLibLoaded = true;
+  return true;
+}
+
+bool ImlLink::CloseLink() {
+  if (noHardware) return true;
+  if (imsLibLoaded) {
+    std::string name = setupName;
+    name.resize(kUnlockNameLength, ' ');
+    library_.unlockSetup(name, imlHandle);
+    library_.closeInterface(imlHandle);
+    imsLibLoaded = false;
+  }
+  return true;
+}
+
+bool ImlLink::IMLSendCommand(int16_t device, std::string_view command, bool waitFlag) {
+  commandBuffer_.assign(command.substr(0, kCommandBufferLength));
+  if (commandBuffer_.size() < kCommandBufferLength) commandBuffer_.push_back('\0');
+  commandBuffer_.resize(kCommandBufferLength, ' ');
+  // A nested exchange may reuse the buffer while this one waits.
+  const std::string buffer = commandBuffer_;
+
+  linkTimedOut = false;
+  int32_t result = link_result::kNotReady;
+  const Micros start = events_.now();
+  const bool timed = useReplyTimeout;
+  while (result == link_result::kNotReady) {
+    if (timed && ElapsedSeconds(start) > replyTimeoutSecs) {
+      linkTimedOut = true;
+      break;
+    }
+    letEventsRun();
+    result = library_.sendCommand(imlHandle, device, buffer, waitFlag);
+    if (result != link_result::kNotReady) break;
+    if (abandoned()) {
+      linkTimedOut = true;
+      break;
+    }
+    waitPoll();
+  }
+
+  const bool tracing = trace_ != nullptr && trace_->enabled();
+  if (result == link_result::kOk) {
+    if (tracing) {
+      if (waitFlag && device >= 0 && device < 100) {
+        pendingTrace_[device] = std::string(BufferText(buffer));
+      } else {
+        traceExchange(device, BufferText(buffer), nullptr, std::nullopt);
+      }
+    }
+    return true;
+  }
+  if (tracing) traceExchange(device, BufferText(buffer), nullptr, result);
+  if (!ignoreLinkErrors) recordError(kErrSend, std::string(kTextSend) + numberText(result));
+  return false;
+}
+
+bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
+  int polls = 0;
+  linkTimedOut = false;
+  int32_t result = link_result::kNotReady;
+  const Micros start = events_.now();
+  std::string buffer;
+  bool givenUp = false;
+  while ((result == link_result::kNotReady || result == link_result::kPending) && !givenUp) {
+    letEventsRun();
+    buffer.assign(kReplyBufferLength, ' ');
+    result = library_.getReply(imlHandle, device, buffer, true);
+    ++polls;
+    ++polls_;
+    if (result == link_result::kNotReady) {
+      if ((polls > kReplyPollLimit && ElapsedSeconds(start) > replyTimeoutSecs) || abandoned()) {
+        result = link_result::kTimedOut;
+        linkTimedOut = true;
+        givenUp = true;
+        library_.abortReply(imlHandle, device);
+      } else {
+        waitPoll();
+      }
+    } else if (result == link_result::kOk) {
+      reply.append(trimRight(buffer));
+    } else if (result == link_result::kPending) {
+      waitPoll();
+    }
+  }
+
+  if (trace_ != nullptr && trace_->enabled() && device >= 0 && device < 100 &&
+      pendingTrace_[device]) {
+    const std::string command = std::move(*pendingTrace_[device]);
+    pendingTrace_[device].reset();
+    if (result == link_result::kOk) {
+      traceExchange(device, command, &reply, std::nullopt);
+    } else {
+      traceExchange(device, command, nullptr, result);
+    }
+  }
+
+  if (result == link_result::kOk) return true;
+  if (result == link_result::kTimedOut) return false;
+  if (!ignoreLinkErrors) recordError(kErrReceive, std::string(kTextReceive) + numberText(result));
+  return false;
+}
+
+bool ImlLink::IMLSendReceive(int16_t device, std::string_view command, std::string& reply) {
+  for (;;) {
+    if (!IMLSendCommand(device, command, true)) {
+      recordError(kErrTalkToDevice, std::string(kTextTalkToDevice) + numberText(device));
+      return false;
+    }
+    letEventsRun();
+    letEventsRun();
+    std::string received;
+    if (IMLGetReply(device, received)) {
+      reply = std::move(received);
+      return true;
+    }
+    if (linkTimedOut) {
+      recordError(kErrTalkToDevice, std::string(kTextTalkToDevice) + numberText(device));
+      return false;
+    }
+  }
+}
+
+bool ImlLink::IMLCheckReply(int16_t device) {
+  std::string reply;
+  if (!IMLSendReceive(device, "REP", reply)) return false;
+  if (!reply.empty() && reply[0] == '0') return true;
+  const std::string_view text = BufferText(reply);
+  lastErrorNumber = roundToInt16(leadingNumber(text)).value_or(0);
+  lastErrorText = std::string(kTextReplyError) + std::string(text);
+  return false;
+}
+
+std::string ImlLink::directory(std::string_view folder) {
+  std::string dir;
+  if (!noHardware) {
+    std::string version(kVersionBufferLength, ' ');
+    library_.setupLibVersion(version);
+    std::string path;
+    if (library_.dirPath(path) == link_result::kOk) dir = std::string(trim(BufferText(path)));
+  }
+  if (dir.empty()) dir = kDefaultDirectory;
+  while (!dir.empty() && (dir.back() == '\\' || dir.back() == '/')) dir.pop_back();
+  return dir + std::string(folder);
+}
+
+std::string ImlLink::GetSetupsDirectory() { return directory(kSetupsFolder); }
+std::string ImlLink::GetDataDirectory() { return directory(kDataFolder); }
+
+std::string ReplyField(std::string_view text, std::string_view key, std::string_view delimiter) {
+  const size_t at = text.find(key);
+  if (at == std::string_view::npos) return " ";
+  std::string_view value = text.substr(at + key.size());
+  const size_t end = delimiter.empty() ? std::string_view::npos : value.find(delimiter);
+  if (end != std::string_view::npos) value = value.substr(0, end);
+  value = trim(value);
+  if (value.empty()) return " ";
+  return std::string(value);
+}
+
+}  // namespace tavrix

@@ -1,0 +1,130 @@
+// The instrument command link ("IML") over the link library port: opening and
+// closing the link, sending a command, fetching a reply with its retry and
+// time-out rules, the "REP" check after a command, and the error numbers and
+// texts that callers show. Identical for every backend.
+//
+// Operations return true on success; on failure they leave lastErrorNumber
+// and lastErrorText set (a reply time-out records no error of its own; the
+// caller sees linkTimedOut). The layer never shows a message itself.
+//
+// "Let other events run" is EventLoop::processPendingEvents(). While the
+// library answers "not ready" (17) the layer waits pollInterval through the
+// event loop before it asks again, so timers keep running, virtual time moves
+// and a real wait costs no CPU. Exchanges may nest: a timer that ticks while
+// a command waits for the link may itself read a channel.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "common/event_loop.h"
+#include "common/trace.h"
+#include "instrument/link/link_library.h"
+
+namespace tavrix {
+
+// Error numbers and texts of the link and channel layer.
+inline constexpr int16_t kErrChannelName = 1500;
+inline constexpr int16_t kErrTalkToDevice = 1501;
+inline constexpr int16_t kErrReceive = 1503;
+inline constexpr int16_t kErrSend = 1504;
+inline constexpr int16_t kErrMonitorChannel = 1505;
+inline constexpr std::string_view kTextImlError = "IML error: ";
+inline constexpr std::string_view kTextTalkToDevice = "IML error - unable to talk to device:";
+inline constexpr std::string_view kTextReceive = "IMLreceive error, ret =";
+inline constexpr std::string_view kTextSend = "IMLsend error, ret =";
+inline constexpr std::string_view kTextReplyError = "IML error - ";
+inline constexpr std::string_view kDefaultDirectory = "c:\\corvane";
+inline constexpr std::string_view kSetupsFolder = "\\setups";
+inline constexpr std::string_view kDataFolder = "\\data";
+
+// The reply's polls before a time-out may abandon it (both this and the
+// time-out must have passed).
+inline constexpr int kReplyPollLimit = 2000;
+// The default wait between two polls of a command or reply that is not ready.
+// 2000 polls then last at least 20 s, so a slow device with a shorter reply
+// time-out is still waited for, as intended.
+inline constexpr Micros kDefaultPollInterval = 10'000;
+
+class ImlLink {
+ public:
+  ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace);
+  ImlLink(const ImlLink&) = delete;
+  ImlLink& operator=(const ImlLink&) = delete;
+
+  // --- Link state (module-wide in the original) ----------------------------
+  int16_t imlHandle = 0;
+  bool imsLibLoaded = false;
+  bool noHardware = false;
+  bool useReplyTimeout = false;
+  int16_t replyTimeoutSecs = 10;
+  bool linkTimedOut = false;
+  bool ignoreLinkErrors = false;
+  int16_t lastErrorNumber = 0;
+  std::string lastErrorText;
+  std::string setupName;  // at most 13 characters
+
+  // Wait between polls of a command or reply that is not ready.
+  Micros pollInterval = kDefaultPollInterval;
+  // When set and true, waits for the link give up as if timed out (the run
+  // was stopped). Keeps a run with an endless wait stoppable.
+  std::function<bool()> abandonWaits;
+
+  LinkLibrary& library() { return library_; }
+  EventLoop& events() { return events_; }
+
+  // --- Operations ----------------------------------------------------------
+  bool OpenLink();
+  bool CloseLink();
+  bool IMLSendCommand(int16_t device, std::string_view command, bool waitFlag);
+  // Appends the reply (trailing blanks removed, the library's NUL and what
+  // follows it kept) to `reply`.
+  bool IMLGetReply(int16_t device, std::string& reply);
+  // Sends (wait flag true) and fetches the reply, sending again while the
+  // reply fails. A reply that timed out ends the repetition with 1501, so a
+  // device that never answers cannot hold the run for ever.
+  bool IMLSendReceive(int16_t device, std::string_view command, std::string& reply);
+  // Sends "REP"; a reply starting with "0" is success, anything else becomes
+  // the last error (its leading number, "IML error - " + reply).
+  bool IMLCheckReply(int16_t device);
+  void SetIMLError(int32_t number);
+  // Whole seconds since `start` (a date and time of the run's clock).
+  float ElapsedSeconds(Micros start) const;
+  std::string GetSetupsDirectory();
+  std::string GetDataDirectory();
+
+  // Records an error number and text (unless nothing may be recorded).
+  void recordError(int16_t number, std::string text);
+
+  // Counters for tests and benchmarks.
+  int64_t pollCount() const { return polls_; }
+
+ private:
+  void letEventsRun() { events_.processPendingEvents(); }
+  // Waits pollInterval through the event loop.
+  void waitPoll();
+  bool abandoned() const { return abandonWaits && abandonWaits(); }
+  void traceExchange(int16_t device, std::string_view command, const std::string* reply,
+                     std::optional<int32_t> ret);
+  std::string directory(std::string_view folder);
+
+  LinkLibrary& library_;
+  EventLoop& events_;
+  Trace* trace_;
+  std::string commandBuffer_;
+  int64_t polls_ = 0;
+  // The command sent with the wait flag to each device whose reply has not
+  // been fetched yet (only while the trace is on).
+  std::array<std::optional<std::string>, 100> pendingTrace_;
+};
+
+// One key=value field of a reply: the text after the first occurrence of
+// `key` up to the next `delimiter` (or the end), trimmed of blanks; " " when
+// the key is absent or the value empty.
+std::string ReplyField(std::string_view text, std::string_view key, std::string_view delimiter);
+
+}  // namespace tavrix

@@ -1,0 +1,118 @@
+#include "instrument/link/instrument_settings.h"
+
+#include <cctype>
+#include <fstream>
+#include <sstream>
+
+#include "common/paths.h"
+#include "common/text_conventions.h"
+#include "common/text_items.h"
+
+namespace tavrix {
+namespace {
+
+bool parseFlag(std::string_view value, bool& out) {
+  const std::string v = lowerCase(value);
+  if (v == "1" || v == "true" || v == "yes" || v == "on") {
+    out = true;
+  } else if (v == "0" || v == "false" || v == "no" || v == "off") {
+    out = false;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool parseCount(std::string_view value, int minimum, int maximum, int& out) {
+  if (value.empty() || value.size() > 9) return false;
+  int n = 0;
+  for (char c : value) {
+    if (c < '0' || c > '9') return false;
+    n = n * 10 + (c - '0');
+  }
+  if (n < minimum || n > maximum) return false;
+  out = n;
+  return true;
+}
+
+}  // namespace
+
+bool InstrumentSettings::set(std::string_view key, std::string_view value, std::string& error) {
+  const std::string k = lowerCase(key);
+  int n = 0;
+  if (k == "no_hardware") {
+    if (!parseFlag(value, noHardware)) error = "no_hardware takes 0 or 1";
+  } else if (k == "use_reply_timeout") {
+    if (!parseFlag(value, useReplyTimeout)) error = "use_reply_timeout takes 0 or 1";
+  } else if (k == "reply_timeout_secs") {
+    if (parseCount(value, 0, 32767, n)) {
+      replyTimeoutSecs = n;
+    } else {
+      error = "reply_timeout_secs takes whole seconds 0-32767";
+    }
+  } else if (k == "check_channel") {
+    checkChannel = std::string(value);
+  } else if (k == "data_root") {
+    dataRoot = std::string(value);
+  } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
+             std::isalpha(static_cast<unsigned char>(k[6]))) {
+    driveMap[k[6]] = std::string(value);
+  } else if (k == "reply_poll_ms") {
+    if (parseCount(value, 1, 60000, n)) {
+      replyPollInterval = static_cast<Micros>(n) * 1000;
+    } else {
+      error = "reply_poll_ms takes milliseconds 1-60000";
+    }
+  } else if (k == "wait_poll_ms") {
+    if (parseCount(value, 1, 60000, n)) {
+      waitPollInterval = static_cast<Micros>(n) * 1000;
+    } else {
+      error = "wait_poll_ms takes milliseconds 1-60000";
+    }
+  } else {
+    error = "unknown setting \"" + std::string(key) + "\"";
+  }
+  return error.empty();
+}
+
+bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
+                             InstrumentSettings& settings, std::string& error) {
+  int lineNo = 0;
+  for (const std::string& raw : splitLines(text)) {
+    ++lineNo;
+    const std::string_view line = trim(raw);
+    if (line.empty() || line[0] == '#' || line[0] == ';') continue;
+    const size_t eq = line.find('=');
+    std::string reason;
+    if (eq == std::string_view::npos) {
+      reason = "expected \"key = value\"";
+    } else {
+      settings.set(trim(line.substr(0, eq)), trim(line.substr(eq + 1)), reason);
+    }
+    if (!reason.empty()) {
+      error = std::string(fileName) + " line " + std::to_string(lineNo) + ": " + reason;
+      return false;
+    }
+  }
+  return true;
+}
+
+bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& settings,
+                            std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot read the settings file " + path;
+    return false;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  return ParseInstrumentSettings(text.str(), path, settings, error);
+}
+
+std::string MapPath(std::string_view path, const InstrumentSettings& settings) {
+  PathMap map(defaultDataRoot());
+  for (const auto& [drive, folder] : settings.driveMap) map.setDrive(drive, folder);
+  return map.toLocal(path);
+}
+
+}  // namespace tavrix

@@ -1,0 +1,178 @@
+#include "instrument/outputs/pulse_sine.h"
+
+#include <cmath>
+#include <numbers>
+
+#include "common/text_conventions.h"
+#include "instrument/link/instrument.h"
+#include "instrument/outputs/output_support.h"
+#include "instrument/outputs/output_timing.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+namespace {
+
+// Text that a number can be read from: after blanks, a digit, a sign, a
+// decimal point or a "&H"/"&O" prefix.
+bool looksNumeric(std::string_view text) {
+  text = trimLeft(text);
+  if (text.empty()) return false;
+  const char c = text[0];
+  return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == '&';
+}
+
+// The text behind "keyword " up to the next blank, in `original`'s case.
+std::optional<std::string> valueOf(std::string_view upper, std::string_view original,
+                                   std::string_view keyword) {
+  const size_t at = upper.find(keyword);
+  if (at == std::string_view::npos) return std::nullopt;
+  const size_t begin = std::min(upper.size(), at + keyword.size() + 1);
+  size_t end = upper.find(' ', begin);
+  if (end == std::string_view::npos) end = upper.size();
+  return std::string(original.substr(begin, end - begin));
+}
+
+void PulseOutput(Sequencer& seq, Instrument& instrument, const CommandLine& cmd) {
+  const std::string channel(trim(cmd.arg1));
+  const std::string direction = upperCase(trim(cmd.arg2));
+  const std::string_view lengthText = trimRight(cmd.arg3);
+  const auto length = roundToInt32(leadingNumber(lengthText));
+  if (!looksNumeric(lengthText) || !length || *length < 0 || *length > kLongestPulse) {
+    seq.reportSequenceError(PulseLengthError(lengthText));
+    return;
+  }
+  const char* first;
+  const char* second;
+  if (direction == "HI") {
+    first = "1";
+    second = "0";
+  } else if (direction == "LO") {
+    first = "0";
+    second = "1";
+  } else {
+    seq.reportSequenceError(PulseDirectionError(direction));
+    return;
+  }
+  if (!OutputLinkReady(seq, instrument) || !OutputChannelsExist(seq, instrument, {channel})) return;
+
+  Operator& op = seq.operatorPort();
+  const std::string saved = seq.runStatus();
+  op.showStatusLabel(kTextPulseTiming, kColourPulseTiming);
+  Channels& channels = instrument.channels();
+  const int32_t start = GetMillisecondCount(instrument);
+  instrument.lastOutputStatus = channels.WriteChannel(channel, first);
+  WaitMilliseconds(instrument.link().library(), seq.clock(), start, *length);
+  instrument.lastOutputStatus = channels.WriteChannel(channel, second);
+  op.showStatusLabel(saved, kColourStatusNormal);
+}
+
+void SineOut(Sequencer& seq, Instrument& instrument, const CommandLine& cmd) {
+  const std::string channel(trim(cmd.arg1));
+  const auto setup = ParseSineSetup(cmd.arg2);
+  if (!setup) {
+    seq.reportSequenceError(kTextCannotParseSine);
+    return;
+  }
+  std::string error;
+  const auto points = SinePointCount(*setup, error);
+  if (!points) {
+    seq.reportSequenceError(error);
+    return;
+  }
+  if (!OutputLinkReady(seq, instrument) || !OutputChannelsExist(seq, instrument, {channel})) return;
+  if (!setup->monitor.empty() && !OutputChannelsExist(seq, instrument, {setup->monitor})) return;
+  if (!setup->peakTo.empty() && !OutputChannelsExist(seq, instrument, {setup->peakTo})) return;
+
+  const double n = setup->pointsPerCycle();
+  std::optional<double> highest;
+  std::optional<double> lowest;
+  auto track = [&](double value) {
+    highest = highest ? std::max(*highest, value) : value;
+    lowest = lowest ? std::min(*lowest, value) : value;
+  };
+  const Micros start = seq.clock().now();
+  for (int16_t k = 1; k <= *points; ++k) {
+    const double value = setup->amplitude * std::sin(2 * std::numbers::pi * k / n) + setup->offset;
+    WriteOutputValue(instrument, channel, value);
+    if (setup->monitor.empty()) track(value);
+    const Micros due = ScheduledInstant(start, kSinePointInterval, k);
+    const Micros wait = RoundedRemainingWait(due, seq.clock().now());
+    if (wait > 0 ? !OutputWait(seq, wait) : OutputInterrupted(seq)) return;
+    if (!setup->monitor.empty()) {
+      std::string reading;
+      if (instrument.channels().ReadChannel(setup->monitor, reading) &&
+          upperCase(reading).find("ERR") == std::string::npos) {
+        track(leadingNumber(reading));
+      }
+    }
+    if (k == INT16_MAX) break;
+  }
+  if (setup->peakTo.empty()) return;
+  if (!highest) {
+    seq.reportSequenceError(std::string(kTextUnableToRead) + setup->monitor);
+    return;
+  }
+  WriteOutputValue(instrument, setup->peakTo, (*highest - *lowest) / 2);
+}
+
+}  // namespace
+
+std::string PulseLengthError(std::string_view length) {
+  return "Invalid parameter - " + std::string(length) + " - for a PulseOutput command";
+}
+
+std::string PulseDirectionError(std::string_view direction) {
+  return "Unrecognised direction parameter - " + std::string(direction) +
+         " - in a PulseOutput command";
+}
+
+std::optional<SineSetup> ParseSineSetup(std::string_view text) {
+  const std::string upper = upperCase(text);
+  SineSetup setup;
+  const auto amplitude = valueOf(upper, text, "AMPLITUDE");
+  const auto offset = valueOf(upper, text, "OFFSET");
+  const auto frequency = valueOf(upper, text, "FREQUENCY");
+  const auto cycles = valueOf(upper, text, "CYCLES");
+  if (!amplitude || !offset || !frequency || !cycles) return std::nullopt;
+  setup.amplitude = leadingNumber(*amplitude);
+  setup.offset = leadingNumber(*offset);
+  setup.frequency = leadingNumber(*frequency);
+  setup.cycles = leadingNumber(*cycles);
+  // A MONITOR or PEAK TO without a channel name behind it is malformed.
+  const auto monitor = valueOf(upper, text, "MONITOR");
+  const auto peakTo = valueOf(upper, text, "PEAK TO");
+  if ((monitor && monitor->empty()) || (peakTo && peakTo->empty())) return std::nullopt;
+  setup.monitor = monitor.value_or("");
+  setup.peakTo = peakTo.value_or("");
+  return setup;
+}
+
+std::optional<int16_t> SinePointCount(const SineSetup& setup, std::string& error) {
+  const double total = setup.pointsPerCycle() * setup.cycles;
+  if (!(total >= 1)) {
+    error = kTextSineNoPoints;
+    return std::nullopt;
+  }
+  const auto count = roundToInt16(total);
+  if (!count) {
+    error = kTextSineTooManyPoints;
+    return std::nullopt;
+  }
+  return count;
+}
+
+int32_t GetMillisecondCount(Instrument& instrument) {
+  return instrument.link().library().millisecondCount();
+}
+
+void RegisterPulseSineCommands(Sequencer& seq, Instrument& instrument) {
+  Dispatcher& d = seq.dispatcher();
+  d.registerHandler("PULSEOUTPUT", [&instrument](Sequencer& s, const CommandLine& c) {
+    PulseOutput(s, instrument, c);
+  });
+  d.registerHandler("SINEOUT", [&instrument](Sequencer& s, const CommandLine& c) {
+    SineOut(s, instrument, c);
+  });
+}
+
+}  // namespace tavrix

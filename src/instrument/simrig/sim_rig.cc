@@ -1,0 +1,570 @@
+#include "instrument/simrig/sim_rig.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "common/text_conventions.h"
+#include "common/text_items.h"
+
+namespace tavrix {
+namespace {
+
+constexpr Micros kJitterSlot = 100'000;  // the noise changes every 100 ms
+constexpr Micros kFollowStep = 250'000;  // integration step of FOLLOW/LAG
+constexpr int64_t kMaxFollowSteps = 20'000;
+
+// Ten significant digits, as "%.10g" writes them.
+std::string rigNumber(double value) {
+  char text[32];
+  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::general, 10);
+  return std::string(text, end.ptr);
+}
+
+std::vector<std::string_view> words(std::string_view text) {
+  std::vector<std::string_view> out;
+  size_t i = 0;
+  while (i < text.size()) {
+    while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
+    size_t j = i;
+    while (j < text.size() && text[j] != ' ' && text[j] != '\t') ++j;
+    if (j > i) out.push_back(text.substr(i, j - i));
+    i = j;
+  }
+  return out;
+}
+
+bool parseNumber(std::string_view text, double& out) {
+  if (text.empty()) return false;
+  std::string s(text);
+  char* end = nullptr;
+  out = std::strtod(s.c_str(), &end);
+  return end != s.c_str() && *end == '\0' && std::isfinite(out);
+}
+
+bool parseInt(std::string_view text, int& out) {
+  if (text.empty() || text.size() > 9) return false;
+  int v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  out = v;
+  return true;
+}
+
+uint64_t mix(uint64_t x) {
+  x += 0x9e3779b97f4a7c15ULL;
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebULL;
+  return x ^ (x >> 31);
+}
+
+// Applies one KEY=VALUE setting; returns a reason when it cannot.
+std::string applySetting(SimChannel& channel, std::string_view token) {
+  const size_t eq = token.find('=');
+  if (eq == std::string_view::npos || eq == 0) {
+    std::string reason(1, '"');
+    reason.append(token).append("\" is not a KEY=VALUE field");
+    return reason;
+  }
+  const std::string_view key = token.substr(0, eq);
+  const std::string_view value = token.substr(eq + 1);
+  auto number = [&](double& out) -> std::string {
+    if (!parseNumber(value, out)) return "the value of " + std::string(key) + "= is not a number";
+    return {};
+  };
+  double n = 0;
+  if (key == "E") {
+    if (auto e = number(n); !e.empty()) return e;
+    channel.enabled = std::string(value);
+  } else if (key == "M") {
+    channel.mode = std::string(value);
+  } else if (key == "N") {
+    channel.name = std::string(value);
+  } else if (key == "U") {
+    channel.units = std::string(value);
+  } else if (key == "O") {
+    if (auto e = number(channel.offset); !e.empty()) return e;
+  } else if (key == "V") {
+    if (auto e = number(channel.value); !e.empty()) return e;
+  } else if (key == "FOLLOW") {
+    channel.follow = std::string(value);
+  } else if (key == "LAG") {
+    if (auto e = number(channel.lag); !e.empty()) return e;
+    if (channel.lag < 0) return "LAG= must not be negative";
+  } else if (key == "K") {
+    if (auto e = number(channel.gain); !e.empty()) return e;
+  } else if (key == "BIAS") {
+    if (auto e = number(channel.bias); !e.empty()) return e;
+  } else if (key == "JITTER") {
+    if (auto e = number(channel.jitter); !e.empty()) return e;
+  } else if (key == "HIGH") {
+    if (auto e = number(n); !e.empty()) return e;
+    channel.high = n;
+  } else if (key == "LOW") {
+    if (auto e = number(n); !e.empty()) return e;
+    channel.low = n;
+  } else if (key == "TAG") {
+    channel.tag = std::string(value);
+  } else {
+    return "unknown field \"" + std::string(key) + "=\"";
+  }
+  return {};
+}
+
+std::string lineError(std::string_view file, size_t line, std::string_view reason) {
+  return std::string(file) + " line " + std::to_string(line) + ": " + std::string(reason);
+}
+
+std::string fileStem(std::string_view path) {
+  const size_t slash = path.find_last_of("/\\");
+  if (slash != std::string_view::npos) path = path.substr(slash + 1);
+  const size_t dot = path.rfind('.');
+  if (dot != std::string_view::npos && dot > 0) path = path.substr(0, dot);
+  return std::string(path.substr(0, kSetupNameLength));
+}
+
+}  // namespace
+
+bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& setup,
+                   std::string& error) {
+  setup = RigSetup{};
+  setup.name = fileStem(fileName);
+  size_t lineNo = 0;
+  for (const std::string& text_line : splitLines(text)) {
+    ++lineNo;
+    const std::string_view line = text_line;
+    const std::string_view content = trim(line);
+    if (content.empty() || content[0] == ';' || content[0] == '#') continue;
+
+    if (line[0] == 'D') {
+      const auto fields = words(line.substr(1));
+      int device = 0;
+      if (fields.empty() || !parseInt(fields[0], device) || device > 99) {
+        error = lineError(fileName, lineNo, "a device line needs a device number 0-99");
+        return false;
+      }
+      SimDeviceConfig& config = setup.devices[device];
+      config.present = true;
+      for (size_t i = 1; i < fields.size(); ++i) {
+        const std::string_view f = fields[i];
+        const size_t eq = f.find('=');
+        int n = 0;
+        const std::string_view key = eq == std::string_view::npos ? f : f.substr(0, eq);
+        if (eq == std::string_view::npos || !parseInt(f.substr(eq + 1), n)) {
+          error = lineError(fileName, lineNo, "\"" + std::string(f) + "\" is not KEY=number");
+          return false;
+        }
+        if (key == "NOTREADY") {
+          config.notReadyPolls = n;
+        } else if (key == "LATENCY") {
+          config.latencyMs = n;
+        } else if (key == "SILENT") {
+          config.silent = n != 0;
+        } else if (key == "MONITORS") {
+          config.monitors = n;
+        } else {
+          error = lineError(fileName, lineNo, "unknown device field \"" + std::string(key) + "=\"");
+          return false;
+        }
+      }
+      setup.summary.append(line).append("\r\n");
+      continue;
+    }
+
+    // A channel line: two characters, the hardware channel text, a blank,
+    // then the fields.
+    if (line.size() < 8) {
+      error = lineError(fileName, lineNo, "not a channel line (too short)");
+      return false;
+    }
+    const size_t hwLength = line[7] != ' ' ? 6 : 5;
+    const std::string_view hw = line.substr(2, hwLength);
+    int device = 0;
+    int number = 0;
+    if (!parseInt(hw.substr(0, hw.size() - 4), device) ||
+        !parseInt(hw.substr(hw.size() - 4), number) ||
+        (line.size() > 2 + hwLength && line[2 + hwLength] != ' ')) {
+      error = lineError(fileName, lineNo,
+                        "a channel line starts with two characters, then the device number and "
+                        "four-digit channel number, then a blank");
+      return false;
+    }
+    SimChannel channel;
+    channel.device = device;
+    channel.number = number;
+    channel.hardwareText = std::string(hw);
+    for (const auto field : words(line.substr(2 + hwLength))) {
+      if (auto reason = applySetting(channel, field); !reason.empty()) {
+        error = lineError(fileName, lineNo, reason);
+        return false;
+      }
+    }
+    for (const auto& other : setup.channels) {
+      if (other.hardwareText == channel.hardwareText) {
+        error =
+            lineError(fileName, lineNo, "channel " + channel.hardwareText + " is defined twice");
+        return false;
+      }
+    }
+    setup.devices[device].present = true;
+    setup.channels.push_back(std::move(channel));
+    setup.summary.append(line).append("\r\n");
+  }
+  // A channel may only follow a channel of the setup.
+  for (const auto& channel : setup.channels) {
+    if (channel.follow.empty()) continue;
+    bool found = false;
+    for (const auto& other : setup.channels) {
+      found = found || other.name == channel.follow || other.hardwareText == channel.follow;
+    }
+    if (!found) {
+      error = std::string(fileName) + ": channel " + channel.hardwareText + " follows \"" +
+              channel.follow + "\", which is not a channel of the setup";
+      return false;
+    }
+  }
+  return true;
+}
+
+bool LoadRigSetupFile(const std::string& path, RigSetup& setup, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot read the setup file " + path;
+    return false;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  return ParseRigSetup(text.str(), path, setup, error);
+}
+
+// --- RigModel ----------------------------------------------------------------
+
+void RigModel::load(RigSetup setup) {
+  setup_ = std::move(setup);
+  indexValid_ = false;
+  loaded_ = true;
+  state_ = {};
+  anyFollow_ = false;
+  for (const auto& c : setup_.channels) anyFollow_ = anyFollow_ || !c.follow.empty();
+  lastAdvance_ = 0;
+}
+
+const std::vector<size_t>* RigModel::indexed(std::string_view key) {
+  if (!indexValid_) {
+    index_.clear();
+    for (size_t i = 0; i < setup_.channels.size(); ++i) {
+      const SimChannel& c = setup_.channels[i];
+      index_[c.name].push_back(i);
+      if (c.hardwareText != c.name) index_[c.hardwareText].push_back(i);
+    }
+    indexValid_ = true;
+  }
+  const auto found = index_.find(std::string(key));
+  return found == index_.end() ? nullptr : &found->second;
+}
+
+SimChannel* RigModel::find(int device, std::string_view nameOrHardware) {
+  if (const auto* list = indexed(nameOrHardware)) {
+    for (size_t i : *list) {
+      if (setup_.channels[i].device == device) return &setup_.channels[i];
+    }
+  }
+  return nullptr;
+}
+
+SimChannel* RigModel::findAnyDevice(std::string_view name) {
+  const auto* list = indexed(name);
+  return list == nullptr || list->empty() ? nullptr : &setup_.channels[list->front()];
+}
+
+double RigModel::followTarget(const SimChannel& channel) {
+  const SimChannel* source = findAnyDevice(channel.follow);
+  if (source == nullptr) return channel.value;
+  return channel.gain * (source->value + source->offset) + channel.bias;
+}
+
+void RigModel::advance(Micros now) {
+  if (!anyFollow_) return;
+  if (lastAdvance_ == 0 || now <= lastAdvance_) {
+    if (lastAdvance_ == 0) lastAdvance_ = now;
+    return;
+  }
+  const Micros span = now - lastAdvance_;
+  const Micros step = std::max<Micros>(kFollowStep, span / kMaxFollowSteps + 1);
+  for (Micros done = 0; done < span;) {
+    const Micros h = std::min(step, span - done);
+    const double seconds = static_cast<double>(h) / 1e6;
+    std::vector<double> targets;
+    targets.reserve(setup_.channels.size());
+    for (const auto& c : setup_.channels) targets.push_back(c.follow.empty() ? 0 : followTarget(c));
+    for (size_t i = 0; i < setup_.channels.size(); ++i) {
+      SimChannel& c = setup_.channels[i];
+      if (c.follow.empty()) continue;
+      const double keep = c.lag > 0 ? std::exp(-seconds / c.lag) : 0.0;
+      c.value = targets[i] + (c.value - targets[i]) * keep;
+    }
+    done += h;
+  }
+  lastAdvance_ = now;
+}
+
+double RigModel::reading(const SimChannel& channel, Micros now) {
+  const double raw =
+      channel.follow.empty() || channel.lag > 0 ? channel.value : followTarget(channel);
+  double noise = 0;
+  if (channel.jitter != 0) {
+    const uint64_t seed = mix(static_cast<uint64_t>(channel.device) * 10000 + channel.number) ^
+                          mix(static_cast<uint64_t>(now / kJitterSlot));
+    const double unit = static_cast<double>(mix(seed) >> 11) / static_cast<double>(1ULL << 53);
+    noise = channel.jitter * (2 * unit - 1);
+  }
+  return raw + noise + channel.offset;
+}
+
+std::string RigModel::fail(DeviceState& state, int code, std::string_view text) {
+  state.report = std::to_string(code) + " " + std::string(text);
+  return "ERR " + state.report;
+}
+
+bool RigModel::define(SimChannel& channel, std::string_view settings) {
+  SimChannel changed = channel;
+  for (const auto token : words(settings)) {
+    if (!applySetting(changed, token).empty()) return false;
+  }
+  if (!changed.follow.empty() && findAnyDevice(changed.follow) == nullptr) return false;
+  // A channel that starts to follow another starts where that one stands.
+  if (!changed.follow.empty() && changed.follow != channel.follow) {
+    changed.value = followTarget(changed);
+  }
+  channel = std::move(changed);
+  indexValid_ = false;
+  if (!channel.follow.empty()) anyFollow_ = true;
+  return true;
+}
+
+std::string RigModel::activeAlarms(int device, Micros now, int& count) {
+  count = 0;
+  std::string names;
+  for (const auto& c : setup_.channels) {
+    if (c.device != device || (!c.high && !c.low)) continue;
+    const double r = reading(c, now);
+    if ((c.high && r > *c.high) || (c.low && r < *c.low)) {
+      ++count;
+      if (!names.empty()) names += ", ";
+      names += c.tag.empty() ? (c.name.empty() ? c.hardwareText : c.name) : c.tag;
+    }
+  }
+  return names;
+}
+
+std::string RigModel::execute(int device, std::string_view command, Micros now) {
+  DeviceState& state = state_[device];
+  advance(now);
+  command = trim(command);
+  const size_t blank = command.find(' ');
+  const std::string word = upperCase(command.substr(0, blank));
+  const std::string_view rest =
+      blank == std::string_view::npos ? std::string_view{} : trimLeft(command.substr(blank + 1));
+  if (word == "REP") return state.report;
+  if (word == "ALA") {
+    const std::string what = upperCase(trim(rest));
+    int count = 0;
+    const std::string names = activeAlarms(device, now, count);
+    if (what == "T") {
+      state.report = "0";
+      return std::to_string(count);
+    }
+    if (what == "N") {
+      state.report = "0";
+      return names.empty() ? "-" : names;
+    }
+    return fail(state, rig_error::kBadCommand, "bad command");
+  }
+  const size_t nameEnd = rest.find(' ');
+  const std::string_view channelName = rest.substr(0, nameEnd);
+  const std::string_view argument =
+      nameEnd == std::string_view::npos ? std::string_view{} : trimLeft(rest.substr(nameEnd + 1));
+  if (word != "REA" && word != "WRI" && word != "SHO" && word != "DEF" && word != "ESC" &&
+      word != "CLEAR") {
+    return fail(state, rig_error::kBadCommand, "bad command");
+  }
+  SimChannel* channel = find(device, channelName);
+  if (channel == nullptr) return fail(state, rig_error::kBadChannel, "bad channel");
+  if (word == "REA") {
+    if (leadingNumber(channel->enabled) == 0) {
+      return fail(state, rig_error::kDisabled, "channel disabled");
+    }
+    state.report = "0";
+    return rigNumber(reading(*channel, now));
+  }
+  if (word == "WRI") {
+    if (leadingNumber(channel->enabled) == 0) {
+      return fail(state, rig_error::kDisabled, "channel disabled");
+    }
+    channel->value = leadingNumber(argument);
+    state.report = "0";
+    return "0";
+  }
+  if (word == "SHO") {
+    state.report = "0";
+    std::string text = "E=" + channel->enabled + " M=" + channel->mode;
+    if (!channel->name.empty()) text += " N=" + channel->name;
+    if (!channel->units.empty()) text += " U=" + channel->units;
+    text += " O=" + rigNumber(channel->offset);
+    return text;
+  }
+  if (word == "DEF") {
+    if (!define(*channel, argument)) return fail(state, rig_error::kBadSetting, "bad setting");
+    state.report = "0";
+    return "0";
+  }
+  if (word == "ESC") {
+    channel->escape = std::string(argument);
+    state.report = "0";
+    return "0";
+  }
+  // CLEAR
+  if (!channel->monitor) return fail(state, rig_error::kNotMonitor, "not a monitor channel");
+  setup_.channels.erase(setup_.channels.begin() + (channel - setup_.channels.data()));
+  indexValid_ = false;
+  state.report = "0";
+  return "0";
+}
+
+int32_t RigModel::send(int device, std::string_view command, Micros now) {
+  if (device < 0 || device > 99) return link_result::kBadDevice;
+  const SimDeviceConfig& config = setup_.devices[device];
+  if (config.silent) return link_result::kNotReady;
+  DeviceState& state = state_[device];
+  state.reply = execute(device, command, now);
+  state.replyPending = true;
+  state.pollsLeft = config.notReadyPolls;
+  state.readyAt = now + static_cast<Micros>(config.latencyMs) * 1000;
+  return link_result::kOk;
+}
+
+bool RigModel::replyReadyNow(int device, Micros now) const {
+  if (device < 0 || device > 99) return false;
+  const DeviceState& state = state_[device];
+  return state.replyPending && state.pollsLeft == 0 && now >= state.readyAt;
+}
+
+int32_t RigModel::reply(int device, Micros now, std::string& text) {
+  if (device < 0 || device > 99) return link_result::kBadDevice;
+  DeviceState& state = state_[device];
+  if (!state.replyPending) return kRigNothingToFetch;
+  if (state.pollsLeft > 0) {
+    --state.pollsLeft;
+    return link_result::kNotReady;
+  }
+  if (now < state.readyAt) return link_result::kNotReady;
+  state.replyPending = false;
+  text = std::move(state.reply);
+  return link_result::kOk;
+}
+
+void RigModel::abort(int device) {
+  if (device >= 0 && device <= 99) state_[device].replyPending = false;
+}
+
+int32_t RigModel::requestMonitor(std::string_view setupName, int device, int16_t& channelNumber) {
+  if (!loaded_ || trimRight(setupName) != setup_.name) return link_result::kSetupNotLoaded;
+  if (device < 0 || device > 99 || !setup_.devices[device].present) {
+    return link_result::kNoMonitorChannels;
+  }
+  int used = 0;
+  for (const auto& c : setup_.channels) used += c.device == device && c.monitor ? 1 : 0;
+  if (used >= setup_.devices[device].monitors) return link_result::kNoMonitorChannels;
+  for (int number = 9000; number <= 9999; ++number) {
+    if (find(device, std::to_string(device) + formatNumber(number, "0000")) != nullptr) continue;
+    SimChannel c;
+    c.device = device;
+    c.number = number;
+    c.hardwareText = std::to_string(device) + formatNumber(number, "0000");
+    c.monitor = true;
+    c.enabled = "0";
+    c.mode = "Z";
+    setup_.channels.push_back(std::move(c));
+    indexValid_ = false;
+    channelNumber = static_cast<int16_t>(number);
+    return link_result::kOk;
+  }
+  return link_result::kNoMonitorChannels;
+}
+
+// --- SimLink -----------------------------------------------------------------
+
+SimLink::SimLink(const Clock& clock, std::string dirPath)
+    : clock_(clock), dirPath_(std::move(dirPath)) {}
+
+int32_t SimLink::openInterface(int16_t& handle) {
+  open_ = true;
+  handle = 1;
+  return link_result::kOk;
+}
+
+int32_t SimLink::closeInterface(int16_t /*handle*/) {
+  open_ = false;
+  return link_result::kOk;
+}
+
+int32_t SimLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
+  WriteBuffer(text, kRigInterfaceVersion);
+  return link_result::kOk;
+}
+
+int32_t SimLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_view command,
+                             bool /*wait*/) {
+  if (!open_) return link_result::kNotOpen;
+  return model_.send(device, BufferText(command), clock_.now());
+}
+
+int32_t SimLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
+  if (!open_) return link_result::kNotOpen;
+  const int32_t result = model_.reply(device, clock_.now(), reply_);
+  if (result == link_result::kOk) WriteBuffer(buffer, reply_);
+  return result;
+}
+
+int32_t SimLink::abortReply(int16_t /*handle*/, int16_t device) {
+  model_.abort(device);
+  return link_result::kOk;
+}
+
+int32_t SimLink::millisecondCount() { return static_cast<int32_t>(clock_.milliseconds()); }
+
+int32_t SimLink::dirPath(std::string& path) {
+  path = dirPath_;
+  return link_result::kOk;
+}
+
+int32_t SimLink::setupLibVersion(std::string& text) {
+  WriteBuffer(text, kRigSetupLibVersion);
+  return kRigSetupLibVersionNumber;
+}
+
+int32_t SimLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
+  RigSetup setup;
+  if (!LoadRigSetupFile(path, setup, load.message)) {
+    std::ifstream probe(path);
+    return probe ? link_result::kSetupFileBadLine : link_result::kSetupFileUnreadable;
+  }
+  load.setupName = setup.name;
+  load.summary = setup.summary;
+  model_.load(std::move(setup));
+  return link_result::kOk;
+}
+
+int32_t SimLink::unlockSetup(std::string_view /*setupName*/, int16_t /*handle*/) {
+  return link_result::kOk;
+}
+
+int32_t SimLink::requestMonitorChannel(std::string_view setupName, MonitorChannelRecord& record) {
+  return model_.requestMonitor(setupName, record.device, record.channelNumber);
+}
+
+}  // namespace tavrix

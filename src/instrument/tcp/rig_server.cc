@@ -1,0 +1,224 @@
+#include "instrument/tcp/rig_server.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <vector>
+
+#include "instrument/tcp/rig_protocol.h"
+
+namespace tavrix {
+namespace {
+
+constexpr int32_t kUnknownRequest = 35;
+
+// Splits off the next blank-ended word of `rest`.
+std::string_view nextWord(std::string_view& rest) {
+  const size_t blank = rest.find(' ');
+  const std::string_view word = rest.substr(0, blank);
+  rest = blank == std::string_view::npos ? std::string_view{} : rest.substr(blank + 1);
+  return word;
+}
+
+template <typename T>
+bool toNumber(std::string_view text, T& out) {
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  return ec == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+struct Client {
+  int fd;
+  std::string in;
+  std::string out;
+};
+
+}  // namespace
+
+RigServer::~RigServer() {
+  if (listenFd_ >= 0) ::close(listenFd_);
+}
+
+bool RigServer::listen(std::string_view hostPort, std::string& error) {
+  std::string host;
+  uint16_t port = 0;
+  if (!ParseHostPort(hostPort, host, port)) {
+    error = "the address \"" + std::string(hostPort) + "\" is not HOST:PORT";
+    return false;
+  }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
+    error = "the host \"" + host + "\" is not an IPv4 address";
+    return false;
+  }
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(fd, 8) != 0) {
+    error = "cannot listen on " + std::string(hostPort) + ": " + std::strerror(errno);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  port_ = ntohs(address.sin_port);
+  listenFd_ = fd;
+  return true;
+}
+
+std::string RigServer::answer(std::string_view line) {
+  std::string_view rest = line;
+  const std::string_view id = nextWord(rest);
+  const std::string_view verb = nextWord(rest);
+  const std::string head = std::string(id) + " ";
+  auto reply = [&](int32_t code, std::optional<std::string_view> text = std::nullopt) {
+    std::string out = head + std::to_string(code);
+    if (text) out += " =" + EscapeField(*text);
+    return out;
+  };
+  int device = 0;
+  Micros t = 0;
+  if (verb == "HELLO") return reply(0, kRigGreeting);
+  if (verb == "VERSION") return reply(0, kRigInterfaceVersion);
+  if (verb == "IMSVERSION") return reply(kRigSetupLibVersionNumber, kRigSetupLibVersion);
+  if (verb == "UNLOCK") return reply(0);
+  if (verb == "SEND" && toNumber(nextWord(rest), device) && toNumber(nextWord(rest), t)) {
+    const int32_t code = model_.send(device, UnescapeField(rest), t);
+    if (code == link_result::kOk && model_.replyReadyNow(device, t)) {
+      std::string text;
+      model_.reply(device, t, text);
+      return reply(0, text);
+    }
+    return reply(code);
+  }
+  if (verb == "REPLY" && toNumber(nextWord(rest), device) && toNumber(nextWord(rest), t)) {
+    std::string text;
+    const int32_t code = model_.reply(device, t, text);
+    return code == link_result::kOk ? reply(0, text) : reply(code);
+  }
+  if (verb == "ABORT" && toNumber(nextWord(rest), device)) {
+    model_.abort(device);
+    return reply(0);
+  }
+  if (verb == "MONITOR" && toNumber(nextWord(rest), device) && rest.substr(0, 1) == "=") {
+    int16_t number = 0;
+    const int32_t code = model_.requestMonitor(UnescapeField(rest.substr(1)), device, number);
+    return code == link_result::kOk ? reply(0, std::to_string(number)) : reply(code);
+  }
+  if (verb == "SETUP" && rest.substr(0, 1) == "=") {
+    const size_t tab = rest.find('\t');
+    if (tab != std::string_view::npos) {
+      const std::string path = UnescapeField(rest.substr(1, tab - 1));
+      RigSetup setup;
+      std::string error;
+      if (!ParseRigSetup(UnescapeField(rest.substr(tab + 1)), path, setup, error)) {
+        return reply(link_result::kSetupFileBadLine, error);
+      }
+      const std::string text = setup.name + "\n" + setup.summary;
+      model_.load(std::move(setup));
+      return reply(0, text);
+    }
+  }
+  return reply(kUnknownRequest, "unknown request");
+}
+
+void RigServer::serve(const std::atomic<bool>& stop) {
+  std::vector<Client> clients;
+  std::vector<pollfd> fds;
+  while (!stop.load()) {
+    fds.clear();
+    fds.push_back({listenFd_, POLLIN, 0});
+    for (const auto& c : clients) {
+      fds.push_back({c.fd, static_cast<short>(POLLIN | (c.out.empty() ? 0 : POLLOUT)), 0});
+    }
+    if (::poll(fds.data(), fds.size(), 100) <= 0) continue;
+    if (fds[0].revents & POLLIN) {
+      const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd >= 0) {
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        clients.push_back({fd, {}, {}});
+      }
+    }
+    for (size_t i = 0; i + 1 < fds.size() && i < clients.size(); ++i) {
+      Client& c = clients[i];
+      bool closed = false;
+      if (fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR)) {
+        char chunk[8192];
+        for (;;) {
+          const ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
+          if (n > 0) {
+            c.in.append(chunk, static_cast<size_t>(n));
+            continue;
+          }
+          if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) closed = true;
+          break;
+        }
+        size_t start = 0;
+        size_t eol;
+        while ((eol = c.in.find('\n', start)) != std::string::npos) {
+          std::string_view line(c.in.data() + start, eol - start);
+          if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+          c.out += answer(line);
+          c.out += '\n';
+          start = eol + 1;
+        }
+        c.in.erase(0, start);
+      }
+      while (!closed && !c.out.empty()) {
+        const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
+        if (n > 0) {
+          c.out.erase(0, static_cast<size_t>(n));
+        } else {
+          if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) closed = true;
+          break;
+        }
+      }
+      if (closed) {
+        ::close(c.fd);
+        c.fd = -1;
+      }
+    }
+    std::erase_if(clients, [](const Client& c) { return c.fd < 0; });
+  }
+  for (auto& c : clients) ::close(c.fd);
+}
+
+int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,
+                 const std::atomic<bool>* stop) {
+  RigServer server;
+  RigSetup setup;
+  std::string error;
+  if (!setupFile.empty()) {
+    if (!LoadRigSetupFile(setupFile, setup, error)) {
+      std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
+      return 2;
+    }
+    server.model().load(std::move(setup));
+  }
+  if (!server.listen(listen, error)) {
+    std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
+    return 2;
+  }
+  std::string host;
+  uint16_t ignored = 0;
+  ParseHostPort(listen, host, ignored);
+  std::fprintf(log, "tavrix-cli rig: serving %s on %s:%u\n",
+               setupFile.empty() ? "an empty rig" : setupFile.c_str(), host.c_str(), server.port());
+  std::fflush(log);
+  static const std::atomic<bool> never{false};
+  server.serve(stop != nullptr ? *stop : never);
+  return 0;
+}
+
+}  // namespace tavrix

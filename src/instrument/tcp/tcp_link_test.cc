@@ -1,0 +1,261 @@
+#include "instrument/tcp/tcp_link.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "instrument/link/channel_commands.h"
+#include "instrument/backends/link_backends.h"
+#include "instrument/link/instrument.h"
+#include "instrument/tcp/rig_protocol.h"
+#include "instrument/tcp/rig_server.h"
+#include "sequencer/core_commands.h"
+#include "sequencer/recording_operator.h"
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+namespace {
+
+constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
+
+constexpr std::string_view kRig =
+    "D 1 MONITORS=1\n"
+    "  10001 E=1 M=A N=HEATER U=%\n"
+    "  10023 E=1 M=A N=TEMP1 U=degC V=20 FOLLOW=HEATER LAG=10 JITTER=0.2\n"
+    "D 2 NOTREADY=5 LATENCY=30\n"
+    "  20001 E=1 N=SLOW V=3\n";
+
+std::string TempFile(const std::string& stem, std::string_view text) {
+  char name[64];
+  std::snprintf(name, sizeof name, "/tmp/%sXXXXXX", stem.c_str());
+  const int fd = mkstemp(name);
+  close(fd);
+  std::ofstream(name, std::ios::binary) << text;
+  return name;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A rig server on an ephemeral loopback port, served by a thread.
+class ServerThread {
+ public:
+  // Listens on `port` of 127.0.0.1 (0: a free one).
+  explicit ServerThread(uint16_t port = 0) {
+    std::string error;
+    EXPECT_TRUE(server_.listen("127.0.0.1:" + std::to_string(port), error)) << error;
+    thread_ = std::thread([this] { server_.serve(stop_); });
+  }
+  ~ServerThread() { stop(); }
+  void stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+  std::string link() const { return "tcp://127.0.0.1:" + std::to_string(server_.port()); }
+  uint16_t port() const { return server_.port(); }
+
+ private:
+  RigServer server_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+struct RunResult {
+  std::string error;
+  std::string trace;
+};
+
+// Runs a sequence on a virtual clock over the given link, with the trace on.
+RunResult RunOver(const std::string& link, const std::vector<std::string>& lines,
+                  const std::function<std::unique_ptr<Timer>(EventLoop&)>& duringRun = {}) {
+  VirtualClock clock(kStart);
+  EventLoop events(clock);
+  Trace trace(clock);
+  RecordingOperator op;
+  Sequencer seq(events, op, trace);
+  RegisterSequencerCommands(seq);
+  std::string error;
+  InstrumentSettings settings;
+  settings.replyTimeoutSecs = 5;
+  auto instrument = MakeInstrument(events, trace, settings, link, &error);
+  EXPECT_NE(instrument, nullptr) << error;
+  RegisterInstrumentCommands(seq, *instrument);
+  std::string text;
+  for (const auto& line : lines) text += line + "\r\n";
+  const std::string sequence = ::testing::TempDir() + "tcp_link_test_" + std::to_string(getpid()) + ".wts";
+  std::ofstream(sequence, std::ios::binary) << text;
+  const std::string tracePath = sequence + ".jsonl";
+  trace.setOutput(std::fopen(tracePath.c_str(), "w"), true);
+  trace.setOrigin(clock.now());
+  EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
+  std::unique_ptr<Timer> hook;
+  if (duringRun) hook = duringRun(events);
+  seq.pressRun();
+  trace.setOutput(nullptr, false);
+  RunResult result{seq.lastSequenceError(), ReadFile(tracePath)};
+  std::remove(sequence.c_str());
+  std::remove(tracePath.c_str());
+  return result;
+}
+
+TEST(TcpLink, TheSameSequenceGivesTheSameTraceOverBothLinks) {
+  const std::string rig = TempFile("tcprig", kRig);
+  ServerThread server;
+  const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 100",
+                                          "WAIT TEMP1 > 40", "WAIT SLOW = 3", "IMLDEF HEATER, Q=1"};
+  const RunResult sim = RunOver("sim", lines);
+  const RunResult tcp = RunOver(server.link(), lines);
+  EXPECT_EQ(sim.error, "IML error - 13 bad setting");
+  EXPECT_EQ(tcp.error, sim.error);
+  EXPECT_NE(sim.trace.find("\"ev\":\"iml\",\"dev\":1,\"cmd\":\"WRI HEATER 100\",\"reply\":null"),
+            std::string::npos);
+  EXPECT_NE(sim.trace.find("\"cmd\":\"REA SLOW\",\"reply\":\"3\""), std::string::npos);
+  EXPECT_EQ(tcp.trace, sim.trace);
+  std::remove(rig.c_str());
+}
+
+TEST(TcpLink, ARigServerThatGoesAwayEndsTheRunWithAClearError) {
+  const std::string rig = TempFile("tcprig", kRig);
+  auto server = std::make_unique<ServerThread>();
+  const auto realStart = std::chrono::steady_clock::now();
+  const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 10", "WAITSECONDS 5",
+                                          "SEND HEATER, 20"};
+  const RunResult result = RunOver(server->link(), lines, [&](EventLoop& events) {
+    auto kill = std::make_unique<Timer>(events, 2 * kMicrosPerSecond, [&] { server->stop(); });
+    kill->setEnabled(true);
+    return kill;
+  });
+  EXPECT_EQ(result.error, "IML error - unable to talk to device: 1");
+  EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(60));
+  EXPECT_NE(result.trace.find("\"cmd\":\"WRI HEATER 20\",\"reply\":null,\"ret\":31"),
+            std::string::npos);
+
+  // No server at all: the link does not open.
+  const std::string link = server->link();
+  server.reset();
+  const RunResult none = RunOver(link, {"SEND HEATER, 1"});
+  EXPECT_EQ(none.error, "IML error:  31");
+  std::remove(rig.c_str());
+}
+
+// The rig server is killed in the middle of a run and started again on the
+// same port: the run ends at its next exchange with the documented message,
+// what it had written before stays written, and the next run talks to the
+// new server.
+TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
+  const std::string rig = TempFile("tcprig", kRig);
+  auto server = std::make_unique<ServerThread>();
+  const uint16_t port = server->port();
+  VirtualClock clock(kStart);
+  EventLoop events(clock);
+  Trace trace(clock);
+  RecordingOperator op;
+  Sequencer seq(events, op, trace);
+  RegisterSequencerCommands(seq);
+  InstrumentSettings settings;
+  settings.replyTimeoutSecs = 5;
+  std::string error;
+  auto instrument = MakeInstrument(events, trace, settings, server->link(), &error);
+  ASSERT_NE(instrument, nullptr) << error;
+  RegisterInstrumentCommands(seq, *instrument);
+  const std::string sequence = TempFile("restart", "IMSFILESPEC " + rig +
+                                                       "\r\nSEND HEATER, 10\r\nWAITSECONDS 5\r\n"
+                                                       "SEND HEATER, 20\r\n");
+  ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
+
+  Timer kill(events, 2 * kMicrosPerSecond, [&] {
+    server.reset();
+    server = std::make_unique<ServerThread>(port);
+  });
+  kill.setEnabled(true);
+  seq.pressRun();
+  kill.setEnabled(false);
+  EXPECT_EQ(seq.lastSequenceError(), "IML error - unable to talk to device: 1");
+  EXPECT_EQ(server->port(), port);
+
+  // The new server has a fresh rig: the next run loads the setup into it and
+  // both writes arrive.
+  ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
+  seq.pressRun();
+  EXPECT_EQ(seq.lastSequenceError(), "");
+  std::string value;
+  ASSERT_TRUE(instrument->channels().ReadChannel("HEATER", value));
+  EXPECT_EQ(value, "20");
+  std::remove(sequence.c_str());
+  std::remove(rig.c_str());
+}
+
+TEST(RigProtocol, RequestsAndResponses) {
+  RigServer server;
+  RigSetup setup;
+  std::string error;
+  ASSERT_TRUE(ParseRigSetup(kRig, "rig.ims", setup, error));
+  server.model().load(std::move(setup));
+  EXPECT_EQ(server.answer("1 HELLO"), "1 0 =TAVRIX-RIG 1");
+  EXPECT_EQ(server.answer("2 SEND 1 5000000 WRI HEATER 5"), "2 0 =0");
+  EXPECT_EQ(server.answer("3 SEND 2 5000000 REA SLOW"), "3 0");
+  EXPECT_EQ(server.answer("4 REPLY 2 5000000"), "4 17");
+  EXPECT_EQ(server.answer("5 ABORT 2"), "5 0");
+  EXPECT_EQ(server.answer("6 REPLY 2 5000000"), "6 34");
+  EXPECT_EQ(server.answer("7 MONITOR 1 =rig"), "7 0 =9000");
+  EXPECT_EQ(server.answer("8 MONITOR 1 =rig"), "8 76");
+  EXPECT_EQ(server.answer("9 SETUP =x.ims\tD 1\\n  10001 N=A\\n"),
+            "9 0 =x\\nD 1\\r\\n  10001 N=A\\r\\n");
+  EXPECT_EQ(server.answer("10 SETUP =x.ims\tgarbage"),
+            "10 81 =x.ims line 1: not a channel line (too short)");
+  EXPECT_EQ(server.answer("11 SEND one 2 REP"), "11 35 =unknown request");
+  EXPECT_EQ(server.answer("12 FLY"), "12 35 =unknown request");
+
+  RigResponse response;
+  ASSERT_TRUE(ParseRigResponse("42 0 =a\\tb\\\\c\\n", response));
+  EXPECT_EQ(response.id, 42u);
+  EXPECT_EQ(response.code, 0);
+  EXPECT_EQ(response.text, "a\tb\\c\n");
+  ASSERT_TRUE(ParseRigResponse("43 17", response));
+  EXPECT_FALSE(response.text.has_value());
+  EXPECT_FALSE(ParseRigResponse("43 x", response));
+  EXPECT_FALSE(ParseRigResponse("43 0 x", response));
+  EXPECT_EQ(UnescapeField(EscapeField(std::string("a\r\n\t\\\0z", 7))),
+            std::string("a\r\n\t\\\0z", 7));
+
+  std::string host;
+  uint16_t port = 0;
+  EXPECT_TRUE(ParseHostPort("127.0.0.1:5025", host, port));
+  EXPECT_EQ(host, "127.0.0.1");
+  EXPECT_EQ(port, 5025);
+  EXPECT_TRUE(ParseHostPort(":7", host, port));
+  EXPECT_EQ(host, "127.0.0.1");
+  EXPECT_FALSE(ParseHostPort("127.0.0.1:70000", host, port));
+  EXPECT_FALSE(ParseHostPort("127.0.0.1", host, port));
+  EXPECT_FALSE(ParseHostPort("h:", host, port));
+}
+
+TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
+  const std::string bad = TempFile("badrig", "nonsense\n");
+  std::FILE* log = std::tmpfile();
+  std::atomic<bool> stop{true};
+  EXPECT_EQ(RunRigServer("127.0.0.1:0", bad, log, &stop), 2);
+  EXPECT_EQ(RunRigServer("localhost:0", "", log, &stop), 2);
+  EXPECT_EQ(RunRigServer("127.0.0.1:0", "", log, &stop), 0);
+  std::rewind(log);
+  char line[256];
+  std::string text;
+  while (std::fgets(line, sizeof line, log) != nullptr) text += line;
+  std::fclose(log);
+  EXPECT_NE(text.find(bad + " line 1: a channel line starts"), std::string::npos) << text;
+  EXPECT_NE(text.find("the host \"localhost\" is not an IPv4 address"), std::string::npos) << text;
+  EXPECT_NE(text.find("serving an empty rig on 127.0.0.1:"), std::string::npos) << text;
+  std::remove(bad.c_str());
+}
+
+}  // namespace
+}  // namespace tavrix
