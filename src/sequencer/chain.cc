@@ -7,11 +7,12 @@
 // up to kMaxChainDepth files; every run starts again in the prepared file
 // with an empty call stack.
 
+#include "sequencer/chain.h"
+
 #include <memory>
 #include <vector>
 
 #include "common/text_conventions.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {

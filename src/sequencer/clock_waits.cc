@@ -11,12 +11,13 @@
 //                                does not wait
 // They end early on Stop, a jump or the sequence time-out (timed_wait.h).
 
+#include "sequencer/clock_waits.h"
+
 #include <memory>
 #include <random>
 #include <vector>
 
 #include "common/text_conventions.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 

@@ -11,11 +11,12 @@
 // A topic is written "Program|Topic", as in "Streamer|System". Whatever the
 // companion port cannot do is reported through the sequence error report.
 
+#include "sequencer/companion_commands.h"
+
 #include <memory>
 
 #include "common/text_conventions.h"
 #include "sequencer/companion.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 

@@ -14,11 +14,12 @@
 // the define, or searches the label, before the next line is read. A
 // time-out fires once; a further one needs a further ONTIMEOUT.
 
+#include "sequencer/defines.h"
+
 #include <cmath>
 #include <memory>
 
 #include "common/text_conventions.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {

@@ -11,6 +11,8 @@
 //                                 folder\STATUS.HDW holds "CAPTURED"
 // Paths may be written the Windows way (drive map, either separator).
 
+#include "sequencer/file_commands.h"
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -20,7 +22,6 @@
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 

@@ -1,10 +1,11 @@
 // GOTO, STOP, NONSTOP, ABORTTEST, ENDTAVRIX and the loop counter. A jump searches its label at once,
 // inside the command; the run goes on with the line after the label.
 
+#include "sequencer/flow_control.h"
+
 #include <climits>
 
 #include "common/text_conventions.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {

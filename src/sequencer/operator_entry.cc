@@ -16,11 +16,12 @@
 // that can get no answer, or a channel that cannot be read or written, is
 // reported through the sequence error report.
 
+#include "sequencer/operator_entry.h"
+
 #include <memory>
 
 #include "common/text_conventions.h"
 #include "sequencer/channel_access.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 

@@ -1,8 +1,9 @@
 // The operator message panel (CONTINUEOK, ENTEROKCANCEL), the error display
 // switch and the help text section.
 
+#include "sequencer/operator_panel.h"
+
 #include "common/text_conventions.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {

@@ -4,12 +4,13 @@
 // the command display, and once more just after the wait's due instant, so a
 // wait ends on time without the engine waking more often than that.
 
+#include "sequencer/waits.h"
+
 #include <algorithm>
 #include <cmath>
 #include <memory>
 
 #include "common/text_conventions.h"
-#include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
