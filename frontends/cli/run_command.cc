@@ -1,13 +1,14 @@
 #include "run_command.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <csignal>
 #include <memory>
 #include <mutex>
-#include <pthread.h>
 #include <thread>
-#include <unistd.h>
 
 #include "common/civil_time.h"
 #include "crypt_commands.h"
@@ -16,6 +17,9 @@
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
+#include "results_commands.h"
+#include "resultsdb/results_recorder.h"
+#include "resultsdb/uut_capture.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -131,7 +135,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   std::string error;
 
   InstrumentSettings settings;
-  if (options.instrumentSettings && !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -166,11 +171,54 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
+  // The results store: records wait in a journal in the data root and are
+  // written by the recorder's thread, never by the engine's.
+  StoreSpec storeSpec;
+  if (!ParseStoreSpec(options.resultsStore.value_or(settings.resultsStore), defaultDataRoot(),
+                      storeSpec, &error)) {
+    std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  std::unique_ptr<ResultsQueue> resultsQueue;
+  std::unique_ptr<ResultsRecorder> recorder;
+  if (storeSpec.kind != StoreSpec::Kind::kOff) {
+    resultsQueue = std::make_unique<ResultsQueue>(join(defaultDataRoot(), kQueueFileName));
+    if (!resultsQueue->open(&error)) std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    recorder = std::make_unique<ResultsRecorder>(
+        *resultsQueue, [storeSpec](std::string* e) -> std::unique_ptr<ResultsStore> {
+          return OpenResultsStore(storeSpec, e);
+        });
+    recorder->start();
+    std::string station = options.station.value_or(settings.station);
+    if (station.empty()) station = DefaultStationName();
+    CaptureUuts(testDatabase, seq, *recorder, station, [err](const std::string& text) {
+      std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
+    });
+  }
+
   EndReason reason;
   {
     SignalBridge signals(engine);
     seq.pressRun();
     reason = seq.endReason();
+  }
+  if (recorder) {
+    // What the store has not taken after a while waits in the journal for
+    // the next run; it never changes how the run ended.
+    testDatabase.uutEnded = nullptr;
+    const bool written = recorder->flush(std::chrono::seconds(10));
+    recorder->stop();
+    if (!written) {
+      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n", recorder->waiting(),
+                   resultsQueue->path().c_str(), DescribeStoreSpec(storeSpec).c_str(),
+                   recorder->lastError().c_str());
+    }
+    if (engine.trace().enabled()) {
+      auto event = engine.trace().event("results_store");
+      event.field("store", DescribeStoreSpec(storeSpec))
+          .field("waiting", static_cast<int64_t>(recorder->waiting()));
+      if (!written) event.field("error", recorder->lastError());
+    }
   }
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
@@ -180,36 +228,52 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err) {
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                  std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
-  runCommand->add_flag("--virtual-time", run.virtualTime, "Run on a virtual clock: waits take no real time");
-  runCommand->add_option("--start", run.start, "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
+  runCommand->add_flag("--virtual-time", run.virtualTime,
+                       "Run on a virtual clock: waits take no real time");
+  runCommand->add_option("--start", run.start,
+                         "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
-  runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
-  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("--trace", run.trace,
+                         "Write a JSON-lines trace to FILE (- for standard output)");
+  runCommand->add_flag("--no-hardware", run.noHardware,
+                       "Every channel reads \"0\"; nothing is sent");
   runCommand->add_option("--companion-answer", run.companionAnswers,
                          "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
-  runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
-  runCommand->add_option("--link", run.link, "The instrument link: sim (default) or tcp://HOST:PORT");
-  runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
+  runCommand->add_option("--setup", run.setup,
+                         "Hardware setup (.ims) to load before the first line");
+  runCommand->add_option("--link", run.link,
+                         "The instrument link: sim (default) or tcp://HOST:PORT");
+  runCommand->add_option("--reply-timeout", run.replyTimeout,
+                         "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
                          "Settings file of the instrument link (key = value)");
-  runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
+  runCommand
+      ->add_option("--results", run.results,
+                   "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
+  runCommand->add_option("--results-store", run.resultsStore,
+                         "Where UUT records go besides the results files: sqlite (default), "
+                         "sqlite:FILE, off, or a connection string");
+  runCommand->add_option("--station", run.station, "This station's name in the UUT records");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
-  rigCommand->add_option("--listen", rig.listen, "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
+  rigCommand->add_option("--listen", rig.listen,
+                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
   rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
 
   std::vector<std::string> lintFiles;
   CLI::App* lintCommand = AddLintCommand(app, lintFiles);
 
   CryptCommands cryptCommands(app);
+  ResultsCommands resultsCommands(app);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -227,6 +291,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
+  if (auto status = resultsCommands.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;

@@ -34,6 +34,10 @@ struct RunOptions {
   std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
   std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
   std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
+  // Where UUT records go besides the results files; wins over the settings
+  // file's results_store (docs/results-database.md).
+  std::optional<std::string> resultsStore;
+  std::optional<std::string> station;
 };
 
 // `tavrix-cli rig`: serves the simulated rig over TCP.

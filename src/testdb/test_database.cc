@@ -89,6 +89,7 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
     if (ReadTestDefinitionFiles(detailsPath, options, definition_)) {
       loaded_ = true;
+      detailsPath_ = detailsPath;
     } else {
       seq_.reportSequenceError(std::string(kMsgUnableToOpen) + detailsPath);
     }
@@ -130,6 +131,7 @@ void TestDatabase::FinishUut() {
     seq_.reportSequenceError("Unable to write the results of UUT " + uut_.serialNumber + ": " +
                              error);
   }
+  if (uutEnded) uutEnded(definition_, detailsPath_, uut_, seq_.clock().now());
   seq_.processPendingEvents();
 }
 

@@ -29,6 +29,9 @@ struct CheckEntry {
   int16_t stage = 0;
   bool passed = true;
   std::string failureText;
+  // The stage-check row that recorded it (from 1) and its check type.
+  size_t row = 0;
+  std::string kind;
 };
 
 struct UutRecord {
