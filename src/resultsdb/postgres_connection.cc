@@ -148,6 +148,9 @@ std::unique_ptr<SqlConnection> OpenPostgres(const std::string& conninfo, std::st
     PQfinish(conn);
     return nullptr;
   }
+  // Notices (a server going down says so) are not for the operator's screen.
+  PQsetNoticeProcessor(
+      conn, [](void*, const char*) {}, nullptr);
   auto connection = std::make_unique<PostgresConnection>(conn, std::move(info));
   if (!connection->script("SET client_min_messages = warning", error)) return nullptr;
   return connection;

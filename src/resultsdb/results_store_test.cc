@@ -144,8 +144,8 @@ TEST_P(StoreTest, MigrationsRunOnceInOrderAndANewerSchemaIsRefused) {
   EXPECT_EQ(store->schemaVersion(&error), latest);
   ASSERT_TRUE(store->migrate(&error)) << error;
   SqlRows rows;
-  ASSERT_TRUE(store->connection().exec("SELECT version FROM schema_migrations ORDER BY version",
-                                       {}, &rows, nullptr, &error));
+  ASSERT_TRUE(store->connection().exec("SELECT version FROM schema_migrations ORDER BY version", {},
+                                       &rows, nullptr, &error));
   ASSERT_EQ(rows.size(), SchemaMigrations().size());
   for (size_t i = 0; i < rows.size(); ++i) {
     EXPECT_EQ(rows[i][0], std::to_string(SchemaMigrations()[i].number));

@@ -116,7 +116,8 @@ bool ThrowawayPostgres::run(const std::vector<std::string>& args, std::string* e
   return false;
 }
 
-bool ThrowawayPostgres::start(std::string* reason, bool tcp) {
+bool ThrowawayPostgres::start(std::string* reason, bool tcp, bool durable) {
+  durable_ = durable;
   bin_ = BinaryFolder();
   if (bin_.empty()) {
     if (reason) *reason = "the database server binaries (initdb, pg_ctl) are not installed";
@@ -164,7 +165,8 @@ bool ThrowawayPostgres::start(std::string* reason, bool tcp) {
 bool ThrowawayPostgres::pgctlStart(std::string* reason) {
   const std::string options = "-k " + folder_ + " -p " + std::to_string(port_) +
                               " -c listen_addresses=" + (tcp_ ? "127.0.0.1" : "''") +
-                              " -c max_connections=40 -c shared_buffers=16MB";
+                              " -c max_connections=40 -c shared_buffers=16MB" +
+                              (durable_ ? "" : " -c fsync=off -c full_page_writes=off");
   running_ = run({bin_ + "/pg_ctl", "-D", folder_ + "/data", "-o", options, "-l",
                   folder_ + "/server.log", "-w", "-t", "60", "start"},
                  reason);
@@ -174,8 +176,8 @@ bool ThrowawayPostgres::pgctlStart(std::string* reason) {
 
 bool ThrowawayPostgres::kill() {
   if (!running_) return true;
-  running_ = !run({bin_ + "/pg_ctl", "-D", folder_ + "/data", "-m", "immediate", "-w", "stop"},
-                  nullptr);
+  running_ =
+      !run({bin_ + "/pg_ctl", "-D", folder_ + "/data", "-m", "immediate", "-w", "stop"}, nullptr);
   return !running_;
 }
 

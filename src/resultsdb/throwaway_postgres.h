@@ -20,9 +20,11 @@ class ThrowawayPostgres {
   ThrowawayPostgres(const ThrowawayPostgres&) = delete;
   ThrowawayPostgres& operator=(const ThrowawayPostgres&) = delete;
 
-  // Makes and starts the server. False with a reason when it cannot; the
+  // Makes and starts the server, listening on a loopback port as well when
+  // `tcp`. A server that is not `durable` skips flushing to the disk (and a
+  // restart after kill() is quick). False with a reason when it cannot; the
   // reason says so when the server binaries are not installed.
-  bool start(std::string* reason, bool tcp = false);
+  bool start(std::string* reason, bool tcp = false, bool durable = false);
   // The server dies at once, as in a power cut (pg_ctl stop -m immediate).
   bool kill();
   // Starts it again on the same data.
@@ -50,6 +52,7 @@ class ThrowawayPostgres {
   bool dropPrivileges_ = false;
   int port_ = 5432;
   bool tcp_ = false;
+  bool durable_ = false;
   bool running_ = false;
 };
 
