@@ -72,7 +72,10 @@ class Cursor {
   explicit Cursor(std::vector<std::string> lines) : lines_(std::move(lines)) {}
   bool atEnd() const { return next_ >= lines_.size(); }
   const std::string& peek() const { return lines_[next_]; }
-  int line() const { return static_cast<int>(next_) + 1; }
+  // The line a fault is reported on: the next one, or the one just taken
+  // when its content was at fault.
+  int line() const { return blameTaken_ ? static_cast<int>(next_) : static_cast<int>(next_) + 1; }
+  void blameTaken() { blameTaken_ = true; }
   const std::string& take() { return lines_[next_++]; }
   // Takes the next line, which must begin with `prefix`; its rest goes to `rest`.
   bool expect(std::string_view prefix, std::string* rest, std::string& reason) {
@@ -101,6 +104,7 @@ class Cursor {
  private:
   std::vector<std::string> lines_;
   size_t next_ = 0;
+  bool blameTaken_ = false;
 };
 
 bool ParseTextDetails(Cursor& in, const std::string& name, const std::string& station,
@@ -110,6 +114,7 @@ bool ParseTextDetails(Cursor& in, const std::string& name, const std::string& st
   const auto day = IsoDay(date);
   if (!day) {
     reason = "the date \"" + date + "\" is not dd-mm-yyyy";
+    in.blameTaken();
     return false;
   }
   const std::string ended = *day + " " + TimeOfDay(name);
@@ -132,6 +137,7 @@ bool ParseTextDetails(Cursor& in, const std::string& name, const std::string& st
     if (!in.expect("Result: ", &result, reason)) return false;
     if (result != kVerdictPassText && result != kVerdictFailText) {
       reason = "the result \"" + result + "\" is neither PASS nor FAIL";
+      in.blameTaken();
       return false;
     }
     uut.passed = result == kVerdictPassText;
@@ -198,6 +204,7 @@ bool ParseXmlDetails(Cursor& in, const std::string& name, const std::string& sta
   const auto day = IsoDay(date);
   if (!day) {
     reason = "the date \"" + date + "\" is not dd-mm-yyyy";
+    in.blameTaken();
     return false;
   }
   const std::string ended = *day + " " + TimeOfDay(name);
@@ -223,6 +230,7 @@ bool ParseXmlDetails(Cursor& in, const std::string& name, const std::string& sta
     }
     if (result != kVerdictPassText && result != kVerdictFailText) {
       reason = "the result \"" + result + "\" is neither PASS nor FAIL";
+      in.blameTaken();
       return false;
     }
     uut.passed = result == kVerdictPassText;
