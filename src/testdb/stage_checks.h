@@ -42,6 +42,11 @@ inline constexpr std::string_view kIgnore = "Ignore";
 inline constexpr std::string_view kRepeat = "Repeat";
 inline constexpr std::string_view kFailAndAbandon = "Fail and Abandon";
 
+// Where a repeat was asked for, the step is offered again.
+inline constexpr std::string_view kRepeatStepKind = "REPEATSTEP";
+inline constexpr std::string_view kRepeatLastStep = "Repeat last test step";
+inline constexpr std::string_view kContinueWithTest = "Continue with test";
+
 // Check verdicts.
 inline constexpr int kVerdictPass = 1;        // pass, or ignore
 inline constexpr int kVerdictRepeat = 2;      // Repeat in the check-failure window
