@@ -1,6 +1,6 @@
 // Stage checks and the operator's verdicts: the check types, the questions
-// they ask (UUT Check, Alert Message, the check-failure window), and the
-// texts they record.
+// they ask (UUT Check, Alert Message, the check-failure window, the offer to
+// repeat a step), and the texts they record.
 #pragma once
 
 #include <string>
