@@ -211,7 +211,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
                    recorder->waiting(), resultsQueue->path().c_str(),
                    DescribeStoreSpec(storeSpec).c_str(), recorder->lastError().c_str());
     }
-    if (engine.trace().enabled()) {
+    if (engine.trace().enabled() && (testDatabase.uutsFinished() > 0 || recorder->waiting() > 0)) {
       auto event = engine.trace().event("results_store");
       event.field("store", DescribeStoreSpec(storeSpec))
           .field("waiting", static_cast<int64_t>(recorder->waiting()));

@@ -25,11 +25,14 @@ StoredUut MakeStoredUut(const TestDefinition& definition, const std::string& det
   s.startedAt = isoDateTime(uut.started);
   s.endedAt = isoDateTime(ended);
   s.passed = uut.passed;
-  for (const CheckEntry& c : uut.checks) {
+  for (size_t i = 0; i < uut.checks.size(); ++i) {
+    const CheckEntry& c = uut.checks[i];
     StoredCheck check;
     check.step = c.stage;
-    check.row = static_cast<int>(c.row);
-    check.kind = c.kind;
+    if (i < uut.checkOrigins.size()) {
+      check.row = static_cast<int>(uut.checkOrigins[i].row);
+      check.kind = uut.checkOrigins[i].kind;
+    }
     check.parameter = c.parameter;
     check.channel = c.channel;
     check.value = c.value;

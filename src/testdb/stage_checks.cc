@@ -31,12 +31,9 @@ void TestDatabase::RunStageCheck(int16_t step) {
     for (size_t i = 0; i < definition_.stageChecks.size(); ++i) {
       if (definition_.stageChecks[i].step != step_) continue;
       stageRow_ = i + 1;
-      const size_t recorded = uut_.checks.size();
       evaluateRow(definition_.stageChecks[i]);
-      for (size_t c = recorded; c < uut_.checks.size(); ++c) {
-        uut_.checks[c].row = stageRow_;
-        uut_.checks[c].kind = upperCase(trim(definition_.stageChecks[i].type));
-      }
+      uut_.checkOrigins.resize(uut_.checks.size(),
+                               {stageRow_, upperCase(trim(definition_.stageChecks[i].type))});
       if (runEnding()) return;
     }
     if (!collected_.empty()) {
