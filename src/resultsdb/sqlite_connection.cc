@@ -141,6 +141,7 @@ std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, const SqliteO
   // durable in the log, which is what a power cut needs.
   const char* setup = options.readOnly ? "PRAGMA foreign_keys = ON"
                                        : "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
+                                         "PRAGMA wal_autocheckpoint = 4000; "
                                          "PRAGMA foreign_keys = ON";
   if (!connection->script(setup, error)) return nullptr;
   return connection;
