@@ -131,6 +131,19 @@ TEST(WaitAlarm, EndsOnStopAndOnTheSequenceTimeOut) {
     OutputRun run;
     EXPECT_EQ(run.run({"WAITALARM", "SEND OUT1, 1"}), "WaitAlarm - an alarm name is needed");
   }
+  {
+    // A device that takes the poll but never answers is asked again and
+    // again: it never reads as "no alarm", so only Stop ends WAITNOALARM.
+    std::string rig(kOutputRig);
+    rig += "D 3 NOTREADY=30000\n  30001 E=1 M=A N=DEAD\n";
+    OutputRun run;
+    Timer stop(run.events(), 200 * kMicrosPerSecond, [&] { run.seq().pressStop(); });
+    stop.setEnabled(true);
+    EXPECT_EQ(run.run({"WAITNOALARM", "SEND OUT1, 1"}, rig), "");
+    EXPECT_TRUE(run.writes("OUT1").empty());
+    EXPECT_EQ(run.seq().endReason(), EndReason::kAbort);
+    EXPECT_NEAR(run.seconds(), 200.0, 0.1);
+  }
 }
 
 TEST(AlarmDefinitions, ActiveAlarmRunsItsCommandBetweenLines) {
