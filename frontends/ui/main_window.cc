@@ -512,30 +512,20 @@ void MainWindow::showVerdict(const QString& serialNumber, bool passed) {
   laVerdict_->show();
 }
 
-// Each finished unit's verdict is carried over: the engine looks for a newly
-// finished unit between lines and when a run ends.
+// Each finished unit's verdict is carried over as its results are written.
 void MainWindow::watchVerdicts() {
   QPointer<MainWindow> self(this);
   host_->post([self](Engine& engine) {
-    auto seen = std::make_shared<int>(engine.testDatabase().uutsFinished());
-    auto look = [self, seen, &engine] {
-      const TestDatabase& db = engine.testDatabase();
-      if (db.uutsFinished() == *seen) return;
-      *seen = db.uutsFinished();
-      const QString serial = Text(db.uut().serialNumber);
-      const bool passed = db.uut().passed;
-      QMetaObject::invokeMethod(
-          qApp,
-          [self, serial, passed] {
-            if (self) self->showVerdict(serial, passed);
-          },
-          Qt::QueuedConnection);
-    };
-    engine.sequencer().addBetweenLinesCheck([look](Sequencer&) -> std::optional<std::string> {
-      look();
-      return std::nullopt;
-    });
-    engine.sequencer().addRunEndHook(look);
+    engine.testDatabase().addUutFinishedHook(
+        [self](const UutRecord& uut, const std::vector<std::string>&) {
+          const QString serial = Text(uut.serialNumber);
+          const bool passed = uut.passed;
+          QMetaObject::invokeMethod(
+              qApp, [self, serial, passed] {
+                if (self) self->showVerdict(serial, passed);
+              },
+              Qt::QueuedConnection);
+        });
   });
   host_->post([unitsAtPrepare = unitsAtPrepare_](Engine& engine) {
     engine.sequencer().addPrepareHook(

@@ -190,6 +190,7 @@ void Sequencer::dispatchLine(std::string& line) {
   line.erase(0, blanks == std::string::npos ? line.size() : blanks);
 
   showCurrentCommand(line);
+  for (auto& observer : lineObservers_) observer(lineNumber_, line);
   if (trace_.enabled()) trace_.event("line").field("n", lineNumber_).field("text", line);
   events_.processPendingEvents();
 
