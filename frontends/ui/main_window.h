@@ -66,6 +66,9 @@ class MainWindow : public QMainWindow {
   void openFileDialog(const FileDialog& dialog, std::function<void(const QString&)> chosen);
   // The verdict of the last unit tested, shown under the run controls.
   void showVerdict(const QString& serialNumber, bool passed);
+  // The engine closed the channel display's question (its channel could not
+  // be read).
+  void closeChannelDisplay();
 
   // The auxiliary windows, opened from the menus.
   void openDecryptWindow();

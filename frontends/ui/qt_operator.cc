@@ -102,6 +102,11 @@ void QtOperator::showChannelValue(std::string_view channel, std::string_view val
       &window_, [this, c, v] { window_.showChannelValue(c, v); }, Qt::QueuedConnection);
 }
 
+void QtOperator::closeQuestion() {
+  QMetaObject::invokeMethod(&window_, [this] { window_.closeChannelDisplay(); },
+                            Qt::QueuedConnection);
+}
+
 void QtOperator::minimiseWindow() {
   QMetaObject::invokeMethod(
       &window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
