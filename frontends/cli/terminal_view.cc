@@ -123,7 +123,8 @@ void TerminalView::drawStatus(bool force) {
   const double seconds = static_cast<double>(engine_->clock().now() - start_) / kMicrosPerSecond;
   if (seconds >= 1) {
     char rate[48];
-    std::snprintf(rate, sizeof rate, " | %.1f lines/s", static_cast<double>(lines_) / seconds);
+    const double perSecond = static_cast<double>(lines_) / seconds;
+    std::snprintf(rate, sizeof rate, perSecond >= 10 ? " | %.0f lines/s" : " | %.2f lines/s", perSecond);
     status += rate;
   }
   const size_t room = static_cast<size_t>(width() - 1);
