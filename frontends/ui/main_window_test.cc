@@ -636,7 +636,11 @@ class MainWindowTest : public QObject {
 
   void decryptionWindowNamesAndAsksBeforeOverwriting() {
     QCOMPARE(NameFilter(kBrowseFilter), QString("Encrypted files (*.wte *.txe *.xme *.wle)"));
-    const std::string base = dir_.path().toStdString() + "/PUMP";
+    // Names relative to the test's folder: the name is split at its first
+    // dot, so a dot in the temporary folder's path must not come into it.
+    const QString before = QDir::currentPath();
+    QDir::setCurrent(dir_.path());
+    const std::string base = "PUMP";
     const std::string plainText = "WAITSECONDS 5\r\nSTOP\r\n";
     Write(base + ".wts", plainText);
     QVERIFY(encryptFile(base + ".wts", "", kDefaultUtilityKey, nullptr));
@@ -689,10 +693,11 @@ class MainWindowTest : public QObject {
 
     // A damaged file: the frame check fails.
     Write(base + ".wts", "old");
-    Write(dir_.path().toStdString() + "/BAD.txe", "not a frame at all");
-    source->setText(dir_.path() + "/BAD.txe");
+    Write("BAD.txe", "not a frame at all");
+    source->setText("BAD.txe");
     QTest::mouseClick(decrypt, Qt::LeftButton);
-    QCOMPARE(Box(dialog, "messageBox")->text(), "Failed to decrypt " + dir_.path() + "/BAD.txe");
+    QCOMPARE(Box(dialog, "messageBox")->text(), QString("Failed to decrypt BAD.txe"));
+    QDir::setCurrent(before);
   }
 
   void manualTabReadsAndWritesTheRig() {
