@@ -124,7 +124,8 @@ void TerminalView::drawStatus(bool force) {
   if (seconds >= 1) {
     char rate[48];
     const double perSecond = static_cast<double>(lines_) / seconds;
-    std::snprintf(rate, sizeof rate, perSecond >= 10 ? " | %.0f lines/s" : " | %.2f lines/s", perSecond);
+    std::snprintf(rate, sizeof rate, perSecond >= 10 ? " | %.0f lines/s" : " | %.2f lines/s",
+                  perSecond);
     status += rate;
   }
   const size_t room = static_cast<size_t>(width() - 1);

@@ -521,7 +521,8 @@ void MainWindow::watchVerdicts() {
           const QString serial = Text(uut.serialNumber);
           const bool passed = uut.passed;
           QMetaObject::invokeMethod(
-              qApp, [self, serial, passed] {
+              qApp,
+              [self, serial, passed] {
                 if (self) self->showVerdict(serial, passed);
               },
               Qt::QueuedConnection);
