@@ -124,6 +124,11 @@ class MainWindowTest : public QObject {
     return result.get();
   }
 
+  // "Stopped" shows as Stop is taken; the run loop unwinds just after.
+  static bool Idle(MainWindow& w) {
+    return OnEngine<bool>(w, [](Engine& e) { return !e.sequencer().flags().running; });
+  }
+
   static std::string Channel(MainWindow& w, const char* name) {
     return OnEngine<std::string>(w, [name](Engine& e) {
       std::string value;
@@ -236,6 +241,7 @@ class MainWindowTest : public QObject {
     Click(w, "pbStop");
     QTRY_COMPARE(Status(w), QString("Stopped"));
     QTRY_VERIFY(Find<QAction>(w, "mbOpenSequence")->isEnabled());
+    QTRY_VERIFY(Idle(w));
     w.host().post([](Engine& e) { e.instrument()->channels().WriteChannel("HEATER", "0"); });
     Find<QAction>(w, "mbOpenSequence")->trigger();
     QFileDialog* dialog = nullptr;
@@ -310,7 +316,8 @@ class MainWindowTest : public QObject {
       QTRY_VERIFY2(w.findChild<QDialog*>(dialogName) == nullptr ||
                        !w.findChild<QDialog*>(dialogName)->isVisible(),
                    line);
-      QVERIFY(OnEngine<bool>(w, [](Engine& e) { return !e.sequencer().flags().running; }));
+      // The run unwinds once the engine has taken the stop and the withdrawn answer.
+      QTRY_VERIFY(Idle(w));
       QVERIFY2(
           OnEngine<bool>(w, [](Engine& e) { return e.sequencer().lastSequenceError().empty(); }),
           line);
@@ -425,6 +432,7 @@ class MainWindowTest : public QObject {
 
     // Another file: no verdict and no unit of the file before.
     delete report;
+    QTRY_VERIFY(Idle(w));
     w.host().post([path = Sequence("next.wts", {"STOP"})](Engine& e) {
       std::string error;
       e.sequencer().prepareFile(path, &error);
@@ -467,6 +475,7 @@ class MainWindowTest : public QObject {
     QCOMPARE(w.findChild<QWidget*>("ebHelp")->height() > 100, true);
     Click(w, "pbStop");
     QTRY_COMPARE(Status(w), QString("Stopped"));
+    QTRY_VERIFY(Idle(w));
     w.host().post([path = Sequence("plain.wts", {"STOP"})](Engine& e) {
       std::string error;
       e.sequencer().prepareFile(path, &error);
