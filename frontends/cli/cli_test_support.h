@@ -5,31 +5,22 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "common/file_system.h"
 #include "run_command.h"
 
 namespace tavrix {
 
 class CliTestBase : public ::testing::Test {
  protected:
-  CliTestBase() {
-    char dir[] = "/tmp/tavrixcliXXXXXX";
-    dir_ = mkdtemp(dir);
-  }
-  ~CliTestBase() override {
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
 
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
 
   // Writes `text` to a file of the folder and returns its path.
   std::string File(const std::string& name, const std::string& text) {
-    std::ofstream(Path(name), std::ios::binary) << text;
+    EXPECT_TRUE(localFiles().writeAtomically(Path(name), text, nullptr));
     return Path(name);
   }
 
@@ -54,7 +45,8 @@ class CliTestBase : public ::testing::Test {
     return text;
   }
 
-  std::string dir_;
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
   std::string out_;
   std::string err_;
 };

@@ -37,7 +37,8 @@ int ExitStatusFor(EndReason reason) {
   return kExitStopped;
 }
 
-// Turns SIGINT and SIGTERM into the window's close request, posted to the
+// Turns SIGINT, SIGTERM and SIGHUP (a closed terminal) into the window's
+// close request, posted to the
 // engine, for as long as it lives.
 class SignalBridge {
  public:
@@ -46,6 +47,7 @@ class SignalBridge {
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
     sigaddset(&set, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &set, &previous_);
     thread_ = std::thread([this, set] {
@@ -95,24 +97,26 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     clock = std::make_unique<SystemClock>();
   }
 
+  // The data root is decided here, once, for the whole run.
+  auto files = std::make_unique<LocalFileSystem>(defaultDataRoot());
   std::string operatorError;
-  std::unique_ptr<Operator> op = MakeConsoleOperator(options.answers, in, err, &operatorError);
+  std::unique_ptr<Operator> op = MakeConsoleOperator(*files, options.answers, in, err, &operatorError);
   if (!op) {
     std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
     return kExitUsage;
   }
 
-  Engine engine(std::move(clock), *op);
+  Engine engine(std::move(clock), *op, std::move(files));
   if (options.trace) {
     if (*options.trace == "-") {
-      engine.trace().setOutput(out, false);
+      engine.trace().setOutput(streamOutput(out));
     } else {
-      std::FILE* file = std::fopen(options.trace->c_str(), "w");
+      auto file = engine.files().create(*options.trace, nullptr);
       if (file == nullptr) {
         std::fprintf(err, "tavrix-cli: cannot write the trace file %s\n", options.trace->c_str());
         return kExitUsage;
       }
-      engine.trace().setOutput(file, true);
+      engine.trace().setOutput(std::move(file));
     }
   }
   engine.trace().setOrigin(engine.clock().now());
@@ -131,7 +135,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   std::string error;
 
   InstrumentSettings settings;
-  if (options.instrumentSettings && !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
+  if (options.instrumentSettings && !LoadInstrumentSettings(engine.files(), *options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }

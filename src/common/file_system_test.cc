@@ -1,3 +1,4 @@
+#include "common/file_system.h"
 #include "common/text_file.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 namespace tavrix {
@@ -16,29 +16,19 @@ namespace {
 
 class TextFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "/textfile-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::filesystem::permissions(dir_, std::filesystem::perms::owner_all,
-                                 std::filesystem::perm_options::add);
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { chmod(locked_.c_str(), 0755); }
 
   std::string contents(const std::string& path) {
     std::string text;
     std::string error;
-    EXPECT_TRUE(readTextFile(path, text, &error)) << error;
+    EXPECT_TRUE(readTextFile(files_, path, text, &error)) << error;
     return text;
   }
 
   std::vector<std::string> folderEntries(const std::string& folder) {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-      names.push_back(entry.path().filename().string());
-    }
+    EXPECT_TRUE(files_.list(folder, names, nullptr));
+    std::sort(names.begin(), names.end());
     return names;
   }
 
@@ -47,27 +37,31 @@ class TextFileTest : public ::testing::Test {
   std::string unwritableFolder() {
     const std::string folder = dir_ + "/locked";
     if (geteuid() == 0) {
-      EXPECT_TRUE(writeTextFileAtomically(folder, {"not a folder"}, nullptr));
+      EXPECT_TRUE(writeTextFileAtomically(files_, folder, {"not a folder"}, nullptr));
       return folder;
     }
-    std::filesystem::create_directory(folder);
+    EXPECT_TRUE(files_.makeFolders(folder, nullptr));
     chmod(folder.c_str(), 0555);
+    locked_ = folder;
     return folder;
   }
 
-  std::string dir_;
+  ScratchFolder scratch_;
+  LocalFileSystem files_{scratch_.path()};
+  std::string dir_ = scratch_.path();
+  std::string locked_;
 };
 
 TEST_F(TextFileTest, WritesLinesWithCrLfAndReplacesTheWholeFile) {
   const std::string path = dir_ + "/results.txt";
   std::string error;
-  ASSERT_TRUE(writeTextFileAtomically(path, {"a", "", "b c"}, &error)) << error;
+  ASSERT_TRUE(writeTextFileAtomically(files_, path, {"a", "", "b c"}, &error)) << error;
   EXPECT_EQ(contents(path), "a\r\n\r\nb c\r\n");
 
-  ASSERT_TRUE(writeTextFileAtomically(path, {"new"}, &error)) << error;
+  ASSERT_TRUE(writeTextFileAtomically(files_, path, {"new"}, &error)) << error;
   EXPECT_EQ(contents(path), "new\r\n");
 
-  ASSERT_TRUE(writeTextFileAtomically(path, {}, &error)) << error;
+  ASSERT_TRUE(writeTextFileAtomically(files_, path, {}, &error)) << error;
   EXPECT_EQ(contents(path), "");
   // No temporary file is left behind.
   EXPECT_EQ(folderEntries(dir_), std::vector<std::string>{"results.txt"});
@@ -75,9 +69,9 @@ TEST_F(TextFileTest, WritesLinesWithCrLfAndReplacesTheWholeFile) {
 
 TEST_F(TextFileTest, ReplacingAFileKeepsItsPermissions) {
   const std::string path = dir_ + "/setup.txt";
-  ASSERT_TRUE(writeTextFileAtomically(path, {"1"}, nullptr));
+  ASSERT_TRUE(writeTextFileAtomically(files_, path, {"1"}, nullptr));
   ASSERT_EQ(chmod(path.c_str(), 0640), 0);
-  ASSERT_TRUE(writeTextFileAtomically(path, {"2"}, nullptr));
+  ASSERT_TRUE(writeTextFileAtomically(files_, path, {"2"}, nullptr));
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0640u);
@@ -87,39 +81,37 @@ TEST_F(TextFileTest, AFailedWriteLeavesNoPartialFile) {
   const std::string folder = unwritableFolder();
   const std::string path = folder + "/results.txt";
   std::string error;
-  EXPECT_FALSE(writeTextFileAtomically(path, {"x"}, &error));
+  EXPECT_FALSE(writeTextFileAtomically(files_, path, {"x"}, &error));
   EXPECT_NE(error.find(path), std::string::npos) << error;
-  EXPECT_FALSE(std::filesystem::exists(path));
-  if (std::filesystem::is_directory(folder)) {
+  EXPECT_FALSE(files_.info(path).kind != FileKind::kMissing);
+  if (files_.isFolder(folder)) {
     EXPECT_TRUE(folderEntries(folder).empty());
   }
 
   // Replacing a file fails when it cannot be renamed over: the old
   // contents stay and no temporary file remains.
   const std::string target = dir_ + "/keep";
-  ASSERT_TRUE(std::filesystem::create_directory(target));
-  EXPECT_FALSE(writeTextFileAtomically(target, {"x"}, &error));
+  ASSERT_TRUE(files_.makeFolders(target, nullptr));
+  EXPECT_FALSE(writeTextFileAtomically(files_, target, {"x"}, &error));
   EXPECT_NE(error.find(target), std::string::npos) << error;
-  EXPECT_TRUE(std::filesystem::is_directory(target));
-  auto entries = folderEntries(dir_);
-  std::sort(entries.begin(), entries.end());
-  EXPECT_EQ(entries, (std::vector<std::string>{"keep", "locked"}));
+  EXPECT_TRUE(files_.isFolder(target));
+  EXPECT_EQ(folderEntries(dir_), (std::vector<std::string>{"keep", "locked"}));
 }
 
 TEST_F(TextFileTest, AppendsWholeLinesAndSaysWhyItCannot) {
   const std::string path = dir_ + "/log.txt";
   std::string error;
-  ASSERT_TRUE(appendLines(path, {"first"}, &error)) << error;
-  ASSERT_TRUE(appendLines(path, {"second", "third"}, &error)) << error;
-  ASSERT_TRUE(appendLines(path, {}, &error)) << error;
+  ASSERT_TRUE(appendLines(files_, path, {"first"}, &error)) << error;
+  ASSERT_TRUE(appendLines(files_, path, {"second", "third"}, &error)) << error;
+  ASSERT_TRUE(appendLines(files_, path, {}, &error)) << error;
   EXPECT_EQ(contents(path), "first\r\nsecond\r\nthird\r\n");
 
   const std::string locked = unwritableFolder() + "/log.txt";
-  EXPECT_FALSE(appendLines(locked, {"x"}, &error));
+  EXPECT_FALSE(appendLines(files_, locked, {"x"}, &error));
   EXPECT_NE(error.find("Cannot append to \"" + locked + "\""), std::string::npos) << error;
   // The operating system's reason follows the name.
   EXPECT_GT(error.size(), locked.size() + 22) << error;
-  EXPECT_FALSE(std::filesystem::exists(locked));
+  EXPECT_FALSE(files_.info(locked).kind != FileKind::kMissing);
 }
 
 // A results writer killed at an arbitrary instant (here: SIGKILL while it
@@ -133,7 +125,7 @@ TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
     const std::string id = std::to_string(n);
     return std::vector<std::string>{"BEGIN " + id, "a " + padding, "b " + padding, "END " + id};
   };
-  ASSERT_TRUE(appendLines(path, {"RESULTS"}, nullptr));
+  ASSERT_TRUE(appendLines(files_, path, {"RESULTS"}, nullptr));
   for (int round = 0; round < 100; ++round) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
@@ -142,20 +134,20 @@ TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
     ASSERT_GE(child, 0);
     if (child == 0) {
       for (long n = first;; ++n) {
-        if (!appendLines(path, record(n), nullptr)) _exit(1);
-        if (n == first + 50 && write(ready[1], "r", 1) != 1) _exit(1);
+        if (!appendLines(files_, path, record(n), nullptr)) _exit(1);
+        if (n == first + 5 && write(ready[1], "r", 1) != 1) _exit(1);
       }
     }
     close(ready[1]);
     char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);  // 50 rows are on file; the writer goes on
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);  // 5 rows are on file; the writer goes on
     close(ready[0]);
     ASSERT_EQ(kill(child, SIGKILL), 0);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status));
   }
-  ASSERT_TRUE(appendLines(path, {"AFTER"}, nullptr));
+  ASSERT_TRUE(appendLines(files_, path, {"AFTER"}, nullptr));
 
   std::string expected = "RESULTS\r\n";
   const std::string text = contents(path);
@@ -172,7 +164,7 @@ TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
       if (text.compare(at, whole.size(), whole) != 0) break;
       at += whole.size();
     }
-    EXPECT_GT(n - first, 50) << "writer " << rounds;
+    EXPECT_GT(n - first, 5) << "writer " << rounds;
     ++rounds;
   }
   EXPECT_EQ(rounds, 100);
