@@ -107,6 +107,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
 
   Engine engine(std::move(clock), *op, std::move(files));
+  engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
+    std::fprintf(err, "tavrix-cli: output lost: %s (the run goes on; later failures of this file are counted)\n",
+                 loss.firstError.c_str());
+  });
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(streamOutput(out));
@@ -178,6 +182,18 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
+  const auto losses = engine.files().losses();
+  if (!losses.empty()) {
+    for (const auto& loss : losses) {
+      std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n", static_cast<long long>(loss.writes),
+                   loss.writes == 1 ? "" : "s", loss.path.c_str());
+    }
+    if (status == kExitOk || status == kExitUutFailed) {
+      std::fprintf(err, "tavrix-cli: the run ended (%s) but some of its output was lost\n",
+                   status == kExitOk ? "no UUT failed" : "a UUT failed its test");
+      status = kExitOutputLost;
+    }
+  }
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }

@@ -5,8 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
+#include "common/file_system.h"
 
 #include "run_command.h"
 
@@ -18,8 +17,6 @@ using ::testing::HasSubstr;
 class TestDbRunTest : public ::testing::Test {
  protected:
   TestDbRunTest() {
-    char dir[] = "/tmp/testdbrunXXXXXX";
-    dir_ = mkdtemp(dir);
     const std::string t = "\t";
     File("details.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test" + t + t +
                             "1" + t + t + dir_ + "/fields.txt" + t + dir_ + "/stages.txt" + t +
@@ -33,17 +30,14 @@ class TestDbRunTest : public ::testing::Test {
                          "/details.txt\r\nDB_STAGECHECK 1\r\n"
                          "DB_STAGECHECK 2\r\nGOTO NEXT\r\n");
   }
-  ~TestDbRunTest() override {
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
   std::string File(const std::string& name, const std::string& text) {
-    std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
+    EXPECT_TRUE(localFiles().writeAtomically(dir_ + "/" + name, text, nullptr));
     return dir_ + "/" + name;
   }
   std::string Read(const std::string& name) const {
-    std::ifstream in(dir_ + "/" + name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string text;
+    localFiles().readFile(dir_ + "/" + name, text, nullptr);
+    return text;
   }
   int Run(const std::string& answers, std::vector<std::string> extra = {}) {
     std::vector<std::string> args = {
@@ -64,7 +58,8 @@ class TestDbRunTest : public ::testing::Test {
     return status;
   }
 
-  std::string dir_;
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
   std::string err_;
 };
 
@@ -98,19 +93,18 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
   EXPECT_THAT(err_, HasSubstr("No answer to the UUTCHECK question"));
   EXPECT_THAT(Read("results/Pump test_261115.txt"), HasSubstr("8\tFAIL\tSN8_261115.txt"));
   // Results can be switched off.
-  std::filesystem::remove_all(dir_ + "/results");
+  removeTree(dir_ + "/results");
   EXPECT_EQ(Run("Accept|serial=9\nPass\nCancel\n", {"--results", "off"}), kExitOk);
-  EXPECT_FALSE(std::filesystem::exists(dir_ + "/results"));
+  EXPECT_FALSE(localFiles().isFolder(dir_ + "/results"));
   EXPECT_EQ(Run("Cancel\n", {"--results", "html"}), kExitUsage);
 }
 
 // The example of docs/test-database.md, on the simulated rig: run from a copy
 // of the examples folder, as from the top of the repository.
 TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
-  std::filesystem::copy(TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples",
-                        std::filesystem::copy_options::recursive);
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(dir_);
+  ASSERT_TRUE(copyTree(localFiles(), TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples"));
+  const std::string before = localFiles().currentFolder();
+  ASSERT_TRUE(changeCurrentFolder(dir_));
   std::vector<std::string> args = {"tavrix-cli",
                                    "run",
                                    "--virtual-time",
@@ -126,7 +120,7 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
   const int status = TavrixCliMain(args, nullptr, out, err);
   std::fclose(out);
   std::fclose(err);
-  std::filesystem::current_path(before);
+  changeCurrentFolder(before);
   EXPECT_EQ(status, kExitUutFailed);
   EXPECT_THAT(Read("results/Pump test_261115.txt"),
               HasSubstr("1234\tPASS\tSN1234_261115.txt\r\n"
@@ -135,7 +129,7 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
   EXPECT_THAT(Read("results/SN_1234_261115_144035.txt"),
               HasSubstr("3\tFan speed\tFAN\t1200.00\trpm\t1150\t1250\tPass\r\n"
                         "4\tSeal\t\tOp Pass\t\t\t\tPass\r\n"));
-  EXPECT_TRUE(std::filesystem::exists(dir_ + "/results/SN_1235_261115_145105.txt"));
+  EXPECT_TRUE(localFiles().isFile(dir_ + "/results/SN_1235_261115_145105.txt"));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "calcchan/fake_channels.h"
@@ -27,16 +26,15 @@ struct EvaluationTest : ::testing::Test {
   FakeChannels rig;
   std::vector<std::string> messages;
   std::vector<Call> calls;
-  std::string folder;
+  MemoryFileSystem files;
+  std::string folder = "/data/calc";
   std::unique_ptr<CalcChannels> calc;
 
   EvaluationTest() {
-    folder = ::testing::TempDir() + "calc_" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
-    std::filesystem::create_directories(folder);
+    files.makeFolders(folder, nullptr);
     CalcPorts ports;
     ports.channels = &rig;
+    ports.files = &files;
     ports.showMessage = [this](std::string_view m) { messages.emplace_back(m); };
     ports.companion = [this](std::string_view topic, std::string_view item, std::string_view text,
                              std::string*) {
@@ -68,7 +66,7 @@ struct EvaluationTest : ::testing::Test {
       text += "[CHANNEL]\r\nTYPE=" + f[0] + "\r\n\"SOURCE=" + f[1] + "\"\r\nNEWNAME=" + f[2] +
               "\r\nPARAM1=" + f[3] + "\r\nPARAM2=" + f[4] + "\r\n[END CHANNEL]\r\n";
     }
-    std::ofstream(folder + "/" + name, std::ios::binary) << text;
+    files.put(folder + "/" + name, text);
     return calc->startCalculatedChannels(folder + "\\" + name, ticks);
   }
 
@@ -87,7 +85,7 @@ struct EvaluationTest : ::testing::Test {
 
   std::string FileText(const std::string& name) {
     std::string text;
-    readTextFile(folder + "/sum/" + name, text, nullptr);
+    readTextFile(files, folder + "/sum/" + name, text, nullptr);
     return text;
   }
 };
@@ -340,7 +338,7 @@ TEST_F(EvaluationTest, ReportRowsWithAnUnknownOperatorComplainEveryPass) {
 TEST_F(EvaluationTest, AFailingSummaryWriteIsReported) {
   rig.values = {{"P", "5"}, {"DAY", ""}};
   ASSERT_TRUE(Load("FW.ccs", {"DAILY|P|DAY"}));
-  std::ofstream(folder + "/sum", std::ios::binary) << "a file where the folder should be";
+  files.put(folder + "/sum", "a file where the folder should be");
   calc->start();
   RunFor(1);
   calc->changeLoggers();

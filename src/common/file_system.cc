@@ -537,3 +537,25 @@ class StreamOutput final : public OutputFile {
 std::unique_ptr<OutputFile> streamOutput(std::FILE* stream) { return std::make_unique<StreamOutput>(stream); }
 
 }  // namespace tavrix
+
+namespace tavrix {
+
+bool copyTree(FileSystem& files, const std::string& from, const std::string& to) {
+  std::vector<std::string> names;
+  if (!files.list(from, names, nullptr) || !files.makeFolders(to, nullptr)) return false;
+  for (const auto& name : names) {
+    const std::string source = from + "/" + name;
+    const std::string target = to + "/" + name;
+    const FileKind kind = files.info(source).kind;
+    std::string bytes;
+    const bool copied = kind == FileKind::kFolder ? copyTree(files, source, target)
+                                                  : files.readFile(source, bytes, nullptr) &&
+                                                        files.writeAtomically(target, bytes, nullptr);
+    if (!copied) return false;
+  }
+  return true;
+}
+
+bool changeCurrentFolder(const std::string& folder) { return ::chdir(folder.c_str()) == 0; }
+
+}  // namespace tavrix

@@ -171,8 +171,8 @@ class MemoryFileSystem final : public FileSystem {
 
   enum class Fault { kNoSpace, kIoError };
   // Makes the `n`th write from now (1 = the next) fail with `fault`: an
-  // append, a rewrite's commit, an output write or a cut-back each count as
-  // one write. A write that fails writes nothing.
+  // append, a rewrite's commit and an output write each count as one write
+  // (a cut-back does not). A write that fails writes nothing.
   void failWrite(int n, Fault fault);
   // Writes counted so far.
   int writes() const { return writes_; }
@@ -239,5 +239,14 @@ namespace tavrix {
 
 // An output that goes to an open stream (standard output), not owned.
 std::unique_ptr<OutputFile> streamOutput(std::FILE* stream);
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+// Copies the folder `from` with everything below it to `to`.
+bool copyTree(FileSystem& files, const std::string& from, const std::string& to);
+// Makes `folder` the process's current folder; false when it cannot be.
+bool changeCurrentFolder(const std::string& folder);
 
 }  // namespace tavrix

@@ -88,7 +88,6 @@ std::vector<uint8_t> fromHex(std::string_view text) {
   return bytes;
 }
 
-std::string describeErrno(int err) { return std::strerror(err); }
 
 // Blocks handled per read and write when a file is streamed (a multiple of
 // the block size); the memory a file member needs, whatever the file's size.

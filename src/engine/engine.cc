@@ -20,18 +20,19 @@ constexpr std::string_view kNoInstrument = "No instrument link is attached";
 
 Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileSystem> files)
     : clock_(std::move(clock)),
-      files_(files ? std::move(files) : std::make_unique<LocalFileSystem>(defaultDataRoot())),
-      paths_(files_->dataRoot()),
+      ownFiles_(files ? std::move(files) : std::make_unique<LocalFileSystem>(defaultDataRoot())),
+      files_(*ownFiles_),
+      paths_(files_.dataRoot()),
       events_(*clock_),
       trace_(*clock_),
       companion_(&trace_),
-      sequencer_(events_, op, trace_, *files_, paths_),
+      sequencer_(events_, op, trace_, files_, paths_),
       testDatabase_(sequencer_, paths_) {
   RegisterSequencerCommands(sequencer_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
-  testDatabase_.results.dataDirectory = join(files_->dataRoot(), "data");
+  testDatabase_.results.dataDirectory = join(files_.dataRoot(), "data");
   testDatabase_.registerCommands();
 }
 
@@ -41,15 +42,15 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
                               std::string* error) {
   std::unique_ptr<LinkLibrary> backend;
   if (linkFactory_) {
-    backend = linkFactory_(linkSpec, events_.clock(), settings, *files_, error);
+    backend = linkFactory_(linkSpec, events_.clock(), settings, files_, error);
   } else if (linkSpec.empty() || linkSpec == kSimLinkSpec) {
-    backend = std::make_unique<SimLink>(events_.clock(), settings.dataRoot, *files_);
+    backend = std::make_unique<SimLink>(events_.clock(), settings.dataRoot, files_);
   } else if (error) {
     *error = "unknown link \"" + std::string(linkSpec) + "\": use sim";
   }
   if (!backend) return false;
   // The one drive map of the run: the settings' drives over the data root.
-  paths_ = MakePathMap(files_->dataRoot(), settings);
+  paths_ = MakePathMap(files_.dataRoot(), settings);
   instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend),
                                              paths_);
   RegisterInstrumentCommands(sequencer_, *instrument_);
@@ -57,7 +58,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();
-  ports.files = files_.get();
+  ports.files = &files_;
   ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
   ports.companion = [this](std::string_view topic, std::string_view item, std::string_view text,
                            std::string* why) { return companion_.execute(topic, item, text, why); };

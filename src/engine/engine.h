@@ -10,6 +10,7 @@
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/file_system.h"
+#include "common/watched_file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
 #include "instrument/link/instrument.h"
@@ -33,7 +34,9 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
-  FileSystem& files() { return *files_; }
+  // The run's files. Every write that fails is counted here (see
+  // WatchedFileSystem::losses) so that lost output is never silent.
+  WatchedFileSystem& files() { return files_; }
   // How Windows paths in sequence and definition files map to local ones:
   // built once from the data root and, when the instrument is attached, the
   // drive map of its settings. Every command that names a file uses it.
@@ -79,7 +82,8 @@ class Engine {
   };
 
   std::unique_ptr<Clock> clock_;
-  std::unique_ptr<FileSystem> files_;
+  std::unique_ptr<FileSystem> ownFiles_;
+  WatchedFileSystem files_;
   PathMap paths_;
   LinkFactory linkFactory_;
   EventLoop events_;
