@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,30 @@
 #include "run_command.h"
 
 namespace tavrix {
+
+// A stream whose text is kept in memory.
+class Captured {
+ public:
+  Captured() : stream_(open_memstream(&buffer_, &size_)) {}
+  ~Captured() {
+    if (stream_ != nullptr) std::fclose(stream_);
+    std::free(buffer_);
+  }
+  Captured(const Captured&) = delete;
+  Captured& operator=(const Captured&) = delete;
+  std::FILE* stream() { return stream_; }
+  // Everything written; the stream is closed.
+  std::string take() {
+    std::fclose(stream_);
+    stream_ = nullptr;
+    return std::string(buffer_, size_);
+  }
+
+ private:
+  char* buffer_ = nullptr;
+  size_t size_ = 0;
+  std::FILE* stream_;
+};
 
 class CliTestBase : public ::testing::Test {
  protected:
@@ -27,22 +52,12 @@ class CliTestBase : public ::testing::Test {
   // Runs the command line; its standard output and error land in out_ and err_.
   int Cli(std::vector<std::string> args) {
     args.insert(args.begin(), "tavrix-cli");
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const int status = TavrixCliMain(args, nullptr, out, err);
-    out_ = Slurp(out);
-    err_ = Slurp(err);
+    Captured out;
+    Captured err;
+    const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+    out_ = out.take();
+    err_ = err.take();
     return status;
-  }
-
-  static std::string Slurp(std::FILE* f) {
-    std::rewind(f);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
-    return text;
   }
 
   ScratchFolder scratch_;

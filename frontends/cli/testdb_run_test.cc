@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "cli_test_support.h"
 #include "common/file_system.h"
 
 #include "run_command.h"
@@ -45,16 +46,10 @@ class TestDbRunTest : public ::testing::Test {
         "2026-11-15 14:30:05", "--no-hardware", "--answers",      File("test.answers", answers)};
     args.insert(args.end(), extra.begin(), extra.end());
     args.push_back(dir_ + "/test.wts");
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const int status = TavrixCliMain(args, nullptr, out, err);
-    std::rewind(err);
-    err_.clear();
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, err)) > 0) err_.append(buf, n);
-    std::fclose(out);
-    std::fclose(err);
+    Captured out;
+    Captured err;
+    const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+    err_ = err.take();
     return status;
   }
 
@@ -116,11 +111,9 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
                                    "--answers",
                                    "examples/uut_test.answers",
                                    "examples/uut_test.wts"};
-  std::FILE* out = std::tmpfile();
-  std::FILE* err = std::tmpfile();
-  const int status = TavrixCliMain(args, nullptr, out, err);
-  std::fclose(out);
-  std::fclose(err);
+  Captured out;
+  Captured err;
+  const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
   changeCurrentFolder(before);
   EXPECT_EQ(status, kExitUutFailed);
   EXPECT_THAT(Read("results/Pump test_261115.txt"),

@@ -213,6 +213,7 @@ struct HeldFolder {
   int fd = -1;
   int count = 0;
   std::thread::id owner;
+  pid_t process = 0;  // a forked child inherits the table, not the locks
 };
 
 std::mutex gLockMutex;
@@ -434,6 +435,11 @@ std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::st
   std::unique_lock guard(gLockMutex);
   for (;;) {
     auto it = gHeld.find(key);
+    if (it != gHeld.end() && it->second.process != ::getpid()) {
+      ::close(it->second.fd);
+      gHeld.erase(it);
+      it = gHeld.end();
+    }
     if (it != gHeld.end() && it->second.owner == self) {
       ++it->second.count;
       ::close(fd);
@@ -441,7 +447,7 @@ std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::st
     }
     if (it == gHeld.end()) {
       if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
-        gHeld[key] = HeldFolder{fd, 1, self};
+        gHeld[key] = HeldFolder{fd, 1, self, ::getpid()};
         return std::make_unique<LocalFolderLock>(key);
       }
       if (errno != EWOULDBLOCK && errno != EINTR) {
@@ -473,7 +479,7 @@ ScratchFolder::ScratchFolder() {
   const char* tmp = std::getenv("TMPDIR");
   std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
   while (base.size() > 1 && base.back() == '/') base.pop_back();
-  std::string pattern = base + "/tavrix-test.XXXXXX";
+  std::string pattern = base + "/tavrix-test-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {
     std::fprintf(stderr, "cannot create a scratch folder in %s: %s\n", base.c_str(), std::strerror(errno));
     std::abort();

@@ -174,3 +174,77 @@ TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
 
 }  // namespace
 }  // namespace tavrix
+
+namespace tavrix {
+namespace {
+
+// The temporary file of a rewrite: removed when the rewrite is abandoned,
+// when the program ends at a signal (removeUnfinishedRewrites), and, when
+// its writer was killed outright, by the next rewrite of the same file.
+TEST_F(TextFileTest, TemporaryFilesOfRewritesNeverStayBehind) {
+  const std::string path = dir_ + "/big.wts";
+  {
+    auto file = files_.rewrite(path, nullptr);
+    ASSERT_NE(file, nullptr);
+    ASSERT_TRUE(file->write("half of it", nullptr));
+    EXPECT_EQ(folderEntries(dir_).size(), 1u);
+  }
+  EXPECT_TRUE(folderEntries(dir_).empty());
+
+  auto pending = files_.rewrite(path, nullptr);
+  ASSERT_NE(pending, nullptr);
+  ASSERT_TRUE(pending->write("interrupted", nullptr));
+  removeUnfinishedRewrites();
+  EXPECT_TRUE(folderEntries(dir_).empty());
+  pending.reset();
+
+  // A writer that died: its process number is free again.
+  const pid_t gone = fork();
+  ASSERT_GE(gone, 0);
+  if (gone == 0) _exit(0);
+  ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+  const std::string stale = dir_ + "/.big.wts." + std::to_string(gone) + "-0.tmp";
+  const std::string other = dir_ + "/.other.wts." + std::to_string(gone) + "-0.tmp";
+  ASSERT_TRUE(files_.writeAtomically(stale, "28 MB of a decrypt", nullptr));
+  ASSERT_TRUE(files_.writeAtomically(other, "not this file's", nullptr));
+  ASSERT_TRUE(files_.writeAtomically(path, "STOP\r\n", nullptr));
+  EXPECT_EQ(folderEntries(dir_), (std::vector<std::string>{".other.wts." + std::to_string(gone) + "-0.tmp", "big.wts"}));
+}
+
+// The folder lock keeps out other processes until it is let go, gives up
+// after its bounded wait with a clear message, and may be taken again by
+// the thread that holds it.
+TEST_F(TextFileTest, FolderLocksExcludeOtherProcessesForABoundedTime) {
+  const std::string path = dir_ + "/summary.txt";
+  auto held = files_.lock(path, nullptr);
+  ASSERT_NE(held, nullptr);
+  auto again = files_.lock(dir_ + "/details.txt", nullptr);  // the same thread, the same folder
+  ASSERT_NE(again, nullptr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    LocalFileSystem other(dir_);
+    other.setLockWait(50);
+    std::string error;
+    const bool refused = other.lock(path, &error) == nullptr &&
+                         error.find("another program kept it locked") != std::string::npos;
+    _exit(refused ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  again.reset();
+  held.reset();
+  const pid_t next = fork();
+  ASSERT_GE(next, 0);
+  if (next == 0) {
+    LocalFileSystem other(dir_);
+    other.setLockWait(0);
+    _exit(other.lock(path, nullptr) != nullptr ? 0 : 1);
+  }
+  ASSERT_EQ(waitpid(next, &status, 0), next);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
+}  // namespace tavrix

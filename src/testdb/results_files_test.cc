@@ -230,7 +230,9 @@ TEST_F(ResultsFilesTest, AFailingWriteAtEveryPointLeavesWholeFilesAndPairs) {
         EXPECT_EQ(files.files(), before) << "write " << n << (xml ? " xml" : " text");
         std::string summary;
         ASSERT_TRUE(files.readFile(summaryPath, summary, nullptr));
-        if (!xml) EXPECT_EQ(Entries(summary, "2"), 0);
+        if (!xml) {
+          EXPECT_EQ(Entries(summary, "2"), 0);
+        }
       }
     }
   }
