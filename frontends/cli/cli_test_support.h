@@ -41,6 +41,9 @@ class Captured {
 class CliTestBase : public ::testing::Test {
  protected:
 
+  // `withoutDots`: see ScratchFolder.
+  explicit CliTestBase(bool withoutDots = false) : scratch_(withoutDots) {}
+
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
 
   // Writes `text` to a file of the folder and returns its path.

@@ -15,6 +15,8 @@ using ::testing::HasSubstr;
 
 class CryptCliTest : public CliTestBase {
  protected:
+  // Encrypted files are named by their first ".": a folder without one.
+  CryptCliTest() : CliTestBase(true) {}
   std::string Read(const std::string& name) const {
     std::string text;
     localFiles().readFile(Path(name), text, nullptr);

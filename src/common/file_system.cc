@@ -475,9 +475,10 @@ std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::st
 
 namespace tavrix {
 
-ScratchFolder::ScratchFolder() {
+ScratchFolder::ScratchFolder(bool withoutDots) {
   const char* tmp = std::getenv("TMPDIR");
   std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+  if (withoutDots && base.find('.') != std::string::npos) base = "/tmp";
   while (base.size() > 1 && base.back() == '/') base.pop_back();
   std::string pattern = base + "/tavrix-test-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {

@@ -209,7 +209,10 @@ namespace tavrix {
 // in it when the object goes. For tests and tools that need a real folder.
 class ScratchFolder {
  public:
-  ScratchFolder();
+  // `withoutDots`: for names whose first "." must be the extension's (the
+  // counterpart names of encrypted files); under a $TMPDIR with a dot in
+  // its path the folder goes to /tmp instead.
+  explicit ScratchFolder(bool withoutDots = false);
   ~ScratchFolder();
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;

@@ -72,7 +72,7 @@ class TempFolder {
   }
 
  private:
-  ScratchFolder scratch_;
+  ScratchFolder scratch_{true};
 };
 
 void writeFile(const std::string& path, const std::string& content) {
