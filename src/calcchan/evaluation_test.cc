@@ -430,17 +430,11 @@ TEST_F(EvaluationTest, ASummaryThatCannotGrowKeepsItsRowsAndTheDaysCounters) {
   const std::string before = FileText("MONTH_FG_2611.wl");
   ASSERT_NE(before.find("\r\n03\t5.00\tOK\r\n"), std::string::npos) << before;
 
-  rlimit saved{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-  const auto previousHandler = signal(SIGXFSZ, SIG_IGN);
-  rlimit full = saved;
-  full.rlim_cur = before.size();
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  // The disk is full when the next row is appended.
+  files.failWrite(1, MemoryFileSystem::Fault::kNoSpace);
   rig.values["P"] = "7";
   RunFor(2);
   calc->changeLoggers();
-  setrlimit(RLIMIT_FSIZE, &saved);
-  signal(SIGXFSZ, previousHandler);
 
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_EQ(messages[0].rfind("Cannot append to", 0), 0u) << messages[0];

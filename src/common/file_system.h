@@ -181,7 +181,8 @@ class MemoryFileSystem final : public FileSystem {
   friend class MemoryAtomicFile;
   friend class MemoryOutputFile;
   // Counts one write; false (with the fault's message) when it is the one to fail.
-  bool countWrite(const std::string& path, std::string* error);
+  bool countWrite(const std::string& path, std::string* error,
+                  std::string_view what = "Cannot write");
   bool folderExists(const std::string& folder) const;
   // Marks the file changed (its modification time in info()).
   void touch(const std::string& path);

@@ -76,10 +76,10 @@ bool MemoryFileSystem::folderExists(const std::string& folder) const {
   return folder.empty() || folders_.count(folder) > 0;
 }
 
-bool MemoryFileSystem::countWrite(const std::string& path, std::string* error) {
+bool MemoryFileSystem::countWrite(const std::string& path, std::string* error, std::string_view what) {
   ++writes_;
   if (writes_ != failAt_) return true;
-  return fail(error, "Cannot write", path,
+  return fail(error, what, path,
               fault_ == Fault::kNoSpace ? "No space left on device" : "Input/output error");
 }
 
@@ -124,7 +124,7 @@ std::unique_ptr<AtomicFile> MemoryFileSystem::rewrite(const std::string& path, s
 
 bool MemoryFileSystem::append(const std::string& path, std::string_view bytes, std::string* error) {
   if (!folderExists(parentFolder(path))) return fail(error, "Cannot append to", path, kNoSuchFile);
-  if (!countWrite(path, error)) return false;
+  if (!countWrite(path, error, "Cannot append to")) return false;
   files_[path].append(bytes);
   touch(path);
   return true;

@@ -84,7 +84,7 @@ TEST(EngineFiles, EveryFileCommandFindsItsFileThroughTheSettingsDriveMap) {
   EXPECT_TRUE(files.isFile("/rigs/q/idx/save.idx"));                           // INDEXINIT
   EXPECT_EQ(e.Read("/rigs/q/save/T001/chn0.bin"), "zero\r\n");                 // INDEXSAVE580
   ASSERT_NE(e.engine->calcChannels(), nullptr);
-  EXPECT_EQ(e.engine->calcChannels()->state().table.size(), 1u);  // STARTCALCULATEDCHANNELS
+  EXPECT_EQ(e.engine->calcChannels()->state().table.back().newName, "OUT");  // STARTCALCULATEDCHANNELS
   // Nothing went below the data root's own folder of drive Q.
   for (const auto& [path, bytes] : files.files()) {
     EXPECT_NE(path.rfind("/data/q/", 0), 0u) << path;
