@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <optional>
 #include <set>
 
@@ -17,7 +16,6 @@ namespace tavrix {
 
 namespace {
 
-namespace fs = std::filesystem;
 
 // Words that the dispatcher hands to its extensions (load maintenance).
 const std::set<std::string, std::less<>> kExtensionWords = {"MT_MAINTAIN", "MT_RAMP"};
@@ -31,7 +29,7 @@ struct Line {
 bool ReadLines(const std::string& path, std::vector<Line>& lines, std::vector<std::string>& upper,
                std::string* error) {
   SequenceFile file;
-  if (!file.open(path, error)) return false;
+  if (!file.open(localFiles(), path, error)) return false;
   std::string text;
   int number = 0;
   while (file.readLine(text)) {

@@ -4,29 +4,20 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
+#include "common/file_system.h"
 #include "common/paths.h"
+#include "common/text_file.h"
 
 namespace tavrix {
 namespace {
 
-namespace fs = std::filesystem;
-
 class LintTest : public ::testing::Test {
  protected:
-  LintTest() : paths_("/nonexistent") {
-    char name[] = "/tmp/tavrixlintXXXXXX";
-    dir_ = mkdtemp(name);
-    paths_.setDrive('c', dir_);
-  }
-  ~LintTest() override { fs::remove_all(dir_); }
+  LintTest() : paths_("/nonexistent") { paths_.setDrive('c', dir_); }
 
   std::string Write(const std::string& name, const std::vector<std::string>& lines) {
     const std::string path = dir_ + "/" + name;
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& line : lines) out << line << "\r\n";
+    EXPECT_TRUE(writeTextFileAtomically(localFiles(), path, lines, nullptr));
     return path;
   }
 
@@ -42,8 +33,9 @@ class LintTest : public ::testing::Test {
     return out;
   }
 
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
   PathMap paths_;
-  std::string dir_;
 };
 
 using Msgs = std::vector<std::string>;

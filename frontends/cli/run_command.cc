@@ -1,13 +1,14 @@
 #include "run_command.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <csignal>
 #include <memory>
 #include <mutex>
-#include <pthread.h>
 #include <thread>
-#include <unistd.h>
 
 #include "common/civil_time.h"
 #include "crypt_commands.h"
@@ -41,8 +42,28 @@ int ExitStatusFor(EndReason reason) {
   return kExitStopped;
 }
 
-// Turns SIGINT and SIGTERM into the window's close request, posted to the
-// engine, for as long as it lives.
+// Blocks SIGINT, SIGTERM and SIGHUP for the whole run. It must be made before
+// any thread of the run starts (the results store's writer, the terminal
+// view): a thread that does not block them would take the signal's default
+// action and end the process before the results are written.
+class BlockedSignals {
+ public:
+  BlockedSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
+    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+  }
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  BlockedSignals(const BlockedSignals&) = delete;
+  BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+ private:
+  sigset_t previous_{};
+};
+
+// Turns SIGINT, SIGTERM and SIGHUP (a closed terminal) into the window's
+// close request, posted to the engine, for as long as it lives.
 class SignalBridge {
  public:
   explicit SignalBridge(Engine& engine) : engine_(engine) {
@@ -50,6 +71,7 @@ class SignalBridge {
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
     sigaddset(&set, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &set, &previous_);
     thread_ = std::thread([this, set] {
@@ -78,6 +100,7 @@ class SignalBridge {
 }  // namespace
 
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  const BlockedSignals blocked;
   std::unique_ptr<Clock> clock;
   if (options.virtualTime) {
     Micros start = SystemClock().now();
@@ -99,8 +122,11 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     clock = std::make_unique<SystemClock>();
   }
 
+  // The data root is decided here, once, for the whole run.
+  auto files = std::make_unique<LocalFileSystem>(defaultDataRoot());
   std::string operatorError;
-  std::unique_ptr<Operator> op = MakeConsoleOperator(options.answers, in, err, &operatorError);
+  std::unique_ptr<Operator> op =
+      MakeConsoleOperator(*files, options.answers, in, err, &operatorError);
   if (!op) {
     std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
     return kExitUsage;
@@ -110,7 +136,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   const bool traceToOut = options.trace && *options.trace == "-";
   TerminalView view(*op, out, traceToOut ? err : out,
                     !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
-  Engine engine(std::move(clock), view);
+  Engine engine(std::move(clock), view, std::move(files));
+  engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
+    std::fprintf(
+        err,
+        "tavrix-cli: output lost: %s (the run goes on; later failures of this file are counted)\n",
+        loss.firstError.c_str());
+  });
   view.attach(engine, options.virtualTime);
   struct Detach {
     TerminalView& view;
@@ -119,14 +151,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (options.trace && !traceToOut) view.addFileWritten(*options.trace);
   if (options.trace) {
     if (*options.trace == "-") {
-      engine.trace().setOutput(out, false);
+      engine.trace().setOutput(streamOutput(out));
     } else {
-      std::FILE* file = std::fopen(options.trace->c_str(), "w");
+      auto file = engine.files().create(*options.trace, nullptr);
       if (file == nullptr) {
         std::fprintf(err, "tavrix-cli: cannot write the trace file %s\n", options.trace->c_str());
         return kExitUsage;
       }
-      engine.trace().setOutput(file, true);
+      engine.trace().setOutput(std::move(file));
     }
   }
   engine.trace().setOrigin(engine.clock().now());
@@ -145,7 +177,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   std::string error;
 
   InstrumentSettings settings;
-  if (options.instrumentSettings && !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(engine.files(), *options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -218,9 +251,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     const bool written = recorder->flush(std::chrono::seconds(10));
     recorder->stop();
     if (!written) {
-      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n",
-                   recorder->waiting(), resultsQueue->path().c_str(),
-                   DescribeStoreSpec(storeSpec).c_str(), recorder->lastError().c_str());
+      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n", recorder->waiting(),
+                   resultsQueue->path().c_str(), DescribeStoreSpec(storeSpec).c_str(),
+                   recorder->lastError().c_str());
     }
     if (engine.trace().enabled() && (testDatabase.uutsFinished() > 0 || recorder->waiting() > 0)) {
       auto event = engine.trace().event("results_store");
@@ -231,6 +264,19 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
+  const auto losses = engine.files().losses();
+  if (!losses.empty()) {
+    for (const auto& loss : losses) {
+      std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n",
+                   static_cast<long long>(loss.writes), loss.writes == 1 ? "" : "s",
+                   loss.path.c_str());
+    }
+    if (status == kExitOk || status == kExitUutFailed) {
+      std::fprintf(err, "tavrix-cli: the run ended (%s) but some of its output was lost\n",
+                   status == kExitOk ? "no UUT failed" : "a UUT failed its test");
+      status = kExitOutputLost;
+    }
+  }
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
@@ -238,24 +284,34 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err) {
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                  std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
-  runCommand->add_flag("--virtual-time", run.virtualTime, "Run on a virtual clock: waits take no real time");
-  runCommand->add_option("--start", run.start, "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
+  runCommand->add_flag("--virtual-time", run.virtualTime,
+                       "Run on a virtual clock: waits take no real time");
+  runCommand->add_option("--start", run.start,
+                         "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
-  runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
-  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
+  runCommand->add_option("--trace", run.trace,
+                         "Write a JSON-lines trace to FILE (- for standard output)");
+  runCommand->add_flag("--no-hardware", run.noHardware,
+                       "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
   runCommand->add_option("--companion-answer", run.companionAnswers,
                          "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
-  runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
-  runCommand->add_option("--link", run.link, "The instrument link: sim (default) or tcp://HOST:PORT");
-  runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
+  runCommand->add_option("--setup", run.setup,
+                         "Hardware setup (.ims) to load before the first line");
+  runCommand->add_option("--link", run.link,
+                         "The instrument link: sim (default) or tcp://HOST:PORT");
+  runCommand->add_option("--reply-timeout", run.replyTimeout,
+                         "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
                          "Settings file of the instrument link (key = value)");
-  runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
+  runCommand
+      ->add_option("--results", run.results,
+                   "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
   runCommand->add_flag("--quiet", run.quiet,
                        "Show only messages and the summary, even on a terminal");
@@ -267,7 +323,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
-  rigCommand->add_option("--listen", rig.listen, "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
+  rigCommand->add_option("--listen", rig.listen,
+                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
   rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
 
   std::vector<std::string> lintFiles;

@@ -17,6 +17,7 @@ constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswer
                                       // that cannot be loaded)
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
+constexpr int kExitOutputLost = 6;    // the run ended but some of its output was lost (in place of 0 and 4)
 constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
 
 struct RunOptions {

@@ -85,6 +85,16 @@ class TerminalViewTest : public CliTestBase {
     return status;
   }
 
+  static std::string Slurp(std::FILE* f) {
+    std::rewind(f);
+    std::string text;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+    return text;
+  }
+
   static bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
   }
@@ -194,7 +204,7 @@ TEST_F(TerminalViewTest, ElsewhereOnlyMessagesAndTheSummary) {
   EXPECT_TRUE(Has(out_, "Written: " + d + "/results/SN_2_261115_143005.txt\n")) << out_;
   const std::string summaryFile = "Written: " + d + "/results/Pump test_261115.txt\n";
   EXPECT_EQ(out_.find(summaryFile), out_.rfind(summaryFile)) << "each file once";
-  EXPECT_TRUE(std::filesystem::exists(d + "/results/SN_1_261115_143005.txt"));
+  EXPECT_TRUE(localFiles().isFile(d + "/results/SN_1_261115_143005.txt"));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <filesystem>
 
 #include "calcchan/setup_file.h"
 #include "calcchan/summary_files.h"
@@ -63,7 +62,7 @@ bool CalcChannels::load(std::string_view fileSpec) {
   timer_.setEnabled(false);
   analyser_.clear();
   const std::string local = ports_.resolvePath ? ports_.resolvePath(fileSpec) : std::string(fileSpec);
-  analyser_.setWaveformFolder(std::filesystem::path(local).parent_path().string());
+  analyser_.setWaveformFolder(ports_.fileSystem(), local.find('/') == std::string::npos ? std::string(".") : parentFolder(local));
   lastPassTime_ = state_.loadDate;
   return true;
 }

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "calcchan/fake_channels.h"
@@ -28,16 +27,15 @@ struct EvaluationTest : ::testing::Test {
   FakeChannels rig;
   std::vector<std::string> messages;
   std::vector<Call> calls;
-  std::string folder;
+  MemoryFileSystem files;
+  std::string folder = "/data/calc";
   std::unique_ptr<CalcChannels> calc;
 
   EvaluationTest() {
-    folder = ::testing::TempDir() + "calc_" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
-    std::filesystem::create_directories(folder);
+    files.makeFolders(folder, nullptr);
     CalcPorts ports;
     ports.channels = &rig;
+    ports.files = &files;
     ports.showMessage = [this](std::string_view m) { messages.emplace_back(m); };
     ports.companion = [this](std::string_view topic, std::string_view item, std::string_view text,
                              std::string*) {
@@ -69,7 +67,7 @@ struct EvaluationTest : ::testing::Test {
       text += "[CHANNEL]\r\nTYPE=" + f[0] + "\r\n\"SOURCE=" + f[1] + "\"\r\nNEWNAME=" + f[2] +
               "\r\nPARAM1=" + f[3] + "\r\nPARAM2=" + f[4] + "\r\n[END CHANNEL]\r\n";
     }
-    std::ofstream(folder + "/" + name, std::ios::binary) << text;
+    files.put(folder + "/" + name, text);
     return calc->startCalculatedChannels(folder + "\\" + name, ticks);
   }
 
@@ -88,7 +86,7 @@ struct EvaluationTest : ::testing::Test {
 
   std::string FileText(const std::string& name) {
     std::string text;
-    readTextFile(folder + "/sum/" + name, text, nullptr);
+    readTextFile(files, folder + "/sum/" + name, text, nullptr);
     return text;
   }
 };
@@ -332,7 +330,7 @@ TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
   EXPECT_EQ(FileText("AB_1126.wl"),
             "Date-Time\tDuration (mins)\tCREM AVG\tStatus\tChannel\r\n"
             "03-11-2026 10:00:03\t120.0\t60.00\tAlarm\tCREM\r\n");
-  EXPECT_FALSE(std::filesystem::exists(folder + "/sum/CREM_1126.wl"));
+  EXPECT_FALSE(files.isFile(folder + "/sum/CREM_1126.wl"));
 
   // The next summary of the month appends under the head lines, counting afresh.
   RunFor(1);
@@ -410,7 +408,7 @@ TEST_F(EvaluationTest, ReportRowsWithAnUnknownOperatorComplainEveryPass) {
 TEST_F(EvaluationTest, AFailingSummaryWriteIsReported) {
   rig.values = {{"P", "5"}, {"DAY", ""}};
   ASSERT_TRUE(Load("FW.ccs", {"DAILY|P|DAY"}));
-  std::ofstream(folder + "/sum", std::ios::binary) << "a file where the folder should be";
+  files.put(folder + "/sum", "a file where the folder should be");
   calc->start();
   RunFor(1);
   calc->changeLoggers();
@@ -432,17 +430,11 @@ TEST_F(EvaluationTest, ASummaryThatCannotGrowKeepsItsRowsAndTheDaysCounters) {
   const std::string before = FileText("MONTH_FG_2611.wl");
   ASSERT_NE(before.find("\r\n03\t5.00\tOK\r\n"), std::string::npos) << before;
 
-  rlimit saved{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-  const auto previousHandler = signal(SIGXFSZ, SIG_IGN);
-  rlimit full = saved;
-  full.rlim_cur = before.size();
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  // The disk is full when the next row is appended.
+  files.failWrite(1, MemoryFileSystem::Fault::kNoSpace);
   rig.values["P"] = "7";
   RunFor(2);
   calc->changeLoggers();
-  setrlimit(RLIMIT_FSIZE, &saved);
-  signal(SIGXFSZ, previousHandler);
 
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_EQ(messages[0].rfind("Cannot append to", 0), 0u) << messages[0];

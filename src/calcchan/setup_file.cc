@@ -50,7 +50,7 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
   };
 
   TextItemReader reader("");
-  if (!TextItemReader::open(resolved, reader, nullptr)) return failed();
+  if (!TextItemReader::open(ports.fileSystem(), resolved, reader, nullptr)) return failed();
   state.table.assign(1, CalcChannel{});
 
   std::string item;

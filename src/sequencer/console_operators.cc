@@ -43,10 +43,10 @@ std::string MatchAnswer(const Question& question, std::string_view text) {
   return first + std::string(text.substr(bar));
 }
 
-std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& answers,
+std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std::optional<std::string>& answers,
                                               std::FILE* in, std::FILE* out, std::string* error) {
   if (answers) {
-    auto file = AnswersFile::load(*answers, error);
+    auto file = AnswersFile::load(files, *answers, error);
     if (!file) return nullptr;
     return std::make_unique<ScriptedOperator>(std::move(*file), out);
   }

@@ -3,6 +3,8 @@
 // to the error stream.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -55,7 +57,7 @@ class TerminalOperator : public Operator {
 // The operator of a headless run: answers from the file `answers` when one
 // is given, else questions at the terminal when `in` is one, else no
 // answers at all. nullptr with a message when the answers file cannot be read.
-std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& answers,
+std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std::optional<std::string>& answers,
                                               std::FILE* in, std::FILE* out, std::string* error);
 
 // The button of `question` that `text` names: the caption as written, in

@@ -13,9 +13,7 @@
 
 #include "sequencer/file_commands.h"
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
+#include <algorithm>
 #include <fnmatch.h>
 #include <memory>
 #include <set>
@@ -28,8 +26,6 @@
 namespace tavrix {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::string_view kRecorderStatusFile = "STATUS.HDW";
 constexpr std::string_view kRecorderCaptured = "CAPTURED";
@@ -44,52 +40,26 @@ std::string Local(Sequencer& seq, std::string_view written) {
   return seq.paths().toLocal(trim(written));
 }
 
-// Copies through a temporary file in the destination's folder, so that a
-// failed copy leaves no partial file.
-bool CopyWhole(const fs::path& from, const fs::path& to, std::string* error) {
-  std::string text;
-  if (!readTextFile(from.string(), text, error)) return false;
-  fs::path temp = to;
-  temp += ".tavrix-copy";
-  {
-    std::FILE* out = std::fopen(temp.c_str(), "wb");
-    if (!out) {
-      *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      return false;
-    }
-    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-    const bool closed = std::fclose(out) == 0;
-    if (!written || !closed) {
-      *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      std::remove(temp.c_str());
-      return false;
-    }
-  }
-  std::error_code ec;
-  fs::rename(temp, to, ec);
-  if (ec) {
-    *error = "cannot write " + to.string() + ": " + ec.message();
-    std::remove(temp.c_str());
-    return false;
-  }
-  return true;
-}
-
 void CopyFile(FileState&, Sequencer& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty() || trim(cmd.arg2).empty()) {
     seq.reportSequenceError("CopyFile - a source and a destination file are needed");
     return;
   }
-  const fs::path from = Local(seq, cmd.arg1);
-  fs::path to = Local(seq, cmd.arg2);
-  std::error_code ec;
-  if (fs::is_directory(to, ec)) to /= from.filename();
-  if (fs::is_directory(from, ec)) {
+  FileSystem& files = seq.files();
+  const std::string from = Local(seq, cmd.arg1);
+  std::string to = Local(seq, cmd.arg2);
+  if (files.isFolder(to)) to = join(to, baseName(from));
+  if (files.isFolder(from)) {
     seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
     return;
   }
+  // The copy goes through a temporary file in the destination's folder, so
+  // that a failed copy leaves no partial file.
+  std::string bytes;
   std::string error;
-  if (!CopyWhole(from, to, &error)) seq.reportSequenceError("CopyFile - " + error);
+  if (!files.readFile(from, bytes, &error) || !files.writeAtomically(to, bytes, &error)) {
+    seq.reportSequenceError("CopyFile - " + error);
+  }
 }
 
 void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
@@ -97,27 +67,32 @@ void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
     seq.reportSequenceError("FileDelete - no file given");
     return;
   }
-  const fs::path spec = Local(seq, cmd.arg1);
-  const std::string pattern = spec.filename().string();
-  std::vector<fs::path> victims;
-  std::error_code ec;
+  FileSystem& files = seq.files();
+  const std::string spec = Local(seq, cmd.arg1);
+  const std::string pattern = baseName(spec);
+  std::vector<std::string> victims;
   if (pattern.find_first_of("*?") == std::string::npos) {
-    if (fs::is_directory(spec, ec)) {
+    const FileKind kind = files.info(spec).kind;
+    if (kind == FileKind::kFolder) {
       seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
       return;
     }
-    if (fs::exists(fs::symlink_status(spec, ec))) victims.push_back(spec);
+    if (kind != FileKind::kMissing) victims.push_back(spec);
   } else {
-    const fs::path folder = spec.has_parent_path() ? spec.parent_path() : fs::path(".");
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-      if (!it->is_directory() && fnmatch(pattern.c_str(), it->path().filename().c_str(), 0) == 0) {
-        victims.push_back(it->path());
+    const std::string folder = parentFolder(spec);
+    std::vector<std::string> names;
+    if (files.list(folder, names, nullptr)) {
+      std::sort(names.begin(), names.end());
+      for (const auto& name : names) {
+        const std::string path = join(folder, name);
+        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0 && !files.isFolder(path)) victims.push_back(path);
       }
     }
   }
   for (const auto& victim : victims) {
-    if (!fs::remove(victim, ec) && ec) {
-      seq.reportSequenceError("FileDelete - cannot delete " + victim.string() + ": " + ec.message());
+    std::string error;
+    if (!files.remove(victim, &error)) {
+      seq.reportSequenceError("FileDelete - " + error);
       return;
     }
   }
@@ -134,7 +109,7 @@ void LogOnce(FileState& state, Sequencer& seq, const CommandLine& cmd) {
   if (!state.logged.insert({file, text}).second) return;
   const Micros now = seq.clock().now();
   std::string error;
-  if (!appendLines(file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
+  if (!appendLines(seq.files(), file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
                    &error)) {
     seq.reportSequenceError("LogOnce - " + error);
   }
@@ -149,7 +124,7 @@ void Wait580(FileState&, Sequencer& seq, const CommandLine& cmd) {
   PollUntil(seq, kRecorderPollInterval, [&] {
     std::string text;
     // A status file not (yet) there, or being rewritten, means not captured.
-    if (!readTextFile(status, text, nullptr)) return PollResult::kWaiting;
+    if (!readTextFile(seq.files(), status, text, nullptr)) return PollResult::kWaiting;
     return upperCase(text).find(kRecorderCaptured) != std::string::npos ? PollResult::kMet
                                                                          : PollResult::kWaiting;
   });

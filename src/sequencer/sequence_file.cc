@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
-#include <sys/stat.h>
 
 #include "common/text_conventions.h"
 
@@ -26,36 +23,30 @@ size_t CleanReadLine(std::string& line) {
   return removed;
 }
 
-bool SequenceFile::open(const std::string& path, std::string* error) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) {
-    if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(errno);
+bool SequenceFile::open(const FileSystem& files, const std::string& path, std::string* error) {
+  const FileInfo st = files.info(path);
+  if (st.kind == FileKind::kMissing) {
+    if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(ENOENT);
     open_ = false;
     return false;
   }
-  if (S_ISDIR(st.st_mode)) {
+  if (st.kind == FileKind::kFolder) {
     if (error) *error = "Cannot open sequence file " + path + ": it is a folder";
     open_ = false;
     return false;
   }
-  const int64_t mtime = static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
-  const bool same = path == path_ && mtime == mtimeNs_ && st.st_size == size_ &&
-                    st.st_dev == device_ && st.st_ino == inode_;
+  const int64_t mtime = st.modifiedNs;
+  const bool same = path == path_ && mtime == mtimeNs_ && static_cast<int64_t>(st.size) == size_ &&
+                    st.device == device_ && st.inode == inode_;
   if (!same) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-      if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(errno);
+    std::string text;
+    std::string reason;
+    if (!files.readFile(path, text, &reason)) {
+      const size_t why = reason.rfind("\": ");
+      if (error) *error = "Cannot open sequence file " + path + ": " + reason.substr(why == std::string::npos ? 0 : why + 3);
       open_ = false;
       return false;
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (in.bad()) {
-      if (error) *error = "Cannot read sequence file " + path;
-      open_ = false;
-      return false;
-    }
-    std::string text = std::move(content).str();
     const size_t nul = text.find('\0');
     if (nul != std::string::npos) {
       size_t line = 1;
@@ -70,9 +61,9 @@ bool SequenceFile::open(const std::string& path, std::string* error) {
     text_ = std::move(text);
     path_ = path;
     mtimeNs_ = mtime;
-    size_ = st.st_size;
-    device_ = st.st_dev;
-    inode_ = st.st_ino;
+    size_ = static_cast<int64_t>(st.size);
+    device_ = st.device;
+    inode_ = st.inode;
     indexed_ = false;
     lineStarts_.clear();
     upperLines_.clear();

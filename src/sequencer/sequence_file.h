@@ -4,6 +4,8 @@
 // opening, so a file edited between jumps behaves as if it were reopened.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -26,7 +28,7 @@ class SequenceFile {
   // Opens the file at its start. Reads it from disk if it is not held yet or
   // changed on disk since. On failure returns false with a message; a file
   // holding NUL bytes is no text and is refused.
-  bool open(const std::string& path, std::string* error);
+  bool open(const FileSystem& files, const std::string& path, std::string* error);
   void close();
   bool isOpen() const { return open_; }
   bool atEnd() const { return !open_ || pos_ >= text_.size(); }
@@ -62,9 +64,9 @@ class SequenceFile {
   int32_t positionCorrection_ = 0;
   // Identity of the text held: modification time and size on disk.
   int64_t mtimeNs_ = -1;
-  off_t size_ = -1;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  int64_t size_ = -1;
+  uint64_t device_ = 0;
+  uint64_t inode_ = 0;
   // Built on the first search: start offset of every line and its cleaned,
   // upper-cased text; searches already made are remembered.
   bool indexed_ = false;

@@ -31,10 +31,13 @@ const char* EndReasonName(EndReason reason) {
   return "none";
 }
 
-Sequencer::Sequencer(EventLoop& events, Operator& op, Trace& trace)
+Sequencer::Sequencer(EventLoop& events, Operator& op, Trace& trace, FileSystem& files,
+                     const PathMap& paths)
     : events_(events),
       operator_(op),
       trace_(trace),
+      files_(files),
+      paths_(paths),
       secondsTimer_(events, kSecondsTimerInterval, [this] { secondsTick(); }) {}
 
 Sequencer::~Sequencer() = default;
@@ -43,7 +46,7 @@ Sequencer::~Sequencer() = default;
 
 bool Sequencer::prepareFile(const std::string& path, std::string* error) {
   std::string name(trimRight(path));
-  if (!file_.open(name, error)) return false;
+  if (!file_.open(files_, name, error)) return false;
   file_.close();
   defines_.clear();
   for (auto& hook : prepareHooks_) hook();
@@ -91,7 +94,7 @@ bool Sequencer::searchLabel(std::string_view label) {
   lineNumber_ = 0;
   file_.close();
   std::string error;
-  if (!file_.open(fileName_, &error)) {
+  if (!file_.open(files_, fileName_, &error)) {
     reportSequenceError(error);
     return false;
   }
@@ -124,7 +127,7 @@ void Sequencer::runLoop() {
   flags_.quitRequested = false;
   fileName_ = preparedName_;
   std::string error;
-  const bool opened = file_.open(fileName_, &error);
+  const bool opened = file_.open(files_, fileName_, &error);
   flags_.running = true;
   flags_.endRequested = false;
   flags_.stopRequested = false;
@@ -382,7 +385,7 @@ void Sequencer::cancelTimeout() {
 
 bool Sequencer::continueInFile(const std::string& path, int16_t linesToSkip, std::string* error) {
   SequenceFile next;
-  if (!next.open(path, error)) return false;
+  if (!next.open(files_, path, error)) return false;
   std::string line;
   int16_t skipped = 0;
   while (skipped < linesToSkip && next.readLine(line)) ++skipped;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/event_loop.h"
+#include "common/file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
 #include "sequencer/dispatcher.h"
@@ -60,7 +61,9 @@ inline constexpr std::string_view kCaption = "Corvane TAVRIX (b) v 7.00 (CC 6.01
 
 class Sequencer {
  public:
-  Sequencer(EventLoop& events, Operator& op, Trace& trace);
+  // `files` is the door to every file the run reads and writes, `paths` the
+  // drive map through which paths written on Windows reach them.
+  Sequencer(EventLoop& events, Operator& op, Trace& trace, FileSystem& files, const PathMap& paths);
   ~Sequencer();
   Sequencer(const Sequencer&) = delete;
   Sequencer& operator=(const Sequencer&) = delete;
@@ -182,7 +185,8 @@ class Sequencer {
   bool continueInFile(const std::string& path, int16_t linesToSkip, std::string* error);
 
   // The drive map through which paths written on Windows reach local files.
-  PathMap& paths() { return paths_; }
+  const PathMap& paths() const { return paths_; }
+  FileSystem& files() { return files_; }
 
   // Reads the next line of a section that a handler reads itself (help
   // text, group ramps), counting it like any other line; false at the end of
@@ -242,13 +246,14 @@ class Sequencer {
   EventLoop& events_;
   Operator& operator_;
   Trace& trace_;
+  FileSystem& files_;
+  const PathMap& paths_;
   Dispatcher dispatcher_;
   RunFlags flags_;
   RunControls controls_;
   SequenceFile file_;
   std::string fileName_;
   std::string preparedName_;
-  PathMap paths_{defaultDataRoot()};
   int16_t lineNumber_ = 0;
   std::vector<DefineEntry> defines_;
   std::optional<Micros> deadline_;

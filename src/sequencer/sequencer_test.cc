@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
-#include <unistd.h>
 
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
@@ -18,20 +15,15 @@ constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:
 // operator; sequences are written to a temporary file.
 class RunEngineTest : public ::testing::Test {
  protected:
-  RunEngineTest() : clock_(kStart), events_(clock_), trace_(clock_), seq_(events_, op_, trace_) {
+  RunEngineTest() : clock_(kStart), events_(clock_), trace_(clock_), seq_(events_, op_, trace_, files_, paths_) {
     RegisterSequencerCommands(seq_);
-    char name[] = "/tmp/runengineXXXXXX";
-    const int fd = mkstemp(name);
-    close(fd);
-    path_ = name;
   }
-  ~RunEngineTest() override { std::remove(path_.c_str()); }
 
   // Writes the lines with CR LF ends and prepares the file.
   void Load(const std::vector<std::string>& lines) {
-    std::ofstream out(path_, std::ios::binary);
-    for (const auto& line : lines) out << line << "\r\n";
-    out.close();
+    std::string text;
+    for (const auto& line : lines) text += line + "\r\n";
+    files_.put(path_, text);
     std::string error;
     ASSERT_TRUE(seq_.prepareFile(path_, &error)) << error;
   }
@@ -58,8 +50,10 @@ class RunEngineTest : public ::testing::Test {
   EventLoop events_;
   RecordingOperator op_;
   Trace trace_;
+  MemoryFileSystem files_;
+  PathMap paths_{files_.dataRoot()};
   Sequencer seq_;
-  std::string path_;
+  std::string path_ = "/data/main.wts";
 };
 
 TEST_F(RunEngineTest, RunsToTheEndAndShowsTheStatus) {
@@ -276,7 +270,7 @@ TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
 }
 
 TEST_F(RunEngineTest, AutomaticStartPressesRunAtTheFirstSecondsTick) {
-  std::ofstream(path_, std::ios::binary) << "WAITSECONDS 5\r\n";
+  files_.put(path_, "WAITSECONDS 5\r\n");
   seq_.startUp("\"" + path_ + "\" /a");
   EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready"}));
   events_.waitUntil([&] { return seq_.endReason() != EndReason::kNone; });
@@ -284,7 +278,7 @@ TEST_F(RunEngineTest, AutomaticStartPressesRunAtTheFirstSecondsTick) {
   EXPECT_DOUBLE_EQ(Elapsed(), 6.0);
 
   RecordingOperator other;
-  Sequencer plain(events_, other, trace_);
+  Sequencer plain(events_, other, trace_, files_, paths_);
   plain.startUp(path_);
   EXPECT_EQ(plain.sequenceFileName(), path_);
   EXPECT_FALSE(plain.flags().autoStartPending);

@@ -1,6 +1,5 @@
 #include "testdb/test_database.h"
 
-#include <filesystem>
 #include <system_error>
 
 #include "common/text_conventions.h"
@@ -81,11 +80,9 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     definition_ = TestDefinition{};
     DefinitionReadOptions options;
     options.paths = &paths_;
+    options.files = &seq_.files();
     options.currentDirectory = currentDirectory;
-    if (options.currentDirectory.empty()) {
-      std::error_code ec;
-      options.currentDirectory = std::filesystem::current_path(ec).string();
-    }
+    if (options.currentDirectory.empty()) options.currentDirectory = seq_.files().currentFolder();
     options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
     if (ReadTestDefinitionFiles(detailsPath, options, definition_)) {
       loaded_ = true;
@@ -128,7 +125,7 @@ void TestDatabase::FinishUut() {
   std::string error;
   const Micros now = seq_.clock().now();
   std::vector<std::string> files;
-  if (!WriteTestResults(definition_.details, uut_, results, paths_, now, &error)) {
+  if (!WriteTestResults(seq_.files(), definition_.details, uut_, results, paths_, now, &error)) {
     seq_.reportSequenceError("Unable to write the results of UUT " + uut_.serialNumber + ": " +
                              error);
   } else if (results.writeResults) {

@@ -30,8 +30,8 @@ class TestDatabaseTest : public ::testing::Test {
       : clock_(kStart),
         events_(clock_),
         trace_(clock_),
-        seq_(events_, op_, trace_),
         paths_(folder_.path()),
+        seq_(events_, op_, trace_, folder_.files(), paths_),
         db_(seq_, paths_) {
     RegisterSequencerCommands(seq_);
     db_.registerCommands();
@@ -85,8 +85,8 @@ class TestDatabaseTest : public ::testing::Test {
   EventLoop events_;
   RecordingOperator op_;
   Trace trace_;
-  Sequencer seq_;
   PathMap paths_;
+  Sequencer seq_;
   TestDatabase db_;
   std::map<std::string, std::deque<std::string>> channels_;
   std::vector<std::string> reads_;
@@ -275,7 +275,7 @@ TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
                                              "DB_STAGECHECK 1", "FILES GONE", "GOTO NEXT"};
   seq_.dispatcher().addExtension([this](Sequencer&, const CommandLine& cmd) {
     if (cmd.word != "FILES") return false;
-    std::filesystem::remove(folder_.path() + "/stages.txt");
+    folder_.files().remove(folder_.path() + "/stages.txt", nullptr);
     return true;
   });
   EXPECT_EQ(Run(sequence), "");

@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <exception>
-#include <filesystem>
 
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
@@ -43,8 +42,7 @@ class ChannelCommands {
       dialog.defaultExtension = "ims";
       dialog.fileName = "*.ims";
       dialog.filter = kTextImsFilter;
-      std::error_code ec;
-      dialog.initialDirectory = std::filesystem::current_path(ec).string();
+      dialog.initialDirectory = seq_.files().currentFolder();
       const auto chosen = seq_.operatorPort().chooseFile(dialog);
       if (!chosen) return;
       file = *chosen;

@@ -101,22 +101,20 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
   return true;
 }
 
-bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& settings,
-                            std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+bool LoadInstrumentSettings(const FileSystem& files, const std::string& path,
+                            InstrumentSettings& settings, std::string& error) {
+  std::string text;
+  if (!files.readFile(path, text, nullptr)) {
     error = "cannot read the settings file " + path;
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseInstrumentSettings(text.str(), path, settings, error);
+  return ParseInstrumentSettings(text, path, settings, error);
 }
 
-std::string MapPath(std::string_view path, const InstrumentSettings& settings) {
-  PathMap map(defaultDataRoot());
+PathMap MakePathMap(std::string dataRoot, const InstrumentSettings& settings) {
+  PathMap map(std::move(dataRoot));
   for (const auto& [drive, folder] : settings.driveMap) map.setDrive(drive, folder);
-  return map.toLocal(path);
+  return map;
 }
 
 }  // namespace tavrix

@@ -230,15 +230,14 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
   return true;
 }
 
-bool LoadRigSetupFile(const std::string& path, RigSetup& setup, std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup& setup,
+                      std::string& error) {
+  std::string text;
+  if (!files.readFile(path, text, nullptr)) {
     error = "cannot read the setup file " + path;
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseRigSetup(text.str(), path, setup, error);
+  return ParseRigSetup(text, path, setup, error);
 }
 
 // --- RigModel ----------------------------------------------------------------
@@ -498,8 +497,8 @@ int32_t RigModel::requestMonitor(std::string_view setupName, int device, int16_t
 
 // --- SimLink -----------------------------------------------------------------
 
-SimLink::SimLink(const Clock& clock, std::string dirPath)
-    : clock_(clock), dirPath_(std::move(dirPath)) {}
+SimLink::SimLink(const Clock& clock, std::string dirPath, const FileSystem& files)
+    : clock_(clock), files_(files), dirPath_(std::move(dirPath)) {}
 
 int32_t SimLink::openInterface(int16_t& handle) {
   open_ = true;
@@ -549,9 +548,8 @@ int32_t SimLink::setupLibVersion(std::string& text) {
 
 int32_t SimLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
   RigSetup setup;
-  if (!LoadRigSetupFile(path, setup, load.message)) {
-    std::ifstream probe(path);
-    return probe ? link_result::kSetupFileBadLine : link_result::kSetupFileUnreadable;
+  if (!LoadRigSetupFile(files_, path, setup, load.message)) {
+    return files_.isFile(path) ? link_result::kSetupFileBadLine : link_result::kSetupFileUnreadable;
   }
   load.setupName = setup.name;
   load.summary = setup.summary;

@@ -200,7 +200,7 @@ int RunRigServer(const std::string& listen, const std::string& setupFile, std::F
   RigSetup setup;
   std::string error;
   if (!setupFile.empty()) {
-    if (!LoadRigSetupFile(setupFile, setup, error)) {
+    if (!LoadRigSetupFile(localFiles(), setupFile, setup, error)) {
       std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
       return 2;
     }

@@ -27,8 +27,8 @@ int64_t steadyMs() {
 
 }  // namespace
 
-TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port)
-    : clock_(clock), host_(std::move(host)), port_(port) {}
+TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files)
+    : clock_(clock), files_(files), host_(std::move(host)), port_(port) {}
 
 TcpLink::~TcpLink() { disconnect(); }
 
@@ -214,15 +214,13 @@ int32_t TcpLink::setupLibVersion(std::string& text) {
 }
 
 int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  std::string text;
+  if (!files_.readFile(path, text, nullptr)) {
     load.message = "cannot read the setup file " + path;
     return link_result::kSetupFileUnreadable;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
   RigResponse r;
-  const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text.str());
+  const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text);
   if (const int32_t failed =
           exchange(body, r, std::max(responseWaitMs, 2000), link_result::kSetupBusy))
     return failed;

@@ -5,6 +5,8 @@
 // apply; a connection that closes gives 31 (link lost) at once.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -18,7 +20,8 @@ namespace tavrix {
 
 class TcpLink final : public LinkLibrary {
  public:
-  TcpLink(const Clock& clock, std::string host, uint16_t port);
+  TcpLink(const Clock& clock, std::string host, uint16_t port,
+          const FileSystem& files = localFiles());
   ~TcpLink() override;
 
   // Real milliseconds to wait for one response before answering 17.
@@ -52,6 +55,7 @@ class TcpLink final : public LinkLibrary {
   std::string timeText() const;
 
   const Clock& clock_;
+  const FileSystem& files_;
   std::string host_;
   uint16_t port_;
   int fd_ = -1;
