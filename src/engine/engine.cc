@@ -26,7 +26,7 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
       sequencer_(events_, op, trace_),
       paths_(defaultDataRoot()),
       testDatabase_(sequencer_, paths_) {
-  RegisterSequencerCommands(sequencer_);
+  RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
@@ -38,6 +38,11 @@ Engine::~Engine() = default;
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
+  if (instrument_) {
+    // Its commands are bound to the instrument already attached.
+    if (error) *error = "an instrument link is attached already";
+    return false;
+  }
   std::unique_ptr<LinkLibrary> backend;
   if (linkFactory_) {
     backend = linkFactory_(linkSpec, events_.clock(), settings, error);
@@ -50,6 +55,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   instrument_ =
       std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend));
   RegisterInstrumentCommands(sequencer_, *instrument_);
+  loopCountOutput_.attach(instrument_.get());
   RegisterOutputCommands(sequencer_, *instrument_);
   calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;

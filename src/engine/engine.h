@@ -11,6 +11,7 @@
 #include "common/event_loop.h"
 #include "common/paths.h"
 #include "common/trace.h"
+#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
@@ -82,6 +83,8 @@ class Engine {
   TestDatabase testDatabase_;
   InstrumentChannels channelAccess_{*this};
   std::unique_ptr<Instrument> instrument_;
+  // INCREMENTLOOPCOUNT writes to the instrument's channels once one is attached.
+  InstrumentLoopCountOutput loopCountOutput_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
 };

@@ -120,13 +120,13 @@ TEST_F(RunEngineTest, CountedLoopsRunTheirBodyTheGivenNumberOfTimes) {
   };
   EXPECT_EQ(Run(loop("3")), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 3.0);
-  EXPECT_EQ(seq_.loopCount, 4);
+  EXPECT_EQ(seq_.loopCount(), 4);
   EXPECT_EQ(Run(loop("0")), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 3.0);
   EXPECT_EQ(Run({"RESETLOOPCOUNT 2.6", "INCREMENTLOOPCOUNT"}), "");
-  EXPECT_EQ(seq_.loopCount, 4);
+  EXPECT_EQ(seq_.loopCount(), 4);
   EXPECT_EQ(Run({"RESETLOOPCOUNT 2.5"}), "");
-  EXPECT_EQ(seq_.loopCount, 2);  // halves round to even
+  EXPECT_EQ(seq_.loopCount(), 2);  // halves round to even
   EXPECT_EQ(Run({"RESETLOOPCOUNT 1e12"}),
             "Invalid parameter - 1e12 - for a ResetLoopCount statement");
 }
@@ -261,14 +261,16 @@ TEST_F(RunEngineTest, SingleSteppingHoldsEachLineUntilStepOrSkip) {
 
 TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
   Load({"WAITSECONDS 1000", "WAITSECONDS 1000", "HANDLER:", "WAITSECONDS 5"});
-  seq_.jumpTarget = "handler";
+  seq_.setJumpTarget("handler", false);
   bool fired = false;
-  seq_.onExamineDefines = [&fired](Sequencer& s) {
-    if (!fired && s.clock().now() - kStart >= 3 * kMicrosPerSecond) {
-      fired = true;
-      s.flags().timeoutPending = true;
-    }
-  };
+  seq_.setDefineActions(
+      [&fired](Sequencer& s) {
+        if (!fired && s.clock().now() - kStart >= 3 * kMicrosPerSecond) {
+          fired = true;
+          s.makeTimeoutPending();
+        }
+      },
+      {});
   seq_.pressRun();
   EXPECT_EQ(seq_.lastSequenceError(), "");
   // The first wait ends at its first turn after 3 s; the label's line runs.

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
@@ -50,7 +51,14 @@ class CommandTest : public ::testing::Test {
  protected:
   CommandTest()
       : clock_(kTestStart), events_(clock_), trace_(clock_), companion_(&trace_), seq_(events_, op_, trace_) {
-    RegisterSequencerCommands(seq_);
+    // WAITRANDOM draws from a seeded generator, or from `draws_` while it
+    // holds values.
+    RegisterSequencerCommands(seq_, [this] {
+      if (draws_.empty()) return std::uniform_real_distribution<double>(0, 1)(random_);
+      const double draw = draws_.front();
+      draws_.erase(draws_.begin());
+      return draw;
+    });
     RegisterCompanionCommands(seq_, companion_);
     RegisterOperatorEntryCommands(seq_, &channels_);
     char name[] = "/tmp/tavrixcmdXXXXXX";
@@ -94,6 +102,8 @@ class CommandTest : public ::testing::Test {
   Trace trace_;
   RecordingCompanion companion_;
   TableChannels channels_;
+  std::mt19937_64 random_{20260101};
+  std::vector<double> draws_;
   Sequencer seq_;
   std::string dir_;
 };

@@ -235,10 +235,9 @@ TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
   // The files may go away once the run has loaded them.
   const std::vector<std::string> sequence = {"NEXT:", "DB_DATAENTRY c:\\details.txt",
                                              "DB_STAGECHECK 1", "FILES GONE", "GOTO NEXT"};
-  seq_.dispatcher().addExtension([this](Sequencer&, const CommandLine& cmd) {
-    if (cmd.word != "FILES") return false;
+  const Keyword<CommandLine> filesGone{"FILES", "", AsWritten};
+  seq_.dispatcher().bind(filesGone, [this](Sequencer&, const CommandLine&) {
     std::filesystem::remove(folder_.path() + "/stages.txt");
-    return true;
   });
   EXPECT_EQ(Run(sequence), "");
   // Cancel without a label ends the run as STOP does.

@@ -52,13 +52,14 @@ class ChannelCommandsTest : public ::testing::Test {
         seq_(events_, op_, trace_),
         sim_(clock_),
         recorder_(new RecordingLink(sim_)) {
-    RegisterSequencerCommands(seq_);
+    RegisterSequencerCommands(seq_, {}, &loopCount_);
     InstrumentSettings settings;
     settings.replyTimeoutSecs = 5;
     settings.checkChannel = "TEMP2";
     instrument_ = std::make_unique<Instrument>(events_, trace_, settings,
                                                std::unique_ptr<LinkLibrary>(recorder_));
     RegisterInstrumentCommands(seq_, *instrument_);
+    loopCount_.attach(instrument_.get());
     rig_ = TempPath("rig");
     std::ofstream(rig_, std::ios::binary) << kRig;
     path_ = TempPath("seq");
@@ -96,6 +97,7 @@ class ChannelCommandsTest : public ::testing::Test {
   SimLink sim_;
   RecordingLink* recorder_;  // owned by the instrument
   std::unique_ptr<Instrument> instrument_;
+  InstrumentLoopCountOutput loopCount_;
   std::string rig_;
   std::string path_;
   Micros runStart_ = 0;
@@ -146,7 +148,7 @@ TEST_F(ChannelCommandsTest, WaitGoesOnThroughErrReadingsAndEndsOnStopOrTimeout) 
                                             "TEMP2, 2\r\n";
   std::string error;
   ASSERT_TRUE(seq_.prepareFile(path_, &error));
-  seq_.jumpTarget = "LATE";
+  seq_.setJumpTarget("LATE", false);
   seq_.setTimeoutDeadline(clock_.now() + 10 * kMicrosPerSecond);
   seq_.pressRun();
   EXPECT_EQ(seq_.lastSequenceError(), "");
@@ -173,12 +175,12 @@ TEST_F(ChannelCommandsTest, CheckJumpsUnlessTheConditionHolds) {
 }
 
 TEST_F(ChannelCommandsTest, ChannelCommandsReachTheDevices) {
-  seq_.loopCount = 0;
+  seq_.setLoopCount(0);
   EXPECT_EQ(Run({"INCREMENTLOOPCOUNT", "INCREMENTLOOPCOUNT COUNTER", "IMLDEF TEMP2, O=1.5",
                  "IMLESC SMC1, RESET", "SENDSMC SMC1, P123", "SENDSMC SMC1, Q99",
                  "MONITOR 1, TMON, FOLLOW=TEMP2", "REZERO TEMP2", "KILLMONITOR TMON", "CHECKIMS"}),
             "");
-  EXPECT_EQ(seq_.loopCount, 2);
+  EXPECT_EQ(seq_.loopCount(), 2);
   EXPECT_EQ(recorder_->sent, (std::vector<std::string>{"1: WRI COUNTER 2",
                                                        "1: REP",
                                                        "1: DEF TEMP2 O=1.5",

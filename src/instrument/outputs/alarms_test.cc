@@ -120,7 +120,7 @@ TEST(WaitAlarm, EndsOnStopAndOnTheSequenceTimeOut) {
   {
     // The time-out's action: the line after its label runs next.
     OutputRun run;
-    run.seq().jumpTarget = "LATE";
+    run.seq().setJumpTarget("LATE", false);
     run.seq().setTimeoutDeadline(run.clock().now() + 5'000'000);
     EXPECT_EQ(run.run({"WAITALARM LEAK", "SEND OUT1, 1", "STOP", "LATE:", "SEND OUT2, 2"}), "");
     EXPECT_TRUE(run.writes("OUT1").empty());
