@@ -140,17 +140,29 @@ void OnTimeout(DefineState& state, Sequencer& seq, const TimeoutCommand& cmd) {
   seq.setTimeoutDeadline(seq.clock().now() + static_cast<Micros>(std::ceil(value * kMicrosPerSecond)));
 }
 
-void ExamineDefines(DefineState& state, Sequencer& seq) {
-  if (!state.armed || !seq.timeoutExpired() || seq.flags().timeoutPending) return;
+// The time-out has fired: it is spent (disarmed, its expired flag cleared,
+// the seconds timer off) and its target becomes the jump target, a define
+// when one of that name exists now. False when none was armed.
+bool SpendTimeout(DefineState& state, Sequencer& seq) {
+  if (!state.armed) return false;
   state.armed = false;
   seq.cancelTimeout();
   seq.setJumpTarget(state.target, FindDefine(seq, state.target) != nullptr);
-  seq.makeTimeoutPending();
   if (seq.trace().enabled()) {
     seq.trace()
         .event("timeout")
         .field("target", state.target)
         .field("define", seq.jumpTargetIsDefine());
+  }
+  return true;
+}
+
+void ExamineDefines(DefineState& state, Sequencer& seq) {
+  if (!seq.timeoutExpired() || seq.flags().timeoutPending) return;
+  if (SpendTimeout(state, seq)) {
+    seq.makeTimeoutPending();
+  } else {
+    seq.cancelTimeout();  // an expired flag with nothing armed behind it
   }
 }
 
@@ -168,13 +180,14 @@ void RegisterDefineCommands(Sequencer& seq) {
   d.bind(kExecuteDefine,
          [state](Sequencer& s, const DefineCommand& c) { ExecuteDefine(*state, s, c); });
   d.bind(kOnTimeout, [state](Sequencer& s, const TimeoutCommand& c) { OnTimeout(*state, s, c); });
-  seq.setDefineActions(
-      [state](Sequencer& s) { ExamineDefines(*state, s); },
-      [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); });
-  auto disarm = [state] {
+  seq.setDefineActions([state](Sequencer& s) { ExamineDefines(*state, s); },
+                       [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); },
+                       [state](Sequencer& s) { return SpendTimeout(*state, s); });
+  auto disarm = [state, &seq] {
     state->armed = false;
     state->target.clear();
     state->depth = 0;
+    seq.cancelTimeout();
   };
   seq.addPrepareHook(disarm);
   seq.addStopHook(disarm);

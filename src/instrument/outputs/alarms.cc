@@ -53,8 +53,7 @@ void WaitForAlarms(Sequencer& seq, Instrument& instrument, AlarmWait kind, std::
     if (seq.timeoutExpired()) {
       // The sequence time-out ran out: its action, as a WAIT takes it.
       seq.processPendingEvents();
-      seq.searchLabel(seq.jumpTarget());
-      return;
+      if (seq.takeTimeoutActionNow()) return;
     }
     const std::string active = GetActiveAlarms(instrument);
     if (kind == AlarmWait::kNamed ? AlarmListContains(active, name) : active.empty()) return;
