@@ -270,7 +270,7 @@ TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
           s.makeTimeoutPending();
         }
       },
-      {});
+      {}, {});
   seq_.pressRun();
   EXPECT_EQ(seq_.lastSequenceError(), "");
   // The first wait ends at its first turn after 3 s; the label's line runs.
