@@ -97,5 +97,14 @@ TEST_F(ClockWaitsTest, WaitRandomDrawsItsLengthEvenlyBetweenItsBounds) {
   EXPECT_EQ(Run({"WAITRANDOM -1, 2"}), "Invalid parameter - -1, 2 - for a WaitRandom statement");
 }
 
+TEST_F(ClockWaitsTest, StopEndsTheClockWaitsAtOnce) {
+  Timer stopper(events_, 5 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  stopper.setEnabled(true);
+  EXPECT_EQ(Run({"WAITDATETIME 01-02-2026", "WAITRANDOM 3, 3"}), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 5.0);
+  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
+  EXPECT_EQ(op_.statuses.back(), "Stopped");
+}
+
 }  // namespace
 }  // namespace tavrix
