@@ -65,6 +65,13 @@ class TestDatabase {
   // next run loads the definition again.
   void EndRun();
 
+  // Told of each finished UUT, once its results are written: the record and
+  // the results files written for it (local paths; none when results are off
+  // or could not be written).
+  using UutFinishedHook =
+      std::function<void(const UutRecord& uut, const std::vector<std::string>& files)>;
+  void addUutFinishedHook(UutFinishedHook hook) { finishedHooks_.push_back(std::move(hook)); }
+
   // --- State -----------------------------------------------------------------
   bool loaded() const { return loaded_; }
   bool uutOpen() const { return uutOpen_; }
@@ -119,6 +126,7 @@ class TestDatabase {
   bool repeat_ = false;
   int lastAlert_ = 0;
   std::string collected_;  // the step's failure texts, one a line
+  std::vector<UutFinishedHook> finishedHooks_;
   bool repeatWanted_ = false;  // a Fail and Repeat in the step's rows
 };
 
