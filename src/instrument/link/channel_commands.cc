@@ -56,7 +56,7 @@ class ChannelCommands {
   // A command that failed because Stop gave up its exchange ends quietly:
   // the run is ending already.
   void fail() {
-    if (!seq_.flags().stopRequested) seq_.reportSequenceError(ins_.link().lastErrorText);
+    if (!seq_.stopRequested()) seq_.reportSequenceError(ins_.link().lastErrorText);
   }
   Channels& ch() { return ins_.channels(); }
 
