@@ -22,6 +22,11 @@ struct InstrumentSettings {
   std::map<char, std::string> driveMap;
   Micros replyPollInterval = 10'000;  // between polls of a command or reply not ready
   Micros waitPollInterval = 100'000;  // between readings of WAIT on a condition
+  // Where UUT records go besides the results files (docs/results-database.md):
+  // empty for the database file in the data root, "off", "sqlite:FILE" or a
+  // server's connection string. And this station's name in them.
+  std::string resultsStore;
+  std::string station;
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.
