@@ -28,7 +28,7 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileS
       companion_(&trace_),
       sequencer_(events_, op, trace_, files_, paths_),
       testDatabase_(sequencer_, paths_) {
-  RegisterSequencerCommands(sequencer_);
+  RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
@@ -40,6 +40,11 @@ Engine::~Engine() = default;
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
+  if (instrument_) {
+    // Its commands are bound to the instrument already attached.
+    if (error) *error = "an instrument link is attached already";
+    return false;
+  }
   std::unique_ptr<LinkLibrary> backend;
   if (linkFactory_) {
     backend = linkFactory_(linkSpec, events_.clock(), settings, files_, error);
@@ -54,6 +59,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend),
                                              paths_);
   RegisterInstrumentCommands(sequencer_, *instrument_);
+  loopCountOutput_.attach(instrument_.get());
   RegisterOutputCommands(sequencer_, *instrument_);
   calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;

@@ -13,6 +13,7 @@
 #include "common/watched_file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
+#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
@@ -93,6 +94,8 @@ class Engine {
   TestDatabase testDatabase_;
   InstrumentChannels channelAccess_{*this};
   std::unique_ptr<Instrument> instrument_;
+  // INCREMENTLOOPCOUNT writes to the instrument's channels once one is attached.
+  InstrumentLoopCountOutput loopCountOutput_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
 };

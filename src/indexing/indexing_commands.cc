@@ -107,18 +107,27 @@ void IndexSave580(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd)
   }
 }
 
+constexpr std::string_view kFamily = "src/indexing/indexing_commands.cc";
+const Keyword<CommandLine> kIndexInit{"INDEXINIT", kFamily, AsWritten};
+const Keyword<CommandLine> kIndexLoggerFile{"INDEXLOGGERFILE", kFamily, AsWritten};
+const Keyword<CommandLine> kIndexSave580{"INDEXSAVE580", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> IndexingKeywords() {
+  return {Entry(kIndexInit), Entry(kIndexLoggerFile), Entry(kIndexSave580)};
+}
 
 void RegisterIndexingCommands(Sequencer& seq, Companion& companion) {
   auto table = std::make_shared<IndexFileTable>(seq.files(), seq.paths());
   Companion* port = &companion;
   auto& d = seq.dispatcher();
-  d.registerHandler("INDEXINIT", [table](Sequencer& s, const CommandLine& c) { IndexInit(*table, s, c); });
-  d.registerHandler("INDEXLOGGERFILE", [table, port](Sequencer& s, const CommandLine& c) {
+  d.bind(kIndexInit, [table](Sequencer& s, const CommandLine& c) { IndexInit(*table, s, c); });
+  d.bind(kIndexLoggerFile, [table, port](Sequencer& s, const CommandLine& c) {
     IndexLoggerFile(*table, *port, s, c);
   });
-  d.registerHandler("INDEXSAVE580",
-                    [table](Sequencer& s, const CommandLine& c) { IndexSave580(*table, s, c); });
+  d.bind(kIndexSave580,
+         [table](Sequencer& s, const CommandLine& c) { IndexSave580(*table, s, c); });
   seq.addPrepareHook([table] { table->clear(); });
   seq.addStopHook([table] { table->clear(); });
 }

@@ -130,7 +130,17 @@ void Wait580(FileState&, Sequencer& seq, const CommandLine& cmd) {
   });
 }
 
+constexpr std::string_view kFamily = "src/sequencer/file_commands.cc";
+const Keyword<CommandLine> kCopyFile{"COPYFILE", kFamily, AsWritten};
+const Keyword<CommandLine> kFileDelete{"FILEDELETE", kFamily, AsWritten};
+const Keyword<CommandLine> kLogOnce{"LOGONCE", kFamily, AsWritten};
+const Keyword<CommandLine> kWait580{"WAIT580", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> FileCommandKeywords() {
+  return {Entry(kCopyFile), Entry(kFileDelete), Entry(kLogOnce), Entry(kWait580)};
+}
 
 void RegisterFileCommands(Sequencer& seq) {
   auto state = std::make_shared<FileState>();
@@ -138,10 +148,10 @@ void RegisterFileCommands(Sequencer& seq) {
     return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
   };
   auto& d = seq.dispatcher();
-  d.registerHandler("COPYFILE", bind(CopyFile));
-  d.registerHandler("FILEDELETE", bind(FileDelete));
-  d.registerHandler("LOGONCE", bind(LogOnce));
-  d.registerHandler("WAIT580", bind(Wait580));
+  d.bind(kCopyFile, bind(CopyFile));
+  d.bind(kFileDelete, bind(FileDelete));
+  d.bind(kLogOnce, bind(LogOnce));
+  d.bind(kWait580, bind(Wait580));
   seq.addPrepareHook([state] { state->logged.clear(); });
   seq.addStopHook([state] { state->logged.clear(); });
 }

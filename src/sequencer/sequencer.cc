@@ -139,7 +139,7 @@ void Sequencer::runLoop() {
   bool fromCheck = false;  // the last command came from a between-lines check
   while (!file_.atEnd() && !flags_.stopRequested && !flags_.endRequested) {
     if (flags_.jumpPending) {
-      searchLabel(jumpTarget);
+      searchLabel(jumpTarget_);
       flags_.jumpPending = false;
     }
     if (flags_.timeoutPending) {
@@ -172,15 +172,15 @@ void Sequencer::runLoop() {
 }
 
 void Sequencer::runTimeoutTarget() {
-  if (jumpTargetIsDefine && onExecuteDefine) {
-    onExecuteDefine(*this, jumpTarget);
+  if (jumpTargetIsDefine_ && onExecuteDefine_) {
+    onExecuteDefine_(*this, jumpTarget_);
   } else {
-    searchLabel(jumpTarget);
+    searchLabel(jumpTarget_);
   }
 }
 
 bool Sequencer::takeTimeoutActionNow() {
-  const bool armed = onTimeoutFired && onTimeoutFired(*this);
+  const bool armed = onTimeoutFired_ && onTimeoutFired_(*this);
   if (!armed) {
     cancelTimeout();
     return false;
@@ -411,15 +411,30 @@ void Sequencer::reportSequenceError(std::string_view text) {
   if (trace_.enabled()) {
     auto event = trace_.event("message");
     event.field("title", kErrorTitle).field("text", message);
-    if (errorDisplayOff) event.field("shown", false);
+    if (errorDisplayOff_) event.field("shown", false);
   }
-  if (!errorDisplayOff) operator_.showMessage(kErrorTitle, message);
+  if (!errorDisplayOff_) operator_.showMessage(kErrorTitle, message);
   requestEnd(EndReason::kError);
 }
 
 void Sequencer::showMessage(std::string_view text) {
   if (trace_.enabled()) trace_.event("message").field("title", kErrorTitle).field("text", text);
   operator_.showMessage(kErrorTitle, text);
+}
+
+bool Sequencer::waitEnds(WaitRule rule) const {
+  if (flags_.jumpPending || flags_.timeoutPending) return true;
+  switch (rule) {
+    case WaitRule::kJumpOrTimeout:
+      return false;
+    case WaitRule::kInterrupted:
+      return flags_.stopRequested;
+    case WaitRule::kRunEnding:
+      return flags_.stopRequested || flags_.endRequested;
+    case WaitRule::kPollSleep:
+      return flags_.stopRequested || flags_.timeoutExpired;
+  }
+  return false;
 }
 
 bool Sequencer::waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn) {
@@ -479,7 +494,7 @@ Answer Sequencer::ask(const Question& question, const std::function<bool()>& clo
 }
 
 void Sequencer::examineDefineTable() {
-  if (onExamineDefines) onExamineDefines(*this);
+  if (onExamineDefines_) onExamineDefines_(*this);
 }
 
 void Sequencer::addDefine(DefineEntry entry) {

@@ -42,6 +42,24 @@ struct RunFlags {
 // How the last run ended. kUnload: a command closed the main window, which
 // ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
 enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
+
+// When a wait ends early, in the variants that waits really differ by. Every
+// variant ends on a pending jump or a pending time-out action.
+enum class WaitRule {
+  // Only then: WAITSECONDS, whose delay timer the Stop button switches off,
+  // and the top of a channel poll.
+  kJumpOrTimeout,
+  // Also on Stop: the timed waits (WAITRANDOM, WAITTIMEOFDAY, WAITDATETIME,
+  // MANUALADJUST between questions).
+  kInterrupted,
+  // Also when the run ends after the current line: outputs in progress,
+  // file and streamer polls, and the alarm waits.
+  kRunEnding,
+  // Also once the sequence time-out has run out: the sleep between two
+  // readings of a channel or alarm poll, which then takes the time-out's
+  // action itself.
+  kPollSleep,
+};
 // "eof", "stop", "error" (also for kUnload: it ends the program after a
 // message, as an error does), "abort".
 const char* EndReasonName(EndReason reason);
@@ -73,8 +91,25 @@ class Sequencer {
   Operator& operatorPort() { return operator_; }
   Trace& trace() { return trace_; }
   Dispatcher& dispatcher() { return dispatcher_; }
-  RunFlags& flags() { return flags_; }
+  // The run's flags, to look at; they change only through the operations
+  // below and the buttons.
   const RunFlags& flags() const { return flags_; }
+
+  // --- The run state as handlers see it ------------------------------------
+  // Whether a wait of the given kind ends now.
+  bool waitEnds(WaitRule rule) const;
+  bool stopRequested() const { return flags_.stopRequested; }
+  // The run ends after the current line (STOP, a sequence error).
+  bool endRequested() const { return flags_.endRequested; }
+  // The sequence time-out has run out and its action is not yet pending.
+  bool timeoutExpired() const { return flags_.timeoutExpired; }
+  // Makes the time-out's action pending: the run loop takes it before it
+  // reads the next line, and the waits end.
+  void makeTimeoutPending() { flags_.timeoutPending = true; }
+  // NONSTOP: closing the window asks first for the rest of the run.
+  void setMustNotBeStopped() { flags_.mustNotBeStopped = true; }
+  // ENDTAVRIX: the program closes after the run.
+  void requestQuit() { flags_.quitRequested = true; }
 
   // --- The sequence file ---------------------------------------------------
   // Prepares a file for running: resets what a new file resets, shows its
@@ -104,9 +139,10 @@ class Sequencer {
   void reportSequenceError(std::string_view text);
   // A message box with an OK button, after which work goes on.
   void showMessage(std::string_view text);
-  // The error display switch (SHOWERROROFF sets it): sequence error reports
-  // are then recorded but not shown in a box; they still end the run.
-  bool errorDisplayOff = false;
+  // The error display switch (SHOWERROROFF turns it off): sequence error
+  // reports are then recorded but not shown in a box; they still end the run.
+  void setErrorDisplay(bool shown) { errorDisplayOff_ = !shown; }
+  bool errorDisplayOff() const { return errorDisplayOff_; }
 
   // Searches the label as GOTO does. Reports "Label X: does not exist" and
   // returns false when there is none.
@@ -130,12 +166,17 @@ class Sequencer {
   void examineDefineTable();
   // What a define entry does when examined, and how the timeout action runs
   // a define; set by the subsystem that owns the define commands.
-  std::function<void(Sequencer&)> onExamineDefines;
-  std::function<void(Sequencer&, const std::string& target)> onExecuteDefine;
+  using ExamineDefines = std::function<void(Sequencer&)>;
+  using ExecuteDefine = std::function<void(Sequencer&, const std::string& target)>;
   // Spends the sequence time-out that has fired (disarms it, clears timeout
-  // expired) and sets the jump target to its label or define; set by the
-  // subsystem that owns ONTIMEOUT. False when no time-out was armed.
-  std::function<bool(Sequencer&)> onTimeoutFired;
+  // expired) and sets the jump target to its label or define. False when no
+  // time-out was armed.
+  using SpendTimeout = std::function<bool(Sequencer&)>;
+  void setDefineActions(ExamineDefines examine, ExecuteDefine execute, SpendTimeout spendTimeout) {
+    onExamineDefines_ = std::move(examine);
+    onExecuteDefine_ = std::move(execute);
+    onTimeoutFired_ = std::move(spendTimeout);
+  }
 
   // The time-out action taken at once, as WAIT and the alarm waits do when
   // they find the time-out expired: the time-out is spent, then its define
@@ -146,9 +187,14 @@ class Sequencer {
   std::vector<DefineEntry>& defineTable() { return defines_; }
   void addDefine(DefineEntry entry);
 
-  // The jump and timeout target shared by jumps and timeout actions.
-  std::string jumpTarget;
-  bool jumpTargetIsDefine = false;
+  // The jump and timeout target shared by jumps and timeout actions: a
+  // define's name or a label.
+  void setJumpTarget(std::string target, bool isDefine) {
+    jumpTarget_ = std::move(target);
+    jumpTargetIsDefine_ = isDefine;
+  }
+  const std::string& jumpTarget() const { return jumpTarget_; }
+  bool jumpTargetIsDefine() const { return jumpTargetIsDefine_; }
 
   // The sequence time-out: the seconds timer counts down to the deadline.
   void setTimeoutDeadline(Micros deadline);
@@ -160,7 +206,8 @@ class Sequencer {
   void setSecondsTimerEnabled(bool enabled) { secondsTimer_.setEnabled(enabled); }
 
   // The loop count of LOOPCHECK and friends (one for the whole run).
-  int32_t loopCount = 0;
+  int32_t loopCount() const { return loopCount_; }
+  void setLoopCount(int32_t count) { loopCount_ = count; }
 
   // Called whenever a sequence file is prepared, so subsystems reset their
   // per-file state.
@@ -267,6 +314,13 @@ class Sequencer {
   std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;
   std::string lastError_;
+  bool errorDisplayOff_ = false;
+  ExamineDefines onExamineDefines_;
+  ExecuteDefine onExecuteDefine_;
+  SpendTimeout onTimeoutFired_;
+  std::string jumpTarget_;
+  bool jumpTargetIsDefine_ = false;
+  int32_t loopCount_ = 0;
 };
 
 }  // namespace tavrix

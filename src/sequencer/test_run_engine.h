@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 
 #include "common/file_system.h"
 #include "common/text_file.h"
@@ -53,7 +54,14 @@ class CommandTest : public ::testing::Test {
         trace_(clock_),
         companion_(&trace_),
         seq_(events_, op_, trace_, files_, paths_) {
-    RegisterSequencerCommands(seq_);
+    // WAITRANDOM draws from a seeded generator, or from `draws_` while it
+    // holds values.
+    RegisterSequencerCommands(seq_, [this] {
+      if (draws_.empty()) return std::uniform_real_distribution<double>(0, 1)(random_);
+      const double draw = draws_.front();
+      draws_.erase(draws_.begin());
+      return draw;
+    });
     RegisterCompanionCommands(seq_, companion_);
     RegisterOperatorEntryCommands(seq_, &channels_);
     paths_.setDrive('c', dir_ + "/c");
@@ -97,6 +105,8 @@ class CommandTest : public ::testing::Test {
   std::string dir_ = scratch_.path();
   LocalFileSystem files_{dir_};
   PathMap paths_{dir_};
+  std::mt19937_64 random_{20260101};
+  std::vector<double> draws_;
   Sequencer seq_;
 };
 

@@ -43,13 +43,14 @@ class ChannelCommandsTest : public ::testing::Test {
         seq_(events_, op_, trace_, files_, paths_),
         sim_(clock_, "", files_),
         recorder_(new RecordingLink(sim_)) {
-    RegisterSequencerCommands(seq_);
+    RegisterSequencerCommands(seq_, {}, &loopCount_);
     InstrumentSettings settings;
     settings.replyTimeoutSecs = 5;
     settings.checkChannel = "TEMP2";
     instrument_ = std::make_unique<Instrument>(events_, trace_, settings,
                                                std::unique_ptr<LinkLibrary>(recorder_), paths_);
     RegisterInstrumentCommands(seq_, *instrument_);
+    loopCount_.attach(instrument_.get());
     files_.put(rig_, std::string(kRig));
   }
 
@@ -84,6 +85,7 @@ class ChannelCommandsTest : public ::testing::Test {
   std::unique_ptr<Instrument> instrument_;
   std::string rig_ = "/data/rig.ims";
   std::string path_ = "/data/seq.wts";
+  InstrumentLoopCountOutput loopCount_;
   Micros runStart_ = 0;
 };
 
@@ -181,12 +183,12 @@ TEST_F(ChannelCommandsTest, CheckJumpsUnlessTheConditionHolds) {
 }
 
 TEST_F(ChannelCommandsTest, ChannelCommandsReachTheDevices) {
-  seq_.loopCount = 0;
+  seq_.setLoopCount(0);
   EXPECT_EQ(Run({"INCREMENTLOOPCOUNT", "INCREMENTLOOPCOUNT COUNTER", "IMLDEF TEMP2, O=1.5",
                  "IMLESC SMC1, RESET", "SENDSMC SMC1, P123", "SENDSMC SMC1, Q99",
                  "MONITOR 1, TMON, FOLLOW=TEMP2", "REZERO TEMP2", "KILLMONITOR TMON", "CHECKIMS"}),
             "");
-  EXPECT_EQ(seq_.loopCount, 2);
+  EXPECT_EQ(seq_.loopCount(), 2);
   EXPECT_EQ(recorder_->sent, (std::vector<std::string>{"1: WRI COUNTER 2",
                                                        "1: REP",
                                                        "1: DEF TEMP2 O=1.5",
