@@ -3,6 +3,7 @@
 // only ever grow.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -18,6 +19,11 @@ constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswer
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
 constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
+constexpr int kExitLimit = 5;        // --stop-after or --max-lines ended the run
+
+// On a virtual clock, this many lines dispatched without the clock moving
+// earn one warning that the run loops without a wait.
+constexpr int64_t kLoopWarningLines = 10'000'000;
 
 struct RunOptions {
   std::string sequence;
@@ -34,6 +40,13 @@ struct RunOptions {
   std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
   std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
   std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
+  // Limits on the run's length: a span of the run's clock ("90s", "30m",
+  // "48h", "7d") and a number of dispatched lines.
+  std::optional<std::string> stopAfter;
+  std::optional<std::string> maxLines;
+  // Lines run on a virtual clock without it moving before the warning that
+  // the run loops without a wait (tests lower it).
+  int64_t loopWarningLines = kLoopWarningLines;
 };
 
 // `tavrix-cli rig`: serves the simulated rig over TCP.

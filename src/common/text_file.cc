@@ -18,6 +18,13 @@ bool fail(std::string* error, std::string_view what, const std::string& path, in
   return false;
 }
 
+// "64 MiB", "1 MiB", "512 bytes".
+std::string sizeText(size_t bytes) {
+  if (bytes >= (size_t{1} << 20) && bytes % (size_t{1} << 20) == 0) return std::to_string(bytes >> 20) + " MiB";
+  if (bytes >= 1024 && bytes % 1024 == 0) return std::to_string(bytes >> 10) + " KiB";
+  return std::to_string(bytes) + " bytes";
+}
+
 std::string joinLines(const std::vector<std::string>& lines) {
   std::string text;
   for (const auto& line : lines) {
@@ -77,9 +84,41 @@ void finishInterruptedAppend(const std::string& marker, int fd, off_t& size) {
 }  // namespace
 
 bool readTextFile(const std::string& path, std::string& text, std::string* error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  return readTextFile(path, text, error, kMaxTextFileBytes, kMaxTextLineBytes);
+}
+
+bool readTextFile(const std::string& path, std::string& text, std::string* error, size_t maxBytes,
+                  size_t maxLineBytes) {
+  // Non-blocking, so that opening a FIFO with no writer returns at once; it
+  // is refused below as not a regular file.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return fail(error, "Cannot open", path, errno);
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    const int err = errno;
+    ::close(fd);
+    return fail(error, "Cannot read", path, err);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    ::close(fd);
+    if (error) {
+      *error = "Cannot read \"" + path + "\": " +
+               (S_ISDIR(st.st_mode) ? "it is a folder" : "it is not a regular file (a device, FIFO or socket)");
+    }
+    return false;
+  }
+  const auto tooLarge = [&] {
+    ::close(fd);
+    if (error) {
+      *error = "Cannot read \"" + path + "\": it is larger than " + sizeText(maxBytes) +
+               ", the most a text file may hold";
+    }
+    return false;
+  };
+  if (static_cast<unsigned long long>(st.st_size) > maxBytes) return tooLarge();
   text.clear();
+  text.reserve(static_cast<size_t>(st.st_size));
+  size_t lineLength = 0;
   char buf[65536];
   for (;;) {
     const ssize_t n = ::read(fd, buf, sizeof buf);
@@ -90,10 +129,29 @@ bool readTextFile(const std::string& path, std::string& text, std::string* error
       return fail(error, "Cannot read", path, err);
     }
     if (n == 0) break;
+    // The file may grow while it is read.
+    if (text.size() + static_cast<size_t>(n) > maxBytes) return tooLarge();
+    for (ssize_t i = 0; i < n; ++i) {
+      if (buf[i] == '\r' || buf[i] == '\n') {
+        lineLength = 0;
+      } else if (++lineLength > maxLineBytes) {
+        ::close(fd);
+        if (error) {
+          *error = "Cannot read \"" + path + "\": a line is longer than " +
+                   sizeText(maxLineBytes) + ", the most a line may hold";
+        }
+        return false;
+      }
+    }
     text.append(buf, static_cast<size_t>(n));
   }
   ::close(fd);
   return true;
+}
+
+std::string readFailureReason(const std::string& error) {
+  const size_t reason = error.find("\": ");
+  return reason == std::string::npos ? error : error.substr(reason + 3);
 }
 
 bool writeTextFileAtomically(const std::string& path, const std::vector<std::string>& lines,

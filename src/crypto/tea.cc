@@ -166,6 +166,12 @@ class SourceFile {
   }
   bool open(const std::string& path, std::string& reason) {
     path_ = path;
+    // A FIFO or a device would block or never end: only regular files are read.
+    std::error_code regular;
+    if (std::filesystem::exists(path, regular) && !std::filesystem::is_regular_file(path, regular)) {
+      reason = "cannot read file " + path + ": it is not a regular file";
+      return false;
+    }
     file_ = std::fopen(path.c_str(), "rb");
     if (file_ == nullptr) {
       reason = "cannot open file " + path + ": " + describeErrno(errno);

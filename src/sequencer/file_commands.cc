@@ -47,25 +47,21 @@ std::string Local(Sequencer& seq, std::string_view written) {
 // Copies through a temporary file in the destination's folder, so that a
 // failed copy leaves no partial file.
 bool CopyWhole(const fs::path& from, const fs::path& to, std::string* error) {
-  std::string text;
-  if (!readTextFile(from.string(), text, error)) return false;
+  // Only a regular file is copied (a FIFO or a device would never end); the
+  // copy streams, so its size is not bounded by memory.
+  std::error_code ec;
+  if (!fs::is_regular_file(from, ec)) {
+    *error = "cannot read " + from.string() + ": " +
+             (fs::exists(from, ec) ? std::string("it is not a regular file") : std::strerror(ENOENT));
+    return false;
+  }
   fs::path temp = to;
   temp += ".tavrix-copy";
-  {
-    std::FILE* out = std::fopen(temp.c_str(), "wb");
-    if (!out) {
-      *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      return false;
-    }
-    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-    const bool closed = std::fclose(out) == 0;
-    if (!written || !closed) {
-      *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      std::remove(temp.c_str());
-      return false;
-    }
+  if (!fs::copy_file(from, temp, fs::copy_options::overwrite_existing, ec)) {
+    *error = "cannot write " + to.string() + ": " + ec.message();
+    fs::remove(temp, ec);
+    return false;
   }
-  std::error_code ec;
   fs::rename(temp, to, ec);
   if (ec) {
     *error = "cannot write " + to.string() + ": " + ec.message();

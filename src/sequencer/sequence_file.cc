@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 
 namespace tavrix {
 
@@ -26,6 +25,18 @@ size_t CleanReadLine(std::string& line) {
   return removed;
 }
 
+bool HasBareLineFeeds(std::string_view text) {
+  for (size_t i = text.find('\n'); i != std::string_view::npos; i = text.find('\n', i + 1)) {
+    if (i == 0 || text[i - 1] != '\r') return true;
+  }
+  return false;
+}
+
+bool SequenceHasBareLineFeeds(const std::string& path) {
+  std::string text;
+  return readTextFile(path, text, nullptr) && HasBareLineFeeds(text);
+}
+
 bool SequenceFile::open(const std::string& path, std::string* error) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) {
@@ -42,20 +53,18 @@ bool SequenceFile::open(const std::string& path, std::string* error) {
   const bool same = path == path_ && mtime == mtimeNs_ && st.st_size == size_ &&
                     st.st_dev == device_ && st.st_ino == inode_;
   if (!same) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-      if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(errno);
+    if (!S_ISREG(st.st_mode)) {
+      if (error) *error = "Cannot open sequence file " + path + ": it is not a regular file (a device, FIFO or socket)";
       open_ = false;
       return false;
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (in.bad()) {
-      if (error) *error = "Cannot read sequence file " + path;
+    std::string text;
+    std::string readError;
+    if (!readTextFile(path, text, &readError)) {
+      if (error) *error = "Cannot read sequence file " + path + ": " + readFailureReason(readError);
       open_ = false;
       return false;
     }
-    std::string text = std::move(content).str();
     const size_t nul = text.find('\0');
     if (nul != std::string::npos) {
       size_t line = 1;

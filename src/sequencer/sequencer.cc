@@ -26,6 +26,7 @@ const char* EndReasonName(EndReason reason) {
     case EndReason::kError: return "error";
     case EndReason::kAbort: return "abort";
     case EndReason::kUnload: return "error";  // the program ends after a message
+    case EndReason::kLimit: return "limit";
     case EndReason::kNone: break;
   }
   return "none";
@@ -202,6 +203,7 @@ void Sequencer::dispatchLine(std::string& line) {
   const CommandLine command = SplitCommandLine(line);
   events_.processPendingEvents();
   dispatcher_.run(*this, command);
+  for (auto& hook : lineHooks_) hook(lineNumber_);
 }
 
 // --- Buttons -----------------------------------------------------------------
@@ -291,6 +293,11 @@ void Sequencer::requestEnd(EndReason reason) {
 
 void Sequencer::requestAbort() {
   if (endReason_ == EndReason::kNone) endReason_ = EndReason::kAbort;
+  pressStop();
+}
+
+void Sequencer::requestLimitStop() {
+  if (endReason_ == EndReason::kNone) endReason_ = EndReason::kLimit;
   pressStop();
 }
 
@@ -422,6 +429,13 @@ Answer Sequencer::ask(const Question& question) {
                         "\" - " + operator_.unansweredReason());
   }
   return answer;
+}
+
+bool Sequencer::mayAskAgain(const Question& question, std::string_view why) {
+  if (operator_.mayAskAgain(question, why)) return true;
+  reportSequenceError("No answer to the " + question.kind + " question \"" + question.text + "\" - " +
+                      operator_.unansweredReason());
+  return false;
 }
 
 void Sequencer::examineDefineTable() {

@@ -40,9 +40,10 @@ struct RunFlags {
 
 // How the last run ended. kUnload: a command closed the main window, which
 // ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
-enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
+enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload, kLimit };
 // "eof", "stop", "error" (also for kUnload: it ends the program after a
-// message, as an error does), "abort".
+// message, as an error does), "abort", "limit" (a limit of the front end on
+// the run's length).
 const char* EndReasonName(EndReason reason);
 
 // One entry of the define table.
@@ -118,6 +119,11 @@ class Sequencer {
   // When no answer can come, reports that as a sequence error (the run
   // ends) and returns std::nullopt.
   Answer ask(const Question& question);
+  // Before `question` is asked again because of its last answer (`why`: "it
+  // refuses the date ..." or "it asks for the check again"): false, with a
+  // sequence error (the run ends), when the same answer would only come
+  // again.
+  bool mayAskAgain(const Question& question, std::string_view why);
 
   // Examines the define table, as the waits do at every turn.
   void examineDefineTable();
@@ -160,6 +166,9 @@ class Sequencer {
   void requestEnd(EndReason reason);
   // Ends the run at once as the Stop button does, as an abort.
   void requestAbort();
+  // Ends the run at once as the Stop button does, because a limit the front
+  // end set on the run's length was reached.
+  void requestLimitStop();
 
   // Continues the run in another sequence file (CHAIN, RETURN): the file is
   // opened, `linesToSkip` lines are passed over, and labels are searched in
@@ -174,6 +183,10 @@ class Sequencer {
   // text, group ramps), counting it like any other line; false at the end of
   // the file or when the line count overflows (a sequence error).
   bool readSectionLine(std::string& line) { return readNextLine(line); }
+
+  // Hooks run after each dispatched line, with its line number (a front
+  // end's limits on the run).
+  void addLineHook(std::function<void(int16_t line)> hook) { lineHooks_.push_back(std::move(hook)); }
 
   // Hooks run by the Stop button (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
@@ -225,6 +238,7 @@ class Sequencer {
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
   std::vector<std::function<void()>> runEndHooks_;
+  std::vector<std::function<void(int16_t)>> lineHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;
   std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;

@@ -4,8 +4,10 @@
 #include <fstream>
 #include <sstream>
 
+
 #include "common/paths.h"
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 #include "common/text_items.h"
 
 namespace tavrix {
@@ -99,14 +101,13 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
 
 bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& settings,
                             std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = "cannot read the settings file " + path;
+  std::string text;
+  std::string readError;
+  if (!readTextFile(path, text, &readError)) {
+    error = "cannot read the settings file " + path + ": " + readFailureReason(readError);
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseInstrumentSettings(text.str(), path, settings, error);
+  return ParseInstrumentSettings(text, path, settings, error);
 }
 
 std::string MapPath(std::string_view path, const InstrumentSettings& settings) {

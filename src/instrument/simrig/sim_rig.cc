@@ -6,7 +6,9 @@
 #include <fstream>
 #include <sstream>
 
+
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 #include "common/text_items.h"
 
 namespace tavrix {
@@ -231,14 +233,13 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
 }
 
 bool LoadRigSetupFile(const std::string& path, RigSetup& setup, std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = "cannot read the setup file " + path;
+  std::string text;
+  std::string readError;
+  if (!readTextFile(path, text, &readError)) {
+    error = "cannot read the setup file " + path + ": " + readFailureReason(readError);
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseRigSetup(text.str(), path, setup, error);
+  return ParseRigSetup(text, path, setup, error);
 }
 
 // --- RigModel ----------------------------------------------------------------
@@ -550,8 +551,8 @@ int32_t SimLink::setupLibVersion(std::string& text) {
 int32_t SimLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
   RigSetup setup;
   if (!LoadRigSetupFile(path, setup, load.message)) {
-    std::ifstream probe(path);
-    return probe ? link_result::kSetupFileBadLine : link_result::kSetupFileUnreadable;
+    const bool unreadable = load.message.rfind("cannot read the setup file", 0) == 0;
+    return unreadable ? link_result::kSetupFileUnreadable : link_result::kSetupFileBadLine;
   }
   load.setupName = setup.name;
   load.summary = setup.summary;

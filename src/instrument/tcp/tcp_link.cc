@@ -13,8 +13,12 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cctype>
+#include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "common/text_file.h"
 
 namespace tavrix {
 namespace {
@@ -40,23 +44,33 @@ void TcpLink::disconnect() {
 }
 
 bool TcpLink::connectSocket() {
+  problem_.clear();
+  const std::string address = host_ + ":" + std::to_string(port_);
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found) != 0) return false;
+  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found); rc != 0) {
+    problem_ = "the name \"" + host_ + "\" does not resolve: " + gai_strerror(rc);
+    return false;
+  }
   bool connected = false;
   for (addrinfo* a = found; a != nullptr && !connected; a = a->ai_next) {
     const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) continue;
+    if (fd < 0) {
+      problem_ = std::string(std::strerror(errno)) + ": " + address;
+      continue;
+    }
     int rc = ::connect(fd, a->ai_addr, a->ai_addrlen);
+    int err = rc == 0 ? 0 : errno;
     if (rc != 0 && errno == EINPROGRESS) {
       pollfd p{fd, POLLOUT, 0};
       if (::poll(&p, 1, connectWaitMs) == 1) {
-        int err = 0;
         socklen_t len = sizeof err;
         getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
         rc = err == 0 ? 0 : -1;
+      } else {
+        err = ETIMEDOUT;
       }
     }
     if (rc == 0) {
@@ -65,10 +79,14 @@ bool TcpLink::connectSocket() {
       fd_ = fd;
       connected = true;
     } else {
+      std::string reason = std::strerror(err);
+      if (!reason.empty()) reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
+      problem_ = reason + ": " + address;
       ::close(fd);
     }
   }
   freeaddrinfo(found);
+  if (connected) problem_.clear();
   return connected;
 }
 
@@ -85,7 +103,18 @@ int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int wa
   return link_result::kOk;
 }
 
+void TcpLink::reconnectIfDropped() {
+  pollfd p{fd_, POLLIN, 0};
+  char byte = 0;
+  if (::poll(&p, 1, 0) != 1 || ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0) return;
+  disconnect();
+  RigResponse r;
+  if (!connectSocket()) return;
+  if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.text != kRigGreeting) disconnect();
+}
+
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
+  if (fd_ >= 0 && body != "HELLO") reconnectIfDropped();
   if (fd_ < 0) return Outcome::kLost;
   const uint64_t id = nextId_++;
   std::string line = std::to_string(id) + " " + body + "\n";
@@ -141,6 +170,8 @@ int32_t TcpLink::openInterface(int16_t& handle) {
   if (!connectSocket()) return link_result::kLinkLost;
   RigResponse r;
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
+    problem_ = "no rig server answers at " + host_ + ":" + std::to_string(port_) +
+               (r.text ? " (it said \"" + *r.text + "\")" : "");
     disconnect();
     return link_result::kLinkLost;
   }
@@ -214,15 +245,14 @@ int32_t TcpLink::setupLibVersion(std::string& text) {
 }
 
 int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    load.message = "cannot read the setup file " + path;
+  std::string text;
+  std::string readError;
+  if (!readTextFile(path, text, &readError)) {
+    load.message = "cannot read the setup file " + path + ": " + readFailureReason(readError);
     return link_result::kSetupFileUnreadable;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
   RigResponse r;
-  const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text.str());
+  const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text);
   if (const int32_t failed =
           exchange(body, r, std::max(responseWaitMs, 2000), link_result::kSetupBusy))
     return failed;
