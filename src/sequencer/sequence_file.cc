@@ -60,7 +60,9 @@ bool SequenceFile::open(const std::string& path, std::string* error) {
     }
     std::string text;
     std::string readError;
-    if (!readTextFile(path, text, &readError)) {
+    // The reader takes lines of any length, so only the file's size is
+    // bounded.
+    if (!readTextFile(path, text, &readError, kMaxTextFileBytes, kMaxTextFileBytes)) {
       if (error) *error = "Cannot read sequence file " + path + ": " + readFailureReason(readError);
       open_ = false;
       return false;

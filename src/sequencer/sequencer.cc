@@ -202,8 +202,9 @@ void Sequencer::dispatchLine(std::string& line) {
 
   const CommandLine command = SplitCommandLine(line);
   events_.processPendingEvents();
+  const int16_t number = lineNumber_;  // a jump moves it
   dispatcher_.run(*this, command);
-  for (auto& hook : lineHooks_) hook(lineNumber_);
+  for (auto& hook : lineHooks_) hook(number);
 }
 
 // --- Buttons -----------------------------------------------------------------

@@ -262,12 +262,12 @@ TEST_F(RunEngineTest, SingleSteppingHoldsEachLineUntilStepOrSkip) {
 TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
   Load({"WAITSECONDS 1000", "WAITSECONDS 1000", "HANDLER:", "WAITSECONDS 5"});
   seq_.jumpTarget = "handler";
-  bool fired = false;
-  seq_.onExamineDefines = [&fired](Sequencer& s) {
-    if (!fired && s.clock().now() - kStart >= 3 * kMicrosPerSecond) {
-      fired = true;
-      s.flags().timeoutPending = true;
-    }
+  // Something with a timer of its own (an alarm, a calculated channel)
+  // makes the timeout pending 3 s into the wait.
+  Timer fire(events_, 3 * kMicrosPerSecond, [&] { seq_.flags().timeoutPending = true; });
+  fire.setEnabled(true);
+  seq_.onExamineDefines = [&fire](Sequencer&) {
+    if (fire.loop().now() - kStart >= 3 * kMicrosPerSecond) fire.setEnabled(false);
   };
   seq_.pressRun();
   EXPECT_EQ(seq_.lastSequenceError(), "");

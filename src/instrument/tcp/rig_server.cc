@@ -236,7 +236,12 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         }
       }
       if (c.closing && c.out.empty()) closed = true;
-      if (!closed && nowMs - c.lastHeardMs > kIdleTimeoutMs) closed = true;
+      if (!closed && !c.closing && nowMs - c.lastHeardMs > kIdleTimeoutMs) {
+        const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
+                                   EscapeField("no request for an hour; the connection is closed") + "\n";
+        [[maybe_unused]] const ssize_t sent = ::send(c.fd, notice.data(), notice.size(), MSG_NOSIGNAL);
+        closed = true;
+      }
       if (closed) {
         ::close(c.fd);
         c.fd = -1;

@@ -22,15 +22,13 @@ namespace tavrix {
 // for a client that does not read them, its further requests are left
 // unread; beyond kMaxClients connections (or when the process runs out of
 // file descriptors) a new client gets a refusal and is closed; a connection
-// that sends nothing for kIdleTimeoutMs is dropped.
+// that sends nothing for kIdleTimeoutMs is told so and dropped. The reply
+// codes of these refusals are in rig_protocol.h.
 inline constexpr size_t kMaxRequestBytes = size_t{8} << 20;
 inline constexpr size_t kMaxQueuedReplyBytes = size_t{1} << 20;
 inline constexpr size_t kMaxClients = 64;
 inline constexpr int64_t kIdleTimeoutMs = 60LL * 60 * 1000;
 
-// Reply codes of the server's own refusals.
-inline constexpr int32_t kRigRequestTooLong = 36;
-inline constexpr int32_t kRigTooManyClients = 37;
 
 class RigServer {
  public:

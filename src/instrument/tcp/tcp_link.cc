@@ -105,8 +105,13 @@ int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int wa
 
 void TcpLink::reconnectIfDropped() {
   pollfd p{fd_, POLLIN, 0};
-  char byte = 0;
-  if (::poll(&p, 1, 0) != 1 || ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0) return;
+  if (::poll(&p, 1, 0) != 1) return;
+  char chunk[512];
+  ssize_t n;
+  while ((n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) inbox_.append(chunk, static_cast<size_t>(n));
+  // Only a connection the server closed for idleness is taken up again; a
+  // server that went away leaves the link lost.
+  if (n != 0 || inbox_.find("0 " + std::to_string(kRigIdleClosed) + " =") == std::string::npos) return;
   disconnect();
   RigResponse r;
   if (!connectSocket()) return;
