@@ -46,14 +46,16 @@ class RobustnessTest : public CliTestBase {
 TEST_F(RobustnessTest, LimitsEndEndlessRunsWithStatusFive) {
   // A monitoring loop on the virtual clock: ended after two days of it.
   const std::string monitor = File("monitor.wts", "TOP:\r\nWAITSECONDS 60\r\nGOTO TOP\r\n");
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--stop-after", "48h", "--trace", "-", monitor}), kExitLimit);
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--stop-after", "48h", "--trace", "-", monitor}),
+            kExitLimit);
   EXPECT_EQ(err_, "tavrix-cli: --stop-after 48h ended the run\n");
   EXPECT_EQ(LastTraceLine(), R"({"t":172800.000,"ev":"end","reason":"limit","code":5})");
   EXPECT_THAT(out_, HasSubstr(R"("ev":"status","text":"Stopped")"));
 
   // A loop without a wait: ended after the given number of lines.
   const std::string spin = File("spin.wts", "TOP:\r\nGOTO TOP\r\n");
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--max-lines", "1000", "--trace", "-", spin}), kExitLimit);
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--max-lines", "1000", "--trace", "-", spin}),
+            kExitLimit);
   EXPECT_EQ(TraceEvents("line"), 1000);
   EXPECT_EQ(err_, "tavrix-cli: --max-lines 1000 ended the run\n");
   // The same on the real clock.
@@ -77,8 +79,9 @@ TEST_F(RobustnessTest, LimitsEndEndlessRunsWithStatusFive) {
 TEST_F(RobustnessTest, VirtualWaitsJumpAndEndAsTheirLengthSays) {
   // A year's wait ends at its instant (one jump of the clock, not a tick a
   // second).
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", File("year.wts", "WAITSECONDS 31536000\r\n")}),
-            kExitOk);
+  EXPECT_EQ(
+      Cli({"run", "--virtual-time", "--trace", "-", File("year.wts", "WAITSECONDS 31536000\r\n")}),
+      kExitOk);
   EXPECT_EQ(LastTraceLine(), R"({"t":31536000.000,"ev":"end","reason":"eof","code":0})");
   // A length beyond the single-precision range is infinite: nothing but
   // Stop, a jump or the timeout can end the wait, so on a virtual clock
@@ -87,7 +90,8 @@ TEST_F(RobustnessTest, VirtualWaitsJumpAndEndAsTheirLengthSays) {
   EXPECT_EQ(Cli({"run", "--virtual-time", forever}), kExitSequenceError);
   EXPECT_THAT(err_, HasSubstr("Wait can never end"));
   // ...and a limit ends it.
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--stop-after", "90s", "--trace", "-", forever}), kExitLimit);
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--stop-after", "90s", "--trace", "-", forever}),
+            kExitLimit);
   EXPECT_EQ(LastTraceLine(), R"({"t":90.000,"ev":"end","reason":"limit","code":5})");
 
   // A loop without a wait on the virtual clock is warned of once, naming
@@ -100,10 +104,12 @@ TEST_F(RobustnessTest, VirtualWaitsJumpAndEndAsTheirLengthSays) {
   std::FILE* err = std::tmpfile();
   EXPECT_EQ(RunSequence(options, nullptr, nullptr, err), kExitLimit);
   const std::string text = Slurp(err);
-  EXPECT_EQ(text, "tavrix-cli: warning: 1000 lines have run without the virtual clock moving: lines 3-4 of " +
-                      options.sequence +
-                      " loop without a wait; --max-lines N ends such a run\n"
-                      "tavrix-cli: --max-lines 5000 ended the run\n");
+  EXPECT_EQ(
+      text,
+      "tavrix-cli: warning: 1000 lines have run without the virtual clock moving: lines 3-4 of " +
+          options.sequence +
+          " loop without a wait; --max-lines N ends such a run\n"
+          "tavrix-cli: --max-lines 5000 ended the run\n");
 }
 
 TEST_F(RobustnessTest, OnlyRegularFilesAreRead) {

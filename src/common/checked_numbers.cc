@@ -18,11 +18,21 @@ std::optional<Micros> parseDuration(std::string_view text) {
   double unit = kMicrosPerSecond;
   if (!text.empty()) {
     switch (text.back()) {
-      case 's': unit = kMicrosPerSecond; break;
-      case 'm': unit = 60.0 * kMicrosPerSecond; break;
-      case 'h': unit = 3600.0 * kMicrosPerSecond; break;
-      case 'd': unit = 86400.0 * kMicrosPerSecond; break;
-      default: unit = 0; break;
+      case 's':
+        unit = kMicrosPerSecond;
+        break;
+      case 'm':
+        unit = 60.0 * kMicrosPerSecond;
+        break;
+      case 'h':
+        unit = 3600.0 * kMicrosPerSecond;
+        break;
+      case 'd':
+        unit = 86400.0 * kMicrosPerSecond;
+        break;
+      default:
+        unit = 0;
+        break;
     }
     if (unit != 0) text.remove_suffix(1);
   }

@@ -36,7 +36,8 @@ TEST(CheckedNumbers, ConversionsFromFloatingValuesRefuseWhatDoesNotFit) {
 TEST(CheckedNumbers, WholeNumbersAndDurationsFromText) {
   EXPECT_EQ(parseWholeNumber("+42"), 42);
   EXPECT_EQ(parseWholeNumber("-9223372036854775808"), INT64_MIN);
-  for (const char* bad : {"", "+", "++1", "9223372036854775808", "99999999999999999999", "1e3", "1 ", " 1", "0x10"}) {
+  for (const char* bad :
+       {"", "+", "++1", "9223372036854775808", "99999999999999999999", "1e3", "1 ", " 1", "0x10"}) {
     EXPECT_EQ(parseWholeNumber(bad), std::nullopt) << bad;
   }
   EXPECT_EQ(parseDuration("90s"), 90 * kMicrosPerSecond);
@@ -45,7 +46,8 @@ TEST(CheckedNumbers, WholeNumbersAndDurationsFromText) {
   EXPECT_EQ(parseDuration("7d"), 7 * kMicrosPerDay);
   EXPECT_EQ(parseDuration("1.5h"), 5400 * kMicrosPerSecond);
   EXPECT_EQ(parseDuration("20"), 20 * kMicrosPerSecond);
-  for (const char* bad : {"", "s", "0s", "-5s", "7y", "1e308h", "nan", "inf", "1e19d", "5 s", "+5s"}) {
+  for (const char* bad :
+       {"", "s", "0s", "-5s", "7y", "1e308h", "nan", "inf", "1e19d", "5 s", "+5s"}) {
     EXPECT_EQ(parseDuration(bad), std::nullopt) << bad;
   }
 }
