@@ -378,7 +378,8 @@ int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* er
       continue;
     }
     if (SequenceHasBareLineFeeds(file)) {
-      std::fprintf(out, "%s:1: warning: %s\n", file.c_str(), std::string(kBareLineFeedWarning).c_str());
+      std::fprintf(out, "%s:1: warning: %s\n", file.c_str(),
+                   std::string(kBareLineFeedWarning).c_str());
     }
     for (const auto& m : messages) {
       std::fprintf(out, "%s:%d: %s: %s\n", file.c_str(), m.line, m.error ? "error" : "warning", m.text.c_str());

@@ -1,15 +1,16 @@
 #include "run_command.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <memory>
 #include <mutex>
-#include <pthread.h>
 #include <set>
 #include <thread>
-#include <unistd.h>
 
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
@@ -106,14 +107,16 @@ class RunLimits {
     }
     ++still_;
     // The lines of the last stretch name the loop.
-    if (still_ > loopWarningLines_ - std::min<int64_t>(100'000, loopWarningLines_ / 2)) loopLines_.insert(line);
+    if (still_ > loopWarningLines_ - std::min<int64_t>(100'000, loopWarningLines_ / 2))
+      loopLines_.insert(line);
     if (still_ < loopWarningLines_) return;
     warned_ = true;
-    std::fprintf(err_,
-                 "tavrix-cli: warning: %lld lines have run without the virtual clock moving: lines %s "
-                 "of %s loop without a wait; --max-lines N ends such a run\n",
-                 static_cast<long long>(loopWarningLines_), LineRanges(loopLines_).c_str(),
-                 engine_.sequencer().sequenceFileName().c_str());
+    std::fprintf(
+        err_,
+        "tavrix-cli: warning: %lld lines have run without the virtual clock moving: lines %s "
+        "of %s loop without a wait; --max-lines N ends such a run\n",
+        static_cast<long long>(loopWarningLines_), LineRanges(loopLines_).c_str(),
+        engine_.sequencer().sequenceFileName().c_str());
     std::fflush(err_);
   }
 
@@ -192,8 +195,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (options.stopAfter) {
     stopAfter = parseDuration(*options.stopAfter);
     if (!stopAfter) {
-      std::fprintf(err, "tavrix-cli: --stop-after wants a span such as 90s, 30m, 48h or 7d, not \"%s\"\n",
-                   options.stopAfter->c_str());
+      std::fprintf(
+          err, "tavrix-cli: --stop-after wants a span such as 90s, 30m, 48h or 7d, not \"%s\"\n",
+          options.stopAfter->c_str());
       return kExitUsage;
     }
   }
@@ -264,8 +268,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
-    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n", options.link.c_str(),
-                 instrument->link().lastErrorText.c_str(), problem.empty() ? "" : (" (" + problem + ")").c_str());
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
+                 options.link.c_str(), instrument->link().lastErrorText.c_str(),
+                 problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
@@ -286,14 +291,15 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   EndReason reason;
   std::string limit;
   {
-    RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines, options.loopWarningLines,
-                     err);
+    RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
+                     options.loopWarningLines, err);
     SignalBridge signals(engine);
     seq.pressRun();
     reason = seq.endReason();
     limit = limits.reached();
   }
-  if (reason == EndReason::kLimit) std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
+  if (reason == EndReason::kLimit)
+    std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
   if (engine.trace().enabled()) {
@@ -321,9 +327,11 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                          "Settings file of the instrument link (key = value)");
   runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
-  runCommand->add_option("--stop-after", run.stopAfter,
-                         "End the run (exit status 5) after this long on its clock: 90s, 30m, 48h, 7d");
-  runCommand->add_option("--max-lines", run.maxLines, "End the run (exit status 5) after N dispatched lines");
+  runCommand->add_option(
+      "--stop-after", run.stopAfter,
+      "End the run (exit status 5) after this long on its clock: 90s, 30m, 48h, 7d");
+  runCommand->add_option("--max-lines", run.maxLines,
+                         "End the run (exit status 5) after N dispatched lines");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;

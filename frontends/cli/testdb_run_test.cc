@@ -109,8 +109,8 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
 // question refuses, or one that sends the question round again, would be
 // given for ever. The run ends at once, as for an unanswerable question.
 TEST_F(TestDbRunTest, AStandingAnswerThatLoopsEndsTheRunWithOneMessage) {
-  for (const std::string bad : {"DATAENTRY*: Accept|serial=1|bogus=2\n",
-                                "DATAENTRY*: Accept|serial=1|date=31-02-2026\n"}) {
+  for (const std::string bad :
+       {"DATAENTRY*: Accept|serial=1|bogus=2\n", "DATAENTRY*: Accept|serial=1|date=31-02-2026\n"}) {
     EXPECT_EQ(Run(bad), kExitSequenceError) << bad;
     EXPECT_THAT(err_, HasSubstr("line 1 of the answers file answers \"Accept|serial=1|"));
     EXPECT_THAT(err_, HasSubstr("the same answer would come again"));

@@ -20,7 +20,8 @@ bool fail(std::string* error, std::string_view what, const std::string& path, in
 
 // "64 MiB", "1 MiB", "512 bytes".
 std::string sizeText(size_t bytes) {
-  if (bytes >= (size_t{1} << 20) && bytes % (size_t{1} << 20) == 0) return std::to_string(bytes >> 20) + " MiB";
+  if (bytes >= (size_t{1} << 20) && bytes % (size_t{1} << 20) == 0)
+    return std::to_string(bytes >> 20) + " MiB";
   if (bytes >= 1024 && bytes % 1024 == 0) return std::to_string(bytes >> 10) + " KiB";
   return std::to_string(bytes) + " bytes";
 }
@@ -103,7 +104,8 @@ bool readTextFile(const std::string& path, std::string& text, std::string* error
     ::close(fd);
     if (error) {
       *error = "Cannot read \"" + path + "\": " +
-               (S_ISDIR(st.st_mode) ? "it is a folder" : "it is not a regular file (a device, FIFO or socket)");
+               (S_ISDIR(st.st_mode) ? "it is a folder"
+                                    : "it is not a regular file (a device, FIFO or socket)");
     }
     return false;
   }
@@ -137,8 +139,8 @@ bool readTextFile(const std::string& path, std::string& text, std::string* error
       } else if (++lineLength > maxLineBytes) {
         ::close(fd);
         if (error) {
-          *error = "Cannot read \"" + path + "\": a line is longer than " +
-                   sizeText(maxLineBytes) + ", the most a line may hold";
+          *error = "Cannot read \"" + path + "\": a line is longer than " + sizeText(maxLineBytes) +
+                   ", the most a line may hold";
         }
         return false;
       }

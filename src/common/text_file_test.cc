@@ -67,7 +67,8 @@ TEST_F(TextFileTest, ReadsOnlyRegularFilesWithinTheBounds) {
   const std::string fifo = dir_ + "/pipe.wts";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   EXPECT_FALSE(readTextFile(fifo, text, &error));
-  EXPECT_EQ(error, "Cannot read \"" + fifo + "\": it is not a regular file (a device, FIFO or socket)");
+  EXPECT_EQ(error,
+            "Cannot read \"" + fifo + "\": it is not a regular file (a device, FIFO or socket)");
   EXPECT_FALSE(readTextFile("/dev/zero", text, &error));
   EXPECT_NE(error.find("not a regular file"), std::string::npos);
   EXPECT_FALSE(readTextFile(dir_, text, &error));
@@ -77,12 +78,15 @@ TEST_F(TextFileTest, ReadsOnlyRegularFilesWithinTheBounds) {
   ASSERT_TRUE(writeTextFileAtomically(file, {std::string(100, 'x'), "short"}, nullptr));
   EXPECT_TRUE(readTextFile(file, text, &error, 110, 100)) << error;
   EXPECT_FALSE(readTextFile(file, text, &error, 106, 100));
-  EXPECT_EQ(error, "Cannot read \"" + file + "\": it is larger than 106 bytes, the most a text file may hold");
+  EXPECT_EQ(error, "Cannot read \"" + file +
+                       "\": it is larger than 106 bytes, the most a text file may hold");
   EXPECT_FALSE(readTextFile(file, text, &error, 1024, 99));
-  EXPECT_EQ(error, "Cannot read \"" + file + "\": a line is longer than 99 bytes, the most a line may hold");
+  EXPECT_EQ(error, "Cannot read \"" + file +
+                       "\": a line is longer than 99 bytes, the most a line may hold");
   // Lines end at a bare LF as well as at CR, so a file of short LF lines is
   // within the line bound.
-  ASSERT_TRUE(writeTextFileAtomically(file, {std::string(60, 'a') + "\n" + std::string(60, 'b')}, nullptr));
+  ASSERT_TRUE(
+      writeTextFileAtomically(file, {std::string(60, 'a') + "\n" + std::string(60, 'b')}, nullptr));
   EXPECT_TRUE(readTextFile(file, text, &error, 1024, 60)) << error;
 }
 

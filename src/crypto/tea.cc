@@ -168,7 +168,8 @@ class SourceFile {
     path_ = path;
     // A FIFO or a device would block or never end: only regular files are read.
     std::error_code regular;
-    if (std::filesystem::exists(path, regular) && !std::filesystem::is_regular_file(path, regular)) {
+    if (std::filesystem::exists(path, regular) &&
+        !std::filesystem::is_regular_file(path, regular)) {
       reason = "cannot read file " + path + ": it is not a regular file";
       return false;
     }

@@ -84,8 +84,8 @@ void ScriptedOperator::ask(const Question& question, std::function<void(Answer)>
 
 bool ScriptedOperator::mayAskAgain(const Question& question, std::string_view why) {
   if (!last_ || !last_->every || lastKind_ != question.kind) return true;
-  reason_ = "line " + std::to_string(last_->number) + " of the answers file answers \"" + last_->caption +
-            "\" to every " + question.kind + " question, and " + std::string(why) +
+  reason_ = "line " + std::to_string(last_->number) + " of the answers file answers \"" +
+            last_->caption + "\" to every " + question.kind + " question, and " + std::string(why) +
             "; the same answer would come again";
   return false;
 }

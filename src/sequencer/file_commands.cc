@@ -51,8 +51,9 @@ bool CopyWhole(const fs::path& from, const fs::path& to, std::string* error) {
   // copy streams, so its size is not bounded by memory.
   std::error_code ec;
   if (!fs::is_regular_file(from, ec)) {
-    *error = "cannot read " + from.string() + ": " +
-             (fs::exists(from, ec) ? std::string("it is not a regular file") : std::strerror(ENOENT));
+    *error =
+        "cannot read " + from.string() + ": " +
+        (fs::exists(from, ec) ? std::string("it is not a regular file") : std::strerror(ENOENT));
     return false;
   }
   fs::path temp = to;

@@ -1,9 +1,10 @@
 #include "sequencer/sequence_file.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
@@ -54,7 +55,9 @@ bool SequenceFile::open(const std::string& path, std::string* error) {
                     st.st_dev == device_ && st.st_ino == inode_;
   if (!same) {
     if (!S_ISREG(st.st_mode)) {
-      if (error) *error = "Cannot open sequence file " + path + ": it is not a regular file (a device, FIFO or socket)";
+      if (error)
+        *error = "Cannot open sequence file " + path +
+                 ": it is not a regular file (a device, FIFO or socket)";
       open_ = false;
       return false;
     }

@@ -434,8 +434,8 @@ Answer Sequencer::ask(const Question& question) {
 
 bool Sequencer::mayAskAgain(const Question& question, std::string_view why) {
   if (operator_.mayAskAgain(question, why)) return true;
-  reportSequenceError("No answer to the " + question.kind + " question \"" + question.text + "\" - " +
-                      operator_.unansweredReason());
+  reportSequenceError("No answer to the " + question.kind + " question \"" + question.text +
+                      "\" - " + operator_.unansweredReason());
   return false;
 }
 

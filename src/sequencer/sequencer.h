@@ -186,7 +186,9 @@ class Sequencer {
 
   // Hooks run after each dispatched line, with its line number (a front
   // end's limits on the run).
-  void addLineHook(std::function<void(int16_t line)> hook) { lineHooks_.push_back(std::move(hook)); }
+  void addLineHook(std::function<void(int16_t line)> hook) {
+    lineHooks_.push_back(std::move(hook));
+  }
 
   // Hooks run by the Stop button (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }

@@ -4,7 +4,6 @@
 #include <fstream>
 #include <sstream>
 
-
 #include "common/paths.h"
 #include "common/text_conventions.h"
 #include "common/text_file.h"

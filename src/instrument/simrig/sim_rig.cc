@@ -6,7 +6,6 @@
 #include <fstream>
 #include <sstream>
 
-
 #include "common/text_conventions.h"
 #include "common/text_file.h"
 #include "common/text_items.h"

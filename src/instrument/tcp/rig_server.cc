@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -163,9 +163,10 @@ void RigServer::serve(const std::atomic<bool>& stop) {
     for (const auto& c : clients) {
       // Requests are read only while the replies queued for the client are
       // within their bound and no whole request waits unanswered.
-      const bool read = !c.closing && c.out.size() < kMaxQueuedReplyBytes &&
-                        c.in.find('\n') == std::string::npos;
-      fds.push_back({c.fd, static_cast<short>((read ? POLLIN : 0) | (c.out.empty() ? 0 : POLLOUT)), 0});
+      const bool read =
+          !c.closing && c.out.size() < kMaxQueuedReplyBytes && c.in.find('\n') == std::string::npos;
+      fds.push_back(
+          {c.fd, static_cast<short>((read ? POLLIN : 0) | (c.out.empty() ? 0 : POLLOUT)), 0});
     }
     const int ready = ::poll(fds.data(), fds.size(), 100);
     const int64_t nowMs = now();
@@ -218,10 +219,11 @@ void RigServer::serve(const std::atomic<bool>& stop) {
       }
       c.in.erase(0, start);
       if (!c.closing && c.in.size() > kMaxRequestBytes && c.in.find('\n') == std::string::npos) {
-        c.out += "0 " + std::to_string(kRigRequestTooLong) + " =" +
-                 EscapeField("a request line is longer than " + std::to_string(kMaxRequestBytes >> 20) +
-                             " MiB; the connection is closed") +
-                 "\n";
+        c.out +=
+            "0 " + std::to_string(kRigRequestTooLong) + " =" +
+            EscapeField("a request line is longer than " + std::to_string(kMaxRequestBytes >> 20) +
+                        " MiB; the connection is closed") +
+            "\n";
         c.in.clear();
         c.in.shrink_to_fit();
         c.closing = true;
@@ -238,8 +240,10 @@ void RigServer::serve(const std::atomic<bool>& stop) {
       if (c.closing && c.out.empty()) closed = true;
       if (!closed && !c.closing && nowMs - c.lastHeardMs > kIdleTimeoutMs) {
         const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
-                                   EscapeField("no request for an hour; the connection is closed") + "\n";
-        [[maybe_unused]] const ssize_t sent = ::send(c.fd, notice.data(), notice.size(), MSG_NOSIGNAL);
+                                   EscapeField("no request for an hour; the connection is closed") +
+                                   "\n";
+        [[maybe_unused]] const ssize_t sent =
+            ::send(c.fd, notice.data(), notice.size(), MSG_NOSIGNAL);
         closed = true;
       }
       if (closed) {

@@ -29,7 +29,6 @@ inline constexpr size_t kMaxQueuedReplyBytes = size_t{1} << 20;
 inline constexpr size_t kMaxClients = 64;
 inline constexpr int64_t kIdleTimeoutMs = 60LL * 60 * 1000;
 
-
 class RigServer {
  public:
   RigServer() = default;

@@ -10,10 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -50,7 +50,8 @@ bool TcpLink::connectSocket() {
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found); rc != 0) {
+  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
+      rc != 0) {
     problem_ = "the name \"" + host_ + "\" does not resolve: " + gai_strerror(rc);
     return false;
   }
@@ -80,7 +81,8 @@ bool TcpLink::connectSocket() {
       connected = true;
     } else {
       std::string reason = std::strerror(err);
-      if (!reason.empty()) reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
+      if (!reason.empty())
+        reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
       problem_ = reason + ": " + address;
       ::close(fd);
     }
@@ -108,10 +110,12 @@ void TcpLink::reconnectIfDropped() {
   if (::poll(&p, 1, 0) != 1) return;
   char chunk[512];
   ssize_t n;
-  while ((n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) inbox_.append(chunk, static_cast<size_t>(n));
+  while ((n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+    inbox_.append(chunk, static_cast<size_t>(n));
   // Only a connection the server closed for idleness is taken up again; a
   // server that went away leaves the link lost.
-  if (n != 0 || inbox_.find("0 " + std::to_string(kRigIdleClosed) + " =") == std::string::npos) return;
+  if (n != 0 || inbox_.find("0 " + std::to_string(kRigIdleClosed) + " =") == std::string::npos)
+    return;
   disconnect();
   RigResponse r;
   if (!connectSocket()) return;
