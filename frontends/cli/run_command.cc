@@ -317,7 +317,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--start", run.start, "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
   runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
-  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
   runCommand->add_option("--companion-answer", run.companionAnswers,
                          "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
   runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");

@@ -35,7 +35,7 @@ bool HasBareLineFeeds(std::string_view text) {
 
 bool SequenceHasBareLineFeeds(const std::string& path) {
   std::string text;
-  return readTextFile(path, text, nullptr) && HasBareLineFeeds(text);
+  return readTextFile(path, text, nullptr, kMaxTextFileBytes, kMaxTextFileBytes) && HasBareLineFeeds(text);
 }
 
 bool SequenceFile::open(const std::string& path, std::string* error) {
