@@ -51,7 +51,7 @@ TEST(InstrumentSettings, ReadFromAKeyValueFile) {
     EXPECT_EQ(error, message);
   }
   EXPECT_FALSE(LoadInstrumentSettings("/nonexistent/rig.cfg", settings, error));
-  EXPECT_EQ(error, "cannot read the settings file /nonexistent/rig.cfg");
+  EXPECT_EQ(error, "cannot read the settings file /nonexistent/rig.cfg: No such file or directory");
   const std::string path = ::testing::TempDir() + "instrument_" + std::to_string(getpid()) + ".cfg";
   std::ofstream(path) << "check_channel = P1\n";
   ASSERT_TRUE(LoadInstrumentSettings(path, settings, error));
