@@ -22,6 +22,7 @@
 #include "lint_command.h"
 #include "sequencer/console_operators.h"
 #include "sequencer/sequence_file.h"
+#include "terminal_view.h"
 
 namespace tavrix {
 
@@ -218,7 +219,17 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
-  Engine engine(std::move(clock), *op);
+  // The terminal view, unless the trace takes standard output.
+  const bool traceToOut = options.trace && *options.trace == "-";
+  TerminalView view(*op, out, traceToOut ? err : out,
+                    !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
+  Engine engine(std::move(clock), view);
+  view.attach(engine, options.virtualTime);
+  struct Detach {
+    TerminalView& view;
+    ~Detach() { view.detach(); }
+  } detach{view};
+  if (options.trace && !traceToOut) view.addFileWritten(*options.trace);
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(out, false);
@@ -305,6 +316,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
+  view.finish(reason, status);
   return status;
 }
 
@@ -332,6 +344,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
       "End the run (exit status 5) after this long on its clock: 90s, 30m, 48h, 7d");
   runCommand->add_option("--max-lines", run.maxLines,
                          "End the run (exit status 5) after N dispatched lines");
+  runCommand->add_flag("--quiet", run.quiet,
+                       "Show only messages and the summary, even on a terminal");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;

@@ -40,6 +40,8 @@ struct RunOptions {
   std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
   std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
   std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
+  // Only messages and the summary, even on a terminal.
+  bool quiet = false;
   // Limits on the run's length: a span of the run's clock ("90s", "30m",
   // "48h", "7d") and a number of dispatched lines.
   std::optional<std::string> stopAfter;

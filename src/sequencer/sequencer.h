@@ -198,6 +198,10 @@ class Sequencer {
   // the file or when the line count overflows (a sequence error).
   bool readSectionLine(std::string& line) { return readNextLine(line); }
 
+  // Observers of every dispatched line: its number and its cleaned text, as
+  // the current command display shows it.
+  using LineObserver = std::function<void(int16_t lineNumber, std::string_view text)>;
+  void addLineObserver(LineObserver observer) { lineObservers_.push_back(std::move(observer)); }
   // Hooks run after each dispatched line, with its line number (a front
   // end's limits on the run).
   void addLineHook(std::function<void(int16_t line)> hook) {
@@ -266,6 +270,7 @@ class Sequencer {
   Timer secondsTimer_;
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
+  std::vector<LineObserver> lineObservers_;
   std::vector<std::function<void()>> runEndHooks_;
   std::vector<std::function<void(int16_t)>> lineHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;
