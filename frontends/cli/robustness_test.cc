@@ -48,7 +48,7 @@ TEST_F(RobustnessTest, LimitsEndEndlessRunsWithStatusFive) {
   const std::string monitor = File("monitor.wts", "TOP:\r\nWAITSECONDS 60\r\nGOTO TOP\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--stop-after", "48h", "--trace", "-", monitor}),
             kExitLimit);
-  EXPECT_EQ(err_, "tavrix-cli: --stop-after 48h ended the run\n");
+  EXPECT_THAT(err_, HasSubstr("tavrix-cli: --stop-after 48h ended the run\n"));
   EXPECT_EQ(LastTraceLine(), R"({"t":172800.000,"ev":"end","reason":"limit","code":5})");
   EXPECT_THAT(out_, HasSubstr(R"("ev":"status","text":"Stopped")"));
 
@@ -57,7 +57,7 @@ TEST_F(RobustnessTest, LimitsEndEndlessRunsWithStatusFive) {
   EXPECT_EQ(Cli({"run", "--virtual-time", "--max-lines", "1000", "--trace", "-", spin}),
             kExitLimit);
   EXPECT_EQ(TraceEvents("line"), 1000);
-  EXPECT_EQ(err_, "tavrix-cli: --max-lines 1000 ended the run\n");
+  EXPECT_THAT(err_, HasSubstr("tavrix-cli: --max-lines 1000 ended the run\n"));
   // The same on the real clock.
   EXPECT_EQ(Cli({"run", "--max-lines", "50", "--trace", "-", spin}), kExitLimit);
   EXPECT_EQ(TraceEvents("line"), 50);
@@ -102,14 +102,15 @@ TEST_F(RobustnessTest, VirtualWaitsJumpAndEndAsTheirLengthSays) {
   options.maxLines = "5000";
   options.loopWarningLines = 1000;
   std::FILE* err = std::tmpfile();
-  EXPECT_EQ(RunSequence(options, nullptr, nullptr, err), kExitLimit);
+  std::FILE* out = std::tmpfile();
+  EXPECT_EQ(RunSequence(options, nullptr, out, err), kExitLimit);
+  std::fclose(out);
   const std::string text = Slurp(err);
-  EXPECT_EQ(
-      text,
-      "tavrix-cli: warning: 1000 lines have run without the virtual clock moving: lines 3-4 of " +
-          options.sequence +
-          " loop without a wait; --max-lines N ends such a run\n"
-          "tavrix-cli: --max-lines 5000 ended the run\n");
+  EXPECT_THAT(text, HasSubstr("tavrix-cli: warning: 1000 lines have run without the virtual clock "
+                              "moving: lines 3-4 of " +
+                              options.sequence +
+                              " loop without a wait; --max-lines N ends such a run\n"
+                              "tavrix-cli: --max-lines 5000 ended the run\n"));
 }
 
 TEST_F(RobustnessTest, OnlyRegularFilesAreRead) {
@@ -140,7 +141,8 @@ TEST_F(RobustnessTest, WarningsAndMessagesSayWhatIsWrong) {
   EXPECT_THAT(out_, HasSubstr(lf + ":1: warning: its lines end in bare line feeds"));
   EXPECT_THAT(out_, HasSubstr("save it with CR LF line ends\n"));
   EXPECT_EQ(Cli({"run", "--virtual-time", lf}), kExitOk);
-  EXPECT_EQ(err_, "tavrix-cli: warning: " + lf + ": " + std::string(kBareLineFeedWarning) + "\n");
+  EXPECT_THAT(err_, HasSubstr("tavrix-cli: warning: " + lf + ": " +
+                              std::string(kBareLineFeedWarning) + "\n"));
   EXPECT_EQ(Cli({"lint", File("crlf.wts", "WAITSECONDS 1\r\n")}), 0);
   EXPECT_EQ(out_, "");
 
@@ -158,8 +160,9 @@ TEST_F(RobustnessTest, WarningsAndMessagesSayWhatIsWrong) {
   EXPECT_EQ(Cli({"run", "--virtual-time", "--link", "tcp://127.0.0.1:" + port,
                  File("t.wts", "WAITSECONDS 1\r\n")}),
             kExitUsage);
-  EXPECT_EQ(err_, "tavrix-cli: cannot open the instrument link tcp://127.0.0.1:" + port +
-                      ": IML error:  31 (connection refused: 127.0.0.1:" + port + ")\n");
+  EXPECT_THAT(err_,
+              HasSubstr("tavrix-cli: cannot open the instrument link tcp://127.0.0.1:" + port +
+                        ": IML error:  31 (connection refused: 127.0.0.1:" + port + ")\n"));
 
   // Every message ends with a line end, the sequence error report and a
   // file that is not text among them.
