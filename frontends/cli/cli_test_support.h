@@ -38,6 +38,17 @@ class Captured {
   std::FILE* stream_;
 };
 
+// Everything written to `f` (a temporary file), which is then closed.
+inline std::string Slurp(std::FILE* f) {
+  std::rewind(f);
+  std::string text;
+  char buf[4096];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+  std::fclose(f);
+  return text;
+}
+
 class CliTestBase : public ::testing::Test {
  protected:
   // `withoutDots`: see ScratchFolder. The data root (the results store and

@@ -259,6 +259,10 @@ int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* er
       unreadable = true;
       continue;
     }
+    if (SequenceHasBareLineFeeds(file)) {
+      std::fprintf(out, "%s:1: warning: %s\n", file.c_str(),
+                   std::string(kBareLineFeedWarning).c_str());
+    }
     for (const auto& m : messages) {
       std::fprintf(out, "%s:%d: %s: %s\n", file.c_str(), m.line, m.error ? "error" : "warning", m.text.c_str());
       errors = errors || m.error;

@@ -4,12 +4,15 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
+#include "common/checked_numbers.h"
 #include "common/civil_time.h"
 #include "crypt_commands.h"
 #include "engine/engine.h"
@@ -21,6 +24,7 @@
 #include "resultsdb/results_recorder.h"
 #include "resultsdb/uut_capture.h"
 #include "sequencer/console_operators.h"
+#include "sequencer/sequence_file.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -35,12 +39,103 @@ int ExitStatusFor(EndReason reason) {
     case EndReason::kError:
     case EndReason::kUnload:
       return kExitSequenceError;
+    case EndReason::kLimit:
+      return kExitLimit;
     case EndReason::kAbort:
     case EndReason::kNone:
       break;
   }
   return kExitStopped;
 }
+
+// "3-5, 9" from the line numbers {3, 4, 5, 9}.
+std::string LineRanges(const std::set<int>& lines) {
+  std::string text;
+  for (auto it = lines.begin(); it != lines.end();) {
+    const int first = *it;
+    int last = first;
+    while (++it != lines.end() && *it == last + 1) last = *it;
+    if (!text.empty()) text += ", ";
+    text += std::to_string(first);
+    if (last != first) text += "-" + std::to_string(last);
+  }
+  return text;
+}
+
+// The limits `--stop-after` and `--max-lines` put on a run, and the warning
+// for a virtual-time run that loops without a wait.
+class RunLimits {
+ public:
+  RunLimits(Engine& engine, std::optional<Micros> stopAfter, const std::string& stopAfterText,
+            std::optional<int64_t> maxLines, int64_t loopWarningLines, std::FILE* err)
+      : engine_(engine),
+        maxLines_(maxLines),
+        loopWarningLines_(loopWarningLines),
+        err_(err),
+        lastNow_(engine.clock().now()) {
+    Sequencer& seq = engine.sequencer();
+    if (stopAfter) {
+      stopTimer_ = std::make_unique<Timer>(engine.events(), *stopAfter, [this, stopAfterText] {
+        stopTimer_->setEnabled(false);
+        reach("--stop-after " + stopAfterText);
+      });
+      stopTimer_->setEnabled(true);
+    }
+    seq.addLineHook([this](int16_t line) { lineDispatched(line); });
+  }
+  ~RunLimits() {
+    if (stopTimer_) stopTimer_->setEnabled(false);
+  }
+
+  // The limit that ended the run, empty when none did.
+  const std::string& reached() const { return reached_; }
+
+ private:
+  void reach(const std::string& limit) {
+    Sequencer& seq = engine_.sequencer();
+    if (!reached_.empty() || !seq.flags().running || seq.flags().stopRequested) return;
+    reached_ = limit;
+    seq.requestLimitStop();
+  }
+
+  void lineDispatched(int16_t line) {
+    ++dispatched_;
+    if (maxLines_ && dispatched_ >= *maxLines_) reach("--max-lines " + std::to_string(*maxLines_));
+    if (!engine_.clock().isVirtual() || warned_) return;
+    const Micros now = engine_.clock().now();
+    if (now != lastNow_) {
+      lastNow_ = now;
+      still_ = 0;
+      loopLines_.clear();
+      return;
+    }
+    ++still_;
+    // The lines of the last stretch name the loop.
+    if (still_ > loopWarningLines_ - std::min<int64_t>(100'000, loopWarningLines_ / 2))
+      loopLines_.insert(line);
+    if (still_ < loopWarningLines_) return;
+    warned_ = true;
+    std::fprintf(
+        err_,
+        "tavrix-cli: warning: %lld lines have run without the virtual clock moving: lines %s "
+        "of %s loop without a wait; --max-lines N ends such a run\n",
+        static_cast<long long>(loopWarningLines_), LineRanges(loopLines_).c_str(),
+        engine_.sequencer().sequenceFileName().c_str());
+    std::fflush(err_);
+  }
+
+  Engine& engine_;
+  std::optional<int64_t> maxLines_;
+  int64_t loopWarningLines_;
+  std::FILE* err_;
+  std::unique_ptr<Timer> stopTimer_;
+  std::string reached_;
+  int64_t dispatched_ = 0;
+  Micros lastNow_;
+  int64_t still_ = 0;
+  std::set<int> loopLines_;
+  bool warned_ = false;
+};
 
 // Blocks SIGINT, SIGTERM and SIGHUP for the whole run. It must be made before
 // any thread of the run starts (the results store's writer, the terminal
@@ -124,6 +219,26 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The data root is decided here, once, for the whole run.
   auto files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+  std::optional<Micros> stopAfter;
+  if (options.stopAfter) {
+    stopAfter = parseDuration(*options.stopAfter);
+    if (!stopAfter) {
+      std::fprintf(
+          err, "tavrix-cli: --stop-after wants a span such as 90s, 30m, 48h or 7d, not \"%s\"\n",
+          options.stopAfter->c_str());
+      return kExitUsage;
+    }
+  }
+  std::optional<int64_t> maxLines;
+  if (options.maxLines) {
+    maxLines = parseWholeNumber(*options.maxLines);
+    if (!maxLines || *maxLines < 1) {
+      std::fprintf(err, "tavrix-cli: --max-lines wants a whole number from 1 to %lld, not \"%s\"\n",
+                   static_cast<long long>(INT64_MAX), options.maxLines->c_str());
+      return kExitUsage;
+    }
+  }
+
   std::string operatorError;
   std::unique_ptr<Operator> op =
       MakeConsoleOperator(*files, options.answers, in, err, &operatorError);
@@ -198,8 +313,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
-    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
-                 instrument->link().lastErrorText.c_str());
+    const std::string problem = instrument->link().library().connectionProblem();
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
+                 options.link.c_str(), instrument->link().lastErrorText.c_str(),
+                 problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
@@ -211,6 +328,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (!seq.prepareFile(options.sequence, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
+  }
+  if (SequenceHasBareLineFeeds(options.sequence)) {
+    std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
+                 std::string(kBareLineFeedWarning).c_str());
   }
 
   // The results store: records wait in a journal in the data root and are
@@ -239,10 +360,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
 
   EndReason reason;
+  std::string limit;
   {
+    RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
+                     options.loopWarningLines, err);
     SignalBridge signals(engine);
     seq.pressRun();
     reason = seq.endReason();
+    limit = limits.reached();
   }
   if (recorder) {
     // What the store has not taken after a while waits in the journal for
@@ -262,6 +387,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
       if (!written) event.field("error", recorder->lastError());
     }
   }
+  if (reason == EndReason::kLimit)
+    std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
   const auto losses = engine.files().losses();
@@ -313,6 +440,11 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
       ->add_option("--results", run.results,
                    "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
+  runCommand->add_option(
+      "--stop-after", run.stopAfter,
+      "End the run (exit status 5) after this long on its clock: 90s, 30m, 48h, 7d");
+  runCommand->add_option("--max-lines", run.maxLines,
+                         "End the run (exit status 5) after N dispatched lines");
   runCommand->add_flag("--quiet", run.quiet,
                        "Show only messages and the summary, even on a terminal");
   runCommand->add_option("--results-store", run.resultsStore,

@@ -85,16 +85,6 @@ class TerminalViewTest : public CliTestBase {
     return status;
   }
 
-  static std::string Slurp(std::FILE* f) {
-    std::rewind(f);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
-    return text;
-  }
-
   static bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
   }

@@ -98,6 +98,28 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
   EXPECT_EQ(Run("Cancel\n", {"--results", "html"}), kExitUsage);
 }
 
+// A KIND* line gives the same answer to every question of its kind: one the
+// question refuses, or one that sends the question round again, would be
+// given for ever. The run ends at once, as for an unanswerable question.
+TEST_F(TestDbRunTest, AStandingAnswerThatLoopsEndsTheRunWithOneMessage) {
+  for (const std::string bad :
+       {"DATAENTRY*: Accept|serial=1|bogus=2\n", "DATAENTRY*: Accept|serial=1|date=31-02-2026\n"}) {
+    EXPECT_EQ(Run(bad), kExitSequenceError) << bad;
+    EXPECT_THAT(err_, HasSubstr("line 1 of the answers file answers \"Accept|serial=1|"));
+    EXPECT_THAT(err_, HasSubstr("the same answer would come again"));
+    // The window's message is shown once, not once a turn.
+    EXPECT_LT(err_.size(), 2000u) << err_;
+  }
+  EXPECT_EQ(Run("DATAENTRY: Accept|serial=5\nUUTCHECK*: Fail and Repeat\n"), kExitSequenceError);
+  EXPECT_THAT(err_, HasSubstr("No answer to the UUTCHECK question"));
+  EXPECT_THAT(err_, HasSubstr("line 2 of the answers file"));
+  // A refused plain line is used up: the repeated question takes the next.
+  EXPECT_EQ(Run("DATAENTRY: Accept|serial=1|bogus=2\nDATAENTRY: Accept|serial=3\nPass\nCancel\n"),
+            kExitOk)
+      << err_;
+  EXPECT_THAT(Read("results/Pump test_261115.txt"), HasSubstr("3\tPASS"));
+}
+
 // The example of docs/test-database.md, on the simulated rig: run from a copy
 // of the examples folder, as from the top of the repository.
 TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {

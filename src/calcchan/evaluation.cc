@@ -6,6 +6,7 @@
 
 #include "calcchan/setup_file.h"
 #include "calcchan/summary_files.h"
+#include "common/checked_numbers.h"
 #include "common/text_conventions.h"
 #include "instrument/link/channels.h"
 
@@ -272,7 +273,7 @@ void CalcChannels::average(CalcChannel& row) {
   row.counter = clampedCount(row.passes);
   const Micros now = state_.passTime;
   if (now - row.dueTime >= 0) {
-    const Micros period = static_cast<Micros>(leadingNumber(row.param1) * kMicrosPerHour);
+    const Micros period = checkedMicros(leadingNumber(row.param1) * kMicrosPerHour).value_or(0);
     if (period > 0) {
       row.dueTime += ((now - row.dueTime) / period + 1) * period;
     } else {

@@ -158,6 +158,16 @@ TEST_F(SetupFileTest, BadFilesFailWithTheirMessages) {
       {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\n\"[END CHANNEL]  \"\r\n",
        {"Invalid Calculated Channel file entry:\r[END CHANNEL]  ", unable + "bad.ccs"}},
       {std::string("\0\1\2\3 binary", 10), {unable + "bad.ccs"}},
+      // An averaging period that does not fit the clock is an error while
+      // loading, never an overflow.
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=1e308\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=-1e308\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=1e19\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=2.4e+39\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
   };
   for (const auto& c : cases) {
     messages.clear();

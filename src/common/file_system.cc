@@ -35,7 +35,8 @@ std::string baseName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-bool FileSystem::writeAtomically(const std::string& path, std::string_view bytes, std::string* error) {
+bool FileSystem::writeAtomically(const std::string& path, std::string_view bytes,
+                                 std::string* error) {
   auto file = rewrite(path, error);
   return file && file->write(bytes, error) && file->commit(error);
 }
@@ -88,7 +89,8 @@ void finishInterruptedAppend(const std::string& marker, int fd, off_t& size) {
   ::close(in);
   char* end = nullptr;
   const long long before = n > 0 ? std::strtoll(text, &end, 10) : -1;
-  if (end != nullptr && *end == '\n' && before >= 0 && before < size && ::ftruncate(fd, before) == 0) {
+  if (end != nullptr && *end == '\n' && before >= 0 && before < size &&
+      ::ftruncate(fd, before) == 0) {
     size = static_cast<off_t>(before);
   }
   ::unlink(marker.c_str());
@@ -110,7 +112,8 @@ void removeStaleTemps(const std::string& path) {
         !name.ends_with(kTempSuffix)) {
       continue;
     }
-    const std::string middle(name.substr(prefix.size(), name.size() - prefix.size() - kTempSuffix.size()));
+    const std::string middle(
+        name.substr(prefix.size(), name.size() - prefix.size() - kTempSuffix.size()));
     char* end = nullptr;
     const long pid = std::strtol(middle.c_str(), &end, 10);
     if (end == middle.c_str() || *end != '-' || pid <= 0) continue;
@@ -122,7 +125,8 @@ void removeStaleTemps(const std::string& path) {
 
 class LocalInputFile final : public InputFile {
  public:
-  LocalInputFile(int fd, std::string path, uint64_t size) : fd_(fd), path_(std::move(path)), size_(size) {}
+  LocalInputFile(int fd, std::string path, uint64_t size)
+      : fd_(fd), path_(std::move(path)), size_(size) {}
   ~LocalInputFile() override { ::close(fd_); }
   uint64_t size() const override { return size_; }
   bool read(void* bytes, size_t size, size_t& got, std::string* error) override {
@@ -266,9 +270,24 @@ FileInfo LocalFileSystem::info(const std::string& path) const {
   return info;
 }
 
-bool LocalFileSystem::readFile(const std::string& path, std::string& bytes, std::string* error) const {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+bool LocalFileSystem::readFile(const std::string& path, std::string& bytes,
+                               std::string* error) const {
+  // Non-blocking, so that opening a FIFO with no writer returns at once; it
+  // is refused below as not a regular file.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return fail(error, "Cannot open", path, errno);
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    const int err = errno;
+    const bool folder = S_ISDIR(st.st_mode);
+    ::close(fd);
+    if (error && err == 0) {
+      *error = "Cannot read \"" + path + "\": " +
+               (folder ? "it is a folder" : "it is not a regular file (a device, FIFO or socket)");
+      return false;
+    }
+    return fail(error, "Cannot read", path, err);
+  }
   bytes.clear();
   char buf[65536];
   for (;;) {
@@ -286,8 +305,10 @@ bool LocalFileSystem::readFile(const std::string& path, std::string& bytes, std:
   return true;
 }
 
-std::unique_ptr<InputFile> LocalFileSystem::openInput(const std::string& path, std::string* error) const {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+std::unique_ptr<InputFile> LocalFileSystem::openInput(const std::string& path,
+                                                      std::string* error) const {
+  // Non-blocking, so that a FIFO with no writer is refused at once below.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     fail(error, "Cannot open", path, errno);
     return nullptr;
@@ -303,6 +324,13 @@ std::unique_ptr<InputFile> LocalFileSystem::openInput(const std::string& path, s
     ::close(fd);
     return nullptr;
   }
+  if (!S_ISREG(st.st_mode)) {
+    if (error) *error = "Cannot read \"" + path + "\": it is not a regular file";
+    ::close(fd);
+    return nullptr;
+  }
+  // Reads block again: a regular file never waits.
+  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
   return std::make_unique<LocalInputFile>(fd, path, static_cast<uint64_t>(st.st_size));
 }
 
@@ -314,8 +342,8 @@ std::unique_ptr<AtomicFile> LocalFileSystem::rewrite(const std::string& path, st
   int fd = -1;
   int err = 0;
   for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-    temp = folder + tempPrefixOf(path) + std::to_string(::getpid()) + "-" + std::to_string(counter++) +
-           std::string(kTempSuffix);
+    temp = folder + tempPrefixOf(path) + std::to_string(::getpid()) + "-" +
+           std::to_string(counter++) + std::string(kTempSuffix);
     fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     err = errno;
     if (fd < 0 && err != EEXIST) break;
@@ -370,7 +398,8 @@ bool LocalFileSystem::append(const std::string& path, std::string_view bytes, st
 }
 
 bool LocalFileSystem::truncate(const std::string& path, uint64_t size, std::string* error) {
-  if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0) return fail(error, "Cannot cut back", path, errno);
+  if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0)
+    return fail(error, "Cannot cut back", path, errno);
   return true;
 }
 
@@ -404,7 +433,8 @@ bool LocalFileSystem::makeFolders(const std::string& folder, std::string* error)
     pos = folder.find('/', pos + 1);
     part = folder.substr(0, pos);
     if (part.empty() || part == "." || part == "..") continue;
-    if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) return fail(error, "Cannot create", part, errno);
+    if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST)
+      return fail(error, "Cannot create", part, errno);
   }
   struct stat st {};
   if (::stat(folder.c_str(), &st) != 0) return fail(error, "Cannot create", folder, errno);
@@ -482,7 +512,8 @@ ScratchFolder::ScratchFolder(bool withoutDots) {
   while (base.size() > 1 && base.back() == '/') base.pop_back();
   std::string pattern = base + "/tavrix-test-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {
-    std::fprintf(stderr, "cannot create a scratch folder in %s: %s\n", base.c_str(), std::strerror(errno));
+    std::fprintf(stderr, "cannot create a scratch folder in %s: %s\n", base.c_str(),
+                 std::strerror(errno));
     std::abort();
   }
   path_ = pattern;
@@ -528,7 +559,8 @@ class StreamOutput final : public OutputFile {
  public:
   explicit StreamOutput(std::FILE* stream) : stream_(stream) {}
   bool write(std::string_view bytes, std::string* error) override {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), stream_) == bytes.size() && std::fflush(stream_) == 0) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), stream_) == bytes.size() &&
+        std::fflush(stream_) == 0) {
       return true;
     }
     if (error) *error = std::string("Cannot write to the output: ") + std::strerror(errno);
@@ -541,7 +573,9 @@ class StreamOutput final : public OutputFile {
 
 }  // namespace
 
-std::unique_ptr<OutputFile> streamOutput(std::FILE* stream) { return std::make_unique<StreamOutput>(stream); }
+std::unique_ptr<OutputFile> streamOutput(std::FILE* stream) {
+  return std::make_unique<StreamOutput>(stream);
+}
 
 }  // namespace tavrix
 
@@ -555,9 +589,10 @@ bool copyTree(FileSystem& files, const std::string& from, const std::string& to)
     const std::string target = to + "/" + name;
     const FileKind kind = files.info(source).kind;
     std::string bytes;
-    const bool copied = kind == FileKind::kFolder ? copyTree(files, source, target)
-                                                  : files.readFile(source, bytes, nullptr) &&
-                                                        files.writeAtomically(target, bytes, nullptr);
+    const bool copied = kind == FileKind::kFolder
+                            ? copyTree(files, source, target)
+                            : files.readFile(source, bytes, nullptr) &&
+                                  files.writeAtomically(target, bytes, nullptr);
     if (!copied) return false;
   }
   return true;

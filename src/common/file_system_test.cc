@@ -52,6 +52,38 @@ class TextFileTest : public ::testing::Test {
   std::string locked_;
 };
 
+// Reading is bounded: only regular files are read (a FIFO without a writer
+// or /dev/zero would block or never end), and a file too large or with a
+// line too long is refused with a message naming it.
+TEST_F(TextFileTest, ReadsOnlyRegularFilesWithinTheBounds) {
+  std::string text;
+  std::string error;
+  const std::string fifo = dir_ + "/pipe.wts";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_FALSE(readTextFile(files_, fifo, text, &error));
+  EXPECT_EQ(error,
+            "Cannot read \"" + fifo + "\": it is not a regular file (a device, FIFO or socket)");
+  EXPECT_FALSE(readTextFile(files_, "/dev/zero", text, &error));
+  EXPECT_NE(error.find("not a regular file"), std::string::npos);
+  EXPECT_FALSE(readTextFile(files_, dir_, text, &error));
+  EXPECT_NE(error.find("it is a folder"), std::string::npos);
+
+  const std::string file = dir_ + "/big.txt";
+  ASSERT_TRUE(writeTextFileAtomically(files_, file, {std::string(100, 'x'), "short"}, nullptr));
+  EXPECT_TRUE(readTextFile(files_, file, text, &error, 110, 100)) << error;
+  EXPECT_FALSE(readTextFile(files_, file, text, &error, 106, 100));
+  EXPECT_EQ(error, "Cannot read \"" + file +
+                       "\": it is larger than 106 bytes, the most a text file may hold");
+  EXPECT_FALSE(readTextFile(files_, file, text, &error, 1024, 99));
+  EXPECT_EQ(error, "Cannot read \"" + file +
+                       "\": a line is longer than 99 bytes, the most a line may hold");
+  // Lines end at a bare LF as well as at CR, so a file of short LF lines is
+  // within the line bound.
+  ASSERT_TRUE(
+      writeTextFileAtomically(files_, file, {std::string(60, 'a') + "\n" + std::string(60, 'b')}, nullptr));
+  EXPECT_TRUE(readTextFile(files_, file, text, &error, 1024, 60)) << error;
+}
+
 TEST_F(TextFileTest, WritesLinesWithCrLfAndReplacesTheWholeFile) {
   const std::string path = dir_ + "/results.txt";
   std::string error;

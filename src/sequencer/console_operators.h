@@ -28,12 +28,18 @@ class ScriptedOperator : public Operator {
   ScriptedOperator(AnswersFile answers, std::FILE* messages) : answers_(std::move(answers)), out_(messages) {}
   void ask(const Question& question, std::function<void(Answer)> answered) override;
   std::string unansweredReason() const override { return reason_; }
+  // A KIND* line gives the same answer every time: a question that refuses
+  // it, or that it sends round again, would loop for ever.
+  bool mayAskAgain(const Question& question, std::string_view why) override;
   void showMessage(std::string_view title, std::string_view text) override;
 
  private:
   AnswersFile answers_;
   std::FILE* out_;
   std::string reason_;
+  // The line that gave the last answer, and the kind it answered.
+  std::optional<AnswersFile::Line> last_;
+  std::string lastKind_;
 };
 
 // Asks at the terminal: the question, its buttons numbered, and a line of

@@ -172,6 +172,7 @@ void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cm
     question.buttons = {"Up", "Down", "Done"};
     const Answer answer = seq.ask(question);
     if (!answer || *answer == "Done" || WaitInterrupted(seq)) return;
+    if (!seq.mayAskAgain(question, "only Done ends the adjustment")) return;
     const double next = leadingNumber(value) + (*answer == "Up" ? step : -step);
     if (!WriteOrReport(*channels, seq, "ManualAdjust", channel, numberText(next))) return;
   }

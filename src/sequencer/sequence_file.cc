@@ -1,10 +1,13 @@
 #include "sequencer/sequence_file.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 
 namespace tavrix {
 
@@ -23,6 +26,19 @@ size_t CleanReadLine(std::string& line) {
   return removed;
 }
 
+bool HasBareLineFeeds(std::string_view text) {
+  for (size_t i = text.find('\n'); i != std::string_view::npos; i = text.find('\n', i + 1)) {
+    if (i == 0 || text[i - 1] != '\r') return true;
+  }
+  return false;
+}
+
+bool SequenceHasBareLineFeeds(const std::string& path) {
+  std::string text;
+  return readTextFile(localFiles(), path, text, nullptr, kMaxTextFileBytes, kMaxTextFileBytes) &&
+         HasBareLineFeeds(text);
+}
+
 bool SequenceFile::open(const FileSystem& files, const std::string& path, std::string* error) {
   const FileInfo st = files.info(path);
   if (st.kind == FileKind::kMissing) {
@@ -39,11 +55,19 @@ bool SequenceFile::open(const FileSystem& files, const std::string& path, std::s
   const bool same = path == path_ && mtime == mtimeNs_ && static_cast<int64_t>(st.size) == size_ &&
                     st.device == device_ && st.inode == inode_;
   if (!same) {
+    if (st.kind == FileKind::kOther) {
+      if (error)
+        *error = "Cannot open sequence file " + path +
+                 ": it is not a regular file (a device, FIFO or socket)";
+      open_ = false;
+      return false;
+    }
     std::string text;
-    std::string reason;
-    if (!files.readFile(path, text, &reason)) {
-      const size_t why = reason.rfind("\": ");
-      if (error) *error = "Cannot open sequence file " + path + ": " + reason.substr(why == std::string::npos ? 0 : why + 3);
+    std::string readError;
+    // The reader takes lines of any length, so only the file's size is
+    // bounded.
+    if (!readTextFile(files, path, text, &readError, kMaxTextFileBytes, kMaxTextFileBytes)) {
+      if (error) *error = "Cannot read sequence file " + path + ": " + readFailureReason(readError);
       open_ = false;
       return false;
     }

@@ -26,6 +26,7 @@ const char* EndReasonName(EndReason reason) {
     case EndReason::kError: return "error";
     case EndReason::kAbort: return "abort";
     case EndReason::kUnload: return "error";  // the program ends after a message
+    case EndReason::kLimit: return "limit";
     case EndReason::kNone: break;
   }
   return "none";
@@ -221,7 +222,9 @@ void Sequencer::dispatchLine(std::string& line) {
 
   const CommandLine command = SplitCommandLine(line);
   events_.processPendingEvents();
+  const int16_t number = lineNumber_;  // a jump moves it
   dispatcher_.run(*this, command);
+  for (auto& hook : lineHooks_) hook(number);
 }
 
 // --- Buttons -----------------------------------------------------------------
@@ -321,6 +324,11 @@ void Sequencer::requestEnd(EndReason reason) {
 
 void Sequencer::requestAbort() {
   if (endReason_ == EndReason::kNone) endReason_ = EndReason::kAbort;
+  pressStop();
+}
+
+void Sequencer::requestLimitStop() {
+  if (endReason_ == EndReason::kNone) endReason_ = EndReason::kLimit;
   pressStop();
 }
 
@@ -491,6 +499,13 @@ Answer Sequencer::ask(const Question& question, const std::function<bool()>& clo
                         "\" - " + operator_.unansweredReason());
   }
   return wait.answer;
+}
+
+bool Sequencer::mayAskAgain(const Question& question, std::string_view why) {
+  if (operator_.mayAskAgain(question, why)) return true;
+  reportSequenceError("No answer to the " + question.kind + " question \"" + question.text +
+                      "\" - " + operator_.unansweredReason());
+  return false;
 }
 
 void Sequencer::examineDefineTable() {

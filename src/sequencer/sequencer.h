@@ -41,7 +41,7 @@ struct RunFlags {
 
 // How the last run ended. kUnload: a command closed the main window, which
 // ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
-enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
+enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload, kLimit };
 
 // When a wait ends early, in the variants that waits really differ by. Every
 // variant ends on a pending jump or a pending time-out action.
@@ -61,7 +61,8 @@ enum class WaitRule {
   kPollSleep,
 };
 // "eof", "stop", "error" (also for kUnload: it ends the program after a
-// message, as an error does), "abort".
+// message, as an error does), "abort", "limit" (a limit of the front end on
+// the run's length).
 const char* EndReasonName(EndReason reason);
 
 // One entry of the define table.
@@ -161,6 +162,11 @@ class Sequencer {
   // `closedAs` had been pressed, as soon as `closeNow()` answers true.
   Answer ask(const Question& question, const std::function<bool()>& closeNow,
              std::string_view closedAs);
+  // Before `question` is asked again because of its last answer (`why`: "it
+  // refuses the date ..." or "it asks for the check again"): false, with a
+  // sequence error (the run ends), when the same answer would only come
+  // again.
+  bool mayAskAgain(const Question& question, std::string_view why);
 
   // Examines the define table, as the waits do at every turn.
   void examineDefineTable();
@@ -224,6 +230,9 @@ class Sequencer {
   void requestEnd(EndReason reason);
   // Ends the run at once as the Stop button does, as an abort.
   void requestAbort();
+  // Ends the run at once as the Stop button does, because a limit the front
+  // end set on the run's length was reached.
+  void requestLimitStop();
 
   // Continues the run in another sequence file (CHAIN, RETURN): the file is
   // opened, `linesToSkip` lines are passed over, and labels are searched in
@@ -244,6 +253,11 @@ class Sequencer {
   // the current command display shows it.
   using LineObserver = std::function<void(int16_t lineNumber, std::string_view text)>;
   void addLineObserver(LineObserver observer) { lineObservers_.push_back(std::move(observer)); }
+  // Hooks run after each dispatched line, with its line number (a front
+  // end's limits on the run).
+  void addLineHook(std::function<void(int16_t line)> hook) {
+    lineHooks_.push_back(std::move(hook));
+  }
 
   // Hooks run by the Stop button (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
@@ -310,6 +324,7 @@ class Sequencer {
   std::vector<std::function<void()>> stopHooks_;
   std::vector<LineObserver> lineObservers_;
   std::vector<std::function<void()>> runEndHooks_;
+  std::vector<std::function<void(int16_t)>> lineHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;
   std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 
@@ -15,7 +14,11 @@ constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:
 // operator; sequences are written to a temporary file.
 class RunEngineTest : public ::testing::Test {
  protected:
-  RunEngineTest() : clock_(kStart), events_(clock_), trace_(clock_), seq_(events_, op_, trace_, files_, paths_) {
+  RunEngineTest()
+      : clock_(kStart),
+        events_(clock_),
+        trace_(clock_),
+        seq_(events_, op_, trace_, files_, paths_) {
     RegisterSequencerCommands(seq_);
   }
 
@@ -93,8 +96,8 @@ TEST_F(RunEngineTest, StopEndsAfterItsLineAndTheNextRunStartsAtTheTop) {
 }
 
 TEST_F(RunEngineTest, GotoFindsLabelsBySubstringInAnyCase) {
-  EXPECT_EQ(Run({"GOTO start", "WAITSECONDS 100", "XSTART:", "WAITSECONDS 1", "START:",
-                 "WAITSECONDS 1000"}),
+  EXPECT_EQ(Run({"GOTO start", "WAITSECONDS 100", "XSTART:", "WAITSECONDS 1",
+                 "START:", "WAITSECONDS 1000"}),
             "");
   // The first line holding "START:" wins, even inside XSTART:.
   EXPECT_DOUBLE_EQ(Elapsed(), 1001.0);
@@ -173,15 +176,13 @@ TEST_F(RunEngineTest, SingleSteppingHoldsEachLineUntilStepOrSkip) {
 TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
   Load({"WAITSECONDS 1000", "WAITSECONDS 1000", "HANDLER:", "WAITSECONDS 5"});
   seq_.setJumpTarget("handler", false);
-  bool fired = false;
-  seq_.setDefineActions(
-      [&fired](Sequencer& s) {
-        if (!fired && s.clock().now() - kStart >= 3 * kMicrosPerSecond) {
-          fired = true;
-          s.makeTimeoutPending();
-        }
-      },
-      {}, {});
+  // Something with a timer of its own (an alarm, a calculated channel)
+  // makes the timeout pending 3 s into the wait.
+  Timer fire(events_, 3 * kMicrosPerSecond, [&] {
+    fire.setEnabled(false);
+    seq_.makeTimeoutPending();
+  });
+  fire.setEnabled(true);
   seq_.pressRun();
   EXPECT_EQ(seq_.lastSequenceError(), "");
   // The first wait ends at its first turn after 3 s; the label's line runs.
@@ -219,7 +220,8 @@ TEST_F(RunEngineTest, CloseAsksOnlyWhileTheRunMustNotBeStoppedAndNeedsAnExplicit
   EXPECT_TRUE(op_.messages.empty());
   EXPECT_FALSE(op_.controls.stopEnabled);
   ASSERT_GE(op_.questions.size(), 4u);
-  EXPECT_EQ(op_.questions[0].text, "This application should not be  stopped\rDo you want to stop it ?");
+  EXPECT_EQ(op_.questions[0].text,
+            "This application should not be  stopped\rDo you want to stop it ?");
   EXPECT_EQ(op_.questions[0].title, "Corvane Test Sequence");
   EXPECT_EQ(allowed.at(0), false);
   EXPECT_EQ(allowed.at(1), false);

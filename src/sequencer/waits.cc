@@ -1,14 +1,16 @@
 // WAITSECONDS with its delay timer, STARTTIMECOUNT and AFTERTIMECOUNT.
 //
-// The delay timer ticks once a second, to refresh the count-down shown in
-// the command display, and once more just after the wait's due instant, so a
-// wait ends on time without the engine waking more often than that.
+// The delay timer ticks once a second on the real clock, to refresh the
+// count-down shown in the command display, and once more just after the
+// wait's due instant, so a wait ends on time without the engine waking more
+// often than that. On a virtual clock it ticks at the due instant only.
 
 #include "sequencer/waits.h"
 
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 
@@ -43,8 +45,17 @@ struct WaitState {
     armDelayTimer(now);
   }
 
+  // On a virtual clock nobody watches the count-down, so the timer is armed
+  // for the due instant itself: the clock jumps there in one step, and a
+  // year's wait costs one tick instead of one a second.
   void armDelayTimer(Micros now) {
-    delayTimer.setDue(std::min(now + kDelayTimerInterval, due));
+    if (due == Clock::kNever) {
+      delayTimer.setEnabled(false);
+    } else if (delayTimer.loop().clock().isVirtual()) {
+      delayTimer.setDue(due);
+    } else {
+      delayTimer.setDue(std::min(now + kDelayTimerInterval, due));
+    }
   }
 
   Timer delayTimer;
@@ -73,8 +84,15 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd
   const bool secondsTimerWasOn = seq.secondsTimerEnabled();
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(false);
 
-  const double length = std::min(state.waitLength, kLongestWaitSeconds);
-  state.due = start + static_cast<Micros>(std::ceil(length * kMicrosPerSecond));
+  // The wait length is a single-precision number: beyond its range it is
+  // infinite, and the wait has no due instant at all (only Stop, a jump or
+  // the timeout end it). Finite lengths beyond a century are held for one.
+  if (state.waitLength > std::numeric_limits<float>::max()) {
+    state.due = Clock::kNever;
+  } else {
+    const double length = std::min(state.waitLength, kLongestWaitSeconds);
+    state.due = start + static_cast<Micros>(std::ceil(length * kMicrosPerSecond));
+  }
   state.armDelayTimer(start);
   state.delayRunning = true;
   seq.waitUntil(

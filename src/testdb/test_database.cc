@@ -75,6 +75,7 @@ bool TestDatabase::askDataEntry(DataEntry& entry) {
     // The window stays open after its message.
     showPlainMessage(parsed.message);
     if (runEnding()) return false;
+    if (!seq_.mayAskAgain(question, "the window refuses it: " + parsed.message)) return false;
   }
 }
 

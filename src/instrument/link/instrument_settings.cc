@@ -6,6 +6,7 @@
 
 #include "common/paths.h"
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 #include "common/text_items.h"
 
 namespace tavrix {
@@ -104,8 +105,9 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
 bool LoadInstrumentSettings(const FileSystem& files, const std::string& path,
                             InstrumentSettings& settings, std::string& error) {
   std::string text;
-  if (!files.readFile(path, text, nullptr)) {
-    error = "cannot read the settings file " + path;
+  std::string readError;
+  if (!readTextFile(files, path, text, &readError)) {
+    error = "cannot read the settings file " + path + ": " + readFailureReason(readError);
     return false;
   }
   return ParseInstrumentSettings(text, path, settings, error);

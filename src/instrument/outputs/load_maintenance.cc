@@ -1,9 +1,11 @@
 #include "instrument/outputs/load_maintenance.h"
 
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <optional>
 
+#include "common/checked_numbers.h"
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_support.h"
@@ -118,6 +120,10 @@ class Maintainer {
       const double deviation = (target - *reading) / setup_.gain;
       if (std::fabs(deviation) <= setup_.tolerance) return true;
       const int64_t correctionMs = CorrectionTimeMs(deviation, setup_.rate);
+      if (!(std::fabs(output_ + deviation) <= std::numeric_limits<float>::max())) {
+        seq_.reportSequenceError(std::string(kTextMaintainOutOfRange) + setup_.outputChannel);
+        return false;
+      }
       const std::string text = formatNumber(output_ + deviation, "0.00");
       output_ = leadingNumber(text);
       ins_.channels().WriteChannel(setup_.outputChannel, text);
@@ -257,6 +263,12 @@ std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::stri
   }
   setup.loadChannel = *load;
   setup.target = leadingNumber(*target);
+  // A target beyond the single-precision range of a channel value cannot be
+  // written to an output.
+  if (!(std::fabs(setup.target) <= std::numeric_limits<float>::max())) {
+    error = kTextCannotParseMaintain;
+    return std::nullopt;
+  }
   setup.outputChannel = *output;
   LoopSettings settings;
   if (!TakeRateGainTolerance(reader, setup, true, settings, error)) return std::nullopt;
@@ -270,7 +282,7 @@ std::string MaintainWaitError(double seconds) {
 
 int64_t CorrectionTimeMs(double deviation, float rate) {
   const double steps = std::floor(std::fabs(deviation) / rate);
-  return (static_cast<int64_t>(std::min(steps, 1e9)) + 1) * 1000;
+  return (checkedInteger<int64_t>(std::min(steps, 1e9)).value_or(1'000'000'000) + 1) * 1000;
 }
 
 std::vector<KeywordEntry> LoadMaintenanceKeywords() {

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 #include "common/text_items.h"
 
 namespace tavrix {
@@ -233,8 +234,9 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
 bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup& setup,
                       std::string& error) {
   std::string text;
-  if (!files.readFile(path, text, nullptr)) {
-    error = "cannot read the setup file " + path;
+  std::string readError;
+  if (!readTextFile(files, path, text, &readError)) {
+    error = "cannot read the setup file " + path + ": " + readFailureReason(readError);
     return false;
   }
   return ParseRigSetup(text, path, setup, error);
@@ -549,7 +551,8 @@ int32_t SimLink::setupLibVersion(std::string& text) {
 int32_t SimLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
   RigSetup setup;
   if (!LoadRigSetupFile(files_, path, setup, load.message)) {
-    return files_.isFile(path) ? link_result::kSetupFileBadLine : link_result::kSetupFileUnreadable;
+    const bool unreadable = load.message.rfind("cannot read the setup file", 0) == 0;
+    return unreadable ? link_result::kSetupFileUnreadable : link_result::kSetupFileBadLine;
   }
   load.setupName = setup.name;
   load.summary = setup.summary;

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -38,7 +39,22 @@ struct Client {
   int fd;
   std::string in;
   std::string out;
+  int64_t lastHeardMs = 0;
+  bool closing = false;  // closed once `out` is sent
 };
+
+int64_t steadyMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Sends a refusal to a client that is not taken on, and closes it.
+void refuse(int fd, int32_t code, std::string_view why) {
+  const std::string line = "0 " + std::to_string(code) + " =" + EscapeField(why) + "\n";
+  [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+  ::close(fd);
+}
 
 }  // namespace
 
@@ -133,47 +149,84 @@ std::string RigServer::answer(std::string_view line) {
 }
 
 void RigServer::serve(const std::atomic<bool>& stop) {
+  const std::function<int64_t()> now = nowMs_ ? nowMs_ : std::function<int64_t()>(steadyMs);
   std::vector<Client> clients;
   std::vector<pollfd> fds;
+  // A descriptor held in reserve: when accept() fails for want of
+  // descriptors, it is given up for a moment so that the waiting client can
+  // be taken off the queue and told why, instead of the listening socket
+  // staying readable and the loop spinning.
+  int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   while (!stop.load()) {
     fds.clear();
     fds.push_back({listenFd_, POLLIN, 0});
     for (const auto& c : clients) {
-      fds.push_back({c.fd, static_cast<short>(POLLIN | (c.out.empty() ? 0 : POLLOUT)), 0});
+      // Requests are read only while the replies queued for the client are
+      // within their bound and no whole request waits unanswered.
+      const bool read =
+          !c.closing && c.out.size() < kMaxQueuedReplyBytes && c.in.find('\n') == std::string::npos;
+      fds.push_back(
+          {c.fd, static_cast<short>((read ? POLLIN : 0) | (c.out.empty() ? 0 : POLLOUT)), 0});
     }
-    if (::poll(fds.data(), fds.size(), 100) <= 0) continue;
-    if (fds[0].revents & POLLIN) {
-      const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (fd >= 0) {
+    const int ready = ::poll(fds.data(), fds.size(), 100);
+    const int64_t nowMs = now();
+    if (ready > 0 && (fds[0].revents & POLLIN)) {
+      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd < 0 && (errno == EMFILE || errno == ENFILE) && spare >= 0) {
+        ::close(spare);
+        fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) refuse(fd, kRigTooManyClients, "the rig server has no file descriptors left");
+        spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+      } else if (fd >= 0 && clients.size() >= kMaxClients) {
+        refuse(fd, kRigTooManyClients,
+               "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
+      } else if (fd >= 0) {
         const int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        clients.push_back({fd, {}, {}});
+        clients.push_back({fd, {}, {}, nowMs, false});
       }
     }
     for (size_t i = 0; i + 1 < fds.size() && i < clients.size(); ++i) {
       Client& c = clients[i];
       bool closed = false;
-      if (fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR)) {
+      const short revents = ready > 0 ? fds[i + 1].revents : 0;
+      if (revents & (POLLIN | POLLHUP | POLLERR)) {
         char chunk[8192];
-        for (;;) {
+        // Reads up to the bound of one request, so that a line without end
+        // costs no more than that.
+        while (c.in.size() <= kMaxRequestBytes) {
           const ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
           if (n > 0) {
             c.in.append(chunk, static_cast<size_t>(n));
+            c.lastHeardMs = nowMs;
             continue;
           }
           if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) closed = true;
           break;
         }
-        size_t start = 0;
-        size_t eol;
-        while ((eol = c.in.find('\n', start)) != std::string::npos) {
-          std::string_view line(c.in.data() + start, eol - start);
-          if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-          c.out += answer(line);
-          c.out += '\n';
-          start = eol + 1;
-        }
-        c.in.erase(0, start);
+      }
+      size_t start = 0;
+      size_t eol;
+      while (!c.closing && c.out.size() < kMaxQueuedReplyBytes &&
+             (eol = c.in.find('\n', start)) != std::string::npos) {
+        std::string_view line(c.in.data() + start, eol - start);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        c.out += line.size() > kMaxRequestBytes
+                     ? "0 " + std::to_string(kRigRequestTooLong) + " =request line too long"
+                     : answer(line);
+        c.out += '\n';
+        start = eol + 1;
+      }
+      c.in.erase(0, start);
+      if (!c.closing && c.in.size() > kMaxRequestBytes && c.in.find('\n') == std::string::npos) {
+        c.out +=
+            "0 " + std::to_string(kRigRequestTooLong) + " =" +
+            EscapeField("a request line is longer than " + std::to_string(kMaxRequestBytes >> 20) +
+                        " MiB; the connection is closed") +
+            "\n";
+        c.in.clear();
+        c.in.shrink_to_fit();
+        c.closing = true;
       }
       while (!closed && !c.out.empty()) {
         const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
@@ -184,6 +237,15 @@ void RigServer::serve(const std::atomic<bool>& stop) {
           break;
         }
       }
+      if (c.closing && c.out.empty()) closed = true;
+      if (!closed && !c.closing && nowMs - c.lastHeardMs > kIdleTimeoutMs) {
+        const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
+                                   EscapeField("no request for an hour; the connection is closed") +
+                                   "\n";
+        [[maybe_unused]] const ssize_t sent =
+            ::send(c.fd, notice.data(), notice.size(), MSG_NOSIGNAL);
+        closed = true;
+      }
       if (closed) {
         ::close(c.fd);
         c.fd = -1;
@@ -192,6 +254,7 @@ void RigServer::serve(const std::atomic<bool>& stop) {
     std::erase_if(clients, [](const Client& c) { return c.fd < 0; });
   }
   for (auto& c : clients) ::close(c.fd);
+  if (spare >= 0) ::close(spare);
 }
 
 int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,

@@ -10,11 +10,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "common/text_file.h"
 
 namespace tavrix {
 namespace {
@@ -40,23 +44,34 @@ void TcpLink::disconnect() {
 }
 
 bool TcpLink::connectSocket() {
+  problem_.clear();
+  const std::string address = host_ + ":" + std::to_string(port_);
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found) != 0) return false;
+  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
+      rc != 0) {
+    problem_ = "the name \"" + host_ + "\" does not resolve: " + gai_strerror(rc);
+    return false;
+  }
   bool connected = false;
   for (addrinfo* a = found; a != nullptr && !connected; a = a->ai_next) {
     const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) continue;
+    if (fd < 0) {
+      problem_ = std::string(std::strerror(errno)) + ": " + address;
+      continue;
+    }
     int rc = ::connect(fd, a->ai_addr, a->ai_addrlen);
+    int err = rc == 0 ? 0 : errno;
     if (rc != 0 && errno == EINPROGRESS) {
       pollfd p{fd, POLLOUT, 0};
       if (::poll(&p, 1, connectWaitMs) == 1) {
-        int err = 0;
         socklen_t len = sizeof err;
         getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
         rc = err == 0 ? 0 : -1;
+      } else {
+        err = ETIMEDOUT;
       }
     }
     if (rc == 0) {
@@ -65,10 +80,15 @@ bool TcpLink::connectSocket() {
       fd_ = fd;
       connected = true;
     } else {
+      std::string reason = std::strerror(err);
+      if (!reason.empty())
+        reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
+      problem_ = reason + ": " + address;
       ::close(fd);
     }
   }
   freeaddrinfo(found);
+  if (connected) problem_.clear();
   return connected;
 }
 
@@ -85,7 +105,25 @@ int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int wa
   return link_result::kOk;
 }
 
+void TcpLink::reconnectIfDropped() {
+  pollfd p{fd_, POLLIN, 0};
+  if (::poll(&p, 1, 0) != 1) return;
+  char chunk[512];
+  ssize_t n;
+  while ((n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+    inbox_.append(chunk, static_cast<size_t>(n));
+  // Only a connection the server closed for idleness is taken up again; a
+  // server that went away leaves the link lost.
+  if (n != 0 || inbox_.find("0 " + std::to_string(kRigIdleClosed) + " =") == std::string::npos)
+    return;
+  disconnect();
+  RigResponse r;
+  if (!connectSocket()) return;
+  if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.text != kRigGreeting) disconnect();
+}
+
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
+  if (fd_ >= 0 && body != "HELLO") reconnectIfDropped();
   if (fd_ < 0) return Outcome::kLost;
   const uint64_t id = nextId_++;
   std::string line = std::to_string(id) + " " + body + "\n";
@@ -141,6 +179,8 @@ int32_t TcpLink::openInterface(int16_t& handle) {
   if (!connectSocket()) return link_result::kLinkLost;
   RigResponse r;
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
+    problem_ = "no rig server answers at " + host_ + ":" + std::to_string(port_) +
+               (r.text ? " (it said \"" + *r.text + "\")" : "");
     disconnect();
     return link_result::kLinkLost;
   }
@@ -215,8 +255,9 @@ int32_t TcpLink::setupLibVersion(std::string& text) {
 
 int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
   std::string text;
-  if (!files_.readFile(path, text, nullptr)) {
-    load.message = "cannot read the setup file " + path;
+  std::string readError;
+  if (!readTextFile(files_, path, text, &readError)) {
+    load.message = "cannot read the setup file " + path + ": " + readFailureReason(readError);
     return link_result::kSetupFileUnreadable;
   }
   RigResponse r;

@@ -23,6 +23,7 @@ class TcpLink final : public LinkLibrary {
   TcpLink(const Clock& clock, std::string host, uint16_t port,
           const FileSystem& files = localFiles());
   ~TcpLink() override;
+  std::string connectionProblem() const override { return problem_; }
 
   // Real milliseconds to wait for one response before answering 17.
   int responseWaitMs = 100;
@@ -51,6 +52,10 @@ class TcpLink final : public LinkLibrary {
   int32_t exchange(const std::string& body, RigResponse& response, int waitMs,
                    int32_t whenNoAnswer);
   bool connectSocket();
+  std::string problem_;  // why connectSocket() or the greeting last failed
+  // The rig server drops a connection that has been idle for an hour; the
+  // next request then finds it closed and connects again first.
+  void reconnectIfDropped();
   void disconnect();
   std::string timeText() const;
 
