@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "calcchan/expressions.h"
+#include "common/file_system.h"
 #include "calcchan/fake_channels.h"
 
 namespace {
@@ -38,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return channel.size() % 2 == 0;
   };
   Analyser analyser(ports);
-  analyser.setWaveformFolder(WaveformFolder());
+  analyser.setWaveformFolder(tavrix::localFiles(), WaveformFolder());
   std::string_view text(reinterpret_cast<const char*>(data), size);
   while (!text.empty()) {
     const size_t end = text.find('\n');
