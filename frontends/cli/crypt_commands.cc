@@ -1,6 +1,5 @@
 #include "crypt_commands.h"
 
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
@@ -8,6 +7,7 @@
 #include <memory>
 
 #include "crypto/encrypted_files.h"
+#include "platform/console.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -25,7 +25,7 @@ class ProgressBar {
       : err_(err), verb_(verb) {
     std::error_code ec;
     const uintmax_t size = std::filesystem::file_size(path, ec);
-    shown_ = !ec && size >= kProgressFrom && err != nullptr && isatty(fileno(err));
+    shown_ = !ec && size >= kProgressFrom && err != nullptr && platform::isTerminal(err);
   }
   std::function<void(int)> callback() {
     if (!shown_) return {};

@@ -1,20 +1,19 @@
 #include "common/text_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+
+#include "platform/files.h"
 
 namespace tavrix {
 
 namespace {
 
+namespace os = platform;
+
 bool fail(std::string* error, std::string_view what, const std::string& path, int err) {
-  if (error) *error = std::string(what) + " \"" + path + "\": " + std::strerror(err);
+  if (error) *error = std::string(what) + " \"" + path + "\": " + os::errorText(err);
   return false;
 }
 
@@ -27,19 +26,8 @@ std::string joinLines(const std::vector<std::string>& lines) {
   return text;
 }
 
-// Writes all of `text`, going on after short writes and interruptions.
-// Returns 0 or the error number.
-int writeAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return 0;
+int writeAll(os::FileHandle file, const std::string& text) {
+  return os::writeAll(file, text.data(), text.size());
 }
 
 std::string folderOf(const std::string& path) {
@@ -60,39 +48,41 @@ std::string appendMarkerOf(const std::string& path) {
 // A marker left behind means the process that wrote it died in the middle of
 // that append (the kernel may stop a large write at a page boundary when the
 // process is killed): the file is cut back to its length before that append.
-void finishInterruptedAppend(const std::string& marker, int fd, off_t& size) {
-  const int in = ::open(marker.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return;
+void finishInterruptedAppend(const std::string& marker, os::FileHandle file, uint64_t& size) {
+  os::FileHandle in = os::kNoFile;
+  if (os::openFile(marker, os::OpenMode::kRead, in) != 0) return;
   char text[32] = {};
-  const ssize_t n = ::read(in, text, sizeof text - 1);
-  ::close(in);
+  size_t n = 0;
+  os::readSome(in, text, sizeof text - 1, n);
+  os::closeFile(in);
   char* end = nullptr;
   const long long before = n > 0 ? std::strtoll(text, &end, 10) : -1;
-  if (end != nullptr && *end == '\n' && before >= 0 && before < size && ::ftruncate(fd, before) == 0) {
-    size = static_cast<off_t>(before);
+  if (end != nullptr && *end == '\n' && before >= 0 && static_cast<uint64_t>(before) < size &&
+      os::truncateFile(file, static_cast<uint64_t>(before)) == 0) {
+    size = static_cast<uint64_t>(before);
   }
-  ::unlink(marker.c_str());
+  os::removeFile(marker);
 }
 
 }  // namespace
 
 bool readTextFile(const std::string& path, std::string& text, std::string* error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return fail(error, "Cannot open", path, errno);
+  os::FileHandle file = os::kNoFile;
+  if (const int err = os::openFile(path, os::OpenMode::kRead, file); err != 0) {
+    return fail(error, "Cannot open", path, err);
+  }
   text.clear();
   char buf[65536];
   for (;;) {
-    const ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      const int err = errno;
-      ::close(fd);
+    size_t n = 0;
+    if (const int err = os::readSome(file, buf, sizeof buf, n); err != 0) {
+      os::closeFile(file);
       return fail(error, "Cannot read", path, err);
     }
     if (n == 0) break;
-    text.append(buf, static_cast<size_t>(n));
+    text.append(buf, n);
   }
-  ::close(fd);
+  os::closeFile(file);
   return true;
 }
 
@@ -100,64 +90,65 @@ bool writeTextFileAtomically(const std::string& path, const std::vector<std::str
                              std::string* error) {
   static std::atomic<unsigned> counter{0};
   std::string temp;
-  int fd = -1;
-  for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-    temp = path + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0 && errno != EEXIST) break;
+  os::FileHandle file = os::kNoFile;
+  int err = 0;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    temp = path + ".tmp" + std::to_string(os::processId()) + "-" + std::to_string(counter++);
+    err = os::openFile(temp, os::OpenMode::kCreateNew, file);
+    if (err != EEXIST) break;
   }
-  if (fd < 0) return fail(error, "Cannot write", path, errno);
+  if (err != 0) return fail(error, "Cannot write", path, err);
 
-  struct stat old {};
-  if (::stat(path.c_str(), &old) == 0) ::fchmod(fd, old.st_mode & 07777);
+  os::PathInfo old;
+  if (os::pathInfo(path, old) == 0 && old.kind == os::PathKind::kFile)
+    os::copyPermissions(old, file);
 
-  int err = writeAll(fd, joinLines(lines));
-  if (err == 0 && ::fsync(fd) != 0) err = errno;
-  if (::close(fd) != 0 && err == 0) err = errno;
-  if (err == 0 && ::rename(temp.c_str(), path.c_str()) != 0) err = errno;
+  err = writeAll(file, joinLines(lines));
+  if (err == 0) err = os::syncFile(file);
+  os::closeFile(file);
+  if (err == 0) err = os::replaceFile(temp, path);
   if (err != 0) {
-    ::unlink(temp.c_str());
+    os::removeFile(temp);
     return fail(error, "Cannot write", path, err);
   }
   // Make the rename itself durable; a failure here no longer loses data.
-  const int dir = ::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
-  }
+  os::syncFolder(folderOf(path));
   return true;
 }
 
 bool appendLines(const std::string& path, const std::vector<std::string>& lines,
                  std::string* error) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-  if (fd < 0) return fail(error, "Cannot append to", path, errno);
-  struct stat before {};
-  if (::fstat(fd, &before) != 0) {
-    const int err = errno;
-    ::close(fd);
+  os::FileHandle file = os::kNoFile;
+  if (const int err = os::openFile(path, os::OpenMode::kAppend, file); err != 0) {
+    return fail(error, "Cannot append to", path, err);
+  }
+  os::PathInfo before;
+  if (const int err = os::fileInfo(file, before); err != 0) {
+    os::closeFile(file);
     return fail(error, "Cannot append to", path, err);
   }
   const std::string marker = appendMarkerOf(path);
-  off_t size = before.st_size;
-  finishInterruptedAppend(marker, fd, size);
+  uint64_t size = before.size;
+  finishInterruptedAppend(marker, file, size);
   const std::string text = joinLines(lines);
   bool marked = false;
   if (!text.empty()) {
     // Where the file cannot have a marker beside it, the append goes on
     // without one.
-    const int out = ::open(marker.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (out >= 0) {
+    os::FileHandle out = os::kNoFile;
+    if (os::openFile(marker, os::OpenMode::kCreateOrTruncate, out) == 0) {
       marked = writeAll(out, std::to_string(static_cast<long long>(size)) + "\n") == 0;
-      ::close(out);
+      os::closeFile(out);
     }
   }
-  int err = writeAll(fd, text);
-  if (err != 0 && ::ftruncate(fd, size) != 0) {
-    // Nothing more can be done; the write's error is the one reported.
+  const int err = writeAll(file, text);
+  if (err != 0) {
+    // Nothing more can be done if the cut-back fails; the write's error is
+    // the one reported.
+    os::truncateFile(file, size);
   }
-  if (::close(fd) != 0 && err == 0) err = errno;
-  if (marked) ::unlink(marker.c_str());
+  os::closeFile(file);
+  if (marked) os::removeFile(marker);
   if (err != 0) return fail(error, "Cannot append to", path, err);
   return true;
 }

@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <sys/stat.h>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
 #include "common/text_items.h"
+#include "platform/files.h"
 
 namespace tavrix {
 
@@ -21,23 +21,25 @@ bool IndexFileTable::add(std::string_view spec, std::string_view nameTemplate, i
                          std::string* message) {
   specs_.emplace_back(spec);
   const std::string local = paths_.toLocal(trim(spec));
-  struct stat info;
+  platform::PathInfo info;
   std::string error;
-  if (stat(local.c_str(), &info) == 0) {
+  const int err = platform::pathInfo(local, info);
+  if (err == 0 && info.kind != platform::PathKind::kMissing) {
     std::string text;
-    if (S_ISDIR(info.st_mode)) {
+    if (info.kind == platform::PathKind::kFolder) {
       error = "it is a folder";
     } else if (readTextFile(local, text, &error)) {
       return true;
     }
-  } else if (errno != ENOENT && errno != ENOTDIR) {
-    error = std::strerror(errno);
+  } else if (err != 0) {
+    error = platform::errorText(err);
   } else {
     const std::filesystem::path parent = std::filesystem::path(local).parent_path();
     std::error_code ec;
     if (!parent.empty()) std::filesystem::create_directories(parent, ec);
     const std::string number = std::to_string(limit);
-    if (writeTextFileAtomically(local, {std::string(nameTemplate), number, number}, &error)) return true;
+    if (writeTextFileAtomically(local, {std::string(nameTemplate), number, number}, &error))
+      return true;
   }
   if (message) *message = "Open " + std::string(spec) + " error: -" + error;
   return false;

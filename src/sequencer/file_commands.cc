@@ -16,12 +16,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fnmatch.h>
 #include <memory>
 #include <set>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
+#include "platform/wildcard.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 
@@ -110,7 +110,7 @@ void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
   } else {
     const fs::path folder = spec.has_parent_path() ? spec.parent_path() : fs::path(".");
     for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-      if (!it->is_directory() && fnmatch(pattern.c_str(), it->path().filename().c_str(), 0) == 0) {
+      if (!it->is_directory() && platform::matchesWildcard(pattern, it->path().filename().string())) {
         victims.push_back(it->path());
       }
     }

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <sys/stat.h>
 
 #include "common/text_conventions.h"
+#include "platform/files.h"
 
 namespace tavrix {
 
@@ -27,20 +27,22 @@ size_t CleanReadLine(std::string& line) {
 }
 
 bool SequenceFile::open(const std::string& path, std::string* error) {
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) {
-    if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(errno);
+  platform::PathInfo st;
+  int err = platform::pathInfo(path, st);
+  if (err == 0 && st.kind == platform::PathKind::kMissing) err = ENOENT;
+  if (err != 0) {
+    if (error) *error = "Cannot open sequence file " + path + ": " + platform::errorText(err);
     open_ = false;
     return false;
   }
-  if (S_ISDIR(st.st_mode)) {
+  if (st.kind == platform::PathKind::kFolder) {
     if (error) *error = "Cannot open sequence file " + path + ": it is a folder";
     open_ = false;
     return false;
   }
-  const int64_t mtime = static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
-  const bool same = path == path_ && mtime == mtimeNs_ && st.st_size == size_ &&
-                    st.st_dev == device_ && st.st_ino == inode_;
+  const int64_t mtime = st.modifiedNs;
+  const bool same = path == path_ && mtime == mtimeNs_ && static_cast<int64_t>(st.size) == size_ &&
+                    st.device == device_ && st.inode == inode_;
   if (!same) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -70,9 +72,9 @@ bool SequenceFile::open(const std::string& path, std::string* error) {
     text_ = std::move(text);
     path_ = path;
     mtimeNs_ = mtime;
-    size_ = st.st_size;
-    device_ = st.st_dev;
-    inode_ = st.st_ino;
+    size_ = static_cast<int64_t>(st.size);
+    device_ = st.device;
+    inode_ = st.inode;
     indexed_ = false;
     lineStarts_.clear();
     upperLines_.clear();

@@ -9,7 +9,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
 
@@ -62,9 +61,9 @@ class SequenceFile {
   int32_t positionCorrection_ = 0;
   // Identity of the text held: modification time and size on disk.
   int64_t mtimeNs_ = -1;
-  off_t size_ = -1;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  int64_t size_ = -1;
+  uint64_t device_ = 0;
+  uint64_t inode_ = 0;
   // Built on the first search: start offset of every line and its cleaned,
   // upper-cased text; searches already made are remembered.
   bool indexed_ = false;

@@ -1,13 +1,5 @@
 #include "instrument/tcp/rig_server.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -35,16 +27,14 @@ bool toNumber(std::string_view text, T& out) {
 }
 
 struct Client {
-  int fd;
+  platform::Socket socket;
   std::string in;
   std::string out;
 };
 
 }  // namespace
 
-RigServer::~RigServer() {
-  if (listenFd_ >= 0) ::close(listenFd_);
-}
+RigServer::~RigServer() { platform::closeSocket(listener_); }
 
 bool RigServer::listen(std::string_view hostPort, std::string& error) {
   std::string host;
@@ -53,26 +43,15 @@ bool RigServer::listen(std::string_view hostPort, std::string& error) {
     error = "the address \"" + std::string(hostPort) + "\" is not HOST:PORT";
     return false;
   }
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
-    error = "the host \"" + host + "\" is not an IPv4 address";
+  const platform::Socket socket = platform::listenTcp(host, port, error);
+  if (socket == platform::kNoSocket) {
+    if (error.find(" is not ") == std::string::npos) {
+      error = "cannot listen on " + std::string(hostPort) + ": " + error;
+    }
     return false;
   }
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  const int one = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(fd, 8) != 0) {
-    error = "cannot listen on " + std::string(hostPort) + ": " + std::strerror(errno);
-    if (fd >= 0) ::close(fd);
-    return false;
-  }
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  port_ = ntohs(address.sin_port);
-  listenFd_ = fd;
+  port_ = port;
+  listener_ = socket;
   return true;
 }
 
@@ -134,34 +113,28 @@ std::string RigServer::answer(std::string_view line) {
 
 void RigServer::serve(const std::atomic<bool>& stop) {
   std::vector<Client> clients;
-  std::vector<pollfd> fds;
+  std::vector<platform::Watch> watches;
   while (!stop.load()) {
-    fds.clear();
-    fds.push_back({listenFd_, POLLIN, 0});
-    for (const auto& c : clients) {
-      fds.push_back({c.fd, static_cast<short>(POLLIN | (c.out.empty() ? 0 : POLLOUT)), 0});
+    watches.clear();
+    watches.push_back({listener_, true, false});
+    for (const auto& c : clients) watches.push_back({c.socket, true, !c.out.empty()});
+    if (platform::waitSockets(watches, 100) <= 0) continue;
+    if (watches[0].readable) {
+      const platform::Socket socket = platform::acceptClient(listener_);
+      if (socket != platform::kNoSocket) clients.push_back({socket, {}, {}});
     }
-    if (::poll(fds.data(), fds.size(), 100) <= 0) continue;
-    if (fds[0].revents & POLLIN) {
-      const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (fd >= 0) {
-        const int one = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        clients.push_back({fd, {}, {}});
-      }
-    }
-    for (size_t i = 0; i + 1 < fds.size() && i < clients.size(); ++i) {
+    for (size_t i = 0; i + 1 < watches.size() && i < clients.size(); ++i) {
       Client& c = clients[i];
       bool closed = false;
-      if (fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR)) {
+      if (watches[i + 1].readable) {
         char chunk[8192];
         for (;;) {
-          const ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
+          const long n = platform::receiveSome(c.socket, chunk, sizeof chunk);
           if (n > 0) {
             c.in.append(chunk, static_cast<size_t>(n));
             continue;
           }
-          if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) closed = true;
+          if (n == 0 || n == platform::kBroken) closed = true;
           break;
         }
         size_t start = 0;
@@ -176,22 +149,22 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         c.in.erase(0, start);
       }
       while (!closed && !c.out.empty()) {
-        const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
+        const long n = platform::sendSome(c.socket, c.out.data(), c.out.size());
         if (n > 0) {
           c.out.erase(0, static_cast<size_t>(n));
         } else {
-          if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) closed = true;
+          if (n == platform::kBroken) closed = true;
           break;
         }
       }
       if (closed) {
-        ::close(c.fd);
-        c.fd = -1;
+        platform::closeSocket(c.socket);
+        c.socket = platform::kNoSocket;
       }
     }
-    std::erase_if(clients, [](const Client& c) { return c.fd < 0; });
+    std::erase_if(clients, [](const Client& c) { return c.socket == platform::kNoSocket; });
   }
-  for (auto& c : clients) ::close(c.fd);
+  for (auto& c : clients) platform::closeSocket(c.socket);
 }
 
 int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "instrument/simrig/sim_rig.h"
+#include "platform/sockets.h"
 
 namespace tavrix {
 
@@ -36,7 +37,7 @@ class RigServer {
 
  private:
   RigModel model_;
-  int listenFd_ = -1;
+  platform::Socket listener_ = platform::kNoSocket;
   uint16_t port_ = 0;
 };
 
