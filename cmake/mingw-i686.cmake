@@ -9,5 +9,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# Tests run under Wine on the build machine.
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine)
+# Tests run under Wine on the build machine (Debian keeps the loaders in
+# /usr/lib/wine).
+find_program(TAVRIX_WINE NAMES wine PATHS /usr/lib/wine NO_CMAKE_FIND_ROOT_PATH)
+if(TAVRIX_WINE)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${TAVRIX_WINE})
+endif()

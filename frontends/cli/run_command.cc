@@ -14,6 +14,7 @@
 #include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
 #include "platform/console.h"
+#include "platform/timer_resolution.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -49,6 +50,8 @@ class SignalBridge {
 
  private:
   platform::StopRequests requests_;
+  // Timed waits and ramp steps keep their accuracy for the run.
+  platform::FineTimerResolution timers_;
 };
 
 }  // namespace

@@ -68,6 +68,8 @@ int makeFolder(const std::string& folder);
 int tryLockFile(FileHandle file);
 
 std::string errorText(int error);
+// Whether paths may start with a drive ("c:") naming a real drive.
+bool hasDriveLetters();
 // The id of this process, for unique temporary names.
 unsigned long processId();
 

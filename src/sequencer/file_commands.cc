@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <set>
 
@@ -51,25 +52,25 @@ bool CopyWhole(const fs::path& from, const fs::path& to, std::string* error) {
   if (!readTextFile(from.string(), text, error)) return false;
   fs::path temp = to;
   temp += ".tavrix-copy";
+  std::error_code ec;
   {
-    std::FILE* out = std::fopen(temp.c_str(), "wb");
+    std::ofstream out(temp, std::ios::binary);
     if (!out) {
       *error = "cannot write " + to.string() + ": " + std::strerror(errno);
       return false;
     }
-    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-    const bool closed = std::fclose(out) == 0;
-    if (!written || !closed) {
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    out.close();
+    if (!out) {
       *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      std::remove(temp.c_str());
+      fs::remove(temp, ec);
       return false;
     }
   }
-  std::error_code ec;
   fs::rename(temp, to, ec);
   if (ec) {
     *error = "cannot write " + to.string() + ": " + ec.message();
-    std::remove(temp.c_str());
+    fs::remove(temp, ec);
     return false;
   }
   return true;
@@ -85,7 +86,8 @@ void CopyFile(FileState&, Sequencer& seq, const CommandLine& cmd) {
   std::error_code ec;
   if (fs::is_directory(to, ec)) to /= from.filename();
   if (fs::is_directory(from, ec)) {
-    seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
+    seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) +
+                            " is a folder, not a file");
     return;
   }
   std::string error;
@@ -103,21 +105,24 @@ void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
   std::error_code ec;
   if (pattern.find_first_of("*?") == std::string::npos) {
     if (fs::is_directory(spec, ec)) {
-      seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
+      seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) +
+                              " is a folder, not a file");
       return;
     }
     if (fs::exists(fs::symlink_status(spec, ec))) victims.push_back(spec);
   } else {
     const fs::path folder = spec.has_parent_path() ? spec.parent_path() : fs::path(".");
     for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-      if (!it->is_directory() && platform::matchesWildcard(pattern, it->path().filename().string())) {
+      if (!it->is_directory() &&
+          platform::matchesWildcard(pattern, it->path().filename().string())) {
         victims.push_back(it->path());
       }
     }
   }
   for (const auto& victim : victims) {
     if (!fs::remove(victim, ec) && ec) {
-      seq.reportSequenceError("FileDelete - cannot delete " + victim.string() + ": " + ec.message());
+      seq.reportSequenceError("FileDelete - cannot delete " + victim.string() + ": " +
+                              ec.message());
       return;
     }
   }
@@ -134,8 +139,9 @@ void LogOnce(FileState& state, Sequencer& seq, const CommandLine& cmd) {
   if (!state.logged.insert({file, text}).second) return;
   const Micros now = seq.clock().now();
   std::string error;
-  if (!appendLines(file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
-                   &error)) {
+  if (!appendLines(
+          file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
+          &error)) {
     seq.reportSequenceError("LogOnce - " + error);
   }
 }
@@ -151,7 +157,7 @@ void Wait580(FileState&, Sequencer& seq, const CommandLine& cmd) {
     // A status file not (yet) there, or being rewritten, means not captured.
     if (!readTextFile(status, text, nullptr)) return PollResult::kWaiting;
     return upperCase(text).find(kRecorderCaptured) != std::string::npos ? PollResult::kMet
-                                                                         : PollResult::kWaiting;
+                                                                        : PollResult::kWaiting;
   });
 }
 

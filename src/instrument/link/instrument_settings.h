@@ -22,6 +22,11 @@ struct InstrumentSettings {
   std::map<char, std::string> driveMap;
   Micros replyPollInterval = 10'000;  // between polls of a command or reply not ready
   Micros waitPollInterval = 100'000;  // between readings of WAIT on a condition
+  // The rig PC's link libraries (the "dll" link): their folder ("" for the
+  // program's folder and then the system's search path) and file names.
+  std::string libraryFolder;
+  std::string linkLibraryName = "commslib.dll";
+  std::string setupLibraryName = "imslib.dll";
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.

@@ -147,4 +147,6 @@ namespace tavrix::platform {
 
 bool fileNamesIgnoreCase() { return false; }
 
+bool hasDriveLetters() { return false; }
+
 }  // namespace tavrix::platform

@@ -213,4 +213,6 @@ namespace tavrix::platform {
 
 bool fileNamesIgnoreCase() { return true; }
 
+bool hasDriveLetters() { return true; }
+
 }  // namespace tavrix::platform
