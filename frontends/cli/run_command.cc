@@ -114,8 +114,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   std::string error;
 
   InstrumentSettings settings;
-  if (options.instrumentSettings &&
-      !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
+  if (options.instrumentSettings && !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -164,41 +163,30 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
-                  std::FILE* err) {
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
-  runCommand->add_flag("--virtual-time", run.virtualTime,
-                       "Run on a virtual clock: waits take no real time");
-  runCommand->add_option("--start", run.start,
-                         "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
+  runCommand->add_flag("--virtual-time", run.virtualTime, "Run on a virtual clock: waits take no real time");
+  runCommand->add_option("--start", run.start, "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
-  runCommand->add_option("--trace", run.trace,
-                         "Write a JSON-lines trace to FILE (- for standard output)");
-  runCommand->add_flag("--no-hardware", run.noHardware,
-                       "Every channel reads \"0\"; nothing is sent");
+  runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
+  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
   runCommand->add_option("--companion-answer", run.companionAnswers,
                          "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
-  runCommand->add_option("--setup", run.setup,
-                         "Hardware setup (.ims) to load before the first line");
-  runCommand->add_option("--link", run.link,
-                         "The instrument link: sim (default) or tcp://HOST:PORT");
-  runCommand->add_option("--reply-timeout", run.replyTimeout,
-                         "Give up a device exchange after SECONDS");
+  runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
+  runCommand->add_option("--link", run.link, "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
+  runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
                          "Settings file of the instrument link (key = value)");
-  runCommand
-      ->add_option("--results", run.results,
-                   "Results files of tested UUTs: text (default), xml or off")
+  runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
-  rigCommand->add_option("--listen", rig.listen,
-                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
+  rigCommand->add_option("--listen", rig.listen, "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
   rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
 
   std::vector<std::string> lintFiles;

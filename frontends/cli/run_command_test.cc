@@ -160,6 +160,14 @@ TEST_F(CliTest, TheInstrumentLinkOptions) {
   EXPECT_EQ(Cli({"run", "--virtual-time", "--no-hardware", File("nh.wts", "WAIT OVEN < 1\r\nCHECK X = 0, L\r\nSTOP\r\nL:\r\nGOTO NOWHERE\r\n")}),
             kExitOk)
       << err_;
+  // No setup is loaded without hardware: a ramp goes on past its failed
+  // writes, a SEND cannot find its channel.
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-hardware", "--setup", rig, "--trace", "-",
+                 File("nhw.wts", "RAMP HEATER, 0 TO 1 OVER 1 IN 2\r\nSEND HEATER, 80\r\n")}),
+            kExitSequenceError);
+  EXPECT_NE(err_.find("Error on line: 2\nChannel name - HEATER - does not exist"), std::string::npos)
+      << err_;
+  EXPECT_EQ(out_.find("\"ev\":\"iml\""), std::string::npos) << out_;
   EXPECT_EQ(Cli({"rig", "--listen", "nowhere", "--setup", rig}), kExitUsage);
   EXPECT_NE(err_.find("\"nowhere\" is not HOST:PORT"), std::string::npos) << err_;
 }

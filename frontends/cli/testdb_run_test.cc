@@ -95,7 +95,8 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
             "</Test_Results>\r\n");
   // A sequence error still beats a failed UUT.
   EXPECT_EQ(Run("Accept|serial=8\nFail and Repeat\n"), kExitSequenceError);
-  EXPECT_THAT(err_, HasSubstr("No answer to the UUTCHECK question"));
+  // Fail and Repeat offers the step again: the question waits for an answer.
+  EXPECT_THAT(err_, HasSubstr("No answer to the REPEATSTEP question \"Stage 2\""));
   EXPECT_THAT(Read("results/Pump test_261115.txt"), HasSubstr("8\tFAIL\tSN8_261115.txt"));
   // Results can be switched off.
   std::filesystem::remove_all(dir_ + "/results");
@@ -135,7 +136,10 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
   EXPECT_THAT(Read("results/SN_1234_261115_144035.txt"),
               HasSubstr("3\tFan speed\tFAN\t1200.00\trpm\t1150\t1250\tPass\r\n"
                         "4\tSeal\t\tOp Pass\t\t\t\tPass\r\n"));
-  EXPECT_TRUE(std::filesystem::exists(dir_ + "/results/SN_1235_261115_145105.txt"));
+  // Pump 1235 was failed at step 2; its later steps were still checked.
+  EXPECT_THAT(Read("results/SN_1235_261115_145105.txt"),
+              HasSubstr("3\tFan speed\tFAN\t1200.00\trpm\t1150\t1250\tPass\r\n"
+                        "4\tSeal\t\tOp Pass\t\t\t\tPass\r\n"));
 }
 
 }  // namespace

@@ -434,6 +434,10 @@ void MainWindow::closeIfQuitRequested() {
   });
 }
 
+void MainWindow::closeChannelDisplay() {
+  if (channelDisplay_ != nullptr) channelDisplay_->hide();
+}
+
 void MainWindow::showChannelValue(const QString& channel, const QString& value) {
   if (channelDisplay_ == nullptr) channelDisplay_ = new ChannelDisplayDialog(this);
   channelDisplay_->showValue(channel, value);

@@ -51,6 +51,9 @@ class MainWindow : public QMainWindow {
   void setControls(const RunControls& controls);
   void enlargeForRun();
   void showChannelValue(const QString& channel, const QString& value);
+  // The engine closed the channel display's question (its channel could not
+  // be read).
+  void closeChannelDisplay();
 
   // The auxiliary windows, opened from the menus.
   void openDecryptWindow();

@@ -87,6 +87,11 @@ void QtOperator::showChannelValue(std::string_view channel, std::string_view val
                             Qt::QueuedConnection);
 }
 
+void QtOperator::closeQuestion() {
+  QMetaObject::invokeMethod(&window_, [this] { window_.closeChannelDisplay(); },
+                            Qt::QueuedConnection);
+}
+
 void QtOperator::minimiseWindow() {
   QMetaObject::invokeMethod(&window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
 }

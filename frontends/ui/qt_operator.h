@@ -33,6 +33,7 @@ class QtOperator : public Operator {
   void showControls(const RunControls& controls) override;
   void enlargeForRun() override;
   void showChannelValue(std::string_view channel, std::string_view value) override;
+  void closeQuestion() override;
   void minimiseWindow() override;
   void showStatusLabel(std::string_view text, int32_t colour) override;
   void showAlarmDefinitions(const std::vector<std::string>& labels,

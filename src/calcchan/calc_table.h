@@ -54,14 +54,26 @@ struct CalcChannel {
   std::string param2;   // PARAM2=, trimmed
   int16_t counter = 0;
   bool armed = false;
-  float total = 0;
-  float periodResult = 0;
+  // Sums and means are kept in double: a 32-bit running sum of an hour of
+  // one-second readings drifts by more than the last digit of a reading.
+  double total = 0;
+  double periodResult = 0;
   Micros dueTime = 0;
   int16_t flags = 0;
   // Not in the original's row: a 32-bit count for what a 16-bit counter
   // cannot hold over a day (HI/LO ALARM passes, CREM AVG readings).
   int32_t passes = 0;
 };
+
+// A computed sum, mean or share against a limit of the setup file. The value
+// stands for a 32-bit figure, so both are compared at that precision: a mean
+// of readings that all equal the limit is neither above nor below it.
+inline bool AboveLimit(double value, double limit) {
+  return static_cast<float>(value) > static_cast<float>(limit);
+}
+inline bool BelowLimit(double value, double limit) {
+  return static_cast<float>(value) < static_cast<float>(limit);
+}
 
 // Rows 1..N; row 0 is the placeholder.
 using CalcChannelTable = std::vector<CalcChannel>;

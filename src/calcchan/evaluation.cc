@@ -213,9 +213,9 @@ void CalcChannels::formula(CalcChannel& row) {
 
 void CalcChannels::loggerSwitch(CalcChannel& row) {
   std::string reading;
-  // The switch is read without the analysis guard: PARAM2 of this type is a
-  // folder, not a guard.
-  if (!readSource(row.source, "", reading)) {
+  // Guarded like every other row by PARAM2, although for this type it also
+  // names folder B: during an analysis cycle the switch cannot be read.
+  if (!readSource(row.source, row.param2, reading)) {
     ports_.showMessage(std::string(kTextUnableToReadChannel) + row.source);
     return;
   }
@@ -268,7 +268,7 @@ void CalcChannels::average(CalcChannel& row) {
   row.flags = 0;
   std::string reading;
   if (!readSource(row.source, row.param2, reading)) return;
-  row.total += static_cast<float>(leadingNumber(reading));
+  row.total += leadingNumber(reading);
   ++row.passes;
   row.counter = clampedCount(row.passes);
   const Micros now = state_.passTime;
@@ -281,7 +281,7 @@ void CalcChannels::average(CalcChannel& row) {
     }
     row.armed = false;
     row.flags = -1;
-    row.periodResult = row.passes > 0 ? row.total / static_cast<float>(row.passes) : 0;
+    row.periodResult = row.passes > 0 ? row.total / static_cast<double>(row.passes) : 0;
     row.total = 0;
     row.counter = 0;
     row.passes = 0;
@@ -300,19 +300,21 @@ void CalcChannels::check95(CalcChannel& row) {
   }
   if (avg == nullptr || !avg->flags) return;
   row.total += 1;
-  state_.dayList.push_back({avg->periodResult, static_cast<int16_t>(std::min<float>(row.total, INT16_MAX)),
+  state_.dayList.push_back({static_cast<float>(avg->periodResult),
+                            static_cast<int16_t>(std::min<double>(row.total, INT16_MAX)),
                             row.newName});
-  if (avg->periodResult > leadingNumber(row.param1) && row.counter < INT16_MAX) ++row.counter;
+  if (AboveLimit(avg->periodResult, leadingNumber(row.param1)) && row.counter < INT16_MAX)
+    ++row.counter;
   publish(row.newName, formatNumber(row.counter, "#0"));
 }
 
 void CalcChannels::daily(CalcChannel& row) {
   std::string reading;
   if (!readSource(row.source, row.param2, reading)) return;
-  row.total += static_cast<float>(leadingNumber(reading));
+  row.total += leadingNumber(reading);
   ++row.passes;
   row.counter = clampedCount(row.passes);
-  publish(row.newName, formatNumber(row.total / static_cast<float>(row.passes), "#.00"));
+  publish(row.newName, formatNumber(row.total / static_cast<double>(row.passes), "#.00"));
 }
 
 void CalcChannels::alarm(CalcChannel& row, bool high) {
@@ -380,7 +382,7 @@ void CalcChannels::cremAverage(CalcChannel& row) {
   std::string reading;
   if (!readSource(row.source, row.param2, reading)) return;
   ++row.passes;
-  row.periodResult += static_cast<float>((leadingNumber(reading) - row.periodResult) / row.passes);
+  row.periodResult += (leadingNumber(reading) - row.periodResult) / row.passes;
   publish(row.newName, formatNumber(row.periodResult, "#.00"));
 }
 
@@ -397,7 +399,7 @@ void CalcChannels::minimum(CalcChannel& row) {
     return;
   }
   const double x = leadingNumber(reading);
-  if (first || x < row.total) row.total = static_cast<float>(x);
+  if (first || x < row.total) row.total = x;
   ++row.passes;
   publish(row.newName, formatNumber(x, "#.00"));
 }

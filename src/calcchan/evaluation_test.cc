@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "calcchan/fake_channels.h"
+#include "calcchan/summary_files.h"
 #include "common/text_file.h"
 #include "platform/file_size_limit.h"
 
@@ -273,6 +274,29 @@ TEST_F(EvaluationTest, LoggingSwitchPausesTheOtherRowsAndStopsAndStartsTheLogger
   EXPECT_EQ(messages.back(), "Unable to read channel: SW");
 }
 
+TEST_F(EvaluationTest, LoggingSwitchIsGuardedByItsParam2LikeTheOtherRows) {
+  // NEWNAME gives the prefix (so the guard is LS_ANALYSE), PARAM2 folder B.
+  rig.values = {{"SW", "1"}, {"LS_ANALYSE", "0"}};
+  ASSERT_TRUE(Load("XX.ccs", {"LOGGER ON/OFF|SW|LS||" + folder + "\\B"}));
+  calc->start();
+  RunFor(1);
+  EXPECT_TRUE(messages.empty());
+  EXPECT_TRUE(calc->state().setupLoaded);
+
+  // In an analysis cycle the switch cannot be read: it keeps its position.
+  rig.values["LS_ANALYSE"] = "1";
+  rig.values["SW"] = "0";
+  RunFor(1);
+  EXPECT_EQ(messages, std::vector<std::string>{"Unable to read channel: SW"});
+  EXPECT_TRUE(calls.empty());
+  EXPECT_TRUE(calc->state().setupLoaded);
+
+  rig.values["LS_ANALYSE"] = "0";
+  RunFor(1);
+  EXPECT_EQ(calls, (std::vector<Call>{{"LS_Raw|System", "Status", "Stop"}}));
+  EXPECT_FALSE(calc->state().setupLoaded);
+}
+
 TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
   rig.values = {{"T", "10"},  {"P", "60"}, {"TAVG", ""}, {"C95B", ""}, {"DAY", ""},  {"MINC", ""},
                 {"MAXC", ""}, {"HA", ""},  {"LA", ""},   {"REP", ""},  {"CREM", ""}, {"C95", ""}};
@@ -301,9 +325,11 @@ TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
   EXPECT_EQ(FileText("AB_ALM.txt"),
             "03-11-2026 08:00:01\tREP\t60.00\tALARM\r\n"
             "03-11-2026 10:00:03\tREP\t61.00\tALARM\r\n");
-  EXPECT_EQ(FileText("CREM_1126.wl"),
-            "Date-Time\tDuration (mins)\tCREM AVG\tStatus\r\n"
-            "03-11-2026 10:00:03\t120.0\t60.00\tAlarm\r\n");
+  // The CREM AVG report is named after the prefix, like the other files.
+  EXPECT_EQ(FileText("AB_1126.wl"),
+            "Date-Time\tDuration (mins)\tCREM AVG\tStatus\tChannel\r\n"
+            "03-11-2026 10:00:03\t120.0\t60.00\tAlarm\tCREM\r\n");
+  EXPECT_FALSE(std::filesystem::exists(folder + "/sum/CREM_1126.wl"));
 
   // The next summary of the month appends under the head lines, counting afresh.
   RunFor(1);
@@ -313,6 +339,50 @@ TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
                       "\tOK\t1\tALARM\t1\t1\tOK\t0\r\n"),
             std::string::npos)
       << text;
+}
+
+// Sums and means against their limits: a value equal to its limit is
+// within it, and 1 epoch of 20 in alarm is not more than 5 %.
+TEST_F(EvaluationTest, AValueEqualToItsLimitIsWithinIt) {
+  rig.values = {{"T", "1.1"}, {"D", "1.1"}, {"M", "5.1"}, {"TAVG", ""}, {"C95", ""},
+                {"C95B", ""}, {"DAY", ""},  {"MINC", ""}, {"CR1", ""},  {"CR2", ""}};
+  ASSERT_TRUE(Load("EQ.ccs", {"AVERAGE|T|TAVG|0.01", "CHECK 95|TAVG|C95|1.1",
+                              "CHECK 95B|TAVG|C95B|1.1", "DAILY|D|DAY|1.1", "MINIMUM|M|MINC|5.1",
+                              "CREM AVG|D|CR1|1.1", "CREM AVG|M|CR2|5"}));
+  calc->start();
+  RunFor(19 * 36);  // 19 periods of 36 s whose means equal the limit
+  EXPECT_EQ(Last("TAVG"), "1.10");
+  EXPECT_EQ(Last("C95"), "0");
+  EXPECT_EQ(Last("C95B"), "0");
+  rig.values["T"] = "2";
+  RunFor(36);
+  EXPECT_EQ(Last("C95B"), "1");
+  calc->changeLoggers();
+  ASSERT_TRUE(messages.empty()) << messages.front();
+
+  const std::string summary = FileText("MONTH_EQ_2611.wl");
+  EXPECT_NE(summary.find("\r\n03\t1.10\tOK\t5.10\tOK\t20\t1.10\tOK\t20\t1\tOK\r\n"),
+            std::string::npos)
+      << summary;
+  // Both CREM AVG rows share the prefix's report.
+  EXPECT_EQ(FileText("EQ_1126.wl"),
+            "Date-Time\tDuration (mins)\tCREM AVG\tStatus\tChannel\r\n"
+            "03-11-2026 08:12:00\t12.0\t1.10\t   OK\tCR1\r\n"
+            "03-11-2026 08:12:00\t12.0\t5.10\tAlarm\tCR2\r\n");
+
+  // Two epochs of twenty above the limit are more than 5 %.
+  CalcState state;
+  state.table.resize(2);
+  state.table[1].type = calc_type::kCheck95B;
+  state.table[1].newName = "C";
+  state.table[1].total = 20;
+  state.table[1].counter = 1;
+  EXPECT_EQ(DailySummaryRow(state, clock.now()), "03\t20\t1\tOK");
+  state.table[1].counter = 2;
+  EXPECT_EQ(DailySummaryRow(state, clock.now()), "03\t20\t2\tALARM");
+  state.table[1].total = 60;
+  state.table[1].counter = 3;
+  EXPECT_EQ(DailySummaryRow(state, clock.now()), "03\t60\t3\tOK");
 }
 
 TEST_F(EvaluationTest, ANewDayWritesTheSummaryOfTheDayThatEnded) {

@@ -47,7 +47,7 @@ std::vector<std::string> groupValues(const CalcState& state, const CalcChannel& 
   if (row.type == calc_type::kDaily) {
     if (row.passes <= 0) return {std::string(kTextNotAvailableLower), status(false)};
     const double mean = row.total / static_cast<double>(row.passes);
-    return {formatNumber(mean, "#.00"), status(hasLimit(row) && mean > limit)};
+    return {formatNumber(mean, "#.00"), status(hasLimit(row) && AboveLimit(mean, limit))};
   }
   if (row.type == calc_type::kMaximum) {
     // A pass takes no action for MAXIMUM rows, so there is never a value.
@@ -55,10 +55,12 @@ std::vector<std::string> groupValues(const CalcState& state, const CalcChannel& 
   }
   if (row.type == calc_type::kMinimum) {
     if (row.passes == 0 || row.total >= kNoMinimum) return {std::string(kTextNotAvailableLower), status(false)};
-    return {formatNumber(row.total, "#.00"), status(hasLimit(row) && row.total < limit)};
+    return {formatNumber(row.total, "#.00"), status(hasLimit(row) && BelowLimit(row.total, limit))};
   }
   if (row.type == calc_type::kCheck95B) {
-    const bool alarm = row.total > 0 && row.counter / row.total > 0.05;
+    // More than 5 % of the epochs in alarm, compared in whole counts (more
+    // than one in twenty), so that 1 of 20 is not above 5 %.
+    const bool alarm = 20.0 * row.counter > row.total;
     return {formatNumber(row.total, "#0"), formatNumber(row.counter, "#0"), status(alarm)};
   }
   if (row.type == calc_type::kCheck95) {
@@ -66,7 +68,8 @@ std::vector<std::string> groupValues(const CalcState& state, const CalcChannel& 
     if (!Check95Statistic(state, row, p95)) {
       return {formatNumber(row.total, "#0"), std::string(kTextNotAvailableLower), status(false)};
     }
-    return {formatNumber(row.total, "#0"), formatNumber(p95, "#0.00"), status(hasLimit(row) && p95 > limit)};
+    return {formatNumber(row.total, "#0"), formatNumber(p95, "#0.00"),
+            status(hasLimit(row) && AboveLimit(p95, limit))};
   }
   // HI ALARM, LO ALARM: scans evaluated, status, scans in alarm.
   return {formatNumber(row.passes, "#0"), status(row.total > 0), formatNumber(row.total, "#0")};
@@ -121,8 +124,8 @@ std::string AlarmReportName(const CalcState& state) {
   return state.summaryFolderB + "\\" + state.summaryPrefix + "_ALM" + ".txt";
 }
 
-std::string CremReportName(const CalcState& state, const CalcChannel& row, Micros date) {
-  return state.summaryFolderB + "\\" + row.newName + "_" + formatDate(date, "mmyy") + ".wl";
+std::string CremReportName(const CalcState& state, Micros date) {
+  return state.summaryFolderB + "\\" + state.summaryPrefix + "_" + formatDate(date, "mmyy") + ".wl";
 }
 
 bool Check95Statistic(const CalcState& state, const CalcChannel& row, double& value) {
@@ -190,12 +193,13 @@ bool AppendAlarmReport(const CalcState& state, const CalcChannel& row, double va
 bool AppendCremReport(const CalcState& state, const CalcChannel& row, Micros now,
                       const CalcPorts& ports) {
   const double minutes = static_cast<double>(now - row.dueTime) / (60.0 * kMicrosPerSecond);
-  const bool alarm = !trim(row.param1).empty() && row.periodResult > leadingNumber(row.param1);
+  const bool alarm =
+      !trim(row.param1).empty() && AboveLimit(row.periodResult, leadingNumber(row.param1));
   const std::string line =
       joinTabs({formatDate(now, kSummaryDateTime), formatNumber(minutes, "0.0"),
                 formatNumber(row.periodResult, "#0.00"),
-                std::string(alarm ? kTextCremAlarm : kTextCremOk)});
-  return appendWithHead(ports, CremReportName(state, row, now), {std::string(kCremHeads)}, line);
+                std::string(alarm ? kTextCremAlarm : kTextCremOk), row.newName});
+  return appendWithHead(ports, CremReportName(state, now), {std::string(kCremHeads)}, line);
 }
 
 }  // namespace tavrix

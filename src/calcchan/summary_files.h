@@ -5,7 +5,8 @@
 //                              "DAILY SUMMARY", two head lines, then one row
 //                              per summary written
 //   <prefix>_ALM.txt           alarm lines of REPORT rows
-//   <newname>_<mmyy>.wl        the CREM AVG report of one CREM AVG row
+//   <prefix>_<mmyy>.wl         the CREM AVG report: one row per logging
+//                              session of each CREM AVG row
 //
 // A new file is written whole and atomically; later rows are appended in one
 // piece, so earlier rows survive a crash or a full disk. Columns and rules are
@@ -33,7 +34,9 @@ inline constexpr std::string_view kTextOk = "OK";
 inline constexpr std::string_view kTextNotAvailableLower = "n.a.";
 inline constexpr std::string_view kTextCremAlarm = "Alarm";
 inline constexpr std::string_view kTextCremOk = "   OK";
-inline constexpr std::string_view kCremHeads = "Date-Time\tDuration (mins)\tCREM AVG\tStatus";
+// The last column names the CREM AVG row, as all rows share one report.
+inline constexpr std::string_view kCremHeads =
+    "Date-Time\tDuration (mins)\tCREM AVG\tStatus\tChannel";
 inline constexpr std::string_view kSummaryDateTime = "dd-mm-yyyy hh:mm:ss";
 // A MINIMUM row that has seen only "N.A." holds this.
 inline constexpr float kNoMinimum = 9.9e20f;
@@ -41,7 +44,7 @@ inline constexpr float kNoMinimum = 9.9e20f;
 // File names in the Windows form of the setup (resolved before writing).
 std::string DailySummaryName(const CalcState& state, Micros date);
 std::string AlarmReportName(const CalcState& state);
-std::string CremReportName(const CalcState& state, const CalcChannel& row, Micros date);
+std::string CremReportName(const CalcState& state, Micros date);
 
 // The four head lines and the row that a summary for `date` would write.
 std::vector<std::string> DailySummaryHead(const CalcState& state);

@@ -5,6 +5,12 @@
 
 namespace tavrix {
 
+std::string ItemToWrite(std::string_view item) {
+  const bool quote = item.find(',') != std::string_view::npos ||
+                     (!item.empty() && (item.front() == ' ' || item.back() == ' '));
+  return quote ? "\"" + std::string(item) + "\"" : std::string(item);
+}
+
 std::vector<std::string> splitLines(std::string_view text) {
   std::vector<std::string> lines;
   size_t start = 0;

@@ -23,6 +23,11 @@ bool readTextLines(const std::string& path, std::vector<std::string>& lines, std
 // quote and the next comma or line end is skipped. A quote left open ends at
 // the line end. An empty line is one empty item, and a comma before a line
 // end (or the end of the text) leaves one more, empty, item.
+// An item as it must be written to read back whole: between double quotes
+// when it holds a comma or begins or ends with a blank, else as it stands.
+// (An item holding a double quote cannot be written so that it reads back.)
+std::string ItemToWrite(std::string_view item);
+
 class TextItemReader {
  public:
   explicit TextItemReader(std::string text) : text_(std::move(text)) {}

@@ -38,7 +38,7 @@ bool IndexFileTable::add(std::string_view spec, std::string_view nameTemplate, i
     std::error_code ec;
     if (!parent.empty()) std::filesystem::create_directories(parent, ec);
     const std::string number = std::to_string(limit);
-    if (writeTextFileAtomically(local, {std::string(nameTemplate), number, number}, &error))
+    if (writeTextFileAtomically(local, {ItemToWrite(nameTemplate), number, number}, &error))
       return true;
   }
   if (message) *message = "Open " + std::string(spec) + " error: -" + error;
@@ -81,7 +81,9 @@ std::string IndexFileTable::issue(int number, Micros now, std::string* message, 
   const std::string name = nameTemplate.substr(0, marker) + formatNumber(next, "000") +
                            nameTemplate.substr(marker + kMarker.size());
 
-  std::vector<std::string> out = {nameTemplate, std::to_string(*limit), std::to_string(next)};
+  // The template is read as an item, so it is written as one.
+  std::vector<std::string> out = {ItemToWrite(nameTemplate), std::to_string(*limit),
+                                  std::to_string(next)};
   out.push_back(name + "\t" + formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss"));
   const size_t keep = *limit > 0 ? static_cast<size_t>(*limit) : 0;
   for (size_t i = 0; i < history.size() && i < keep; ++i) out.push_back(history[i]);

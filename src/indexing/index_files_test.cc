@@ -60,6 +60,18 @@ TEST_F(IndexingTest, TheFileKeepsItsTemplateAndAShortHistory) {
   EXPECT_EQ(lines.size(), 3u + 4u);
   EXPECT_EQ(lines[3], "C:\\DATA\\RUN002.DAT\t01-01-2026 00:00:00");
 
+  // A template holding a comma is read as a quoted item and written back as
+  // one, so every later issue reads it whole.
+  Write("c/idx/run.idx", {"\"A,B???.DAT\"", "999", "0"});
+  EXPECT_EQ(table.issue(1, kTestStart, &message, &reason), "A,B001.DAT");
+  EXPECT_EQ(table.issue(1, kTestStart, &message, &reason), "A,B002.DAT");
+  EXPECT_EQ(ReadLines(dir_ + "/c/idx/run.idx")[0], "\"A,B???.DAT\"");
+  ASSERT_TRUE(table.add("c:/idx/new.idx", " A,B???", 9, nullptr));
+  EXPECT_EQ(table.issue(2, kTestStart, &message, &reason), " A,B001");
+  EXPECT_EQ(table.issue(2, kTestStart, &message, &reason), " A,B002");
+  table.clear();
+  ASSERT_TRUE(table.add("c:/idx/run.idx", "", 0, nullptr));
+
   Write("c/idx/run.idx", {"C:\\DATA\\RUN41.DAT", "999", "41"});
   EXPECT_EQ(table.issue(1, kTestStart, &message, &reason), "");
   EXPECT_EQ(message, kNoQuestionMarks);

@@ -120,16 +120,28 @@ void OnTimeout(DefineState& state, Sequencer& seq, const CommandLine& cmd) {
   seq.setTimeoutDeadline(seq.clock().now() + static_cast<Micros>(std::ceil(value * kMicrosPerSecond)));
 }
 
-void ExamineDefines(DefineState& state, Sequencer& seq) {
-  RunFlags& flags = seq.flags();
-  if (!state.armed || !flags.timeoutExpired || flags.timeoutPending) return;
+// The time-out has fired: it is spent (disarmed, its expired flag cleared,
+// the seconds timer off) and its target becomes the jump target, a define
+// when one of that name exists now. False when none was armed.
+bool SpendTimeout(DefineState& state, Sequencer& seq) {
+  if (!state.armed) return false;
   state.armed = false;
   seq.cancelTimeout();
   seq.jumpTarget = state.target;
   seq.jumpTargetIsDefine = FindDefine(seq, state.target) != nullptr;
-  flags.timeoutPending = true;
   if (seq.trace().enabled()) {
     seq.trace().event("timeout").field("target", state.target).field("define", seq.jumpTargetIsDefine);
+  }
+  return true;
+}
+
+void ExamineDefines(DefineState& state, Sequencer& seq) {
+  RunFlags& flags = seq.flags();
+  if (!flags.timeoutExpired || flags.timeoutPending) return;
+  if (SpendTimeout(state, seq)) {
+    flags.timeoutPending = true;
+  } else {
+    seq.cancelTimeout();  // an expired flag with nothing armed behind it
   }
 }
 
@@ -143,10 +155,12 @@ void RegisterDefineCommands(Sequencer& seq) {
   d.registerHandler("ONTIMEOUT", [state](Sequencer& s, const CommandLine& c) { OnTimeout(*state, s, c); });
   seq.onExamineDefines = [state](Sequencer& s) { ExamineDefines(*state, s); };
   seq.onExecuteDefine = [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); };
-  auto disarm = [state] {
+  seq.onTimeoutFired = [state](Sequencer& s) { return SpendTimeout(*state, s); };
+  auto disarm = [state, &seq] {
     state->armed = false;
     state->target.clear();
     state->depth = 0;
+    seq.cancelTimeout();
   };
   seq.addPrepareHook(disarm);
   seq.addStopHook(disarm);

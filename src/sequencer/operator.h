@@ -55,6 +55,11 @@ class Operator {
   // answer. The engine waits for it on its event loop.
   virtual void ask(const Question& question, std::function<void(Answer)> answered) = 0;
 
+  // The engine closed the open question itself (the channel display whose
+  // channel can no longer be read): a window showing it closes it. An answer
+  // given after this is ignored.
+  virtual void closeQuestion() {}
+
   // Why the last question got no answer (shown in the error report).
   virtual std::string unansweredReason() const { return "no answer can be given"; }
 

@@ -8,17 +8,21 @@
 //                                      shows the message and the channel's
 //                                      reading, refreshed every second, until
 //                                      Continue (no label) or OK; Cancel
-//                                      jumps to the label
+//                                      jumps to the label. A reading that
+//                                      fails shows "Unable to read from
+//                                      channel: " + name in a message box
+//                                      and closes the display as Cancel
 //   MANUALADJUST channel, step[, message]
 //                                      the operator moves an output by steps
 //                                      with Up and Down until Done
 // Each asks on the operator port and waits on the event loop; a question
-// that can get no answer, or a channel that cannot be read or written, is
-// reported through the sequence error report.
+// that can get no answer, or (but for the display) a channel that cannot be
+// read or written, is reported through the sequence error report.
 
 #include "sequencer/operator_entry.h"
 
 #include <memory>
+#include <optional>
 
 #include "common/text_conventions.h"
 #include "sequencer/channel_access.h"
@@ -30,6 +34,7 @@ namespace tavrix {
 namespace {
 
 constexpr Micros kShowInterval = kMicrosPerSecond;
+constexpr std::string_view kTextDisplayUnreadable = "Unable to read from channel: ";
 
 bool HaveChannels(ChannelAccess* channels, Sequencer& seq, std::string_view keyword) {
   if (channels) return true;
@@ -99,27 +104,39 @@ void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd)
     return;
   }
   if (!HaveChannels(channels, seq, "DOWITHSHOW")) return;
-  std::string value;
-  if (!ReadOrReport(*channels, seq, "DoWithShow", channel, value)) return;
-  Operator& op = seq.operatorPort();
-  op.showChannelValue(channel, value);
-  // Later readings that fail show the error text instead of a value.
-  Timer refresh(seq.events(), kShowInterval, [&] {
-    std::string reading;
-    std::string error;
-    op.showChannelValue(channel, channels->read(channel, reading, &error) ? reading : error);
-  });
-  refresh.setEnabled(true);
   const std::string label(trim(cmd.arg3));
-  Question question;
-  question.kind = "DOWITHSHOW";
-  question.text = cmd.arg1;
-  question.buttons = label.empty() ? std::vector<std::string>{"Continue"}
-                                   : std::vector<std::string>{"OK", "Cancel"};
-  const Answer answer = seq.ask(question);
-  refresh.setEnabled(false);
+  Operator& op = seq.operatorPort();
+  // A reading that fails is shown in a message box, and the display closes
+  // as if Cancel had been pressed.
+  bool readFailed = false;
+  auto show = [&] {
+    std::string value;
+    std::string error;
+    if (channels->read(channel, value, &error)) {
+      op.showChannelValue(channel, value);
+      return;
+    }
+    readFailed = true;
+    seq.showMessage(std::string(kTextDisplayUnreadable) + channel);
+  };
+  std::optional<std::string> answer;
+  show();
+  if (readFailed) {
+    answer = "Cancel";
+  } else {
+    Timer refresh(seq.events(), kShowInterval, [&] {
+      if (!readFailed) show();
+    });
+    refresh.setEnabled(true);
+    Question question;
+    question.kind = "DOWITHSHOW";
+    question.text = cmd.arg1;
+    question.buttons = label.empty() ? std::vector<std::string>{"Continue"}
+                                     : std::vector<std::string>{"OK", "Cancel"};
+    answer = seq.ask(question, [&] { return readFailed; }, "Cancel");
+  }
   if (!answer || seq.flags().stopRequested) return;
-  if (*answer == "Cancel") seq.searchLabel(label);
+  if (*answer == "Cancel" && !label.empty()) seq.searchLabel(label);
 }
 
 void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {

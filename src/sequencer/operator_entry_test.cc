@@ -44,7 +44,32 @@ TEST_F(OperatorEntryTest, DoWithShowShowsTheChannelUntilAnswered) {
   op_.answers = {std::string("Continue")};
   EXPECT_EQ(Run({"DOWITHSHOW Look, T1"}), "");
   EXPECT_EQ(op_.questions.back().buttons, (Lines{"Continue"}));
-  EXPECT_EQ(Run({"DOWITHSHOW Look, T9"}), "DoWithShow - cannot read T9: no such channel");
+}
+
+TEST_F(OperatorEntryTest, DoWithShowClosesAsCancelWhenTheChannelCannotBeRead) {
+  // A channel that cannot be read at all: the message box, then Cancel.
+  EXPECT_EQ(Run({"DOWITHSHOW Look, T9, GONE", "STOP", "GONE:", "WAITRANDOM 1, 1"}), "");
+  EXPECT_EQ(op_.messages, (Lines{"Unable to read from channel: T9"}));
+  EXPECT_TRUE(op_.questions.empty());
+  EXPECT_DOUBLE_EQ(Elapsed(), 1.0);
+
+  // The channel goes away while the display is open: the refresh at 3 s
+  // fails, the box is shown and the display closed as if Cancel was pressed.
+  channels_.values["T1"] = "20";
+  op_.holdQuestions = true;
+  Timer unplug(events_, 2'500'000, [&] { channels_.values.erase("T1"); });
+  unplug.setEnabled(true);
+  EXPECT_EQ(Run({"DOWITHSHOW Open the valve, T1, CLOSED", "STOP", "CLOSED:", "WAITRANDOM 1, 1"}), "");
+  unplug.setEnabled(false);
+  EXPECT_EQ(op_.messages.back(), "Unable to read from channel: T1");
+  EXPECT_EQ(op_.closedQuestions, 1);
+  EXPECT_EQ(op_.channelValues, (Lines{"T1=20", "T1=20", "T1=20"}));
+  EXPECT_DOUBLE_EQ(Elapsed(), 1.0 + 3.0 + 1.0);
+  EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
+
+  // Without a label the run goes on with the next line.
+  EXPECT_EQ(Run({"DOWITHSHOW Look, T9", "WAITRANDOM 2, 2"}), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 7.0);
 }
 
 TEST_F(OperatorEntryTest, ManualAdjustStepsTheOutputUntilDone) {

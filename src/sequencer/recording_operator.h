@@ -24,10 +24,14 @@ class RecordingOperator : public Operator {
   RunControls controls;
   std::deque<std::optional<std::string>> files;  // file dialog results
   std::function<void(const Question&)> onQuestion;
+  // While true, questions stay open (unanswered) until the engine closes them.
+  bool holdQuestions = false;
+  int closedQuestions = 0;  // questions the engine closed itself
 
   void ask(const Question& question, std::function<void(Answer)> answered) override {
     questions.push_back(question);
     if (onQuestion) onQuestion(question);
+    if (holdQuestions) return;
     Answer answer;
     if (!answers.empty()) {
       answer = answers.front();
@@ -35,6 +39,7 @@ class RecordingOperator : public Operator {
     }
     answered(answer);
   }
+  void closeQuestion() override { ++closedQuestions; }
   void showMessage(std::string_view, std::string_view text) override { messages.emplace_back(text); }
   std::optional<std::string> chooseFile(const FileDialog&) override {
     if (files.empty()) return std::nullopt;

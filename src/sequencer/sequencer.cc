@@ -138,11 +138,7 @@ void Sequencer::runLoop() {
       flags_.jumpPending = false;
     }
     if (flags_.timeoutPending) {
-      if (jumpTargetIsDefine && onExecuteDefine) {
-        onExecuteDefine(*this, jumpTarget);
-      } else {
-        searchLabel(jumpTarget);
-      }
+      runTimeoutTarget();
       flags_.timeoutPending = false;
     }
     // A failed search leaves the file at its end, or asks the run to end.
@@ -168,6 +164,24 @@ void Sequencer::runLoop() {
   secondsTimer_.setEnabled(false);
   file_.close();
   flags_.running = false;
+}
+
+void Sequencer::runTimeoutTarget() {
+  if (jumpTargetIsDefine && onExecuteDefine) {
+    onExecuteDefine(*this, jumpTarget);
+  } else {
+    searchLabel(jumpTarget);
+  }
+}
+
+bool Sequencer::takeTimeoutActionNow() {
+  const bool armed = onTimeoutFired && onTimeoutFired(*this);
+  if (!armed) {
+    cancelTimeout();
+    return false;
+  }
+  runTimeoutTarget();
+  return true;
 }
 
 bool Sequencer::runBetweenLinesChecks() {
@@ -301,7 +315,9 @@ bool Sequencer::closeRequest() {
   question.title = kCloseQuestionTitle;
   question.text = kCloseQuestionText;
   question.buttons = {"Yes", "No", "Cancel"};
-  const Answer answer = ask(question);
+  // Only an explicit Yes closes: a question that gets no answer, or any
+  // other answer, leaves the run going.
+  const Answer answer = awaitAnswer(question, {}, {}).answer;
   return answer && *answer == "Yes";
 }
 
@@ -396,32 +412,54 @@ bool Sequencer::waitUntil(const std::function<bool()>& done, const std::function
   return false;
 }
 
-Answer Sequencer::ask(const Question& question) {
+Sequencer::AnswerWait Sequencer::awaitAnswer(const Question& question,
+                                             const std::function<bool()>& closeNow,
+                                             std::string_view closedAs) {
   auto result = std::make_shared<std::optional<Answer>>();
   EventLoop& loop = events_;
+  AnswerWait wait;
   {
     std::optional<EventLoop::OutsideWait> person;
     if (operator_.isPerson()) person.emplace(events_);
     operator_.ask(question, [&loop, result](Answer answer) {
       loop.post([result, answer] { *result = answer; });
     });
-    waitUntil([&] { return result->has_value(); });
+    wait.waitEnded = events_.waitUntil([&] {
+      if (result->has_value()) return true;
+      wait.closed = closeNow && closeNow();
+      return wait.closed;
+    });
   }
-  const Answer answer = result->value_or(std::nullopt);
+  if (wait.closed) {
+    operator_.closeQuestion();
+    wait.answer = std::string(closedAs);
+  } else {
+    wait.answer = result->value_or(std::nullopt);
+  }
   if (trace_.enabled()) {
     auto event = trace_.event("prompt");
     event.field("kind", question.kind).field("text", question.text);
-    if (answer) {
-      event.field("answer", *answer);
+    if (wait.answer) {
+      event.field("answer", *wait.answer);
     } else {
       event.field("answer", std::nullopt);
     }
   }
-  if (!answer && result->has_value()) {
+  return wait;
+}
+
+Answer Sequencer::ask(const Question& question) { return ask(question, {}, {}); }
+
+Answer Sequencer::ask(const Question& question, const std::function<bool()>& closeNow,
+                      std::string_view closedAs) {
+  const AnswerWait wait = awaitAnswer(question, closeNow, closedAs);
+  if (!wait.waitEnded) {
+    reportSequenceError(kWaitCannotEndText);
+  } else if (!wait.answer) {
     reportSequenceError("No answer to the " + question.kind + " question \"" + question.text +
                         "\" - " + operator_.unansweredReason());
   }
-  return answer;
+  return wait.answer;
 }
 
 void Sequencer::examineDefineTable() {

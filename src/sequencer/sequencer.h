@@ -118,6 +118,10 @@ class Sequencer {
   // When no answer can come, reports that as a sequence error (the run
   // ends) and returns std::nullopt.
   Answer ask(const Question& question);
+  // As ask(), but the engine closes the question itself, as if the button
+  // `closedAs` had been pressed, as soon as `closeNow()` answers true.
+  Answer ask(const Question& question, const std::function<bool()>& closeNow,
+             std::string_view closedAs);
 
   // Examines the define table, as the waits do at every turn.
   void examineDefineTable();
@@ -125,6 +129,16 @@ class Sequencer {
   // a define; set by the subsystem that owns the define commands.
   std::function<void(Sequencer&)> onExamineDefines;
   std::function<void(Sequencer&, const std::string& target)> onExecuteDefine;
+  // Spends the sequence time-out that has fired (disarms it, clears timeout
+  // expired) and sets the jump target to its label or define; set by the
+  // subsystem that owns ONTIMEOUT. False when no time-out was armed.
+  std::function<bool(Sequencer&)> onTimeoutFired;
+
+  // The time-out action taken at once, as WAIT and the alarm waits do when
+  // they find the time-out expired: the time-out is spent, then its define
+  // runs or its label is searched. False when no time-out was armed (the
+  // stale expired flag is cleared and nothing else happens).
+  bool takeTimeoutActionNow();
 
   std::vector<DefineEntry>& defineTable() { return defines_; }
   void addDefine(DefineEntry entry);
@@ -199,6 +213,19 @@ class Sequencer {
 
  private:
   void runLoop();
+  // Runs the stored jump target as a define when it is one, else searches it
+  // as a label.
+  void runTimeoutTarget();
+  // How a question ended: its answer (`closedAs` when `closeNow` closed it
+  // first), and whether the wait could end at all. Traces the prompt;
+  // reports nothing.
+  struct AnswerWait {
+    Answer answer;
+    bool closed = false;
+    bool waitEnded = true;
+  };
+  AnswerWait awaitAnswer(const Question& question, const std::function<bool()>& closeNow,
+                         std::string_view closedAs);
   void dispatchLine(std::string& line);
   // Dispatches the command of the first check that gives one; false if none.
   bool runBetweenLinesChecks();

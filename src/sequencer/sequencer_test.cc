@@ -290,20 +290,28 @@ TEST_F(RunEngineTest, AutomaticStartPressesRunAtTheFirstSecondsTick) {
   EXPECT_FALSE(plain.flags().autoStartPending);
 }
 
-TEST_F(RunEngineTest, CloseAsksOnlyWhileTheRunMustNotBeStopped) {
+TEST_F(RunEngineTest, CloseAsksOnlyWhileTheRunMustNotBeStoppedAndNeedsAnExplicitYes) {
   EXPECT_TRUE(seq_.closeRequest());
   EXPECT_TRUE(op_.questions.empty());
+  // No answer at all, No and Cancel each leave the run going; only Yes lets
+  // the window close.
   std::vector<bool> allowed;
-  op_.answers = {std::string("No"), std::string("Yes")};
+  op_.answers = {std::nullopt, std::string("No"), std::string("Cancel"), std::string("Yes")};
   Timer closer(events_, kMicrosPerSecond, [&] { allowed.push_back(seq_.closeRequest()); });
   closer.setEnabled(true);
-  EXPECT_EQ(Run({"NONSTOP", "WAITSECONDS 2"}), "");
+  EXPECT_EQ(Run({"NONSTOP", "WAITSECONDS 4", "WAITSECONDS 1"}), "");
+  closer.setEnabled(false);
+  EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
+  EXPECT_DOUBLE_EQ(Elapsed(), 5.0);
+  EXPECT_TRUE(op_.messages.empty());
   EXPECT_FALSE(op_.controls.stopEnabled);
-  ASSERT_GE(op_.questions.size(), 1u);
+  ASSERT_GE(op_.questions.size(), 4u);
   EXPECT_EQ(op_.questions[0].text, "This application should not be  stopped\rDo you want to stop it ?");
   EXPECT_EQ(op_.questions[0].title, "Corvane Test Sequence");
   EXPECT_EQ(allowed.at(0), false);
-  EXPECT_EQ(allowed.at(1), true);
+  EXPECT_EQ(allowed.at(1), false);
+  EXPECT_EQ(allowed.at(2), false);
+  EXPECT_EQ(allowed.at(3), true);
 }
 
 TEST_F(RunEngineTest, TheLineCounterOverflowsPast32767Lines) {

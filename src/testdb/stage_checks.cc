@@ -14,25 +14,25 @@ std::string LimitFailureText(std::string_view value, float lower, float upper) {
 }
 
 void TestDatabase::RunStageCheck(int16_t step) {
-  // Without a UUT under test (none entered yet, or its test abandoned) there
-  // is nothing to check and no record to keep the results.
-  if (abandoned_ || !uutOpen_) {
+  // Before the first Accept of the run there is no UUT record to keep the
+  // results in.
+  if (!uutOpen_) {
     if (seq_.trace().enabled()) {
       seq_.trace().event("stagecheck").field("step", step).field("skipped", true);
     }
     return;
   }
   step_ = step;
-  // A Repeat in the check-failure window evaluates the whole step again.
   for (;;) {
     continue_ = true;
     collected_.clear();
+    repeatWanted_ = false;
+    // Every row of the step, whatever the verdicts of the rows before it.
     for (size_t i = 0; i < definition_.stageChecks.size(); ++i) {
       if (definition_.stageChecks[i].step != step_) continue;
       stageRow_ = i + 1;
-      const RowOutcome outcome = evaluateRow(definition_.stageChecks[i]);
+      evaluateRow(definition_.stageChecks[i]);
       if (runEnding()) return;
-      if (outcome.stopStep) break;
     }
     if (!collected_.empty()) {
       verdict_ = askCheckFailure();
@@ -40,54 +40,60 @@ void TestDatabase::RunStageCheck(int16_t step) {
     } else {
       verdict_ = kVerdictPass;
     }
-    if (verdict_ != kVerdictRepeat) break;
+    if (verdict_ == kVerdictFail) break;
+    if (verdict_ != kVerdictRepeat && !repeatWanted_) break;
+    // A repeat was asked for: the operator repeats the step (after any
+    // rework) or goes on with the test.
+    const auto answer = askRepeatStep();
+    if (!answer) return;
+    if (*answer != kRepeatLastStep) break;
   }
   if (verdict_ == kVerdictFail) continue_ = false;
-  if (!continue_) {
-    abandoned_ = true;
-    if (seq_.trace().enabled()) {
-      seq_.trace().event("uut").field("serial", uut_.serialNumber).field("state", "abandoned");
-    }
-  }
 }
 
-TestDatabase::RowOutcome TestDatabase::evaluateRow(const StageCheck& row) {
+std::optional<std::string> TestDatabase::askRepeatStep() {
+  Question question;
+  question.kind = kRepeatStepKind;
+  question.title = kCheckFailureTitle;
+  question.text = "Stage " + formatNumber(step_, "0");
+  question.buttons = {std::string(kRepeatLastStep), std::string(kContinueWithTest)};
+  return seq_.ask(question);
+}
+
+void TestDatabase::evaluateRow(const StageCheck& row) {
   const std::string type = upperCase(trim(row.type));
   if (type == kCheckManual) return manualRow(row);
   if (type == kCheckRecord) return recordRow(row);
   if (type == kCheckMeasure) return valueRow(row, false);
   if (type == kCheckDifference) return valueRow(row, true);
   seq_.showMessage(std::string(kMsgUnrecognisedType) + row.type);
-  return {};
 }
 
-TestDatabase::RowOutcome TestDatabase::manualRow(const StageCheck& row) {
+void TestDatabase::manualRow(const StageCheck& row) {
   const std::string name = row.text7.empty() ? std::string(kUnNamed) : row.text7;
   const std::string text = row.text9.empty() ? name : row.text9;
-  // Fail and Repeat records the failure and asks again.
-  for (;;) {
-    const int verdict = askUutCheck(text);
-    if (verdict == 0) return {true};
-    verdict_ = verdict;
-    CheckEntry check;
-    check.parameter = name;
-    check.units = row.text8;
-    check.stage = step_;
-    if (verdict == kVerdictPass) {
-      check.value = kOpPass;
-      uut_.checks.push_back(std::move(check));
-      return {};
-    }
-    uut_.failures.push_back({step_, name, std::string(kOpFail), ""});
-    check.value = kOpFail;
-    check.passed = false;
-    check.failureText = kOpFail;
+  const int verdict = askUutCheck(text);
+  if (verdict == 0) return;
+  verdict_ = verdict;
+  CheckEntry check;
+  check.parameter = name;
+  check.units = row.text8;
+  check.stage = step_;
+  if (verdict == kVerdictPass) {
+    check.value = kOpPass;
     uut_.checks.push_back(std::move(check));
-    if (verdict != kVerdictFailRepeat) return {};
+    return;
   }
+  uut_.failures.push_back({step_, name, std::string(kOpFail), ""});
+  check.value = kOpFail;
+  check.passed = false;
+  check.failureText = kOpFail;
+  uut_.checks.push_back(std::move(check));
+  // Fail and Repeat: the step is offered again once its rows are done.
+  if (verdict == kVerdictFailRepeat) repeatWanted_ = true;
 }
 
-bool TestDatabase::readValue(const std::string& channel, float& value) {
+bool TestDatabase::readValue(const std::string& channel, double& value) {
   std::string text;
   std::string error;
   if (!readChannel || !readChannel(channel, text, error)) {
@@ -96,11 +102,11 @@ bool TestDatabase::readValue(const std::string& channel, float& value) {
                              channel + ": " + error);
     return false;
   }
-  value = static_cast<float>(leadingNumber(text));
+  value = leadingNumber(text);
   return true;
 }
 
-TestDatabase::RowOutcome TestDatabase::recordRow(const StageCheck& row) {
+void TestDatabase::recordRow(const StageCheck& row) {
   CheckEntry check;
   check.parameter = row.text7.empty() ? row.channel : row.text7;
   check.channel = row.channel;
@@ -111,31 +117,33 @@ TestDatabase::RowOutcome TestDatabase::recordRow(const StageCheck& row) {
   if (supplied) {
     check.value = *supplied;
   } else {
-    if (row.channel.empty()) return {};
-    float value = 0;
-    if (!readValue(row.channel, value)) return {true};
-    check.value = formatNumber(value, kValueFormat);
+    if (row.channel.empty()) return;
+    double value = 0;
+    if (!readValue(row.channel, value)) return;
+    check.value = formatNumber(static_cast<float>(value), kValueFormat);
   }
   if (check.parameter.empty()) check.parameter = kUnNamed;
   uut_.checks.push_back(std::move(check));
-  return {};
 }
 
-TestDatabase::RowOutcome TestDatabase::valueRow(const StageCheck& row, bool difference) {
-  if (row.channel.empty() || (difference && row.secondChannel.empty())) return {};
-  float value = 0;
-  if (!readValue(row.channel, value)) return {true};
+void TestDatabase::valueRow(const StageCheck& row, bool difference) {
+  if (row.channel.empty() || (difference && row.secondChannel.empty())) return;
+  double reading = 0;
+  if (!readValue(row.channel, reading)) return;
   CheckEntry check;
   if (difference) {
-    float second = 0;
-    if (!readValue(row.secondChannel, second)) return {true};
-    value -= second;
+    double second = 0;
+    if (!readValue(row.secondChannel, second)) return;
+    // The difference of the readings as read, then held in 32 bits like a
+    // single reading: 1.3 - 0.2 is 1.1, as the limit 1.1 is.
+    reading -= second;
     check.parameter = row.channel + "-" + row.secondChannel;
     check.channel = check.parameter;
   } else {
     check.parameter = row.text7.empty() ? row.channel : row.text7;
     check.channel = row.channel;
   }
+  const float value = static_cast<float>(reading);
   check.value = formatNumber(value, kValueFormat);
   check.units = row.text8;
   check.lower = LimitText(row.lower);
@@ -145,12 +153,12 @@ TestDatabase::RowOutcome TestDatabase::valueRow(const StageCheck& row, bool diff
   const bool passed = value >= row.lower && value <= row.upper;
   if (passed) {
     uut_.checks.push_back(std::move(check));
-    return {};
+    return;
   }
-  return valueFailed(row, std::move(check));
+  valueFailed(row, std::move(check));
 }
 
-TestDatabase::RowOutcome TestDatabase::valueFailed(const StageCheck& row, CheckEntry check) {
+void TestDatabase::valueFailed(const StageCheck& row, CheckEntry check) {
   const std::string text = LimitFailureText(check.value, row.lower, row.upper);
   uut_.passed = false;
   uut_.failures.push_back({step_, check.parameter, text, check.value});
@@ -160,9 +168,9 @@ TestDatabase::RowOutcome TestDatabase::valueFailed(const StageCheck& row, CheckE
   uut_.checks.push_back(std::move(check));
   collected_ += (collected_.empty() ? "" : "\r") + line;
   const std::string alert = row.text9.empty() ? line : row.text9 + "\r" + line;
-  const int answer = askAlert(alert, AlertButtons::kAcceptCancel);
-  // Cancel passes over the step's remaining rows.
-  return {answer != 1};
+  // Accept or Cancel, the step's remaining rows are evaluated; the answer is
+  // kept as the last alert answer.
+  askAlert(alert, AlertButtons::kAcceptCancel);
 }
 
 int TestDatabase::askUutCheck(const std::string& text) {

@@ -1,6 +1,6 @@
 // Stage checks and the operator's verdicts: the check types, the questions
-// they ask (UUT Check, Alert Message, the check-failure window), and the
-// texts they record.
+// they ask (UUT Check, Alert Message, the check-failure window, the offer to
+// repeat a step), and the texts they record.
 #pragma once
 
 #include <string>
@@ -41,6 +41,11 @@ inline constexpr std::string_view kCheckFailureKeys = "F1: Ignore  F2 Repeat  F3
 inline constexpr std::string_view kIgnore = "Ignore";
 inline constexpr std::string_view kRepeat = "Repeat";
 inline constexpr std::string_view kFailAndAbandon = "Fail and Abandon";
+
+// Where a repeat was asked for, the step is offered again.
+inline constexpr std::string_view kRepeatStepKind = "REPEATSTEP";
+inline constexpr std::string_view kRepeatLastStep = "Repeat last test step";
+inline constexpr std::string_view kContinueWithTest = "Continue with test";
 
 // Check verdicts.
 inline constexpr int kVerdictPass = 1;        // pass, or ignore

@@ -105,7 +105,6 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     uut_.entryStatus = 1;
     uut_.testVersion = definition_.details.version;
     uutOpen_ = true;
-    abandoned_ = false;
     if (seq_.trace().enabled()) {
       seq_.trace().event("uut").field("serial", uut_.serialNumber).field("state", "started");
     }
@@ -136,7 +135,6 @@ void TestDatabase::FinishUut() {
 void TestDatabase::EndRun() {
   FinishUut();
   loaded_ = false;
-  abandoned_ = false;
   definition_ = TestDefinition{};
 }
 

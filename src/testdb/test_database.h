@@ -75,29 +75,25 @@ class TestDatabase {
   int lastAlertAnswer() const { return lastAlert_; }
   int16_t currentStep() const { return step_; }
   size_t currentStageRow() const { return stageRow_; }
-  // True when the operator stopped the current UUT's test at a check: the
-  // UUT's remaining stage checks are passed over.
-  bool uutAbandoned() const { return abandoned_; }
 
  private:
   enum class AlertButtons { kAcceptCancel, kPassFailRetry };
-  struct RowOutcome {
-    bool stopStep = false;  // the rest of the step's rows are passed over
-  };
 
   bool askDataEntry(DataEntry& entry);
   void showPlainMessage(const std::string& text);
-  RowOutcome evaluateRow(const StageCheck& row);
-  RowOutcome manualRow(const StageCheck& row);
-  RowOutcome valueRow(const StageCheck& row, bool difference);
-  RowOutcome recordRow(const StageCheck& row);
-  bool readValue(const std::string& channel, float& value);
-  RowOutcome valueFailed(const StageCheck& row, CheckEntry check);
+  void evaluateRow(const StageCheck& row);
+  void manualRow(const StageCheck& row);
+  void valueRow(const StageCheck& row, bool difference);
+  void recordRow(const StageCheck& row);
+  bool readValue(const std::string& channel, double& value);
+  void valueFailed(const StageCheck& row, CheckEntry check);
   // Returns the verdict of the UUT Check question, 0 when unanswered.
   int askUutCheck(const std::string& text);
   // Returns the button's number from 1, 0 when unanswered.
   int askAlert(const std::string& text, AlertButtons buttons);
   int askCheckFailure();
+  // "Repeat last test step" or "Continue with test"; std::nullopt unanswered.
+  std::optional<std::string> askRepeatStep();
   bool runEnding() const;
 
   Sequencer& seq_;
@@ -110,7 +106,6 @@ class TestDatabase {
   bool uutOpen_ = false;
   bool anyUutFailed_ = false;
   int uutsFinished_ = 0;
-  bool abandoned_ = false;
 
   int16_t step_ = 0;
   size_t stageRow_ = 0;
@@ -119,6 +114,7 @@ class TestDatabase {
   bool repeat_ = false;
   int lastAlert_ = 0;
   std::string collected_;  // the step's failure texts, one a line
+  bool repeatWanted_ = false;  // a Fail and Repeat in the step's rows
 };
 
 }  // namespace tavrix

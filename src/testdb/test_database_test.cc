@@ -99,13 +99,16 @@ TEST_F(TestDatabaseTest, MeasureLimitsAreInclusiveAndFailuresAreAlerted) {
        "1" + kT + "MEASURE" + kT + "C" + kT + kT + "1.0" + kT + "2.0" + kT + kT + kT +
            "Look at gauge C",
        "1" + kT + "MEASURE" + kT + "D" + kT + kT + "1.0" + kT + "2.0",
-       "1" + kT + "MEASURE" + kT + "" + kT + kT + "1.0" + kT + "2.0" + kT + "No channel"});
-  channels_ = {{"A", {"2.0"}}, {"B", {"1"}}, {"C", {"2.01"}}, {"D", {"3"}}};
+       "1" + kT + "MEASURE" + kT + "" + kT + kT + "1.0" + kT + "2.0" + kT + "No channel",
+       "1" + kT + "DIFFERENCE" + kT + "E" + kT + "F" + kT + "1.1" + kT + "1.1"});
+  // 1.3 - 0.2 is 1.1, on the limits.
+  channels_ = {{"A", {"2.0"}}, {"B", {"1"}},   {"C", {"2.01"}},
+               {"D", {"3"}},   {"E", {"1.3"}}, {"F", {"0.2"}}};
   Answer({"Accept|serial=1234", "Accept", "Accept", "Ignore"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1"}), "");
 
   // The row without a channel is not evaluated.
-  EXPECT_THAT(reads_, ElementsAre("A", "B", "C", "D"));
+  EXPECT_THAT(reads_, ElementsAre("A", "B", "C", "D", "E", "F"));
   EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "ALERT", "CHECKFAILURE"));
   EXPECT_EQ(op_.questions[1].title, "Alert Message");
   EXPECT_EQ(op_.questions[1].text, "Look at gauge C\rC: Value: 2.01  Min: 1  Max: 2");
@@ -123,7 +126,8 @@ TEST_F(TestDatabaseTest, MeasureLimitsAreInclusiveAndFailuresAreAlerted) {
   EXPECT_THAT(details, HasSubstr("1\tUpper\tA\t2.00\tbar\t1\t2\tPass\r\n"
                                  "1\tLower\tB\t1.00\t\t1\t2\tPass\r\n"
                                  "1\tC\tC\t2.01\t\t1\t2\tFail\tValue: 2.01  Min: 1  Max: 2\r\n"
-                                 "1\tD\tD\t3.00\t\t1\t2\tFail\tValue: 3.00  Min: 1  Max: 2\r\n"));
+                                 "1\tD\tD\t3.00\t\t1\t2\tFail\tValue: 3.00  Min: 1  Max: 2\r\n"
+                                 "1\tE-F\tE-F\t1.10\t\t1.1\t1.1\tPass\r\n"));
   EXPECT_THAT(Summary(), HasSubstr("1234\tFAIL\tSN1234_261115.txt\r\n"));
 }
 
@@ -163,68 +167,102 @@ TEST_F(TestDatabaseTest, RowsOfAStepRunInFileOrderWhereverTheyStand) {
   EXPECT_THAT(Summary(), HasSubstr("2\tPASS\tSN2_261115.txt"));
 }
 
-TEST_F(TestDatabaseTest, CancelInAnAlertPassesOverTheRestOfTheStep) {
+TEST_F(TestDatabaseTest, EveryRowOfTheStepIsEvaluatedWhateverTheAlertAnswer) {
   WriteDatabase({"1" + kT + "MEASURE" + kT + "A" + kT + kT + "0" + kT + "1",
                  "1" + kT + "MEASURE" + kT + "B" + kT + kT + "0" + kT + "1"});
   channels_ = {{"A", {"5"}}, {"B", {"5"}}};
-  Answer({"Accept|serial=1", "Cancel", "Ignore"});
+  Answer({"Accept|serial=1", "Cancel", "Accept", "Ignore"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1"}), "");
-  EXPECT_THAT(reads_, ElementsAre("A"));
-  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "CHECKFAILURE"));
+  EXPECT_THAT(reads_, ElementsAre("A", "B"));
+  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "ALERT", "CHECKFAILURE"));
+  EXPECT_EQ(db_.lastAlertAnswer(), 1);
+  EXPECT_THAT(Summary(),
+              HasSubstr("\t1\tA\t5.00\tValue: 5.00  Min: 0  Max: 1\r\n" + std::string(17, ' ') +
+                        "\t      \t       \t1\tB\t5.00\tValue: 5.00  Min: 0  Max: 1\r\n"));
 }
 
 TEST_F(TestDatabaseTest, ManualVerdictsAndTheContinueFlag) {
   WriteDatabase(
       {"1" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Label" + kT + kT + "Is the label straight?",
-       "2" + kT + "MANUAL", "3" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Seal"});
-  // Pass; Fail and Repeat asks again; Fail and Continue clears the flag.
-  Answer({"Accept|serial=5", "Pass", "Fail and Repeat", "Pass", "Fail and Continue"});
+       "2" + kT + "MANUAL", "3" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Seal",
+       "4" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Paint", "4" + kT + "MANUAL"});
+  std::vector<bool> flags;
+  seq_.dispatcher().addExtension([&](Sequencer&, const CommandLine& cmd) {
+    if (cmd.word != "FLAG") return false;
+    flags.push_back(db_.continueFlag());
+    return true;
+  });
+  // Pass; Fail and Repeat asks once and then offers the step again; Fail and
+  // Continue clears the flag and the next step's rows are still asked; Fail
+  // and Repeat then Continue with test goes on.
+  Answer({"Accept|serial=5", "Pass", "Fail and Repeat", "Repeat last test step", "Pass",
+          "Fail and Continue", "Fail and Repeat", "Pass", "Continue with test"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1", "DB_STAGECHECK 2",
-                 "DB_STAGECHECK 3"}),
+                 "DB_STAGECHECK 3", "FLAG", "DB_STAGECHECK 4", "FLAG"}),
             "");
-  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "UUTCHECK", "UUTCHECK", "UUTCHECK", "UUTCHECK"));
+  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "UUTCHECK", "UUTCHECK", "REPEATSTEP", "UUTCHECK",
+                                   "UUTCHECK", "UUTCHECK", "UUTCHECK", "REPEATSTEP"));
   EXPECT_EQ(op_.questions[1].title, "UUT Check");
   EXPECT_EQ(op_.questions[1].text, "Is the label straight?");
   EXPECT_THAT(op_.questions[1].buttons,
               ElementsAre("Pass", "Fail and Repeat", "Fail and Continue"));
   EXPECT_EQ(op_.questions[2].text, "Un-Named");
-  EXPECT_FALSE(db_.continueFlag());
-  // Manual failures open no check-failure window: the verdict stays 1.
+  EXPECT_EQ(op_.questions[3].text, "Stage 2");
+  EXPECT_THAT(op_.questions[3].buttons, ElementsAre("Repeat last test step", "Continue with test"));
+  EXPECT_EQ(op_.questions[6].text, "Paint");
+  EXPECT_EQ(op_.questions[8].text, "Stage 4");
+  EXPECT_THAT(flags, ElementsAre(false, true));
+  // Manual failures open no check-failure window: the verdict is 1.
   EXPECT_EQ(db_.checkVerdict(), kVerdictPass);
   EXPECT_THAT(folder_.Read("results/SN_5_261115_143005.txt"),
               HasSubstr("1\tLabel\t\tOp Pass\t\t\t\tPass\r\n"
                         "2\tUn-Named\t\tOp Fail\t\t\t\tFail\tOp Fail\r\n"
                         "2\tUn-Named\t\tOp Pass\t\t\t\tPass\r\n"
-                        "3\tSeal\t\tOp Fail\t\t\t\tFail\tOp Fail\r\n"));
+                        "3\tSeal\t\tOp Fail\t\t\t\tFail\tOp Fail\r\n"
+                        "4\tPaint\t\tOp Fail\t\t\t\tFail\tOp Fail\r\n"
+                        "4\tUn-Named\t\tOp Pass\t\t\t\tPass\r\n"));
   EXPECT_THAT(Summary(), HasSubstr("5\tFAIL\tSN5_261115.txt\r\n"));
   EXPECT_THAT(Summary(), HasSubstr("\t2\tUn-Named\t\tOp Fail\r\n"));
 }
 
-TEST_F(TestDatabaseTest, CheckFailureWindowRepeatsOrAbandonsTheUut) {
+TEST_F(TestDatabaseTest, CheckFailureWindowRepeatsTheStepOrFailsTheUut) {
   WriteDatabase({"1" + kT + "MEASURE" + kT + "A" + kT + kT + "0" + kT + "1",
                  "2" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Later"});
-  // The first reading fails; Repeat reads again and passes.
+  // The first reading fails; Repeat offers the step again, which reads again
+  // and passes.
   channels_ = {{"A", {"5", "0.5"}}};
-  Answer({"Accept|serial=1", "Accept", "Repeat", "Pass"});
+  Answer({"Accept|serial=1", "Accept", "Repeat", "Repeat last test step", "Pass"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1", "DB_STAGECHECK 2"}), "");
   EXPECT_THAT(reads_, ElementsAre("A", "A"));
-  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "CHECKFAILURE", "UUTCHECK"));
+  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "CHECKFAILURE", "REPEATSTEP", "UUTCHECK"));
   EXPECT_TRUE(db_.repeatFlag());
   // The failure of the first attempt stays on record.
   EXPECT_THAT(Summary(), HasSubstr("1\tFAIL\tSN1_261115.txt\r\n"));
 
-  // Fail and Abandon: the UUT's remaining stage checks are passed over, the
-  // next UUT is tested again.
+  // Repeat, then Continue with test: the step is not evaluated again.
+  reads_.clear();
+  op_.questions.clear();
+  channels_ = {{"A", {"5", "0.5"}}};
+  Answer({"Accept|serial=2", "Accept", "Repeat", "Continue with test", "Pass"});
+  EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1", "DB_STAGECHECK 2"}), "");
+  EXPECT_THAT(reads_, ElementsAre("A"));
+  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "CHECKFAILURE", "REPEATSTEP", "UUTCHECK"));
+
+  // Fail and Abandon: the UUT fails and the continue flag is cleared, but its
+  // later steps are still evaluated.
   op_.questions.clear();
   channels_ = {{"A", {"5"}}};
-  Answer({"Accept|serial=2", "Accept", "Fail and Abandon", "Accept|serial=3", "Pass"});
+  Answer({"Accept|serial=3", "Accept", "Fail and Abandon", "Pass", "Accept|serial=4", "Pass"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1", "DB_STAGECHECK 2",
                  "DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 2"}),
             "");
-  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "CHECKFAILURE", "DATAENTRY", "UUTCHECK"));
+  EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "CHECKFAILURE", "UUTCHECK", "DATAENTRY",
+                                   "UUTCHECK"));
   EXPECT_EQ(db_.checkVerdict(), kVerdictPass);
-  EXPECT_THAT(Summary(), HasSubstr("Pump test_261115.txt2\tFAIL"));
-  EXPECT_THAT(Summary(), HasSubstr("Pump test_261115.txt3\tPASS"));
+  EXPECT_THAT(Summary(), HasSubstr("Pump test_261115.txt3\tFAIL"));
+  EXPECT_THAT(Summary(), HasSubstr("Pump test_261115.txt4\tPASS"));
+  EXPECT_THAT(folder_.Read("results/SN_3_261115_143005.txt"),
+              HasSubstr("2\tLater\t\tOp Pass\t\t\t\tPass\r\n"));
 }
 
 TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {

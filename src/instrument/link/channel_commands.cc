@@ -28,7 +28,11 @@ class ChannelCommands {
     fail();
     return false;
   }
-  void fail() { seq_.reportSequenceError(ins_.link().lastErrorText); }
+  // A command that failed because Stop gave up its exchange ends quietly:
+  // the run is ending already.
+  void fail() {
+    if (!seq_.flags().stopRequested) seq_.reportSequenceError(ins_.link().lastErrorText);
+  }
   Channels& ch() { return ins_.channels(); }
 
   void imsFileSpec(const CommandLine& cmd) {
@@ -134,10 +138,13 @@ class ChannelCommands {
       if (flags.jumpPending || flags.timeoutPending) return;
       seq_.processPendingEvents();
       if (flags.timeoutExpired) {
+        // The time-out's action at once: its define runs or its label is
+        // searched, and the time-out is spent.
         seq_.processPendingEvents();
-        seq_.searchLabel(seq_.jumpTarget);
-        storeDuration();
-        return;
+        if (seq_.takeTimeoutActionNow()) {
+          storeDuration();
+          return;
+        }
       }
       seq_.processPendingEvents();
       std::string reading;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -141,16 +142,38 @@ TEST_F(ChannelCommandsTest, WaitGoesOnThroughErrReadingsAndEndsOnStopOrTimeout) 
   stop.setEnabled(false);
 
   // An expired timeout searches the stored label.
-  std::ofstream(path_, std::ios::binary) << "IMSFILESPEC " << rig_
-                                         << "\r\nWAIT TEMP2 > 1000\r\nSTOP\r\nLATE:\r\nSEND "
-                                            "TEMP2, 2\r\n";
-  std::string error;
-  ASSERT_TRUE(seq_.prepareFile(path_, &error));
-  seq_.jumpTarget = "LATE";
-  seq_.setTimeoutDeadline(clock_.now() + 10 * kMicrosPerSecond);
-  seq_.pressRun();
-  EXPECT_EQ(seq_.lastSequenceError(), "");
+  EXPECT_EQ(Run({"ONTIMEOUT 10, LATE", "WAIT TEMP2 > 1000", "STOP", "LATE:", "SEND TEMP2, 2"}), "");
   EXPECT_EQ(Read("TEMP2"), "2");
+  EXPECT_NEAR(Elapsed(), 11.0, 0.1001);
+}
+
+TEST_F(ChannelCommandsTest, ATimeoutThatFiredInsideAWaitIsSpentAndRunsItsDefine) {
+  // A run that dispatches lines without end is stopped, so a fault shows as
+  // a failure rather than a hang.
+  int lines = 0;
+  seq_.addBetweenLinesCheck([&](Sequencer& s) -> std::optional<std::string> {
+    if (++lines > 1000) s.pressStop();
+    return std::nullopt;
+  });
+  // The time-out fires inside the first WAIT; behind the label neither the
+  // second WAIT nor the WAITSECONDS is cut short again.
+  EXPECT_EQ(Run({"ONTIMEOUT 2, LATE", "WAIT TEMP2 > 5000", "NEVER", "LATE:", "WAIT TEMP2 = 10",
+                 "WAITSECONDS 10", "SEND COUNTER, 5"}),
+            "");
+  EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
+  EXPECT_NEAR(Elapsed(), 13.0, 0.1001);
+  EXPECT_EQ(Read("COUNTER"), "5");
+  EXPECT_FALSE(seq_.flags().timeoutExpired);
+
+  // A target that is a define runs the define, here inside the WAIT.
+  lines = 0;
+  EXPECT_EQ(Run({"EXECUTEDEFINE giveup, ABORTTEST The rig did not warm up", "ONTIMEOUT 3, GIVEUP",
+                 "WAIT TEMP1 > 40", "SEND COUNTER, 9"}),
+            "");
+  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
+  ASSERT_FALSE(op_.messages.empty());
+  EXPECT_EQ(op_.messages.back(), "The rig did not warm up");
+  EXPECT_NE(Read("COUNTER"), "9");
 }
 
 TEST_F(ChannelCommandsTest, CheckJumpsUnlessTheConditionHolds) {
@@ -226,10 +249,17 @@ TEST_F(ChannelCommandsTest, FaultsBecomeSequenceErrorsOrEndTheWaitAsDocumented) 
   EXPECT_EQ(Run({"WAIT SLOW = 3"}), "");
   EXPECT_NEAR(Elapsed(), 15.0, 0.02);
   // Never ready within 2000 polls: the read fails and the wait ends quietly;
-  // a write cannot get its REP and ends the run.
+  // a write asks for its REP again and again until Stop ends the run.
   EXPECT_EQ(Run({"WAIT STUCK = 4", "SEND TEMP2, 6"}), "");
   EXPECT_EQ(Read("TEMP2"), "6");
-  EXPECT_EQ(Run({"SEND STUCK, 1"}), "IML error - unable to talk to device: 4");
+  Timer stop(events_, 300 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  stop.setEnabled(true);
+  EXPECT_EQ(Run({"SEND STUCK, 1", "SEND TEMP2, 7"}), "");
+  stop.setEnabled(false);
+  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
+  EXPECT_NEAR(Elapsed(), 300.0, 0.02);
+  EXPECT_GT(std::count(recorder_->sent.begin(), recorder_->sent.end(), "4: REP"), 5);
+  EXPECT_NE(Read("TEMP2"), "7");
 
   // An over-long value is cut with the command to 199 characters.
   const std::string value(250, '7');

@@ -126,10 +126,20 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
   EXPECT_FALSE(channels.WriteChannel("QUIET", "1"));
   EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 3");
 
-  // With no hardware every name reads "0".
+  // With no hardware every name reads "0"; no setup is loaded, so a write
+  // finds no channel and nothing is sent.
   link.noHardware = true;
   EXPECT_TRUE(channels.ReadChannel("NOSUCH", value));
   EXPECT_EQ(value, "0");
+  Channels bare(link);
+  EXPECT_TRUE(bare.LoadSetup("rig.ims"));
+  recorder.sent.clear();
+  EXPECT_TRUE(bare.ReadChannel("HEATER", value));
+  EXPECT_EQ(value, "0");
+  EXPECT_FALSE(bare.WriteChannel("HEATER", "1"));
+  EXPECT_EQ(link.lastErrorText,
+            "Channel name - HEATER - does not exist, or is not enabled in the hardware");
+  EXPECT_TRUE(recorder.sent.empty());
 }
 
 TEST_F(ChannelsFixture, RezeroMakesTheChannelReadZero) {

@@ -173,7 +173,9 @@ bool ImlLink::IMLSendReceive(int16_t device, std::string_view command, std::stri
       reply = std::move(received);
       return true;
     }
-    if (linkTimedOut) {
+    // A failed reply, a timed-out one included, sends the command again,
+    // for as long as it takes; only a Stop gives up.
+    if (abandoned()) {
       recordError(kErrTalkToDevice, std::string(kTextTalkToDevice) + numberText(device));
       return false;
     }

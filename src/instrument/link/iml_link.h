@@ -84,9 +84,9 @@ class ImlLink {
   // Appends the reply (trailing blanks removed, the library's NUL and what
   // follows it kept) to `reply`.
   bool IMLGetReply(int16_t device, std::string& reply);
-  // Sends (wait flag true) and fetches the reply, sending again while the
-  // reply fails. A reply that timed out ends the repetition with 1501, so a
-  // device that never answers cannot hold the run for ever.
+  // Sends (wait flag true) and fetches the reply, sending again, without
+  // limit, while the reply fails (each fetch has its own reply time-out). A
+  // send that fails, or a Stop (abandonWaits), ends it with 1501.
   bool IMLSendReceive(int16_t device, std::string_view command, std::string& reply);
   // Sends "REP"; a reply starting with "0" is success, anything else becomes
   // the last error (its leading number, "IML error - " + reply).

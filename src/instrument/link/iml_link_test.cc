@@ -246,13 +246,39 @@ TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
   EXPECT_EQ(link.lastErrorNumber, 1501);
   EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 4");
 
-  // A reply that times out ends the repetition with the same error.
-  library.onSend = [](int16_t, std::string_view) { return 0; };
+  // A reply that times out is asked for again, each time with its own
+  // time-out (2000 polls of 10 ms, and at least 30 s), without limit: the
+  // device that answers only the fourth command is waited for.
+  int sends = 0;
+  library.onSend = [&](int16_t, std::string_view) {
+    ++sends;
+    return 0;
+  };
+  library.onReply = [&](int16_t, std::string& text) {
+    if (sends < 4) return 17;
+    text = "0";
+    return 0;
+  };
+  link.replyTimeoutSecs = 30;
+  Micros start = clock.now();
+  EXPECT_TRUE(link.IMLSendReceive(4, "REP", reply));
+  EXPECT_EQ(sends, 4);
+  EXPECT_GT(clock.now() - start, 3 * 30 * kMicrosPerSecond);
+  EXPECT_LT(clock.now() - start, 3 * 32 * kMicrosPerSecond);
+
+  // A device that never answers never gives a reply; only a Stop ends the
+  // repetition, with the same error.
+  sends = 0;
   library.onReply = [](int16_t, std::string&) { return 17; };
-  link.replyTimeoutSecs = 1;
+  bool stop = false;
+  link.abandonWaits = [&] { return stop; };
+  Timer stopper(events, 1000 * kMicrosPerSecond, [&] { stop = true; });
+  stopper.setEnabled(true);
+  start = clock.now();
   EXPECT_FALSE(link.IMLSendReceive(4, "REP", reply));
-  EXPECT_TRUE(link.linkTimedOut);
   EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 4");
+  EXPECT_GE(sends, 30);
+  EXPECT_LT(clock.now() - start, 1001 * kMicrosPerSecond);
 }
 
 TEST_F(LinkFixture, WaitsLetTimersRunAndExchangesMayNest) {

@@ -56,8 +56,7 @@ void WaitForAlarms(Sequencer& seq, Instrument& instrument, AlarmWait kind, std::
     if (flags.timeoutExpired) {
       // The sequence time-out ran out: its action, as a WAIT takes it.
       seq.processPendingEvents();
-      seq.searchLabel(seq.jumpTarget);
-      return;
+      if (seq.takeTimeoutActionNow()) return;
     }
     const std::string active = GetActiveAlarms(instrument);
     if (kind == AlarmWait::kNamed ? AlarmListContains(active, name) : active.empty()) return;

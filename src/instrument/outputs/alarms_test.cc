@@ -118,17 +118,31 @@ TEST(WaitAlarm, EndsOnStopAndOnTheSequenceTimeOut) {
     EXPECT_NEAR(run.seconds(), 3.0, 1e-9);
   }
   {
-    // The time-out's action: the line after its label runs next.
+    // The time-out's action: the line after its label runs next, and the
+    // time-out is spent, so the wait behind the label is not cut short.
     OutputRun run;
-    run.seq().jumpTarget = "LATE";
-    run.seq().setTimeoutDeadline(run.clock().now() + 5'000'000);
-    EXPECT_EQ(run.run({"WAITALARM LEAK", "SEND OUT1, 1", "STOP", "LATE:", "SEND OUT2, 2"}), "");
-    EXPECT_TRUE(run.writes("OUT1").empty());
+    EXPECT_EQ(run.run({"ONTIMEOUT 5, LATE", "WAITALARM LEAK", "SEND OUT1, 1", "STOP", "LATE:",
+                       "SEND OUT2, 2", "WAITNOALARM", "SEND OUT1, 3"}),
+              "");
+    EXPECT_EQ(run.writes("OUT1"), Writes("OUT1", {{6.0, "3"}}));
     EXPECT_EQ(run.writes("OUT2"), Writes("OUT2", {{6.0, "2"}}));
   }
   {
     OutputRun run;
     EXPECT_EQ(run.run({"WAITALARM", "SEND OUT1, 1"}), "WaitAlarm - an alarm name is needed");
+  }
+  {
+    // A device that takes the poll but never answers is asked again and
+    // again: it never reads as "no alarm", so only Stop ends WAITNOALARM.
+    std::string rig(kOutputRig);
+    rig += "D 3 NOTREADY=30000\n  30001 E=1 M=A N=DEAD\n";
+    OutputRun run;
+    Timer stop(run.events(), 200 * kMicrosPerSecond, [&] { run.seq().pressStop(); });
+    stop.setEnabled(true);
+    EXPECT_EQ(run.run({"WAITNOALARM", "SEND OUT1, 1"}, rig), "");
+    EXPECT_TRUE(run.writes("OUT1").empty());
+    EXPECT_EQ(run.seq().endReason(), EndReason::kAbort);
+    EXPECT_NEAR(run.seconds(), 200.0, 0.1);
   }
 }
 

@@ -81,10 +81,7 @@ class Maintainer {
 
   // Takes the output's present value; false (reported) when it cannot.
   bool start() {
-    if (!OutputLinkReady(seq_, ins_) ||
-        !OutputChannelsExist(seq_, ins_, {setup_.loadChannel, setup_.outputChannel})) {
-      return false;
-    }
+    if (!OutputLinkReady(seq_, ins_)) return false;
     std::string value;
     if (!ins_.channels().ReadChannel(setup_.outputChannel, value)) {
       seq_.reportSequenceError(std::string(kTextAbortMaintain) + setup_.outputChannel);
@@ -191,10 +188,16 @@ void MaintainRamp(Sequencer& seq, Instrument& instrument, MaintainState& state,
   for (int k = 0;; ++k) {
     if (!maintainer.hold(target)) return;
     if (k == ramp->steps) return;
-    // The rest of the step's interval; a step that the loop overran is
-    // followed at once by the next.
+    // The rest of the step's interval, waited as a WAITSECONDS would wait
+    // it: a step whose maintenance overran its interval leaves no time to
+    // wait, which is rejected.
     const Micros rest = ScheduledInstant(start, ramp->stepInterval, k + 1) - seq.clock().now();
-    if (rest > 0 ? !OutputWait(seq, rest) : OutputInterrupted(seq)) return;
+    if (rest <= 0) {
+      if (OutputInterrupted(seq)) return;
+      seq.reportSequenceError(MaintainWaitError(static_cast<double>(rest) / kMicrosPerSecond));
+      return;
+    }
+    if (!OutputWait(seq, rest)) return;
     target += ramp->stepSize;
   }
 }
@@ -223,6 +226,10 @@ std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::stri
   setup.outputChannel = *output;
   if (!TakeRateGainTolerance(reader, setup, true, error)) return std::nullopt;
   return setup;
+}
+
+std::string MaintainWaitError(double seconds) {
+  return "Invalid parameter - " + numberText(seconds) + " - for a WaitSeconds statement";
 }
 
 int64_t CorrectionTimeMs(double deviation, float rate) {

@@ -52,6 +52,11 @@ struct MaintainSetup {
 // Parses an MT_MAINTAIN setup string; std::nullopt with the error text.
 std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::string& error);
 
+// The error of MT_RAMP's wait for the rest of a step that has `seconds`
+// left (none or less): "Invalid parameter - " + seconds + " - for a
+// WaitSeconds statement".
+std::string MaintainWaitError(double seconds);
+
 // The milliseconds a correction of `deviation` waits before the loop
 // compares again: (whole part of |deviation| / rate + 1) x 1000.
 int64_t CorrectionTimeMs(double deviation, float rate);

@@ -86,6 +86,20 @@ TEST(LoadMaintenance, RampMovesTheTargetStepByStep) {
   EXPECT_NEAR(run.reading("LOAD"), 20, 0.02);
 }
 
+TEST(LoadMaintenance, ARampStepThatItsMaintenanceOverranIsRejected) {
+  // One-second steps; holding the first target takes a six-second correction.
+  OutputRun run;
+  const std::string error = run.run(
+      {"MT_RAMP 50 TO 60 OVER 1 IN 1 AT LOAD USING VALVE WITH RATE 5 GAIN 2", "SEND DIG1, 1"});
+  EXPECT_EQ(error.rfind("Invalid parameter - -", 0), 0u) << error;
+  EXPECT_NE(error.find(" - for a WaitSeconds statement"), std::string::npos) << error;
+  EXPECT_NEAR(-leadingNumber(error.substr(20)), run.seconds() - 1, 0.001) << error;
+  EXPECT_GE(run.seconds(), 6.0);
+  EXPECT_LT(run.seconds(), 7.0);
+  EXPECT_TRUE(run.writes("DIG1").empty());
+  EXPECT_EQ(MaintainWaitError(-5.5), "Invalid parameter - -5.5 - for a WaitSeconds statement");
+}
+
 TEST(LoadMaintenance, BadSetupsAndFailedReadsEndTheRun) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"MT_MAINTAIN HOLD LOAD AT 50 USING VALVE", "Cannot parse MT_Maintain setup string"},
@@ -94,7 +108,9 @@ TEST(LoadMaintenance, BadSetupsAndFailedReadsEndTheRun) {
       {"MT_RAMP 0 TO 20 OVER 0.1 IN 2 AT LOAD USING VALVE",
        "Ramp Setup String - Time between steps must be >= 0.1"},
       {"MT_MAINTAIN HOLD NOPE AT 50 USING VALVE WITH RATE 5 GAIN 2",
-       "Channel name - NOPE - does not exist, or is not enabled in the hardware"},
+       "Aborting MT_maintainLoad - Unable to read from channel: NOPE"},
+      {"MT_RAMP 0 TO 20 OVER 40 IN 2 AT NOPE USING VALVE",
+       "Aborting MT_maintainLoad - Unable to read from channel: NOPE"},
       {"MT_MAINTAIN HOLD QUIETLOAD AT 50 USING VALVE WITH RATE 5 GAIN 2",
        "Aborting MT_maintainLoad - Unable to read from channel: QUIETLOAD"},
   };

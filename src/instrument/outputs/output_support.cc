@@ -12,20 +12,6 @@ bool OutputLinkReady(Sequencer& seq, Instrument& instrument) {
   return false;
 }
 
-bool OutputChannelsExist(Sequencer& seq, Instrument& instrument,
-                         std::initializer_list<std::string_view> names) {
-  if (instrument.link().noHardware) return true;
-  for (const std::string_view name : names) {
-    int16_t device = 0;
-    if (!instrument.channels().FindEnabledChannel(name, device)) {
-      seq.reportSequenceError(std::string(kTextChannelNamePrefix) + std::string(name) +
-                              std::string(kTextChannelNameSuffix));
-      return false;
-    }
-  }
-  return true;
-}
-
 bool WriteOutputValue(Instrument& instrument, std::string_view channel, double value) {
   instrument.lastOutputStatus = instrument.channels().WriteChannel(channel, numberText(value));
   return instrument.lastOutputStatus;

@@ -1,10 +1,8 @@
 // What the output commands (ramps, sine and pulse outputs, alarms, load
-// maintenance) share when they run as sequence commands: opening the link,
-// checking channel names before anything is written, and the number form of
-// the values they write.
+// maintenance) share when they run as sequence commands: opening the link
+// and the number form of the values they write.
 #pragma once
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -16,12 +14,6 @@ class Sequencer;
 // Opens the link for the first command that needs it; when it cannot be
 // opened, reports the link's error (the run ends) and returns false.
 bool OutputLinkReady(Sequencer& seq, Instrument& instrument);
-
-// Reports the first name that is no enabled channel of the loaded setup
-// ("Channel name - X - does not exist, ...") and returns false. With no
-// hardware every name passes.
-bool OutputChannelsExist(Sequencer& seq, Instrument& instrument,
-                         std::initializer_list<std::string_view> names);
 
 // Writes a number as the outputs do (a leading blank when not negative) and
 // keeps the write's flag as the last output status.

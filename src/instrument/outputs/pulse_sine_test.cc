@@ -44,8 +44,6 @@ TEST(PulseOutput, BadLengthOrDirectionIsReportedAndWritesNothing) {
       {"PULSEOUTPUT DIG1, HI", "Invalid parameter -  - for a PulseOutput command"},
       {"PULSEOUTPUT DIG1, up, 100",
        "Unrecognised direction parameter - UP - in a PulseOutput command"},
-      {"PULSEOUTPUT NOPE, HI, 100",
-       "Channel name - NOPE - does not exist, or is not enabled in the hardware"},
   };
   for (const auto& [line, text] : cases) {
     OutputRun run;
@@ -53,6 +51,15 @@ TEST(PulseOutput, BadLengthOrDirectionIsReportedAndWritesNothing) {
     EXPECT_TRUE(run.writes().empty()) << line;
     EXPECT_TRUE(run.op().statusLabels.empty()) << line;
   }
+}
+
+TEST(PulseOutput, FailedWritesToAChannelNotInTheTableDoNotStopThePulse) {
+  OutputRun run;
+  EXPECT_EQ(run.run({"PULSEOUTPUT NOPE, HI, 100", "SEND DIG1, 1"}), "");
+  EXPECT_FALSE(run.instrument().lastOutputStatus);
+  EXPECT_EQ(run.writes("DIG1"), Writes("DIG1", {{0.1, "1"}}));
+  EXPECT_EQ(run.op().statusLabels.size(), 2u);
+  EXPECT_EQ(run.seq().endReason(), EndReason::kEndOfFile);
 }
 
 TEST(WaitMilliseconds, CountsOnTheLinkCounterAcrossItsWrap) {
@@ -144,14 +151,26 @@ TEST(SineOut, BadSetupsAreReportedAndWriteNothing) {
       {"SINEOUT OUT1, AMPLITUDE 2 OFFSET 5 FREQUENCY 1", "Cannot parse SineOut setup string"},
       {"SINEOUT OUT1, AMPLITUDE 2 OFFSET 5 FREQUENCY 10 CYCLES 1",
        "Sine Output Setup String - There are no points to output"},
-      {"SINEOUT OUT1, AMPLITUDE 2 OFFSET 5 FREQUENCY 1 CYCLES 1 PEAK TO NOPE",
-       "Channel name - NOPE - does not exist, or is not enabled in the hardware"},
   };
   for (const auto& [line, text] : cases) {
     OutputRun run;
     EXPECT_EQ(run.run({line}), text) << line;
     EXPECT_TRUE(run.writes().empty()) << line;
   }
+}
+
+TEST(SineOut, WritesToChannelsNotInTheTableFailWithoutStoppingTheOutput) {
+  // Every point to NOPE fails and the sine still takes its time; a peak
+  // channel that is missing fails its one write, and the run goes on.
+  OutputRun run;
+  EXPECT_EQ(run.run({"SINEOUT NOPE, AMPLITUDE 2 OFFSET 5 FREQUENCY 1 CYCLES 1", "SEND DIG1, 1",
+                     "SINEOUT OUT1, AMPLITUDE 2 OFFSET 5 FREQUENCY 1 CYCLES 1 PEAK TO GONE",
+                     "SEND DIG1, 0"}),
+            "");
+  EXPECT_FALSE(run.instrument().lastOutputStatus);
+  EXPECT_EQ(run.writes("DIG1"), Writes("DIG1", {{1.0, "1"}, {2.0, "0"}}));
+  EXPECT_EQ(run.writes("OUT1").size(), 5u);
+  EXPECT_EQ(run.seq().endReason(), EndReason::kEndOfFile);
 }
 
 }  // namespace

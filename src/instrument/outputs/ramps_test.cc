@@ -93,6 +93,18 @@ TEST(Ramp, AFailedWriteDoesNotStopTheRamp) {
   EXPECT_FALSE(run.instrument().lastOutputStatus);
   EXPECT_EQ(run.writes("DIG1").size(), 1u);
   EXPECT_EQ(run.seq().endReason(), EndReason::kEndOfFile);
+
+  // A channel that is not in the table fails every write the same way: the
+  // ramp still takes its full time, and so does a group.
+  OutputRun missing;
+  EXPECT_EQ(missing.run({"RAMP NOPE, 0 TO 1 OVER 1 IN 2", "SEND DIG1, 1", "[GROUPRAMPS]",
+                         "RAMP OUT2, 0 TO 2 OVER 1 IN 2", "RAMP NOPE, 0 TO 1 OVER 2 IN 2", "[END]"}),
+            "");
+  EXPECT_FALSE(missing.instrument().lastOutputStatus);
+  EXPECT_EQ(missing.writes("DIG1"), Writes("DIG1", {{1, "1"}}));
+  EXPECT_EQ(missing.writes("OUT2"), Writes("OUT2", {{1, " 0"}, {1.5, " 1"}, {2, " 2"}}));
+  EXPECT_DOUBLE_EQ(missing.seconds(), 3.0);
+  EXPECT_EQ(missing.seq().endReason(), EndReason::kEndOfFile);
 }
 
 TEST(Ramp, BadInputIsReportedAndWritesNothing) {
@@ -101,8 +113,6 @@ TEST(Ramp, BadInputIsReportedAndWritesNothing) {
       {"RAMP OUT1, 5 TO 0 OVER 10 IN 0", "Ramp Setup String - Number of steps must be >0"},
       {"RAMP OUT1, 0 UNTIL 10 OVER 5 IN 10", "Cannot parse Ramp setup string"},
       {"RAMP OUT1", "Cannot parse Ramp setup string"},
-      {"RAMP NOPE, 0 TO 10 OVER 5 IN 10",
-       "Channel name - NOPE - does not exist, or is not enabled in the hardware"},
   };
   for (const auto& [line, text] : cases) {
     OutputRun run;
@@ -148,8 +158,6 @@ TEST(GroupRamps, AWrongBlockEndsTheRunAndWritesNothing) {
       {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 FOR 2 IN 4", "[END]"}, "Cannot parse GroupRamp setup string"},
       {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 OVER 2 IN 4", "RAMP OUT2, 0 TO 4 OVER 2 IN 4"},
        "Group Ramps: the file ends before the [END] of the group"},
-      {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 OVER 2 IN 4", "RAMP NOPE, 0 TO 4 OVER 2 IN 4", "[END]"},
-       "Channel name - NOPE - does not exist, or is not enabled in the hardware"},
   };
   for (const auto& [lines, text] : cases) {
     OutputRun run;
