@@ -16,6 +16,7 @@
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "sequencer/console_operators.h"
+#include "terminal_view.h"
 
 namespace tavrix {
 
@@ -85,7 +86,17 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
-  Engine engine(std::move(clock), *op);
+  // The terminal view, unless the trace takes standard output.
+  const bool traceToOut = options.trace && *options.trace == "-";
+  TerminalView view(*op, out, traceToOut ? err : out,
+                    !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
+  Engine engine(std::move(clock), view);
+  view.attach(engine, options.virtualTime);
+  struct Detach {
+    TerminalView& view;
+    ~Detach() { view.detach(); }
+  } detach{view};
+  if (options.trace && !traceToOut) view.addFileWritten(*options.trace);
   if (options.trace) {
     if (*options.trace == "-") {
       engine.trace().setOutput(out, false);
@@ -160,6 +171,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
+  view.finish(reason, status);
   return status;
 }
 
@@ -182,6 +194,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                          "Settings file of the instrument link (key = value)");
   runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
+  runCommand->add_flag("--quiet", run.quiet,
+                       "Show only messages and the summary, even on a terminal");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;

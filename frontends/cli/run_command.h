@@ -34,6 +34,8 @@ struct RunOptions {
   std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
   std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
   std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
+  // Only messages and the summary, even on a terminal.
+  bool quiet = false;
 };
 
 // `tavrix-cli rig`: serves the simulated rig over TCP.

@@ -12,8 +12,8 @@
 #include <QPrinter>
 #include <QPushButton>
 #include <QSplitter>
-#include <QValueAxis>
 #include <QVBoxLayout>
+#include <QValueAxis>
 
 #include "common/civil_time.h"
 #include "common/text_conventions.h"
@@ -38,11 +38,7 @@ ChartWindow::ChartWindow(EngineTasks post, QWidget* parent)
   timeAxis_ = new QValueAxis;
   timeAxis_->setTitleText(tr("Time (s)"));
   timeAxis_->setRange(0, 10);
-  valueAxis_ = new QValueAxis;
-  valueAxis_->setTitleText(tr("Value"));
-  valueAxis_->setRange(0, 1);
   chart_->addAxis(timeAxis_, Qt::AlignBottom);
-  chart_->addAxis(valueAxis_, Qt::AlignLeft);
   view_ = new QChartView(chart_);
   view_->setObjectName("cvChart");
   view_->setRenderHint(QPainter::Antialiasing);
@@ -76,7 +72,7 @@ ChartWindow::ChartWindow(EngineTasks post, QWidget* parent)
 
 void ChartWindow::showEvent(QShowEvent* event) {
   QWidget::showEvent(event);
-  if (lbChartChannels_->count() == 0) refreshChannels();
+  refreshChannels();
   sampler_.start();
 }
 
@@ -85,34 +81,67 @@ void ChartWindow::hideEvent(QHideEvent* event) {
   QWidget::hideEvent(event);
 }
 
+std::vector<ChartWindow::Channel> ChartWindow::EnabledChannels(Engine& engine) {
+  std::vector<Channel> channels;
+  if (Instrument* instrument = engine.instrument()) {
+    for (const auto& record : instrument->channels().records())
+      if (record.enabled) channels.push_back({record.name, record.units});
+  }
+  return channels;
+}
+
 void ChartWindow::refreshChannels() {
   QPointer<ChartWindow> self(this);
   post_([self](Engine& engine) {
-    std::vector<std::string> names;
-    if (Instrument* instrument = engine.instrument()) {
-      for (const auto& record : instrument->channels().records())
-        if (record.enabled) names.push_back(record.name);
-    }
-    QMetaObject::invokeMethod(qApp, [self, names] {
-      if (self) self->setChannels(names);
-    }, Qt::QueuedConnection);
+    const std::vector<Channel> channels = EnabledChannels(engine);
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, channels] {
+          if (self) self->setChannels(channels);
+        },
+        Qt::QueuedConnection);
   });
 }
 
-void ChartWindow::setChannels(const std::vector<std::string>& names) {
-  for (const auto& name : names) {
-    const QString channel = Text(name).trimmed();
-    if (!lbChartChannels_->findItems(channel, Qt::MatchExactly).isEmpty()) continue;
-    auto* item = new QListWidgetItem(channel, lbChartChannels_);
+// The list follows the setup: channels it no longer has go, new ones come
+// unticked, and ticks of channels that stay are kept.
+void ChartWindow::setChannels(const std::vector<Channel>& channels) {
+  QStringList names;
+  for (const auto& channel : channels) {
+    const QString name = Text(channel.name).trimmed();
+    names << name;
+    units_[name] = Text(channel.units).trimmed();
+  }
+  for (int i = lbChartChannels_->count() - 1; i >= 0; --i) {
+    if (!names.contains(lbChartChannels_->item(i)->text())) delete lbChartChannels_->takeItem(i);
+  }
+  for (const QString& name : names) {
+    if (!lbChartChannels_->findItems(name, Qt::MatchExactly).isEmpty()) continue;
+    auto* item = new QListWidgetItem(name, lbChartChannels_);
     item->setFlags(item->flags() | Qt::ItemIsUserCheckable);
     item->setCheckState(Qt::Unchecked);
   }
 }
 
+QStringList ChartWindow::channels() const {
+  QStringList names;
+  for (int i = 0; i < lbChartChannels_->count(); ++i) names << lbChartChannels_->item(i)->text();
+  return names;
+}
+
+QStringList ChartWindow::axisTitles() const {
+  QStringList titles;
+  for (const QString& units : axisOrder_) titles << axes_[units].axis->titleText();
+  return titles;
+}
+
 void ChartWindow::plot(const QString& channel) {
-  setChannels({Std(channel)});
   for (QListWidgetItem* item : lbChartChannels_->findItems(channel, Qt::MatchExactly))
     item->setCheckState(Qt::Checked);
+  if (!lbChartChannels_->findItems(channel, Qt::MatchExactly).isEmpty()) return;
+  auto* item = new QListWidgetItem(channel, lbChartChannels_);
+  item->setFlags(item->flags() | Qt::ItemIsUserCheckable);
+  item->setCheckState(Qt::Checked);
 }
 
 void ChartWindow::sample() {
@@ -122,11 +151,11 @@ void ChartWindow::sample() {
     const QListWidgetItem* item = lbChartChannels_->item(i);
     if (item->checkState() == Qt::Checked) channels.push_back(Std(item->text()));
   }
-  if (channels.empty()) return;
   sampling_ = true;
   QPointer<ChartWindow> self(this);
   post_([self, channels](Engine& engine) {
-    Sample sample{static_cast<double>(engine.clock().now()) / kMicrosPerSecond, {}};
+    Sample sample{
+        static_cast<double>(engine.clock().now()) / kMicrosPerSecond, {}, EnabledChannels(engine)};
     Instrument* instrument = engine.instrument();
     if (instrument != nullptr && engine.sequencer().flags().running) {
       for (const auto& channel : channels) {
@@ -135,37 +164,54 @@ void ChartWindow::sample() {
           sample.values.emplace_back(channel, leadingNumber(value));
       }
     }
-    QMetaObject::invokeMethod(qApp, [self, sample] {
-      if (!self) return;
-      self->sampling_ = false;
-      self->add(sample);
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, sample] {
+          if (!self) return;
+          self->sampling_ = false;
+          self->setChannels(sample.channels);
+          self->add(sample);
+        },
+        Qt::QueuedConnection);
   });
+}
+
+QValueAxis* ChartWindow::axisFor(const QString& units) {
+  Axis& entry = axes_[units];
+  if (entry.axis == nullptr) {
+    entry.axis = new QValueAxis;
+    entry.axis->setTitleText(units.isEmpty() ? tr("Value") : units);
+    // The first unit's axis on the left, the others alternate sides.
+    chart_->addAxis(entry.axis, axisOrder_.size() % 2 == 0 ? Qt::AlignLeft : Qt::AlignRight);
+    axisOrder_ << units;
+  }
+  return entry.axis;
 }
 
 void ChartWindow::add(const Sample& sample) {
   if (sample.values.empty()) return;
-  if (!origin_) {
-    origin_ = sample.seconds;
-    low_ = high_ = sample.values.front().second;
-  }
+  if (!origin_) origin_ = sample.seconds;
   last_ = sample.seconds - *origin_;
   for (const auto& [name, value] : sample.values) {
     const QString channel = Text(name);
+    const QString units = units_.value(channel);
+    QValueAxis* axis = axisFor(units);
     QLineSeries*& series = series_[channel];
     if (series == nullptr) {
       series = new QLineSeries;
-      series->setName(channel);
+      series->setName(units.isEmpty() ? channel : channel + " (" + units + ")");
       chart_->addSeries(series);
       series->attachAxis(timeAxis_);
-      series->attachAxis(valueAxis_);
+      series->attachAxis(axis);
     }
     series->append(last_, value);
-    low_ = std::min(low_, value);
-    high_ = std::max(high_, value);
+    Axis& range = axes_[units];
+    range.low = range.empty ? value : std::min(range.low, value);
+    range.high = range.empty ? value : std::max(range.high, value);
+    range.empty = false;
+    const double margin = range.high > range.low ? (range.high - range.low) * 0.05 : 1.0;
+    axis->setRange(range.low - margin, range.high + margin);
   }
-  const double margin = high_ > low_ ? (high_ - low_) * 0.05 : 1.0;
-  valueAxis_->setRange(low_ - margin, high_ + margin);
   timeAxis_->setRange(0, std::max(10.0, last_));
 }
 
@@ -177,6 +223,9 @@ int ChartWindow::pointCount(const QString& channel) const {
 void ChartWindow::clear() {
   for (QLineSeries* series : series_) chart_->removeSeries(series), delete series;
   series_.clear();
+  for (const Axis& entry : axes_) chart_->removeAxis(entry.axis), delete entry.axis;
+  axes_.clear();
+  axisOrder_.clear();
   origin_.reset();
   timeAxis_->setRange(0, 10);
 }

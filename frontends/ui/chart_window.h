@@ -33,6 +33,9 @@ class ChartWindow : public QWidget {
   void plot(const QString& channel);
   // Asks the engine for the channel table's enabled channels.
   void refreshChannels();
+  // The value axes' titles (the units), in the order they were made.
+  QStringList axisTitles() const;
+  QStringList channels() const;
   // Draws the chart on `printer`'s page.
   void print(QPrinter& printer);
   int pointCount(const QString& channel) const;
@@ -42,13 +45,20 @@ class ChartWindow : public QWidget {
   void hideEvent(QHideEvent* event) override;
 
  private:
+  struct Channel {
+    std::string name;
+    std::string units;
+  };
   struct Sample {
     double seconds;
     std::vector<std::pair<std::string, double>> values;
+    std::vector<Channel> channels;  // the setup's enabled channels now
   };
+  static std::vector<Channel> EnabledChannels(Engine& engine);
+  QValueAxis* axisFor(const QString& units);
   void sample();
   void add(const Sample& sample);
-  void setChannels(const std::vector<std::string>& names);
+  void setChannels(const std::vector<Channel>& channels);
   void printDialog();
   void clear();
 
@@ -57,12 +67,19 @@ class ChartWindow : public QWidget {
   QChart* chart_;
   QChartView* view_;
   QValueAxis* timeAxis_;
-  QValueAxis* valueAxis_;
+  struct Axis {
+    QValueAxis* axis = nullptr;
+    double low = 0, high = 0;
+    bool empty = true;
+  };
+  QMap<QString, Axis> axes_;  // by units
+  QStringList axisOrder_;
+  QMap<QString, QString> units_;  // by channel
   QMap<QString, QLineSeries*> series_;
   QTimer sampler_;
-  bool sampling_ = false;  // a sample is on its way
+  bool sampling_ = false;         // a sample is on its way
   std::optional<double> origin_;  // engine seconds of the first sample
-  double low_ = 0, high_ = 0, last_ = 0;
+  double last_ = 0;
 };
 
 }  // namespace tavrix

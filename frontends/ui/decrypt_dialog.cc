@@ -41,8 +41,13 @@ DecryptDialog::DecryptDialog(QWidget* parent) : QDialog(parent) {
   buttons->addStretch();
   buttons->addWidget(pbDecrypt_);
   buttons->addWidget(pbClose);
+  laMessage_ = new QLabel;
+  laMessage_->setObjectName("laDecryptMessage");
+  laMessage_->setWordWrap(true);
+  laMessage_->setTextInteractionFlags(Qt::TextSelectableByMouse);
   auto* layout = new QVBoxLayout(this);
   layout->addLayout(form);
+  layout->addWidget(laMessage_);
   layout->addLayout(buttons);
   resize(520, sizeHint().height());
 
@@ -53,25 +58,22 @@ DecryptDialog::DecryptDialog(QWidget* parent) : QDialog(parent) {
 }
 
 void DecryptDialog::sourceChanged(const QString& text) {
-  if (normalising_) return;
   const CounterpartName name = plainCounterpart(Std(text));
   switch (name.outcome) {
     case CounterpartName::Outcome::kEmpty:
+      laMessage_->clear();
       pbDecrypt_->setEnabled(false);
       return;
     case CounterpartName::Outcome::kNoExtension:
+      laMessage_->clear();
       return;
     case CounterpartName::Outcome::kNotRecognised:
-      message(Text(name.message));
+      laMessage_->setText(Text(name.message));
       return;
     case CounterpartName::Outcome::kRecognised:
       break;
   }
-  normalising_ = true;
-  const int cursor = ebSrcFileSpec_->cursorPosition();
-  ebSrcFileSpec_->setText(Text(name.source));
-  ebSrcFileSpec_->setCursorPosition(cursor);
-  normalising_ = false;
+  laMessage_->clear();
   ebDestFileSpec_->setText(Text(name.destination));
   pbDecrypt_->setEnabled(true);
 }
@@ -111,8 +113,12 @@ void DecryptDialog::decrypt() {
 }
 
 void DecryptDialog::decryptNow(const QString& source, const QString& destination) {
-  if (!decryptFile(Std(source), Std(destination), kDefaultUtilityKey, nullptr))
+  if (!decryptFile(Std(source), Std(destination), kDefaultUtilityKey, nullptr)) {
+    laMessage_->clear();
     message(Text(kMsgFailedToDecrypt) + source);
+    return;
+  }
+  laMessage_->setText(tr("Decrypted %1 into %2").arg(source, destination));
 }
 
 void DecryptDialog::message(const QString& text) {

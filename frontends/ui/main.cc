@@ -3,6 +3,7 @@
 // to start the run at once.
 
 #include <QApplication>
+#include <QFileInfo>
 
 #include "main_window.h"
 
@@ -11,6 +12,11 @@ int main(int argc, char** argv) {
   std::string commandLine;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
+    // Start-up changes the working folder: a file named from here keeps
+    // meaning the same file.
+    if (i == 1 && QFileInfo(QString::fromLocal8Bit(argv[i])).isFile())
+      arg =
+          QFileInfo(QString::fromLocal8Bit(argv[i])).absoluteFilePath().toLocal8Bit().toStdString();
     // A name with blanks came as one argument: quote it as the original's
     // command line would hold it.
     if (i == 1 && arg.find(' ') != std::string::npos && arg.front() != '"') arg = '"' + arg + '"';

@@ -5,7 +5,6 @@
 #include <QCloseEvent>
 #include <QDir>
 #include <QFileDialog>
-#include <QPointer>
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -13,11 +12,13 @@
 #include <QListWidget>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QScreen>
 #include <QTabWidget>
 #include <QTextEdit>
 #include <QVBoxLayout>
+#include <filesystem>
 
 #include "about_dialog.h"
 #ifdef TAVRIX_HAVE_CHARTS
@@ -42,8 +43,12 @@ constexpr int kRunWidthTwips = 9015;
 constexpr int kRunHeightTwips = 8865;
 
 constexpr std::string_view kPanelCaption = "Operator Message";
-// The panel's design colour, light green.
+// The panel's design colour, light green; a failure alert stands out in a
+// warning colour.
 const QColor kPanelColour(192, 255, 192);
+const QColor kWarningColour(255, 176, 144);
+const QColor kPassColour(192, 255, 192);
+const QColor kFailColour(255, 128, 128);
 
 template <typename T>
 T* Named(T* widget, const char* name) {
@@ -53,17 +58,46 @@ T* Named(T* widget, const char* name) {
 
 }  // namespace
 
+void EnterSetupsFolder(Engine& engine) {
+  Instrument* instrument = engine.instrument();
+  if (instrument == nullptr) return;
+  const std::filesystem::path folder(engine.resolvePath(instrument->link().GetSetupsDirectory()));
+  std::error_code ec;
+  if (std::filesystem::is_directory(folder, ec)) std::filesystem::current_path(folder, ec);
+}
+
 MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : operator_(*this) {
   setWindowTitle(QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
   buildControls();
   buildMenus();
   resize(TwipsToPixels(kStartWidthTwips), TwipsToPixels(kStartHeightTwips));
-  host_ = std::make_unique<EngineHost>([this, factory] { return factory(operator_); });
-  host_->post([commandLine](Engine& engine) { engine.sequencer().startUp(commandLine); });
+  host_ = std::make_unique<EngineHost>([this, factory] {
+    auto engine = factory(operator_);
+    operator_.attach(engine->events());
+    return engine;
+  });
+  watchVerdicts();
+  host_->post([commandLine](Engine& engine) {
+    EnterSetupsFolder(engine);
+    engine.sequencer().startUp(commandLine);
+  });
 }
 
 MainWindow::~MainWindow() {
   operator_.setClosing();
+  // Questions still open get no answer, so that the engine can wind down.
+  if (panelAnswered_) {
+    auto answered = std::move(panelAnswered_);
+    panelAnswered_ = nullptr;
+    answered(std::nullopt);
+  }
+  QList<QPointer<QDialog>> dialogs;
+  for (QDialog* dialog : findChildren<QDialog*>()) dialogs << dialog;
+  for (const QPointer<QDialog>& dialog : dialogs) {
+    if (dialog) dialog->reject();
+    delete dialog.data();
+  }
+  channelDisplay_ = nullptr;
   host_.reset();
 }
 
@@ -84,6 +118,12 @@ void MainWindow::buildControls() {
   sTimeout_->setMinimumWidth(60);
   statusRow->addWidget(sTimeout_);
   statusRow->addStretch();
+  laVerdict_ = Named(new QLabel, "laVerdict");
+  laVerdict_->setFrameShape(QFrame::Panel);
+  laVerdict_->setFrameShadow(QFrame::Sunken);
+  laVerdict_->setAutoFillBackground(true);
+  laVerdict_->hide();
+  statusRow->addWidget(laVerdict_);
   layout->addLayout(statusRow);
 
   sCurrentCommand_ = Named(new QLineEdit, "sCurrentCommand");
@@ -108,9 +148,9 @@ void MainWindow::buildControls() {
   sDataFileSpec_->setReadOnly(true);
   layout->addWidget(sDataFileSpec_);
 
-  auto* tabs = new QTabWidget;
-  auto* sequencePage = new QWidget;
-  auto* pageLayout = new QVBoxLayout(sequencePage);
+  tabs_ = Named(new QTabWidget, "tabs");
+  sequencePage_ = new QWidget;
+  auto* pageLayout = new QVBoxLayout(sequencePage_);
 
   frOKcancel_ = Named(new QGroupBox(tr("Operator Message")), "frOKcancel");
   auto* panel = new QVBoxLayout(frOKcancel_);
@@ -123,6 +163,8 @@ void MainWindow::buildControls() {
   pbOKcancelOK_ = Named(new QPushButton(tr("OK")), "pbOKcancelOK");
   pbOKcancelCancel_ = Named(new QPushButton(tr("Cancel")), "pbOKcancelCancel");
   pbShutdown_ = Named(new QPushButton(tr("Shutdown")), "pbShutdown");
+  // Enter answers with the focused button, as Space does.
+  for (QPushButton* b : {pbOKcancelOK_, pbOKcancelCancel_, pbShutdown_}) b->setAutoDefault(true);
   panelButtons->addWidget(pbOKcancelOK_);
   panelButtons->addWidget(pbOKcancelCancel_);
   panelButtons->addWidget(pbShutdown_);
@@ -134,32 +176,43 @@ void MainWindow::buildControls() {
 
   ebHelp_ = Named(new QTextEdit, "ebHelp");
   ebHelp_->setReadOnly(true);
-  pageLayout->addWidget(ebHelp_);
+  pageLayout->addWidget(ebHelp_, 2);
 
   auto* lists = new QHBoxLayout;
   lbAlarmLabels_ = Named(new QListWidget, "lbAlarmLabels");
   lbAlarmCommands_ = Named(new QListWidget, "lbAlarmCommands");
   lbDDElabels_ = Named(new QListWidget, "lbDDElabels");
   lbDDEcommands_ = Named(new QListWidget, "lbDDEcommands");
-  for (QListWidget* list : {lbAlarmLabels_, lbAlarmCommands_, lbDDElabels_, lbDDEcommands_}) {
-    list->setMaximumHeight(80);
-    lists->addWidget(list);
+  const std::pair<QListWidget*, QString> headed[] = {{lbAlarmLabels_, tr("Alarms")},
+                                                     {lbAlarmCommands_, tr("Alarm commands")},
+                                                     {lbDDElabels_, tr("DDE items")},
+                                                     {lbDDEcommands_, tr("DDE commands")}};
+  for (const auto& [list, heading] : headed) {
+    auto* column = new QVBoxLayout;
+    auto* label = new QLabel(heading);
+    label->setBuddy(list);
+    list->setMinimumHeight(48);
+    column->addWidget(label);
+    column->addWidget(list, 1);
+    lists->addLayout(column);
   }
-  pageLayout->addLayout(lists);
-  tabs->addTab(sequencePage, tr("Sequence"));
+  pageLayout->addLayout(lists, 1);
+  tabs_->addTab(sequencePage_, tr("Sequence"));
 
   auto* manual = Named(new QGroupBox(tr("Manual control")), "frManual");
   auto* manualLayout = new QVBoxLayout(manual);
   manualLayout->addWidget(new ManualControl(tasks(), manual));
   manualLayout->addStretch();
-  tabs->addTab(manual, tr("Manual"));
-  layout->addWidget(tabs);
+  tabs_->addTab(manual, tr("Manual"));
+  layout->addWidget(tabs_, 1);
   setCentralWidget(central);
 
   connect(pbRun_, &QPushButton::clicked, this,
           [this] { host_->post([](Engine& e) { e.sequencer().pressRun(); }); });
-  connect(pbStop_, &QPushButton::clicked, this,
-          [this] { host_->post([](Engine& e) { e.sequencer().pressStop(); }); });
+  connect(pbStop_, &QPushButton::clicked, this, [this] {
+    host_->post([](Engine& e) { e.sequencer().pressStop(); });
+    withdrawCommandDialogs();
+  });
   connect(pbStep_, &QPushButton::clicked, this,
           [this] { host_->post([](Engine& e) { e.sequencer().pressStep(); }); });
   connect(pbSkip_, &QPushButton::clicked, this,
@@ -182,14 +235,19 @@ void MainWindow::buildMenus() {
   mbFile_->setObjectName("mbFile");
   QAction* open = mbFile_->addAction(tr("&Open Sequence..."));
   open->setObjectName("mbOpenSequence");
-  connect(open, &QAction::triggered, this,
-          [this] { host_->post([](Engine& e) { e.sequencer().chooseSequenceFile(); }); });
+  connect(open, &QAction::triggered, this, [this] {
+    host_->post([](Engine& e) {
+      // A new file never replaces the one a run holds.
+      if (!e.sequencer().flags().running) e.sequencer().chooseSequenceFile();
+    });
+  });
   QAction* setup = mbFile_->addAction(tr("Select &Setup File..."));
   setup->setObjectName("mbSelectSetup");
   connect(setup, &QAction::triggered, this, &MainWindow::selectSetupFile);
   QAction* decrypt = mbFile_->addAction(tr("&Decrypt File..."));
   decrypt->setObjectName("mbFileDecrypt");
   connect(decrypt, &QAction::triggered, this, &MainWindow::openDecryptWindow);
+  lockedWhileRunning_ = {open, setup, decrypt};
   mbFile_->addSeparator();
   QAction* exit = mbFile_->addAction(tr("E&xit"));
   exit->setObjectName("mbExit");
@@ -230,15 +288,22 @@ void MainWindow::openChartWindow() {
 
 void MainWindow::openReportWindow() {
   QPointer<MainWindow> self(this);
-  host_->post([self](Engine& engine) {
+  host_->post([self, unitsAtPrepare = unitsAtPrepare_](Engine& engine) {
     TestDatabase& db = engine.testDatabase();
-    const ReportView view = BuildReportView(db.definition().details, db.uut(), engine.clock().now());
-    QMetaObject::invokeMethod(qApp, [self, view] {
-      if (!self) return;
-      auto* dialog = new ReportDialog(view, self);
-      dialog->setAttribute(Qt::WA_DeleteOnClose);
-      dialog->show();
-    }, Qt::QueuedConnection);
+    ReportContents contents{
+        BuildReportView(db.definition().details, db.uut(), engine.clock().now()), db.uut().checks};
+    // Until the file prepared last has a unit of its own, nothing is shown:
+    // never the unit of a file before it.
+    if (!db.uutOpen() && db.uutsFinished() == *unitsAtPrepare) contents = {};
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, contents] {
+          if (!self) return;
+          auto* dialog = new ReportDialog(contents, self);
+          dialog->setAttribute(Qt::WA_DeleteOnClose);
+          dialog->show();
+        },
+        Qt::QueuedConnection);
   });
 }
 
@@ -259,13 +324,17 @@ void MainWindow::selectSetupFile() {
     const std::string path = Std(file);
     QPointer<MainWindow> self(this);
     host_->post([self, path](Engine& engine) {
+      if (engine.sequencer().flags().running) return;
       Instrument* instrument = engine.instrument();
       if (instrument != nullptr && instrument->selectSetupFile(path)) return;
       const std::string why =
           instrument == nullptr ? "No instrument is attached" : instrument->link().lastErrorText;
-      QMetaObject::invokeMethod(qApp, [self, why] {
-        if (self) self->message(self->windowTitle(), Text(why));
-      }, Qt::QueuedConnection);
+      QMetaObject::invokeMethod(
+          qApp,
+          [self, why] {
+            if (self) self->message(self->windowTitle(), Text(why));
+          },
+          Qt::QueuedConnection);
     });
   });
   dialog->open();
@@ -284,28 +353,58 @@ void MainWindow::openQuestion(const Question& question, std::function<void(Answe
   const std::string& kind = question.kind;
   if (kind == "CONTINUEOK" || kind == "ENTEROKCANCEL" || kind == "UUTCHECK" || kind == "ALERT") {
     openPanel(question, std::move(answered));
-  } else if (kind == "DATAENTRY") {
-    auto* dialog = new DataEntryDialog(question, QDate::currentDate(), std::move(answered), this);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->open();
+    bringIntoView(pbOKcancelOK_);
+    return;
+  }
+  QDialog* dialog = nullptr;
+  if (kind == "DATAENTRY") {
+    dialog = new DataEntryDialog(question, QDate::currentDate(), std::move(answered), this);
   } else if (kind == "CHECKFAILURE") {
-    auto* dialog = new CheckFailureDialog(question, std::move(answered), this);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->open();
+    dialog = new CheckFailureDialog(question, std::move(answered), this);
   } else if (kind == "SELECTMENU") {
-    auto* dialog = new SelectMenuDialog(question, std::move(answered), this);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->open();
+    dialog = new SelectMenuDialog(question, std::move(answered), this);
   } else if (kind == "ENTERSEND") {
-    auto* dialog = new EnterSendDialog(question, std::move(answered), this);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->open();
+    dialog = new EnterSendDialog(question, std::move(answered), this);
   } else if (kind == "DOWITHSHOW" || kind == "MANUALADJUST") {
     if (channelDisplay_ == nullptr) channelDisplay_ = new ChannelDisplayDialog(this);
     channelDisplay_->ask(question, std::move(answered));
+    bringIntoView(channelDisplay_);
+    return;
   } else {
     answerQuestionBox(question, std::move(answered));
+    return;
   }
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  if (kind == "SELECTMENU" || kind == "ENTERSEND") {
+    // Stop must stay within reach while these wait.
+    dialog->show();
+  } else {
+    dialog->open();
+  }
+  bringIntoView(dialog);
+}
+
+void MainWindow::bringIntoView(QWidget* focus) {
+  if (isMinimized()) showNormal();
+  QWidget* top = focus->window();
+  if (top == this) tabs_->setCurrentWidget(sequencePage_);
+  raise();
+  activateWindow();
+  if (top != this) {
+    top->raise();
+    top->activateWindow();
+  }
+  focus->setFocus(Qt::OtherFocusReason);
+  QApplication::alert(this);
+}
+
+void MainWindow::withdrawCommandDialogs() {
+  // The dialogs carry no meta-object of their own: told apart by their type.
+  for (QDialog* dialog : findChildren<QDialog*>()) {
+    if (auto* menu = dynamic_cast<SelectMenuDialog*>(dialog)) menu->withdraw();
+    if (auto* entry = dynamic_cast<EnterSendDialog*>(dialog)) entry->withdraw();
+  }
+  if (channelDisplay_ != nullptr) channelDisplay_->withdraw();
 }
 
 // The panel in its re-labelled forms: the caption is the question's title
@@ -317,6 +416,11 @@ void MainWindow::openPanel(const Question& question, std::function<void(Answer)>
   laMessage_->setText(Text(question.text));
   const bool relabelled = question.kind == "UUTCHECK" || question.kind == "ALERT";
   if (relabelled && !question.title.empty()) frOKcancel_->setTitle(Text(question.title));
+  if (question.kind == "ALERT") {
+    QPalette palette = frOKcancel_->palette();
+    palette.setColor(QPalette::Window, kWarningColour);
+    frOKcancel_->setPalette(palette);
+  }
   const auto& captions = question.buttons;
   pbOKcancelOK_->setText(captions.empty() ? tr("OK") : Text(captions[0]));
   pbOKcancelCancel_->setVisible(captions.size() != 1);
@@ -324,6 +428,7 @@ void MainWindow::openPanel(const Question& question, std::function<void(Answer)>
   pbShutdown_->setVisible(captions.size() > 2);
   if (captions.size() > 2) pbShutdown_->setText(Text(captions[2]));
   frOKcancel_->show();
+  pbOKcancelOK_->setDefault(true);
 }
 
 void MainWindow::restorePanel() {
@@ -383,7 +488,81 @@ void MainWindow::answerQuestionBox(const Question& question, std::function<void(
 
 // --- Displays -------------------------------------------------------------------
 
-void MainWindow::setRunStatus(const QString& status) { sRunStatus_->setText(status); }
+void MainWindow::setRunStatus(const QString& status) {
+  if (status == Text(kStatusReady)) clearRunDisplays();
+  if (status == Text(kStatusRunning) && sRunStatus_->text() != status) setTimeout(0);
+  sRunStatus_->setText(status);
+}
+
+void MainWindow::clearRunDisplays() {
+  sCurrentCommand_->clear();
+  ebHelp_->clear();
+  setTimeout(0);
+  laVerdict_->clear();
+  laVerdict_->hide();
+}
+
+void MainWindow::showVerdict(const QString& serialNumber, bool passed) {
+  const QString verdict = passed ? tr("Pass") : tr("Fail");
+  laVerdict_->setText(serialNumber.isEmpty() ? tr("UUT: %1").arg(verdict)
+                                             : tr("UUT %1: %2").arg(serialNumber, verdict));
+  QPalette palette = laVerdict_->palette();
+  palette.setColor(QPalette::Window, passed ? kPassColour : kFailColour);
+  laVerdict_->setPalette(palette);
+  laVerdict_->show();
+}
+
+// Each finished unit's verdict is carried over as its results are written.
+void MainWindow::watchVerdicts() {
+  QPointer<MainWindow> self(this);
+  host_->post([self](Engine& engine) {
+    engine.testDatabase().addUutFinishedHook(
+        [self](const UutRecord& uut, const std::vector<std::string>&) {
+          const QString serial = Text(uut.serialNumber);
+          const bool passed = uut.passed;
+          QMetaObject::invokeMethod(
+              qApp,
+              [self, serial, passed] {
+                if (self) self->showVerdict(serial, passed);
+              },
+              Qt::QueuedConnection);
+        });
+  });
+  host_->post([unitsAtPrepare = unitsAtPrepare_](Engine& engine) {
+    engine.sequencer().addPrepareHook(
+        [unitsAtPrepare, &engine] { *unitsAtPrepare = engine.testDatabase().uutsFinished(); });
+  });
+}
+
+void MainWindow::openMessageBox(const QString& title, const QString& text,
+                                std::function<void()> closed) {
+  auto* box = new QMessageBox(QMessageBox::Information, title, text, QMessageBox::Ok, this);
+  box->setObjectName("engineMessageBox");
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  connect(box, &QMessageBox::finished, box, [closed] { closed(); });
+  box->open();
+}
+
+void MainWindow::openFileDialog(const FileDialog& request,
+                                std::function<void(const QString&)> chosen) {
+  auto* dialog = new QFileDialog(this, Text(request.title), Text(request.initialDirectory),
+                                 NameFilter(request.filter));
+  dialog->setObjectName("engineFileDialog");
+  dialog->setOption(QFileDialog::DontUseNativeDialog);
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->setFileMode(QFileDialog::ExistingFile);
+  if (!request.defaultExtension.empty()) dialog->setDefaultSuffix(Text(request.defaultExtension));
+  auto once = std::make_shared<std::function<void(const QString&)>>(std::move(chosen));
+  connect(dialog, &QFileDialog::fileSelected, dialog, [once](const QString& file) {
+    if (*once) (*once)(file);
+    *once = nullptr;
+  });
+  connect(dialog, &QFileDialog::finished, dialog, [once] {
+    if (*once) (*once)(QString());
+    *once = nullptr;
+  });
+  dialog->open();
+}
 
 void MainWindow::setStatusLabel(const QString& text, const QColor& colour) {
   sRunStatus_->setText(text);
@@ -415,7 +594,9 @@ void MainWindow::setControls(const RunControls& c) {
     cbSingleStep_->setChecked(c.singleStepTicked);
     suppressSingleStep_ = false;
   }
-  mbFile_->setEnabled(c.fileMenuEnabled);
+  // A run, free or stepped, locks the file items; the engine also refuses a
+  // new file while it runs.
+  for (QAction* action : lockedWhileRunning_) action->setEnabled(c.fileMenuEnabled);
   // A run has ended: after ENDTAVRIX the program closes.
   const bool running = c.stopEnabled || !c.runEnabled;
   if (wasRunning_ && !running) closeIfQuitRequested();
@@ -426,11 +607,14 @@ void MainWindow::closeIfQuitRequested() {
   QPointer<MainWindow> self(this);
   host_->post([self](Engine& engine) {
     if (!engine.sequencer().flags().quitRequested) return;
-    QMetaObject::invokeMethod(qApp, [self] {
-      if (!self) return;
-      self->closeAllowed_ = true;
-      self->close();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        qApp,
+        [self] {
+          if (!self) return;
+          self->closeAllowed_ = true;
+          self->close();
+        },
+        Qt::QueuedConnection);
   });
 }
 
@@ -444,9 +628,12 @@ void MainWindow::showChannelValue(const QString& channel, const QString& value) 
 }
 
 void MainWindow::enlargeForRun() {
+  // A maximised or larger window keeps its size: Run only ever enlarges.
+  if (isMaximized() || isFullScreen()) return;
   const QRect screen = this->screen() ? this->screen()->availableGeometry() : QRect();
   move(screen.topLeft());
-  resize(TwipsToPixels(kRunWidthTwips), TwipsToPixels(kRunHeightTwips));
+  resize(std::max(width(), TwipsToPixels(kRunWidthTwips)),
+         std::max(height(), TwipsToPixels(kRunHeightTwips)));
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
@@ -459,10 +646,13 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     Sequencer& seq = engine.sequencer();
     if (!seq.closeRequest()) return;
     if (seq.flags().running) seq.requestAbort();
-    QMetaObject::invokeMethod(this, [this] {
-      closeAllowed_ = true;
-      close();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+          closeAllowed_ = true;
+          close();
+        },
+        Qt::QueuedConnection);
   });
 }
 

@@ -5,6 +5,7 @@
 // scripts find them by name.
 #pragma once
 
+#include <QList>
 #include <QMainWindow>
 #include <functional>
 #include <memory>
@@ -19,13 +20,20 @@ class QLabel;
 class QLineEdit;
 class QListWidget;
 class QPushButton;
+class QTabWidget;
 class QTextEdit;
 class QMenu;
+class QAction;
 
 namespace tavrix {
 
 class ChannelDisplayDialog;
 class ChartWindow;
+
+// Start-up makes the hardware setups folder of the instrument link the
+// working folder, when that folder exists here. A sequence file named on the
+// command line is therefore given with its full path.
+void EnterSetupsFolder(Engine& engine);
 
 // 15 twips a pixel at 96 dots an inch.
 constexpr int TwipsToPixels(int twips) { return twips / 15; }
@@ -51,6 +59,13 @@ class MainWindow : public QMainWindow {
   void setControls(const RunControls& controls);
   void enlargeForRun();
   void showChannelValue(const QString& channel, const QString& value);
+  // A message box with an OK button; `closed` is called once it is closed.
+  void openMessageBox(const QString& title, const QString& text, std::function<void()> closed);
+  // The file-open dialog; `chosen` gets the file, or an empty text when the
+  // dialog is cancelled.
+  void openFileDialog(const FileDialog& dialog, std::function<void(const QString&)> chosen);
+  // The verdict of the last unit tested, shown under the run controls.
+  void showVerdict(const QString& serialNumber, bool passed);
   // The engine closed the channel display's question (its channel could not
   // be read).
   void closeChannelDisplay();
@@ -76,6 +91,15 @@ class MainWindow : public QMainWindow {
   void openPanel(const Question& question, std::function<void(Answer)> answered);
   void restorePanel();
   void closeIfQuitRequested();
+  // Brings a question into view whatever tab or window is in front, and
+  // asks for the operator's attention.
+  void bringIntoView(QWidget* focus);
+  // Stop ends the waits of the commands that ask in dialogs of their own:
+  // their dialogs are withdrawn without an answer the run would act on.
+  void withdrawCommandDialogs();
+  // A prepared file starts from clean displays.
+  void clearRunDisplays();
+  void watchVerdicts();
   void message(const QString& title, const QString& text);
   EngineTasks tasks();
 
@@ -93,6 +117,9 @@ class MainWindow : public QMainWindow {
   QLineEdit* sCurrentCommand_ = nullptr;
   QLineEdit* sDataFileSpec_ = nullptr;
   QTextEdit* ebHelp_ = nullptr;
+  QLabel* laVerdict_ = nullptr;
+  QTabWidget* tabs_ = nullptr;
+  QWidget* sequencePage_ = nullptr;
   QGroupBox* frOKcancel_ = nullptr;
   QLabel* laMessage_ = nullptr;
   QLabel* laAlertType_ = nullptr;
@@ -104,6 +131,9 @@ class MainWindow : public QMainWindow {
   QListWidget* lbDDElabels_ = nullptr;
   QListWidget* lbDDEcommands_ = nullptr;
   QMenu* mbFile_ = nullptr;
+  QList<QAction*> lockedWhileRunning_;
+  // Units finished when the last file was prepared (engine thread only).
+  std::shared_ptr<int> unitsAtPrepare_ = std::make_shared<int>(0);
   ChannelDisplayDialog* channelDisplay_ = nullptr;
   ChartWindow* chart_ = nullptr;
   bool wasRunning_ = false;

@@ -1,8 +1,6 @@
 #include "qt_operator.h"
 
 #include <QColor>
-#include <QFileDialog>
-#include <QMessageBox>
 #include <QMetaObject>
 
 #include "main_window.h"
@@ -20,71 +18,88 @@ void QtOperator::ask(const Question& question, std::function<void(Answer)> answe
       Qt::QueuedConnection);
 }
 
+std::optional<std::string> QtOperator::waitForWindow(
+    std::function<void(std::function<void(std::optional<std::string>)>)> open) {
+  if (closing_ || loop_ == nullptr) return std::nullopt;
+  struct Outcome {
+    bool done = false;
+    std::optional<std::string> value;
+  };
+  auto outcome = std::make_shared<Outcome>();
+  EventLoop* loop = loop_;
+  auto finished = [loop, outcome](std::optional<std::string> value) {
+    loop->post([outcome, value] {
+      outcome->done = true;
+      outcome->value = value;
+    });
+  };
+  EventLoop::OutsideWait person(*loop);
+  QMetaObject::invokeMethod(
+      &window_, [open, finished] { open(finished); }, Qt::QueuedConnection);
+  loop->waitUntil([&] { return outcome->done || closing_; });
+  return outcome->value;
+}
+
 void QtOperator::showMessage(std::string_view title, std::string_view text) {
-  if (closing_) return;
   const QString t = Text(title);
   const QString body = Text(text);
-  QMetaObject::invokeMethod(
-      &window_, [this, t, body] { QMessageBox::information(&window_, t, body); },
-      Qt::BlockingQueuedConnection);
+  waitForWindow([this, t, body](std::function<void(std::optional<std::string>)> done) {
+    window_.openMessageBox(t, body, [done] { done(std::nullopt); });
+  });
 }
 
 std::optional<std::string> QtOperator::chooseFile(const FileDialog& dialog) {
-  if (closing_) return std::nullopt;
-  QString chosen;
-  QMetaObject::invokeMethod(
-      &window_,
-      [&] {
-        chosen = QFileDialog::getOpenFileName(&window_, QString::fromStdString(dialog.title),
-                                              QString::fromStdString(dialog.initialDirectory),
-                                              NameFilter(dialog.filter));
-      },
-      Qt::BlockingQueuedConnection);
-  if (chosen.isEmpty()) return std::nullopt;
-  return chosen.toStdString();
+  return waitForWindow([this, dialog](std::function<void(std::optional<std::string>)> done) {
+    window_.openFileDialog(dialog, [done](const QString& chosen) {
+      done(chosen.isEmpty() ? std::nullopt : std::optional<std::string>(Std(chosen)));
+    });
+  });
 }
 
 void QtOperator::showRunStatus(std::string_view status) {
   const QString s = Text(status);
-  QMetaObject::invokeMethod(&window_, [this, s] { window_.setRunStatus(s); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, s] { window_.setRunStatus(s); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showCurrentCommand(std::string_view line) {
   const QString s = Text(line);
-  QMetaObject::invokeMethod(&window_, [this, s] { window_.setCurrentCommand(s); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, s] { window_.setCurrentCommand(s); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showTimeout(int32_t seconds) {
-  QMetaObject::invokeMethod(&window_, [this, seconds] { window_.setTimeout(seconds); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, seconds] { window_.setTimeout(seconds); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showHelpText(std::string_view text) {
   const QString s = Text(text);
-  QMetaObject::invokeMethod(&window_, [this, s] { window_.setHelpText(s); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, s] { window_.setHelpText(s); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showDataFileSpec(std::string_view path) {
   const QString s = Text(path);
-  QMetaObject::invokeMethod(&window_, [this, s] { window_.setDataFileSpec(s); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, s] { window_.setDataFileSpec(s); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showControls(const RunControls& controls) {
-  QMetaObject::invokeMethod(&window_, [this, controls] { window_.setControls(controls); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, controls] { window_.setControls(controls); }, Qt::QueuedConnection);
 }
 
 void QtOperator::enlargeForRun() {
-  QMetaObject::invokeMethod(&window_, [this] { window_.enlargeForRun(); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this] { window_.enlargeForRun(); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showChannelValue(std::string_view channel, std::string_view value) {
   const QString c = Text(channel);
   const QString v = Text(value);
-  QMetaObject::invokeMethod(&window_, [this, c, v] { window_.showChannelValue(c, v); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, c, v] { window_.showChannelValue(c, v); }, Qt::QueuedConnection);
 }
 
 void QtOperator::closeQuestion() {
@@ -93,15 +108,16 @@ void QtOperator::closeQuestion() {
 }
 
 void QtOperator::minimiseWindow() {
-  QMetaObject::invokeMethod(&window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this] { window_.showMinimized(); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showStatusLabel(std::string_view text, int32_t colour) {
   const QString s = Text(text);
   // The colour value holds red, green and blue from the lowest byte up.
   const QColor c(colour & 0xFF, (colour >> 8) & 0xFF, (colour >> 16) & 0xFF);
-  QMetaObject::invokeMethod(&window_, [this, s, c] { window_.setStatusLabel(s, c); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, s, c] { window_.setStatusLabel(s, c); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showAlarmDefinitions(const std::vector<std::string>& labels,
@@ -109,8 +125,8 @@ void QtOperator::showAlarmDefinitions(const std::vector<std::string>& labels,
   QStringList l, c;
   for (const auto& label : labels) l << Text(label);
   for (const auto& command : commands) c << Text(command);
-  QMetaObject::invokeMethod(&window_, [this, l, c] { window_.setAlarmDefinitions(l, c); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this, l, c] { window_.setAlarmDefinitions(l, c); }, Qt::QueuedConnection);
 }
 
 }  // namespace tavrix

@@ -40,6 +40,24 @@ SelectMenuDialog::SelectMenuDialog(const Question& question, std::function<void(
   connect(lbMenu_, &QListWidget::itemActivated, this, &SelectMenuDialog::accept);
 }
 
+// The answer is given only once the stop is on its way to the engine, which
+// then passes over whatever was answered.
+void SelectMenuDialog::withdraw() {
+  answered_(std::string());
+  QDialog::reject();
+}
+
+void EnterSendDialog::withdraw() {
+  answered_(std::string());
+  QDialog::reject();
+}
+
+void ChannelDisplayDialog::withdraw() {
+  if (!answered_.pending()) return;
+  answered_(std::string());
+  hide();
+}
+
 void SelectMenuDialog::accept() {
   if (lbMenu_->currentItem() == nullptr) return;
   answered_(Std(lbMenu_->currentItem()->text()));
@@ -119,7 +137,9 @@ void ChannelDisplayDialog::ask(const Question& question, std::function<void(Answ
       answered(caption);
     });
   }
-  open();
+  show();
+  raise();
+  activateWindow();
 }
 
 }  // namespace tavrix

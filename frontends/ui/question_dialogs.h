@@ -4,6 +4,8 @@
 //   DOWITHSHOW,   a message, the channel's live reading (ladwsChannelValue)
 //   MANUALADJUST  and the question's buttons; the answer is the caption
 // None of them can be closed without an answer: the sequence waits for one.
+// They do not block the main window, so Stop stays within reach; Stop
+// withdraws them (withdraw()), and the command, seeing the stop, ends.
 #pragma once
 
 #include <QDialog>
@@ -23,6 +25,7 @@ class SelectMenuDialog : public QDialog {
   ~SelectMenuDialog() override { answered_(std::nullopt); }
   void accept() override;
   void reject() override {}
+  void withdraw();
 
  private:
   QListWidget* lbMenu_;
@@ -35,6 +38,7 @@ class EnterSendDialog : public QDialog {
   ~EnterSendDialog() override { answered_(std::nullopt); }
   void accept() override;
   void reject() override {}
+  void withdraw();
 
  private:
   QLineEdit* ebEntry_;
@@ -51,6 +55,8 @@ class ChannelDisplayDialog : public QDialog {
   void showValue(const QString& channel, const QString& value);
   void ask(const Question& question, std::function<void(Answer)> answered);
   void reject() override {}
+  void withdraw();
+  bool asking() const { return answered_.pending(); }
 
  private:
   QLabel* laDwsMessage_;

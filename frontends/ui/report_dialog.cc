@@ -4,21 +4,25 @@
 #include <QFileInfo>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
-#include <QListWidget>
-#include <QPainter>
 #include <QPrintDialog>
 #include <QPrinter>
 #include <QPrinterInfo>
 #include <QPushButton>
+#include <QTableWidget>
+#include <QTextDocument>
 #include <QVBoxLayout>
 
+#include "common/text_conventions.h"
 #include "qt_text.h"
 
 namespace tavrix {
 
 namespace {
+
+const QColor kFailedRow(255, 208, 208);
 
 template <typename T>
 T* Named(T* widget, const char* name) {
@@ -26,29 +30,83 @@ T* Named(T* widget, const char* name) {
   return widget;
 }
 
+QStringList RowTexts(const CheckEntry& c) {
+  const QString result =
+      c.passed ? QStringLiteral("Pass")
+               : (c.failureText.empty() ? QStringLiteral("Fail") : "Fail " + Text(c.failureText));
+  return {Text(formatNumber(c.stage, "0")),
+          Text(c.parameter),
+          Text(c.channel),
+          Text(c.value),
+          Text(c.units),
+          Text(c.lower),
+          Text(c.upper),
+          result};
+}
+
 }  // namespace
 
-ReportDialog::ReportDialog(const ReportView& contents, QWidget* parent) : QDialog(parent) {
+QStringList ReportDialog::columnHeadings() {
+  return {tr("Stage"), tr("Check"), tr("Channel"), tr("Value"),
+          tr("Units"), tr("Min"),   tr("Max"),     tr("Result")};
+}
+
+ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
+    : QDialog(parent), contents_(contents) {
+  const ReportView& h = contents_.header;
   setObjectName("frmReport");
   setWindowTitle(tr("Test Report"));
-  auto* ebDate = Named(new QLineEdit(Text(contents.date)), "ebDate");
-  auto* ebEngineers = Named(new QLineEdit(Text(contents.engineers)), "ebEngineers");
-  auto* laTestName = Named(new QLabel(Text(contents.testName)), "laTestName");
-  auto* laTestVersion = Named(new QLabel(Text(contents.testVersion)), "laTestVersion");
-  auto* laSerialNumber = Named(new QLabel(Text(contents.serialNumber)), "laSerialNumber");
+  auto* ebDate = Named(new QLineEdit(Text(h.date)), "ebDate");
+  auto* ebEngineers = Named(new QLineEdit(Text(h.engineers)), "ebEngineers");
+  auto* laTestName = Named(new QLabel(Text(h.testName)), "laTestName");
+  auto* laTestVersion = Named(new QLabel(Text(h.testVersion)), "laTestVersion");
+  auto* laSerialNumber = Named(new QLabel(Text(h.serialNumber)), "laSerialNumber");
   QFont bold = laTestName->font();
   bold.setBold(true);
   laTestName->setFont(bold);
+  laVerdict_ = Named(new QLabel, "laVerdict");
+  laVerdict_->setFont(bold);
   auto* form = new QFormLayout;
   form->addRow(tr("Test:"), laTestName);
   form->addRow(tr("Version:"), laTestVersion);
   form->addRow(tr("Serial Number:"), laSerialNumber);
   form->addRow(tr("Date:"), ebDate);
   form->addRow(tr("Engineer(s):"), ebEngineers);
+  form->addRow(tr("Verdict:"), laVerdict_);
 
-  ebSequenceList_ = Named(new QListWidget, "ebSequenceList");
-  ebSequenceList_->clear();
-  for (const auto& line : contents.lines) ebSequenceList_->addItem(Text(line));
+  const QStringList headings = columnHeadings();
+  ebSequenceList_ = Named(new QTableWidget(0, static_cast<int>(headings.size())), "ebSequenceList");
+  ebSequenceList_->setHorizontalHeaderLabels(headings);
+  ebSequenceList_->verticalHeader()->hide();
+  ebSequenceList_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+  ebSequenceList_->setSelectionBehavior(QAbstractItemView::SelectRows);
+  ebSequenceList_->horizontalHeader()->setStretchLastSection(true);
+  for (const CheckEntry& check : contents_.checks) {
+    const int row = ebSequenceList_->rowCount();
+    ebSequenceList_->insertRow(row);
+    const QStringList texts = RowTexts(check);
+    for (int column = 0; column < texts.size(); ++column) {
+      auto* item = new QTableWidgetItem(texts[column]);
+      if (!check.passed) {
+        item->setBackground(kFailedRow);
+        if (column == texts.size() - 1) {
+          QFont font = item->font();
+          font.setBold(true);
+          item->setFont(font);
+        }
+      }
+      ebSequenceList_->setItem(row, column, item);
+    }
+  }
+  ebSequenceList_->resizeColumnsToContents();
+  if (contents_.checks.empty()) {
+    laVerdict_->setText(tr("No checks recorded"));
+  } else {
+    laVerdict_->setText(failed() ? tr("Fail") : tr("Pass"));
+    QPalette palette = laVerdict_->palette();
+    palette.setColor(QPalette::WindowText, failed() ? QColor(176, 0, 0) : QColor(0, 112, 0));
+    laVerdict_->setPalette(palette);
+  }
 
   pbPrint_ = Named(new QPushButton(tr("&Print")), "pbPrint");
   pbPdf_ = Named(new QPushButton(tr("P&DF...")), "pbPrintPdf");
@@ -62,22 +120,55 @@ ReportDialog::ReportDialog(const ReportView& contents, QWidget* parent) : QDialo
   layout->addLayout(form);
   layout->addWidget(ebSequenceList_, 1);
   layout->addLayout(buttons);
-  resize(560, 420);
+  resize(760, 460);
 
   connect(pbPrint_, &QPushButton::clicked, this, &ReportDialog::printOnDefaultPrinter);
   connect(pbPdf_, &QPushButton::clicked, this, &ReportDialog::saveAsPdf);
   connect(pbEscape_, &QPushButton::clicked, this, &QDialog::close);
 }
 
+ReportDialog::~ReportDialog() = default;
+
+bool ReportDialog::failed() const {
+  for (const CheckEntry& check : contents_.checks)
+    if (!check.passed) return true;
+  return false;
+}
+
+std::unique_ptr<QTextDocument> ReportDialog::document() const {
+  const ReportView& h = contents_.header;
+  QString html =
+      "<h2>" + Text(h.testName).toHtmlEscaped() + "</h2><table cellspacing='0' cellpadding='2'>";
+  const std::pair<QString, QString> fields[] = {{tr("Version"), Text(h.testVersion)},
+                                                {tr("Serial Number"), Text(h.serialNumber)},
+                                                {tr("Date"), Text(h.date)},
+                                                {tr("Engineer(s)"), Text(h.engineers)},
+                                                {tr("Verdict"), laVerdict_->text()}};
+  for (const auto& [name, value] : fields)
+    html += "<tr><td><b>" + name + ":</b></td><td>" + value.toHtmlEscaped() + "</td></tr>";
+  html += "</table><br><table border='1' cellspacing='0' cellpadding='3' width='100%'><tr>";
+  for (const QString& heading : columnHeadings()) html += "<th align='left'>" + heading + "</th>";
+  html += "</tr>";
+  for (const CheckEntry& check : contents_.checks) {
+    html += check.passed ? "<tr>" : "<tr style='background-color:#ffd0d0'>";
+    const QStringList texts = RowTexts(check);
+    for (int column = 0; column < texts.size(); ++column) {
+      const bool mark = !check.passed && column == texts.size() - 1;
+      html += "<td>" + QString(mark ? "<b>" : "") + texts[column].toHtmlEscaped() +
+              QString(mark ? "</b>" : "") + "</td>";
+    }
+    html += "</tr>";
+  }
+  html += "</table>";
+  auto doc = std::make_unique<QTextDocument>();
+  doc->setHtml(html);
+  return doc;
+}
+
 void ReportDialog::print(QPrinter& printer) {
-  for (QPushButton* b : {pbPrint_, pbPdf_, pbEscape_}) b->hide();
-  const QPixmap image = grab();
-  for (QPushButton* b : {pbPrint_, pbPdf_, pbEscape_}) b->show();
-  QPainter painter(&printer);
-  const QRect page = painter.viewport();
-  QSize size = image.size();
-  size.scale(page.size(), Qt::KeepAspectRatio);
-  painter.drawPixmap(QRect(page.topLeft(), size), image);
+  auto doc = document();
+  doc->setPageSize(printer.pageLayout().paintRectPixels(printer.resolution()).size());
+  doc->print(&printer);
 }
 
 bool ReportDialog::printToPdf(const QString& path) {
@@ -106,11 +197,13 @@ void ReportDialog::printOnDefaultPrinter() {
 }
 
 void ReportDialog::saveAsPdf() {
-  auto* dialog = new QFileDialog(this, tr("Save Report as PDF"), QString(), tr("PDF files (*.pdf)"));
+  auto* dialog =
+      new QFileDialog(this, tr("Save Report as PDF"), QString(), tr("PDF files (*.pdf)"));
   dialog->setAcceptMode(QFileDialog::AcceptSave);
   dialog->setDefaultSuffix("pdf");
   dialog->setAttribute(Qt::WA_DeleteOnClose);
-  connect(dialog, &QFileDialog::fileSelected, this, [this](const QString& path) { printToPdf(path); });
+  connect(dialog, &QFileDialog::fileSelected, this,
+          [this](const QString& path) { printToPdf(path); });
   dialog->open();
 }
 

@@ -1,24 +1,41 @@
-// The report window: the current unit's results on screen, one line per
-// recorded check, printable on the default printer or into a PDF file.
+// The report window: the current unit's results on screen as a table (one
+// row per recorded check, failed rows marked), with the unit's verdict.
+// Printing and PDF are laid out from the same data as a document that fits
+// the page, not taken from the window's picture.
 #pragma once
 
 #include <QDialog>
+#include <memory>
+#include <vector>
+
 #include "testdb/report_window.h"
+#include "testdb/uut_record.h"
 
 class QLabel;
-class QLineEdit;
-class QListWidget;
 class QPrinter;
 class QPushButton;
+class QTableWidget;
+class QTextDocument;
 
 namespace tavrix {
 
+// What the window shows: the header of the report view and the unit's
+// checks as recorded.
+struct ReportContents {
+  ReportView header;
+  std::vector<CheckEntry> checks;
+};
+
 class ReportDialog : public QDialog {
  public:
-  ReportDialog(const ReportView& contents, QWidget* parent);
+  ReportDialog(const ReportContents& contents, QWidget* parent);
+  ~ReportDialog() override;
 
-  // Prints the window's image without its Print, PDF and Escape buttons,
-  // which are hidden while it is taken.
+  // The columns of the table, in order.
+  static QStringList columnHeadings();
+
+  // The printable report: heading fields, the table and the verdict.
+  std::unique_ptr<QTextDocument> document() const;
   void print(QPrinter& printer);
   // Prints into a PDF file; false when the file cannot be written.
   bool printToPdf(const QString& path);
@@ -26,8 +43,11 @@ class ReportDialog : public QDialog {
  private:
   void printOnDefaultPrinter();
   void saveAsPdf();
+  bool failed() const;
 
-  QListWidget* ebSequenceList_;
+  ReportContents contents_;
+  QTableWidget* ebSequenceList_;
+  QLabel* laVerdict_;
   QPushButton* pbPrint_;
   QPushButton* pbPdf_;
   QPushButton* pbEscape_;

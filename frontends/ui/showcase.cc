@@ -98,6 +98,14 @@ int Screenshots(const QString& dir) {
   MainWindow w(RigEngine, seq);
   w.show();
   WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
+  // The operator is on the Manual tab when the question comes: it brings
+  // the Sequence tab and its panel into view.
+  auto* tabs = w.findChild<QTabWidget*>();
+  tabs->setCurrentWidget(Find<QWidget>(w, "frManual"));
+  Find<QLineEdit>(w, "ebManualChannel")->setText("OVEN");
+  Find<QPushButton>(w, "pbManualRead")->click();
+  WaitFor([&] { return !Find<QLabel>(w, "laManualReading")->text().isEmpty(); });
+  Save(w, dir, "manual-tab");
   Find<QPushButton>(w, "pbRun")->click();
   WaitFor([&] { return Find<QWidget>(w, "frOKcancel")->isVisible(); });
   Save(w, dir, "main-window-question");
@@ -109,14 +117,6 @@ int Screenshots(const QString& dir) {
                   {"Pass", "Fail and Repeat", "Fail and Continue"}}, [](Answer) {});
   Save(w, dir, "panel-uut-check");
   Find<QPushButton>(w, "pbOKcancelOK")->click();
-
-  auto* tabs = w.findChild<QTabWidget*>();
-  tabs->setCurrentWidget(Find<QWidget>(w, "frManual"));
-  Find<QLineEdit>(w, "ebManualChannel")->setText("OVEN");
-  Find<QPushButton>(w, "pbManualRead")->click();
-  WaitFor([&] { return !Find<QLabel>(w, "laManualReading")->text().isEmpty(); });
-  Save(w, dir, "manual-tab");
-  tabs->setCurrentIndex(0);
 
 #ifdef TAVRIX_HAVE_CHARTS
   w.findChild<QAction*>("mbChart")->trigger();
@@ -143,10 +143,11 @@ int Screenshots(const QString& dir) {
   failure.show();
   Save(failure, dir, "check-failure");
 
-  ReportDialog report({"15-11-2026", "A. Lee", "Pump acceptance test", "3", "PX-20417",
-                       {"1: Flow\tFLOW\t2.50\tl/min\t1\t3\tPass",
-                        "2: Seal\t\t\t\t\t\tFail\tOp Fail",
-                        "3: Pressure\tPRESS\t1.03\tbar\t0.9\t1.2\tPass"}}, &w);
+  ReportContents contents{{"15-11-2026", "A. Lee", "Pump acceptance test", "3", "PX-20417", {}},
+                          {{"Flow", "FLOW", "2.50", "l/min", "1", "3", 1, true, ""},
+                           {"Seal", "", "", "", "", "", 2, false, "Op Fail"},
+                           {"Pressure", "PRESS", "1.03", "bar", "0.9", "1.2", 3, true, ""}}};
+  ReportDialog report(contents, &w);
   report.show();
   Save(report, dir, "report");
 

@@ -61,6 +61,8 @@ bool Sequencer::prepareFile(const std::string& path, std::string* error) {
 }
 
 void Sequencer::chooseSequenceFile() {
+  // The file of a run, free or stepped, is never swapped under it.
+  if (flags_.running) return;
   FileDialog dialog;
   dialog.title = "Load Test Sequence File";
   dialog.defaultExtension = "wts";
@@ -202,6 +204,7 @@ void Sequencer::dispatchLine(std::string& line) {
   line.erase(0, blanks == std::string::npos ? line.size() : blanks);
 
   showCurrentCommand(line);
+  for (auto& observer : lineObservers_) observer(lineNumber_, line);
   if (trace_.enabled()) trace_.event("line").field("n", lineNumber_).field("text", line);
   events_.processPendingEvents();
 
@@ -223,11 +226,17 @@ void Sequencer::dispatchLine(std::string& line) {
 void Sequencer::pressRun() {
   if (flags_.running) {
     if (flags_.singleStepMode) {
-      // A stepped run goes on freely from the current line.
+      // A stepped run goes on freely from the current line: the controls
+      // become those of a free run.
       controls_.singleStepTicked = false;
+      controls_.singleStepEnabled = false;
+      controls_.runEnabled = false;
+      controls_.stepEnabled = false;
+      controls_.skipEnabled = false;
       flags_.singleStepHold = false;
       flags_.singleStepMode = false;
       publishControls();
+      setStatus(kStatusRunning);
     }
     return;
   }
@@ -256,7 +265,11 @@ void Sequencer::setSingleStepBox(bool ticked) {
   controls_.runEnabled = true;
   controls_.stepEnabled = true;
   controls_.skipEnabled = true;
+  // The box stays ticked while the run steps; Run or Stop ends the stepping.
+  controls_.singleStepEnabled = false;
+  controls_.fileMenuEnabled = false;
   publishControls();
+  setStatus(kStatusRunning);
   flags_.singleStepHold = true;
   events_.processPendingEvents();
   runLoop();

@@ -189,6 +189,11 @@ class Sequencer {
   // the file or when the line count overflows (a sequence error).
   bool readSectionLine(std::string& line) { return readNextLine(line); }
 
+  // Observers of every dispatched line: its number and its cleaned text, as
+  // the current command display shows it.
+  using LineObserver = std::function<void(int16_t lineNumber, std::string_view text)>;
+  void addLineObserver(LineObserver observer) { lineObservers_.push_back(std::move(observer)); }
+
   // Hooks run by the Stop button (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
 
@@ -251,6 +256,7 @@ class Sequencer {
   Timer secondsTimer_;
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
+  std::vector<LineObserver> lineObservers_;
   std::vector<std::function<void()>> runEndHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;
   std::string currentStatus_;

@@ -125,10 +125,17 @@ void TestDatabase::FinishUut() {
         .field("state", uut_.passed ? "pass" : "fail");
   }
   std::string error;
-  if (!WriteTestResults(definition_.details, uut_, results, paths_, seq_.clock().now(), &error)) {
+  const Micros now = seq_.clock().now();
+  std::vector<std::string> files;
+  if (!WriteTestResults(definition_.details, uut_, results, paths_, now, &error)) {
     seq_.reportSequenceError("Unable to write the results of UUT " + uut_.serialNumber + ": " +
                              error);
+  } else if (results.writeResults) {
+    const ResultsNames names = BuildResultsNames(definition_.details, uut_, results, now);
+    files = {paths_.toLocal(vbtavrix::EncryptString(names.summary)),
+             paths_.toLocal(vbtavrix::EncryptString(names.details))};
   }
+  for (auto& hook : finishedHooks_) hook(uut_, files);
   seq_.processPendingEvents();
 }
 

@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/paths.h"
 #include "testdb/data_entry.h"
@@ -59,6 +60,13 @@ class TestDatabase {
   // Ends the run's use of the database: the open UUT is finished and the
   // next run loads the definition again.
   void EndRun();
+
+  // Told of each finished UUT, once its results are written: the record and
+  // the results files written for it (local paths; none when results are off
+  // or could not be written).
+  using UutFinishedHook =
+      std::function<void(const UutRecord& uut, const std::vector<std::string>& files)>;
+  void addUutFinishedHook(UutFinishedHook hook) { finishedHooks_.push_back(std::move(hook)); }
 
   // --- State -----------------------------------------------------------------
   bool loaded() const { return loaded_; }
@@ -114,6 +122,7 @@ class TestDatabase {
   bool repeat_ = false;
   int lastAlert_ = 0;
   std::string collected_;  // the step's failure texts, one a line
+  std::vector<UutFinishedHook> finishedHooks_;
   bool repeatWanted_ = false;  // a Fail and Repeat in the step's rows
 };
 

@@ -1,0 +1,188 @@
+#include "terminal_view.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "common/civil_time.h"
+
+namespace tavrix {
+
+namespace {
+
+// Erases the line the cursor is on and goes back to its start.
+constexpr const char* kEraseLine = "\r\x1b[K";
+// The live status is redrawn at most this often (wall time); lines, status
+// changes and messages are written as they come.
+constexpr auto kRedrawEvery = std::chrono::milliseconds(100);
+constexpr Micros kRedrawTimer = 250 * 1000;
+
+std::string OneLine(std::string_view text) {
+  std::string line;
+  for (char c : text) line += (c == '\r' || c == '\n') ? ' ' : c;
+  return line;
+}
+
+const char* ReasonText(EndReason reason) {
+  switch (reason) {
+    case EndReason::kEndOfFile:
+      return "end of the file";
+    case EndReason::kStop:
+      return "STOP";
+    case EndReason::kError:
+      return "a sequence error";
+    case EndReason::kUnload:
+      return "a command that ends the program";
+    case EndReason::kAbort:
+      return "stopped";
+    case EndReason::kNone:
+      break;
+  }
+  return "not run";
+}
+
+}  // namespace
+
+TerminalView::TerminalView(Operator& inner, std::FILE* out, std::FILE* summary, bool live)
+    : inner_(inner), out_(out), summary_(summary), live_(live) {}
+
+TerminalView::~TerminalView() = default;
+
+bool TerminalView::IsTerminal(std::FILE* stream) {
+  return stream != nullptr && isatty(fileno(stream)) == 1;
+}
+
+void TerminalView::attach(Engine& engine, bool virtualClock) {
+  engine_ = &engine;
+  start_ = engine.clock().now();
+  engine.sequencer().addLineObserver(
+      [this](int16_t number, std::string_view text) { line(number, text); });
+  engine.testDatabase().addUutFinishedHook(
+      [this](const UutRecord& uut, const std::vector<std::string>& files) {
+        ++(uut.passed ? passed_ : failed_);
+        for (const auto& file : files)
+          if (std::find(files_.begin(), files_.end(), file) == files_.end()) files_.push_back(file);
+        if (live_)
+          print(clock() + "  UUT " + uut.serialNumber + ": " + (uut.passed ? "Pass" : "Fail"));
+      });
+  if (live_ && !virtualClock) {
+    redraw_ = std::make_unique<Timer>(engine.events(), kRedrawTimer, [this] { drawStatus(false); });
+    redraw_->setEnabled(true);
+  }
+}
+
+void TerminalView::detach() {
+  redraw_.reset();
+  engine_ = nullptr;
+}
+
+std::string TerminalView::clock() const {
+  if (engine_ == nullptr) return "--:--:--";
+  const CivilTime c = toCivil(engine_->clock().now());
+  char text[16];
+  std::snprintf(text, sizeof text, "%02d:%02d:%02d", c.hour, c.minute, c.second);
+  return text;
+}
+
+int TerminalView::width() const {
+  winsize size{};
+  if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 10) return size.ws_col;
+  return 80;
+}
+
+void TerminalView::line(int16_t number, std::string_view text) {
+  ++lines_;
+  lineNumber_ = number;
+  current_ = OneLine(text);
+  if (!live_) return;
+  print(clock() + "  " + std::to_string(number) + "  " + current_);
+}
+
+void TerminalView::print(const std::string& text) {
+  clearStatus();
+  std::fprintf(out_, "%s\n", text.c_str());
+  drawStatus(true);
+}
+
+void TerminalView::clearStatus() {
+  if (!statusShown_) return;
+  std::fputs(kEraseLine, out_);
+  std::fflush(out_);
+  statusShown_ = false;
+}
+
+void TerminalView::drawStatus(bool force) {
+  if (!live_ || asking_ || engine_ == nullptr || lines_ == 0) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (!force && now - lastDraw_ < kRedrawEvery) return;
+  lastDraw_ = now;
+  std::string status = clock() + " | line " + std::to_string(lineNumber_) + ": " + current_;
+  if (engine_->sequencer().timeoutDeadline())
+    status += " | time-out " + std::to_string(timeout_) + " s";
+  const double seconds = static_cast<double>(engine_->clock().now() - start_) / kMicrosPerSecond;
+  if (seconds >= 1) {
+    char rate[48];
+    const double perSecond = static_cast<double>(lines_) / seconds;
+    std::snprintf(rate, sizeof rate, perSecond >= 10 ? " | %.0f lines/s" : " | %.2f lines/s",
+                  perSecond);
+    status += rate;
+  }
+  const size_t room = static_cast<size_t>(width() - 1);
+  if (status.size() > room) status.resize(room);
+  std::fprintf(out_, "%s%s", kEraseLine, status.c_str());
+  std::fflush(out_);
+  statusShown_ = true;
+}
+
+void TerminalView::ask(const Question& question, std::function<void(Answer)> answered) {
+  clearStatus();
+  if (live_ && !inner_.isPerson()) {
+    std::string buttons;
+    for (const auto& b : question.buttons) buttons += (buttons.empty() ? " [" : "] [") + b;
+    if (!buttons.empty()) buttons += "]";
+    print(clock() + "  ? " + OneLine(question.text) + buttons);
+  }
+  std::fflush(out_);
+  asking_ = true;
+  const bool echo = live_ && !inner_.isPerson();
+  inner_.ask(question, [this, echo, answered = std::move(answered)](Answer answer) {
+    asking_ = false;
+    // Scripted answers come at once, on the engine's thread: shown as given.
+    if (echo) print("          -> " + (answer ? OneLine(*answer) : std::string("(no answer)")));
+    answered(std::move(answer));
+  });
+}
+
+void TerminalView::showMessage(std::string_view title, std::string_view text) {
+  clearStatus();
+  inner_.showMessage(title, text);
+  drawStatus(true);
+}
+
+void TerminalView::showRunStatus(std::string_view status) {
+  if (live_) print(clock() + "  -- " + std::string(status));
+}
+
+void TerminalView::showCurrentCommand(std::string_view line) {
+  current_ = OneLine(line);
+  drawStatus(false);
+}
+
+void TerminalView::showTimeout(int32_t seconds) {
+  timeout_ = seconds;
+  drawStatus(false);
+}
+
+void TerminalView::finish(EndReason reason, int exitStatus) {
+  clearStatus();
+  detach();
+  live_ = false;
+  std::fprintf(summary_, "Run ended by %s: exit status %d\n", ReasonText(reason), exitStatus);
+  if (passed_ + failed_ > 0)
+    std::fprintf(summary_, "UUTs: %d passed, %d failed\n", passed_, failed_);
+  for (const auto& file : files_) std::fprintf(summary_, "Written: %s\n", file.c_str());
+  std::fflush(summary_);
+}
+
+}  // namespace tavrix
