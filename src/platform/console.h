@@ -9,6 +9,8 @@ namespace tavrix::platform {
 
 // Whether `stream` is an interactive terminal.
 bool isTerminal(std::FILE* stream);
+// The width of the terminal `stream` shows in, in characters; 0 when unknown.
+int terminalColumns(std::FILE* stream);
 
 // While it lives, an operator's stop request from the console (Ctrl+C, and
 // on Windows Ctrl+Break and closing the console window; on POSIX systems

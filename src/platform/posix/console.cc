@@ -1,6 +1,7 @@
 #include "platform/console.h"
 
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -9,6 +10,12 @@
 namespace tavrix::platform {
 
 bool isTerminal(std::FILE* stream) { return stream != nullptr && ::isatty(fileno(stream)); }
+
+int terminalColumns(std::FILE* stream) {
+  winsize size{};
+  if (stream == nullptr || ioctl(fileno(stream), TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col;
+}
 
 // SIGINT and SIGTERM are blocked in the calling thread (and so in the threads
 // it starts afterwards) and taken with sigwait() by a thread of their own;

@@ -9,6 +9,14 @@ namespace tavrix::platform {
 
 bool isTerminal(std::FILE* stream) { return stream != nullptr && _isatty(_fileno(stream)); }
 
+int terminalColumns(std::FILE* stream) {
+  if (stream == nullptr) return 0;
+  const HANDLE console = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream)));
+  CONSOLE_SCREEN_BUFFER_INFO info{};
+  if (!GetConsoleScreenBufferInfo(console, &info)) return 0;
+  return info.srWindow.Right - info.srWindow.Left + 1;
+}
+
 // Windows calls the console control handler on a thread of its own.
 struct StopRequests::State {
   std::function<void()> onStop;
