@@ -1,7 +1,8 @@
 #include "platform/timer_resolution.h"
 
-#include <mmsystem.h>
 #include <windows.h>
+// After windows.h, which it needs.
+#include <mmsystem.h>
 
 namespace tavrix::platform {
 
