@@ -19,8 +19,11 @@ class CliTestBase : public ::testing::Test {
   CliTestBase() {
     char dir[] = "/tmp/tavrixcliXXXXXX";
     dir_ = mkdtemp(dir);
+    // The data root (the results store and its queue) is the test's own.
+    setenv("TAVRIX_HOME", (dir_ + "/home").c_str(), 1);
   }
   ~CliTestBase() override {
+    unsetenv("TAVRIX_HOME");
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
   }

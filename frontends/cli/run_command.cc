@@ -15,6 +15,9 @@
 #include "lint_command.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
+#include "results_commands.h"
+#include "resultsdb/results_recorder.h"
+#include "resultsdb/uut_capture.h"
 #include "sequencer/console_operators.h"
 #include "terminal_view.h"
 
@@ -160,11 +163,54 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
+  // The results store: records wait in a journal in the data root and are
+  // written by the recorder's thread, never by the engine's.
+  StoreSpec storeSpec;
+  if (!ParseStoreSpec(options.resultsStore.value_or(settings.resultsStore), defaultDataRoot(),
+                      storeSpec, &error)) {
+    std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  std::unique_ptr<ResultsQueue> resultsQueue;
+  std::unique_ptr<ResultsRecorder> recorder;
+  if (storeSpec.kind != StoreSpec::Kind::kOff) {
+    resultsQueue = std::make_unique<ResultsQueue>(join(defaultDataRoot(), kQueueFileName));
+    if (!resultsQueue->open(&error)) std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    recorder = std::make_unique<ResultsRecorder>(
+        *resultsQueue, [storeSpec](std::string* e) -> std::unique_ptr<ResultsStore> {
+          return OpenResultsStore(storeSpec, e);
+        });
+    recorder->start();
+    std::string station = options.station.value_or(settings.station);
+    if (station.empty()) station = DefaultStationName();
+    CaptureUuts(testDatabase, seq, *recorder, station, [err](const std::string& text) {
+      std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
+    });
+  }
+
   EndReason reason;
   {
     SignalBridge signals(engine);
     seq.pressRun();
     reason = seq.endReason();
+  }
+  if (recorder) {
+    // What the store has not taken after a while waits in the journal for
+    // the next run; it never changes how the run ended.
+    testDatabase.uutEnded = nullptr;
+    const bool written = recorder->flush(std::chrono::seconds(10));
+    recorder->stop();
+    if (!written) {
+      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n",
+                   recorder->waiting(), resultsQueue->path().c_str(),
+                   DescribeStoreSpec(storeSpec).c_str(), recorder->lastError().c_str());
+    }
+    if (engine.trace().enabled() && (testDatabase.uutsFinished() > 0 || recorder->waiting() > 0)) {
+      auto event = engine.trace().event("results_store");
+      event.field("store", DescribeStoreSpec(storeSpec))
+          .field("waiting", static_cast<int64_t>(recorder->waiting()));
+      if (!written) event.field("error", recorder->lastError());
+    }
   }
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
@@ -196,6 +242,10 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
       ->check(CLI::IsMember({"text", "xml", "off"}));
   runCommand->add_flag("--quiet", run.quiet,
                        "Show only messages and the summary, even on a terminal");
+  runCommand->add_option("--results-store", run.resultsStore,
+                         "Where UUT records go besides the results files: sqlite (default), "
+                         "sqlite:FILE, off, or a connection string");
+  runCommand->add_option("--station", run.station, "This station's name in the UUT records");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
@@ -207,6 +257,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   CLI::App* lintCommand = AddLintCommand(app, lintFiles);
 
   CryptCommands cryptCommands(app);
+  ResultsCommands resultsCommands(app);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -224,6 +275,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   }
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
+  if (auto status = resultsCommands.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;

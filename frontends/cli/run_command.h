@@ -36,6 +36,10 @@ struct RunOptions {
   std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
   // Only messages and the summary, even on a terminal.
   bool quiet = false;
+  // Where UUT records go besides the results files; wins over the settings
+  // file's results_store (docs/results-database.md).
+  std::optional<std::string> resultsStore;
+  std::optional<std::string> station;
 };
 
 // `tavrix-cli rig`: serves the simulated rig over TCP.

@@ -20,6 +20,8 @@ class TestDbRunTest : public ::testing::Test {
   TestDbRunTest() {
     char dir[] = "/tmp/testdbrunXXXXXX";
     dir_ = mkdtemp(dir);
+    // The results store and its queue live in the data root: this folder's.
+    setenv("TAVRIX_HOME", (dir_ + "/home").c_str(), 1);
     const std::string t = "\t";
     File("details.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test" + t + t +
                             "1" + t + t + dir_ + "/fields.txt" + t + dir_ + "/stages.txt" + t +
@@ -34,6 +36,7 @@ class TestDbRunTest : public ::testing::Test {
                          "DB_STAGECHECK 2\r\nGOTO NEXT\r\n");
   }
   ~TestDbRunTest() override {
+    unsetenv("TAVRIX_HOME");
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
   }

@@ -32,6 +32,8 @@ void TestDatabase::RunStageCheck(int16_t step) {
       if (definition_.stageChecks[i].step != step_) continue;
       stageRow_ = i + 1;
       evaluateRow(definition_.stageChecks[i]);
+      uut_.checkOrigins.resize(uut_.checks.size(),
+                               {stageRow_, upperCase(trim(definition_.stageChecks[i].type))});
       if (runEnding()) return;
     }
     if (!collected_.empty()) {

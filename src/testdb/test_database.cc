@@ -89,6 +89,7 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
     if (ReadTestDefinitionFiles(detailsPath, options, definition_)) {
       loaded_ = true;
+      detailsPath_ = detailsPath;
     } else {
       seq_.reportSequenceError(std::string(kMsgUnableToOpen) + detailsPath);
     }
@@ -136,6 +137,7 @@ void TestDatabase::FinishUut() {
              paths_.toLocal(vbtavrix::EncryptString(names.details))};
   }
   for (auto& hook : finishedHooks_) hook(uut_, files);
+  if (uutEnded) uutEnded(definition_, detailsPath_, uut_, now);
   seq_.processPendingEvents();
 }
 

@@ -48,6 +48,12 @@ class TestDatabase {
   // The folder a details row without a results directory uses; empty: the
   // process's current directory.
   std::string currentDirectory;
+  // Called once for each finished UUT, after its results files are written
+  // (or failed to be), with the details file it was tested under and the
+  // time it ended: the results store takes the record from here.
+  std::function<void(const TestDefinition& definition, const std::string& detailsPath,
+                     const UutRecord& uut, Micros ended)>
+      uutEnded;
 
   // --- The mechanisms --------------------------------------------------------
   // Asks the data-entry question, loads the definition if this run has not,
@@ -107,6 +113,7 @@ class TestDatabase {
   Sequencer& seq_;
   const PathMap& paths_;
   TestDefinition definition_;
+  std::string detailsPath_;  // of the loaded definition
   bool loaded_ = false;
   DataEntry entry_;
   bool accepted_ = false;

@@ -42,6 +42,13 @@ struct UutRecord {
   bool passed = true;
   std::vector<StageFailure> failures;
   std::vector<CheckEntry> checks;
+  // For each entry of `checks`, the stage-check row that recorded it (from
+  // 1) and that row's check type.
+  struct CheckOrigin {
+    size_t row = 0;
+    std::string kind;
+  };
+  std::vector<CheckOrigin> checkOrigins;
 };
 
 }  // namespace tavrix

@@ -54,6 +54,10 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     checkChannel = std::string(value);
   } else if (k == "data_root") {
     dataRoot = std::string(value);
+  } else if (k == "results_store") {
+    resultsStore = std::string(value);
+  } else if (k == "station") {
+    station = std::string(value);
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);

@@ -27,6 +27,11 @@ struct InstrumentSettings {
   std::string libraryFolder;
   std::string linkLibraryName = "commslib.dll";
   std::string setupLibraryName = "imslib.dll";
+  // Where UUT records go besides the results files (docs/results-database.md):
+  // empty for the database file in the data root, "off", "sqlite:FILE" or a
+  // server's connection string. And this station's name in them.
+  std::string resultsStore;
+  std::string station;
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.

@@ -1,0 +1,349 @@
+#include "results_commands.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "common/paths.h"
+#include "instrument/link/instrument_settings.h"
+#include "resultsdb/results_import.h"
+#include "resultsdb/results_store.h"
+#include "resultsdb/uut_capture.h"
+
+namespace tavrix {
+
+namespace {
+
+using nlohmann::json;
+
+// Columns wider than this are cut (the last character shown as "~"), so a
+// table fits a terminal whatever the data.
+constexpr size_t kWidestColumn = 28;
+
+void PrintTable(std::FILE* out, const std::vector<std::string>& headers,
+                const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> widths;
+  for (const auto& h : headers) widths.push_back(h.size());
+  for (const auto& row : rows) {
+    for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
+      widths[c] = std::max(widths[c], std::min(row[c].size(), kWidestColumn));
+    }
+  }
+  auto print = [&](const std::vector<std::string>& cells) {
+    std::string line;
+    for (size_t c = 0; c < cells.size() && c < widths.size(); ++c) {
+      std::string cell = cells[c];
+      for (char& ch : cell) {
+        if (ch == '\t' || ch == '\r' || ch == '\n') ch = ' ';
+      }
+      if (cell.size() > widths[c]) cell = cell.substr(0, widths[c] - 1) + "~";
+      if (c + 1 < cells.size()) cell.resize(widths[c], ' ');
+      line += (c ? "  " : "") + cell;
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    std::fprintf(out, "%s\n", line.c_str());
+  };
+  print(headers);
+  std::vector<std::string> rule;
+  for (size_t w : widths) rule.push_back(std::string(w, '-'));
+  print(rule);
+  for (const auto& row : rows) print(row);
+}
+
+json CheckJson(const StoredCheck& c) {
+  return {{"step", c.step},       {"row", c.row},
+          {"kind", c.kind},       {"parameter", c.parameter},
+          {"channel", c.channel}, {"value", c.value},
+          {"units", c.units},     {"lower", c.lower},
+          {"upper", c.upper},     {"result", c.passed ? "Pass" : "Fail"},
+          {"message", c.message}};
+}
+
+json UutJson(const StoredUut& u, bool withChecks) {
+  json j = {{"key", u.key},
+            {"station", u.station},
+            {"sequence_file", u.sequenceFile},
+            {"test_definition", u.testDefinition},
+            {"test", u.testTitle},
+            {"version", u.testVersion},
+            {"serial", u.serial},
+            {"test_date", u.testDate},
+            {"operators", u.operators},
+            {"description", u.description},
+            {"started", u.startedAt},
+            {"ended", u.endedAt},
+            {"verdict", u.passed ? "PASS" : "FAIL"}};
+  if (withChecks) {
+    json checks = json::array();
+    for (const auto& c : u.checks) checks.push_back(CheckJson(c));
+    j["checks"] = checks;
+  } else {
+    j["checks"] = u.checkCount;
+    j["failed"] = u.failedCount;
+  }
+  return j;
+}
+
+void PrintJson(std::FILE* out, const json& j) {
+  std::fprintf(out, "%s\n", j.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+}
+
+std::string Csv(const std::string& text) {
+  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return quoted + "\"";
+}
+
+std::string Percent(int passed, int tested) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.1f%%", tested ? 100.0 * passed / tested : 0.0);
+  return buf;
+}
+
+}  // namespace
+
+ResultsCommands::ResultsCommands(CLI::App& app) {
+  results_ =
+      app.add_subcommand("results", "Query the results store: list, show, export, yield, import");
+  results_->require_subcommand(1);
+  auto common = [this](CLI::App* c) {
+    c->add_option("--store", options_.store,
+                  "The results store: sqlite (the file in the data root), sqlite:FILE or a "
+                  "connection string");
+    c->add_option("--instrument-settings", options_.settings,
+                  "Settings file whose results_store names the store");
+    c->add_flag("--json", options_.json, "JSON for scripts instead of a table");
+  };
+  auto filters = [this](CLI::App* c) {
+    c->add_option("--serial", options_.serial, "Only this serial number");
+    c->add_option("--station", options_.station, "Only this station");
+    c->add_option("--test", options_.test, "Only this test title");
+    c->add_option("--verdict", options_.verdict, "Only PASS or FAIL")
+        ->check(CLI::IsMember({"PASS", "FAIL"}, CLI::ignore_case));
+    c->add_option("--from", options_.from, "UUTs that ended on or after: YYYY-MM-DD[ HH:MM:SS]");
+    c->add_option("--to", options_.to, "UUTs that ended on or before: YYYY-MM-DD[ HH:MM:SS]");
+  };
+  list_ = results_->add_subcommand("list", "UUT records, newest first");
+  common(list_);
+  filters(list_);
+  list_->add_option("--limit", options_.limit, "At most this many (default 50; 0: all)")
+      ->check(CLI::NonNegativeNumber);
+  show_ = results_->add_subcommand("show", "The UUTs of a serial number with their stage checks");
+  common(show_);
+  show_->add_option("SERIAL", options_.serial, "The serial number")->required();
+  export_ = results_->add_subcommand("export", "Records with their checks, as CSV or JSON");
+  common(export_);
+  filters(export_);
+  export_->add_flag("--csv", options_.csv, "Comma-separated values, one line a check");
+  export_->add_option("--output", options_.output, "Write to FILE instead of standard output");
+  yield_ = results_->add_subcommand("yield", "Pass rate per test and station per day");
+  common(yield_);
+  filters(yield_);
+  import_ = results_->add_subcommand("import", "Load the details files of a results folder");
+  common(import_);
+  import_->add_option("FOLDER", options_.folder, "Folder of results files (.txt, .xml)")
+      ->required();
+  import_->add_option("--station", options_.station, "Station of the imported records");
+}
+
+std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
+  if (!results_->parsed()) return std::nullopt;
+  ResultsOptions& o = options_;
+  auto usage = [err](const std::string& text) {
+    std::fprintf(err, "tavrix-cli results: %s\n", text.c_str());
+    return kResultsUsage;
+  };
+  if (export_->parsed() && o.csv == o.json) return usage("export wants one of --csv and --json");
+  std::transform(o.verdict.begin(), o.verdict.end(), o.verdict.begin(), ::toupper);
+  UutFilter filter;
+  filter.serial = o.serial;
+  filter.station = import_->parsed() ? "" : o.station;
+  filter.test = o.test;
+  filter.verdict = o.verdict;
+  if (!o.from.empty() && !NormaliseDateBound(o.from, false, filter.from)) {
+    return usage("--from wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.from + "\"");
+  }
+  if (!o.to.empty() && !NormaliseDateBound(o.to, true, filter.to)) {
+    return usage("--to wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.to + "\"");
+  }
+  if (list_->parsed()) filter.limit = o.limit;
+
+  std::string error;
+  InstrumentSettings settings;
+  if (o.settings && !LoadInstrumentSettings(*o.settings, settings, error)) return usage(error);
+  StoreSpec spec;
+  if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), defaultDataRoot(), spec, &error)) {
+    return usage(error);
+  }
+  if (spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
+  std::unique_ptr<SqlResultsStore> store = OpenResultsStore(spec, &error);
+  if (!store) {
+    std::fprintf(err, "tavrix-cli results: %s\n", error.c_str());
+    return kResultsFailed;
+  }
+  auto failed = [&] {
+    std::fprintf(err, "tavrix-cli results: %s\n", error.c_str());
+    return kResultsFailed;
+  };
+
+  if (list_->parsed()) {
+    std::vector<StoredUut> uuts;
+    if (!store->list(filter, uuts, &error)) return failed();
+    if (o.json) {
+      json array = json::array();
+      for (const auto& u : uuts) array.push_back(UutJson(u, false));
+      PrintJson(out, array);
+      return kResultsDone;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& u : uuts) {
+      rows.push_back({u.endedAt, u.station, u.testTitle, u.serial, u.passed ? "PASS" : "FAIL",
+                      std::to_string(u.checkCount), std::to_string(u.failedCount)});
+    }
+    PrintTable(out, {"Ended", "Station", "Test", "Serial", "Result", "Checks", "Failed"}, rows);
+    return kResultsDone;
+  }
+
+  if (show_->parsed()) {
+    std::vector<StoredUut> uuts;
+    if (!store->fetch(filter, uuts, &error)) return failed();
+    if (uuts.empty()) {
+      std::fprintf(err, "tavrix-cli results: no UUT with serial number %s in %s\n",
+                   o.serial.c_str(), store->describe().c_str());
+      return kResultsFailed;
+    }
+    if (o.json) {
+      json array = json::array();
+      for (const auto& u : uuts) array.push_back(UutJson(u, true));
+      PrintJson(out, array);
+      return kResultsDone;
+    }
+    for (size_t i = 0; i < uuts.size(); ++i) {
+      const StoredUut& u = uuts[i];
+      if (i) std::fputs("\n", out);
+      std::fprintf(out,
+                   "Serial_Number: %s\nResult: %s\nTest: %s (version %s)\nStation: %s\n"
+                   "Sequence: %s\nDefinition: %s\nOperator(s): %s\nDescription: %s\n"
+                   "Test date: %s\nStarted: %s\nEnded: %s\n\n",
+                   u.serial.c_str(), u.passed ? "PASS" : "FAIL", u.testTitle.c_str(),
+                   u.testVersion.c_str(), u.station.c_str(), u.sequenceFile.c_str(),
+                   u.testDefinition.c_str(), u.operators.c_str(), u.description.c_str(),
+                   u.testDate.substr(0, 10).c_str(), u.startedAt.c_str(), u.endedAt.c_str());
+      std::vector<std::vector<std::string>> rows;
+      for (const auto& c : u.checks) {
+        rows.push_back({std::to_string(c.step), std::to_string(c.row), c.kind, c.parameter,
+                        c.channel, c.value, c.units, c.lower, c.upper, c.passed ? "Pass" : "Fail",
+                        c.message});
+      }
+      PrintTable(out,
+                 {"Stage", "Row", "Kind", "Parameter", "Channel", "Value", "Units", "Lower",
+                  "Upper", "Result", "Message"},
+                 rows);
+    }
+    return kResultsDone;
+  }
+
+  if (export_->parsed()) {
+    std::vector<StoredUut> uuts;
+    if (!store->fetch(filter, uuts, &error)) return failed();
+    std::FILE* target = out;
+    std::string temp;
+    if (!o.output.empty()) {
+      temp = o.output + ".part";
+      target = std::fopen(temp.c_str(), "wb");
+      if (target == nullptr) return usage("cannot write " + o.output);
+    }
+    if (o.json) {
+      json array = json::array();
+      for (const auto& u : uuts) array.push_back(UutJson(u, true));
+      PrintJson(target, array);
+    } else {
+      std::fputs(
+          "key,station,sequence_file,test_definition,test,version,serial,test_date,"
+          "operators,description,started,ended,verdict,step,row,kind,parameter,channel,"
+          "value,units,lower,upper,result,message\r\n",
+          target);
+      for (const auto& u : uuts) {
+        std::string head;
+        for (const std::string* f :
+             {&u.key, &u.station, &u.sequenceFile, &u.testDefinition, &u.testTitle, &u.testVersion,
+              &u.serial, &u.testDate, &u.operators, &u.description, &u.startedAt, &u.endedAt}) {
+          head += Csv(*f) + ",";
+        }
+        head += u.passed ? "PASS" : "FAIL";
+        if (u.checks.empty()) std::fprintf(target, "%s,,,,,,,,,,,\r\n", head.c_str());
+        for (const auto& c : u.checks) {
+          std::fprintf(target, "%s,%d,%d,%s,%s,%s,%s,%s,%s,%s,%s,%s\r\n", head.c_str(), c.step,
+                       c.row, Csv(c.kind).c_str(), Csv(c.parameter).c_str(), Csv(c.channel).c_str(),
+                       Csv(c.value).c_str(), Csv(c.units).c_str(), Csv(c.lower).c_str(),
+                       Csv(c.upper).c_str(), c.passed ? "Pass" : "Fail", Csv(c.message).c_str());
+        }
+      }
+    }
+    if (target != out) {
+      // Only a complete export takes the file's name.
+      const bool written = std::fflush(target) == 0 && !std::ferror(target);
+      std::fclose(target);
+      if (!written || std::rename(temp.c_str(), o.output.c_str()) != 0) {
+        std::remove(temp.c_str());
+        std::fprintf(err, "tavrix-cli results: cannot write %s\n", o.output.c_str());
+        return kResultsFailed;
+      }
+    }
+    return kResultsDone;
+  }
+
+  if (yield_->parsed()) {
+    std::vector<YieldRow> rows;
+    if (!store->yield(filter, rows, &error)) return failed();
+    if (o.json) {
+      json array = json::array();
+      for (const auto& r : rows) {
+        array.push_back({{"day", r.day},
+                         {"test", r.test},
+                         {"station", r.station},
+                         {"tested", r.tested},
+                         {"passed", r.passed},
+                         {"yield", r.tested ? static_cast<double>(r.passed) / r.tested : 0.0}});
+      }
+      PrintJson(out, array);
+      return kResultsDone;
+    }
+    std::vector<std::vector<std::string>> table;
+    for (const auto& r : rows) {
+      table.push_back({r.day, r.test, r.station, std::to_string(r.tested), std::to_string(r.passed),
+                       Percent(r.passed, r.tested)});
+    }
+    PrintTable(out, {"Day", "Test", "Station", "Tested", "Passed", "Yield"}, table);
+    return kResultsDone;
+  }
+
+  // import
+  const std::string station = o.station.empty() ? DefaultStationName() : o.station;
+  std::error_code ec;
+  if (!std::filesystem::is_directory(o.folder, ec)) return usage("no folder " + o.folder);
+  const ImportScan scan = ScanResultsFolder(o.folder, station);
+  for (const auto& p : scan.problems) {
+    std::fprintf(err, "tavrix-cli results: %s line %d: %s; the file is skipped\n", p.file.c_str(),
+                 p.line, p.reason.c_str());
+  }
+  if (!store->record(scan.uuts, &error)) return failed();
+  if (o.json) {
+    json problems = json::array();
+    for (const auto& p : scan.problems) {
+      problems.push_back({{"file", p.file}, {"line", p.line}, {"reason", p.reason}});
+    }
+    PrintJson(out, {{"uuts", scan.uuts.size()},
+                    {"details_files", scan.detailsFiles},
+                    {"summary_files", scan.summaryFiles},
+                    {"skipped", problems}});
+  } else {
+    std::fprintf(out,
+                 "%zu UUTs from %d details files (%d summary files passed over, %zu skipped)\n",
+                 scan.uuts.size(), scan.detailsFiles, scan.summaryFiles, scan.problems.size());
+  }
+  return scan.problems.empty() ? kResultsDone : kResultsFailed;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,59 @@
+// `tavrix-cli results`: what the results store holds, for people (tables
+// that fit a terminal) and for scripts (--json everywhere):
+//   list      UUT records, newest first, filtered by serial, station, test,
+//             verdict and date range
+//   show      one serial number's UUTs with their stage checks
+//   export    records with their checks as CSV or JSON
+//   yield     pass rate per test and station per day
+//   import    loads the details files of a results folder into the store
+#pragma once
+
+#include <cstdio>
+#include <optional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace tavrix {
+
+// Exit statuses of `tavrix-cli results`.
+constexpr int kResultsDone = 0;
+constexpr int kResultsFailed = 1;  // the store cannot be opened or read; import skipped a file;
+                                   // show found no UUT
+constexpr int kResultsUsage = 2;
+
+struct ResultsOptions {
+  std::optional<std::string> store;  // wins over the settings file
+  std::optional<std::string> settings;
+  std::string serial;
+  std::string station;
+  std::string test;
+  std::string verdict;
+  std::string from;
+  std::string to;
+  int limit = 50;
+  bool json = false;
+  bool csv = false;
+  std::string output;  // export: a file instead of standard output
+  std::string folder;  // import
+};
+
+class ResultsCommands {
+ public:
+  explicit ResultsCommands(CLI::App& app);
+  // The status of the results command parsed, or nullopt when none was.
+  std::optional<int> run(std::FILE* out, std::FILE* err);
+
+ private:
+  ResultsOptions options_;
+  CLI::App* results_;
+  CLI::App* list_;
+  CLI::App* show_;
+  CLI::App* export_;
+  CLI::App* yield_;
+  CLI::App* import_;
+};
+
+}  // namespace tavrix

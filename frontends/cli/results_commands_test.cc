@@ -1,0 +1,145 @@
+// `tavrix-cli results` over what `tavrix-cli run` of the pump example
+// leaves: the UUTs in the results files and in the store of the data root.
+#include "results_commands.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "cli_test_support.h"
+#include "resultsdb/results_queue.h"
+
+namespace tavrix {
+namespace {
+
+using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class ResultsCliTest : public CliTestBase {
+ protected:
+  ResultsCliTest() {
+    std::filesystem::copy(TAVRIX_SOURCE_DIR "/examples", Path("examples"),
+                          std::filesystem::copy_options::recursive);
+  }
+
+  // Runs the pump example from the folder, as from the top of the repository.
+  int RunExample(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args = {"run",       "--virtual-time",
+                                     "--start",   "2026-11-15 14:30:05",
+                                     "--setup",   "examples/rig.ims",
+                                     "--answers", "examples/uut_test.answers",
+                                     "--station", "rig-7"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    args.push_back("examples/uut_test.wts");
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(dir_);
+    const int status = Cli(args);
+    std::filesystem::current_path(before);
+    return status;
+  }
+
+  std::string Read(const std::string& name) const {
+    std::ifstream in(Path(name), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+};
+
+TEST_F(ResultsCliTest, TheExampleRunLeavesItsUutsInTheFilesAndTheStoreForEveryQuery) {
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  EXPECT_TRUE(std::filesystem::exists(Path("results/SN_1234_261115_144035.txt")));
+  EXPECT_TRUE(std::filesystem::exists(Path("home/results.sqlite")));
+
+  ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
+  const json listed = json::parse(out_);
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0]["serial"], "1235");  // newest first
+  EXPECT_EQ(listed[0]["verdict"], "FAIL");
+  EXPECT_EQ(listed[0]["station"], "rig-7");
+  EXPECT_EQ(listed[1]["serial"], "1234");
+  EXPECT_EQ(listed[1]["operators"], "Ann Lee");
+  EXPECT_EQ(listed[1]["ended"], "2026-11-15 14:40:35");
+
+  ASSERT_EQ(Cli({"results", "show", "1235"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("Serial_Number: 1235\nResult: FAIL\nTest: Pump test"));
+  EXPECT_THAT(out_, HasSubstr("DIFFERENCE"));
+  EXPECT_THAT(out_, HasSubstr("OVEN-AMBIENT"));
+  EXPECT_THAT(out_, HasSubstr("Fail    Value: "));
+  EXPECT_EQ(Cli({"results", "show", "9999"}), kResultsFailed);
+  EXPECT_THAT(err_, HasSubstr("no UUT with serial number 9999"));
+
+  ASSERT_EQ(Cli({"results", "list", "--verdict", "pass"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("rig-7"));
+  EXPECT_THAT(out_, HasSubstr("1234"));
+  EXPECT_THAT(out_, Not(HasSubstr("1235")));
+  ASSERT_EQ(Cli({"results", "list", "--from", "2026-11-16"}), kResultsDone);
+  EXPECT_THAT(out_, Not(HasSubstr("1234")));
+  EXPECT_EQ(Cli({"results", "list", "--from", "yesterday"}), kResultsUsage);
+
+  ASSERT_EQ(Cli({"results", "export", "--csv", "--output", Path("all.csv")}), kResultsDone) << err_;
+  const std::string csv = Read("all.csv");
+  const int checks = listed[0]["checks"].get<int>() + listed[1]["checks"].get<int>();
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + checks);  // header, one line a check
+  EXPECT_THAT(csv, HasSubstr(",1234,2026-11-15 00:00:00,Ann Lee,Pump A,"));
+  EXPECT_FALSE(std::filesystem::exists(Path("all.csv.part")));
+  EXPECT_EQ(Cli({"results", "export"}), kResultsUsage);
+
+  ASSERT_EQ(Cli({"results", "export", "--json", "--serial", "1234"}), kResultsDone);
+  const json exported = json::parse(out_);
+  ASSERT_EQ(exported.size(), 1u);
+  EXPECT_EQ(exported[0]["checks"].size(), listed[1]["checks"].get<size_t>());
+  EXPECT_EQ(exported[0]["checks"][0]["kind"], "MANUAL");
+
+  ASSERT_EQ(Cli({"results", "yield", "--json"}), kResultsDone);
+  const json yield = json::parse(out_);
+  ASSERT_EQ(yield.size(), 1u);
+  EXPECT_EQ(yield[0]["day"], "2026-11-15");
+  EXPECT_EQ(yield[0]["tested"], 2);
+  EXPECT_EQ(yield[0]["passed"], 1);
+}
+
+TEST_F(ResultsCliTest, ImportTakesAFolderOnceAndSkipsABadFileWhole) {
+  ASSERT_EQ(RunExample({"--results-store", "off"}), kExitUutFailed) << err_;
+  EXPECT_FALSE(std::filesystem::exists(Path("home/results.sqlite")));
+  File("results/SN_77_261115_100000.txt",
+       "Test_Details Date=15-11-2026\r\nTest\r\nTitle: Pump test\r\nVersion 2\r\n");
+  const std::vector<std::string> import = {"results",   "import",  Path("results"),
+                                           "--station", "old-rig", "--json"};
+  EXPECT_EQ(Cli(import), kResultsFailed);
+  EXPECT_THAT(err_, HasSubstr("SN_77_261115_100000.txt line 4: \"Version: \" expected; the file "
+                              "is skipped"));
+  const json report = json::parse(out_);
+  EXPECT_EQ(report["uuts"], 2);
+  EXPECT_EQ(report["summary_files"], 1);
+  // Imported again, nothing is doubled.
+  EXPECT_EQ(Cli(import), kResultsFailed);
+  ASSERT_EQ(Cli({"results", "list", "--station", "old-rig", "--json"}), kResultsDone);
+  EXPECT_EQ(json::parse(out_).size(), 2u);
+}
+
+TEST_F(ResultsCliTest, AServerThatCannotBeReachedNeitherEndsTheRunNorLosesItsRecords) {
+  const std::string secret = "Hunter2Secret";
+  const std::string unreachable =
+      "postgresql://plant:" + secret + "@/results?host=" + Path("no-server") + "&connect_timeout=1";
+  ASSERT_EQ(RunExample({"--results-store", unreachable, "--trace", Path("trace.jsonl")}),
+            kExitUutFailed)
+      << err_;
+  EXPECT_THAT(err_, HasSubstr("2 UUT records wait in"));
+  EXPECT_THAT(err_, HasSubstr("user=plant"));
+  EXPECT_THAT(err_, Not(HasSubstr(secret)));
+  const std::string trace = Read("trace.jsonl");
+  EXPECT_THAT(trace, HasSubstr("\"ev\":\"results_store\""));
+  EXPECT_THAT(trace, Not(HasSubstr(secret)));
+  ResultsQueue queue(Path("home/results-queue.journal"));
+  ASSERT_TRUE(queue.open(nullptr));
+  EXPECT_EQ(queue.size(), 2u);
+
+  // The next run, with a store it can reach, sends them first.
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
+  EXPECT_EQ(json::parse(out_).size(), 4u);
+}
+
+}  // namespace
+}  // namespace tavrix

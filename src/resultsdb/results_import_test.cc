@@ -1,0 +1,119 @@
+#include "resultsdb/results_import.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "resultsdb/store_test_support.h"
+
+namespace tavrix {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// A details file as the station writes it, for two UUTs tested in the same
+// second (the second appended without the date line).
+const char kTextDetails[] =
+    "Test_Details Date=15-11-2026\r\n"
+    "Test\r\nTitle: Pump test\r\nVersion: 2\r\nResults file: c:\\r\\SN_77_261115_143005.txt\r\n"
+    "UUT\r\nSerial_Number: 77\r\nDescription: Pump B\r\nOperator(s): Ann Lee\r\nResult: FAIL\r\n"
+    "Test_Data\r\nStage\tParameter\tChannel\tValue\tUnits\tLower\tUpper\tResult\r\n"
+    "1\tSeal\t\tOp Pass\t\t\t\tPass\r\n"
+    "2\tPressure\tPRESS\t3.00\tbar\t1\t2\tFail\tValue: 3.00  Min: 1  Max: 2\r\n"
+    "Test\r\nTitle: Pump test\r\nVersion: 2\r\nResults file: c:\\r\\SN_77_261115_143005.txt\r\n"
+    "UUT\r\nSerial_Number: 77\r\nDescription: \r\nOperator(s): \r\nResult: PASS\r\n"
+    "Test_Data\r\nStage\tParameter\tChannel\tValue\tUnits\tLower\tUpper\tResult\r\n";
+
+const char kXmlDetails[] =
+    "<Test_Details Date='15-11-2026'>\r\n<Test>\r\n<Title>Valve 'V' test</Title>\r\n"
+    "<Version>1</Version>\r\n<UUT>\r\n<Serial_Number>88</Serial_Number>\r\n"
+    "<Description>d</Description>\r\n<Result>PASS</Result>\r\n<Test_Data>\r\n"
+    "<Check Name='Flow' Value='1.50' Result='Pass'/>\r\n"
+    "<Check Name='It's' Value='x' Result='Fail'/>\r\n"
+    "</Test_Data>\r\n</UUT>\r\n</Test>\r\n</Test_Details>\r\n";
+
+TEST(ResultsImport, TextAndXmlDetailsFilesBecomeWholeRecords) {
+  std::vector<StoredUut> uuts;
+  ImportProblem problem;
+  ASSERT_TRUE(ParseDetailsFile("SN_77_261115_143005.txt", kTextDetails, "rig-9", uuts, problem))
+      << problem.line << ": " << problem.reason;
+  ASSERT_TRUE(ParseDetailsFile("SN_88_261115_090000.xml", kXmlDetails, "rig-9", uuts, problem))
+      << problem.line << ": " << problem.reason;
+  ASSERT_EQ(uuts.size(), 3u);
+
+  const StoredUut& first = uuts[0];
+  EXPECT_EQ(first.serial, "77");
+  EXPECT_EQ(first.testTitle, "Pump test");
+  EXPECT_EQ(first.operators, "Ann Lee");
+  EXPECT_FALSE(first.passed);
+  EXPECT_EQ(first.endedAt, "2026-11-15 14:30:05");  // the day inside, the time from the name
+  EXPECT_EQ(first.station, "rig-9");
+  ASSERT_EQ(first.checks.size(), 2u);
+  EXPECT_EQ(first.checks[1].step, 2);
+  EXPECT_EQ(first.checks[1].channel, "PRESS");
+  EXPECT_EQ(first.checks[1].upper, "2");
+  EXPECT_FALSE(first.checks[1].passed);
+  EXPECT_EQ(first.checks[1].message, "Value: 3.00  Min: 1  Max: 2");
+  EXPECT_TRUE(uuts[1].passed);
+  EXPECT_TRUE(uuts[1].checks.empty());
+  EXPECT_NE(uuts[0].key, uuts[1].key);
+
+  const StoredUut& xml = uuts[2];
+  EXPECT_EQ(xml.testTitle, "Valve 'V' test");
+  EXPECT_EQ(xml.endedAt, "2026-11-15 09:00:00");
+  ASSERT_EQ(xml.checks.size(), 2u);
+  EXPECT_EQ(xml.checks[1].parameter, "It's");  // quotes are not escaped in the file
+  EXPECT_FALSE(xml.checks[1].passed);
+}
+
+TEST(ResultsImport, AFileThatCannotBeReadIsNamedWithItsLineAndSkippedWhole) {
+  struct Bad {
+    const char* name;
+    std::string text;
+    int line;
+    const char* reason;
+  };
+  std::string badResult = kTextDetails;
+  badResult.replace(badResult.find("Result: PASS"), 12, "Result: MAYBE");
+  std::string badCheck = kTextDetails;
+  badCheck.replace(badCheck.find("\tPass\r\n"), 7, "\tOK\r\n");
+  std::string cutXml = kXmlDetails;
+  cutXml.resize(cutXml.find("</Test_Data>"));
+  for (const Bad& bad : std::vector<Bad>{
+           {"SN_1_261115_000000.txt", badResult, 23, "neither PASS nor FAIL"},
+           {"SN_2_261115_000000.txt", badCheck, 13, "\"Pass\", or \"Fail\" TAB"},
+           {"SN_3_261115_000000.xml", cutXml, 12, "\"</Test_Data>\""},
+           {"SN_4_261115_000000.txt", "Test_Details Date=31-02-2026\r\n", 1, "not dd-mm-yyyy"}}) {
+    std::vector<StoredUut> uuts;
+    ImportProblem problem;
+    EXPECT_FALSE(ParseDetailsFile(bad.name, bad.text, "s", uuts, problem)) << bad.name;
+    EXPECT_TRUE(uuts.empty()) << bad.name;
+    EXPECT_EQ(problem.file, bad.name);
+    EXPECT_EQ(problem.line, bad.line) << bad.name;
+    EXPECT_THAT(problem.reason, HasSubstr(bad.reason)) << bad.name;
+  }
+
+  // In a folder: summary files are passed over, good files taken, bad ones
+  // reported and left out.
+  testing::TempFolder folder;
+  std::filesystem::create_directories(folder.file("2026/11"));
+  std::ofstream(folder.file("2026/11/SN_77_261115_143005.txt"), std::ios::binary) << kTextDetails;
+  std::ofstream(folder.file("SN_88_261115_090000.xml"), std::ios::binary) << kXmlDetails;
+  std::ofstream(folder.file("SN_2_261115_000000.txt"), std::ios::binary) << badCheck;
+  std::ofstream(folder.file("Pump test_261115.txt"), std::ios::binary) << "Test_Results\r\n";
+  std::ofstream(folder.file("notes.txt"), std::ios::binary) << "shift notes\r\n";
+  std::ofstream(folder.file("rig.ims"), std::ios::binary) << "not looked at";
+  const ImportScan scan = ScanResultsFolder(folder.path(), "s");
+  EXPECT_EQ(scan.uuts.size(), 3u);
+  EXPECT_EQ(scan.detailsFiles, 2);
+  EXPECT_EQ(scan.summaryFiles, 1);
+  ASSERT_EQ(scan.problems.size(), 2u);
+  EXPECT_EQ(scan.problems[0].file, "SN_2_261115_000000.txt");
+  EXPECT_EQ(scan.problems[0].line, 13);
+  EXPECT_EQ(scan.problems[1].file, "notes.txt");
+}
+
+}  // namespace
+}  // namespace tavrix

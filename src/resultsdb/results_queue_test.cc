@@ -1,0 +1,87 @@
+#include "resultsdb/results_queue.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "resultsdb/store_test_support.h"
+
+namespace tavrix {
+namespace {
+
+using testing::SampleUut;
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::string> Keys(const std::vector<StoredUut>& uuts) {
+  std::vector<std::string> keys;
+  for (const auto& u : uuts) keys.push_back(u.key);
+  return keys;
+}
+
+TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
+  testing::TempFolder folder;
+  const std::string path = folder.file("data root/results-queue.journal");
+  {
+    ResultsQueue queue(path);
+    std::string error;
+    ASSERT_TRUE(queue.open(&error)) << error;
+    for (const char* key : {"a", "b", "c"}) {
+      StoredUut u = SampleUut(key, key, "2026-11-15 10:00:00", 2);
+      u.description = "line one\r\nline two\ttab, \xE9t\xE9";  // not UTF-8
+      ASSERT_TRUE(queue.append(u, &error)) << error;
+    }
+    ASSERT_TRUE(queue.acknowledge(1, &error)) << error;
+  }
+  ResultsQueue reopened(path);
+  std::string error;
+  ASSERT_TRUE(reopened.open(&error)) << error;
+  const auto waiting = reopened.front(10);
+  EXPECT_THAT(Keys(waiting), ::testing::ElementsAre("b", "c"));
+  EXPECT_EQ(waiting[0].checks.size(), 2u);
+  EXPECT_EQ(waiting[0].description.substr(0, 19), "line one\r\nline two\t");
+
+  // Drained, the journal is replaced by an empty one, with no temporary
+  // file left beside it.
+  ASSERT_TRUE(reopened.acknowledge(2, &error));
+  EXPECT_EQ(Slurp(path), "");
+  EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
+  testing::TempFolder folder;
+  const std::string path = folder.file("results-queue.journal");
+  {
+    ResultsQueue queue(path);
+    std::string error;
+    ASSERT_TRUE(queue.open(&error));
+    for (const char* key : {"a", "b", "c"}) {
+      ASSERT_TRUE(queue.append(SampleUut(key, key, "2026-11-15 10:00:00"), &error));
+    }
+  }
+  std::string text = Slurp(path);
+  // Damage b's entry in the middle, and cut c's entry off as a crash would.
+  const size_t second = text.find('\n') + 1;
+  text[second + 40] ^= 0x20;
+  text.resize(text.size() - 30);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+
+  ResultsQueue reopened(path);
+  std::string error;
+  ASSERT_TRUE(reopened.open(&error)) << error;
+  EXPECT_THAT(Keys(reopened.front(10)), ::testing::ElementsAre("a"));
+  // The rewritten journal holds only whole entries.
+  ResultsQueue again(path);
+  ASSERT_TRUE(again.open(&error));
+  EXPECT_EQ(again.size(), 1u);
+  std::string json;
+  EXPECT_TRUE(ResultsQueue::ParseEntryLine(Slurp(path).substr(0, Slurp(path).size() - 1), json));
+}
+
+}  // namespace
+}  // namespace tavrix

@@ -1,0 +1,330 @@
+#include "resultsdb/results_store.h"
+
+#include <cstdlib>
+#include <map>
+
+#include "common/civil_time.h"
+#include "common/clock.h"
+#include "common/paths.h"
+#include "resultsdb/postgres_connection.h"
+#include "resultsdb/sqlite_connection.h"
+
+namespace tavrix {
+
+namespace {
+
+const std::vector<Migration> kMigrations = {
+#include "resultsdb/migrations.inc"
+};
+
+constexpr const char* kUutColumns =
+    "uut_key, station, sequence_file, test_definition, test_title, test_version, serial, "
+    "test_date, operators, description, started_at, ended_at, verdict, check_count, failed_count";
+constexpr int kUutColumnCount = 15;
+constexpr int kCheckColumnCount = 14;
+// Rows of checks sent in one statement: few round trips to a server, and far
+// below any limit on the number of parameters.
+constexpr size_t kChecksPerStatement = 50;
+
+SqlValue Reading(const std::string& value) {
+  if (value.empty()) return std::nullopt;
+  char* end = nullptr;
+  const double number = std::strtod(value.c_str(), &end);
+  if (end == value.c_str() || *end != '\0' || number != number) return std::nullopt;
+  return value;
+}
+
+int Number(const std::string& text) { return std::atoi(text.c_str()); }
+
+StoredUut UutFromRow(const std::vector<std::string>& row) {
+  StoredUut uut;
+  uut.key = row[0];
+  uut.station = row[1];
+  uut.sequenceFile = row[2];
+  uut.testDefinition = row[3];
+  uut.testTitle = row[4];
+  uut.testVersion = row[5];
+  uut.serial = row[6];
+  uut.testDate = row[7];
+  uut.operators = row[8];
+  uut.description = row[9];
+  uut.startedAt = row[10];
+  uut.endedAt = row[11];
+  uut.passed = row[12] == kVerdictPassText;
+  uut.checkCount = Number(row[13]);
+  uut.failedCount = Number(row[14]);
+  return uut;
+}
+
+// The WHERE clause of a filter, its parameters numbered from 1.
+std::string Where(const UutFilter& filter, SqlParams& params) {
+  std::string where;
+  auto add = [&](const std::string& value, const char* condition) {
+    if (value.empty()) return;
+    params.push_back(value);
+    where += where.empty() ? " WHERE " : " AND ";
+    where += std::string(condition) + " $" + std::to_string(params.size());
+  };
+  add(filter.serial, "serial =");
+  add(filter.station, "station =");
+  add(filter.test, "test_title =");
+  add(filter.verdict, "verdict =");
+  add(filter.from, "ended_at >=");
+  add(filter.to, "ended_at <=");
+  return where;
+}
+
+std::string Limit(const UutFilter& filter) {
+  return filter.limit > 0 ? " LIMIT " + std::to_string(filter.limit) : "";
+}
+
+}  // namespace
+
+const std::vector<Migration>& SchemaMigrations() { return kMigrations; }
+
+SqlResultsStore::SqlResultsStore(std::unique_ptr<SqlConnection> connection)
+    : connection_(std::move(connection)) {}
+
+int SqlResultsStore::schemaVersion(std::string* error) {
+  SqlRows rows;
+  if (!connection_->exec("SELECT MAX(version) FROM schema_migrations", {}, &rows, nullptr, error)) {
+    return -1;
+  }
+  return rows.empty() ? 0 : Number(rows[0][0]);
+}
+
+bool SqlResultsStore::migrate(std::string* error) {
+  if (!connection_->beginExclusive(error)) return false;
+  auto fail = [&] {
+    connection_->script("ROLLBACK", nullptr);
+    return false;
+  };
+  if (!connection_->script("CREATE TABLE IF NOT EXISTS schema_migrations (version INTEGER "
+                           "PRIMARY KEY, name TEXT NOT NULL, applied_at TEXT NOT NULL)",
+                           error)) {
+    return fail();
+  }
+  const int current = schemaVersion(error);
+  if (current < 0) return fail();
+  const int known = kMigrations.empty() ? 0 : kMigrations.back().number;
+  if (current > known) {
+    if (error) {
+      *error = describe() + " has schema version " + std::to_string(current) +
+               "; this program knows versions up to " + std::to_string(known);
+    }
+    return fail();
+  }
+  const std::string now = isoDateTime(SystemClock().now());
+  for (const Migration& m : kMigrations) {
+    if (m.number <= current) continue;
+    if (!connection_->script(m.sql, error) ||
+        !connection_->exec("INSERT INTO schema_migrations (version, name, applied_at) VALUES ($1, "
+                           "$2, $3)",
+                           {std::to_string(m.number), std::string(m.name), now}, nullptr, nullptr,
+                           error)) {
+      if (error) *error = "schema migration " + std::string(m.name) + ": " + *error;
+      return fail();
+    }
+  }
+  if (!connection_->script("COMMIT", error)) return fail();
+  return true;
+}
+
+bool SqlResultsStore::recordOne(const StoredUut& uut, std::string* error) {
+  int failed = 0;
+  for (const auto& c : uut.checks) failed += c.passed ? 0 : 1;
+  static const std::string insertUut = [] {
+    std::string sql = std::string("INSERT INTO uut (") + kUutColumns + ") VALUES (";
+    for (int i = 1; i <= kUutColumnCount; ++i) sql += (i > 1 ? ", $" : "$") + std::to_string(i);
+    return sql + ") ON CONFLICT (uut_key) DO NOTHING";
+  }();
+  long changed = 0;
+  if (!connection_->exec(
+          insertUut,
+          {uut.key, uut.station, uut.sequenceFile, uut.testDefinition, uut.testTitle,
+           uut.testVersion, uut.serial, uut.testDate, uut.operators, uut.description, uut.startedAt,
+           uut.endedAt, std::string(uut.passed ? kVerdictPassText : kVerdictFailText),
+           std::to_string(uut.checks.size()), std::to_string(failed)},
+          nullptr, &changed, error)) {
+    return false;
+  }
+  if (changed == 0) return true;  // written before: its checks are there too
+  for (size_t first = 0; first < uut.checks.size(); first += kChecksPerStatement) {
+    const size_t count = std::min(kChecksPerStatement, uut.checks.size() - first);
+    std::string& sql = insertChecks_[count];
+    if (sql.empty()) {
+      sql =
+          "INSERT INTO stage_check (uut_key, position, step, row_number, kind, parameter, channel, "
+          "value, reading, units, lower_limit, upper_limit, result, message) VALUES ";
+      for (size_t r = 0; r < count; ++r) {
+        sql += r ? ", (" : "(";
+        for (int c = 1; c <= kCheckColumnCount; ++c) {
+          sql += (c > 1 ? ", $" : "$") + std::to_string(r * kCheckColumnCount + c);
+        }
+        sql += ")";
+      }
+    }
+    SqlParams params;
+    params.reserve(count * kCheckColumnCount);
+    for (size_t i = first; i < first + count; ++i) {
+      const StoredCheck& c = uut.checks[i];
+      params.insert(params.end(),
+                    {uut.key, std::to_string(i + 1), std::to_string(c.step), std::to_string(c.row),
+                     c.kind, c.parameter, c.channel, c.value, Reading(c.value), c.units, c.lower,
+                     c.upper, std::string(c.passed ? "Pass" : "Fail"), c.message});
+    }
+    if (!connection_->exec(sql, params, nullptr, nullptr, error)) return false;
+  }
+  return true;
+}
+
+bool SqlResultsStore::record(const std::vector<StoredUut>& batch, std::string* error) {
+  if (batch.empty()) return true;
+  if (!connection_->script("BEGIN", error)) return false;
+  for (size_t i = 0; i < batch.size(); ++i) {
+    if (!recordOne(batch[i], error)) {
+      connection_->script("ROLLBACK", nullptr);
+      return false;
+    }
+    if (afterRecordSent) afterRecordSent(i);
+  }
+  if (!connection_->script("COMMIT", error)) {
+    connection_->script("ROLLBACK", nullptr);
+    return false;
+  }
+  return true;
+}
+
+bool SqlResultsStore::list(const UutFilter& filter, std::vector<StoredUut>& out,
+                           std::string* error) {
+  SqlParams params;
+  const std::string sql = std::string("SELECT ") + kUutColumns + " FROM uut" +
+                          Where(filter, params) + " ORDER BY ended_at DESC, uut_key DESC" +
+                          Limit(filter);
+  SqlRows rows;
+  if (!connection_->exec(sql, params, &rows, nullptr, error)) return false;
+  out.clear();
+  out.reserve(rows.size());
+  for (const auto& row : rows) out.push_back(UutFromRow(row));
+  return true;
+}
+
+bool SqlResultsStore::fetch(const UutFilter& filter, std::vector<StoredUut>& out,
+                            std::string* error) {
+  if (!list(filter, out, error)) return false;
+  if (out.empty()) return true;
+  // One query for every check of the listed records, in their order.
+  SqlParams params;
+  const std::string where = Where(filter, params);
+  std::string sql =
+      "SELECT c.uut_key, c.step, c.row_number, c.kind, c.parameter, c.channel, c.value, c.units, "
+      "c.lower_limit, c.upper_limit, c.result, c.message FROM stage_check c JOIN (SELECT uut_key, "
+      "ended_at FROM uut" +
+      where + " ORDER BY ended_at DESC, uut_key DESC" + Limit(filter) +
+      ") u ON u.uut_key = c.uut_key ORDER BY u.ended_at DESC, c.uut_key DESC, c.position";
+  SqlRows rows;
+  if (!connection_->exec(sql, params, &rows, nullptr, error)) return false;
+  std::map<std::string, StoredUut*> byKey;
+  for (auto& uut : out) byKey[uut.key] = &uut;
+  for (const auto& row : rows) {
+    auto it = byKey.find(row[0]);
+    if (it == byKey.end()) continue;
+    StoredCheck c;
+    c.step = Number(row[1]);
+    c.row = Number(row[2]);
+    c.kind = row[3];
+    c.parameter = row[4];
+    c.channel = row[5];
+    c.value = row[6];
+    c.units = row[7];
+    c.lower = row[8];
+    c.upper = row[9];
+    c.passed = row[10] == "Pass";
+    c.message = row[11];
+    it->second->checks.push_back(std::move(c));
+  }
+  return true;
+}
+
+bool SqlResultsStore::yield(const UutFilter& filter, std::vector<YieldRow>& out,
+                            std::string* error) {
+  SqlParams params;
+  const std::string sql =
+      "SELECT substr(ended_at, 1, 10) AS day, test_title, station, COUNT(*), SUM(CASE WHEN "
+      "verdict = 'PASS' THEN 1 ELSE 0 END) FROM uut" +
+      Where(filter, params) +
+      " GROUP BY substr(ended_at, 1, 10), test_title, station ORDER BY day DESC, test_title, "
+      "station" +
+      Limit(filter);
+  SqlRows rows;
+  if (!connection_->exec(sql, params, &rows, nullptr, error)) return false;
+  out.clear();
+  for (const auto& row : rows)
+    out.push_back({row[0], row[1], row[2], Number(row[3]), Number(row[4])});
+  return true;
+}
+
+bool ParseStoreSpec(const std::string& spec, const std::string& dataRoot, StoreSpec& out,
+                    std::string* error) {
+  out = StoreSpec{};
+  if (spec.empty() || spec == "sqlite") {
+    out.target = join(dataRoot, kStoreFileName);
+  } else if (spec == "off") {
+    out.kind = StoreSpec::Kind::kOff;
+  } else if (spec.rfind("sqlite:", 0) == 0 && spec.size() > 7) {
+    out.target = spec.substr(7);
+  } else if (IsPostgresConninfo(spec)) {
+    out.kind = StoreSpec::Kind::kPostgres;
+    out.target = spec;
+  } else {
+    if (error) {
+      *error =
+          "the results store is \"sqlite\", \"sqlite:FILE\", \"off\" or a connection string "
+          "(postgresql://... or host=... dbname=...)";
+    }
+    return false;
+  }
+  return true;
+}
+
+std::string DescribeStoreSpec(const StoreSpec& spec) {
+  switch (spec.kind) {
+    case StoreSpec::Kind::kOff:
+      return "off";
+    case StoreSpec::Kind::kSqlite:
+      return spec.target;
+    case StoreSpec::Kind::kPostgres:
+      return RedactConninfo(spec.target);
+  }
+  return {};
+}
+
+std::unique_ptr<SqlResultsStore> OpenResultsStore(const StoreSpec& spec, std::string* error,
+                                                  int sqliteBusyTimeoutMs) {
+  std::unique_ptr<SqlConnection> connection;
+  if (spec.kind == StoreSpec::Kind::kSqlite) {
+    SqliteOptions options;
+    options.busyTimeoutMs = sqliteBusyTimeoutMs;
+    connection = OpenSqlite(spec.target, options, error);
+  } else if (spec.kind == StoreSpec::Kind::kPostgres) {
+    connection = OpenPostgres(spec.target, error);
+  } else {
+    if (error) *error = "the results store is off";
+    return nullptr;
+  }
+  if (!connection) return nullptr;
+  auto store = std::make_unique<SqlResultsStore>(std::move(connection));
+  if (!store->migrate(error)) return nullptr;
+  return store;
+}
+
+bool NormaliseDateBound(const std::string& text, bool upper, std::string& out) {
+  std::string full = text;
+  if (text.size() == 10) full += upper ? " 23:59:59" : " 00:00:00";
+  const auto parsed = parseDateTime(full);
+  if (!parsed) return false;
+  out = isoDateTime(*parsed);
+  return true;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,113 @@
+// The results store: every UUT record and its stage checks, kept beside the
+// results files in a SQL database that a plant can query. The results files
+// stay the record of truth; the store is written after them, from a queue
+// (results_queue.h) by a thread of its own (results_recorder.h).
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "resultsdb/sql_connection.h"
+#include "resultsdb/stored_uut.h"
+
+namespace tavrix {
+
+// Which records a query takes; empty items do not filter.
+struct UutFilter {
+  std::string serial;
+  std::string station;
+  std::string test;     // the test title
+  std::string verdict;  // "PASS" or "FAIL"
+  std::string from;     // "YYYY-MM-DD[ HH:MM:SS]", by the time the UUT ended
+  std::string to;       // inclusive; a day alone means to its end
+  int limit = 0;        // 0: all
+};
+
+// Pass rate of one test on one station on one day.
+struct YieldRow {
+  std::string day;  // "YYYY-MM-DD"
+  std::string test;
+  std::string station;
+  int tested = 0;
+  int passed = 0;
+};
+
+// Interface to the store. Abstract so the recorder can be tested against a
+// store that fails on demand; the real one is SqlResultsStore.
+class ResultsStore {
+ public:
+  virtual ~ResultsStore() = default;
+  // Writes `batch` in one transaction: every record with all its checks, or
+  // nothing. A record whose key is stored already is passed over.
+  virtual bool record(const std::vector<StoredUut>& batch, std::string* error) = 0;
+  // Records without their checks (counts filled), newest first.
+  virtual bool list(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) = 0;
+  // Records with their checks, newest first.
+  virtual bool fetch(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) = 0;
+  virtual bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) = 0;
+  // Where the store is, fit to show.
+  virtual std::string describe() const = 0;
+};
+
+// One schema migration: applied in order of number, each once.
+struct Migration {
+  int number;
+  const char* name;
+  const char* sql;
+};
+const std::vector<Migration>& SchemaMigrations();
+
+class SqlResultsStore : public ResultsStore {
+ public:
+  explicit SqlResultsStore(std::unique_ptr<SqlConnection> connection);
+
+  // Brings the schema up to date; false when it cannot, or when the
+  // database was made by a newer program.
+  bool migrate(std::string* error);
+  int schemaVersion(std::string* error);
+
+  bool record(const std::vector<StoredUut>& batch, std::string* error) override;
+  bool list(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
+  bool fetch(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
+  bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) override;
+  std::string describe() const override { return connection_->describe(); }
+
+  SqlConnection& connection() { return *connection_; }
+  // Called after each record of a batch is sent and before the commit; the
+  // fault tests take the server away here.
+  std::function<void(size_t index)> afterRecordSent;
+
+ private:
+  bool recordOne(const StoredUut& uut, std::string* error);
+
+  std::unique_ptr<SqlConnection> connection_;
+  std::map<size_t, std::string> insertChecks_;  // by number of rows
+};
+
+// Where the store is. An empty spec or "sqlite" is the database file
+// results.sqlite in the data root; "sqlite:PATH" another file; "off" none;
+// a connection string a server.
+struct StoreSpec {
+  enum class Kind { kOff, kSqlite, kPostgres } kind = Kind::kSqlite;
+  std::string target;  // the file, or the connection string
+};
+bool ParseStoreSpec(const std::string& spec, const std::string& dataRoot, StoreSpec& out,
+                    std::string* error);
+// The spec fit to show: a connection string without its password.
+std::string DescribeStoreSpec(const StoreSpec& spec);
+
+inline constexpr std::string_view kStoreFileName = "results.sqlite";
+
+// Opens and migrates the store; nullptr with a message.
+std::unique_ptr<SqlResultsStore> OpenResultsStore(const StoreSpec& spec, std::string* error,
+                                                  int sqliteBusyTimeoutMs = 5000);
+
+// "YYYY-MM-DD" or "YYYY-MM-DD HH:MM:SS" as the bound of a date range (a day
+// alone starts at 00:00:00, or ends at 23:59:59 for the upper bound); false
+// when the text is not a date.
+bool NormaliseDateBound(const std::string& text, bool upper, std::string& out);
+
+}  // namespace tavrix

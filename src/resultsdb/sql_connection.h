@@ -1,0 +1,41 @@
+// A connection to a SQL database, as the results store needs it: statements
+// with numbered parameters ($1, $2, ...), text results, and transactions.
+// Abstract so that one store serves the embedded file database and a plant's
+// server with the same statements; the two implementations are in
+// sqlite_connection.h and postgres_connection.h.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavrix {
+
+// A parameter: text, or SQL NULL.
+using SqlValue = std::optional<std::string>;
+using SqlParams = std::vector<SqlValue>;
+// Result rows; NULL reads as the empty text.
+using SqlRows = std::vector<std::vector<std::string>>;
+
+class SqlConnection {
+ public:
+  virtual ~SqlConnection() = default;
+
+  // Runs one statement. `rows` (may be null) receives its result rows and
+  // `changed` (may be null) the number of rows it inserted, updated or
+  // deleted. False with a message on error.
+  virtual bool exec(std::string_view sql, const SqlParams& params, SqlRows* rows, long* changed,
+                    std::string* error) = 0;
+  // Runs statements without parameters, separated by ";".
+  virtual bool script(std::string_view sql, std::string* error) = 0;
+  // Begins a transaction that no other connection's migration can run
+  // beside: the first of many stations to start migrates, the others wait
+  // and then find the schema current.
+  virtual bool beginExclusive(std::string* error) = 0;
+  // Where the connection goes, fit to show: never a password.
+  virtual std::string describe() const = 0;
+};
+
+}  // namespace tavrix

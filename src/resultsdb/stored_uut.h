@@ -1,0 +1,53 @@
+// What the results store keeps of one unit under test: the record the
+// station wrote as the UUT ended, and one row per recorded stage check.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tavrix {
+
+inline constexpr std::string_view kVerdictPassText = "PASS";
+inline constexpr std::string_view kVerdictFailText = "FAIL";
+
+struct StoredCheck {
+  int step = 0;
+  int row = 0;       // the stage-check row in the test definition, from 1; 0 unknown
+  std::string kind;  // MANUAL, RECORD, MEASURE, DIFFERENCE; empty when unknown
+  std::string parameter;
+  std::string channel;
+  std::string value;  // as recorded ("#0.00", or "Op Pass")
+  std::string units;
+  std::string lower;
+  std::string upper;
+  bool passed = true;
+  std::string message;  // the failure text of a failed check
+
+  bool operator==(const StoredCheck&) const = default;
+};
+
+struct StoredUut {
+  // Chosen once, when the UUT ends: writing the record again under the same
+  // key changes nothing.
+  std::string key;
+  std::string station;
+  std::string sequenceFile;
+  std::string testDefinition;  // the details file
+  std::string testTitle;
+  std::string testVersion;
+  std::string serial;
+  std::string testDate;  // "YYYY-MM-DD HH:MM:SS", as the operator entered it
+  std::string operators;
+  std::string description;
+  std::string startedAt;  // "YYYY-MM-DD HH:MM:SS"
+  std::string endedAt;
+  bool passed = true;
+  std::vector<StoredCheck> checks;
+  // Filled by the store when it lists records without their checks.
+  int checkCount = 0;
+  int failedCount = 0;
+
+  bool operator==(const StoredUut&) const = default;
+};
+
+}  // namespace tavrix

@@ -1,0 +1,85 @@
+#include "resultsdb/uut_capture.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <random>
+
+#include "sequencer/sequencer.h"
+
+namespace tavrix {
+
+StoredUut MakeStoredUut(const TestDefinition& definition, const std::string& detailsPath,
+                        const UutRecord& uut, Micros ended, const std::string& station,
+                        const std::string& sequenceFile) {
+  StoredUut s;
+  s.station = station;
+  s.sequenceFile = sequenceFile;
+  s.testDefinition = detailsPath;
+  s.testTitle = definition.details.title;
+  s.testVersion = definition.details.versionText;
+  s.serial = uut.serialNumber;
+  s.testDate = isoDateTime(uut.testDate);
+  s.operators = uut.operators;
+  s.description = uut.description;
+  s.startedAt = isoDateTime(uut.started);
+  s.endedAt = isoDateTime(ended);
+  s.passed = uut.passed;
+  for (size_t i = 0; i < uut.checks.size(); ++i) {
+    const CheckEntry& c = uut.checks[i];
+    StoredCheck check;
+    check.step = c.stage;
+    if (i < uut.checkOrigins.size()) {
+      check.row = static_cast<int>(uut.checkOrigins[i].row);
+      check.kind = uut.checkOrigins[i].kind;
+    }
+    check.parameter = c.parameter;
+    check.channel = c.channel;
+    check.value = c.value;
+    check.units = c.units;
+    check.lower = c.lower;
+    check.upper = c.upper;
+    check.passed = c.passed;
+    check.message = c.failureText;
+    s.checks.push_back(std::move(check));
+  }
+  return s;
+}
+
+std::string NewUutKey(const StoredUut& uut) {
+  static thread_local std::mt19937_64 random{std::random_device{}()};
+  char nonce[24];
+  std::snprintf(nonce, sizeof nonce, "%016llx", static_cast<unsigned long long>(random()));
+  return uut.station + "/" + uut.startedAt + "/" + uut.serial + "/" + nonce;
+}
+
+std::string DefaultStationName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "station";
+  return name;
+}
+
+void CaptureUuts(TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecorder& recorder,
+                 std::string station, std::function<void(const std::string&)> report) {
+  testDatabase.uutEnded = [&sequencer, &recorder, station = std::move(station),
+                           report = std::move(report), reported = false](
+                              const TestDefinition& definition, const std::string& detailsPath,
+                              const UutRecord& uut, Micros ended) mutable {
+    StoredUut record =
+        MakeStoredUut(definition, detailsPath, uut, ended, station, sequencer.sequenceFileName());
+    record.key = NewUutKey(record);
+    std::string error;
+    const bool queued = recorder.submit(record, &error);
+    if (sequencer.trace().enabled()) {
+      auto event = sequencer.trace().event("results_store");
+      event.field("serial", record.serial).field("key", record.key).field("queued", queued);
+      if (!queued) event.field("error", error);
+    }
+    if (!queued && !reported && report) {
+      reported = true;
+      report("the results store's queue cannot be written (the record waits in memory): " + error);
+    }
+  };
+}
+
+}  // namespace tavrix
