@@ -5,59 +5,80 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "common/file_system.h"
 #include "run_command.h"
 
 namespace tavrix {
 
+// A stream whose text is kept in memory.
+class Captured {
+ public:
+  Captured() : stream_(open_memstream(&buffer_, &size_)) {}
+  ~Captured() {
+    if (stream_ != nullptr) std::fclose(stream_);
+    std::free(buffer_);
+  }
+  Captured(const Captured&) = delete;
+  Captured& operator=(const Captured&) = delete;
+  std::FILE* stream() { return stream_; }
+  // Everything written; the stream is closed.
+  std::string take() {
+    std::fclose(stream_);
+    stream_ = nullptr;
+    return std::string(buffer_, size_);
+  }
+
+ private:
+  char* buffer_ = nullptr;
+  size_t size_ = 0;
+  std::FILE* stream_;
+};
+
+// Everything written to `f` (a temporary file), which is then closed.
+inline std::string Slurp(std::FILE* f) {
+  std::rewind(f);
+  std::string text;
+  char buf[4096];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+  std::fclose(f);
+  return text;
+}
+
 class CliTestBase : public ::testing::Test {
  protected:
-  CliTestBase() {
-    char dir[] = "/tmp/tavrixcliXXXXXX";
-    dir_ = mkdtemp(dir);
-    // The data root (the results store and its queue) is the test's own.
+  // `withoutDots`: see ScratchFolder. The data root (the results store and
+  // its queue) is the test's own.
+  explicit CliTestBase(bool withoutDots = false) : scratch_(withoutDots) {
     setenv("TAVRIX_HOME", (dir_ + "/home").c_str(), 1);
   }
-  ~CliTestBase() override {
-    unsetenv("TAVRIX_HOME");
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
+  ~CliTestBase() override { unsetenv("TAVRIX_HOME"); }
 
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
 
   // Writes `text` to a file of the folder and returns its path.
   std::string File(const std::string& name, const std::string& text) {
-    std::ofstream(Path(name), std::ios::binary) << text;
+    EXPECT_TRUE(localFiles().writeAtomically(Path(name), text, nullptr));
     return Path(name);
   }
 
   // Runs the command line; its standard output and error land in out_ and err_.
   int Cli(std::vector<std::string> args) {
     args.insert(args.begin(), "tavrix-cli");
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const int status = TavrixCliMain(args, nullptr, out, err);
-    out_ = Slurp(out);
-    err_ = Slurp(err);
+    Captured out;
+    Captured err;
+    const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+    out_ = out.take();
+    err_ = err.take();
     return status;
   }
 
-  static std::string Slurp(std::FILE* f) {
-    std::rewind(f);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
-    return text;
-  }
-
-  std::string dir_;
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
   std::string out_;
   std::string err_;
 };

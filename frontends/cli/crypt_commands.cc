@@ -1,10 +1,12 @@
 #include "crypt_commands.h"
 
+#include <pthread.h>
 
 #include <CLI/CLI.hpp>
-#include <filesystem>
+#include <csignal>
 #include <future>
 #include <memory>
+#include <thread>
 
 #include "crypto/encrypted_files.h"
 #include "platform/console.h"
@@ -23,9 +25,9 @@ class ProgressBar {
  public:
   ProgressBar(std::FILE* err, std::string_view verb, const std::string& path)
       : err_(err), verb_(verb) {
-    std::error_code ec;
-    const uintmax_t size = std::filesystem::file_size(path, ec);
-    shown_ = !ec && size >= kProgressFrom && err != nullptr && platform::isTerminal(err);
+    const FileInfo info = localFiles().info(path);
+    shown_ = info.kind == FileKind::kFile && info.size >= kProgressFrom && err != nullptr &&
+             platform::isTerminal(err);
   }
   std::function<void(int)> callback() {
     if (!shown_) return {};
@@ -48,12 +50,45 @@ class ProgressBar {
   bool drawn_ = false;
 };
 
+// While a file is being decrypted or encrypted, SIGINT, SIGTERM and SIGHUP
+// remove the unfinished target's temporary file and end the program with
+// the signal's status; the source and any old target stay as they were.
+class InterruptGuard {
+ public:
+  explicit InterruptGuard(std::FILE* err) : err_(err) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
+    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+    thread_ = std::thread([this, set] {
+      int signal = 0;
+      if (sigwait(&set, &signal) != 0 || signal == SIGUSR2) return;
+      removeUnfinishedRewrites();
+      std::fprintf(err_, "\ntavrix-cli: interrupted; nothing was changed\n");
+      std::fflush(err_);
+      _exit(128 + signal);
+    });
+  }
+  ~InterruptGuard() {
+    pthread_kill(thread_.native_handle(), SIGUSR2);
+    thread_.join();
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+  InterruptGuard(const InterruptGuard&) = delete;
+  InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+ private:
+  std::FILE* err_;
+  sigset_t previous_{};
+  std::thread thread_;
+};
+
 // Asks the overwrite question; true for Yes.
 bool ConfirmOverwrite(const CryptOptions& options, const std::string& destination, std::FILE* in,
                       std::FILE* err) {
   if (options.yes) return true;
   std::string operatorError;
-  std::unique_ptr<Operator> op = MakeConsoleOperator(options.answers, in, err, &operatorError);
+  std::unique_ptr<Operator> op = MakeConsoleOperator(localFiles(), options.answers, in, err, &operatorError);
   if (!op) {
     std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
     return false;
@@ -89,11 +124,11 @@ int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FI
                  std::string(kMsgNotRecognised).c_str(), options.file.c_str());
     return kCryptUsage;
   }
-  std::error_code ec;
-  if (std::filesystem::exists(name.destination, ec) &&
+  if (localFiles().info(name.destination).kind != FileKind::kMissing &&
       !ConfirmOverwrite(options, name.destination, in, err)) {
     return kCryptDeclined;
   }
+  const InterruptGuard interrupts(err);
   ProgressBar bar(err, decrypt ? "Decrypting" : "Encrypting", options.file);
   std::string error;
   const std::string_view key = options.key ? std::string_view(*options.key) : kDefaultUtilityKey;

@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 
 #include "crypto/tea.h"
 #include "cli_test_support.h"
@@ -17,19 +15,24 @@ using ::testing::HasSubstr;
 
 class CryptCliTest : public CliTestBase {
  protected:
+  // Encrypted files are named by their first ".": a folder without one.
+  CryptCliTest() : CliTestBase(true) {}
   std::string Read(const std::string& name) const {
-    std::ifstream in(Path(name), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string text;
+    localFiles().readFile(Path(name), text, nullptr);
+    return text;
   }
   size_t Count() const {
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir_), {}));
+    std::vector<std::string> names;
+    localFiles().list(dir_, names, nullptr);
+    return names.size();
   }
   // An encrypted file made with `key`.
   std::string Sealed(const std::string& name, const std::string& plain, std::string_view key) {
     clsTEA tea;
     const std::string source = File("source.tmp", plain);
     EXPECT_TRUE(tea.EncryptFile(source, Path(name), key));
-    std::filesystem::remove(source);
+    localFiles().remove(source, nullptr);
     return Path(name);
   }
 };
@@ -74,7 +77,7 @@ TEST_F(CryptCliTest, FailuresLeaveNoFileAndSayWhy) {
   EXPECT_EQ(Cli({"decrypt", wrongKey}), kCryptFailed);
   EXPECT_THAT(err_, HasSubstr("Failed to decrypt " + wrongKey));
   EXPECT_THAT(err_, HasSubstr("Incorrect size descriptor in TEA decryption"));
-  EXPECT_FALSE(std::filesystem::exists(Path("a.xml")));
+  EXPECT_FALSE(localFiles().isFile(Path("a.xml")));
 
   File("empty.wte", "");
   EXPECT_EQ(Cli({"decrypt", Path("empty.wte")}), kCryptFailed);
@@ -100,9 +103,9 @@ TEST_F(CryptCliTest, EncryptThenDecryptWithAKey) {
   ASSERT_TRUE(tea.DecryptFile(Path("seq.wte"), Path("back"), "secret"));
   EXPECT_EQ(Read("back"), "STOP\r\n");
   // Without --key the utility key is used, which decrypt takes.
-  std::filesystem::remove(Path("seq.wte"));
+  localFiles().remove(Path("seq.wte"), nullptr);
   EXPECT_EQ(Cli({"encrypt", Path("seq.wts")}), kCryptDone) << err_;
-  std::filesystem::remove(Path("seq.wts"));
+  localFiles().remove(Path("seq.wts"), nullptr);
   EXPECT_EQ(Cli({"decrypt", Path("seq.wte")}), kCryptDone) << err_;
   EXPECT_EQ(Read("seq.wts"), "STOP\r\n");
   EXPECT_EQ(Cli({"encrypt", Path("seq.wte")}), kCryptUsage);

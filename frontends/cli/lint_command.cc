@@ -3,12 +3,13 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <optional>
 #include <set>
 
 #include "common/paths.h"
 #include "common/text_conventions.h"
+#include "engine/keyword_catalogue.h"
+#include "instrument/outputs/ramps.h"
 #include "sequencer/dispatcher.h"
 #include "sequencer/line_splitter.h"
 #include "sequencer/sequence_file.h"
@@ -17,10 +18,6 @@ namespace tavrix {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// Words that the dispatcher hands to its extensions (load maintenance).
-const std::set<std::string, std::less<>> kExtensionWords = {"MT_MAINTAIN", "MT_RAMP"};
 
 struct Line {
   int number = 0;
@@ -31,7 +28,7 @@ struct Line {
 bool ReadLines(const std::string& path, std::vector<Line>& lines, std::vector<std::string>& upper,
                std::string* error) {
   SequenceFile file;
-  if (!file.open(path, error)) return false;
+  if (!file.open(localFiles(), path, error)) return false;
   std::string text;
   int number = 0;
   while (file.readLine(text)) {
@@ -73,15 +70,18 @@ size_t EditDistance(std::string_view a, std::string_view b) {
 }
 
 bool IsKnownWord(std::string_view word) {
-  return std::find(kKeywords.begin(), kKeywords.end(), word) != kKeywords.end() ||
-         kExtensionWords.count(word) > 0;
+  return FindKeyword(word) != nullptr ||
+         std::find(kKeywords.begin(), kKeywords.end(), word) != kKeywords.end();
 }
 
 // The keyword that an unknown word was probably meant to be.
 std::optional<std::string> NearKeyword(std::string_view word) {
   if (word.size() < 4 || word.back() == ':') return std::nullopt;
   std::vector<std::string_view> known(kKeywords.begin(), kKeywords.end());
-  for (const auto& extension : kExtensionWords) known.push_back(extension);
+  for (const auto& entry : KeywordCatalogue()) {
+    if (std::find(known.begin(), known.end(), entry.name) == known.end())
+      known.push_back(entry.name);
+  }
   std::optional<std::string> best;
   size_t bestScore = SIZE_MAX;
   for (std::string_view keyword : known) {
@@ -101,81 +101,6 @@ std::optional<std::string> NearKeyword(std::string_view word) {
     }
   }
   return best;
-}
-
-std::optional<std::string> FindNumberAfter(const std::string& text, std::string_view keyword, size_t* at = nullptr) {
-  const size_t pos = text.find(keyword);
-  if (pos == std::string::npos) return std::nullopt;
-  size_t start = pos + keyword.size();
-  while (start < text.size() && text[start] == ' ') ++start;
-  const size_t end = text.find(' ', start);
-  if (at) *at = pos;
-  return text.substr(start, end == std::string::npos ? std::string::npos : end - start);
-}
-
-// The ramp setup check: "start TO end OVER duration IN steps".
-std::optional<std::string> RampSetupError(std::string_view setup, bool group) {
-  const std::string text = upperCase(trimLeft(setup));
-  const std::string kind = group ? "GroupRamp" : "Ramp";
-  const auto end = FindNumberAfter(text, "TO");
-  const auto duration = FindNumberAfter(text, "OVER");
-  const auto steps = FindNumberAfter(text, "IN");
-  if (text.empty() || !end || !duration || !steps) return "Cannot parse " + kind + " setup string";
-  const double count = std::round(leadingNumber(*steps));
-  if (count < 1) return kind + " Setup String - Number of steps must be >0";
-  if (leadingNumber(*duration) / count < 0.1) return kind + " Setup String - Time between steps must be >= 0.1";
-  return std::nullopt;
-}
-
-std::optional<std::string> SineSetupError(std::string_view setup) {
-  const std::string text = upperCase(setup);
-  std::optional<std::string> values[4];
-  const char* keywords[4] = {"AMPLITUDE", "OFFSET", "FREQUENCY", "CYCLES"};
-  for (int i = 0; i < 4; ++i) {
-    values[i] = FindNumberAfter(text, keywords[i]);
-    if (!values[i]) return "Cannot parse SineOut setup string";
-  }
-  const double frequency = leadingNumber(*values[2]);
-  const double points = frequency > 0 ? leadingNumber(*values[3]) / (frequency * 0.2) : 0;
-  if (!(points >= 1)) return "Sine Output Setup String - There are no points to output";
-  return std::nullopt;
-}
-
-std::optional<std::string> MaintainSetupError(std::string_view word, std::string_view setup) {
-  const std::string text = upperCase(setup);
-  if (word == "MT_RAMP") {
-    if (const auto error = RampSetupError(setup, false)) return error;
-    if (text.find("AT") == std::string::npos || text.find("USING") == std::string::npos) {
-      return "Cannot parse Ramp setup string";
-    }
-    return std::nullopt;
-  }
-  size_t from = 0;
-  for (std::string_view keyword : {"HOLD", "AT", "USING", "WITH RATE", "GAIN"}) {
-    const size_t pos = text.find(keyword, from);
-    if (pos == std::string::npos) {
-      return "Cannot parse MT_MAINTAIN setup string - \"" + std::string(keyword) + "\" is missing";
-    }
-    from = pos + keyword.size();
-  }
-  return std::nullopt;
-}
-
-std::optional<std::string> ConditionError(std::string_view condition) {
-  const std::string_view text = trimLeft(condition);
-  const size_t first = text.find(' ');
-  if (first == std::string_view::npos) return "Cannot parse Wait condition - " + std::string(condition);
-  const std::string_view rest = trimLeft(text.substr(first));
-  const size_t second = rest.find(' ');
-  if (second == std::string_view::npos) return "Cannot parse Wait condition - " + std::string(condition);
-  const std::string op(trimRight(rest.substr(0, second)));
-  if (op != "=" && op != ">" && op != "<" && op != "<>") return "Operator - " + op + " - is not supported";
-  return std::nullopt;
-}
-
-bool NumberText(std::string_view text) {
-  text = trim(text);
-  return !text.empty() && std::string_view("+-.0123456789").find(text[0]) != std::string_view::npos;
 }
 
 class Linter {
@@ -226,56 +151,21 @@ class Linter {
     }
     if (w == "[HELPTEXT]") return skipSection(i, false);
     if (w == "[GROUPRAMPS]") return skipSection(i, true);
+    // The arguments, parsed as the run parses them.
+    const KeywordEntry* keyword = FindKeyword(w);
+    if (keyword != nullptr) {
+      if (const auto e = keyword->check(c)) {
+        error(line, *e);
+        return i;
+      }
+    }
+    // What only a look at the whole file shows: labels, defines, chained files.
     if (w == "GOTO") needLabel(line, c.arg1);
-    if (w == "CHECK" || w == "WAIT") {
-      if (const auto e = ConditionError(c.arg1)) error(line, *e);
-      if (w == "CHECK") needLabel(line, c.arg2);
-    }
-    if (w == "LOOPCHECK") needLabel(line, c.arg2);
-    if (w == "ENTEROKCANCEL") needLabel(line, c.arg2);
-    if (w == "AFTERTIMECOUNT") {
-      const std::string units = upperCase(c.arg2);
-      if (units != "SECONDS" && units != "MINUTES" && units != "HOURS" && units != "DAYS") {
-        error(line, "AfterTimeCount - unrecognised units: " + c.arg2);
-      }
-      if (!(leadingNumber(c.arg1) > 0)) error(line, "AfterTimeCount - invalid number of units: " + c.arg1);
-      needLabel(line, c.arg3);
-    }
-    if (w == "WAITSECONDS" && !(leadingNumber(c.arg1) > 0)) {
-      error(line, "Invalid parameter - " + c.arg1 + " - for a WaitSeconds statement");
-    }
-    if (w == "PULSEOUTPUT") {
-      const double length = leadingNumber(c.arg3);
-      if (!(length >= 0 && length <= 32000)) {
-        error(line, "Invalid parameter - " + c.arg3 + " - for a PulseOutput command");
-      }
-      const std::string direction = upperCase(trim(c.arg2));
-      if (direction != "HI" && direction != "LO") {
-        error(line, "Unrecognised direction parameter - " + c.arg2 + " - in a PulseOutput command");
-      }
-    }
-    if (w == "RAMP") {
-      if (const auto e = RampSetupError(c.arg2, false)) error(line, *e);
-    }
-    if (w == "SINEOUT") {
-      if (const auto e = SineSetupError(c.arg2)) error(line, *e);
-    }
-    if (kExtensionWords.count(w) > 0) {
-      const size_t blank = line.text.find(' ');
-      const std::string setup = blank == std::string::npos ? "" : line.text.substr(blank + 1);
-      if (const auto e = MaintainSetupError(w, setup)) error(line, *e);
-    }
-    if (w == "ONTIMEOUT") {
-      const double seconds = leadingNumber(c.arg1);
-      if (!trim(c.arg1).empty() && (!NumberText(c.arg1) || seconds < 0)) {
-        error(line, "Invalid parameter - " + c.arg1 + " - for an OnTimeout statement");
-      } else if (seconds > 0) {
-        if (trim(c.arg2).empty()) {
-          error(line, "OnTimeout - no label or define to go to");
-        } else if (defines_.count(upperCase(trim(c.arg2))) == 0) {
-          needLabel(line, c.arg2);
-        }
-      }
+    if (w == "CHECK" || w == "LOOPCHECK" || w == "ENTEROKCANCEL") needLabel(line, c.arg2);
+    if (w == "AFTERTIMECOUNT") needLabel(line, c.arg3);
+    if (w == "ONTIMEOUT" && leadingNumber(c.arg1) > 0 &&
+        defines_.count(upperCase(trim(c.arg2))) == 0) {
+      needLabel(line, c.arg2);
     }
     if (w == "EXECUTEDEFINE" && !trim(c.arg1).empty() && trim(c.arg2).empty() &&
         defines_.count(upperCase(trim(c.arg1))) == 0) {
@@ -285,28 +175,19 @@ class Linter {
     if (w == "SELECTMENU") {
       std::string choices = c.arg2 + (c.arg3.empty() ? "" : "," + c.arg3);
       size_t pos = 0;
-      bool any = false;
       for (;;) {
         const size_t comma = choices.find(',', pos);
         const std::string choice(trim(std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
-        if (!choice.empty()) {
-          any = true;
-          needLabel(line, choice);
-        }
+        if (!choice.empty()) needLabel(line, choice);
         if (comma == std::string::npos) break;
         pos = comma + 1;
       }
-      if (!any) error(line, "SelectMenu - no menu choices given");
     }
     if (w == "DOWITHSHOW" && !trim(c.arg3).empty()) needLabel(line, c.arg3);
     return i;
   }
 
   void checkChain(const Line& line) {
-    if (trim(line.command.arg1).empty()) {
-      error(line, "Chain - no sequence file given");
-      return;
-    }
     const std::string file = chainPath(line.command.arg1);
     std::vector<Line> lines;
     std::vector<std::string> upper;
@@ -334,7 +215,8 @@ class Linter {
         error(lines_[j], "Group Ramps: a non-Ramp command has been found");
         return j;
       }
-      if (const auto e = RampSetupError(lines_[j].command.arg2, true)) error(lines_[j], *e);
+      const auto ramp = ParseRampLine(lines_[j].command, true);
+      if (!ramp.ok()) error(lines_[j], ramp.message());
     }
     if (group) {
       error(start, "[GROUPRAMPS] block has no [END]");
@@ -376,6 +258,10 @@ int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* er
       std::fprintf(err, "tavrix-cli: %s\n", readError.c_str());
       unreadable = true;
       continue;
+    }
+    if (SequenceHasBareLineFeeds(file)) {
+      std::fprintf(out, "%s:1: warning: %s\n", file.c_str(),
+                   std::string(kBareLineFeedWarning).c_str());
     }
     for (const auto& m : messages) {
       std::fprintf(out, "%s:%d: %s: %s\n", file.c_str(), m.line, m.error ? "error" : "warning", m.text.c_str());

@@ -4,29 +4,22 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
+#include "common/file_system.h"
 
+#include "cli_test_support.h"
 #include "common/paths.h"
+#include "common/text_file.h"
 
 namespace tavrix {
 namespace {
 
-namespace fs = std::filesystem;
-
 class LintTest : public ::testing::Test {
  protected:
-  LintTest() : paths_("/nonexistent") {
-    char name[] = "/tmp/tavrixlintXXXXXX";
-    dir_ = mkdtemp(name);
-    paths_.setDrive('c', dir_);
-  }
-  ~LintTest() override { fs::remove_all(dir_); }
+  LintTest() : paths_("/nonexistent") { paths_.setDrive('c', dir_); }
 
   std::string Write(const std::string& name, const std::vector<std::string>& lines) {
     const std::string path = dir_ + "/" + name;
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& line : lines) out << line << "\r\n";
+    EXPECT_TRUE(writeTextFileAtomically(localFiles(), path, lines, nullptr));
     return path;
   }
 
@@ -42,8 +35,9 @@ class LintTest : public ::testing::Test {
     return out;
   }
 
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
   PathMap paths_;
-  std::string dir_;
 };
 
 using Msgs = std::vector<std::string>;
@@ -85,26 +79,25 @@ TEST_F(LintTest, JumpsToMissingLabelsAreErrors) {
 }
 
 TEST_F(LintTest, ParametersAndSetupStringsThatWillNotParse) {
-  EXPECT_EQ(Lint({"WAITSECONDS 0", "WAITSECONDS abc", "PULSEOUTPUT DO1, UP, 32001",
-                  "RAMP A, 0 TO 10 OVER 0.5 IN 10", "RAMP A, 5 TO 0 OVER 10 IN 0", "RAMP A, 0 UPTO 10",
-                  "SINEOUT B, AMPLITUDE 1 OFFSET 0 FREQUENCY 10 CYCLES 1", "SINEOUT B, AMPLITUDE 1",
-                  "MT_MAINTAIN HOLD LOAD AT 5 USING OUT", "MT_RAMP 0 TO 10 OVER 10 IN 10",
-                  "CHECK T1>50, X", "WAIT T1 >= 50", "AFTERTIMECOUNT 0, WEEKS, X", "X:"}),
-            (Msgs{"1: error: Invalid parameter - 0 - for a WaitSeconds statement",
-                  "2: error: Invalid parameter - abc - for a WaitSeconds statement",
-                  "3: error: Invalid parameter - 32001 - for a PulseOutput command",
-                  "3: error: Unrecognised direction parameter - UP - in a PulseOutput command",
-                  "4: error: Ramp Setup String - Time between steps must be >= 0.1",
-                  "5: error: Ramp Setup String - Number of steps must be >0",
-                  "6: error: Cannot parse Ramp setup string",
-                  "7: error: Sine Output Setup String - There are no points to output",
-                  "8: error: Cannot parse SineOut setup string",
-                  "9: error: Cannot parse MT_MAINTAIN setup string - \"WITH RATE\" is missing",
-                  "10: error: Cannot parse Ramp setup string",
-                  "11: error: Cannot parse Wait condition - T1>50",
-                  "12: error: Operator - >= - is not supported",
-                  "13: error: AfterTimeCount - unrecognised units: WEEKS",
-                  "13: error: AfterTimeCount - invalid number of units: 0"}));
+  EXPECT_EQ(
+      Lint({"WAITSECONDS 0", "WAITSECONDS abc", "PULSEOUTPUT DO1, UP, 32001",
+            "RAMP A, 0 TO 10 OVER 0.5 IN 10", "RAMP A, 5 TO 0 OVER 10 IN 0", "RAMP A, 0 UPTO 10",
+            "SINEOUT B, AMPLITUDE 1 OFFSET 0 FREQUENCY 10 CYCLES 1", "SINEOUT B, AMPLITUDE 1",
+            "MT_MAINTAIN HOLD LOAD AT 5 USING OUT", "MT_RAMP 0 TO 10 OVER 10 IN 10",
+            "CHECK T1>50, X", "WAIT T1 >= 50", "AFTERTIMECOUNT 0, WEEKS, X", "X:"}),
+      (Msgs{"1: error: Invalid parameter - 0 - for a WaitSeconds statement",
+            "2: error: Invalid parameter - abc - for a WaitSeconds statement",
+            "3: error: Invalid parameter - 32001 - for a PulseOutput command",
+            "4: error: Ramp Setup String - Time between steps must be >= 0.1",
+            "5: error: Ramp Setup String - Number of steps must be >0",
+            "6: error: Cannot parse Ramp setup string",
+            "7: error: Sine Output Setup String - There are no points to output",
+            "8: error: Cannot parse SineOut setup string",
+            "9: error: Cannot parse MT_Maintain setup string",
+            "10: error: Cannot parse Ramp setup string",
+            "11: error: Cannot parse Wait condition - T1>50",
+            "12: error: Operator - >= - is not supported",
+            "13: error: AfterTimeCount - unrecognised units: WEEKS"}));
 }
 
 TEST_F(LintTest, GroupRampBlocksHoldOnlyRampsAndEnd) {
@@ -131,6 +124,68 @@ TEST_F(LintTest, ExitStatusAndOutputLikeACompiler) {
             bad + ":1: error: Label NOWHERE: does not exist\n" + bad +
                 ":2: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you mean WAITSECONDS?\n");
   std::free(text);
+}
+
+// A line fails lint with the very message with which it fails the run.
+class LintAgainstRunTest : public CliTestBase {
+ protected:
+  // The message of lint's first error for the line, or "" when it passes.
+  std::string LintMessage(const std::string& line) {
+    const std::string file = File("lint.wts", line + "\r\n");
+    Cli({"lint", file});
+    const std::string prefix = file + ":1: error: ";
+    const size_t at = out_.find(prefix);
+    if (at == std::string::npos) return "";
+    return out_.substr(at + prefix.size(), out_.find('\n', at) - at - prefix.size());
+  }
+  // The sequence error the run reports for the line, or "" when there is none.
+  std::string RunMessage(const std::string& line) {
+    const std::string file = File("run.wts", line + "\r\n");
+    Cli({"run", "--virtual-time", "--trace", "-", file});
+    const std::string marker = "Error on line: 1\\r";
+    const size_t at = out_.find(marker);
+    if (at == std::string::npos) return "";
+    const size_t begin = at + marker.size();
+    return out_.substr(begin, out_.find('"', begin) - begin);
+  }
+};
+
+TEST_F(LintAgainstRunTest, RampStepsOutOfRangeOrKeywordsOutOfOrder) {
+  for (const std::string line :
+       {"RAMP HEATER, 0 IN 10 OVER 5 TO 20", "RAMP HEATER, 0 TO 20 OVER 5000 IN 40000",
+        "RAMP HEATER, STOP 0 OVER 5 IN 10"}) {
+    EXPECT_EQ(RunMessage(line), "Cannot parse Ramp setup string") << line;
+    EXPECT_EQ(LintMessage(line), "Cannot parse Ramp setup string") << line;
+  }
+}
+
+TEST_F(LintAgainstRunTest, MaintainWithARateOfZero) {
+  const std::string line = "MT_MAINTAIN HOLD LOAD AT 5 USING OUT WITH RATE 0 GAIN 1";
+  EXPECT_EQ(RunMessage(line), "MT_Maintain setup string - RATE must be >0");
+  EXPECT_EQ(LintMessage(line), RunMessage(line));
+}
+
+TEST_F(LintAgainstRunTest, SineOfMoreThan32767Points) {
+  // Five points a cycle at 1 Hz: 6553 cycles are 32765 points, 6554 too many.
+  EXPECT_EQ(LintMessage("SINEOUT B, AMPLITUDE 1 OFFSET 0 FREQUENCY 1 CYCLES 6553"), "");
+  const std::string line = "SINEOUT B, AMPLITUDE 1 OFFSET 0 FREQUENCY 1 CYCLES 6554";
+  EXPECT_EQ(RunMessage(line),
+            "Sine Output Setup String - There are too many points to output (at most 32767)");
+  EXPECT_EQ(LintMessage(line), RunMessage(line));
+}
+
+TEST_F(LintAgainstRunTest, ArgumentErrorsTheRunReportsAfterAStateCheck) {
+  // The run checks that a count is running before it looks at the units, so
+  // with a count running the units are reported; lint reports them always.
+  const std::string file =
+      File("late.wts", "STARTTIMECOUNT\r\nAFTERTIMECOUNT 1, WEEKS, X\r\nX:\r\n");
+  Cli({"run", "--virtual-time", "--trace", "-", file});
+  EXPECT_NE(out_.find("Error on line: 2\\rAfterTimeCount - unrecognised units: WEEKS"),
+            std::string::npos);
+  EXPECT_EQ(LintMessage("AFTERTIMECOUNT 1, WEEKS, X\r\nX:"),
+            "AfterTimeCount - unrecognised units: WEEKS");
+  EXPECT_EQ(RunMessage("AFTERTIMECOUNT 1, WEEKS, X"),
+            "AfterTimeCount - a StartTimeCount command has not been executed");
 }
 
 }  // namespace

@@ -1,6 +1,21 @@
+#include <exception>
+#include <new>
+
 #include "run_command.h"
 
+// Nothing escapes: an exception that reaches here (memory exhausted, a
+// fault of the program) is reported in words and ends the program with the
+// status of a run that a sequence error ended.
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv, argv + argc);
-  return tavrix::TavrixCliMain(args, stdin, stdout, stderr);
+  try {
+    std::vector<std::string> args(argv, argv + argc);
+    return tavrix::TavrixCliMain(args, stdin, stdout, stderr);
+  } catch (const std::bad_alloc&) {
+    std::fputs("tavrix-cli: out of memory\n", stderr);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "tavrix-cli: internal error: %s\n", e.what());
+  } catch (...) {
+    std::fputs("tavrix-cli: internal error\n", stderr);
+  }
+  return tavrix::kExitSequenceError;
 }

@@ -171,7 +171,7 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
 
   std::string error;
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(*o.settings, settings, error)) return usage(error);
+  if (o.settings && !LoadInstrumentSettings(localFiles(), *o.settings, settings, error)) return usage(error);
   StoreSpec spec;
   if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), defaultDataRoot(), spec, &error)) {
     return usage(error);

@@ -3,6 +3,7 @@
 #include "results_commands.h"
 
 #include <gmock/gmock.h>
+#include <fstream>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>

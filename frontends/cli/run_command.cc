@@ -1,11 +1,18 @@
 #include "run_command.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
+#include "common/checked_numbers.h"
 #include "common/civil_time.h"
 #include "crypt_commands.h"
 #include "engine/engine.h"
@@ -19,6 +26,7 @@
 #include "resultsdb/results_recorder.h"
 #include "resultsdb/uut_capture.h"
 #include "sequencer/console_operators.h"
+#include "sequencer/sequence_file.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -33,6 +41,8 @@ int ExitStatusFor(EndReason reason) {
     case EndReason::kError:
     case EndReason::kUnload:
       return kExitSequenceError;
+    case EndReason::kLimit:
+      return kExitLimit;
     case EndReason::kAbort:
     case EndReason::kNone:
       break;
@@ -40,20 +50,148 @@ int ExitStatusFor(EndReason reason) {
   return kExitStopped;
 }
 
-// Turns the console's stop request (Ctrl+C, SIGTERM, Ctrl+Break) into the
-// window's close request, posted to the engine, for as long as it lives.
-class SignalBridge {
+// "3-5, 9" from the line numbers {3, 4, 5, 9}.
+std::string LineRanges(const std::set<int>& lines) {
+  std::string text;
+  for (auto it = lines.begin(); it != lines.end();) {
+    const int first = *it;
+    int last = first;
+    while (++it != lines.end() && *it == last + 1) last = *it;
+    if (!text.empty()) text += ", ";
+    text += std::to_string(first);
+    if (last != first) text += "-" + std::to_string(last);
+  }
+  return text;
+}
+
+// The limits `--stop-after` and `--max-lines` put on a run, and the warning
+// for a virtual-time run that loops without a wait.
+class RunLimits {
  public:
-  explicit SignalBridge(Engine& engine)
-      : requests_([&engine] {
-          engine.events().post([&engine] {
-            Sequencer& seq = engine.sequencer();
-            if (seq.flags().running && seq.closeRequest()) seq.requestAbort();
-          });
-        }) {}
+  RunLimits(Engine& engine, std::optional<Micros> stopAfter, const std::string& stopAfterText,
+            std::optional<int64_t> maxLines, int64_t loopWarningLines, std::FILE* err)
+      : engine_(engine),
+        maxLines_(maxLines),
+        loopWarningLines_(loopWarningLines),
+        err_(err),
+        lastNow_(engine.clock().now()) {
+    Sequencer& seq = engine.sequencer();
+    if (stopAfter) {
+      stopTimer_ = std::make_unique<Timer>(engine.events(), *stopAfter, [this, stopAfterText] {
+        stopTimer_->setEnabled(false);
+        reach("--stop-after " + stopAfterText);
+      });
+      stopTimer_->setEnabled(true);
+    }
+    seq.addLineHook([this](int16_t line) { lineDispatched(line); });
+  }
+  ~RunLimits() {
+    if (stopTimer_) stopTimer_->setEnabled(false);
+  }
+
+  // The limit that ended the run, empty when none did.
+  const std::string& reached() const { return reached_; }
 
  private:
-  platform::StopRequests requests_;
+  void reach(const std::string& limit) {
+    Sequencer& seq = engine_.sequencer();
+    if (!reached_.empty() || !seq.flags().running || seq.flags().stopRequested) return;
+    reached_ = limit;
+    seq.requestLimitStop();
+  }
+
+  void lineDispatched(int16_t line) {
+    ++dispatched_;
+    if (maxLines_ && dispatched_ >= *maxLines_) reach("--max-lines " + std::to_string(*maxLines_));
+    if (!engine_.clock().isVirtual() || warned_) return;
+    const Micros now = engine_.clock().now();
+    if (now != lastNow_) {
+      lastNow_ = now;
+      still_ = 0;
+      loopLines_.clear();
+      return;
+    }
+    ++still_;
+    // The lines of the last stretch name the loop.
+    if (still_ > loopWarningLines_ - std::min<int64_t>(100'000, loopWarningLines_ / 2))
+      loopLines_.insert(line);
+    if (still_ < loopWarningLines_) return;
+    warned_ = true;
+    std::fprintf(
+        err_,
+        "tavrix-cli: warning: %lld lines have run without the virtual clock moving: lines %s "
+        "of %s loop without a wait; --max-lines N ends such a run\n",
+        static_cast<long long>(loopWarningLines_), LineRanges(loopLines_).c_str(),
+        engine_.sequencer().sequenceFileName().c_str());
+    std::fflush(err_);
+  }
+
+  Engine& engine_;
+  std::optional<int64_t> maxLines_;
+  int64_t loopWarningLines_;
+  std::FILE* err_;
+  std::unique_ptr<Timer> stopTimer_;
+  std::string reached_;
+  int64_t dispatched_ = 0;
+  Micros lastNow_;
+  int64_t still_ = 0;
+  std::set<int> loopLines_;
+  bool warned_ = false;
+};
+
+// Blocks SIGINT, SIGTERM and SIGHUP for the whole run. It must be made before
+// any thread of the run starts (the results store's writer, the terminal
+// view): a thread that does not block them would take the signal's default
+// action and end the process before the results are written.
+class BlockedSignals {
+ public:
+  BlockedSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
+    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+  }
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  BlockedSignals(const BlockedSignals&) = delete;
+  BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+ private:
+  sigset_t previous_{};
+};
+
+// Turns SIGINT, SIGTERM and SIGHUP (a closed terminal) into the window's
+// close request, posted to the engine, for as long as it lives.
+class SignalBridge {
+ public:
+  explicit SignalBridge(Engine& engine) : engine_(engine) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    sigaddset(&set, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+    thread_ = std::thread([this, set] {
+      for (;;) {
+        int signal = 0;
+        if (sigwait(&set, &signal) != 0 || signal == SIGUSR2) return;
+        engine_.events().post([this] {
+          Sequencer& seq = engine_.sequencer();
+          if (seq.flags().running && seq.closeRequest()) seq.requestAbort();
+        });
+      }
+    });
+  }
+  ~SignalBridge() {
+    pthread_kill(thread_.native_handle(), SIGUSR2);
+    thread_.join();
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+
+ private:
+  Engine& engine_;
+  sigset_t previous_{};
+  std::thread thread_;
   // Timed waits and ramp steps keep their accuracy for the run.
   platform::FineTimerResolution timers_;
 };
@@ -61,6 +199,7 @@ class SignalBridge {
 }  // namespace
 
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  const BlockedSignals blocked;
   std::unique_ptr<Clock> clock;
   if (options.virtualTime) {
     Micros start = SystemClock().now();
@@ -82,8 +221,31 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     clock = std::make_unique<SystemClock>();
   }
 
+  // The data root is decided here, once, for the whole run.
+  auto files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+  std::optional<Micros> stopAfter;
+  if (options.stopAfter) {
+    stopAfter = parseDuration(*options.stopAfter);
+    if (!stopAfter) {
+      std::fprintf(
+          err, "tavrix-cli: --stop-after wants a span such as 90s, 30m, 48h or 7d, not \"%s\"\n",
+          options.stopAfter->c_str());
+      return kExitUsage;
+    }
+  }
+  std::optional<int64_t> maxLines;
+  if (options.maxLines) {
+    maxLines = parseWholeNumber(*options.maxLines);
+    if (!maxLines || *maxLines < 1) {
+      std::fprintf(err, "tavrix-cli: --max-lines wants a whole number from 1 to %lld, not \"%s\"\n",
+                   static_cast<long long>(INT64_MAX), options.maxLines->c_str());
+      return kExitUsage;
+    }
+  }
+
   std::string operatorError;
-  std::unique_ptr<Operator> op = MakeConsoleOperator(options.answers, in, err, &operatorError);
+  std::unique_ptr<Operator> op =
+      MakeConsoleOperator(*files, options.answers, in, err, &operatorError);
   if (!op) {
     std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
     return kExitUsage;
@@ -93,7 +255,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   const bool traceToOut = options.trace && *options.trace == "-";
   TerminalView view(*op, out, traceToOut ? err : out,
                     !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
-  Engine engine(std::move(clock), view);
+  Engine engine(std::move(clock), view, std::move(files));
+  engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
+    std::fprintf(
+        err,
+        "tavrix-cli: output lost: %s (the run goes on; later failures of this file are counted)\n",
+        loss.firstError.c_str());
+  });
   view.attach(engine, options.virtualTime);
   struct Detach {
     TerminalView& view;
@@ -102,14 +270,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (options.trace && !traceToOut) view.addFileWritten(*options.trace);
   if (options.trace) {
     if (*options.trace == "-") {
-      engine.trace().setOutput(out, false);
+      engine.trace().setOutput(streamOutput(out));
     } else {
-      std::FILE* file = std::fopen(options.trace->c_str(), "w");
+      auto file = engine.files().create(*options.trace, nullptr);
       if (file == nullptr) {
         std::fprintf(err, "tavrix-cli: cannot write the trace file %s\n", options.trace->c_str());
         return kExitUsage;
       }
-      engine.trace().setOutput(file, true);
+      engine.trace().setOutput(std::move(file));
     }
   }
   engine.trace().setOrigin(engine.clock().now());
@@ -128,7 +296,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   std::string error;
 
   InstrumentSettings settings;
-  if (options.instrumentSettings && !LoadInstrumentSettings(*options.instrumentSettings, settings, error)) {
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(engine.files(), *options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -148,8 +317,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
-    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s\n", options.link.c_str(),
-                 instrument->link().lastErrorText.c_str());
+    const std::string problem = instrument->link().library().connectionProblem();
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
+                 options.link.c_str(), instrument->link().lastErrorText.c_str(),
+                 problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
@@ -161,6 +332,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (!seq.prepareFile(options.sequence, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
+  }
+  if (SequenceHasBareLineFeeds(options.sequence)) {
+    std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
+                 std::string(kBareLineFeedWarning).c_str());
   }
 
   // The results store: records wait in a journal in the data root and are
@@ -189,10 +364,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
 
   EndReason reason;
+  std::string limit;
   {
+    RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
+                     options.loopWarningLines, err);
     SignalBridge signals(engine);
     seq.pressRun();
     reason = seq.endReason();
+    limit = limits.reached();
   }
   if (recorder) {
     // What the store has not taken after a while waits in the journal for
@@ -201,9 +380,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     const bool written = recorder->flush(std::chrono::seconds(10));
     recorder->stop();
     if (!written) {
-      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n",
-                   recorder->waiting(), resultsQueue->path().c_str(),
-                   DescribeStoreSpec(storeSpec).c_str(), recorder->lastError().c_str());
+      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n", recorder->waiting(),
+                   resultsQueue->path().c_str(), DescribeStoreSpec(storeSpec).c_str(),
+                   recorder->lastError().c_str());
     }
     if (engine.trace().enabled() && (testDatabase.uutsFinished() > 0 || recorder->waiting() > 0)) {
       auto event = engine.trace().event("results_store");
@@ -212,8 +391,23 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
       if (!written) event.field("error", recorder->lastError());
     }
   }
+  if (reason == EndReason::kLimit)
+    std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
+  const auto losses = engine.files().losses();
+  if (!losses.empty()) {
+    for (const auto& loss : losses) {
+      std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n",
+                   static_cast<long long>(loss.writes), loss.writes == 1 ? "" : "s",
+                   loss.path.c_str());
+    }
+    if (status == kExitOk || status == kExitUutFailed) {
+      std::fprintf(err, "tavrix-cli: the run ended (%s) but some of its output was lost\n",
+                   status == kExitOk ? "no UUT failed" : "a UUT failed its test");
+      status = kExitOutputLost;
+    }
+  }
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
@@ -221,25 +415,40 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err) {
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                  std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
-  runCommand->add_flag("--virtual-time", run.virtualTime, "Run on a virtual clock: waits take no real time");
-  runCommand->add_option("--start", run.start, "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
+  runCommand->add_flag("--virtual-time", run.virtualTime,
+                       "Run on a virtual clock: waits take no real time");
+  runCommand->add_option("--start", run.start,
+                         "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
   runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
-  runCommand->add_option("--trace", run.trace, "Write a JSON-lines trace to FILE (- for standard output)");
-  runCommand->add_flag("--no-hardware", run.noHardware, "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
+  runCommand->add_option("--trace", run.trace,
+                         "Write a JSON-lines trace to FILE (- for standard output)");
+  runCommand->add_flag("--no-hardware", run.noHardware,
+                       "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
   runCommand->add_option("--companion-answer", run.companionAnswers,
                          "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
-  runCommand->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
-  runCommand->add_option("--link", run.link, "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
-  runCommand->add_option("--reply-timeout", run.replyTimeout, "Give up a device exchange after SECONDS");
+  runCommand->add_option("--setup", run.setup,
+                         "Hardware setup (.ims) to load before the first line");
+  runCommand->add_option("--link", run.link,
+                         "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
+  runCommand->add_option("--reply-timeout", run.replyTimeout,
+                         "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
                          "Settings file of the instrument link (key = value)");
-  runCommand->add_option("--results", run.results, "Results files of tested UUTs: text (default), xml or off")
+  runCommand
+      ->add_option("--results", run.results,
+                   "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
+  runCommand->add_option(
+      "--stop-after", run.stopAfter,
+      "End the run (exit status 5) after this long on its clock: 90s, 30m, 48h, 7d");
+  runCommand->add_option("--max-lines", run.maxLines,
+                         "End the run (exit status 5) after N dispatched lines");
   runCommand->add_flag("--quiet", run.quiet,
                        "Show only messages and the summary, even on a terminal");
   runCommand->add_option("--results-store", run.resultsStore,
@@ -250,7 +459,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
-  rigCommand->add_option("--listen", rig.listen, "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
+  rigCommand->add_option("--listen", rig.listen,
+                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
   rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
 
   std::vector<std::string> lintFiles;

@@ -3,6 +3,7 @@
 // only ever grow.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -17,7 +18,13 @@ constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswer
                                       // that cannot be loaded)
 constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
 constexpr int kExitStopped = 3;      // Stop or an abort ended the run
+constexpr int kExitOutputLost = 6;    // the run ended but some of its output was lost (in place of 0 and 4)
 constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
+constexpr int kExitLimit = 5;        // --stop-after or --max-lines ended the run
+
+// On a virtual clock, this many lines dispatched without the clock moving
+// earn one warning that the run loops without a wait.
+constexpr int64_t kLoopWarningLines = 10'000'000;
 
 struct RunOptions {
   std::string sequence;
@@ -40,6 +47,13 @@ struct RunOptions {
   // file's results_store (docs/results-database.md).
   std::optional<std::string> resultsStore;
   std::optional<std::string> station;
+  // Limits on the run's length: a span of the run's clock ("90s", "30m",
+  // "48h", "7d") and a number of dispatched lines.
+  std::optional<std::string> stopAfter;
+  std::optional<std::string> maxLines;
+  // Lines run on a virtual clock without it moving before the warning that
+  // the run loops without a wait (tests lower it).
+  int64_t loopWarningLines = kLoopWarningLines;
 };
 
 // `tavrix-cli rig`: serves the simulated rig over TCP.

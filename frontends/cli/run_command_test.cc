@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -170,6 +172,65 @@ TEST_F(CliTest, TheInstrumentLinkOptions) {
   EXPECT_EQ(out_.find("\"ev\":\"iml\""), std::string::npos) << out_;
   EXPECT_EQ(Cli({"rig", "--listen", "nowhere", "--setup", rig}), kExitUsage);
   EXPECT_NE(err_.find("\"nowhere\" is not HOST:PORT"), std::string::npos) << err_;
+}
+
+}  // namespace
+}  // namespace tavrix
+
+namespace tavrix {
+namespace {
+
+// A trace that cannot be written (a full disk): the run goes on, the loss is
+// reported when it first happens and summed up at the end, and the exit
+// status is 6 in place of 0 or 4.
+TEST_F(CliTest, LostOutputIsReportedAndEndsWithSix) {
+  const std::string seq = File("a.wts", "WAITSECONDS 5\r\nSTOP\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "/dev/full", seq}), kExitOutputLost);
+  EXPECT_NE(err_.find("tavrix-cli: output lost: Cannot write \"/dev/full\": No space left on device"),
+            std::string::npos)
+      << err_;
+  EXPECT_EQ(err_.find("output lost:", err_.find("output lost:") + 1), std::string::npos) << "reported once";
+  EXPECT_NE(err_.find("tavrix-cli: lost "), std::string::npos) << err_;
+  EXPECT_NE(err_.find("the run ended (no UUT failed) but some of its output was lost"), std::string::npos)
+      << err_;
+  // A sequence error keeps its own status.
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "/dev/full", File("b.wts", "GOTO NOWHERE\r\n")}),
+            kExitSequenceError);
+}
+
+// Closing the terminal (SIGHUP) during a real-time wait ends the run as Stop
+// does: the trace is closed with its end event and the status is 3.
+TEST_F(CliTest, AClosedTerminalStopsTheRun) {
+  const std::string seq = File("wait.wts", "WAITSECONDS 600\r\n");
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    dup2(out[1], 1);
+    close(out[0]);
+    close(out[1]);
+    execl(TAVRIX_CLI_PATH, "tavrix-cli", "run", "--trace", "-", seq.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  std::string trace;
+  char buf[512];
+  bool hung = false;
+  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) {
+    trace.append(buf, static_cast<size_t>(n));
+    // The wait has begun: the terminal goes away.
+    if (!hung && trace.find("\"text\":\"WAITSECONDS 600\"") != std::string::npos) {
+      hung = true;
+      ASSERT_EQ(kill(child, SIGHUP), 0);
+    }
+  }
+  close(out[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), kExitStopped);
+  EXPECT_NE(trace.find("\"ev\":\"end\",\"reason\":\"abort\",\"code\":3"), std::string::npos) << trace;
 }
 
 }  // namespace

@@ -34,6 +34,8 @@ const char* ReasonText(EndReason reason) {
       return "a command that ends the program";
     case EndReason::kAbort:
       return "stopped";
+    case EndReason::kLimit:
+      return "a limit of --stop-after or --max-lines";
     case EndReason::kNone:
       break;
   }

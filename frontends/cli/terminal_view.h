@@ -45,6 +45,9 @@ class TerminalView : public Operator {
   // --- Operator ---------------------------------------------------------------
   void ask(const Question& question, std::function<void(Answer)> answered) override;
   void closeQuestion() override { inner_.closeQuestion(); }
+  bool mayAskAgain(const Question& question, std::string_view why) override {
+    return inner_.mayAskAgain(question, why);
+  }
   std::string unansweredReason() const override { return inner_.unansweredReason(); }
   bool isPerson() const override { return inner_.isPerson(); }
   void showMessage(std::string_view title, std::string_view text) override;

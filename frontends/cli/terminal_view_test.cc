@@ -194,7 +194,7 @@ TEST_F(TerminalViewTest, ElsewhereOnlyMessagesAndTheSummary) {
   EXPECT_TRUE(Has(out_, "Written: " + d + "/results/SN_2_261115_143005.txt\n")) << out_;
   const std::string summaryFile = "Written: " + d + "/results/Pump test_261115.txt\n";
   EXPECT_EQ(out_.find(summaryFile), out_.rfind(summaryFile)) << "each file once";
-  EXPECT_TRUE(std::filesystem::exists(d + "/results/SN_1_261115_143005.txt"));
+  EXPECT_TRUE(localFiles().isFile(d + "/results/SN_1_261115_143005.txt"));
 }
 
 }  // namespace

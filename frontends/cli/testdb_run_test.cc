@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
+#include "cli_test_support.h"
+#include "common/file_system.h"
 
 #include "run_command.h"
 
@@ -18,8 +18,6 @@ using ::testing::HasSubstr;
 class TestDbRunTest : public ::testing::Test {
  protected:
   TestDbRunTest() {
-    char dir[] = "/tmp/testdbrunXXXXXX";
-    dir_ = mkdtemp(dir);
     // The results store and its queue live in the data root: this folder's.
     setenv("TAVRIX_HOME", (dir_ + "/home").c_str(), 1);
     const std::string t = "\t";
@@ -35,18 +33,15 @@ class TestDbRunTest : public ::testing::Test {
                          "/details.txt\r\nDB_STAGECHECK 1\r\n"
                          "DB_STAGECHECK 2\r\nGOTO NEXT\r\n");
   }
-  ~TestDbRunTest() override {
-    unsetenv("TAVRIX_HOME");
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
+  ~TestDbRunTest() override { unsetenv("TAVRIX_HOME"); }
   std::string File(const std::string& name, const std::string& text) {
-    std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
+    EXPECT_TRUE(localFiles().writeAtomically(dir_ + "/" + name, text, nullptr));
     return dir_ + "/" + name;
   }
   std::string Read(const std::string& name) const {
-    std::ifstream in(dir_ + "/" + name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string text;
+    localFiles().readFile(dir_ + "/" + name, text, nullptr);
+    return text;
   }
   int Run(const std::string& answers, std::vector<std::string> extra = {}) {
     std::vector<std::string> args = {
@@ -54,20 +49,15 @@ class TestDbRunTest : public ::testing::Test {
         "2026-11-15 14:30:05", "--no-hardware", "--answers",      File("test.answers", answers)};
     args.insert(args.end(), extra.begin(), extra.end());
     args.push_back(dir_ + "/test.wts");
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const int status = TavrixCliMain(args, nullptr, out, err);
-    std::rewind(err);
-    err_.clear();
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, err)) > 0) err_.append(buf, n);
-    std::fclose(out);
-    std::fclose(err);
+    Captured out;
+    Captured err;
+    const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+    err_ = err.take();
     return status;
   }
 
-  std::string dir_;
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
   std::string err_;
 };
 
@@ -102,19 +92,40 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
   EXPECT_THAT(err_, HasSubstr("No answer to the REPEATSTEP question \"Stage 2\""));
   EXPECT_THAT(Read("results/Pump test_261115.txt"), HasSubstr("8\tFAIL\tSN8_261115.txt"));
   // Results can be switched off.
-  std::filesystem::remove_all(dir_ + "/results");
+  removeTree(dir_ + "/results");
   EXPECT_EQ(Run("Accept|serial=9\nPass\nCancel\n", {"--results", "off"}), kExitOk);
-  EXPECT_FALSE(std::filesystem::exists(dir_ + "/results"));
+  EXPECT_FALSE(localFiles().isFolder(dir_ + "/results"));
   EXPECT_EQ(Run("Cancel\n", {"--results", "html"}), kExitUsage);
+}
+
+// A KIND* line gives the same answer to every question of its kind: one the
+// question refuses, or one that sends the question round again, would be
+// given for ever. The run ends at once, as for an unanswerable question.
+TEST_F(TestDbRunTest, AStandingAnswerThatLoopsEndsTheRunWithOneMessage) {
+  for (const std::string bad :
+       {"DATAENTRY*: Accept|serial=1|bogus=2\n", "DATAENTRY*: Accept|serial=1|date=31-02-2026\n"}) {
+    EXPECT_EQ(Run(bad), kExitSequenceError) << bad;
+    EXPECT_THAT(err_, HasSubstr("line 1 of the answers file answers \"Accept|serial=1|"));
+    EXPECT_THAT(err_, HasSubstr("the same answer would come again"));
+    // The window's message is shown once, not once a turn.
+    EXPECT_LT(err_.size(), 2000u) << err_;
+  }
+  EXPECT_EQ(Run("DATAENTRY: Accept|serial=5\nUUTCHECK*: Fail and Repeat\n"), kExitSequenceError);
+  EXPECT_THAT(err_, HasSubstr("No answer to the UUTCHECK question"));
+  EXPECT_THAT(err_, HasSubstr("line 2 of the answers file"));
+  // A refused plain line is used up: the repeated question takes the next.
+  EXPECT_EQ(Run("DATAENTRY: Accept|serial=1|bogus=2\nDATAENTRY: Accept|serial=3\nPass\nCancel\n"),
+            kExitOk)
+      << err_;
+  EXPECT_THAT(Read("results/Pump test_261115.txt"), HasSubstr("3\tPASS"));
 }
 
 // The example of docs/test-database.md, on the simulated rig: run from a copy
 // of the examples folder, as from the top of the repository.
 TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
-  std::filesystem::copy(TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples",
-                        std::filesystem::copy_options::recursive);
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(dir_);
+  ASSERT_TRUE(copyTree(localFiles(), TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples"));
+  const std::string before = localFiles().currentFolder();
+  ASSERT_TRUE(changeCurrentFolder(dir_));
   std::vector<std::string> args = {"tavrix-cli",
                                    "run",
                                    "--virtual-time",
@@ -125,12 +136,10 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
                                    "--answers",
                                    "examples/uut_test.answers",
                                    "examples/uut_test.wts"};
-  std::FILE* out = std::tmpfile();
-  std::FILE* err = std::tmpfile();
-  const int status = TavrixCliMain(args, nullptr, out, err);
-  std::fclose(out);
-  std::fclose(err);
-  std::filesystem::current_path(before);
+  Captured out;
+  Captured err;
+  const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+  changeCurrentFolder(before);
   EXPECT_EQ(status, kExitUutFailed);
   EXPECT_THAT(Read("results/Pump test_261115.txt"),
               HasSubstr("1234\tPASS\tSN1234_261115.txt\r\n"

@@ -8,8 +8,8 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QVBoxLayout>
-#include <filesystem>
 
+#include "common/file_system.h"
 #include "crypto/encrypted_files.h"
 #include "qt_text.h"
 
@@ -92,8 +92,7 @@ void DecryptDialog::browse() {
 void DecryptDialog::decrypt() {
   const QString source = ebSrcFileSpec_->text();
   const QString destination = ebDestFileSpec_->text();
-  std::error_code ec;
-  if (!std::filesystem::exists(std::filesystem::path(Std(destination)), ec)) {
+  if (localFiles().info(Std(destination)).kind == FileKind::kMissing) {
     decryptNow(source, destination);
     return;
   }
@@ -105,8 +104,7 @@ void DecryptDialog::decrypt() {
   box->setAttribute(Qt::WA_DeleteOnClose);
   connect(box, &QMessageBox::finished, this, [this, box, source, destination] {
     if (box->clickedButton() != box->button(QMessageBox::Yes)) return;
-    std::error_code ec;
-    std::filesystem::remove(std::filesystem::path(Std(destination)), ec);
+    localFiles().remove(Std(destination), nullptr);
     decryptNow(source, destination);
   });
   box->open();

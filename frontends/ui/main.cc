@@ -4,10 +4,37 @@
 
 #include <QApplication>
 #include <QFileInfo>
+#include <cstdio>
+#include <exception>
+#include <new>
 
 #include "main_window.h"
 
+namespace {
+
+// The window's work runs inside Qt's event loop; an exception that leaves it
+// (memory exhausted, a fault of the program) is reported in words on
+// standard error and ends the program with status 1.
+int RunWindow(int argc, char** argv);
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  try {
+    return RunWindow(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fputs("tavrix: out of memory\n", stderr);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "tavrix: internal error: %s\n", e.what());
+  } catch (...) {
+    std::fputs("tavrix: internal error\n", stderr);
+  }
+  return 1;
+}
+
+namespace {
+
+int RunWindow(int argc, char** argv) {
   QApplication app(argc, argv);
   std::string commandLine;
   for (int i = 1; i < argc; ++i) {
@@ -34,3 +61,5 @@ int main(int argc, char** argv) {
   window.show();
   return app.exec();
 }
+
+}  // namespace

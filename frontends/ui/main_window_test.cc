@@ -22,6 +22,7 @@
 #include <QTextDocument>
 #include <QTextEdit>
 #include <QtTest>
+#include <QFileInfo>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -32,6 +33,8 @@
 #include "chart_window.h"
 #endif
 #include "check_failure_dialog.h"
+#include "common/file_system.h"
+#include "common/text_file.h"
 #include "crypto/encrypted_files.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
@@ -50,8 +53,7 @@ class MainWindowTest : public QObject {
 
   std::string Sequence(const char* name, const std::vector<std::string>& lines) {
     const std::string path = dir_.path().toStdString() + "/" + name;
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& line : lines) out << line << "\r\n";
+    writeTextFileAtomically(localFiles(), path, lines, nullptr);
     return path;
   }
 
@@ -81,12 +83,13 @@ class MainWindowTest : public QObject {
   };
 
   static std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string text;
+    localFiles().readFile(path, text, nullptr);
+    return text;
   }
 
   static void Write(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
+    localFiles().writeAtomically(path, text, nullptr);
   }
 
   // The message box a window opened, once it is shown.

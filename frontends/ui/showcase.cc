@@ -23,8 +23,9 @@
 #include <QTemporaryDir>
 #include <QTimer>
 #include <cstdio>
-#include <fstream>
 
+#include "common/file_system.h"
+#include "common/text_file.h"
 #include "about_dialog.h"
 #include "check_failure_dialog.h"
 #include "data_entry_dialog.h"
@@ -48,8 +49,7 @@ std::unique_ptr<Engine> RigEngine(Operator& op) {
 
 std::string Sequence(const QTemporaryDir& dir, const char* name, const std::vector<std::string>& lines) {
   const std::string path = dir.path().toStdString() + "/" + name;
-  std::ofstream out(path, std::ios::binary);
-  for (const auto& line : lines) out << line << "\r\n";
+  writeTextFileAtomically(localFiles(), path, lines, nullptr);
   return path;
 }
 

@@ -9,11 +9,16 @@
 //                                         day's accumulation at a change of logger
 #pragma once
 
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class CalcChannels;
 class Sequencer;
 
+std::vector<KeywordEntry> CalcChannelKeywords();
 void RegisterCalcChannelCommands(Sequencer& sequencer, CalcChannels& calc);
 
 }  // namespace tavrix

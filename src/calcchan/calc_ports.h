@@ -4,6 +4,8 @@
 // programs' DDE execute, and the resolution of file specifications.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <functional>
 #include <string>
 #include <string_view>
@@ -48,6 +50,10 @@ CompanionExecute TracingCompanion(Trace& trace);
 
 struct CalcPorts {
   CalcChannelPort* channels = nullptr;
+  // The door to the setup, waveform, summary and alarm files; the machine's
+  // own when not given.
+  FileSystem* files = nullptr;
+  FileSystem& fileSystem() const { return files != nullptr ? *files : localFiles(); }
   // A message box with an OK button, after which work goes on.
   std::function<void(std::string_view)> showMessage;
   CompanionExecute companion;

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <filesystem>
 
 #include "calcchan/setup_file.h"
 #include "calcchan/summary_files.h"
+#include "common/checked_numbers.h"
 #include "common/text_conventions.h"
 #include "instrument/link/channels.h"
 
@@ -63,7 +63,7 @@ bool CalcChannels::load(std::string_view fileSpec) {
   timer_.setEnabled(false);
   analyser_.clear();
   const std::string local = ports_.resolvePath ? ports_.resolvePath(fileSpec) : std::string(fileSpec);
-  analyser_.setWaveformFolder(std::filesystem::path(local).parent_path().string());
+  analyser_.setWaveformFolder(ports_.fileSystem(), local.find('/') == std::string::npos ? std::string(".") : parentFolder(local));
   lastPassTime_ = state_.loadDate;
   return true;
 }
@@ -273,7 +273,7 @@ void CalcChannels::average(CalcChannel& row) {
   row.counter = clampedCount(row.passes);
   const Micros now = state_.passTime;
   if (now - row.dueTime >= 0) {
-    const Micros period = static_cast<Micros>(leadingNumber(row.param1) * kMicrosPerHour);
+    const Micros period = checkedMicros(leadingNumber(row.param1) * kMicrosPerHour).value_or(0);
     if (period > 0) {
       row.dueTime += ((now - row.dueTime) / period + 1) * period;
     } else {

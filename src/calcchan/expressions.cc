@@ -1,7 +1,7 @@
 #include "calcchan/expressions.h"
 
+#include <algorithm>
 #include <cmath>
-#include <filesystem>
 
 #include "common/paths.h"
 #include "common/text_conventions.h"
@@ -97,10 +97,13 @@ Waveform* Analyser::findWaveform(std::string_view name) {
   }
   // File names are matched without regard to case, as names are.
   const std::string wanted = upperCase(std::string(name) + std::string(kWaveformExtension));
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(waveformFolder_, ec)) {
-    if (upperCase(entry.path().filename().string()) != wanted) continue;
-    if (!entry.is_regular_file(ec) || !loadWaveform(name, entry.path().string(), nullptr)) return nullptr;
+  std::vector<std::string> names;
+  if (!files_->list(waveformFolder_, names, nullptr)) return nullptr;
+  std::sort(names.begin(), names.end());
+  for (const auto& entry : names) {
+    if (upperCase(entry) != wanted) continue;
+    const std::string path = join(waveformFolder_, entry);
+    if (!files_->isFile(path) || !loadWaveform(name, path, nullptr)) return nullptr;
     return &waveforms_.back();
   }
   return nullptr;
@@ -108,7 +111,7 @@ Waveform* Analyser::findWaveform(std::string_view name) {
 
 bool Analyser::loadWaveform(std::string_view name, const std::string& path, std::string* error) {
   std::vector<std::string> lines;
-  if (!readTextLines(path, lines, error)) return false;
+  if (!readTextLines(*files_, path, lines, error)) return false;
   Waveform wave;
   wave.name = std::string(name);
   for (const auto& line : lines) {

@@ -5,6 +5,8 @@
 // right: 2*3+4 is 2*(3+4)), and the tables that names refer to.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -61,7 +63,10 @@ class Analyser {
   const AnalysisResult& result() const { return result_; }
 
   // Where waveform files are looked for (a local folder).
-  void setWaveformFolder(std::string folder) { waveformFolder_ = std::move(folder); }
+  void setWaveformFolder(const FileSystem& files, std::string folder) {
+    files_ = &files;
+    waveformFolder_ = std::move(folder);
+  }
   // Loads a waveform from a CSV file (see docs/calculated-channels.md);
   // false with a reason when the file cannot be read or holds no sample.
   bool loadWaveform(std::string_view name, const std::string& path, std::string* error);
@@ -89,6 +94,7 @@ class Analyser {
   AnalysisResult result_;
   std::vector<NamedResult> results_;
   std::vector<Waveform> waveforms_;
+  const FileSystem* files_ = &localFiles();
   std::string waveformFolder_;
 };
 

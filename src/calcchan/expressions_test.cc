@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <cmath>
 #include <fstream>
 
@@ -112,12 +111,11 @@ TEST_F(ExpressionsTest, AnUnreadableChannelCountsAsZeroAfterItsMessage) {
 }
 
 TEST_F(ExpressionsTest, WaveformsComeFromCsvFilesAndSupportValueCutAndPos) {
-  const std::string folder = ::testing::TempDir() + "waves_" + std::to_string(getpid());
-  std::filesystem::create_directories(folder);
-  std::ofstream(folder + "/Ramp.csv", std::ios::binary)
-      << "# pressure ramp, bar\r\n0,10,20\r\n30\r\n\r\n40,15\r\n";
-  std::ofstream(folder + "/Empty.csv", std::ios::binary) << "# nothing\r\n";
-  analyser->setWaveformFolder(folder);
+  MemoryFileSystem files;
+  const std::string folder = "/data/waves";
+  files.put(folder + "/Ramp.csv", "# pressure ramp, bar\r\n0,10,20\r\n30\r\n\r\n40,15\r\n");
+  files.put(folder + "/Empty.csv", "# nothing\r\n");
+  analyser->setWaveformFolder(files, folder);
 
   EXPECT_EQ(Eval("VALUE(ramp, 2)"), 20);
   EXPECT_EQ(Eval("VALUE(RAMP, 1.5)"), 15);   // between samples: straight line

@@ -1,5 +1,6 @@
 #include "calcchan/setup_file.h"
 
+#include "common/checked_numbers.h"
 #include "common/text_conventions.h"
 #include "common/text_items.h"
 
@@ -50,7 +51,7 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
   };
 
   TextItemReader reader("");
-  if (!TextItemReader::open(resolved, reader, nullptr)) return failed();
+  if (!TextItemReader::open(ports.fileSystem(), resolved, reader, nullptr)) return failed();
   state.table.assign(1, CalcChannel{});
 
   std::string item;
@@ -75,7 +76,10 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
       if (upperCase(item) == kCalcBlockEnd) {
         clearCounters(row, now);
         if (row.type == calc_type::kAverage) {
-          row.dueTime = now + static_cast<Micros>(60 * leadingNumber(row.param1) * kMicrosPerMinute);
+          // A period that does not fit the clock is an error while loading.
+          const auto period = checkedMicros(60 * leadingNumber(row.param1) * kMicrosPerMinute);
+          if (!period) return failed();
+          row.dueTime = now + *period;
         } else if (!IsCalcChannelType(row.type)) {
           ports.showMessage(cr(kTextUnrecognisedType, row.type));
           state.table.pop_back();

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <filesystem>
 
 #include <fstream>
 
@@ -17,22 +16,16 @@ struct SetupFileTest : ::testing::Test {
   std::vector<std::string> messages;
   CalcState state;
   CalcPorts ports;
+  MemoryFileSystem files;
 
-  // A folder of this test process's own: test programs run side by side.
-  static std::string Folder() {
-    static const std::string folder = [] {
-      std::string f = ::testing::TempDir() + "setup_" + std::to_string(getpid()) + "/";
-      std::filesystem::create_directories(f);
-      return f;
-    }();
-    return folder;
-  }
+  static std::string Folder() { return "/data/setups/"; }
 
   SetupFileTest() {
+    ports.files = &files;
     ports.showMessage = [this](std::string_view m) { messages.emplace_back(m); };
     ports.dataFolder = [] { return std::string("c:\\corvane\\data\\"); };
     ports.summaryFolder = [] { return std::string("c:\\corvane\\data\\summary"); };
-    // Setup files in the tests are named "dir\NAME" and live in TempDir.
+    // Setup files in the tests are named "dir\NAME" and live in Folder().
     ports.resolvePath = [](std::string_view spec) {
       const size_t slash = spec.find_last_of('\\');
       return Folder() + std::string(slash == std::string_view::npos ? spec : spec.substr(slash + 1));
@@ -40,7 +33,7 @@ struct SetupFileTest : ::testing::Test {
   }
 
   bool Load(const std::string& name, std::string_view text) {
-    std::ofstream(Folder() + name, std::ios::binary) << text;
+    files.put(Folder() + name, std::string(text));
     return LoadCalcChannelSetup("d:\\setups\\" + name, state, ports, kNow);
   }
 };
@@ -165,6 +158,16 @@ TEST_F(SetupFileTest, BadFilesFailWithTheirMessages) {
       {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\n\"[END CHANNEL]  \"\r\n",
        {"Invalid Calculated Channel file entry:\r[END CHANNEL]  ", unable + "bad.ccs"}},
       {std::string("\0\1\2\3 binary", 10), {unable + "bad.ccs"}},
+      // An averaging period that does not fit the clock is an error while
+      // loading, never an overflow.
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=1e308\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=-1e308\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=1e19\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
+      {"[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=AVERAGE\r\nPARAM1=2.4e+39\r\n[END CHANNEL]\r\n",
+       {unable + "bad.ccs"}},
   };
   for (const auto& c : cases) {
     messages.clear();

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
@@ -91,9 +90,7 @@ bool writeFailed(const CalcPorts& ports, const std::string& error) {
 
 std::string local(const CalcPorts& ports, const std::string& name) {
   std::string path = ports.resolvePath ? ports.resolvePath(name) : name;
-  const std::filesystem::path parent = std::filesystem::path(path).parent_path();
-  std::error_code ec;
-  if (!parent.empty()) std::filesystem::create_directories(parent, ec);
+  if (path.find('/') != std::string::npos) ports.fileSystem().makeFolders(parentFolder(path), nullptr);
   return path;
 }
 
@@ -102,15 +99,19 @@ std::string local(const CalcPorts& ports, const std::string& name) {
 bool appendWithHead(const CalcPorts& ports, const std::string& name,
                     const std::vector<std::string>& head, const std::string& row) {
   const std::string path = local(ports, name);
+  FileSystem& files = ports.fileSystem();
   std::string error;
-  std::error_code ec;
-  if (!std::filesystem::exists(path, ec)) {
+  // Another run may write the same summary: whether the head is needed and
+  // the write itself happen under one lock.
+  const auto held = files.lock(path, &error);
+  if (!held) return writeFailed(ports, error);
+  if (!files.isFile(path)) {
     std::vector<std::string> lines = head;
     lines.push_back(row);
-    if (!writeTextFileAtomically(path, lines, &error)) return writeFailed(ports, error);
+    if (!writeTextFileAtomically(files, path, lines, &error)) return writeFailed(ports, error);
     return true;
   }
-  if (!appendLines(path, {row}, &error)) return writeFailed(ports, error);
+  if (!appendLines(files, path, {row}, &error)) return writeFailed(ports, error);
   return true;
 }
 
@@ -186,7 +187,8 @@ bool AppendAlarmReport(const CalcState& state, const CalcChannel& row, double va
                                      formatNumber(value, "#0.00"), std::string(kTextAlarm)});
   const std::string path = local(ports, AlarmReportName(state));
   std::string error;
-  if (!appendLines(path, {line}, &error)) return writeFailed(ports, error);
+  const auto held = ports.fileSystem().lock(path, &error);
+  if (!held || !appendLines(ports.fileSystem(), path, {line}, &error)) return writeFailed(ports, error);
   return true;
 }
 

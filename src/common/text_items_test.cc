@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-
 #include "common/text_file.h"
 
 namespace tavrix {
@@ -80,37 +77,32 @@ TEST(TextItemReader, ReportsTheEndBeforeAnItemIsAskedFor) {
 
 class TextFileReading : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "/items-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-  std::string dir_;
+  MemoryFileSystem files_;
+  std::string dir_ = "/data";
 };
 
 TEST_F(TextFileReading, ReadsItemsAndLinesOfAFileOrSaysWhyNot) {
   const std::string path = dir_ + "/limits.txt";
-  ASSERT_TRUE(writeTextFileAtomically(path, {"\"TC1, inlet\",12.5", "TC2,13"}, nullptr));
+  ASSERT_TRUE(writeTextFileAtomically(files_, path, {"\"TC1, inlet\",12.5", "TC2,13"}, nullptr));
 
   TextItemReader reader("");
   std::string error;
-  ASSERT_TRUE(TextItemReader::open(path, reader, &error)) << error;
+  ASSERT_TRUE(TextItemReader::open(files_, path, reader, &error)) << error;
   std::vector<std::string> items;
   std::string item;
   while (reader.next(item)) items.push_back(item);
   EXPECT_EQ(items, (Items{"TC1, inlet", "12.5", "TC2", "13"}));
 
   std::vector<std::string> lines;
-  ASSERT_TRUE(readTextLines(path, lines, &error)) << error;
+  ASSERT_TRUE(readTextLines(files_, path, lines, &error)) << error;
   EXPECT_EQ(lines, (Items{"\"TC1, inlet\",12.5", "TC2,13"}));
 
   const std::string missing = dir_ + "/missing.txt";
-  EXPECT_FALSE(TextItemReader::open(missing, reader, &error));
+  EXPECT_FALSE(TextItemReader::open(files_, missing, reader, &error));
   EXPECT_NE(error.find(missing), std::string::npos) << error;
   EXPECT_NE(error.find("No such file"), std::string::npos) << error;
   error.clear();
-  EXPECT_FALSE(readTextLines(missing, lines, &error));
+  EXPECT_FALSE(readTextLines(files_, missing, lines, &error));
   EXPECT_NE(error.find(missing), std::string::npos) << error;
   // A failed open leaves the reader as it was.
   EXPECT_TRUE(reader.atEnd());

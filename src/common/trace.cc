@@ -2,6 +2,8 @@
 
 #include <cinttypes>
 
+#include <nlohmann/json.hpp>
+
 namespace tavrix {
 
 namespace {
@@ -18,59 +20,69 @@ size_t utf8Length(std::string_view s, size_t i) {
   for (size_t k = 1; k < n; ++k) {
     if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
   }
+  const auto c1 = static_cast<unsigned char>(s[i + 1]);
+  // Overlong forms, UTF-16 surrogates and code points above U+10FFFF.
+  if ((c == 0xE0 && c1 < 0xA0) || (c == 0xED && c1 >= 0xA0) || (c == 0xF0 && c1 < 0x90) ||
+      (c == 0xF4 && c1 >= 0x90)) {
+    return 0;
+  }
   return n;
+}
+
+// The code points of Windows-1252 bytes 0x80..0x9F; the others are Latin-1.
+constexpr char16_t kCp1252High[32] = {
+    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
+
+void appendUtf8(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
 }
 
 }  // namespace
 
-std::string jsonString(std::string_view text) {
+std::string utf8FromSequenceText(std::string_view text) {
   std::string out;
-  out.reserve(text.size() + 2);
-  out += '"';
-  char buf[8];
+  out.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20 || c == 0x7F) {
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out += buf;
-        } else if (c < 0x80) {
-          out += static_cast<char>(c);
-        } else if (size_t n = utf8Length(text, i)) {
-          out.append(text.substr(i, n));
-          i += n - 1;
-        } else {
-          // A byte of the 8-bit character set: shown as that code point.
-          std::snprintf(buf, sizeof buf, "\\u%04x", c);
-          out += buf;
-        }
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (const size_t n = utf8Length(text, i)) {
+      out.append(text.substr(i, n));
+      i += n - 1;
+    } else {
+      appendUtf8(out, c < 0xA0 ? kCp1252High[c - 0x80] : c);
     }
   }
-  out += '"';
   return out;
 }
 
-Trace::~Trace() { setOutput(nullptr, false); }
-
-void Trace::setOutput(std::FILE* file, bool owned) {
-  if (out_ != nullptr) {
-    std::fflush(out_);
-    if (owned_) std::fclose(out_);
-  }
-  out_ = file;
-  owned_ = owned;
+std::string jsonString(std::string_view text) {
+  return nlohmann::json(utf8FromSequenceText(text)).dump();
 }
+
+Trace::~Trace() = default;
+
+void Trace::setOutput(std::unique_ptr<OutputFile> out) { out_ = std::move(out); }
 
 void Trace::write(const std::string& line) {
   if (out_ == nullptr) return;
-  std::fwrite(line.data(), 1, line.size(), out_);
-  std::fflush(out_);
+  std::string error;
+  if (out_->write(line, &error)) return;
+  if (linesLost_++ == 0) {
+    firstError_ = error;
+    if (onFirstLoss_) onFirstLoss_(error);
+  }
 }
 
 Trace::Event::Event(Trace& trace, std::string_view ev) : trace_(trace) {

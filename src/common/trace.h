@@ -1,15 +1,18 @@
-// The run's trace: one JSON object a line, each with "t" (seconds since the
+// The run's trace: one JSON object a line (UTF-8), each with "t" (seconds since the
 // run started, on the run's clock, three decimals) and "ev". Writes nothing
 // until an output is set, and then costs nothing for events not asked for.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "common/clock.h"
+#include "common/file_system.h"
 
 namespace tavrix {
 
@@ -20,9 +23,14 @@ class Trace {
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
 
-  // Writes to `file` (not owned unless `owned`); nullptr turns the trace off.
-  void setOutput(std::FILE* file, bool owned);
+  // Writes to `out`; nullptr turns the trace off.
+  void setOutput(std::unique_ptr<OutputFile> out);
   bool enabled() const { return out_ != nullptr; }
+  // Lines that could not be written, and why the first one could not.
+  int64_t linesLost() const { return linesLost_; }
+  const std::string& firstWriteError() const { return firstError_; }
+  // Called once, with the reason, when the first line is lost.
+  void onFirstLoss(std::function<void(const std::string&)> report) { onFirstLoss_ = std::move(report); }
   // The instant that "t" counts from.
   void setOrigin(Micros origin) { origin_ = origin; }
 
@@ -53,13 +61,20 @@ class Trace {
   void write(const std::string& line);
 
   const Clock& clock_;
-  std::FILE* out_ = nullptr;
-  bool owned_ = false;
+  std::unique_ptr<OutputFile> out_;
   Micros origin_ = 0;
+  int64_t linesLost_ = 0;
+  std::string firstError_;
+  std::function<void(const std::string&)> onFirstLoss_;
 };
 
-// JSON string literal of `text` (quotes included). Bytes that are not valid
-// UTF-8 are written as \u00XX so that every line stays valid JSON.
+// `text` as UTF-8: valid UTF-8 sequences stay, every other byte is taken as
+// a character of the Windows-1252 code page that sequence files are usually
+// written in (its five unassigned bytes as the C1 control of that value).
+std::string utf8FromSequenceText(std::string_view text);
+
+// JSON string literal of `text` (quotes included), converted to UTF-8 as
+// utf8FromSequenceText does, so that every line is valid UTF-8 JSON.
 std::string jsonString(std::string_view text);
 
 }  // namespace tavrix

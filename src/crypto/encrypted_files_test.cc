@@ -3,10 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/file_system.h"
+
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 
 #include "crypto/tea.h"
@@ -63,35 +63,26 @@ TEST(EncryptedNames, EncryptedCounterpartOfEachPlainKind) {
 
 class TempFolder {
  public:
-  TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tavrixfilesXXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
+  std::string file(const std::string& name) const { return scratch_.file(name); }
   std::vector<std::string> names() const {
     std::vector<std::string> out;
-    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
-      out.push_back(entry.path().filename().string());
-    }
+    localFiles().list(scratch_.path(), out, nullptr);
     std::sort(out.begin(), out.end());
     return out;
   }
 
  private:
-  std::filesystem::path path_;
+  ScratchFolder scratch_{true};
 };
 
 void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
+  localFiles().writeAtomically(path, content, nullptr);
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  std::string text;
+  localFiles().readFile(path, text, nullptr);
+  return text;
 }
 
 TEST(EncryptedFiles, EncryptThenDecryptNextToTheSource) {
@@ -105,7 +96,7 @@ TEST(EncryptedFiles, EncryptThenDecryptNextToTheSource) {
     ASSERT_TRUE(encryptFile(plain, "", kDefaultUtilityKey, &error)) << error;
     const std::string sealed = folder.file("seq" + std::to_string(n) + ".wte");
     EXPECT_EQ(readFile(sealed).size(), (n + 12 + 7) / 8 * 8);
-    std::filesystem::remove(plain);
+    localFiles().remove(plain, nullptr);
     ASSERT_TRUE(decryptFile(sealed, "", kDefaultUtilityKey, &error)) << error;
     EXPECT_EQ(readFile(plain), content) << n;
   }

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <algorithm>
-#include <filesystem>
 #include <limits>
 #include <random>
 
@@ -89,7 +88,6 @@ std::vector<uint8_t> fromHex(std::string_view text) {
   return bytes;
 }
 
-std::string describeErrno(int err) { return std::strerror(err); }
 
 // Blocks handled per read and write when a file is streamed (a multiple of
 // the block size); the memory a file member needs, whatever the file's size.
@@ -99,99 +97,79 @@ constexpr size_t kChunk = 64 * 1024;
 // the target by commit() only when complete; removed otherwise.
 class SafeTarget {
  public:
-  explicit SafeTarget(std::string path) : path_(std::move(path)) {}
-  ~SafeTarget() {
-    if (file_ != nullptr) std::fclose(file_);
-    if (!temp_.empty()) {
-      std::error_code ec;
-      std::filesystem::remove(temp_, ec);
-    }
-  }
+  SafeTarget(FileSystem& files, std::string path) : files_(files), path_(std::move(path)) {}
 
   bool open(std::string& reason) {
-    static std::atomic<uint32_t> counter{0};
-    std::random_device entropy;
-    int err = 0;
-    for (int attempt = 0; attempt < 16 && file_ == nullptr; ++attempt) {
-      char suffix[40];
-      std::snprintf(suffix, sizeof suffix, ".%08x%04x.tmp", entropy(),
-                    static_cast<unsigned>(++counter & 0xFFFFu));
-      std::string temp = path_ + suffix;
-      file_ = std::fopen(temp.c_str(), "wbx");
-      err = errno;
-      if (file_ != nullptr) temp_ = std::move(temp);
-      if (file_ == nullptr && err != EEXIST) break;
-    }
-    if (file_ == nullptr) {
-      reason = "cannot write file " + path_ + ": " + describeErrno(err);
-      return false;
-    }
-    return true;
+    std::string error;
+    file_ = files_.rewrite(path_, &error);
+    if (!file_) reason = "cannot write file " + path_ + ": " + Why(error);
+    return file_ != nullptr;
   }
 
   bool write(const uint8_t* bytes, size_t size, std::string& reason) {
-    if (size == 0 || std::fwrite(bytes, 1, size, file_) == size) return true;
-    reason = "cannot write file " + path_ + ": " + describeErrno(errno);
+    std::string error;
+    if (file_->write(std::string_view(reinterpret_cast<const char*>(bytes), size), &error)) return true;
+    reason = "cannot write file " + path_ + ": " + Why(error);
     return false;
   }
 
   bool commit(std::string& reason) {
-    const int closed = std::fclose(file_);
-    file_ = nullptr;
-    if (closed != 0) {
-      reason = "cannot write file " + path_ + ": " + describeErrno(errno);
-      return false;
-    }
-    std::error_code ec;
-    std::filesystem::rename(temp_, path_, ec);
-    if (ec) {
-      reason = "cannot write file " + path_ + ": " + ec.message();
-      return false;
-    }
-    temp_.clear();
-    return true;
+    std::string error;
+    if (file_->commit(&error)) return true;
+    reason = "cannot write file " + path_ + ": " + Why(error);
+    return false;
   }
 
  private:
+  // The operating system's reason at the end of a file system message.
+  static std::string Why(const std::string& error) {
+    const size_t at = error.rfind("\": ");
+    return at == std::string::npos ? error : error.substr(at + 3);
+  }
+  FileSystem& files_;
   std::string path_;
-  std::string temp_;
-  std::FILE* file_ = nullptr;
+  std::unique_ptr<AtomicFile> file_;
 };
 
 // A source file open for reading, with its size.
 class SourceFile {
  public:
-  ~SourceFile() {
-    if (file_ != nullptr) std::fclose(file_);
-  }
+  explicit SourceFile(const FileSystem& files) : files_(files) {}
   bool open(const std::string& path, std::string& reason) {
     path_ = path;
-    file_ = std::fopen(path.c_str(), "rb");
-    if (file_ == nullptr) {
-      reason = "cannot open file " + path + ": " + describeErrno(errno);
-      return false;
-    }
-    std::error_code ec;
-    size_ = std::filesystem::file_size(path, ec);
-    if (ec) {
-      reason = "cannot read file " + path + ": " + ec.message();
+    std::string error;
+    file_ = files_.openInput(path, &error);
+    if (!file_) {
+      const size_t at = error.rfind("\": ");
+      reason = "cannot open file " + path + ": " + (at == std::string::npos ? error : error.substr(at + 3));
       return false;
     }
     return true;
   }
-  uint64_t size() const { return size_; }
+  uint64_t size() const { return file_->size(); }
   // Reads exactly `size` bytes; a shorter file is a read error.
   bool read(uint8_t* bytes, size_t size, std::string& reason) {
-    if (std::fread(bytes, 1, size, file_) == size) return true;
-    reason = std::ferror(file_) ? "cannot read file " + path_ + ": " + describeErrno(errno)
-                                : "cannot read file " + path_ + ": it changed while being read";
-    return false;
+    size_t done = 0;
+    while (done < size) {
+      size_t got = 0;
+      std::string error;
+      if (!file_->read(bytes + done, size - done, got, &error)) {
+        reason = "cannot read file " + path_ + ": " + error;
+        return false;
+      }
+      if (got == 0) {
+        reason = "cannot read file " + path_ + ": it changed while being read";
+        return false;
+      }
+      done += got;
+    }
+    return true;
   }
 
  private:
+  const FileSystem& files_;
   std::string path_;
-  std::FILE* file_ = nullptr;
-  uint64_t size_ = 0;
+  std::unique_ptr<InputFile> file_;
 };
 
 }  // namespace
@@ -377,12 +355,12 @@ bool clsTEA::EncryptFile(const std::string& source, const std::string& target,
   error_ = {};
   if (key) Key(*key);
   std::string reason;
-  SourceFile in;
+  SourceFile in(*files_);
   if (!in.open(source, reason)) return fail(kTeaErrFileRead, reason);
   if (in.size() > kMaxPlaintext) return fail(kTeaErrTooLarge, "Data too large for TEA encryption");
   const uint64_t n = in.size();
   const uint64_t length = (n + kHeader + kBlock - 1) / kBlock * kBlock;
-  SafeTarget out(target);
+  SafeTarget out(*files_, target);
   if (!out.open(reason)) return fail(kTeaErrFileWrite, reason);
 
   std::vector<uint8_t> buffer(kChunk, 0);
@@ -418,7 +396,7 @@ bool clsTEA::DecryptFile(const std::string& source, const std::string& target,
   error_ = {};
   if (key) Key(*key);
   std::string reason;
-  SourceFile in;
+  SourceFile in(*files_);
   if (!in.open(source, reason)) return fail(kTeaErrFileRead, reason);
   const uint64_t length = in.size();
   if (length < kHeader + 4 || length % kBlock != 0 ||
@@ -438,7 +416,7 @@ bool clsTEA::DecryptFile(const std::string& source, const std::string& target,
     return fail(kTeaErrSizeDescriptor, std::string(kTeaTextSizeDescriptor));
   }
 
-  SafeTarget out(target);
+  SafeTarget out(*files_, target);
   if (!out.open(reason)) return fail(kTeaErrFileWrite, reason);
   TeaProgressMeter meter(Progress, length);
   const uint64_t plainEnd = kHeader + static_cast<uint64_t>(n);

@@ -7,6 +7,8 @@
 // big-endian. Both byte orders belong to the file format and must be kept.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -59,6 +61,10 @@ class clsTEA {
   clsTEA();
   // Draws the random word from `random` (tests make frames reproducible).
   explicit clsTEA(RandomSource random);
+
+  // The file system EncryptFile and DecryptFile go through (the machine's
+  // own until set).
+  void useFiles(FileSystem& files) { files_ = &files; }
 
   // Reads `source`, encrypts it as one frame and writes the frame to
   // `target`, streaming: memory use does not grow with the file. The target is written under a temporary name in its folder and
@@ -118,6 +124,7 @@ class clsTEA {
   RandomSource random_;
   uint64_t encryptions_ = 0;
   TeaError error_;
+  FileSystem* files_ = &localFiles();
 };
 
 }  // namespace tavrix

@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/file_system.h"
+
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 
 namespace tavrix {
@@ -315,34 +315,28 @@ TEST(TeaProgress, PercentsAtThresholdsEndingWithHundred) {
 
 class TempFolder {
  public:
-  TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tavrixteaXXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
+  std::string file(const std::string& name) const { return scratch_.file(name); }
   size_t count() const {
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(path_),
-                                             std::filesystem::directory_iterator()));
+    std::vector<std::string> names;
+    localFiles().list(scratch_.path(), names, nullptr);
+    return names.size();
   }
 
  private:
-  std::filesystem::path path_;
+  ScratchFolder scratch_;
 };
 
 void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
+  localFiles().writeAtomically(path, std::string(bytes.begin(), bytes.end()), nullptr);
 }
 
 std::vector<uint8_t> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  std::string bytes;
+  localFiles().readFile(path, bytes, nullptr);
+  return {bytes.begin(), bytes.end()};
 }
+
+bool exists(const std::string& path) { return localFiles().info(path).kind != FileKind::kMissing; }
 
 TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   TempFolder folder;
@@ -369,7 +363,7 @@ TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   EXPECT_EQ(tea.LastError().number, kTeaErrSizeDescriptor);
   EXPECT_EQ(readFile(folder.file("back7")), sample(7));
   EXPECT_FALSE(tea.DecryptFile(folder.file("sealed9"), folder.file("new"), "wrong key"));
-  EXPECT_FALSE(std::filesystem::exists(folder.file("new")));
+  EXPECT_FALSE(exists(folder.file("new")));
   EXPECT_EQ(folder.count(), 18u);
 
   EXPECT_FALSE(tea.DecryptFile(folder.file("missing"), folder.file("out"), "file key"));
@@ -381,7 +375,7 @@ TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   EXPECT_THAT(tea.LastError().description, ::testing::HasSubstr("no/such/folder/x"));
 
   // A folder in the target's place cannot be replaced.
-  std::filesystem::create_directory(folder.file("taken"));
+  localFiles().makeFolders(folder.file("taken"), nullptr);
   EXPECT_FALSE(tea.EncryptFile(folder.file("plain8"), folder.file("taken"), "k"));
   EXPECT_EQ(tea.LastError().number, kTeaErrFileWrite);
   EXPECT_EQ(folder.count(), 19u);
@@ -453,7 +447,7 @@ TEST(TeaFiles, DamagedFramesGiveTheSizeDescriptorErrorAndNoFile) {
     EXPECT_FALSE(tea.DecryptFile(folder.file(name), folder.file(name + ".out"), "k")) << name;
     EXPECT_EQ(tea.LastError().number, kTeaErrSizeDescriptor) << name;
     EXPECT_EQ(tea.LastError().description, "Incorrect size descriptor in TEA decryption");
-    EXPECT_FALSE(std::filesystem::exists(folder.file(name + ".out"))) << name;
+    EXPECT_FALSE(exists(folder.file(name + ".out"))) << name;
   }
   EXPECT_EQ(folder.count(), bad.size());
   // The same frame with its right length decrypts.

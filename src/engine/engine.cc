@@ -18,19 +18,21 @@ constexpr std::string_view kSimLinkSpec = "sim";
 constexpr std::string_view kNoInstrument = "No instrument link is attached";
 }  // namespace
 
-Engine::Engine(std::unique_ptr<Clock> clock, Operator& op)
+Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileSystem> files)
     : clock_(std::move(clock)),
+      ownFiles_(files ? std::move(files) : std::make_unique<LocalFileSystem>(defaultDataRoot())),
+      files_(*ownFiles_),
+      paths_(files_.dataRoot()),
       events_(*clock_),
       trace_(*clock_),
       companion_(&trace_),
-      sequencer_(events_, op, trace_),
-      paths_(defaultDataRoot()),
+      sequencer_(events_, op, trace_, files_, paths_),
       testDatabase_(sequencer_, paths_) {
-  RegisterSequencerCommands(sequencer_);
+  RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
-  testDatabase_.results.dataDirectory = defaultDataRoot() + "/data";
+  testDatabase_.results.dataDirectory = join(files_.dataRoot(), "data");
   testDatabase_.registerCommands();
 }
 
@@ -38,22 +40,31 @@ Engine::~Engine() = default;
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
+  if (instrument_) {
+    // Its commands are bound to the instrument already attached.
+    if (error) *error = "an instrument link is attached already";
+    return false;
+  }
   std::unique_ptr<LinkLibrary> backend;
   if (linkFactory_) {
-    backend = linkFactory_(linkSpec, events_.clock(), settings, error);
+    backend = linkFactory_(linkSpec, events_.clock(), settings, files_, error);
   } else if (linkSpec.empty() || linkSpec == kSimLinkSpec) {
-    backend = std::make_unique<SimLink>(events_.clock(), settings.dataRoot);
+    backend = std::make_unique<SimLink>(events_.clock(), settings.dataRoot, files_);
   } else if (error) {
     *error = "unknown link \"" + std::string(linkSpec) + "\": use sim";
   }
   if (!backend) return false;
-  instrument_ =
-      std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend));
+  // The one drive map of the run: the settings' drives over the data root.
+  paths_ = MakePathMap(files_.dataRoot(), settings);
+  instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend),
+                                             paths_);
   RegisterInstrumentCommands(sequencer_, *instrument_);
+  loopCountOutput_.attach(instrument_.get());
   RegisterOutputCommands(sequencer_, *instrument_);
   calcChannelPort_ = std::make_unique<InstrumentChannelPort>(*instrument_);
   CalcPorts ports;
   ports.channels = calcChannelPort_.get();
+  ports.files = &files_;
   ports.showMessage = [this](std::string_view text) { sequencer_.showMessage(text); };
   ports.companion = [this](std::string_view topic, std::string_view item, std::string_view text,
                            std::string* why) { return companion_.execute(topic, item, text, why); };
@@ -65,10 +76,8 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   calc_ = std::make_unique<CalcChannels>(events_, std::move(ports));
   RegisterCalcChannelCommands(sequencer_, *calc_);
 
-  // The stage checks read channels through the channel operations; the test
-  // database's paths use the instrument's drive map, and results without a
-  // directory of their own go to the link's data directory.
-  for (const auto& [letter, folder] : instrument_->settings().driveMap) paths_.setDrive(letter, folder);
+  // The stage checks read channels through the channel operations, and
+  // results without a directory of their own go to the link's data directory.
   testDatabase_.results.dataDirectory = instrument_->link().GetDataDirectory();
   testDatabase_.readChannel = [this](const std::string& name, std::string& value,
                                      std::string& error) {
@@ -79,13 +88,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   return true;
 }
 
-std::string Engine::resolvePath(std::string_view spec) const {
-  PathMap map(defaultDataRoot());
-  if (instrument_ != nullptr) {
-    for (const auto& [letter, folder] : instrument_->settings().driveMap) map.setDrive(letter, folder);
-  }
-  return map.toLocal(spec);
-}
+std::string Engine::resolvePath(std::string_view spec) const { return paths_.toLocal(spec); }
 
 bool Engine::InstrumentChannels::read(std::string_view channel, std::string& value,
                                       std::string* error) {

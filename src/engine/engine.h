@@ -9,8 +9,11 @@
 #include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
+#include "common/file_system.h"
+#include "common/watched_file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
+#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
@@ -21,7 +24,9 @@ namespace tavrix {
 
 class Engine {
  public:
-  Engine(std::unique_ptr<Clock> clock, Operator& op);
+  // `files` is the door to every file of the run; without one the engine
+  // uses the machine's, with the data root defaultDataRoot() gives.
+  Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileSystem> files = nullptr);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
@@ -30,8 +35,13 @@ class Engine {
   EventLoop& events() { return events_; }
   Trace& trace() { return trace_; }
   Sequencer& sequencer() { return sequencer_; }
-  // How Windows paths in sequence and definition files map to local ones.
-  PathMap& paths() { return paths_; }
+  // The run's files. Every write that fails is counted here (see
+  // WatchedFileSystem::losses) so that lost output is never silent.
+  WatchedFileSystem& files() { return files_; }
+  // How Windows paths in sequence and definition files map to local ones:
+  // built once from the data root and, when the instrument is attached, the
+  // drive map of its settings. Every command that names a file uses it.
+  const PathMap& paths() const { return paths_; }
   TestDatabase& testDatabase() { return testDatabase_; }
   // The companion programs. On this platform a recording adapter: it writes
   // what was asked to the trace and answers only configured requests.
@@ -40,7 +50,7 @@ class Engine {
   // Turns a link spec into a backend, or nullptr with a message.
   using LinkFactory = std::function<std::unique_ptr<LinkLibrary>(
       std::string_view linkSpec, const Clock& clock, const InstrumentSettings& settings,
-      std::string* error)>;
+      const FileSystem& files, std::string* error)>;
   // Which backends a link spec can name. By itself the engine knows only the
   // simulated rig ("sim", or no spec); front ends that offer a rig server
   // set MakeLinkLibrary of instrument/backends.
@@ -73,15 +83,19 @@ class Engine {
   };
 
   std::unique_ptr<Clock> clock_;
+  std::unique_ptr<FileSystem> ownFiles_;
+  WatchedFileSystem files_;
+  PathMap paths_;
   LinkFactory linkFactory_;
   EventLoop events_;
   Trace trace_;
   RecordingCompanion companion_;
   Sequencer sequencer_;
-  PathMap paths_;
   TestDatabase testDatabase_;
   InstrumentChannels channelAccess_{*this};
   std::unique_ptr<Instrument> instrument_;
+  // INCREMENTLOOPCOUNT writes to the instrument's channels once one is attached.
+  InstrumentLoopCountOutput loopCountOutput_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
 };

@@ -10,8 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
 #include "engine/engine.h"
 #include "common/text_conventions.h"
@@ -29,7 +27,6 @@
 namespace tavrix {
 namespace {
 
-namespace fs = std::filesystem;
 
 constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
 constexpr Micros kHour = 3600 * kMicrosPerSecond;
@@ -38,10 +35,9 @@ constexpr Micros kWeek = 7 * 24 * kHour;
 // Resident memory of this process in bytes, from /proc/self/statm.
 long ResidentBytes() {
   long size = 0, resident = 0;
-  std::FILE* f = std::fopen("/proc/self/statm", "r");
-  if (f == nullptr) return -1;
-  if (std::fscanf(f, "%ld %ld", &size, &resident) != 2) resident = -1;
-  std::fclose(f);
+  std::string text;
+  if (!localFiles().readFile("/proc/self/statm", text, nullptr)) return -1;
+  if (std::sscanf(text.c_str(), "%ld %ld", &size, &resident) != 2) resident = -1;
   return resident < 0 ? -1 : resident * sysconf(_SC_PAGESIZE);
 }
 
@@ -64,44 +60,33 @@ class CountingOperator : public Operator {
 };
 
 TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat) {
-  const fs::path home = fs::path(::testing::TempDir()) / ("soak-" + std::to_string(getpid()));
-  fs::create_directories(home);
-  ASSERT_EQ(setenv("TAVRIX_HOME", home.c_str(), 1), 0);
+  const ScratchFolder scratch;
+  const std::string home = scratch.path();
+  FileSystem& files = localFiles();
   std::string error;
   const std::string examples = TAVRIX_EXAMPLES_DIR;
   // The day example's rig, and an oven whose reading wanders over its alarm
   // limit now and then.
   std::string rigText;
-  ASSERT_TRUE(readTextFile(examples + "/calc_rig.ims", rigText, &error)) << error;
+  ASSERT_TRUE(readTextFile(files, examples + "/calc_rig.ims", rigText, &error)) << error;
   rigText += "  30001 E=1 M=A N=OVEN U=degC V=20 JITTER=3 HIGH=22.5 TAG=OVENHOT\n"
              "  30002 E=1 M=A N=HANDLED\n";
-  const std::string rig = (home / "soak.ims").string();
-  std::ofstream(rig, std::ios::binary) << rigText;
-  const std::string sequence = (home / "soak.wts").string();
-  std::ofstream(sequence, std::ios::binary)
-      << "IMSFILESPEC " << rig << "\r\n"
-      << "STARTCALCULATEDCHANNELS " << examples << "/calc_day.ccs, 10\r\n"
-      << "CC_START\r\n"
-      << "ALARMDEFINE OVENHOT, GOTO COOL\r\n"
-      << "AGAIN:\r\n"
-      << "SEND LOGSW, 1\r\n"
-      << "WAITSECONDS 3000\r\n"
-      << "SEND LOGSW, 0\r\n"
-      << "WAITSECONDS 600\r\n"
-      << "SEND LOGSW, 1\r\n"
-      << "CHECK T1 < 1000, HOT\r\n"
-      << "GOTO AGAIN\r\n"
-      << "COOL:\r\n"
-      << "PAUSEALARM 1800\r\n"
-      << "SEND HANDLED, 1\r\n"
-      << "GOTO AGAIN\r\n"
-      << "HOT:\r\n"
-      << "STOP\r\n";
+  const std::string rig = home + "/soak.ims";
+  ASSERT_TRUE(files.writeAtomically(rig, rigText, &error)) << error;
+  const std::string sequence = home + "/soak.wts";
+  ASSERT_TRUE(writeTextFileAtomically(files, sequence,
+                                      {"IMSFILESPEC " + rig, "STARTCALCULATEDCHANNELS " + examples + "/calc_day.ccs, 10",
+                                       "CC_START", "ALARMDEFINE OVENHOT, GOTO COOL", "AGAIN:", "SEND LOGSW, 1",
+                                       "WAITSECONDS 3000", "SEND LOGSW, 0", "WAITSECONDS 600", "SEND LOGSW, 1",
+                                       "CHECK T1 < 1000, HOT", "GOTO AGAIN", "COOL:", "PAUSEALARM 1800",
+                                       "SEND HANDLED, 1", "GOTO AGAIN", "HOT:", "STOP"},
+                                      &error))
+      << error;
 
   CountingOperator op;
   auto owned = std::make_unique<VirtualClock>(kStart);
   VirtualClock& clock = *owned;
-  Engine engine(std::move(owned), op);
+  Engine engine(std::move(owned), op, std::make_unique<LocalFileSystem>(home));
   ASSERT_TRUE(engine.attachInstrument({}, "sim", &error)) << error;
   Sequencer& seq = engine.sequencer();
   ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
@@ -132,14 +117,13 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   EXPECT_EQ(handled, "1") << "the oven's alarm never ran its handler";
 
   // A daily summary for each of the seven days, and alarms logged.
-  const fs::path summary = home / "c" / "corvane" / "data" / "summary";
+  const std::string summary = home + "/c/corvane/data/summary";
   std::string month;
-  ASSERT_TRUE(readTextFile((summary / "MONTH_AB_2601.wl").string(), month, &error)) << error;
+  ASSERT_TRUE(readTextFile(files, summary + "/MONTH_AB_2601.wl", month, &error)) << error;
   for (const char* day : {"\r\n01\t", "\r\n04\t", "\r\n07\t"}) {
     EXPECT_NE(month.find(day), std::string::npos) << day << month;
   }
-  EXPECT_GT(fs::file_size(summary / "AB_ALM.txt"), 0u);
-  fs::remove_all(home);
+  EXPECT_GT(files.info(summary + "/AB_ALM.txt").size, 0u);
 
 #ifdef TAVRIX_ASAN
   // The week still runs under the sanitizers (which check every access and

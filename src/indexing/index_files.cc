@@ -1,13 +1,8 @@
 #include "indexing/index_files.h"
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-
 #include "common/text_conventions.h"
 #include "common/text_file.h"
 #include "common/text_items.h"
-#include "platform/files.h"
 
 namespace tavrix {
 
@@ -21,25 +16,22 @@ bool IndexFileTable::add(std::string_view spec, std::string_view nameTemplate, i
                          std::string* message) {
   specs_.emplace_back(spec);
   const std::string local = paths_.toLocal(trim(spec));
-  platform::PathInfo info;
   std::string error;
-  const int err = platform::pathInfo(local, info);
-  if (err == 0 && info.kind != platform::PathKind::kMissing) {
+  if (local.find('/') != std::string::npos) files_.makeFolders(parentFolder(local), nullptr);
+  // Two runs may set up the same index file at once: one creates it.
+  if (const auto held = files_.lock(local, &error)) {
+    const FileKind kind = files_.info(local).kind;
     std::string text;
-    if (info.kind == platform::PathKind::kFolder) {
+    if (kind == FileKind::kFolder) {
       error = "it is a folder";
-    } else if (readTextFile(local, text, &error)) {
-      return true;
+    } else if (kind != FileKind::kMissing) {
+      if (readTextFile(files_, local, text, &error)) return true;
+    } else {
+      const std::string number = std::to_string(limit);
+      if (writeTextFileAtomically(files_, local, {ItemToWrite(nameTemplate), number, number}, &error)) {
+        return true;
+      }
     }
-  } else if (err != 0) {
-    error = platform::errorText(err);
-  } else {
-    const std::filesystem::path parent = std::filesystem::path(local).parent_path();
-    std::error_code ec;
-    if (!parent.empty()) std::filesystem::create_directories(parent, ec);
-    const std::string number = std::to_string(limit);
-    if (writeTextFileAtomically(local, {ItemToWrite(nameTemplate), number, number}, &error))
-      return true;
   }
   if (message) *message = "Open " + std::string(spec) + " error: -" + error;
   return false;
@@ -57,7 +49,11 @@ std::string IndexFileTable::issue(int number, Micros now, std::string* message, 
   const std::string local = paths_.toLocal(trim(specs_[static_cast<size_t>(number) - 1]));
   std::string text;
   std::string error;
-  if (!readTextFile(local, text, &error)) return fail(error);
+  // The number is read and the next one written under one lock, so that two
+  // runs never get the same number.
+  const auto held = files_.lock(local, &error);
+  if (!held) return fail(error);
+  if (!readTextFile(files_, local, text, &error)) return fail(error);
   const std::vector<std::string> lines = splitLines(text);
   if (lines.size() < 3) return fail(local + " holds no template, limit and last number");
   std::string nameTemplate;
@@ -87,7 +83,7 @@ std::string IndexFileTable::issue(int number, Micros now, std::string* message, 
   out.push_back(name + "\t" + formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss"));
   const size_t keep = *limit > 0 ? static_cast<size_t>(*limit) : 0;
   for (size_t i = 0; i < history.size() && i < keep; ++i) out.push_back(history[i]);
-  if (!writeTextFileAtomically(local, out, &error)) return fail(error);
+  if (!writeTextFileAtomically(files_, local, out, &error)) return fail(error);
   return name;
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "common/civil_time.h"
+#include "common/file_system.h"
 #include "common/paths.h"
 
 namespace tavrix {
@@ -25,7 +26,7 @@ inline constexpr std::string_view kNoQuestionMarks = "Indexed File Spec does not
 
 class IndexFileTable {
  public:
-  explicit IndexFileTable(const PathMap& paths) : paths_(paths) {}
+  IndexFileTable(FileSystem& files, const PathMap& paths) : files_(files), paths_(paths) {}
 
   // INDEXINIT: adds the file to the table (its number is the new count) and
   // creates it, holding the template, the limit and again the limit, when it
@@ -45,6 +46,7 @@ class IndexFileTable {
   void clear() { specs_.clear(); }
 
  private:
+  FileSystem& files_;
   const PathMap& paths_;
   std::vector<std::string> specs_;  // as written; slot 1 is specs_[0]
 };

@@ -11,7 +11,6 @@
 namespace tavrix {
 namespace {
 
-namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
 class IndexingTest : public CommandTest {
@@ -19,13 +18,13 @@ class IndexingTest : public CommandTest {
   IndexingTest() { RegisterIndexingCommands(seq_, companion_); }
   Lines ReadLines(const std::string& path) {
     Lines lines;
-    readTextLines(path, lines, nullptr);
+    readTextLines(files_, path, lines, nullptr);
     return lines;
   }
 };
 
 TEST_F(IndexingTest, NumbersRunToTheLimitAndWrap) {
-  IndexFileTable table(seq_.paths());
+  IndexFileTable table(files_, paths_);
   ASSERT_TRUE(table.add("c:\\idx\\runs.idx", "C:\\DATA\\RUN???.DAT", 999, nullptr));
   std::string message, reason;
   EXPECT_EQ(table.issue(1, kTestStart, &message, &reason), "C:\\DATA\\RUN001.DAT");
@@ -43,7 +42,7 @@ TEST_F(IndexingTest, NumbersRunToTheLimitAndWrap) {
 
 TEST_F(IndexingTest, TheFileKeepsItsTemplateAndAShortHistory) {
   Write("c/idx/run.idx", {"C:\\DATA\\RUN???.DAT", "3", "41"});
-  IndexFileTable table(seq_.paths());
+  IndexFileTable table(files_, paths_);
   // An existing file is left as it is, whatever the parameters say.
   ASSERT_TRUE(table.add("c:/idx/run.idx", "X???", 7, nullptr));
   std::string message, reason;
@@ -82,8 +81,8 @@ TEST_F(IndexingTest, TheFileKeepsItsTemplateAndAShortHistory) {
 }
 
 TEST_F(IndexingTest, IndexInitReportsAFileItCannotOpen) {
-  fs::create_directories(dir_ + "/c/idx/folder.idx");
-  IndexFileTable table(seq_.paths());
+  files_.makeFolders(dir_ + "/c/idx/folder.idx", nullptr);
+  IndexFileTable table(files_, paths_);
   std::string message;
   EXPECT_FALSE(table.add("c:\\idx\\folder.idx", "R???", 9, &message));
   EXPECT_EQ(message, "Open c:\\idx\\folder.idx error: -it is a folder");
@@ -114,11 +113,11 @@ TEST_F(IndexingTest, IndexSave580CopiesTheChannelFilesIntoANewFolder) {
   Write("c/save/T001/old.bin", {"stale"});
   Write("c/save/T001/notes.txt", {"kept"});
   EXPECT_EQ(Run({"INDEXINIT c:\\idx\\save.idx, c:\\save\\T???\\, 50", "INDEXSAVE580 c:\\rec, bin"}), "");
-  EXPECT_FALSE(fs::exists(dir_ + "/c/save/T001/old.bin"));
-  EXPECT_TRUE(fs::exists(dir_ + "/c/save/T001/notes.txt"));
+  EXPECT_FALSE(files_.isFile(dir_ + "/c/save/T001/old.bin"));
+  EXPECT_TRUE(files_.isFile(dir_ + "/c/save/T001/notes.txt"));
   EXPECT_EQ(ReadLines(dir_ + "/c/save/T001/chn15.bin"), (Lines{"data 15"}));
-  EXPECT_TRUE(fs::exists(dir_ + "/c/save/T001/chn0.bin"));
-  EXPECT_FALSE(fs::exists(dir_ + "/c/save/T001/chn1.bin"));
+  EXPECT_TRUE(files_.isFile(dir_ + "/c/save/T001/chn0.bin"));
+  EXPECT_FALSE(files_.isFile(dir_ + "/c/save/T001/chn1.bin"));
 
   EXPECT_EQ(Run({"INDEXINIT c:\\idx\\file.idx, c:\\save\\F???.DAT, 50", "INDEXSAVE580 c:\\rec, bin"}), "");
   EXPECT_EQ(op_.messages.back(), "Indexed filespec for IndexSave580 is not a valid directory name");

@@ -1,6 +1,5 @@
 #include "indexing/indexing_commands.h"
 
-#include <filesystem>
 #include <memory>
 
 #include "common/text_conventions.h"
@@ -12,7 +11,6 @@ namespace tavrix {
 
 namespace {
 
-namespace fs = std::filesystem;
 
 constexpr std::string_view kLoggerNameFailed = "New Logger data filename could not be created";
 constexpr std::string_view kLoggerNameIsFolder =
@@ -81,43 +79,55 @@ void IndexSave580(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd)
     seq.showMessage(kFolderNameIsFile);
     return;
   }
-  const fs::path folder = seq.paths().toLocal(std::string_view(name).substr(0, name.size() - 1));
-  std::error_code ec;
-  fs::create_directories(folder, ec);
-  if (!fs::is_directory(folder, ec)) {
-    seq.showMessage("Cannot create the folder " + name + ": " + ec.message());
+  FileSystem& files = seq.files();
+  const std::string folder = seq.paths().toLocal(std::string_view(name).substr(0, name.size() - 1));
+  std::string error;
+  if (!files.makeFolders(folder, &error)) {
+    const size_t why = error.rfind("\": ");
+    seq.showMessage("Cannot create the folder " + name + ": " +
+                    (why == std::string::npos ? error : error.substr(why + 3)));
     return;
   }
   const std::string extension(trim(cmd.arg2));
   const std::string suffix = "." + extension;
   // Old channel files in the folder go first; failures are ignored.
-  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-    const std::string file = it->path().filename().string();
-    if (file.size() >= suffix.size() && file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0) {
-      std::error_code ignored;
-      fs::remove(it->path(), ignored);
+  std::vector<std::string> names;
+  if (files.list(folder, names, nullptr)) {
+    for (const auto& file : names) {
+      if (file.size() >= suffix.size() && file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0) {
+        files.remove(join(folder, file), nullptr);
+      }
     }
   }
-  const fs::path source = seq.paths().toLocal(trim(cmd.arg1));
+  const std::string source = seq.paths().toLocal(trim(cmd.arg1));
   for (int channel = 0; channel < kRecorderChannels; ++channel) {
     const std::string file = "chn" + std::to_string(channel) + suffix;
-    std::error_code ignored;  // a missing channel file is skipped
-    fs::copy_file(source / file, folder / file, fs::copy_options::overwrite_existing, ignored);
+    std::string bytes;  // a missing channel file is skipped
+    if (files.readFile(join(source, file), bytes, nullptr)) files.writeAtomically(join(folder, file), bytes, nullptr);
   }
 }
 
+constexpr std::string_view kFamily = "src/indexing/indexing_commands.cc";
+const Keyword<CommandLine> kIndexInit{"INDEXINIT", kFamily, AsWritten};
+const Keyword<CommandLine> kIndexLoggerFile{"INDEXLOGGERFILE", kFamily, AsWritten};
+const Keyword<CommandLine> kIndexSave580{"INDEXSAVE580", kFamily, AsWritten};
+
 }  // namespace
 
+std::vector<KeywordEntry> IndexingKeywords() {
+  return {Entry(kIndexInit), Entry(kIndexLoggerFile), Entry(kIndexSave580)};
+}
+
 void RegisterIndexingCommands(Sequencer& seq, Companion& companion) {
-  auto table = std::make_shared<IndexFileTable>(seq.paths());
+  auto table = std::make_shared<IndexFileTable>(seq.files(), seq.paths());
   Companion* port = &companion;
   auto& d = seq.dispatcher();
-  d.registerHandler("INDEXINIT", [table](Sequencer& s, const CommandLine& c) { IndexInit(*table, s, c); });
-  d.registerHandler("INDEXLOGGERFILE", [table, port](Sequencer& s, const CommandLine& c) {
+  d.bind(kIndexInit, [table](Sequencer& s, const CommandLine& c) { IndexInit(*table, s, c); });
+  d.bind(kIndexLoggerFile, [table, port](Sequencer& s, const CommandLine& c) {
     IndexLoggerFile(*table, *port, s, c);
   });
-  d.registerHandler("INDEXSAVE580",
-                    [table](Sequencer& s, const CommandLine& c) { IndexSave580(*table, s, c); });
+  d.bind(kIndexSave580,
+         [table](Sequencer& s, const CommandLine& c) { IndexSave580(*table, s, c); });
   seq.addPrepareHook([table] { table->clear(); });
   seq.addStopHook([table] { table->clear(); });
 }

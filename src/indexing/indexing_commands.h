@@ -8,11 +8,16 @@
 // on after them.
 #pragma once
 
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class Sequencer;
 class Companion;
 
+std::vector<KeywordEntry> IndexingKeywords();
 void RegisterIndexingCommands(Sequencer& sequencer, Companion& companion);
 
 }  // namespace tavrix

@@ -49,9 +49,9 @@ AnswersFile AnswersFile::parse(std::string_view text) {
   return file;
 }
 
-std::optional<AnswersFile> AnswersFile::load(const std::string& path, std::string* error) {
+std::optional<AnswersFile> AnswersFile::load(const FileSystem& files, const std::string& path, std::string* error) {
   std::string text;
-  if (!readTextFile(path, text, error)) return std::nullopt;
+  if (!readTextFile(files, path, text, error)) return std::nullopt;
   return parse(text);
 }
 

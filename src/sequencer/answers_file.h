@@ -9,6 +9,8 @@
 // untagged or tagged K; failing that a K* line; failing that it has no answer.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,7 +31,7 @@ class AnswersFile {
   // Parses the text of an answers file.
   static AnswersFile parse(std::string_view text);
   // Reads a file; std::nullopt with a message when it cannot be read.
-  static std::optional<AnswersFile> load(const std::string& path, std::string* error);
+  static std::optional<AnswersFile> load(const FileSystem& files, const std::string& path, std::string* error);
 
   // The answer to the next question of `kind` (the line is used up unless
   // it is a KIND* line); std::nullopt when no line answers it.

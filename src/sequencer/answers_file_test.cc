@@ -72,5 +72,23 @@ TEST(ScriptedOperator, FieldsAfterTheButtonReachTheAskerWhole) {
   EXPECT_EQ(got, std::nullopt);
 }
 
+// A question that must be asked again after its answer (MANUALADJUST after
+// Up, a refused data entry) may be, unless the answer came from a KIND*
+// line: that line would only give the same answer again.
+TEST(ScriptedOperator, AStandingAnswerCannotBeAskedForAgain) {
+  ScriptedOperator op(AnswersFile::parse("MANUALADJUST: Up\nMANUALADJUST*: Down\n"), nullptr);
+  Question q{"MANUALADJUST", "", "Adjust", {"Up", "Down", "Done"}};
+  Answer got;
+  op.ask(q, [&](Answer a) { got = a; });
+  EXPECT_EQ(got, "Up");
+  EXPECT_TRUE(op.mayAskAgain(q, "only Done ends it"));
+  op.ask(q, [&](Answer a) { got = a; });
+  EXPECT_EQ(got, "Down");
+  EXPECT_FALSE(op.mayAskAgain(q, "only Done ends it"));
+  EXPECT_EQ(op.unansweredReason(),
+            "line 2 of the answers file answers \"Down\" to every MANUALADJUST question, and only "
+            "Done ends it; the same answer would come again");
+}
+
 }  // namespace
 }  // namespace tavrix

@@ -40,12 +40,20 @@ std::string ChainPath(Sequencer& seq, std::string_view written) {
   return local;
 }
 
-void Chain(ChainState& state, Sequencer& seq, const CommandLine& cmd) {
-  const std::string_view written = trim(cmd.arg1);
-  if (written.empty()) {
-    seq.reportSequenceError("Chain - no sequence file given");
-    return;
-  }
+// CHAIN file[, label]
+struct ChainCommand {
+  std::string file;  // as written
+  std::string label;
+};
+
+Parsed<ChainCommand> ParseChain(const CommandLine& cmd) {
+  ChainCommand chain{std::string(trim(cmd.arg1)), cmd.arg2};
+  if (chain.file.empty()) return ParseFailure{"Chain - no sequence file given"};
+  return chain;
+}
+
+void Chain(ChainState& state, Sequencer& seq, const ChainCommand& cmd) {
+  const std::string_view written = cmd.file;
   if (state.stack.size() >= kMaxChainDepth) {
     seq.reportSequenceError("Chain - more than " + std::to_string(kMaxChainDepth) +
                             " nested Chain commands: " + std::string(written));
@@ -59,7 +67,7 @@ void Chain(ChainState& state, Sequencer& seq, const CommandLine& cmd) {
   }
   state.stack.push_back(back);
   if (seq.trace().enabled()) seq.trace().event("chain").field("file", seq.sequenceFileName());
-  if (!trim(cmd.arg2).empty()) seq.searchLabel(cmd.arg2);
+  if (!trim(cmd.label).empty()) seq.searchLabel(cmd.label);
 }
 
 void Return(ChainState& state, Sequencer& seq, const CommandLine&) {
@@ -77,13 +85,19 @@ void Return(ChainState& state, Sequencer& seq, const CommandLine&) {
   if (seq.trace().enabled()) seq.trace().event("return").field("file", back.file).field("line", back.line);
 }
 
+constexpr std::string_view kFamily = "src/sequencer/chain.cc";
+const Keyword<ChainCommand> kChain{"CHAIN", kFamily, ParseChain};
+const Keyword<CommandLine> kReturn{"RETURN", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> ChainKeywords() { return {Entry(kChain), Entry(kReturn)}; }
 
 void RegisterChainCommands(Sequencer& seq) {
   auto state = std::make_shared<ChainState>();
   auto& d = seq.dispatcher();
-  d.registerHandler("CHAIN", [state](Sequencer& s, const CommandLine& c) { Chain(*state, s, c); });
-  d.registerHandler("RETURN", [state](Sequencer& s, const CommandLine& c) { Return(*state, s, c); });
+  d.bind(kChain, [state](Sequencer& s, const ChainCommand& c) { Chain(*state, s, c); });
+  d.bind(kReturn, [state](Sequencer& s, const CommandLine& c) { Return(*state, s, c); });
   seq.addPrepareHook([state] { state->stack.clear(); });
   seq.addStopHook([state] { state->stack.clear(); });
 }

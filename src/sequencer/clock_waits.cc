@@ -13,6 +13,8 @@
 
 #include "sequencer/clock_waits.h"
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <random>
 #include <vector>
@@ -26,7 +28,7 @@ namespace tavrix {
 namespace {
 
 struct ClockWaitState {
-  std::mt19937_64 random{std::random_device{}()};
+  UniformSource uniform;
 };
 
 // Parses "hh:mm" or "hh:mm:ss" (hours 0-23); the fields are whole numbers.
@@ -83,16 +85,26 @@ std::string Invalid(const CommandLine& cmd, std::string_view statement) {
   return "Invalid parameter - " + argument + " - for a " + std::string(statement) + " statement";
 }
 
-void WaitRandom(ClockWaitState& state, Sequencer& seq, const CommandLine& cmd) {
+// The bounds of a random wait, in seconds.
+struct RandomWaitCommand {
+  double low = 0;
+  double high = 0;
+};
+
+Parsed<RandomWaitCommand> ParseWaitRandom(const CommandLine& cmd) {
   const bool two = !trim(cmd.arg2).empty();
   const double low = two ? leadingNumber(cmd.arg1) : 0;
   const double high = two ? leadingNumber(cmd.arg2) : leadingNumber(cmd.arg1);
   if (!(low >= 0) || !(high > 0) || high < low || high > 86400.0 * 366) {
-    seq.reportSequenceError(Invalid(cmd, "WaitRandom"));
-    return;
+    return ParseFailure{Invalid(cmd, "WaitRandom")};
   }
-  std::uniform_real_distribution<double> pick(low, high);
-  const double seconds = low == high ? low : pick(state.random);
+  return RandomWaitCommand{low, high};
+}
+
+void WaitRandom(ClockWaitState& state, Sequencer& seq, const RandomWaitCommand& cmd) {
+  const double low = cmd.low;
+  const double high = cmd.high;
+  const double seconds = low == high ? low : std::min(high, low + (high - low) * state.uniform());
   const Micros length = static_cast<Micros>(seconds * kMicrosPerSecond);
   if (seq.trace().enabled()) {
     seq.trace().event("waitrandom").field("ms", static_cast<int64_t>(length / 1000));
@@ -100,20 +112,31 @@ void WaitRandom(ClockWaitState& state, Sequencer& seq, const CommandLine& cmd) {
   WaitForInstant(seq, seq.clock().now() + length, "waitrandom");
 }
 
-void WaitTimeOfDay(ClockWaitState&, Sequencer& seq, const CommandLine& cmd) {
+// A time of day, in seconds since midnight.
+struct TimeOfDayCommand {
+  int seconds = 0;
+};
+
+Parsed<TimeOfDayCommand> ParseWaitTimeOfDay(const CommandLine& cmd) {
   const auto seconds = ParseTimeOfDay(cmd.arg1);
-  if (!seconds) {
-    seq.reportSequenceError(Invalid(cmd, "WaitTimeOfDay"));
-    return;
-  }
+  if (!seconds) return ParseFailure{Invalid(cmd, "WaitTimeOfDay")};
+  return TimeOfDayCommand{*seconds};
+}
+
+void WaitTimeOfDay(ClockWaitState&, Sequencer& seq, const TimeOfDayCommand& cmd) {
   const Micros now = seq.clock().now();
   const Micros midnight = now - static_cast<Micros>(secondsSinceMidnight(now) * kMicrosPerSecond);
-  Micros due = midnight + *seconds * kMicrosPerSecond;
+  Micros due = midnight + cmd.seconds * kMicrosPerSecond;
   if (due < now) due += kMicrosPerDay;
   WaitForInstant(seq, due, "waittimeofday");
 }
 
-void WaitDateTime(ClockWaitState&, Sequencer& seq, const CommandLine& cmd) {
+// The moment a WAITDATETIME waits for.
+struct DateTimeCommand {
+  Micros due = 0;
+};
+
+Parsed<DateTimeCommand> ParseWaitDateTime(const CommandLine& cmd) {
   std::string_view date = trim(cmd.arg1);
   std::string_view time = trim(cmd.arg2);
   if (time.empty()) {
@@ -126,24 +149,46 @@ void WaitDateTime(ClockWaitState&, Sequencer& seq, const CommandLine& cmd) {
   }
   const auto day = ParseDate(date);
   const auto seconds = time.empty() ? std::optional<int>(0) : ParseTimeOfDay(time);
-  if (!day || !seconds || !trim(cmd.arg3).empty()) {
-    seq.reportSequenceError(Invalid(cmd, "WaitDateTime"));
-    return;
-  }
-  WaitForInstant(seq, *day + *seconds * kMicrosPerSecond, "waitdatetime");
+  if (!day || !seconds || !trim(cmd.arg3).empty())
+    return ParseFailure{Invalid(cmd, "WaitDateTime")};
+  return DateTimeCommand{*day + *seconds * kMicrosPerSecond};
+}
+
+void WaitDateTime(ClockWaitState&, Sequencer& seq, const DateTimeCommand& cmd) {
+  WaitForInstant(seq, cmd.due, "waitdatetime");
+}
+
+constexpr std::string_view kFamily = "src/sequencer/clock_waits.cc";
+const Keyword<RandomWaitCommand> kWaitRandom{"WAITRANDOM", kFamily, ParseWaitRandom};
+const Keyword<TimeOfDayCommand> kWaitTimeOfDay{"WAITTIMEOFDAY", kFamily, ParseWaitTimeOfDay};
+const Keyword<DateTimeCommand> kWaitDateTime{"WAITDATETIME", kFamily, ParseWaitDateTime};
+
+template <class Command>
+std::function<void(Sequencer&, const Command&)> WithState(std::shared_ptr<ClockWaitState> state,
+                                                          void (*handler)(ClockWaitState&,
+                                                                          Sequencer&,
+                                                                          const Command&)) {
+  return [state, handler](Sequencer& s, const Command& c) { handler(*state, s, c); };
 }
 
 }  // namespace
 
-void RegisterClockWaitCommands(Sequencer& seq) {
+std::vector<KeywordEntry> ClockWaitKeywords() {
+  return {Entry(kWaitRandom), Entry(kWaitTimeOfDay), Entry(kWaitDateTime)};
+}
+
+UniformSource SystemUniformSource() {
+  auto engine = std::make_shared<std::mt19937_64>(std::random_device{}());
+  return [engine] { return std::uniform_real_distribution<double>(0.0, 1.0)(*engine); };
+}
+
+void RegisterClockWaitCommands(Sequencer& seq, UniformSource uniform) {
   auto state = std::make_shared<ClockWaitState>();
-  auto bind = [state](void (*handler)(ClockWaitState&, Sequencer&, const CommandLine&)) {
-    return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
-  };
+  state->uniform = uniform ? std::move(uniform) : SystemUniformSource();
   auto& d = seq.dispatcher();
-  d.registerHandler("WAITRANDOM", bind(WaitRandom));
-  d.registerHandler("WAITTIMEOFDAY", bind(WaitTimeOfDay));
-  d.registerHandler("WAITDATETIME", bind(WaitDateTime));
+  d.bind(kWaitRandom, WithState(state, WaitRandom));
+  d.bind(kWaitTimeOfDay, WithState(state, WaitTimeOfDay));
+  d.bind(kWaitDateTime, WithState(state, WaitDateTime));
 }
 
 }  // namespace tavrix

@@ -2,10 +2,24 @@
 // time of day and a date and time.
 #pragma once
 
+#include <functional>
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class Sequencer;
 
-void RegisterClockWaitCommands(Sequencer& sequencer);
+// Where WAITRANDOM's lengths come from: each call a number drawn evenly from
+// [0, 1). The wait is low + (high - low) x the draw.
+using UniformSource = std::function<double()>;
+
+// A source seeded from the system's entropy.
+UniformSource SystemUniformSource();
+
+std::vector<KeywordEntry> ClockWaitKeywords();
+// Without a source, WAITRANDOM draws from SystemUniformSource().
+void RegisterClockWaitCommands(Sequencer& sequencer, UniformSource uniform = {});
 
 }  // namespace tavrix

@@ -1,6 +1,9 @@
 // WAITRANDOM, WAITTIMEOFDAY and WAITDATETIME in virtual time. The clock
 // starts at 2026-01-01 00:00:00.
 
+#include <cstdio>
+#include <sstream>
+
 #include "sequencer/test_run_engine.h"
 
 namespace tavrix {
@@ -38,22 +41,69 @@ TEST_F(ClockWaitsTest, WaitDateTimeWaitsUntilTheMomentAndNotForOneGoneBy) {
   EXPECT_EQ(toCivil(clock_.now()).second, 1);
 }
 
-TEST_F(ClockWaitsTest, WaitRandomStaysWithinItsBounds) {
-  EXPECT_EQ(Run({"WAITRANDOM 5, 5"}), "");
-  EXPECT_DOUBLE_EQ(Elapsed(), 5.0);
+TEST_F(ClockWaitsTest, WaitRandomDrawsItsLengthEvenlyBetweenItsBounds) {
+  // The draw maps onto the bounds: low + (high - low) x draw.
+  draws_ = {0.0, 0.5, 0.25};
   double before = Elapsed();
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(Run({"WAITRANDOM 2, 4"}), "");
-    EXPECT_GE(Elapsed() - before, 2.0);
-    EXPECT_LE(Elapsed() - before, 4.0);
+  auto waited = [&] {
+    const double length = Elapsed() - before;
     before = Elapsed();
-    EXPECT_EQ(Run({"WAITRANDOM 0.5"}), "");
-    EXPECT_LE(Elapsed() - before, 0.5);
-    before = Elapsed();
+    return length;
+  };
+  EXPECT_EQ(Run({"WAITRANDOM 2, 6"}), "");
+  EXPECT_DOUBLE_EQ(waited(), 2.0);
+  EXPECT_EQ(Run({"WAITRANDOM 2, 6"}), "");
+  EXPECT_DOUBLE_EQ(waited(), 4.0);
+  EXPECT_EQ(Run({"WAITRANDOM 8"}), "");  // one bound: from 0
+  EXPECT_DOUBLE_EQ(waited(), 2.0);
+  EXPECT_EQ(Run({"WAITRANDOM 5, 5"}), "");
+  EXPECT_DOUBLE_EQ(waited(), 5.0);
+
+  // From the seeded generator, 2000 waits between 10 and 20 s fall evenly
+  // into ten one-second bins: a chi-square of 9 degrees of freedom well
+  // below its 0.1 % point (27.9), and a mean near 15. The trace gives the
+  // instant each line starts.
+  constexpr int kWaits = 2000;
+  char* text = nullptr;
+  size_t size = 0;
+  std::FILE* out = open_memstream(&text, &size);
+  trace_.setOutput(streamOutput(out));
+  EXPECT_EQ(Run(std::vector<std::string>(kWaits + 1, "WAITRANDOM 10, 20")), "");
+  trace_.setOutput(nullptr);
+  std::fclose(out);
+  std::vector<double> starts;
+  std::istringstream lines(std::string(text, size));
+  std::free(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("\"ev\":\"line\"") != std::string::npos)
+      starts.push_back(std::stod(line.substr(line.find(':') + 1)));
   }
+  ASSERT_EQ(starts.size(), kWaits + 1u);
+  std::vector<int> bins(10, 0);
+  for (size_t i = 1; i < starts.size(); ++i) {
+    const double length = starts[i] - starts[i - 1];
+    ASSERT_GE(length, 10.0);
+    ASSERT_LE(length, 20.0);
+    ++bins[std::min(9, static_cast<int>(length - 10))];
+  }
+  double chiSquare = 0;
+  for (int count : bins)
+    chiSquare += (count - kWaits / 10.0) * (count - kWaits / 10.0) / (kWaits / 10.0);
+  EXPECT_LT(chiSquare, 27.9);
+  EXPECT_NEAR((starts.back() - starts.front()) / kWaits, 15.0, 0.25);
+
   EXPECT_EQ(Run({"WAITRANDOM 0"}), "Invalid parameter - 0 - for a WaitRandom statement");
   EXPECT_EQ(Run({"WAITRANDOM 5, 2"}), "Invalid parameter - 5, 2 - for a WaitRandom statement");
   EXPECT_EQ(Run({"WAITRANDOM -1, 2"}), "Invalid parameter - -1, 2 - for a WaitRandom statement");
+}
+
+TEST_F(ClockWaitsTest, StopEndsTheClockWaitsAtOnce) {
+  Timer stopper(events_, 5 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  stopper.setEnabled(true);
+  EXPECT_EQ(Run({"WAITDATETIME 01-02-2026", "WAITRANDOM 3, 3"}), "");
+  EXPECT_DOUBLE_EQ(Elapsed(), 5.0);
+  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
+  EXPECT_EQ(op_.statuses.back(), "Stopped");
 }
 
 }  // namespace

@@ -100,7 +100,21 @@ void WaitStreamer(Companion& companion, Sequencer& seq, const CommandLine&) {
   });
 }
 
+constexpr std::string_view kFamily = "src/sequencer/companion_commands.cc";
+const Keyword<CommandLine> kIconise{"ICONISE", kFamily, AsWritten};
+const Keyword<CommandLine> kAppLoad{"APPLOAD", kFamily, AsWritten};
+const Keyword<CommandLine> kSendKeys{"SENDKEYS", kFamily, AsWritten};
+const Keyword<CommandLine> kLinkPoke{"LINKPOKE", kFamily, AsWritten};
+const Keyword<CommandLine> kLinkExecute{"LINKEXECUTE", kFamily, AsWritten};
+const Keyword<CommandLine> kStartStreamer{"STARTSTREAMER", kFamily, AsWritten};
+const Keyword<CommandLine> kWaitStreamer{"WAITSTREAMER", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> CompanionKeywords() {
+  return {Entry(kIconise),     Entry(kAppLoad),       Entry(kSendKeys),    Entry(kLinkPoke),
+          Entry(kLinkExecute), Entry(kStartStreamer), Entry(kWaitStreamer)};
+}
 
 void RegisterCompanionCommands(Sequencer& seq, Companion& companion) {
   Companion* port = &companion;
@@ -108,13 +122,13 @@ void RegisterCompanionCommands(Sequencer& seq, Companion& companion) {
     return [port, handler](Sequencer& s, const CommandLine& c) { handler(*port, s, c); };
   };
   auto& d = seq.dispatcher();
-  d.registerHandler("ICONISE", Iconise);
-  d.registerHandler("APPLOAD", bind(AppLoad));
-  d.registerHandler("SENDKEYS", bind(SendKeys));
-  d.registerHandler("LINKPOKE", bind(LinkPoke));
-  d.registerHandler("LINKEXECUTE", bind(LinkExecute));
-  d.registerHandler("STARTSTREAMER", bind(StartStreamer));
-  d.registerHandler("WAITSTREAMER", bind(WaitStreamer));
+  d.bind(kIconise, Iconise);
+  d.bind(kAppLoad, bind(AppLoad));
+  d.bind(kSendKeys, bind(SendKeys));
+  d.bind(kLinkPoke, bind(LinkPoke));
+  d.bind(kLinkExecute, bind(LinkExecute));
+  d.bind(kStartStreamer, bind(StartStreamer));
+  d.bind(kWaitStreamer, bind(WaitStreamer));
 }
 
 }  // namespace tavrix

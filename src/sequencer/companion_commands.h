@@ -2,9 +2,15 @@
 // program starts, the streamer, and ICONISE.
 #pragma once
 
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class Sequencer;
+
+std::vector<KeywordEntry> CompanionKeywords();
 class Companion;
 
 // ICONISE, APPLOAD, SENDKEYS, LINKPOKE, LINKEXECUTE, STARTSTREAMER and

@@ -43,10 +43,10 @@ std::string MatchAnswer(const Question& question, std::string_view text) {
   return first + std::string(text.substr(bar));
 }
 
-std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& answers,
+std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std::optional<std::string>& answers,
                                               std::FILE* in, std::FILE* out, std::string* error) {
   if (answers) {
-    auto file = AnswersFile::load(*answers, error);
+    auto file = AnswersFile::load(files, *answers, error);
     if (!file) return nullptr;
     return std::make_unique<ScriptedOperator>(std::move(*file), out);
   }
@@ -56,6 +56,11 @@ std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& 
 
 void ScriptedOperator::ask(const Question& question, std::function<void(Answer)> answered) {
   const AnswersFile::Line* line = answers_.take(question.kind);
+  last_.reset();
+  if (line != nullptr) {
+    last_ = *line;
+    lastKind_ = question.kind;
+  }
   if (line == nullptr) {
     reason_ = "the answers file has no answer left for it";
     answered(std::nullopt);
@@ -75,6 +80,14 @@ void ScriptedOperator::ask(const Question& question, std::function<void(Answer)>
     return;
   }
   answered(button);
+}
+
+bool ScriptedOperator::mayAskAgain(const Question& question, std::string_view why) {
+  if (!last_ || !last_->every || lastKind_ != question.kind) return true;
+  reason_ = "line " + std::to_string(last_->number) + " of the answers file answers \"" +
+            last_->caption + "\" to every " + question.kind + " question, and " + std::string(why) +
+            "; the same answer would come again";
+  return false;
 }
 
 void ScriptedOperator::showMessage(std::string_view title, std::string_view text) {

@@ -3,6 +3,8 @@
 // to the error stream.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -26,12 +28,18 @@ class ScriptedOperator : public Operator {
   ScriptedOperator(AnswersFile answers, std::FILE* messages) : answers_(std::move(answers)), out_(messages) {}
   void ask(const Question& question, std::function<void(Answer)> answered) override;
   std::string unansweredReason() const override { return reason_; }
+  // A KIND* line gives the same answer every time: a question that refuses
+  // it, or that it sends round again, would loop for ever.
+  bool mayAskAgain(const Question& question, std::string_view why) override;
   void showMessage(std::string_view title, std::string_view text) override;
 
  private:
   AnswersFile answers_;
   std::FILE* out_;
   std::string reason_;
+  // The line that gave the last answer, and the kind it answered.
+  std::optional<AnswersFile::Line> last_;
+  std::string lastKind_;
 };
 
 // Asks at the terminal: the question, its buttons numbered, and a line of
@@ -55,7 +63,7 @@ class TerminalOperator : public Operator {
 // The operator of a headless run: answers from the file `answers` when one
 // is given, else questions at the terminal when `in` is one, else no
 // answers at all. nullptr with a message when the answers file cannot be read.
-std::unique_ptr<Operator> MakeConsoleOperator(const std::optional<std::string>& answers,
+std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std::optional<std::string>& answers,
                                               std::FILE* in, std::FILE* out, std::string* error);
 
 // The button of `question` that `text` names: the caption as written, in

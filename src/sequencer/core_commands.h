@@ -17,14 +17,29 @@
 
 namespace tavrix {
 
-inline void RegisterSequencerCommands(Sequencer& sequencer) {
-  RegisterFlowControlCommands(sequencer);
+// `uniform` is WAITRANDOM's source of random draws (the system's when empty);
+// `loopCount` is where INCREMENTLOOPCOUNT writes to a channel.
+inline void RegisterSequencerCommands(Sequencer& sequencer, UniformSource uniform = {},
+                                      LoopCountOutput* loopCount = nullptr) {
+  RegisterFlowControlCommands(sequencer, loopCount);
   RegisterDefineCommands(sequencer);
   RegisterChainCommands(sequencer);
   RegisterWaitCommands(sequencer);
-  RegisterClockWaitCommands(sequencer);
+  RegisterClockWaitCommands(sequencer, std::move(uniform));
   RegisterOperatorPanelCommands(sequencer);
   RegisterFileCommands(sequencer);
+}
+
+// The keywords of every family of the sequencer core, the port-bound ones
+// (companion program, operator entry) included.
+inline std::vector<KeywordEntry> SequencerKeywords() {
+  std::vector<KeywordEntry> all;
+  for (auto family :
+       {FlowControlKeywords, DefineKeywords, ChainKeywords, WaitKeywords, ClockWaitKeywords,
+        OperatorPanelKeywords, FileCommandKeywords, CompanionKeywords, OperatorEntryKeywords}) {
+    for (auto& entry : family()) all.push_back(std::move(entry));
+  }
+  return all;
 }
 
 }  // namespace tavrix

@@ -64,15 +64,26 @@ void RunDefine(DefineState& state, Sequencer& seq, std::string_view name) {
   --state.depth;
 }
 
-void ExecuteDefine(DefineState& state, Sequencer& seq, const CommandLine& cmd) {
-  const std::string name(trim(cmd.arg1));
-  std::string text(trim(cmd.arg2));
-  if (!cmd.arg3.empty()) text += ", " + cmd.arg3;
+// EXECUTEDEFINE [name[, command line]]: the command line is the second
+// argument and, behind ", ", the third.
+struct DefineCommand {
+  std::string name;
+  std::string text;
+};
+
+Parsed<DefineCommand> ParseExecuteDefine(const CommandLine& cmd) {
+  DefineCommand define{std::string(trim(cmd.arg1)), std::string(trim(cmd.arg2))};
+  if (!cmd.arg3.empty()) define.text += ", " + cmd.arg3;
+  if (define.name.empty() && !define.text.empty()) {
+    return ParseFailure{"ExecuteDefine - a define needs a name: " + define.text};
+  }
+  return define;
+}
+
+void ExecuteDefine(DefineState& state, Sequencer& seq, const DefineCommand& cmd) {
+  const std::string& name = cmd.name;
+  const std::string& text = cmd.text;
   if (name.empty()) {
-    if (!text.empty()) {
-      seq.reportSequenceError("ExecuteDefine - a define needs a name: " + text);
-      return;
-    }
     seq.addDefine({});
     return;
   }
@@ -92,31 +103,40 @@ void ExecuteDefine(DefineState& state, Sequencer& seq, const CommandLine& cmd) {
   seq.addDefine({name, text, isChain});
 }
 
-void OnTimeout(DefineState& state, Sequencer& seq, const CommandLine& cmd) {
+// ONTIMEOUT [seconds[, target]]: no seconds, or 0, disarms.
+struct TimeoutCommand {
+  double seconds = 0;
+  std::string target;
+};
+
+Parsed<TimeoutCommand> ParseOnTimeout(const CommandLine& cmd) {
   const std::string_view seconds = trim(cmd.arg1);
   const double value = leadingNumber(seconds);
   const bool numeric = !seconds.empty() && std::string_view("+-.0123456789").find(seconds[0]) !=
                                                std::string_view::npos;
   if (!seconds.empty() && (!numeric || value < 0 || !std::isfinite(value) || value > 2147483647.0)) {
-    seq.reportSequenceError("Invalid parameter - " + cmd.arg1 + " - for an OnTimeout statement");
-    return;
+    return ParseFailure{"Invalid parameter - " + cmd.arg1 + " - for an OnTimeout statement"};
   }
+  TimeoutCommand timeout{value, std::string(trim(cmd.arg2))};
+  if (value > 0 && timeout.target.empty()) {
+    return ParseFailure{"OnTimeout - no label or define to go to after " + std::string(seconds) +
+                        " seconds"};
+  }
+  return timeout;
+}
+
+void OnTimeout(DefineState& state, Sequencer& seq, const TimeoutCommand& cmd) {
+  const double value = cmd.seconds;
   if (!(value > 0)) {
     state.armed = false;
     state.target.clear();
     seq.cancelTimeout();
     return;
   }
-  const std::string target(trim(cmd.arg2));
-  if (target.empty()) {
-    seq.reportSequenceError("OnTimeout - no label or define to go to after " + std::string(seconds) +
-                            " seconds");
-    return;
-  }
+  const std::string& target = cmd.target;
   state.armed = true;
   state.target = target;
-  seq.jumpTarget = target;
-  seq.jumpTargetIsDefine = FindDefine(seq, target) != nullptr;
+  seq.setJumpTarget(target, FindDefine(seq, target) != nullptr);
   seq.setTimeoutDeadline(seq.clock().now() + static_cast<Micros>(std::ceil(value * kMicrosPerSecond)));
 }
 
@@ -127,35 +147,42 @@ bool SpendTimeout(DefineState& state, Sequencer& seq) {
   if (!state.armed) return false;
   state.armed = false;
   seq.cancelTimeout();
-  seq.jumpTarget = state.target;
-  seq.jumpTargetIsDefine = FindDefine(seq, state.target) != nullptr;
+  seq.setJumpTarget(state.target, FindDefine(seq, state.target) != nullptr);
   if (seq.trace().enabled()) {
-    seq.trace().event("timeout").field("target", state.target).field("define", seq.jumpTargetIsDefine);
+    seq.trace()
+        .event("timeout")
+        .field("target", state.target)
+        .field("define", seq.jumpTargetIsDefine());
   }
   return true;
 }
 
 void ExamineDefines(DefineState& state, Sequencer& seq) {
-  RunFlags& flags = seq.flags();
-  if (!flags.timeoutExpired || flags.timeoutPending) return;
+  if (!seq.timeoutExpired() || seq.flags().timeoutPending) return;
   if (SpendTimeout(state, seq)) {
-    flags.timeoutPending = true;
+    seq.makeTimeoutPending();
   } else {
     seq.cancelTimeout();  // an expired flag with nothing armed behind it
   }
 }
 
+constexpr std::string_view kFamily = "src/sequencer/defines.cc";
+const Keyword<DefineCommand> kExecuteDefine{"EXECUTEDEFINE", kFamily, ParseExecuteDefine};
+const Keyword<TimeoutCommand> kOnTimeout{"ONTIMEOUT", kFamily, ParseOnTimeout};
+
 }  // namespace
+
+std::vector<KeywordEntry> DefineKeywords() { return {Entry(kExecuteDefine), Entry(kOnTimeout)}; }
 
 void RegisterDefineCommands(Sequencer& seq) {
   auto state = std::make_shared<DefineState>();
   auto& d = seq.dispatcher();
-  d.registerHandler("EXECUTEDEFINE",
-                    [state](Sequencer& s, const CommandLine& c) { ExecuteDefine(*state, s, c); });
-  d.registerHandler("ONTIMEOUT", [state](Sequencer& s, const CommandLine& c) { OnTimeout(*state, s, c); });
-  seq.onExamineDefines = [state](Sequencer& s) { ExamineDefines(*state, s); };
-  seq.onExecuteDefine = [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); };
-  seq.onTimeoutFired = [state](Sequencer& s) { return SpendTimeout(*state, s); };
+  d.bind(kExecuteDefine,
+         [state](Sequencer& s, const DefineCommand& c) { ExecuteDefine(*state, s, c); });
+  d.bind(kOnTimeout, [state](Sequencer& s, const TimeoutCommand& c) { OnTimeout(*state, s, c); });
+  seq.setDefineActions([state](Sequencer& s) { ExamineDefines(*state, s); },
+                       [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); },
+                       [state](Sequencer& s) { return SpendTimeout(*state, s); });
   auto disarm = [state, &seq] {
     state->armed = false;
     state->target.clear();

@@ -1,5 +1,4 @@
-// EXECUTEDEFINE, ONTIMEOUT, CHAIN, RETURN, ABORTTEST and ENDTAVRIX in virtual
-// time.
+// EXECUTEDEFINE and ONTIMEOUT in virtual time.
 
 #include "sequencer/test_run_engine.h"
 
@@ -72,57 +71,6 @@ TEST_F(DefinesTest, DefinesRunNowAreClearedAndMayNotLoop) {
   ASSERT_EQ(seq_.defineTable().size(), 1u);
   EXPECT_EQ(seq_.defineTable()[0].second, "CHAIN other.wts");
   EXPECT_TRUE(seq_.defineTable()[0].isChain);
-}
-
-TEST_F(DefinesTest, StopEndsTheClockWaitsAtOnce) {
-  Timer stopper(events_, 5 * kMicrosPerSecond, [&] { seq_.pressStop(); });
-  stopper.setEnabled(true);
-  EXPECT_EQ(Run({"WAITDATETIME 01-02-2026", "WAITRANDOM 3, 3"}), "");
-  EXPECT_DOUBLE_EQ(Elapsed(), 5.0);
-  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
-  EXPECT_EQ(op_.statuses.back(), "Stopped");
-}
-
-TEST_F(DefinesTest, ChainContinuesInAnotherFileAndReturnComesBack) {
-  Write("sub.wts", {"WAITRANDOM 2, 2", "RETURN", "PART2:", "WAITRANDOM 5, 5", "RETURN"});
-  Write("c/seq/deep.wts", {"CHAIN ../../sub.wts, PART2", "RETURN"});
-  EXPECT_EQ(Run({"CHAIN sub.wts", "WAITRANDOM 1, 1", "CHAIN c:\\seq\\deep.wts", "STOP"}), "");
-  EXPECT_EQ(Shown(), (Lines{"CHAIN sub.wts", "WAITRANDOM 2, 2", "RETURN", "WAITRANDOM 1, 1",
-                            "CHAIN c:\\seq\\deep.wts", "CHAIN ../../sub.wts, PART2",
-                            "WAITRANDOM 5, 5", "RETURN", "RETURN", "STOP"}));
-  EXPECT_DOUBLE_EQ(Elapsed(), 8.0);
-  // The next run starts again in the prepared file.
-  op_.commands.clear();
-  seq_.pressRun();
-  EXPECT_EQ(Shown().front(), "CHAIN sub.wts");
-}
-
-TEST_F(DefinesTest, ChainFailuresAreReportedWithTheFileThatHoldsThem) {
-  Write("self.wts", {"CHAIN self.wts"});
-  EXPECT_EQ(Run({"CHAIN self.wts"}), "Chain - more than 16 nested Chain commands: self.wts");
-  EXPECT_EQ(seq_.sequenceFileName(), dir_ + "/self.wts");
-  EXPECT_EQ(Run({"RETURN"}), "Return - there is no Chain command to return to");
-  EXPECT_EQ(Run({"CHAIN"}), "Chain - no sequence file given");
-  const std::string missing = Run({"CHAIN missing.wts"});
-  EXPECT_EQ(missing.rfind("Chain - ", 0), 0u) << missing;
-  EXPECT_NE(missing.find("missing.wts"), std::string::npos) << missing;
-  Write("nolabel.wts", {"STOP"});
-  EXPECT_EQ(Run({"CHAIN nolabel.wts, THERE"}), "Label THERE: does not exist");
-  EXPECT_NE(op_.messages.back().find("nolabel.wts"), std::string::npos);
-}
-
-TEST_F(DefinesTest, AbortTestAndEndTavrixEndTheRun) {
-  EXPECT_EQ(Run({"ABORTTEST Unit failed", "WAITRANDOM 5, 5"}), "");
-  EXPECT_EQ(seq_.endReason(), EndReason::kAbort);
-  EXPECT_EQ(op_.messages.back(), "Unit failed");
-  EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
-
-  EXPECT_EQ(Run({"NONSTOP", "ENDTAVRIX", "WAITRANDOM 5, 5"}), "");
-  EXPECT_EQ(seq_.endReason(), EndReason::kStop);
-  EXPECT_TRUE(seq_.flags().quitRequested);
-  EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
-  EXPECT_EQ(Run({"STOP"}), "");
-  EXPECT_FALSE(seq_.flags().quitRequested);
 }
 
 }  // namespace

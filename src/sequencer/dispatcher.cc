@@ -1,5 +1,8 @@
 #include "sequencer/dispatcher.h"
 
+#include <algorithm>
+#include <stdexcept>
+
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -37,22 +40,28 @@ int keywordIndex(std::string_view word) {
 
 }  // namespace
 
+void ReportParseFailure(Sequencer& sequencer, const std::string& message) {
+  sequencer.reportSequenceError(message);
+}
+
 Dispatcher::Dispatcher() = default;
 
-bool Dispatcher::registerHandler(std::string_view keyword, CommandHandler handler) {
-  const int index = keywordIndex(keyword);
-  if (index < 0) return false;
-  handlers_[static_cast<size_t>(index)] = std::move(handler);
-  return true;
+void Dispatcher::add(KeywordEntry entry, CommandHandler handler) {
+  if (hasHandler(entry.name)) throw std::logic_error("keyword " + entry.name + " is bound twice");
+  const int index = keywordIndex(entry.name);
+  if (index >= 0) {
+    handlers_[static_cast<size_t>(index)] = std::move(handler);
+  } else {
+    others_.emplace_back(entry.name, std::move(handler));
+  }
+  entries_.push_back(std::move(entry));
 }
 
 bool Dispatcher::hasHandler(std::string_view keyword) const {
   const int index = keywordIndex(keyword);
-  return index >= 0 && handlers_[static_cast<size_t>(index)] != nullptr;
-}
-
-void Dispatcher::addExtension(CommandExtension extension) {
-  extensions_.push_back(std::move(extension));
+  if (index >= 0) return handlers_[static_cast<size_t>(index)] != nullptr;
+  return std::any_of(others_.begin(), others_.end(),
+                     [&](const auto& other) { return other.first == keyword; });
 }
 
 std::string Dispatcher::notAvailableText(std::string_view keyword) {
@@ -70,8 +79,11 @@ void Dispatcher::run(Sequencer& sequencer, const CommandLine& command) const {
     }
     return;
   }
-  for (const auto& extension : extensions_) {
-    if (extension(sequencer, command)) return;
+  for (const auto& [word, handler] : others_) {
+    if (word == command.word) {
+      handler(sequencer, command);
+      return;
+    }
   }
 }
 

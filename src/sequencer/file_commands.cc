@@ -13,24 +13,19 @@
 
 #include "sequencer/file_commands.h"
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
+#include <fnmatch.h>
 #include <memory>
 #include <set>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
-#include "platform/wildcard.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 
 namespace tavrix {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::string_view kRecorderStatusFile = "STATUS.HDW";
 constexpr std::string_view kRecorderCaptured = "CAPTURED";
@@ -45,53 +40,26 @@ std::string Local(Sequencer& seq, std::string_view written) {
   return seq.paths().toLocal(trim(written));
 }
 
-// Copies through a temporary file in the destination's folder, so that a
-// failed copy leaves no partial file.
-bool CopyWhole(const fs::path& from, const fs::path& to, std::string* error) {
-  std::string text;
-  if (!readTextFile(from.string(), text, error)) return false;
-  fs::path temp = to;
-  temp += ".tavrix-copy";
-  std::error_code ec;
-  {
-    std::ofstream out(temp, std::ios::binary);
-    if (!out) {
-      *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      return false;
-    }
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out.close();
-    if (!out) {
-      *error = "cannot write " + to.string() + ": " + std::strerror(errno);
-      fs::remove(temp, ec);
-      return false;
-    }
-  }
-  fs::rename(temp, to, ec);
-  if (ec) {
-    *error = "cannot write " + to.string() + ": " + ec.message();
-    fs::remove(temp, ec);
-    return false;
-  }
-  return true;
-}
-
 void CopyFile(FileState&, Sequencer& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty() || trim(cmd.arg2).empty()) {
     seq.reportSequenceError("CopyFile - a source and a destination file are needed");
     return;
   }
-  const fs::path from = Local(seq, cmd.arg1);
-  fs::path to = Local(seq, cmd.arg2);
-  std::error_code ec;
-  if (fs::is_directory(to, ec)) to /= from.filename();
-  if (fs::is_directory(from, ec)) {
-    seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) +
-                            " is a folder, not a file");
+  FileSystem& files = seq.files();
+  const std::string from = Local(seq, cmd.arg1);
+  std::string to = Local(seq, cmd.arg2);
+  if (files.isFolder(to)) to = join(to, baseName(from));
+  if (files.isFolder(from)) {
+    seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
     return;
   }
+  // The copy goes through a temporary file in the destination's folder, so
+  // that a failed copy leaves no partial file.
+  std::string bytes;
   std::string error;
-  if (!CopyWhole(from, to, &error)) seq.reportSequenceError("CopyFile - " + error);
+  if (!files.readFile(from, bytes, &error) || !files.writeAtomically(to, bytes, &error)) {
+    seq.reportSequenceError("CopyFile - " + error);
+  }
 }
 
 void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
@@ -99,30 +67,32 @@ void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
     seq.reportSequenceError("FileDelete - no file given");
     return;
   }
-  const fs::path spec = Local(seq, cmd.arg1);
-  const std::string pattern = spec.filename().string();
-  std::vector<fs::path> victims;
-  std::error_code ec;
+  FileSystem& files = seq.files();
+  const std::string spec = Local(seq, cmd.arg1);
+  const std::string pattern = baseName(spec);
+  std::vector<std::string> victims;
   if (pattern.find_first_of("*?") == std::string::npos) {
-    if (fs::is_directory(spec, ec)) {
-      seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) +
-                              " is a folder, not a file");
+    const FileKind kind = files.info(spec).kind;
+    if (kind == FileKind::kFolder) {
+      seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
       return;
     }
-    if (fs::exists(fs::symlink_status(spec, ec))) victims.push_back(spec);
+    if (kind != FileKind::kMissing) victims.push_back(spec);
   } else {
-    const fs::path folder = spec.has_parent_path() ? spec.parent_path() : fs::path(".");
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-      if (!it->is_directory() &&
-          platform::matchesWildcard(pattern, it->path().filename().string())) {
-        victims.push_back(it->path());
+    const std::string folder = parentFolder(spec);
+    std::vector<std::string> names;
+    if (files.list(folder, names, nullptr)) {
+      std::sort(names.begin(), names.end());
+      for (const auto& name : names) {
+        const std::string path = join(folder, name);
+        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0 && !files.isFolder(path)) victims.push_back(path);
       }
     }
   }
   for (const auto& victim : victims) {
-    if (!fs::remove(victim, ec) && ec) {
-      seq.reportSequenceError("FileDelete - cannot delete " + victim.string() + ": " +
-                              ec.message());
+    std::string error;
+    if (!files.remove(victim, &error)) {
+      seq.reportSequenceError("FileDelete - " + error);
       return;
     }
   }
@@ -139,9 +109,8 @@ void LogOnce(FileState& state, Sequencer& seq, const CommandLine& cmd) {
   if (!state.logged.insert({file, text}).second) return;
   const Micros now = seq.clock().now();
   std::string error;
-  if (!appendLines(
-          file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
-          &error)) {
+  if (!appendLines(seq.files(), file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
+                   &error)) {
     seq.reportSequenceError("LogOnce - " + error);
   }
 }
@@ -155,13 +124,23 @@ void Wait580(FileState&, Sequencer& seq, const CommandLine& cmd) {
   PollUntil(seq, kRecorderPollInterval, [&] {
     std::string text;
     // A status file not (yet) there, or being rewritten, means not captured.
-    if (!readTextFile(status, text, nullptr)) return PollResult::kWaiting;
+    if (!readTextFile(seq.files(), status, text, nullptr)) return PollResult::kWaiting;
     return upperCase(text).find(kRecorderCaptured) != std::string::npos ? PollResult::kMet
-                                                                        : PollResult::kWaiting;
+                                                                         : PollResult::kWaiting;
   });
 }
 
+constexpr std::string_view kFamily = "src/sequencer/file_commands.cc";
+const Keyword<CommandLine> kCopyFile{"COPYFILE", kFamily, AsWritten};
+const Keyword<CommandLine> kFileDelete{"FILEDELETE", kFamily, AsWritten};
+const Keyword<CommandLine> kLogOnce{"LOGONCE", kFamily, AsWritten};
+const Keyword<CommandLine> kWait580{"WAIT580", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> FileCommandKeywords() {
+  return {Entry(kCopyFile), Entry(kFileDelete), Entry(kLogOnce), Entry(kWait580)};
+}
 
 void RegisterFileCommands(Sequencer& seq) {
   auto state = std::make_shared<FileState>();
@@ -169,10 +148,10 @@ void RegisterFileCommands(Sequencer& seq) {
     return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
   };
   auto& d = seq.dispatcher();
-  d.registerHandler("COPYFILE", bind(CopyFile));
-  d.registerHandler("FILEDELETE", bind(FileDelete));
-  d.registerHandler("LOGONCE", bind(LogOnce));
-  d.registerHandler("WAIT580", bind(Wait580));
+  d.bind(kCopyFile, bind(CopyFile));
+  d.bind(kFileDelete, bind(FileDelete));
+  d.bind(kLogOnce, bind(LogOnce));
+  d.bind(kWait580, bind(Wait580));
   seq.addPrepareHook([state] { state->logged.clear(); });
   seq.addStopHook([state] { state->logged.clear(); });
 }

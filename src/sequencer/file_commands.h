@@ -2,9 +2,15 @@
 // (WAIT580).
 #pragma once
 
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class Sequencer;
+
+std::vector<KeywordEntry> FileCommandKeywords();
 
 void RegisterFileCommands(Sequencer& sequencer);
 

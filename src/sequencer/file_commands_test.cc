@@ -8,28 +8,26 @@
 namespace tavrix {
 namespace {
 
-namespace fs = std::filesystem;
-
 class FileCommandsTest : public CommandTest {
  protected:
   std::string Read(const std::string& path) {
     std::string text;
-    readTextFile(path, text, nullptr);
+    readTextFile(files_, path, text, nullptr);
     return text;
   }
 };
 
 TEST_F(FileCommandsTest, CopyFileCopiesIntoFilesAndFolders) {
   Write("c/data/a.txt", {"one", "two"});
-  fs::create_directories(dir_ + "/c/backup");
+  files_.makeFolders(dir_ + "/c/backup", nullptr);
   EXPECT_EQ(Run({"COPYFILE c:\\data\\a.txt, c:\\data\\b.txt", "COPYFILE c:/data/a.txt, c:\\backup"}), "");
   EXPECT_EQ(Read(dir_ + "/c/data/b.txt"), "one\r\ntwo\r\n");
   EXPECT_EQ(Read(dir_ + "/c/backup/a.txt"), "one\r\ntwo\r\n");
   const std::string missing = Run({"COPYFILE c:\\data\\none.txt, c:\\data\\c.txt"});
   EXPECT_EQ(missing.rfind("CopyFile - ", 0), 0u) << missing;
-  EXPECT_FALSE(fs::exists(dir_ + "/c/data/c.txt"));
+  EXPECT_FALSE(files_.isFile(dir_ + "/c/data/c.txt"));
   const std::string noFolder = Run({"COPYFILE c:\\data\\a.txt, c:\\nowhere\\c.txt"});
-  EXPECT_EQ(noFolder.rfind("CopyFile - cannot write", 0), 0u) << noFolder;
+  EXPECT_EQ(noFolder.rfind("CopyFile - Cannot write", 0), 0u) << noFolder;
   EXPECT_EQ(Run({"COPYFILE c:\\data\\a.txt"}), "CopyFile - a source and a destination file are needed");
   EXPECT_EQ(Run({"COPYFILE c:\\data, c:\\x"}), "CopyFile - c:\\data is a folder, not a file");
 }
@@ -37,10 +35,10 @@ TEST_F(FileCommandsTest, CopyFileCopiesIntoFilesAndFolders) {
 TEST_F(FileCommandsTest, FileDeleteTakesNamesAndWildcards) {
   for (const char* name : {"c/d/run1.dat", "c/d/run2.dat", "c/d/run1.txt", "c/d/keep.dat"}) Write(name, {"x"});
   EXPECT_EQ(Run({"FILEDELETE c:\\d\\run?.dat", "FILEDELETE c:\\d\\run1.txt", "FILEDELETE c:\\d\\gone.txt"}), "");
-  EXPECT_FALSE(fs::exists(dir_ + "/c/d/run1.dat"));
-  EXPECT_FALSE(fs::exists(dir_ + "/c/d/run2.dat"));
-  EXPECT_FALSE(fs::exists(dir_ + "/c/d/run1.txt"));
-  EXPECT_TRUE(fs::exists(dir_ + "/c/d/keep.dat"));
+  EXPECT_FALSE(files_.isFile(dir_ + "/c/d/run1.dat"));
+  EXPECT_FALSE(files_.isFile(dir_ + "/c/d/run2.dat"));
+  EXPECT_FALSE(files_.isFile(dir_ + "/c/d/run1.txt"));
+  EXPECT_TRUE(files_.isFile(dir_ + "/c/d/keep.dat"));
   EXPECT_EQ(Run({"FILEDELETE c:\\d"}), "FileDelete - c:\\d is a folder, not a file");
   EXPECT_EQ(Run({"FILEDELETE"}), "FileDelete - no file given");
 }
@@ -48,7 +46,7 @@ TEST_F(FileCommandsTest, FileDeleteTakesNamesAndWildcards) {
 TEST_F(FileCommandsTest, LogOnceWritesEachTextOncePerRun) {
   const std::string noFolder = Run({"LOGONCE c:\\log.txt, x"});
   EXPECT_EQ(noFolder.rfind("LogOnce - Cannot append", 0), 0u) << noFolder;
-  fs::create_directories(dir_ + "/c");
+  files_.makeFolders(dir_ + "/c", nullptr);
   EXPECT_EQ(Run({"RESETLOOPCOUNT", "TOP:", "LOOPCHECK 3, DONE", "LOGONCE c:\\log.txt, started, cold",
                  "WAITRANDOM 1, 1", "GOTO TOP", "DONE:", "LOGONCE c:\\log.txt, finished"}),
             "");

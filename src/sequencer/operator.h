@@ -63,6 +63,12 @@ class Operator {
   // Why the last question got no answer (shown in the error report).
   virtual std::string unansweredReason() const { return "no answer can be given"; }
 
+  // The last answer to `question` makes it be asked again: the question
+  // refused it (`why` says how) or the answer itself asks for a repeat.
+  // Returns false when asking again cannot lead anywhere, because the same
+  // answer would come again; unansweredReason() then says why.
+  virtual bool mayAskAgain(const Question& /*question*/, std::string_view /*why*/) { return true; }
+
   // True when answers come from a person, so waiting for one must not let a
   // virtual clock race ahead.
   virtual bool isPerson() const { return false; }

@@ -70,30 +70,40 @@ void EnterSend(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) 
   question.kind = "ENTERSEND";
   question.text = cmd.arg1;  // no buttons: the answer is the text typed
   const Answer answer = seq.ask(question);
-  if (!answer || seq.flags().stopRequested) return;
+  if (!answer || seq.stopRequested()) return;
   WriteOrReport(*channels, seq, "EnterSend", channel, trim(*answer));
 }
 
-void SelectMenu(ChannelAccess*, Sequencer& seq, const CommandLine& cmd) {
-  Question question;
-  question.kind = "SELECTMENU";
-  question.text = cmd.arg1;
+// SELECTMENU prompt, choice[, choice...]: each choice is a button and the
+// label that the answer jumps to.
+struct MenuCommand {
+  std::string prompt;
+  std::vector<std::string> choices;
+};
+
+Parsed<MenuCommand> ParseSelectMenu(const CommandLine& cmd) {
+  MenuCommand menu{cmd.arg1, {}};
   std::string choices = cmd.arg2;
   if (!cmd.arg3.empty()) choices += "," + cmd.arg3;
   size_t pos = 0;
   while (pos <= choices.size()) {
     const size_t comma = choices.find(',', pos);
     const std::string choice(trim(std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
-    if (!choice.empty()) question.buttons.push_back(choice);
+    if (!choice.empty()) menu.choices.push_back(choice);
     if (comma == std::string::npos) break;
     pos = comma + 1;
   }
-  if (question.buttons.empty()) {
-    seq.reportSequenceError("SelectMenu - no menu choices given");
-    return;
-  }
+  if (menu.choices.empty()) return ParseFailure{"SelectMenu - no menu choices given"};
+  return menu;
+}
+
+void SelectMenu(Sequencer& seq, const MenuCommand& menu) {
+  Question question;
+  question.kind = "SELECTMENU";
+  question.text = menu.prompt;
+  question.buttons = menu.choices;
   const Answer answer = seq.ask(question);
-  if (!answer || seq.flags().stopRequested) return;
+  if (!answer || seq.stopRequested()) return;
   seq.searchLabel(*answer);
 }
 
@@ -135,7 +145,7 @@ void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd)
                                      : std::vector<std::string>{"OK", "Cancel"};
     answer = seq.ask(question, [&] { return readFailed; }, "Cancel");
   }
-  if (!answer || seq.flags().stopRequested) return;
+  if (!answer || seq.stopRequested()) return;
   if (*answer == "Cancel" && !label.empty()) seq.searchLabel(label);
 }
 
@@ -162,22 +172,33 @@ void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cm
     question.buttons = {"Up", "Down", "Done"};
     const Answer answer = seq.ask(question);
     if (!answer || *answer == "Done" || WaitInterrupted(seq)) return;
+    if (!seq.mayAskAgain(question, "only Done ends the adjustment")) return;
     const double next = leadingNumber(value) + (*answer == "Up" ? step : -step);
     if (!WriteOrReport(*channels, seq, "ManualAdjust", channel, numberText(next))) return;
   }
 }
 
+constexpr std::string_view kFamily = "src/sequencer/operator_entry.cc";
+const Keyword<CommandLine> kEnterSend{"ENTERSEND", kFamily, AsWritten};
+const Keyword<MenuCommand> kSelectMenu{"SELECTMENU", kFamily, ParseSelectMenu};
+const Keyword<CommandLine> kDoWithShow{"DOWITHSHOW", kFamily, AsWritten};
+const Keyword<CommandLine> kManualAdjust{"MANUALADJUST", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> OperatorEntryKeywords() {
+  return {Entry(kEnterSend), Entry(kSelectMenu), Entry(kDoWithShow), Entry(kManualAdjust)};
+}
 
 void RegisterOperatorEntryCommands(Sequencer& seq, ChannelAccess* channels) {
   auto bind = [channels](void (*handler)(ChannelAccess*, Sequencer&, const CommandLine&)) {
     return [channels, handler](Sequencer& s, const CommandLine& c) { handler(channels, s, c); };
   };
   auto& d = seq.dispatcher();
-  d.registerHandler("ENTERSEND", bind(EnterSend));
-  d.registerHandler("SELECTMENU", bind(SelectMenu));
-  d.registerHandler("DOWITHSHOW", bind(DoWithShow));
-  d.registerHandler("MANUALADJUST", bind(ManualAdjust));
+  d.bind(kEnterSend, bind(EnterSend));
+  d.bind(kSelectMenu, SelectMenu);
+  d.bind(kDoWithShow, bind(DoWithShow));
+  d.bind(kManualAdjust, bind(ManualAdjust));
 }
 
 }  // namespace tavrix

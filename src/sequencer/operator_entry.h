@@ -2,10 +2,16 @@
 // MANUALADJUST.
 #pragma once
 
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
-class Sequencer;
 class ChannelAccess;
+class Sequencer;
+
+std::vector<KeywordEntry> OperatorEntryKeywords();
 
 // Without `channels` (nullptr) the commands that touch a channel report that
 // they are not available.

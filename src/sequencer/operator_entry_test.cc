@@ -84,9 +84,18 @@ TEST_F(OperatorEntryTest, ManualAdjustStepsTheOutputUntilDone) {
 }
 
 TEST_F(OperatorEntryTest, WithoutChannelsTheChannelCommandsAreNotAvailable) {
-  RegisterOperatorEntryCommands(seq_, nullptr);
-  EXPECT_EQ(Run({"ENTERSEND Value, SETPOINT"}), Dispatcher::notAvailableText("ENTERSEND"));
-  EXPECT_EQ(Run({"MANUALADJUST VALVE, 1"}), Dispatcher::notAvailableText("MANUALADJUST"));
+  Sequencer plain(events_, op_, trace_, files_, paths_);
+  RegisterOperatorEntryCommands(plain, nullptr);
+  auto run = [&](const std::string& line) {
+    std::string error;
+    EXPECT_TRUE(plain.prepareFile(Write("plain.wts", {line}), &error)) << error;
+    plain.pressRun();
+    return plain.lastSequenceError();
+  };
+  EXPECT_EQ(run("ENTERSEND Value, SETPOINT"), Dispatcher::notAvailableText("ENTERSEND"));
+  EXPECT_EQ(run("MANUALADJUST VALVE, 1"), Dispatcher::notAvailableText("MANUALADJUST"));
+  // A keyword is bound once.
+  EXPECT_THROW(RegisterOperatorEntryCommands(plain, &channels_), std::logic_error);
 }
 
 }  // namespace

@@ -48,15 +48,27 @@ void HelpText(Sequencer& seq, const CommandLine&) {
   }
 }
 
+constexpr std::string_view kFamily = "src/sequencer/operator_panel.cc";
+const Keyword<CommandLine> kContinueOk{"CONTINUEOK", kFamily, AsWritten};
+const Keyword<CommandLine> kEnterOkCancel{"ENTEROKCANCEL", kFamily, AsWritten};
+const Keyword<CommandLine> kShowErrorOff{"SHOWERROROFF", kFamily, AsWritten};
+const Keyword<CommandLine> kShowErrorOn{"SHOWERRORON", kFamily, AsWritten};
+const Keyword<CommandLine> kHelpText{"[HELPTEXT]", kFamily, AsWritten};
+
 }  // namespace
+
+std::vector<KeywordEntry> OperatorPanelKeywords() {
+  return {Entry(kContinueOk), Entry(kEnterOkCancel), Entry(kShowErrorOff), Entry(kShowErrorOn),
+          Entry(kHelpText)};
+}
 
 void RegisterOperatorPanelCommands(Sequencer& seq) {
   auto& d = seq.dispatcher();
-  d.registerHandler("CONTINUEOK", ContinueOk);
-  d.registerHandler("ENTEROKCANCEL", EnterOkCancel);
-  d.registerHandler("SHOWERROROFF", [](Sequencer& s, const CommandLine&) { s.errorDisplayOff = true; });
-  d.registerHandler("SHOWERRORON", [](Sequencer& s, const CommandLine&) { s.errorDisplayOff = false; });
-  d.registerHandler("[HELPTEXT]", HelpText);
+  d.bind(kContinueOk, ContinueOk);
+  d.bind(kEnterOkCancel, EnterOkCancel);
+  d.bind(kShowErrorOff, [](Sequencer& s, const CommandLine&) { s.setErrorDisplay(false); });
+  d.bind(kShowErrorOn, [](Sequencer& s, const CommandLine&) { s.setErrorDisplay(true); });
+  d.bind(kHelpText, HelpText);
 }
 
 }  // namespace tavrix

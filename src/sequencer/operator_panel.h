@@ -2,9 +2,15 @@
 // switch and the help text section.
 #pragma once
 
+#include <vector>
+
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class Sequencer;
+
+std::vector<KeywordEntry> OperatorPanelKeywords();
 
 void RegisterOperatorPanelCommands(Sequencer& sequencer);
 

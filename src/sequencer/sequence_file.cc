@@ -1,13 +1,13 @@
 #include "sequencer/sequence_file.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "common/text_conventions.h"
-#include "platform/files.h"
+#include "common/text_file.h"
 
 namespace tavrix {
 
@@ -26,16 +26,27 @@ size_t CleanReadLine(std::string& line) {
   return removed;
 }
 
-bool SequenceFile::open(const std::string& path, std::string* error) {
-  platform::PathInfo st;
-  int err = platform::pathInfo(path, st);
-  if (err == 0 && st.kind == platform::PathKind::kMissing) err = ENOENT;
-  if (err != 0) {
-    if (error) *error = "Cannot open sequence file " + path + ": " + platform::errorText(err);
+bool HasBareLineFeeds(std::string_view text) {
+  for (size_t i = text.find('\n'); i != std::string_view::npos; i = text.find('\n', i + 1)) {
+    if (i == 0 || text[i - 1] != '\r') return true;
+  }
+  return false;
+}
+
+bool SequenceHasBareLineFeeds(const std::string& path) {
+  std::string text;
+  return readTextFile(localFiles(), path, text, nullptr, kMaxTextFileBytes, kMaxTextFileBytes) &&
+         HasBareLineFeeds(text);
+}
+
+bool SequenceFile::open(const FileSystem& files, const std::string& path, std::string* error) {
+  const FileInfo st = files.info(path);
+  if (st.kind == FileKind::kMissing) {
+    if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(ENOENT);
     open_ = false;
     return false;
   }
-  if (st.kind == platform::PathKind::kFolder) {
+  if (st.kind == FileKind::kFolder) {
     if (error) *error = "Cannot open sequence file " + path + ": it is a folder";
     open_ = false;
     return false;
@@ -44,20 +55,22 @@ bool SequenceFile::open(const std::string& path, std::string* error) {
   const bool same = path == path_ && mtime == mtimeNs_ && static_cast<int64_t>(st.size) == size_ &&
                     st.device == device_ && st.inode == inode_;
   if (!same) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-      if (error) *error = "Cannot open sequence file " + path + ": " + std::strerror(errno);
+    if (st.kind == FileKind::kOther) {
+      if (error)
+        *error = "Cannot open sequence file " + path +
+                 ": it is not a regular file (a device, FIFO or socket)";
       open_ = false;
       return false;
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (in.bad()) {
-      if (error) *error = "Cannot read sequence file " + path;
+    std::string text;
+    std::string readError;
+    // The reader takes lines of any length, so only the file's size is
+    // bounded.
+    if (!readTextFile(files, path, text, &readError, kMaxTextFileBytes, kMaxTextFileBytes)) {
+      if (error) *error = "Cannot read sequence file " + path + ": " + readFailureReason(readError);
       open_ = false;
       return false;
     }
-    std::string text = std::move(content).str();
     const size_t nul = text.find('\0');
     if (nul != std::string::npos) {
       size_t line = 1;

@@ -4,11 +4,14 @@
 // opening, so a file edited between jumps behaves as if it were reopened.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
 
@@ -20,12 +23,23 @@ namespace tavrix {
 // removed (what the stream position correction is lowered by).
 size_t CleanReadLine(std::string& line);
 
+// Lines of a sequence file end in CR (LF after it is dropped), so a file
+// whose lines end in bare line feeds reads as one long line. Lint and run
+// warn of it in these words.
+inline constexpr std::string_view kBareLineFeedWarning =
+    "its lines end in bare line feeds (LF without CR), so it reads as one long line and only its "
+    "first command runs; save it with CR LF line ends";
+// True when `text` holds a line feed that does not follow a carriage return.
+bool HasBareLineFeeds(std::string_view text);
+// The same for a file (false when it cannot be read).
+bool SequenceHasBareLineFeeds(const std::string& path);
+
 class SequenceFile {
  public:
   // Opens the file at its start. Reads it from disk if it is not held yet or
   // changed on disk since. On failure returns false with a message; a file
   // holding NUL bytes is no text and is refused.
-  bool open(const std::string& path, std::string* error);
+  bool open(const FileSystem& files, const std::string& path, std::string* error);
   void close();
   bool isOpen() const { return open_; }
   bool atEnd() const { return !open_ || pos_ >= text_.size(); }

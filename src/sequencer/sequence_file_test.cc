@@ -2,35 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
-#include <unistd.h>
 
 namespace tavrix {
 namespace {
 
 class SequenceFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/seqfileXXXXXX";
-    const int fd = mkstemp(name);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    path_ = name;
-  }
-  void TearDown() override { std::remove(path_.c_str()); }
-  void Write(const std::string& text) {
-    std::ofstream(path_, std::ios::binary) << text;
-  }
+  void Write(const std::string& text) { files_.put(path_, text); }
   std::vector<std::string> ReadAll() {
     std::vector<std::string> lines;
     std::string error;
-    EXPECT_TRUE(file_.open(path_, &error)) << error;
+    EXPECT_TRUE(file_.open(files_, path_, &error)) << error;
     std::string line;
     while (file_.readLine(line)) lines.push_back(line);
     return lines;
   }
-  std::string path_;
+  MemoryFileSystem files_;
+  std::string path_ = "/data/seq.wts";
   SequenceFile file_;
 };
 
@@ -58,7 +46,7 @@ TEST(CleanReadLine, TrimsThenCutsAtAnInnerCarriageReturn) {
 TEST_F(SequenceFileTest, FindsTheFirstLineContainingTheTarget) {
   Write("XSTART:\r\nSTART:\r\n  loop:\r\nEND\r\n");
   std::string error;
-  ASSERT_TRUE(file_.open(path_, &error));
+  ASSERT_TRUE(file_.open(files_, path_, &error));
   EXPECT_EQ(file_.findLineContaining("START:"), 0u);  // a substring, not a line start
   EXPECT_EQ(file_.findLineContaining("LOOP:"), 2u);   // upper-cased text
   EXPECT_EQ(file_.findLineContaining("NONE:"), std::nullopt);
@@ -72,21 +60,22 @@ TEST_F(SequenceFileTest, FindsTheFirstLineContainingTheTarget) {
 TEST_F(SequenceFileTest, ReopeningSeesAChangedFile) {
   Write("A:\r\nONE\r\n");
   std::string error;
-  ASSERT_TRUE(file_.open(path_, &error));
+  ASSERT_TRUE(file_.open(files_, path_, &error));
   EXPECT_EQ(file_.findLineContaining("B:"), std::nullopt);
   Write("ZERO\r\nB:\r\nTWO AND MORE\r\n");  // a different size, so surely seen as changed
-  ASSERT_TRUE(file_.open(path_, &error));
+  ASSERT_TRUE(file_.open(files_, path_, &error));
   EXPECT_EQ(file_.findLineContaining("B:"), 1u);
 }
 
 TEST_F(SequenceFileTest, RefusesWhatIsNoTextFile) {
   Write(std::string("STOP\r\nAB\0CD\r\n", 12));
   std::string error;
-  EXPECT_FALSE(file_.open(path_, &error));
+  EXPECT_FALSE(file_.open(files_, path_, &error));
   EXPECT_NE(error.find("NUL byte on line 2"), std::string::npos) << error;
-  EXPECT_FALSE(file_.open("/nonexistent/x.wts", &error));
+  EXPECT_FALSE(file_.open(files_, "/nonexistent/x.wts", &error));
   EXPECT_NE(error.find("/nonexistent/x.wts"), std::string::npos);
-  EXPECT_FALSE(file_.open("/tmp", &error));
+  EXPECT_FALSE(file_.open(files_, "/data", &error));
+  EXPECT_NE(error.find("it is a folder"), std::string::npos) << error;
 }
 
 TEST_F(SequenceFileTest, AMultiMegabyteLineIsReadWhole) {

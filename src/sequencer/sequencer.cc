@@ -26,15 +26,19 @@ const char* EndReasonName(EndReason reason) {
     case EndReason::kError: return "error";
     case EndReason::kAbort: return "abort";
     case EndReason::kUnload: return "error";  // the program ends after a message
+    case EndReason::kLimit: return "limit";
     case EndReason::kNone: break;
   }
   return "none";
 }
 
-Sequencer::Sequencer(EventLoop& events, Operator& op, Trace& trace)
+Sequencer::Sequencer(EventLoop& events, Operator& op, Trace& trace, FileSystem& files,
+                     const PathMap& paths)
     : events_(events),
       operator_(op),
       trace_(trace),
+      files_(files),
+      paths_(paths),
       secondsTimer_(events, kSecondsTimerInterval, [this] { secondsTick(); }) {}
 
 Sequencer::~Sequencer() = default;
@@ -43,7 +47,7 @@ Sequencer::~Sequencer() = default;
 
 bool Sequencer::prepareFile(const std::string& path, std::string* error) {
   std::string name(trimRight(path));
-  if (!file_.open(name, error)) return false;
+  if (!file_.open(files_, name, error)) return false;
   file_.close();
   defines_.clear();
   for (auto& hook : prepareHooks_) hook();
@@ -91,7 +95,7 @@ bool Sequencer::searchLabel(std::string_view label) {
   lineNumber_ = 0;
   file_.close();
   std::string error;
-  if (!file_.open(fileName_, &error)) {
+  if (!file_.open(files_, fileName_, &error)) {
     reportSequenceError(error);
     return false;
   }
@@ -124,7 +128,7 @@ void Sequencer::runLoop() {
   flags_.quitRequested = false;
   fileName_ = preparedName_;
   std::string error;
-  const bool opened = file_.open(fileName_, &error);
+  const bool opened = file_.open(files_, fileName_, &error);
   flags_.running = true;
   flags_.endRequested = false;
   flags_.stopRequested = false;
@@ -136,7 +140,7 @@ void Sequencer::runLoop() {
   bool fromCheck = false;  // the last command came from a between-lines check
   while (!file_.atEnd() && !flags_.stopRequested && !flags_.endRequested) {
     if (flags_.jumpPending) {
-      searchLabel(jumpTarget);
+      searchLabel(jumpTarget_);
       flags_.jumpPending = false;
     }
     if (flags_.timeoutPending) {
@@ -169,15 +173,15 @@ void Sequencer::runLoop() {
 }
 
 void Sequencer::runTimeoutTarget() {
-  if (jumpTargetIsDefine && onExecuteDefine) {
-    onExecuteDefine(*this, jumpTarget);
+  if (jumpTargetIsDefine_ && onExecuteDefine_) {
+    onExecuteDefine_(*this, jumpTarget_);
   } else {
-    searchLabel(jumpTarget);
+    searchLabel(jumpTarget_);
   }
 }
 
 bool Sequencer::takeTimeoutActionNow() {
-  const bool armed = onTimeoutFired && onTimeoutFired(*this);
+  const bool armed = onTimeoutFired_ && onTimeoutFired_(*this);
   if (!armed) {
     cancelTimeout();
     return false;
@@ -218,7 +222,9 @@ void Sequencer::dispatchLine(std::string& line) {
 
   const CommandLine command = SplitCommandLine(line);
   events_.processPendingEvents();
+  const int16_t number = lineNumber_;  // a jump moves it
   dispatcher_.run(*this, command);
+  for (auto& hook : lineHooks_) hook(number);
 }
 
 // --- Buttons -----------------------------------------------------------------
@@ -321,6 +327,11 @@ void Sequencer::requestAbort() {
   pressStop();
 }
 
+void Sequencer::requestLimitStop() {
+  if (endReason_ == EndReason::kNone) endReason_ = EndReason::kLimit;
+  pressStop();
+}
+
 bool Sequencer::closeRequest() {
   if (!flags_.mustNotBeStopped) return true;
   Question question;
@@ -382,7 +393,7 @@ void Sequencer::cancelTimeout() {
 
 bool Sequencer::continueInFile(const std::string& path, int16_t linesToSkip, std::string* error) {
   SequenceFile next;
-  if (!next.open(path, error)) return false;
+  if (!next.open(files_, path, error)) return false;
   std::string line;
   int16_t skipped = 0;
   while (skipped < linesToSkip && next.readLine(line)) ++skipped;
@@ -408,15 +419,30 @@ void Sequencer::reportSequenceError(std::string_view text) {
   if (trace_.enabled()) {
     auto event = trace_.event("message");
     event.field("title", kErrorTitle).field("text", message);
-    if (errorDisplayOff) event.field("shown", false);
+    if (errorDisplayOff_) event.field("shown", false);
   }
-  if (!errorDisplayOff) operator_.showMessage(kErrorTitle, message);
+  if (!errorDisplayOff_) operator_.showMessage(kErrorTitle, message);
   requestEnd(EndReason::kError);
 }
 
 void Sequencer::showMessage(std::string_view text) {
   if (trace_.enabled()) trace_.event("message").field("title", kErrorTitle).field("text", text);
   operator_.showMessage(kErrorTitle, text);
+}
+
+bool Sequencer::waitEnds(WaitRule rule) const {
+  if (flags_.jumpPending || flags_.timeoutPending) return true;
+  switch (rule) {
+    case WaitRule::kJumpOrTimeout:
+      return false;
+    case WaitRule::kInterrupted:
+      return flags_.stopRequested;
+    case WaitRule::kRunEnding:
+      return flags_.stopRequested || flags_.endRequested;
+    case WaitRule::kPollSleep:
+      return flags_.stopRequested || flags_.timeoutExpired;
+  }
+  return false;
 }
 
 bool Sequencer::waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn) {
@@ -475,8 +501,15 @@ Answer Sequencer::ask(const Question& question, const std::function<bool()>& clo
   return wait.answer;
 }
 
+bool Sequencer::mayAskAgain(const Question& question, std::string_view why) {
+  if (operator_.mayAskAgain(question, why)) return true;
+  reportSequenceError("No answer to the " + question.kind + " question \"" + question.text +
+                      "\" - " + operator_.unansweredReason());
+  return false;
+}
+
 void Sequencer::examineDefineTable() {
-  if (onExamineDefines) onExamineDefines(*this);
+  if (onExamineDefines_) onExamineDefines_(*this);
 }
 
 void Sequencer::addDefine(DefineEntry entry) {

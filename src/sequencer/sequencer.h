@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/event_loop.h"
+#include "common/file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
 #include "sequencer/dispatcher.h"
@@ -40,9 +41,28 @@ struct RunFlags {
 
 // How the last run ended. kUnload: a command closed the main window, which
 // ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
-enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload };
+enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload, kLimit };
+
+// When a wait ends early, in the variants that waits really differ by. Every
+// variant ends on a pending jump or a pending time-out action.
+enum class WaitRule {
+  // Only then: WAITSECONDS, whose delay timer the Stop button switches off,
+  // and the top of a channel poll.
+  kJumpOrTimeout,
+  // Also on Stop: the timed waits (WAITRANDOM, WAITTIMEOFDAY, WAITDATETIME,
+  // MANUALADJUST between questions).
+  kInterrupted,
+  // Also when the run ends after the current line: outputs in progress,
+  // file and streamer polls, and the alarm waits.
+  kRunEnding,
+  // Also once the sequence time-out has run out: the sleep between two
+  // readings of a channel or alarm poll, which then takes the time-out's
+  // action itself.
+  kPollSleep,
+};
 // "eof", "stop", "error" (also for kUnload: it ends the program after a
-// message, as an error does), "abort".
+// message, as an error does), "abort", "limit" (a limit of the front end on
+// the run's length).
 const char* EndReasonName(EndReason reason);
 
 // One entry of the define table.
@@ -60,7 +80,9 @@ inline constexpr std::string_view kCaption = "Corvane TAVRIX (b) v 7.00 (CC 6.01
 
 class Sequencer {
  public:
-  Sequencer(EventLoop& events, Operator& op, Trace& trace);
+  // `files` is the door to every file the run reads and writes, `paths` the
+  // drive map through which paths written on Windows reach them.
+  Sequencer(EventLoop& events, Operator& op, Trace& trace, FileSystem& files, const PathMap& paths);
   ~Sequencer();
   Sequencer(const Sequencer&) = delete;
   Sequencer& operator=(const Sequencer&) = delete;
@@ -70,8 +92,25 @@ class Sequencer {
   Operator& operatorPort() { return operator_; }
   Trace& trace() { return trace_; }
   Dispatcher& dispatcher() { return dispatcher_; }
-  RunFlags& flags() { return flags_; }
+  // The run's flags, to look at; they change only through the operations
+  // below and the buttons.
   const RunFlags& flags() const { return flags_; }
+
+  // --- The run state as handlers see it ------------------------------------
+  // Whether a wait of the given kind ends now.
+  bool waitEnds(WaitRule rule) const;
+  bool stopRequested() const { return flags_.stopRequested; }
+  // The run ends after the current line (STOP, a sequence error).
+  bool endRequested() const { return flags_.endRequested; }
+  // The sequence time-out has run out and its action is not yet pending.
+  bool timeoutExpired() const { return flags_.timeoutExpired; }
+  // Makes the time-out's action pending: the run loop takes it before it
+  // reads the next line, and the waits end.
+  void makeTimeoutPending() { flags_.timeoutPending = true; }
+  // NONSTOP: closing the window asks first for the rest of the run.
+  void setMustNotBeStopped() { flags_.mustNotBeStopped = true; }
+  // ENDTAVRIX: the program closes after the run.
+  void requestQuit() { flags_.quitRequested = true; }
 
   // --- The sequence file ---------------------------------------------------
   // Prepares a file for running: resets what a new file resets, shows its
@@ -101,9 +140,10 @@ class Sequencer {
   void reportSequenceError(std::string_view text);
   // A message box with an OK button, after which work goes on.
   void showMessage(std::string_view text);
-  // The error display switch (SHOWERROROFF sets it): sequence error reports
-  // are then recorded but not shown in a box; they still end the run.
-  bool errorDisplayOff = false;
+  // The error display switch (SHOWERROROFF turns it off): sequence error
+  // reports are then recorded but not shown in a box; they still end the run.
+  void setErrorDisplay(bool shown) { errorDisplayOff_ = !shown; }
+  bool errorDisplayOff() const { return errorDisplayOff_; }
 
   // Searches the label as GOTO does. Reports "Label X: does not exist" and
   // returns false when there is none.
@@ -122,17 +162,27 @@ class Sequencer {
   // `closedAs` had been pressed, as soon as `closeNow()` answers true.
   Answer ask(const Question& question, const std::function<bool()>& closeNow,
              std::string_view closedAs);
+  // Before `question` is asked again because of its last answer (`why`: "it
+  // refuses the date ..." or "it asks for the check again"): false, with a
+  // sequence error (the run ends), when the same answer would only come
+  // again.
+  bool mayAskAgain(const Question& question, std::string_view why);
 
   // Examines the define table, as the waits do at every turn.
   void examineDefineTable();
   // What a define entry does when examined, and how the timeout action runs
   // a define; set by the subsystem that owns the define commands.
-  std::function<void(Sequencer&)> onExamineDefines;
-  std::function<void(Sequencer&, const std::string& target)> onExecuteDefine;
+  using ExamineDefines = std::function<void(Sequencer&)>;
+  using ExecuteDefine = std::function<void(Sequencer&, const std::string& target)>;
   // Spends the sequence time-out that has fired (disarms it, clears timeout
-  // expired) and sets the jump target to its label or define; set by the
-  // subsystem that owns ONTIMEOUT. False when no time-out was armed.
-  std::function<bool(Sequencer&)> onTimeoutFired;
+  // expired) and sets the jump target to its label or define. False when no
+  // time-out was armed.
+  using SpendTimeout = std::function<bool(Sequencer&)>;
+  void setDefineActions(ExamineDefines examine, ExecuteDefine execute, SpendTimeout spendTimeout) {
+    onExamineDefines_ = std::move(examine);
+    onExecuteDefine_ = std::move(execute);
+    onTimeoutFired_ = std::move(spendTimeout);
+  }
 
   // The time-out action taken at once, as WAIT and the alarm waits do when
   // they find the time-out expired: the time-out is spent, then its define
@@ -143,9 +193,14 @@ class Sequencer {
   std::vector<DefineEntry>& defineTable() { return defines_; }
   void addDefine(DefineEntry entry);
 
-  // The jump and timeout target shared by jumps and timeout actions.
-  std::string jumpTarget;
-  bool jumpTargetIsDefine = false;
+  // The jump and timeout target shared by jumps and timeout actions: a
+  // define's name or a label.
+  void setJumpTarget(std::string target, bool isDefine) {
+    jumpTarget_ = std::move(target);
+    jumpTargetIsDefine_ = isDefine;
+  }
+  const std::string& jumpTarget() const { return jumpTarget_; }
+  bool jumpTargetIsDefine() const { return jumpTargetIsDefine_; }
 
   // The sequence time-out: the seconds timer counts down to the deadline.
   void setTimeoutDeadline(Micros deadline);
@@ -157,7 +212,8 @@ class Sequencer {
   void setSecondsTimerEnabled(bool enabled) { secondsTimer_.setEnabled(enabled); }
 
   // The loop count of LOOPCHECK and friends (one for the whole run).
-  int32_t loopCount = 0;
+  int32_t loopCount() const { return loopCount_; }
+  void setLoopCount(int32_t count) { loopCount_ = count; }
 
   // Called whenever a sequence file is prepared, so subsystems reset their
   // per-file state.
@@ -174,6 +230,9 @@ class Sequencer {
   void requestEnd(EndReason reason);
   // Ends the run at once as the Stop button does, as an abort.
   void requestAbort();
+  // Ends the run at once as the Stop button does, because a limit the front
+  // end set on the run's length was reached.
+  void requestLimitStop();
 
   // Continues the run in another sequence file (CHAIN, RETURN): the file is
   // opened, `linesToSkip` lines are passed over, and labels are searched in
@@ -182,7 +241,8 @@ class Sequencer {
   bool continueInFile(const std::string& path, int16_t linesToSkip, std::string* error);
 
   // The drive map through which paths written on Windows reach local files.
-  PathMap& paths() { return paths_; }
+  const PathMap& paths() const { return paths_; }
+  FileSystem& files() { return files_; }
 
   // Reads the next line of a section that a handler reads itself (help
   // text, group ramps), counting it like any other line; false at the end of
@@ -193,6 +253,11 @@ class Sequencer {
   // the current command display shows it.
   using LineObserver = std::function<void(int16_t lineNumber, std::string_view text)>;
   void addLineObserver(LineObserver observer) { lineObservers_.push_back(std::move(observer)); }
+  // Hooks run after each dispatched line, with its line number (a front
+  // end's limits on the run).
+  void addLineHook(std::function<void(int16_t line)> hook) {
+    lineHooks_.push_back(std::move(hook));
+  }
 
   // Hooks run by the Stop button (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
@@ -242,13 +307,14 @@ class Sequencer {
   EventLoop& events_;
   Operator& operator_;
   Trace& trace_;
+  FileSystem& files_;
+  const PathMap& paths_;
   Dispatcher dispatcher_;
   RunFlags flags_;
   RunControls controls_;
   SequenceFile file_;
   std::string fileName_;
   std::string preparedName_;
-  PathMap paths_{defaultDataRoot()};
   int16_t lineNumber_ = 0;
   std::vector<DefineEntry> defines_;
   std::optional<Micros> deadline_;
@@ -258,10 +324,18 @@ class Sequencer {
   std::vector<std::function<void()>> stopHooks_;
   std::vector<LineObserver> lineObservers_;
   std::vector<std::function<void()>> runEndHooks_;
+  std::vector<std::function<void(int16_t)>> lineHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;
   std::string currentStatus_;
   EndReason endReason_ = EndReason::kNone;
   std::string lastError_;
+  bool errorDisplayOff_ = false;
+  ExamineDefines onExamineDefines_;
+  ExecuteDefine onExecuteDefine_;
+  SpendTimeout onTimeoutFired_;
+  std::string jumpTarget_;
+  bool jumpTargetIsDefine_ = false;
+  int32_t loopCount_ = 0;
 };
 
 }  // namespace tavrix

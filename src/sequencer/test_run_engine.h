@@ -5,11 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
+#include <random>
 
+#include "common/file_system.h"
+#include "common/text_file.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
 #include "sequencer/core_commands.h"
@@ -49,22 +49,29 @@ class TableChannels : public ChannelAccess {
 class CommandTest : public ::testing::Test {
  protected:
   CommandTest()
-      : clock_(kTestStart), events_(clock_), trace_(clock_), companion_(&trace_), seq_(events_, op_, trace_) {
-    RegisterSequencerCommands(seq_);
+      : clock_(kTestStart),
+        events_(clock_),
+        trace_(clock_),
+        companion_(&trace_),
+        seq_(events_, op_, trace_, files_, paths_) {
+    // WAITRANDOM draws from a seeded generator, or from `draws_` while it
+    // holds values.
+    RegisterSequencerCommands(seq_, [this] {
+      if (draws_.empty()) return std::uniform_real_distribution<double>(0, 1)(random_);
+      const double draw = draws_.front();
+      draws_.erase(draws_.begin());
+      return draw;
+    });
     RegisterCompanionCommands(seq_, companion_);
     RegisterOperatorEntryCommands(seq_, &channels_);
-    char name[] = "/tmp/tavrixcmdXXXXXX";
-    dir_ = mkdtemp(name);
-    seq_.paths().setDrive('c', dir_ + "/c");
+    paths_.setDrive('c', dir_ + "/c");
   }
-  ~CommandTest() override { std::filesystem::remove_all(dir_); }
 
   // Writes a file (CR LF line ends) under the temporary folder; returns its path.
   std::string Write(const std::string& name, const std::vector<std::string>& lines) {
     const std::string path = dir_ + "/" + name;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& line : lines) out << line << "\r\n";
+    EXPECT_TRUE(files_.makeFolders(parentFolder(path), nullptr));
+    EXPECT_TRUE(writeTextFileAtomically(files_, path, lines, nullptr));
     return path;
   }
 
@@ -94,8 +101,13 @@ class CommandTest : public ::testing::Test {
   Trace trace_;
   RecordingCompanion companion_;
   TableChannels channels_;
+  ScratchFolder scratch_;
+  std::string dir_ = scratch_.path();
+  LocalFileSystem files_{dir_};
+  PathMap paths_{dir_};
+  std::mt19937_64 random_{20260101};
+  std::vector<double> draws_;
   Sequencer seq_;
-  std::string dir_;
 };
 
 }  // namespace tavrix

@@ -31,10 +31,7 @@ Micros NextRefresh(const EventLoop& loop, Micros due) {
 
 }  // namespace
 
-bool WaitInterrupted(const Sequencer& seq) {
-  const RunFlags& flags = seq.flags();
-  return flags.jumpPending || flags.timeoutPending || flags.stopRequested;
-}
+bool WaitInterrupted(const Sequencer& seq) { return seq.waitEnds(WaitRule::kInterrupted); }
 
 bool WaitForInstant(Sequencer& seq, Micros due, std::string_view display) {
   EventLoop& loop = seq.events();
@@ -64,9 +61,9 @@ bool PollUntil(Sequencer& seq, Micros interval, const std::function<PollResult()
     if (result == PollResult::kWaiting && !WaitInterrupted(seq)) result = check();
   });
   timer.setEnabled(true);
-  seq.waitUntil([&] { return result != PollResult::kWaiting || WaitInterrupted(seq) ||
-                             seq.flags().endRequested; },
-                [&] { seq.examineDefineTable(); });
+  seq.waitUntil(
+      [&] { return result != PollResult::kWaiting || seq.waitEnds(WaitRule::kRunEnding); },
+      [&] { seq.examineDefineTable(); });
   return result == PollResult::kMet;
 }
 

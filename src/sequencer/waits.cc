@@ -1,14 +1,18 @@
 // WAITSECONDS with its delay timer, STARTTIMECOUNT and AFTERTIMECOUNT.
 //
-// The delay timer ticks once a second, to refresh the count-down shown in
-// the command display, and once more just after the wait's due instant, so a
-// wait ends on time without the engine waking more often than that.
+// The delay timer ticks once a second on the real clock, to refresh the
+// count-down shown in the command display, and once more just after the
+// wait's due instant, so a wait ends on time without the engine waking more
+// often than that. On a virtual clock it ticks at the due instant only.
 
 #include "sequencer/waits.h"
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <limits>
 #include <memory>
+#include <optional>
 
 #include "common/text_conventions.h"
 #include "sequencer/sequencer.h"
@@ -41,8 +45,17 @@ struct WaitState {
     armDelayTimer(now);
   }
 
+  // On a virtual clock nobody watches the count-down, so the timer is armed
+  // for the due instant itself: the clock jumps there in one step, and a
+  // year's wait costs one tick instead of one a second.
   void armDelayTimer(Micros now) {
-    delayTimer.setDue(std::min(now + kDelayTimerInterval, due));
+    if (due == Clock::kNever) {
+      delayTimer.setEnabled(false);
+    } else if (delayTimer.loop().clock().isVirtual()) {
+      delayTimer.setDue(due);
+    } else {
+      delayTimer.setDue(std::min(now + kDelayTimerInterval, due));
+    }
   }
 
   Timer delayTimer;
@@ -53,24 +66,37 @@ struct WaitState {
   Micros timeCountStart = 0;  // 0 when no count is running
 };
 
-void WaitSeconds(WaitState& state, Sequencer& seq, const CommandLine& cmd) {
+struct WaitSecondsCommand {
+  double seconds = 0;
+};
+
+Parsed<WaitSecondsCommand> ParseWaitSeconds(const CommandLine& cmd) {
+  const double seconds = leadingNumber(cmd.arg1);
+  if (!(seconds > 0))
+    return ParseFailure{"Invalid parameter - " + cmd.arg1 + " - for a WaitSeconds statement"};
+  return WaitSecondsCommand{seconds};
+}
+
+void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd) {
   const Micros start = seq.clock().now();
   state.waitStart = secondsSinceMidnight(start);
-  state.waitLength = leadingNumber(cmd.arg1);
-  if (!(state.waitLength > 0)) {
-    seq.reportSequenceError("Invalid parameter - " + cmd.arg1 + " - for a WaitSeconds statement");
-    return;
-  }
+  state.waitLength = cmd.seconds;
   const bool secondsTimerWasOn = seq.secondsTimerEnabled();
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(false);
 
-  const double length = std::min(state.waitLength, kLongestWaitSeconds);
-  state.due = start + static_cast<Micros>(std::ceil(length * kMicrosPerSecond));
+  // The wait length is a single-precision number: beyond its range it is
+  // infinite, and the wait has no due instant at all (only Stop, a jump or
+  // the timeout end it). Finite lengths beyond a century are held for one.
+  if (state.waitLength > std::numeric_limits<float>::max()) {
+    state.due = Clock::kNever;
+  } else {
+    const double length = std::min(state.waitLength, kLongestWaitSeconds);
+    state.due = start + static_cast<Micros>(std::ceil(length * kMicrosPerSecond));
+  }
   state.armDelayTimer(start);
   state.delayRunning = true;
-  const RunFlags& flags = seq.flags();
   seq.waitUntil(
-      [&] { return !state.delayRunning || flags.jumpPending || flags.timeoutPending; },
+      [&] { return !state.delayRunning || seq.waitEnds(WaitRule::kJumpOrTimeout); },
       [&] {
         seq.examineDefineTable();
         const double passed = static_cast<double>(seq.clock().now() - start) / kMicrosPerSecond;
@@ -85,48 +111,79 @@ void StartTimeCount(WaitState& state, Sequencer& seq, const CommandLine&) {
   state.timeCountStart = seq.clock().now();
 }
 
-void AfterTimeCount(WaitState& state, Sequencer& seq, const CommandLine& cmd) {
+// AFTERTIMECOUNT number, units, label. The run checks first that a count
+// is running, and only then the units and the number.
+struct AfterTimeCountCommand {
+  double number = 0;
+  int64_t unit = 1;  // seconds
+  std::string label;
+  std::optional<std::string> lateError;
+};
+
+Parsed<AfterTimeCountCommand> ParseAfterTimeCount(const CommandLine& cmd) {
+  AfterTimeCountCommand count;
+  count.label = cmd.arg3;
+  const std::string units = upperCase(cmd.arg2);
+  if (units == "SECONDS") {
+    count.unit = 1;
+  } else if (units == "MINUTES") {
+    count.unit = 60;
+  } else if (units == "HOURS") {
+    count.unit = 3600;
+  } else if (units == "DAYS") {
+    count.unit = 86400;
+  } else {
+    count.lateError = "AfterTimeCount - unrecognised units: " + cmd.arg2;
+    return count;
+  }
+  count.number = leadingNumber(cmd.arg1);
+  if (!(count.number > 0))
+    count.lateError = "AfterTimeCount - invalid number of units: " + cmd.arg1;
+  return count;
+}
+
+void AfterTimeCount(WaitState& state, Sequencer& seq, const AfterTimeCountCommand& cmd) {
   if (state.timeCountStart == 0) {
     seq.reportSequenceError("AfterTimeCount - a StartTimeCount command has not been executed");
     return;
   }
-  const std::string units = upperCase(cmd.arg2);
-  int64_t unit;
-  if (units == "SECONDS") {
-    unit = 1;
-  } else if (units == "MINUTES") {
-    unit = 60;
-  } else if (units == "HOURS") {
-    unit = 3600;
-  } else if (units == "DAYS") {
-    unit = 86400;
-  } else {
-    seq.reportSequenceError("AfterTimeCount - unrecognised units: " + cmd.arg2);
-    return;
-  }
-  const double number = leadingNumber(cmd.arg1);
-  if (!(number > 0)) {
-    seq.reportSequenceError("AfterTimeCount - invalid number of units: " + cmd.arg1);
+  if (cmd.lateError) {
+    seq.reportSequenceError(*cmd.lateError);
     return;
   }
   const int64_t elapsed = (seq.clock().now() - state.timeCountStart) / kMicrosPerSecond;
-  if (static_cast<double>(elapsed / unit) >= number) {
+  if (static_cast<double>(elapsed / cmd.unit) >= cmd.number) {
     state.timeCountStart = 0;
-    seq.searchLabel(cmd.arg3);
+    seq.searchLabel(cmd.label);
   }
+}
+
+constexpr std::string_view kFamily = "src/sequencer/waits.cc";
+const Keyword<WaitSecondsCommand> kWaitSeconds{"WAITSECONDS", kFamily, ParseWaitSeconds};
+const Keyword<CommandLine> kStartTimeCount{"STARTTIMECOUNT", kFamily, AsWritten};
+const Keyword<AfterTimeCountCommand> kAfterTimeCount{"AFTERTIMECOUNT", kFamily,
+                                                     ParseAfterTimeCount};
+
+// The handler of a keyword, given the family's state.
+template <class Command>
+std::function<void(Sequencer&, const Command&)> WithState(std::shared_ptr<WaitState> state,
+                                                          void (*handler)(WaitState&, Sequencer&,
+                                                                          const Command&)) {
+  return [state, handler](Sequencer& s, const Command& c) { handler(*state, s, c); };
 }
 
 }  // namespace
 
+std::vector<KeywordEntry> WaitKeywords() {
+  return {Entry(kWaitSeconds), Entry(kStartTimeCount), Entry(kAfterTimeCount)};
+}
+
 void RegisterWaitCommands(Sequencer& seq) {
   auto state = std::make_shared<WaitState>(seq.events());
-  auto bind = [state](void (*handler)(WaitState&, Sequencer&, const CommandLine&)) {
-    return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
-  };
   auto& d = seq.dispatcher();
-  d.registerHandler("WAITSECONDS", bind(WaitSeconds));
-  d.registerHandler("STARTTIMECOUNT", bind(StartTimeCount));
-  d.registerHandler("AFTERTIMECOUNT", bind(AfterTimeCount));
+  d.bind(kWaitSeconds, WithState(state, WaitSeconds));
+  d.bind(kStartTimeCount, WithState(state, StartTimeCount));
+  d.bind(kAfterTimeCount, WithState(state, AfterTimeCount));
   seq.addPrepareHook([state] { state->timeCountStart = 0; });
   seq.addStopHook([state] { state->delayTimer.setEnabled(false); });
 }

@@ -52,7 +52,7 @@ class Reader {
                std::string_view columnsMessage, Section& out) {
     std::vector<std::string> lines;
     std::string error;
-    if (!readTextLines(local(vbtavrix::DecryptString(path)), lines, &error)) {
+    if (!readTextLines(options_.files ? *options_.files : localFiles(), local(vbtavrix::DecryptString(path)), lines, &error)) {
       return fault(std::string(kMsgCannotRead) + path + " (" + error + ")");
     }
     out = FindSection(lines, header);

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/file_system.h"
 #include "common/paths.h"
 
 namespace tavrix {
@@ -80,6 +81,8 @@ struct TestDefinition {
 struct DefinitionReadOptions {
   // Maps the paths written in the files (and the details path) to local ones.
   const PathMap* paths = nullptr;
+  // The door to the files; the machine's own when not given.
+  const FileSystem* files = nullptr;
   // The folder a details row without a results directory uses, as the Windows
   // form the results writer expects (it gets a "\" appended).
   std::string currentDirectory;

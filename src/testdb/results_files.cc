@@ -1,7 +1,5 @@
 #include "testdb/results_files.h"
 
-#include <filesystem>
-#include <system_error>
 #include <vector>
 
 #include "common/text_conventions.h"
@@ -28,44 +26,27 @@ std::string BareName(const std::string& localPath) {
   return slash == std::string::npos ? localPath : localPath.substr(slash + 1);
 }
 
-bool Exists(const std::string& localPath) {
-  std::error_code ec;
-  return std::filesystem::is_regular_file(localPath, ec);
-}
-
-bool MakeFolder(const std::string& localPath, std::string* error) {
-  const size_t slash = localPath.rfind('/');
-  if (slash == std::string::npos || slash == 0) return true;
-  std::error_code ec;
-  std::filesystem::create_directories(localPath.substr(0, slash), ec);
-  if (ec) {
-    if (error) *error = "Cannot create the results directory of " + localPath + ": " + ec.message();
-    return false;
-  }
-  return true;
-}
-
 // Lines of an existing XML file without those holding `closingTag`; the
 // opening line when the file does not exist. False when it cannot be read.
-bool KeptXmlLines(const std::string& localPath, std::string_view closingTag,
+bool KeptXmlLines(FileSystem& files, const std::string& localPath, std::string_view closingTag,
                   const std::string& opening, std::vector<std::string>& kept, std::string* error) {
-  if (!Exists(localPath)) {
+  if (!files.isFile(localPath)) {
     kept = {opening};
     return true;
   }
   std::vector<std::string> lines;
-  if (!readTextLines(localPath, lines, error)) return false;
+  if (!readTextLines(files, localPath, lines, error)) return false;
   for (auto& line : lines) {
     if (line.find(closingTag) == std::string::npos) kept.push_back(std::move(line));
   }
   return true;
 }
 
-bool WriteTextSummary(const TestDetails& details, const UutRecord& uut, const ResultsNames& names,
+bool WriteTextSummary(FileSystem& files, const TestDetails& details, const UutRecord& uut, const ResultsNames& names,
                       const std::string& local, Micros now, std::string* error) {
   std::vector<std::string> lines;
   std::string start;
-  if (!Exists(local)) {
+  if (!files.isFile(local)) {
     lines.push_back("Test_Results");
     lines.push_back("Test_Name: " + details.title);
     lines.push_back("Date: " + formatDate(now, "dd-mm-yyyy"));
@@ -85,13 +66,13 @@ bool WriteTextSummary(const TestDetails& details, const UutRecord& uut, const Re
                       f.value + kTab + f.message);
     }
   }
-  return appendLines(local, lines, error);
+  return appendLines(files, local, lines, error);
 }
 
-bool WriteTextDetails(const TestDetails& details, const UutRecord& uut, const ResultsNames& names,
+bool WriteTextDetails(FileSystem& files, const TestDetails& details, const UutRecord& uut, const ResultsNames& names,
                       const std::string& local, Micros now, std::string* error) {
   std::vector<std::string> lines;
-  if (!Exists(local)) lines.push_back("Test_Details Date=" + formatDate(now, "dd-mm-yyyy"));
+  if (!files.isFile(local)) lines.push_back("Test_Details Date=" + formatDate(now, "dd-mm-yyyy"));
   lines.push_back("Test");
   lines.push_back("Title: " + details.title);
   lines.push_back("Version: " + details.versionText);
@@ -109,15 +90,15 @@ bool WriteTextDetails(const TestDetails& details, const UutRecord& uut, const Re
     line += c.passed ? std::string("Pass") : "Fail" + std::string(1, kTab) + c.failureText;
     lines.push_back(std::move(line));
   }
-  return appendLines(local, lines, error);
+  return appendLines(files, local, lines, error);
 }
 
-bool WriteXmlSummary(const TestDetails& details, const UutRecord& uut, const std::string& local,
+bool WriteXmlSummary(FileSystem& files, const TestDetails& details, const UutRecord& uut, const std::string& local,
                      Micros now, std::string* error) {
   std::vector<std::string> lines;
   const std::string opening = "<Test_Results Test_Name='" + details.title + "' Date='" +
                               formatDate(now, "dd-mm-yyyy") + "'>";
-  if (!KeptXmlLines(local, "</Test_Results>", opening, lines, error)) return false;
+  if (!KeptXmlLines(files, local, "</Test_Results>", opening, lines, error)) return false;
   const std::string reference =
       "Details='SN" + uut.serialNumber + "_" + formatDate(now, "yymmdd") + ".xml'";
   if (uut.passed) {
@@ -133,14 +114,14 @@ bool WriteXmlSummary(const TestDetails& details, const UutRecord& uut, const std
     lines.push_back("</UUT>");
   }
   lines.push_back("</Test_Results>");
-  return writeTextFileAtomically(local, lines, error);
+  return writeTextFileAtomically(files, local, lines, error);
 }
 
-bool WriteXmlDetails(const TestDetails& details, const UutRecord& uut, const std::string& local,
+bool WriteXmlDetails(FileSystem& files, const TestDetails& details, const UutRecord& uut, const std::string& local,
                      Micros now, std::string* error) {
   std::vector<std::string> lines;
   const std::string opening = "<Test_Details Date='" + formatDate(now, "dd-mm-yyyy") + "'>";
-  if (!KeptXmlLines(local, "</Test_Details>", opening, lines, error)) return false;
+  if (!KeptXmlLines(files, local, "</Test_Details>", opening, lines, error)) return false;
   const std::string result = uut.passed ? "PASS" : "FAIL";
   for (const std::string& line :
        {std::string("<Test>"), "<Title>" + details.title + "</Title>",
@@ -158,7 +139,7 @@ bool WriteXmlDetails(const TestDetails& details, const UutRecord& uut, const std
   lines.push_back("</UUT>");
   lines.push_back("</Test>");
   lines.push_back("</Test_Details>");
-  return writeTextFileAtomically(local, lines, error);
+  return writeTextFileAtomically(files, local, lines, error);
 }
 
 }  // namespace
@@ -184,25 +165,47 @@ ResultsNames BuildResultsNames(const TestDetails& details, const UutRecord& uut,
   return names;
 }
 
-bool WriteTestResults(const TestDetails& details, const UutRecord& uut,
+bool WriteTestResults(FileSystem& files, const TestDetails& details, const UutRecord& uut,
                       const ResultsSettings& settings, const PathMap& paths, Micros now,
                       std::string* error) {
   if (!settings.writeResults) return true;
   const ResultsNames names = BuildResultsNames(details, uut, settings, now);
   const std::string summary = paths.toLocal(vbtavrix::EncryptString(names.summary));
   const std::string detailsFile = paths.toLocal(vbtavrix::EncryptString(names.details));
-  if (!MakeFolder(summary, error)) return false;
-  bool ok;
-  if (settings.xmlLayout) {
-    ok = WriteXmlSummary(details, uut, summary, now, error) &&
-         WriteXmlDetails(details, uut, detailsFile, now, error);
-  } else {
-    ok = WriteTextSummary(details, uut, names, summary, now, error) &&
-         WriteTextDetails(details, uut, names, detailsFile, now, error);
-  }
   vbtavrix::DecryptString(names.summary);
   vbtavrix::DecryptString(names.details);
-  return ok;
+  const size_t slash = summary.rfind('/');
+  if (slash != std::string::npos && slash != 0 && !files.makeFolders(summary.substr(0, slash), error)) {
+    if (error) *error = "Cannot create the results directory of " + summary + ": " + *error;
+    return false;
+  }
+  // Other runs may write into the same folder: the summary and the details
+  // are written under one lock, from the look at whether they exist on.
+  const auto held = files.lock(summary, error);
+  if (!held) return false;
+  // The summary as it was, to put back when the details cannot be written:
+  // a UUT's two records stay a pair.
+  const FileInfo before = files.info(summary);
+  std::string oldSummary;
+  if (settings.xmlLayout && before.kind == FileKind::kFile && !files.readFile(summary, oldSummary, error)) {
+    return false;
+  }
+  const bool summaryWritten = settings.xmlLayout
+                                  ? WriteXmlSummary(files, details, uut, summary, now, error)
+                                  : WriteTextSummary(files, details, uut, names, summary, now, error);
+  if (!summaryWritten) return false;
+  const bool detailsWritten = settings.xmlLayout
+                                  ? WriteXmlDetails(files, details, uut, detailsFile, now, error)
+                                  : WriteTextDetails(files, details, uut, names, detailsFile, now, error);
+  if (detailsWritten) return true;
+  if (before.kind != FileKind::kFile) {
+    files.remove(summary, nullptr);
+  } else if (settings.xmlLayout) {
+    files.writeAtomically(summary, oldSummary, nullptr);
+  } else {
+    files.truncate(summary, before.size, nullptr);
+  }
+  return false;
 }
 
 }  // namespace tavrix

@@ -45,8 +45,9 @@ ResultsNames BuildResultsNames(const TestDetails& details, const UutRecord& uut,
 
 // Writes the summary file and then the details file of `uut`. Returns false
 // with a message naming the file when one cannot be written; what was
-// written before stays whole.
-bool WriteTestResults(const TestDetails& details, const UutRecord& uut,
+// written before stays whole, and when the details cannot be written the
+// summary is put back as it was, so that a UUT's two records stay a pair.
+bool WriteTestResults(FileSystem& files, const TestDetails& details, const UutRecord& uut,
                       const ResultsSettings& settings, const PathMap& paths, Micros now,
                       std::string* error);
 

@@ -3,6 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <set>
+
+#include "common/text_items.h"
 #include "testdb/testdb_fixture.h"
 
 namespace tavrix {
@@ -42,7 +50,7 @@ class ResultsFilesTest : public ::testing::Test {
   }
   void Write(const UutRecord& uut, Micros when = kWhen) {
     std::string error;
-    ASSERT_TRUE(WriteTestResults(details_, uut, settings_, paths_, when, &error)) << error;
+    ASSERT_TRUE(WriteTestResults(folder_.files(), details_, uut, settings_, paths_, when, &error)) << error;
   }
 
   TempFolder folder_;
@@ -160,12 +168,183 @@ TEST_F(ResultsFilesTest, SwitchOffWritesNothingAndAFailedWriteKeepsEarlierEntrie
   Write(Passed("1"));
   const std::string before = folder_.Read("results/Valve test_261115.txt");
   // The details file's name is taken by a folder: the write fails with a
-  // message and the summary written before stays whole.
-  std::filesystem::create_directories(folder_.path() + "/results/SN_2_261115_143005.txt");
+  // message, and the summary is cut back to what it was before, so that
+  // the UUT's two records stay a pair.
+  folder_.files().makeFolders(folder_.path() + "/results/SN_2_261115_143005.txt", nullptr);
   std::string error;
-  EXPECT_FALSE(WriteTestResults(details_, Passed("2"), settings_, paths_, kWhen, &error));
+  EXPECT_FALSE(WriteTestResults(folder_.files(), details_, Passed("2"), settings_, paths_, kWhen, &error));
   EXPECT_THAT(error, ::testing::HasSubstr("SN_2_261115_143005.txt"));
-  EXPECT_THAT(folder_.Read("results/Valve test_261115.txt"), ::testing::StartsWith(before));
+  EXPECT_EQ(folder_.Read("results/Valve test_261115.txt"), before);
+}
+
+}  // namespace
+}  // namespace tavrix
+
+namespace tavrix {
+namespace {
+
+// Counts the summary entries of serial `serial` ("<serial>\tPASS" at a line
+// start, or after the bare-name prefix).
+int Entries(const std::string& summary, const std::string& serial) {
+  int n = 0;
+  for (const auto& line : splitLines(summary)) {
+    const size_t at = line.find(serial + "\tPASS\t");
+    if (at != std::string::npos && (at == 0 || line.compare(0, at, "Valve test_261115.txt") == 0)) ++n;
+  }
+  return n;
+}
+
+// A full disk or an I/O error at every write in turn, for both layouts: each
+// file is as it was, complete, or cut back to whole rows; a UUT never has a
+// summary entry without its details; the failure is reported.
+TEST_F(ResultsFilesTest, AFailingWriteAtEveryPointLeavesWholeFilesAndPairs) {
+  for (const bool xml : {false, true}) {
+    for (const auto fault : {MemoryFileSystem::Fault::kNoSpace, MemoryFileSystem::Fault::kIoError}) {
+      settings_.xmlLayout = xml;
+      // The writes that two UUTs take when nothing fails.
+      MemoryFileSystem clean;
+      PathMap cleanPaths("/data");
+      cleanPaths.setDrive('c', "/data/c");
+      clean.makeFolders("/data/c", nullptr);
+      std::string error;
+      ASSERT_TRUE(WriteTestResults(clean, details_, Passed("1"), settings_, cleanPaths, kWhen, &error));
+      const int afterFirst = clean.writes();
+      ASSERT_TRUE(WriteTestResults(clean, details_, Passed("2"), settings_, cleanPaths, kWhen, &error));
+      const int total = clean.writes() - afterFirst;
+      ASSERT_GE(total, 2);
+      const std::string summaryPath = std::string("/data/c/results/Valve test_261115") + (xml ? ".xml" : ".txt");
+      for (int n = 1; n <= total; ++n) {
+        MemoryFileSystem files;
+        files.makeFolders("/data/c", nullptr);
+        ASSERT_TRUE(WriteTestResults(files, details_, Passed("1"), settings_, cleanPaths, kWhen, &error));
+        const auto before = files.files();
+        files.failWrite(n, fault);
+        error.clear();
+        EXPECT_FALSE(WriteTestResults(files, details_, Passed("2"), settings_, cleanPaths, kWhen, &error))
+            << "write " << n;
+        EXPECT_THAT(error, ::testing::HasSubstr(fault == MemoryFileSystem::Fault::kNoSpace
+                                                    ? "No space left on device"
+                                                    : "Input/output error"));
+        // Every file is as it was before the UUT: the summary is cut back and
+        // the details of UUT 2 do not exist.
+        EXPECT_EQ(files.files(), before) << "write " << n << (xml ? " xml" : " text");
+        std::string summary;
+        ASSERT_TRUE(files.readFile(summaryPath, summary, nullptr));
+        if (!xml) {
+          EXPECT_EQ(Entries(summary, "2"), 0);
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tavrix
+
+namespace tavrix {
+namespace {
+
+// Real processes on one results folder: 60 runs that each write one UUT at
+// the same moment leave 60 entries, one header block and 60 details files.
+TEST_F(ResultsFilesTest, ManyProcessesWritingAtOnceLoseAndDoubleNothing) {
+  constexpr int kRuns = 60;
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  std::vector<pid_t> children;
+  for (int i = 0; i < kRuns; ++i) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      close(go[1]);
+      char byte;
+      if (read(go[0], &byte, 1) != 0) _exit(2);  // all start when the pipe closes
+      LocalFileSystem files(folder_.path());
+      std::string error;
+      _exit(WriteTestResults(files, details_, Passed("U" + std::to_string(i)), settings_, paths_, kWhen, &error)
+                ? 0
+                : 1);
+    }
+    children.push_back(child);
+  }
+  close(go[0]);
+  close(go[1]);
+  for (const pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const std::string summary = folder_.Read("results/Valve test_261115.txt");
+  const auto lines = splitLines(summary);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Test_Results"), 1);
+  for (int i = 0; i < kRuns; ++i) EXPECT_EQ(Entries(summary, "U" + std::to_string(i)), 1) << i;
+  EXPECT_EQ(lines.size(), 5u + kRuns);
+}
+
+std::vector<std::string> splitTabs(const std::string& line) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1) {
+    fields.push_back(line.substr(start, tab - start));
+  }
+  fields.push_back(line.substr(start));
+  return fields;
+}
+
+// 200 writers killed outright at random moments while they write results:
+// afterwards the summary holds the header once and whole entries, none twice,
+// and the next write finishes what a killed one left half done.
+TEST_F(ResultsFilesTest, WritersKilledAtRandomMomentsLeaveWholeUniqueEntries) {
+  std::mt19937 random(20261115);
+  for (int round = 0; round < 200; ++round) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      close(ready[0]);
+      LocalFileSystem files(folder_.path());
+      for (int k = 0;; ++k) {
+        std::string error;
+        const UutRecord uut = k % 2 ? Failed(std::to_string(round) + "-" + std::to_string(k))
+                                    : Passed(std::to_string(round) + "-" + std::to_string(k));
+        if (!WriteTestResults(files, details_, uut, settings_, paths_, kWhen, &error)) _exit(1);
+        if (write(ready[1], "r", 1) != 1) _exit(1);
+      }
+    }
+    close(ready[1]);
+    // Killed after 0 to 2 whole UUTs, while it writes the next.
+    const int wait = static_cast<int>(random() % 3);
+    char byte = 0;
+    for (int i = 0; i < wait; ++i) ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    close(ready[0]);
+  }
+  LocalFileSystem files(folder_.path());
+  std::string error;
+  ASSERT_TRUE(WriteTestResults(files, details_, Passed("last"), settings_, paths_, kWhen, &error)) << error;
+
+  const auto lines = splitLines(folder_.Read("results/Valve test_261115.txt"));
+  ASSERT_GE(lines.size(), 6u);
+  EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 5)[0], "Test_Results");
+  std::set<std::string> serials;
+  for (size_t i = 5; i < lines.size(); ++i) {
+    std::string line = lines[i];
+    if (line.rfind("Valve test_261115.txt", 0) == 0) line.erase(0, 21);
+    const auto fields = splitTabs(line);
+    if (line.rfind(std::string(17, ' ') + "\t", 0) == 0) {
+      EXPECT_EQ(fields.size(), 7u) << line;  // a failure line
+      continue;
+    }
+    ASSERT_EQ(fields.size(), 3u) << "line " << i << ": " << line;
+    EXPECT_TRUE(fields[1] == "PASS" || fields[1] == "FAIL") << line;
+    EXPECT_EQ(fields[2], "SN" + fields[0] + "_261115.txt") << line;
+    EXPECT_TRUE(serials.insert(fields[0]).second) << "twice: " << fields[0];
+  }
+  EXPECT_TRUE(serials.count("last"));
+  // The summary's marker of an interrupted append went with the next write.
+  EXPECT_FALSE(folder_.Exists("results/.Valve test_261115.txt.appending"));
 }
 
 }  // namespace

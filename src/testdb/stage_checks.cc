@@ -190,6 +190,7 @@ int TestDatabase::askUutCheck(const std::string& text) {
   }
   uut_.passed = false;
   if (*answer == kFailAndRepeat) {
+    if (!seq_.mayAskAgain(question, "that asks for the check again")) return 0;
     continue_ = true;
     return kVerdictFailRepeat;
   }
@@ -226,6 +227,7 @@ int TestDatabase::askCheckFailure() {
   const Answer answer = seq_.ask(question);
   if (!answer) return 0;
   if (*answer == kRepeat) {
+    if (!seq_.mayAskAgain(question, "that asks for the step again")) return 0;
     repeat_ = true;
     return kVerdictRepeat;
   }

@@ -1,6 +1,5 @@
 #include "testdb/test_database.h"
 
-#include <filesystem>
 #include <system_error>
 
 #include "common/text_conventions.h"
@@ -12,15 +11,33 @@ namespace tavrix {
 TestDatabase::TestDatabase(Sequencer& sequencer, const PathMap& paths)
     : seq_(sequencer), paths_(paths) {}
 
+namespace {
+
+constexpr std::string_view kFamily = "src/testdb/test_database.cc";
+
+// DB_STAGECHECK step: a step number in the 16-bit range.
+Parsed<int16_t> ParseStageCheck(const CommandLine& cmd) {
+  const auto step = roundToInt16(leadingNumber(cmd.arg1));
+  if (!step) return ParseFailure{"Stage step number out of range: " + cmd.arg1};
+  return *step;
+}
+
+const Keyword<CommandLine> kDataEntry{"DB_DATAENTRY", kFamily, AsWritten};
+const Keyword<int16_t> kStageCheck{"DB_STAGECHECK", kFamily, ParseStageCheck};
+
+}  // namespace
+
+std::vector<KeywordEntry> TestDatabaseKeywords() { return {Entry(kDataEntry), Entry(kStageCheck)}; }
+
 void TestDatabase::registerCommands() {
   auto& d = seq_.dispatcher();
   // DB_DATAENTRY details-file [label]: Cancel jumps to the label, or ends the
   // run as STOP does when there is none.
-  d.registerHandler("DB_DATAENTRY", [this](Sequencer& seq, const CommandLine& cmd) {
+  d.bind(kDataEntry, [this](Sequencer& seq, const CommandLine& cmd) {
     FinishUut();
-    if (seq.flags().endRequested) return;
+    if (seq.endRequested()) return;
     const bool accepted = OpenTestDatabase(std::string(trim(cmd.arg1)));
-    if (accepted || seq.flags().endRequested || seq.flags().stopRequested) return;
+    if (accepted || seq.endRequested() || seq.stopRequested()) return;
     if (!cmd.arg2.empty()) {
       seq.searchLabel(cmd.arg2);
     } else {
@@ -28,14 +45,7 @@ void TestDatabase::registerCommands() {
     }
   });
   // DB_STAGECHECK step
-  d.registerHandler("DB_STAGECHECK", [this](Sequencer&, const CommandLine& cmd) {
-    const auto step = roundToInt16(leadingNumber(cmd.arg1));
-    if (!step) {
-      seq_.reportSequenceError("Stage step number out of range: " + cmd.arg1);
-      return;
-    }
-    RunStageCheck(*step);
-  });
+  d.bind(kStageCheck, [this](Sequencer&, const int16_t& step) { RunStageCheck(step); });
   seq_.addRunEndHook([this] { EndRun(); });
 }
 
@@ -65,6 +75,7 @@ bool TestDatabase::askDataEntry(DataEntry& entry) {
     // The window stays open after its message.
     showPlainMessage(parsed.message);
     if (runEnding()) return false;
+    if (!seq_.mayAskAgain(question, "the window refuses it: " + parsed.message)) return false;
   }
 }
 
@@ -81,11 +92,9 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     definition_ = TestDefinition{};
     DefinitionReadOptions options;
     options.paths = &paths_;
+    options.files = &seq_.files();
     options.currentDirectory = currentDirectory;
-    if (options.currentDirectory.empty()) {
-      std::error_code ec;
-      options.currentDirectory = std::filesystem::current_path(ec).string();
-    }
+    if (options.currentDirectory.empty()) options.currentDirectory = seq_.files().currentFolder();
     options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
     if (ReadTestDefinitionFiles(detailsPath, options, definition_)) {
       loaded_ = true;
@@ -128,7 +137,7 @@ void TestDatabase::FinishUut() {
   std::string error;
   const Micros now = seq_.clock().now();
   std::vector<std::string> files;
-  if (!WriteTestResults(definition_.details, uut_, results, paths_, now, &error)) {
+  if (!WriteTestResults(seq_.files(), definition_.details, uut_, results, paths_, now, &error)) {
     seq_.reportSequenceError("Unable to write the results of UUT " + uut_.serialNumber + ": " +
                              error);
   } else if (results.writeResults) {
@@ -147,8 +156,6 @@ void TestDatabase::EndRun() {
   definition_ = TestDefinition{};
 }
 
-bool TestDatabase::runEnding() const {
-  return seq_.flags().endRequested || seq_.flags().stopRequested;
-}
+bool TestDatabase::runEnding() const { return seq_.endRequested() || seq_.stopRequested(); }
 
 }  // namespace tavrix

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/paths.h"
+#include "sequencer/keyword.h"
 #include "testdb/data_entry.h"
 #include "testdb/definition_files.h"
 #include "testdb/results_files.h"
@@ -21,6 +22,9 @@
 namespace tavrix {
 
 class Sequencer;
+
+// DB_DATAENTRY and DB_STAGECHECK.
+std::vector<KeywordEntry> TestDatabaseKeywords();
 
 inline constexpr std::string_view kMsgUnableToOpen = "Unable to open Database file:";
 

@@ -30,8 +30,8 @@ class TestDatabaseTest : public ::testing::Test {
       : clock_(kStart),
         events_(clock_),
         trace_(clock_),
-        seq_(events_, op_, trace_),
         paths_(folder_.path()),
+        seq_(events_, op_, trace_, folder_.files(), paths_),
         db_(seq_, paths_) {
     RegisterSequencerCommands(seq_);
     db_.registerCommands();
@@ -85,8 +85,8 @@ class TestDatabaseTest : public ::testing::Test {
   EventLoop events_;
   RecordingOperator op_;
   Trace trace_;
-  Sequencer seq_;
   PathMap paths_;
+  Sequencer seq_;
   TestDatabase db_;
   std::map<std::string, std::deque<std::string>> channels_;
   std::vector<std::string> reads_;
@@ -187,11 +187,8 @@ TEST_F(TestDatabaseTest, ManualVerdictsAndTheContinueFlag) {
        "2" + kT + "MANUAL", "3" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Seal",
        "4" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Paint", "4" + kT + "MANUAL"});
   std::vector<bool> flags;
-  seq_.dispatcher().addExtension([&](Sequencer&, const CommandLine& cmd) {
-    if (cmd.word != "FLAG") return false;
-    flags.push_back(db_.continueFlag());
-    return true;
-  });
+  const Keyword<CommandLine> flag{"FLAG", "", AsWritten};
+  seq_.dispatcher().bind(flag, [&](Sequencer&, const CommandLine&) { flags.push_back(db_.continueFlag()); });
   // Pass; Fail and Repeat asks once and then offers the step again; Fail and
   // Continue clears the flag and the next step's rows are still asked; Fail
   // and Repeat then Continue with test goes on.
@@ -273,10 +270,9 @@ TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
   // The files may go away once the run has loaded them.
   const std::vector<std::string> sequence = {"NEXT:", "DB_DATAENTRY c:\\details.txt",
                                              "DB_STAGECHECK 1", "FILES GONE", "GOTO NEXT"};
-  seq_.dispatcher().addExtension([this](Sequencer&, const CommandLine& cmd) {
-    if (cmd.word != "FILES") return false;
-    std::filesystem::remove(folder_.path() + "/stages.txt");
-    return true;
+  const Keyword<CommandLine> filesGone{"FILES", "", AsWritten};
+  seq_.dispatcher().bind(filesGone, [this](Sequencer&, const CommandLine&) {
+    folder_.files().remove(folder_.path() + "/stages.txt", nullptr);
   });
   EXPECT_EQ(Run(sequence), "");
   // Cancel without a label ends the run as STOP does.

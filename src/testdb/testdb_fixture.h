@@ -1,56 +1,59 @@
 // A temporary folder for the test database's files, removed afterwards.
 #pragma once
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 #include <string>
 #include <vector>
+
+#include "common/file_system.h"
+#include "common/text_file.h"
 
 namespace tavrix::testing_support {
 
 class TempFolder {
  public:
-  TempFolder() {
-    char name[] = "/tmp/testdbXXXXXX";
-    path_ = mkdtemp(name);
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return scratch_.path(); }
+  FileSystem& files() const { return localFiles(); }
 
   // Writes `lines`, each ended by CR LF, and returns the file's path.
   std::string Write(const std::string& name, const std::vector<std::string>& lines) const {
-    const std::string file = path_ + "/" + name;
-    std::ofstream out(file, std::ios::binary);
-    for (const auto& line : lines) out << line << "\r\n";
-    return file;
+    return WriteRaw(name, joinLines(lines));
   }
   std::string WriteRaw(const std::string& name, const std::string& bytes) const {
-    const std::string file = path_ + "/" + name;
-    std::ofstream(file, std::ios::binary) << bytes;
+    const std::string file = scratch_.file(name);
+    files().makeFolders(parentFolder(file), nullptr);
+    files().writeAtomically(file, bytes, nullptr);
     return file;
   }
   std::string Read(const std::string& name) const {
-    std::ifstream in(path_ + "/" + name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::string text;
+    files().readFile(scratch_.file(name), text, nullptr);
+    return text;
   }
-  bool Exists(const std::string& name) const { return std::filesystem::exists(path_ + "/" + name); }
+  bool Exists(const std::string& name) const {
+    return files().info(scratch_.file(name)).kind != FileKind::kMissing;
+  }
+  // Every file below the folder, as paths relative to it, in order.
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(path_)) {
-      if (entry.is_regular_file()) {
-        names.push_back(std::filesystem::relative(entry.path(), path_).string());
-      }
-    }
+    Collect("", names);
     std::sort(names.begin(), names.end());
     return names;
   }
 
  private:
-  std::string path_;
+  void Collect(const std::string& relative, std::vector<std::string>& out) const {
+    std::vector<std::string> entries;
+    const std::string folder = relative.empty() ? path() : scratch_.file(relative);
+    if (!files().list(folder, entries, nullptr)) return;
+    for (const auto& entry : entries) {
+      const std::string name = relative.empty() ? entry : relative + "/" + entry;
+      const FileKind kind = files().info(scratch_.file(name)).kind;
+      if (kind == FileKind::kFolder) Collect(name, out);
+      if (kind == FileKind::kFile) out.push_back(name);
+    }
+  }
+  ScratchFolder scratch_;
 };
 
 }  // namespace tavrix::testing_support

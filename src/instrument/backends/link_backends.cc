@@ -8,9 +8,9 @@ namespace tavrix {
 
 std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Clock& clock,
                                              const InstrumentSettings& settings,
-                                             std::string* error) {
+                                             const FileSystem& files, std::string* error) {
   if (linkSpec.empty() || linkSpec == kLinkSim) {
-    return std::make_unique<SimLink>(clock, settings.dataRoot);
+    return std::make_unique<SimLink>(clock, settings.dataRoot, files);
   }
   if (linkSpec.substr(0, kLinkTcpPrefix.size()) == kLinkTcpPrefix) {
     std::string host;
@@ -19,7 +19,7 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
       if (error) *error = "the link \"" + std::string(linkSpec) + "\" is not tcp://HOST:PORT";
       return nullptr;
     }
-    return std::make_unique<TcpLink>(clock, host, port);
+    return std::make_unique<TcpLink>(clock, host, port, files);
   }
   if (linkSpec == kLinkDll) {
     std::string why;
@@ -35,10 +35,11 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
 
 std::unique_ptr<Instrument> MakeInstrument(EventLoop& events, Trace& trace,
                                            InstrumentSettings settings, std::string_view linkSpec,
+                                           const FileSystem& files, const PathMap& paths,
                                            std::string* error) {
-  auto backend = MakeLinkLibrary(linkSpec, events.clock(), settings, error);
+  auto backend = MakeLinkLibrary(linkSpec, events.clock(), settings, files, error);
   if (!backend) return nullptr;
-  return std::make_unique<Instrument>(events, trace, std::move(settings), std::move(backend));
+  return std::make_unique<Instrument>(events, trace, std::move(settings), std::move(backend), paths);
 }
 
 }  // namespace tavrix

@@ -22,14 +22,16 @@ inline constexpr std::string_view kLinkSim = "sim";
 inline constexpr std::string_view kLinkTcpPrefix = "tcp://";
 
 // The backend that a link spec names, or nullptr with a message.
+// Setup files are read through `files`.
 std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Clock& clock,
                                              const InstrumentSettings& settings,
-                                             std::string* error);
+                                             const FileSystem& files, std::string* error);
 
 // An instrument over the backend that `linkSpec` names; nullptr with a
 // message for a link that names none.
 std::unique_ptr<Instrument> MakeInstrument(EventLoop& events, Trace& trace,
                                            InstrumentSettings settings, std::string_view linkSpec,
+                                           const FileSystem& files, const PathMap& paths,
                                            std::string* error);
 
 }  // namespace tavrix

@@ -1,8 +1,6 @@
 #include "instrument/link/channel_commands.h"
 
-#include <climits>
 #include <exception>
-#include <filesystem>
 
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
@@ -11,10 +9,36 @@
 namespace tavrix {
 namespace {
 
-constexpr std::string_view kLoopCountOverrun = "Loop Count overrun - exiting loop";
-
 std::string operatorNotSupported(std::string_view op) {
   return "Operator - " + std::string(op) + " - is not supported";
+}
+
+// CHECK condition, label and WAIT condition. The run compares only after it
+// has read the channel, so an operator it does not know is a late error.
+struct ConditionCommand {
+  ChannelCondition condition;
+  std::string label;
+  std::optional<std::string> lateError;
+};
+
+Parsed<ConditionCommand> ParseConditionCommand(const CommandLine& cmd) {
+  const auto condition = ParseChannelCondition(cmd.arg1);
+  if (!condition) return ParseFailure{std::string(kTextCannotParseCondition) + cmd.arg1};
+  ConditionCommand parsed{*condition, std::string(trim(cmd.arg2)), std::nullopt};
+  if (!CompareReading(0, condition->op, 0)) parsed.lateError = operatorNotSupported(condition->op);
+  return parsed;
+}
+
+// SENDSMC channel, command: the command hexadecimal coded.
+struct SmcCommand {
+  std::string channel;
+  std::string hex;
+};
+
+Parsed<SmcCommand> ParseSendSmc(const CommandLine& cmd) {
+  SmcCommand smc{std::string(trim(cmd.arg1)), {}};
+  if (!EncodeSmcCommand(cmd.arg2, smc.hex)) return ParseFailure{std::string(kTextSmcTooLong)};
+  return smc;
 }
 
 class ChannelCommands {
@@ -31,7 +55,7 @@ class ChannelCommands {
   // A command that failed because Stop gave up its exchange ends quietly:
   // the run is ending already.
   void fail() {
-    if (!seq_.flags().stopRequested) seq_.reportSequenceError(ins_.link().lastErrorText);
+    if (!seq_.stopRequested()) seq_.reportSequenceError(ins_.link().lastErrorText);
   }
   Channels& ch() { return ins_.channels(); }
 
@@ -43,8 +67,7 @@ class ChannelCommands {
       dialog.defaultExtension = "ims";
       dialog.fileName = "*.ims";
       dialog.filter = kTextImsFilter;
-      std::error_code ec;
-      dialog.initialDirectory = std::filesystem::current_path(ec).string();
+      dialog.initialDirectory = seq_.files().currentFolder();
       const auto chosen = seq_.operatorPort().chooseFile(dialog);
       if (!chosen) return;
       file = *chosen;
@@ -56,13 +79,8 @@ class ChannelCommands {
     if (linkReady() && !ch().WriteChannel(trim(cmd.arg1), cmd.arg2)) fail();
   }
 
-  void sendSmc(const CommandLine& cmd) {
-    std::string hex;
-    if (!EncodeSmcCommand(cmd.arg2, hex)) {
-      seq_.reportSequenceError(kTextSmcTooLong);
-      return;
-    }
-    if (linkReady() && !ch().WriteChannel(trim(cmd.arg1), hex)) {
+  void sendSmc(const SmcCommand& cmd) {
+    if (linkReady() && !ch().WriteChannel(cmd.channel, cmd.hex)) {
       seq_.reportSequenceError(kTextSmcNotFound);
     }
   }
@@ -92,23 +110,8 @@ class ChannelCommands {
     }
   }
 
-  void incrementLoopCount(const CommandLine& cmd) {
-    if (seq_.loopCount == INT32_MAX) {
-      seq_.showMessage(kLoopCountOverrun);
-      return;
-    }
-    ++seq_.loopCount;
-    const std::string_view channel = trim(cmd.arg1);
-    if (channel.empty()) return;
-    if (linkReady() && !ch().WriteChannel(channel, std::to_string(seq_.loopCount))) fail();
-  }
-
-  void check(const CommandLine& cmd) {
-    const auto condition = ParseChannelCondition(cmd.arg1);
-    if (!condition) {
-      seq_.reportSequenceError(std::string(kTextCannotParseCondition) + cmd.arg1);
-      return;
-    }
+  void check(const ConditionCommand& cmd) {
+    const ChannelCondition* condition = &cmd.condition;
     seq_.processPendingEvents();
     if (!linkReady()) return;
     std::string reading;
@@ -119,25 +122,20 @@ class ChannelCommands {
       seq_.reportSequenceError(operatorNotSupported(condition->op));
       return;
     }
-    if (!*holds) seq_.searchLabel(trim(cmd.arg2));
+    if (!*holds) seq_.searchLabel(cmd.label);
   }
 
-  void wait(const CommandLine& cmd) {
+  void wait(const ConditionCommand& cmd) {
     const Micros start = seq_.clock().now();
-    const auto condition = ParseChannelCondition(cmd.arg1);
-    if (!condition) {
-      seq_.reportSequenceError(std::string(kTextCannotParseCondition) + cmd.arg1);
-      return;
-    }
+    const ChannelCondition* condition = &cmd.condition;
     if (!linkReady()) return;
-    RunFlags& flags = seq_.flags();
     auto storeDuration = [&] {
       ins_.lastWaitDuration = static_cast<float>(seq_.clock().now() - start) / 1e6f;
     };
     for (;;) {
-      if (flags.jumpPending || flags.timeoutPending) return;
+      if (seq_.waitEnds(WaitRule::kJumpOrTimeout)) return;
       seq_.processPendingEvents();
-      if (flags.timeoutExpired) {
+      if (seq_.timeoutExpired()) {
         // The time-out's action at once: its define runs or its label is
         // searched, and the time-out is spent.
         seq_.processPendingEvents();
@@ -166,10 +164,7 @@ class ChannelCommands {
       bool due = false;
       Timer poll(seq_.events(), ins_.settings().waitPollInterval, [&due] { due = true; });
       poll.setEnabled(true);
-      if (!seq_.waitUntil([&] {
-            return due || flags.jumpPending || flags.timeoutPending || flags.timeoutExpired ||
-                   flags.stopRequested;
-          })) {
+      if (!seq_.waitUntil([&] { return due || seq_.waitEnds(WaitRule::kPollSleep); })) {
         return;
       }
     }
@@ -204,27 +199,58 @@ std::optional<bool> CompareReading(double reading, std::string_view op, double v
   return std::nullopt;
 }
 
+namespace {
+
+constexpr std::string_view kFamily = "src/instrument/link/channel_commands.cc";
+const Keyword<CommandLine> kImsFileSpec{"IMSFILESPEC", kFamily, AsWritten};
+const Keyword<CommandLine> kSend{"SEND", kFamily, AsWritten};
+const Keyword<SmcCommand> kSendSmc{"SENDSMC", kFamily, ParseSendSmc};
+const Keyword<CommandLine> kImlDef{"IMLDEF", kFamily, AsWritten};
+const Keyword<CommandLine> kImlEsc{"IMLESC", kFamily, AsWritten};
+const Keyword<CommandLine> kMonitor{"MONITOR", kFamily, AsWritten};
+const Keyword<CommandLine> kKillMonitor{"KILLMONITOR", kFamily, AsWritten};
+const Keyword<CommandLine> kRezero{"REZERO", kFamily, AsWritten};
+const Keyword<CommandLine> kCheckIms{"CHECKIMS", kFamily, AsWritten};
+const Keyword<ConditionCommand> kCheck{"CHECK", kFamily, ParseConditionCommand};
+const Keyword<ConditionCommand> kWait{"WAIT", kFamily, ParseConditionCommand};
+
+}  // namespace
+
+void InstrumentLoopCountOutput::write(Sequencer& sequencer, std::string_view channel,
+                                      int32_t count) {
+  if (instrument_->ensureOpen() &&
+      instrument_->channels().WriteChannel(channel, std::to_string(count)))
+    return;
+  sequencer.reportSequenceError(instrument_->link().lastErrorText);
+}
+
+std::vector<KeywordEntry> InstrumentKeywords() {
+  return {Entry(kImsFileSpec), Entry(kSend),    Entry(kSendSmc),     Entry(kImlDef),
+          Entry(kImlEsc),      Entry(kMonitor), Entry(kKillMonitor), Entry(kRezero),
+          Entry(kCheckIms),    Entry(kCheck),   Entry(kWait)};
+}
+
 void RegisterInstrumentCommands(Sequencer& sequencer, Instrument& instrument) {
   auto commands = std::make_shared<ChannelCommands>(sequencer, instrument);
-  auto bind = [commands](void (ChannelCommands::*method)(const CommandLine&)) {
-    return [commands, method](Sequencer&, const CommandLine& cmd) { ((*commands).*method)(cmd); };
+  auto bind = [commands]<class Command>(void (ChannelCommands::*method)(const Command&)) {
+    return std::function<void(Sequencer&, const Command&)>(
+        [commands, method](Sequencer&, const Command& cmd) { ((*commands).*method)(cmd); });
   };
   Dispatcher& d = sequencer.dispatcher();
-  d.registerHandler("IMSFILESPEC", bind(&ChannelCommands::imsFileSpec));
-  d.registerHandler("SEND", bind(&ChannelCommands::send));
-  d.registerHandler("SENDSMC", bind(&ChannelCommands::sendSmc));
-  d.registerHandler("IMLDEF", bind(&ChannelCommands::define));
-  d.registerHandler("IMLESC", bind(&ChannelCommands::escape));
-  d.registerHandler("MONITOR", bind(&ChannelCommands::monitor));
-  d.registerHandler("KILLMONITOR", bind(&ChannelCommands::killMonitor));
-  d.registerHandler("REZERO", bind(&ChannelCommands::rezero));
-  d.registerHandler("CHECKIMS", bind(&ChannelCommands::checkIms));
-  d.registerHandler("INCREMENTLOOPCOUNT", bind(&ChannelCommands::incrementLoopCount));
-  d.registerHandler("CHECK", bind(&ChannelCommands::check));
-  d.registerHandler("WAIT", bind(&ChannelCommands::wait));
+  d.bind(kImsFileSpec, bind(&ChannelCommands::imsFileSpec));
+  d.bind(kSend, bind(&ChannelCommands::send));
+  d.bind(kSendSmc, bind(&ChannelCommands::sendSmc));
+  d.bind(kImlDef, bind(&ChannelCommands::define));
+  d.bind(kImlEsc, bind(&ChannelCommands::escape));
+  d.bind(kMonitor, bind(&ChannelCommands::monitor));
+  d.bind(kKillMonitor, bind(&ChannelCommands::killMonitor));
+  d.bind(kRezero, bind(&ChannelCommands::rezero));
+  d.bind(kCheckIms, bind(&ChannelCommands::checkIms));
+  d.bind(kCheck, bind(&ChannelCommands::check));
+  d.bind(kWait, bind(&ChannelCommands::wait));
   // A Stop ends the link's waits, so a device that never answers cannot hold
   // the run when the operator wants it ended.
-  instrument.link().abandonWaits = [&sequencer] { return sequencer.flags().stopRequested; };
+  instrument.link().abandonWaits = [&sequencer] { return sequencer.stopRequested(); };
 }
 
 }  // namespace tavrix

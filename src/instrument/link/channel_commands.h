@@ -12,7 +12,6 @@
 //   CHECKIMS                    read the check channel of the settings
 //   CHECK channel op value, label    jump to the label unless the condition holds
 //   WAIT channel op value       hold until the condition holds
-//   INCREMENTLOOPCOUNT [channel]     count, and write the new count to a channel
 //
 // Channel names are taken with blanks around them removed. A failed channel
 // operation ends the run with a sequence error showing the link's last error
@@ -23,12 +22,30 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "sequencer/flow_control.h"
+#include "sequencer/keyword.h"
 
 namespace tavrix {
 
 class Instrument;
 class Sequencer;
 
+std::vector<KeywordEntry> InstrumentKeywords();
+
+// INCREMENTLOOPCOUNT's writes to a channel go to the attached instrument;
+// the link is opened for the first, and a failure shows the link's last
+// error text.
+class InstrumentLoopCountOutput : public LoopCountOutput {
+ public:
+  void attach(Instrument* instrument) { instrument_ = instrument; }
+  bool available() const override { return instrument_ != nullptr; }
+  void write(Sequencer& sequencer, std::string_view channel, int32_t count) override;
+
+ private:
+  Instrument* instrument_ = nullptr;
+};
 void RegisterInstrumentCommands(Sequencer& sequencer, Instrument& instrument);
 
 // A channel condition of CHECK and WAIT: channel, operator and value,

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <fstream>
 
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
@@ -34,14 +32,6 @@ constexpr std::string_view kRig =
     "D 4 NOTREADY=3000\n"
     "  40001 E=1 N=STUCK V=4\n";
 
-std::string TempPath(const std::string& stem) {
-  char name[64];
-  std::snprintf(name, sizeof name, "/tmp/%sXXXXXX", stem.c_str());
-  const int fd = mkstemp(name);
-  close(fd);
-  return name;
-}
-
 // A run engine on a virtual clock with the core and instrument commands over
 // the simulated rig; every sequence loads the rig first.
 class ChannelCommandsTest : public ::testing::Test {
@@ -50,31 +40,25 @@ class ChannelCommandsTest : public ::testing::Test {
       : clock_(kStart),
         events_(clock_),
         trace_(clock_),
-        seq_(events_, op_, trace_),
-        sim_(clock_),
+        seq_(events_, op_, trace_, files_, paths_),
+        sim_(clock_, "", files_),
         recorder_(new RecordingLink(sim_)) {
-    RegisterSequencerCommands(seq_);
+    RegisterSequencerCommands(seq_, {}, &loopCount_);
     InstrumentSettings settings;
     settings.replyTimeoutSecs = 5;
     settings.checkChannel = "TEMP2";
     instrument_ = std::make_unique<Instrument>(events_, trace_, settings,
-                                               std::unique_ptr<LinkLibrary>(recorder_));
+                                               std::unique_ptr<LinkLibrary>(recorder_), paths_);
     RegisterInstrumentCommands(seq_, *instrument_);
-    rig_ = TempPath("rig");
-    std::ofstream(rig_, std::ios::binary) << kRig;
-    path_ = TempPath("seq");
-  }
-  ~ChannelCommandsTest() override {
-    std::remove(rig_.c_str());
-    std::remove(path_.c_str());
+    loopCount_.attach(instrument_.get());
+    files_.put(rig_, std::string(kRig));
   }
 
   // Runs the lines after loading the rig; the last sequence error or "".
   std::string Run(const std::vector<std::string>& lines) {
-    std::ofstream out(path_, std::ios::binary);
-    out << "IMSFILESPEC " << rig_ << "\r\n";
-    for (const auto& line : lines) out << line << "\r\n";
-    out.close();
+    std::string text = "IMSFILESPEC " + rig_ + "\r\n";
+    for (const auto& line : lines) text += line + "\r\n";
+    files_.put(path_, text);
     std::string error;
     EXPECT_TRUE(seq_.prepareFile(path_, &error)) << error;
     recorder_->sent.clear();
@@ -93,12 +77,15 @@ class ChannelCommandsTest : public ::testing::Test {
   EventLoop events_;
   RecordingOperator op_;
   Trace trace_;
+  MemoryFileSystem files_;
+  PathMap paths_{files_.dataRoot()};
   Sequencer seq_;
   SimLink sim_;
   RecordingLink* recorder_;  // owned by the instrument
   std::unique_ptr<Instrument> instrument_;
-  std::string rig_;
-  std::string path_;
+  std::string rig_ = "/data/rig.ims";
+  std::string path_ = "/data/seq.wts";
+  InstrumentLoopCountOutput loopCount_;
   Micros runStart_ = 0;
 };
 
@@ -196,12 +183,12 @@ TEST_F(ChannelCommandsTest, CheckJumpsUnlessTheConditionHolds) {
 }
 
 TEST_F(ChannelCommandsTest, ChannelCommandsReachTheDevices) {
-  seq_.loopCount = 0;
+  seq_.setLoopCount(0);
   EXPECT_EQ(Run({"INCREMENTLOOPCOUNT", "INCREMENTLOOPCOUNT COUNTER", "IMLDEF TEMP2, O=1.5",
                  "IMLESC SMC1, RESET", "SENDSMC SMC1, P123", "SENDSMC SMC1, Q99",
                  "MONITOR 1, TMON, FOLLOW=TEMP2", "REZERO TEMP2", "KILLMONITOR TMON", "CHECKIMS"}),
             "");
-  EXPECT_EQ(seq_.loopCount, 2);
+  EXPECT_EQ(seq_.loopCount(), 2);
   EXPECT_EQ(recorder_->sent, (std::vector<std::string>{"1: WRI COUNTER 2",
                                                        "1: REP",
                                                        "1: DEF TEMP2 O=1.5",
@@ -267,18 +254,17 @@ TEST_F(ChannelCommandsTest, FaultsBecomeSequenceErrorsOrEndTheWaitAsDocumented) 
   EXPECT_EQ(recorder_->sent[0], "1: " + ("WRI TEMP2 " + value).substr(0, 199));
 
   // A setup file with garbage names the line.
-  const std::string bad = TempPath("bad");
-  std::ofstream(bad, std::ios::binary) << "  10001 E=1 N=A\n  10002 E=1 N=B TAU=3\n";
+  const std::string bad = "/data/bad.ims";
+  files_.put(bad, "  10001 E=1 N=A\n  10002 E=1 N=B TAU=3\n");
   const std::string error = Run({"IMSFILESPEC " + bad});
   EXPECT_EQ(error.substr(0, 17), "IML error:  81 - ");
   EXPECT_NE(error.find(bad + " line 2: unknown field \"TAU=\""), std::string::npos) << error;
-  std::remove(bad.c_str());
 }
 
 TEST_F(ChannelCommandsTest, TheSetupFileMayBeChosenByTheOperator) {
   op_.files.push_back(rig_);
   op_.files.push_back(std::nullopt);
-  std::ofstream(path_, std::ios::binary) << "IMSFILESPEC\r\nIMSFILESPEC\r\nSEND TEMP2, 8\r\n";
+  files_.put(path_, "IMSFILESPEC\r\nIMSFILESPEC\r\nSEND TEMP2, 8\r\n");
   std::string error;
   ASSERT_TRUE(seq_.prepareFile(path_, &error));
   seq_.pressRun();
@@ -288,7 +274,7 @@ TEST_F(ChannelCommandsTest, TheSetupFileMayBeChosenByTheOperator) {
   // Without hardware nothing is loaded or sent, and every channel reads "0".
   InstrumentSettings settings;
   settings.noHardware = true;
-  Instrument none(events_, trace_, settings, std::make_unique<SimLink>(clock_));
+  Instrument none(events_, trace_, settings, std::make_unique<SimLink>(clock_), paths_);
   std::string value;
   EXPECT_TRUE(none.selectSetupFile("/nonexistent.ims"));
   EXPECT_TRUE(none.channels().ReadChannel("ANY", value));

@@ -12,10 +12,15 @@
 namespace tavrix {
 namespace {
 
+// The rig files of the tests, held in memory.
+MemoryFileSystem& Files() {
+  static MemoryFileSystem files;
+  return files;
+}
+
 std::string WriteFile(const std::string& name, std::string_view text) {
-  // Named for this process: test programs run side by side.
-  const std::string path = ::testing::TempDir() + std::to_string(getpid()) + "_" + name;
-  std::ofstream(path, std::ios::binary) << text;
+  const std::string path = "/data/" + name;
+  Files().put(path, std::string(text));
   return path;
 }
 
@@ -32,7 +37,7 @@ constexpr std::string_view kRig =
 struct ChannelsFixture : ::testing::Test {
   VirtualClock clock{*parseDateTime("2024-03-01 10:00:00")};
   EventLoop events{clock};
-  SimLink sim{clock};
+  SimLink sim{clock, "", Files()};
   RecordingLink recorder{sim};
   ImlLink link{recorder, events, nullptr};
   Channels channels{link};

@@ -315,8 +315,9 @@ TEST_F(LinkFixture, WaitsLetTimersRunAndExchangesMayNest) {
 }
 
 TEST_F(LinkFixture, EveryExchangeIsTracedWhenTheTraceIsOn) {
-  const std::string path = ::testing::TempDir() + "iml_trace_" + std::to_string(getpid()) + ".jsonl";
-  trace.setOutput(std::fopen(path.c_str(), "w"), true);
+  MemoryFileSystem files;
+  const std::string path = "/data/iml_trace.jsonl";
+  trace.setOutput(files.create(path, nullptr));
   trace.setOrigin(clock.now());
   library.onReply = [](int16_t, std::string& text) {
     text = "21.5";
@@ -328,15 +329,11 @@ TEST_F(LinkFixture, EveryExchangeIsTracedWhenTheTraceIsOn) {
   link.IMLGetReply(1, reply);
   library.onSend = [](int16_t, std::string_view) { return 9; };
   link.IMLSendCommand(1, "REA TEMP1", true);
-  trace.setOutput(nullptr, false);
+  trace.setOutput(nullptr);
   link.IMLSendCommand(1, "WRI HEATER 6", false);  // trace off: nothing written
 
-  std::FILE* out = std::fopen(path.c_str(), "r");
-  ASSERT_NE(out, nullptr);
   std::string text;
-  char buffer[512];
-  while (std::fgets(buffer, sizeof buffer, out) != nullptr) text += buffer;
-  std::fclose(out);
+  ASSERT_TRUE(files.readFile(path, text, nullptr));
   EXPECT_EQ(
       text,
       "{\"t\":0.000,\"ev\":\"iml\",\"dev\":1,\"cmd\":\"WRI HEATER 5\",\"reply\":null}\n"

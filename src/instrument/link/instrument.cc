@@ -4,9 +4,10 @@
 namespace tavrix {
 
 Instrument::Instrument(EventLoop& events, Trace& trace, InstrumentSettings settings,
-                       std::unique_ptr<LinkLibrary> backend)
+                       std::unique_ptr<LinkLibrary> backend, const PathMap& paths)
     : events_(events),
       settings_(std::move(settings)),
+      paths_(paths),
       backend_(std::move(backend)),
       link_(*backend_, events, &trace),
       channels_(link_) {
@@ -31,7 +32,7 @@ bool Instrument::selectSetupFile(std::string_view path) {
   open_ = false;
   events_.processPendingEvents();
   if (!ensureOpen()) return false;
-  return channels_.LoadSetup(MapPath(path, settings_));
+  return channels_.LoadSetup(paths_.toLocal(path));
 }
 
 }  // namespace tavrix

@@ -19,8 +19,9 @@ namespace tavrix {
 
 class Instrument {
  public:
+  // `paths` is the run's drive map, through which setup files are found.
   Instrument(EventLoop& events, Trace& trace, InstrumentSettings settings,
-             std::unique_ptr<LinkLibrary> backend);
+             std::unique_ptr<LinkLibrary> backend, const PathMap& paths);
   ~Instrument();
   Instrument(const Instrument&) = delete;
   Instrument& operator=(const Instrument&) = delete;
@@ -49,6 +50,7 @@ class Instrument {
  private:
   EventLoop& events_;
   InstrumentSettings settings_;
+  const PathMap& paths_;
   std::unique_ptr<LinkLibrary> backend_;
   ImlLink link_;
   Channels channels_;

@@ -6,6 +6,7 @@
 
 #include "common/paths.h"
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 #include "common/text_items.h"
 
 namespace tavrix {
@@ -109,22 +110,21 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
   return true;
 }
 
-bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& settings,
-                            std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = "cannot read the settings file " + path;
+bool LoadInstrumentSettings(const FileSystem& files, const std::string& path,
+                            InstrumentSettings& settings, std::string& error) {
+  std::string text;
+  std::string readError;
+  if (!readTextFile(files, path, text, &readError)) {
+    error = "cannot read the settings file " + path + ": " + readFailureReason(readError);
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseInstrumentSettings(text.str(), path, settings, error);
+  return ParseInstrumentSettings(text, path, settings, error);
 }
 
-std::string MapPath(std::string_view path, const InstrumentSettings& settings) {
-  PathMap map(defaultDataRoot());
+PathMap MakePathMap(std::string dataRoot, const InstrumentSettings& settings) {
+  PathMap map(std::move(dataRoot));
   for (const auto& [drive, folder] : settings.driveMap) map.setDrive(drive, folder);
-  return map.toLocal(path);
+  return map;
 }
 
 }  // namespace tavrix

@@ -4,6 +4,9 @@
 // documented in docs/instrument-settings.md.
 #pragma once
 
+#include "common/file_system.h"
+#include "common/paths.h"
+
 #include <map>
 #include <string>
 #include <string_view>
@@ -39,15 +42,14 @@ struct InstrumentSettings {
 };
 
 // Reads settings from a file; false with "FILE line N: reason" on a bad line.
-bool LoadInstrumentSettings(const std::string& path, InstrumentSettings& settings,
+bool LoadInstrumentSettings(const FileSystem& files, const std::string& path, InstrumentSettings& settings,
                             std::string& error);
 bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
                              InstrumentSettings& settings, std::string& error);
 
-// A path as written in sequence files ("c:\corvane\setups\rig.ims") as a path
-// of this computer, through the program's drive map (common/paths.h) with the
-// drives of these settings: "\" becomes "/", and a drive prefix is replaced
-// by its folder. Paths without a drive only change their separators.
-std::string MapPath(std::string_view path, const InstrumentSettings& settings);
+// The program's drive map (common/paths.h): the drives of these settings, and
+// every other drive X as "<dataRoot>/x". Built once per run; every command
+// that names a file goes through it.
+PathMap MakePathMap(std::string dataRoot, const InstrumentSettings& settings);
 
 }  // namespace tavrix

@@ -50,23 +50,24 @@ TEST(InstrumentSettings, ReadFromAKeyValueFile) {
     EXPECT_FALSE(ParseInstrumentSettings(text, "rig.cfg", settings, error)) << text;
     EXPECT_EQ(error, message);
   }
-  EXPECT_FALSE(LoadInstrumentSettings("/nonexistent/rig.cfg", settings, error));
-  EXPECT_EQ(error, "cannot read the settings file /nonexistent/rig.cfg");
-  const std::string path = ::testing::TempDir() + "instrument_" + std::to_string(getpid()) + ".cfg";
-  std::ofstream(path) << "check_channel = P1\n";
-  ASSERT_TRUE(LoadInstrumentSettings(path, settings, error));
+  MemoryFileSystem files;
+  EXPECT_FALSE(LoadInstrumentSettings(files, "/nonexistent/rig.cfg", settings, error));
+  EXPECT_EQ(error.rfind("cannot read the settings file /nonexistent/rig.cfg: ", 0), 0u) << error;
+  const std::string path = "/data/instrument.cfg";
+  files.put(path, "check_channel = P1\n");
+  ASSERT_TRUE(LoadInstrumentSettings(files, path, settings, error));
   EXPECT_EQ(settings.checkChannel, "P1");
 }
 
 TEST(InstrumentSettings, WindowsPathsAreMappedThroughTheDriveMap) {
   InstrumentSettings settings;
   settings.driveMap['c'] = "/srv/corvane/";
-  EXPECT_EQ(MapPath("c:\\corvane\\setups\\rig.ims", settings),
-            "/srv/corvane/corvane/setups/rig.ims");
-  EXPECT_EQ(MapPath("C:rig.ims", settings), "/srv/corvane/rig.ims");
-  EXPECT_EQ(MapPath("d:\\x\\y.ims", settings), defaultDataRoot() + "/d/x/y.ims");
-  EXPECT_EQ(MapPath("setups\\rig.ims", settings), "setups/rig.ims");
-  EXPECT_EQ(MapPath("/home/rig/rig.ims", settings), "/home/rig/rig.ims");
+  const PathMap map = MakePathMap("/home/op/.tavrix", settings);
+  EXPECT_EQ(map.toLocal("c:\\corvane\\setups\\rig.ims"), "/srv/corvane/corvane/setups/rig.ims");
+  EXPECT_EQ(map.toLocal("C:rig.ims"), "/srv/corvane/rig.ims");
+  EXPECT_EQ(map.toLocal("d:\\x\\y.ims"), "/home/op/.tavrix/d/x/y.ims");
+  EXPECT_EQ(map.toLocal("setups\\rig.ims"), "setups/rig.ims");
+  EXPECT_EQ(map.toLocal("/home/rig/rig.ims"), "/home/rig/rig.ims");
 }
 
 }  // namespace

@@ -77,6 +77,10 @@ class LinkLibrary {
   virtual int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) = 0;
   virtual int32_t abortReply(int16_t handle, int16_t device) = 0;
   virtual int32_t millisecondCount() = 0;
+  // Why the link last failed to reach its far end, in the system's words
+  // and with the address ("connection refused: 127.0.0.1:5025"); empty when
+  // the link has no far end or nothing failed.
+  virtual std::string connectionProblem() const { return {}; }
   // The library's own data directory ("" when it has none).
   virtual int32_t dirPath(std::string& path) = 0;
 

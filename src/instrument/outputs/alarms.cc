@@ -48,12 +48,9 @@ enum class AlarmWait { kNamed, kNone };
 
 void WaitForAlarms(Sequencer& seq, Instrument& instrument, AlarmWait kind, std::string_view name) {
   if (!OutputLinkReady(seq, instrument)) return;
-  RunFlags& flags = seq.flags();
   for (;;) {
-    if (flags.stopRequested || flags.jumpPending || flags.timeoutPending || flags.endRequested) {
-      return;
-    }
-    if (flags.timeoutExpired) {
+    if (seq.waitEnds(WaitRule::kRunEnding)) return;
+    if (seq.timeoutExpired()) {
       // The sequence time-out ran out: its action, as a WAIT takes it.
       seq.processPendingEvents();
       if (seq.takeTimeoutActionNow()) return;
@@ -65,10 +62,7 @@ void WaitForAlarms(Sequencer& seq, Instrument& instrument, AlarmWait kind, std::
     bool due = false;
     Timer poll(seq.events(), instrument.settings().waitPollInterval, [&due] { due = true; });
     poll.setEnabled(true);
-    if (!seq.waitUntil([&] {
-          return due || flags.jumpPending || flags.timeoutPending || flags.timeoutExpired ||
-                 flags.stopRequested;
-        })) {
+    if (!seq.waitUntil([&] { return due || seq.waitEnds(WaitRule::kPollSleep); })) {
       return;
     }
   }
@@ -167,25 +161,35 @@ std::string PauseAlarmError(std::string_view text) {
   return "Invalid parameter - " + std::string(text) + " - for a PauseAlarm statement";
 }
 
+namespace {
+
+constexpr std::string_view kFamily = "src/instrument/outputs/alarms.cc";
+const Keyword<CommandLine> kWaitAlarm{"WAITALARM", kFamily, AsWritten};
+const Keyword<CommandLine> kWaitNoAlarm{"WAITNOALARM", kFamily, AsWritten};
+const Keyword<CommandLine> kAlarmDefine{"ALARMDEFINE", kFamily, AsWritten};
+const Keyword<CommandLine> kPauseAlarm{"PAUSEALARM", kFamily, AsWritten};
+
+}  // namespace
+
+std::vector<KeywordEntry> AlarmKeywords() {
+  return {Entry(kWaitAlarm), Entry(kWaitNoAlarm), Entry(kAlarmDefine), Entry(kPauseAlarm)};
+}
+
 void RegisterAlarmCommands(Sequencer& seq, Instrument& instrument) {
   auto state = std::make_shared<AlarmState>();
   Dispatcher& d = seq.dispatcher();
-  d.registerHandler("WAITALARM", [&instrument](Sequencer& s, const CommandLine& c) {
+  d.bind(kWaitAlarm, [&instrument](Sequencer& s, const CommandLine& c) {
     if (trim(c.arg1).empty()) {
       s.reportSequenceError(kTextWaitAlarmNoName);
       return;
     }
     WaitForAlarms(s, instrument, AlarmWait::kNamed, trim(c.arg1));
   });
-  d.registerHandler("WAITNOALARM", [&instrument](Sequencer& s, const CommandLine&) {
+  d.bind(kWaitNoAlarm, [&instrument](Sequencer& s, const CommandLine&) {
     WaitForAlarms(s, instrument, AlarmWait::kNone, {});
   });
-  d.registerHandler("ALARMDEFINE", [state](Sequencer& s, const CommandLine& c) {
-    AlarmDefine(s, *state, c);
-  });
-  d.registerHandler("PAUSEALARM", [state](Sequencer& s, const CommandLine& c) {
-    PauseAlarm(s, *state, c);
-  });
+  d.bind(kAlarmDefine, [state](Sequencer& s, const CommandLine& c) { AlarmDefine(s, *state, c); });
+  d.bind(kPauseAlarm, [state](Sequencer& s, const CommandLine& c) { PauseAlarm(s, *state, c); });
   seq.addPrepareHook([state, &seq] {
     state->definitions.clear();
     state->paused = false;

@@ -26,6 +26,8 @@
 #include <string_view>
 #include <vector>
 
+#include "sequencer/keyword.h"
+
 namespace tavrix {
 
 class Instrument;
@@ -56,6 +58,7 @@ std::optional<std::string> MatchAlarmDefinitions(std::string_view activeList,
 // "Invalid parameter - " + text + " - for a PauseAlarm statement".
 std::string PauseAlarmError(std::string_view text);
 
+std::vector<KeywordEntry> AlarmKeywords();
 // Registers WAITALARM, WAITNOALARM, ALARMDEFINE and PAUSEALARM and the check
 // of the definitions between lines.
 void RegisterAlarmCommands(Sequencer& seq, Instrument& instrument);

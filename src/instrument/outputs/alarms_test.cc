@@ -46,11 +46,12 @@ struct ScriptedAlarms {
   Trace trace{clock};
   AlarmScriptLink* script = nullptr;
   std::unique_ptr<Instrument> instrument;
+  PathMap paths{"/data"};
 
   ScriptedAlarms() {
     auto link = std::make_unique<AlarmScriptLink>();
     script = link.get();
-    instrument = std::make_unique<Instrument>(events, trace, InstrumentSettings{}, std::move(link));
+    instrument = std::make_unique<Instrument>(events, trace, InstrumentSettings{}, std::move(link), paths);
     EXPECT_TRUE(instrument->ensureOpen());
     // Devices 0 and 2 hold channels; device 1 is absent.
     instrument->channels().ReadSummary("  00001 E=1 N=A\r\n  20001 E=1 N=B\r\n");

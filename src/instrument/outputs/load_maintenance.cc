@@ -1,8 +1,11 @@
 #include "instrument/outputs/load_maintenance.h"
 
 #include <cmath>
+#include <limits>
 #include <memory>
+#include <optional>
 
+#include "common/checked_numbers.h"
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_support.h"
@@ -47,17 +50,34 @@ class KeywordReader {
   size_t pos_ = 0;
 };
 
-bool TakeRateGainTolerance(KeywordReader& reader, MaintainSetup& setup, bool required,
-                           std::string& error) {
+// The rate, gain and tolerance a setup string names.
+struct LoopSettings {
+  std::optional<float> rate;
+  std::optional<double> gain;
+  std::optional<double> tolerance;
+
+  void applyTo(MaintainSetup& setup) const {
+    if (rate) setup.rate = *rate;
+    if (gain) setup.gain = *gain;
+    if (tolerance) setup.tolerance = *tolerance;
+  }
+};
+
+// Reads WITH RATE, GAIN (both needed when `required`) and TOLERANCE, and
+// checks them over `base`, a setup whose own values are good.
+bool TakeRateGainTolerance(KeywordReader& reader, const MaintainSetup& base, bool required,
+                           LoopSettings& settings, std::string& error) {
   auto rate = required ? reader.next("WITH RATE") : reader.optional("WITH RATE");
   auto gain = required ? reader.next("GAIN") : reader.optional("GAIN");
   if (required && (!rate || !gain)) {
     error = kTextCannotParseMaintain;
     return false;
   }
-  if (rate) setup.rate = static_cast<float>(leadingNumber(*rate));
-  if (gain) setup.gain = leadingNumber(*gain);
-  if (auto tolerance = reader.optional("TOLERANCE")) setup.tolerance = leadingNumber(*tolerance);
+  if (rate) settings.rate = static_cast<float>(leadingNumber(*rate));
+  if (gain) settings.gain = leadingNumber(*gain);
+  if (auto tolerance = reader.optional("TOLERANCE")) settings.tolerance = leadingNumber(*tolerance);
+  MaintainSetup setup = base;
+  settings.applyTo(setup);
   if (!(setup.rate > 0) || !std::isfinite(setup.rate)) {
     error = kTextMaintainRate;
     return false;
@@ -100,6 +120,10 @@ class Maintainer {
       const double deviation = (target - *reading) / setup_.gain;
       if (std::fabs(deviation) <= setup_.tolerance) return true;
       const int64_t correctionMs = CorrectionTimeMs(deviation, setup_.rate);
+      if (!(std::fabs(output_ + deviation) <= std::numeric_limits<float>::max())) {
+        seq_.reportSequenceError(std::string(kTextMaintainOutOfRange) + setup_.outputChannel);
+        return false;
+      }
       const std::string text = formatNumber(output_ + deviation, "0.00");
       output_ = leadingNumber(text);
       ins_.channels().WriteChannel(setup_.outputChannel, text);
@@ -144,70 +168,86 @@ struct MaintainState {
   MaintainSetup last;
 };
 
-void Maintain(Sequencer& seq, Instrument& instrument, MaintainState& state,
-              std::string_view text) {
-  std::string error;
-  const auto setup = ParseMaintainSetup(text, error);
-  if (!setup) {
-    seq.reportSequenceError(error);
-    return;
-  }
-  state.last = *setup;
-  Maintainer maintainer(seq, instrument, *setup);
-  if (maintainer.start()) maintainer.hold(setup->target);
-}
-
-void MaintainRamp(Sequencer& seq, Instrument& instrument, MaintainState& state,
-                  std::string_view text) {
-  std::string error;
-  std::string rest;
-  const auto ramp = ParseRampSetup(text, false, error, &rest);
-  if (!ramp) {
-    seq.reportSequenceError(error);
-    return;
-  }
-  KeywordReader reader(rest);
-  MaintainSetup setup = state.last;
-  auto load = reader.next("AT");
-  auto output = reader.next("USING");
-  if (!load || !output) {
-    seq.reportSequenceError(kTextRampCannotParse);
-    return;
-  }
-  setup.loadChannel = *load;
-  setup.outputChannel = *output;
-  if (!TakeRateGainTolerance(reader, setup, false, error)) {
-    seq.reportSequenceError(error);
-    return;
-  }
-  state.last = setup;
-  Maintainer maintainer(seq, instrument, setup);
-  if (!maintainer.start()) return;
-  const Micros start = seq.clock().now();
-  double target = ramp->start;
-  for (int k = 0;; ++k) {
-    if (!maintainer.hold(target)) return;
-    if (k == ramp->steps) return;
-    // The rest of the step's interval, waited as a WAITSECONDS would wait
-    // it: a step whose maintenance overran its interval leaves no time to
-    // wait, which is rejected.
-    const Micros rest = ScheduledInstant(start, ramp->stepInterval, k + 1) - seq.clock().now();
-    if (rest <= 0) {
-      if (OutputInterrupted(seq)) return;
-      seq.reportSequenceError(MaintainWaitError(static_cast<double>(rest) / kMicrosPerSecond));
-      return;
-    }
-    if (!OutputWait(seq, rest)) return;
-    target += ramp->stepSize;
-  }
-}
-
 std::string RestOfLine(const CommandLine& cmd) {
   std::string text = cmd.arg1;
   if (!cmd.arg2.empty() || !cmd.arg3.empty()) text += "," + cmd.arg2;
   if (!cmd.arg3.empty()) text += "," + cmd.arg3;
   return text;
 }
+
+Parsed<MaintainSetup> ParseMaintain(const CommandLine& cmd) {
+  std::string error;
+  auto setup = ParseMaintainSetup(RestOfLine(cmd), error);
+  if (!setup) return ParseFailure{error};
+  return *setup;
+}
+
+// MT_RAMP: the ramp of the target, the channels, and the loop settings it
+// names; those it does not name are the last maintenance's.
+struct MaintainRampCommand {
+  RampSetup ramp;
+  std::string loadChannel;
+  std::string outputChannel;
+  LoopSettings settings;
+};
+
+Parsed<MaintainRampCommand> ParseMaintainRamp(const CommandLine& cmd) {
+  std::string error;
+  std::string rest;
+  const auto ramp = ParseRampSetup(RestOfLine(cmd), false, error, &rest);
+  if (!ramp) return ParseFailure{error};
+  MaintainRampCommand command{*ramp, {}, {}, {}};
+  KeywordReader reader(rest);
+  auto load = reader.next("AT");
+  auto output = reader.next("USING");
+  if (!load || !output) return ParseFailure{std::string(kTextRampCannotParse)};
+  command.loadChannel = *load;
+  command.outputChannel = *output;
+  // The last maintenance's settings are good, so the named ones decide.
+  if (!TakeRateGainTolerance(reader, MaintainSetup{}, false, command.settings, error)) {
+    return ParseFailure{error};
+  }
+  return command;
+}
+
+void Maintain(Sequencer& seq, Instrument& instrument, MaintainState& state,
+              const MaintainSetup& setup) {
+  state.last = setup;
+  Maintainer maintainer(seq, instrument, setup);
+  if (maintainer.start()) maintainer.hold(setup.target);
+}
+
+void MaintainRamp(Sequencer& seq, Instrument& instrument, MaintainState& state,
+                  const MaintainRampCommand& cmd) {
+  MaintainSetup setup = state.last;
+  setup.loadChannel = cmd.loadChannel;
+  setup.outputChannel = cmd.outputChannel;
+  cmd.settings.applyTo(setup);
+  state.last = setup;
+  Maintainer maintainer(seq, instrument, setup);
+  if (!maintainer.start()) return;
+  const Micros start = seq.clock().now();
+  double target = cmd.ramp.start;
+  for (int k = 0;; ++k) {
+    if (!maintainer.hold(target)) return;
+    if (k == cmd.ramp.steps) return;
+    // The rest of the step's interval, waited as a WAITSECONDS would wait
+    // it: a step whose maintenance overran its interval leaves no time to
+    // wait, which is rejected.
+    const Micros rest = ScheduledInstant(start, cmd.ramp.stepInterval, k + 1) - seq.clock().now();
+    if (rest <= 0) {
+      if (OutputInterrupted(seq)) return;
+      seq.reportSequenceError(MaintainWaitError(static_cast<double>(rest) / kMicrosPerSecond));
+      return;
+    }
+    if (!OutputWait(seq, rest)) return;
+    target += cmd.ramp.stepSize;
+  }
+}
+
+constexpr std::string_view kFamily = "src/instrument/outputs/load_maintenance.cc";
+const Keyword<MaintainSetup> kMaintain{kMaintainKeyword, kFamily, ParseMaintain};
+const Keyword<MaintainRampCommand> kMaintainRamp{kMaintainRampKeyword, kFamily, ParseMaintainRamp};
 
 }  // namespace
 
@@ -223,8 +263,16 @@ std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::stri
   }
   setup.loadChannel = *load;
   setup.target = leadingNumber(*target);
+  // A target beyond the single-precision range of a channel value cannot be
+  // written to an output.
+  if (!(std::fabs(setup.target) <= std::numeric_limits<float>::max())) {
+    error = kTextCannotParseMaintain;
+    return std::nullopt;
+  }
   setup.outputChannel = *output;
-  if (!TakeRateGainTolerance(reader, setup, true, error)) return std::nullopt;
+  LoopSettings settings;
+  if (!TakeRateGainTolerance(reader, setup, true, settings, error)) return std::nullopt;
+  settings.applyTo(setup);
   return setup;
 }
 
@@ -234,21 +282,21 @@ std::string MaintainWaitError(double seconds) {
 
 int64_t CorrectionTimeMs(double deviation, float rate) {
   const double steps = std::floor(std::fabs(deviation) / rate);
-  return (static_cast<int64_t>(std::min(steps, 1e9)) + 1) * 1000;
+  return (checkedInteger<int64_t>(std::min(steps, 1e9)).value_or(1'000'000'000) + 1) * 1000;
+}
+
+std::vector<KeywordEntry> LoadMaintenanceKeywords() {
+  return {Entry(kMaintain), Entry(kMaintainRamp)};
 }
 
 void RegisterLoadMaintenance(Sequencer& seq, Instrument& instrument) {
   auto state = std::make_shared<MaintainState>();
-  seq.dispatcher().addExtension([state, &instrument](Sequencer& s, const CommandLine& cmd) {
-    if (cmd.word == kMaintainKeyword) {
-      Maintain(s, instrument, *state, RestOfLine(cmd));
-      return true;
-    }
-    if (cmd.word == kMaintainRampKeyword) {
-      MaintainRamp(s, instrument, *state, RestOfLine(cmd));
-      return true;
-    }
-    return false;
+  Dispatcher& d = seq.dispatcher();
+  d.bind(kMaintain, [state, &instrument](Sequencer& s, const MaintainSetup& setup) {
+    Maintain(s, instrument, *state, setup);
+  });
+  d.bind(kMaintainRamp, [state, &instrument](Sequencer& s, const MaintainRampCommand& cmd) {
+    MaintainRamp(s, instrument, *state, cmd);
   });
   seq.addPrepareHook([state] { state->last = MaintainSetup{}; });
 }

@@ -1,7 +1,7 @@
 // Load maintenance: holds a load (read from one channel) at a target by
 // adjusting an output channel in a closed loop, and moves the target in
-// steps like a ramp while holding it. Reached through the dispatcher's
-// extension entry, for two words that are not in the keyword table:
+// steps like a ramp while holding it. Two words outside the table of 66
+// keywords, which the dispatcher tries when a word matches none of those:
 //
 //   MT_MAINTAIN HOLD load AT target USING output WITH RATE rate GAIN gain
 //               [TOLERANCE tolerance]
@@ -21,6 +21,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "sequencer/keyword.h"
 
 namespace tavrix {
 
@@ -31,6 +34,9 @@ inline constexpr std::string_view kMaintainKeyword = "MT_MAINTAIN";
 inline constexpr std::string_view kMaintainRampKeyword = "MT_RAMP";
 inline constexpr std::string_view kTextAbortMaintain =
     "Aborting MT_maintainLoad - Unable to read from channel: ";
+// The output needed to reach the target is beyond a channel value's range.
+inline constexpr std::string_view kTextMaintainOutOfRange =
+    "Aborting MT_maintainLoad - the output needed is out of range for channel: ";
 inline constexpr std::string_view kTextCannotParseMaintain = "Cannot parse MT_Maintain setup string";
 inline constexpr std::string_view kTextMaintainRate = "MT_Maintain setup string - RATE must be >0";
 inline constexpr std::string_view kTextMaintainGain = "MT_Maintain setup string - GAIN must not be 0";
@@ -61,7 +67,8 @@ std::string MaintainWaitError(double seconds);
 // compares again: (whole part of |deviation| / rate + 1) x 1000.
 int64_t CorrectionTimeMs(double deviation, float rate);
 
-// Registers the extension entry for MT_MAINTAIN and MT_RAMP.
+std::vector<KeywordEntry> LoadMaintenanceKeywords();
+// Registers MT_MAINTAIN and MT_RAMP.
 void RegisterLoadMaintenance(Sequencer& seq, Instrument& instrument);
 
 }  // namespace tavrix

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "instrument/outputs/output_test_rig.h"
 
@@ -30,6 +31,11 @@ TEST(MaintainSetup, KeywordsInOrderAndTheirChecks) {
       {"HOLD L AT 1 USING V WITH RATE 0 GAIN 1", kTextMaintainRate},
       {"HOLD L AT 1 USING V WITH RATE 1 GAIN 0", kTextMaintainGain},
       {"HOLD L AT 1 USING V WITH RATE 1 GAIN 1 TOLERANCE -1", kTextMaintainTolerance},
+      // Targets that no channel value can hold.
+      {"HOLD OVEN AT 1e308 USING HEATER WITH RATE 5 GAIN 2", kTextCannotParseMaintain},
+      {"HOLD OVEN AT -1e308 USING HEATER WITH RATE 5 GAIN 2", kTextCannotParseMaintain},
+      {"HOLD OVEN AT 1e39 USING HEATER WITH RATE 5 GAIN 2", kTextCannotParseMaintain},
+      {"HOLD OVEN AT 1 USING HEATER WITH RATE 1e308 GAIN 2", kTextMaintainRate},
   };
   for (const auto& [text, message] : bad) {
     EXPECT_FALSE(ParseMaintainSetup(text, error)) << text;
@@ -41,6 +47,9 @@ TEST(MaintainSetup, KeywordsInOrderAndTheirChecks) {
   EXPECT_EQ(CorrectionTimeMs(2.5, 1), 3000);
   EXPECT_EQ(CorrectionTimeMs(-2.5, 1), 3000);
   EXPECT_EQ(CorrectionTimeMs(10, 5), 3000);
+  // Deviations without end are capped, never converted out of range.
+  EXPECT_EQ(CorrectionTimeMs(1e308, 1e-30f), (1'000'000'000LL + 1) * 1000);
+  EXPECT_EQ(CorrectionTimeMs(std::numeric_limits<double>::quiet_NaN(), 1), 1'000'000'001LL * 1000);
 }
 
 // LOAD follows VALVE at twice its value with a 0.5 s lag.

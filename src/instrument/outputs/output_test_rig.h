@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
 #include <regex>
 #include <unistd.h>
 #include <string>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "common/civil_time.h"
+#include "common/file_system.h"
 #include "common/text_conventions.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
@@ -72,30 +72,26 @@ class OutputRun {
       : clock_(*parseDateTime(start)),
         events_(clock_),
         trace_(clock_),
-        seq_(events_, op_, trace_) {
-    auto sim = std::make_unique<SimLink>(clock_);
+        seq_(events_, op_, trace_, files_, paths_) {
+    auto sim = std::make_unique<SimLink>(clock_, "", files_);
     sim_ = sim.get();
-    instrument_ = std::make_unique<Instrument>(events_, trace_, InstrumentSettings{}, std::move(sim));
+    instrument_ =
+        std::make_unique<Instrument>(events_, trace_, InstrumentSettings{}, std::move(sim), paths_);
     RegisterSequencerCommands(seq_);
     RegisterInstrumentCommands(seq_, *instrument_);
     RegisterOutputCommands(seq_, *instrument_);
-    traceFile_ = std::tmpfile();
-    trace_.setOutput(traceFile_, true);
+    trace_.setOutput(files_.create(kTracePath, nullptr));
     trace_.setOrigin(clock_.now());
   }
 
   // Runs the lines behind an IMSFILESPEC of the rig; returns the last
   // sequence error ("" when none).
   std::string run(const std::vector<std::string>& lines, std::string_view rig = kOutputRig) {
-    // Names of this process and run alone: test programs run side by side.
-    static int runs = 0;
-    const std::string base = ::testing::TempDir() + "outputs_" + std::to_string(getpid()) + "_" +
-                             std::to_string(++runs);
-    std::ofstream(base + ".ims", std::ios::binary) << rig;
-    std::ofstream file(base + ".wts", std::ios::binary);
-    file << "IMSFILESPEC " << base << ".ims\r\n";
-    for (const auto& line : lines) file << line << "\r\n";
-    file.close();
+    const std::string base = "/data/outputs";
+    files_.put(base + ".ims", std::string(rig));
+    std::string text = "IMSFILESPEC " + base + ".ims\r\n";
+    for (const auto& line : lines) text += line + "\r\n";
+    files_.put(base + ".wts", text);
     std::string error;
     EXPECT_TRUE(seq_.prepareFile(base + ".wts", &error)) << error;
     seq_.pressRun();
@@ -130,16 +126,12 @@ class OutputRun {
   }
 
   std::vector<std::string> traceLines() {
-    std::fflush(traceFile_);
-    std::rewind(traceFile_);
     std::vector<std::string> lines;
-    char buf[4096];
-    while (std::fgets(buf, sizeof buf, traceFile_)) {
-      std::string line(buf);
-      if (!line.empty() && line.back() == '\n') line.pop_back();
-      lines.push_back(line);
+    std::string text;
+    files_.readFile(kTracePath, text, nullptr);
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+      lines.push_back(text.substr(start, end - start));
     }
-    std::fseek(traceFile_, 0, SEEK_END);
     return lines;
   }
 
@@ -165,10 +157,12 @@ class OutputRun {
   EventLoop events_;
   Trace trace_;
   OperatorWithLabels op_;
+  static constexpr const char* kTracePath = "/data/trace.jsonl";
+  MemoryFileSystem files_;
+  PathMap paths_{files_.dataRoot()};
   Sequencer seq_;
   SimLink* sim_ = nullptr;
   std::unique_ptr<Instrument> instrument_;
-  std::FILE* traceFile_ = nullptr;
 };
 
 // Writes at the given instants with the given values.

@@ -31,10 +31,7 @@ Micros ScheduledInstant(Micros start, double interval, int64_t k) {
   return start + std::llround(static_cast<double>(k) * interval * kMicrosPerSecond);
 }
 
-bool OutputInterrupted(const Sequencer& seq) {
-  const RunFlags& f = seq.flags();
-  return f.jumpPending || f.timeoutPending || f.stopRequested || f.endRequested;
-}
+bool OutputInterrupted(const Sequencer& seq) { return seq.waitEnds(WaitRule::kRunEnding); }
 
 bool OutputWait(Sequencer& seq, Micros wait) {
   if (wait <= 0) return !OutputInterrupted(seq);

@@ -32,27 +32,41 @@ std::optional<std::string> valueOf(std::string_view upper, std::string_view orig
   return std::string(original.substr(begin, end - begin));
 }
 
-void PulseOutput(Sequencer& seq, Instrument& instrument, const CommandLine& cmd) {
-  const std::string channel(trim(cmd.arg1));
+// PULSEOUTPUT channel, HI|LO, milliseconds: the channel is written the
+// first value, and the second once the pulse's length has passed.
+struct PulseCommand {
+  std::string channel;
+  const char* first = "1";
+  const char* second = "0";
+  int32_t length = 0;  // milliseconds
+};
+
+Parsed<PulseCommand> ParsePulseOutput(const CommandLine& cmd) {
+  PulseCommand pulse;
+  pulse.channel = std::string(trim(cmd.arg1));
   const std::string direction = upperCase(trim(cmd.arg2));
   const std::string_view lengthText = trimRight(cmd.arg3);
   const auto length = roundToInt32(leadingNumber(lengthText));
   if (!looksNumeric(lengthText) || !length || *length < 0 || *length > kLongestPulse) {
-    seq.reportSequenceError(PulseLengthError(lengthText));
-    return;
+    return ParseFailure{PulseLengthError(lengthText)};
   }
-  const char* first;
-  const char* second;
+  pulse.length = *length;
   if (direction == "HI") {
-    first = "1";
-    second = "0";
+    pulse.first = "1";
+    pulse.second = "0";
   } else if (direction == "LO") {
-    first = "0";
-    second = "1";
+    pulse.first = "0";
+    pulse.second = "1";
   } else {
-    seq.reportSequenceError(PulseDirectionError(direction));
-    return;
+    return ParseFailure{PulseDirectionError(direction)};
   }
+  return pulse;
+}
+
+void PulseOutput(Sequencer& seq, Instrument& instrument, const PulseCommand& cmd) {
+  const std::string& channel = cmd.channel;
+  const char* first = cmd.first;
+  const char* second = cmd.second;
   if (!OutputLinkReady(seq, instrument)) return;
 
   Operator& op = seq.operatorPort();
@@ -61,29 +75,39 @@ void PulseOutput(Sequencer& seq, Instrument& instrument, const CommandLine& cmd)
   Channels& channels = instrument.channels();
   const int32_t start = GetMillisecondCount(instrument);
   instrument.lastOutputStatus = channels.WriteChannel(channel, first);
-  WaitMilliseconds(instrument.link().library(), seq.clock(), start, *length);
+  WaitMilliseconds(instrument.link().library(), seq.clock(), start, cmd.length);
   instrument.lastOutputStatus = channels.WriteChannel(channel, second);
   op.showStatusLabel(saved, kColourStatusNormal);
 }
 
-void SineOut(Sequencer& seq, Instrument& instrument, const CommandLine& cmd) {
-  const std::string channel(trim(cmd.arg1));
+// SINEOUT channel, setup: the setup and its number of points.
+struct SineCommand {
+  std::string channel;
+  SineSetup setup;
+  int16_t points = 0;
+};
+
+Parsed<SineCommand> ParseSineOut(const CommandLine& cmd) {
+  SineCommand sine;
+  sine.channel = std::string(trim(cmd.arg1));
   const auto setup = ParseSineSetup(cmd.arg2);
-  if (!setup) {
-    seq.reportSequenceError(kTextCannotParseSine);
-    return;
-  }
+  if (!setup) return ParseFailure{std::string(kTextCannotParseSine)};
   std::string error;
   const auto points = SinePointCount(*setup, error);
-  if (!points) {
-    seq.reportSequenceError(error);
-    return;
-  }
+  if (!points) return ParseFailure{error};
+  sine.setup = *setup;
+  sine.points = *points;
+  return sine;
+}
+
+void SineOut(Sequencer& seq, Instrument& instrument, const SineCommand& cmd) {
+  const std::string& channel = cmd.channel;
+  const SineSetup& setup = cmd.setup;
   // A write that fails (a channel not in the table included) is kept as the
   // last output status and the output goes on.
   if (!OutputLinkReady(seq, instrument)) return;
 
-  const double n = setup->pointsPerCycle();
+  const double n = setup.pointsPerCycle();
   std::optional<double> highest;
   std::optional<double> lowest;
   auto track = [&](double value) {
@@ -91,29 +115,33 @@ void SineOut(Sequencer& seq, Instrument& instrument, const CommandLine& cmd) {
     lowest = lowest ? std::min(*lowest, value) : value;
   };
   const Micros start = seq.clock().now();
-  for (int16_t k = 1; k <= *points; ++k) {
-    const double value = setup->amplitude * std::sin(2 * std::numbers::pi * k / n) + setup->offset;
+  for (int16_t k = 1; k <= cmd.points; ++k) {
+    const double value = setup.amplitude * std::sin(2 * std::numbers::pi * k / n) + setup.offset;
     WriteOutputValue(instrument, channel, value);
-    if (setup->monitor.empty()) track(value);
+    if (setup.monitor.empty()) track(value);
     const Micros due = ScheduledInstant(start, kSinePointInterval, k);
     const Micros wait = RoundedRemainingWait(due, seq.clock().now());
     if (wait > 0 ? !OutputWait(seq, wait) : OutputInterrupted(seq)) return;
-    if (!setup->monitor.empty()) {
+    if (!setup.monitor.empty()) {
       std::string reading;
-      if (instrument.channels().ReadChannel(setup->monitor, reading) &&
+      if (instrument.channels().ReadChannel(setup.monitor, reading) &&
           upperCase(reading).find("ERR") == std::string::npos) {
         track(leadingNumber(reading));
       }
     }
     if (k == INT16_MAX) break;
   }
-  if (setup->peakTo.empty()) return;
+  if (setup.peakTo.empty()) return;
   if (!highest) {
-    seq.reportSequenceError(std::string(kTextUnableToRead) + setup->monitor);
+    seq.reportSequenceError(std::string(kTextUnableToRead) + setup.monitor);
     return;
   }
-  WriteOutputValue(instrument, setup->peakTo, (*highest - *lowest) / 2);
+  WriteOutputValue(instrument, setup.peakTo, (*highest - *lowest) / 2);
 }
+
+constexpr std::string_view kFamily = "src/instrument/outputs/pulse_sine.cc";
+const Keyword<PulseCommand> kPulseOutput{"PULSEOUTPUT", kFamily, ParsePulseOutput};
+const Keyword<SineCommand> kSineOut{"SINEOUT", kFamily, ParseSineOut};
 
 }  // namespace
 
@@ -165,14 +193,14 @@ int32_t GetMillisecondCount(Instrument& instrument) {
   return instrument.link().library().millisecondCount();
 }
 
+std::vector<KeywordEntry> PulseSineKeywords() { return {Entry(kPulseOutput), Entry(kSineOut)}; }
+
 void RegisterPulseSineCommands(Sequencer& seq, Instrument& instrument) {
   Dispatcher& d = seq.dispatcher();
-  d.registerHandler("PULSEOUTPUT", [&instrument](Sequencer& s, const CommandLine& c) {
-    PulseOutput(s, instrument, c);
-  });
-  d.registerHandler("SINEOUT", [&instrument](Sequencer& s, const CommandLine& c) {
-    SineOut(s, instrument, c);
-  });
+  d.bind(kPulseOutput,
+         [&instrument](Sequencer& s, const PulseCommand& c) { PulseOutput(s, instrument, c); });
+  d.bind(kSineOut,
+         [&instrument](Sequencer& s, const SineCommand& c) { SineOut(s, instrument, c); });
 }
 
 }  // namespace tavrix

@@ -20,6 +20,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "sequencer/keyword.h"
 
 namespace tavrix {
 
@@ -63,6 +66,7 @@ std::optional<int16_t> SinePointCount(const SineSetup& setup, std::string& error
 // The link library's millisecond counter.
 int32_t GetMillisecondCount(Instrument& instrument);
 
+std::vector<KeywordEntry> PulseSineKeywords();
 // Registers PULSEOUTPUT and SINEOUT.
 void RegisterPulseSineCommands(Sequencer& seq, Instrument& instrument);
 

@@ -122,15 +122,8 @@ bool CheckAndRun(Sequencer& seq, Instrument& instrument, const std::vector<RampS
   return RunRamps(seq, instrument, ramps);
 }
 
-void Ramp(Sequencer& seq, Instrument& instrument, const CommandLine& cmd) {
-  std::string error;
-  auto ramp = ParseRampSetup(cmd.arg2, false, error);
-  if (!ramp) {
-    seq.reportSequenceError(error);
-    return;
-  }
-  ramp->channel = std::string(trim(cmd.arg1));
-  CheckAndRun(seq, instrument, {*ramp});
+void Ramp(Sequencer& seq, Instrument& instrument, const RampSetup& ramp) {
+  CheckAndRun(seq, instrument, {ramp});
 }
 
 // Reads the block up to "[END]" and runs its ramps; nothing is written when
@@ -140,7 +133,7 @@ void GroupRamps(Sequencer& seq, Instrument& instrument, const CommandLine&) {
   std::string line;
   for (;;) {
     if (!seq.readSectionLine(line)) {
-      if (!seq.flags().endRequested) seq.reportSequenceError(kTextGroupNoEnd);
+      if (!seq.endRequested()) seq.reportSequenceError(kTextGroupNoEnd);
       return;
     }
     if (!line.empty() && line[0] == '\n') line.erase(0, 1);
@@ -152,29 +145,40 @@ void GroupRamps(Sequencer& seq, Instrument& instrument, const CommandLine&) {
       seq.reportSequenceError("\r" + std::string(kTextGroupNonRamp));
       return;
     }
-    std::string error;
-    auto setup = ParseRampSetup(ramp.arg2, true, error);
-    if (!setup) {
-      seq.reportSequenceError(error);
+    const auto setup = ParseRampLine(ramp, true);
+    if (!setup.ok()) {
+      seq.reportSequenceError(setup.message());
       return;
     }
-    setup->channel = std::string(trim(ramp.arg1));
-    ramps.push_back(std::move(*setup));
+    ramps.push_back(*setup);
   }
   if (ramps.empty()) return;
   CheckAndRun(seq, instrument, ramps);
 }
 
+constexpr std::string_view kFamily = "src/instrument/outputs/ramps.cc";
+Parsed<RampSetup> ParseSingleRamp(const CommandLine& line) { return ParseRampLine(line, false); }
+const Keyword<RampSetup> kRamp{"RAMP", kFamily, ParseSingleRamp};
+// The block's lines are read, and parsed, by the handler.
+const Keyword<CommandLine> kGroupRamps{kGroupRampsKeyword, kFamily, AsWritten};
+
 }  // namespace
+
+Parsed<RampSetup> ParseRampLine(const CommandLine& line, bool inGroup) {
+  std::string error;
+  auto ramp = ParseRampSetup(line.arg2, inGroup, error);
+  if (!ramp) return ParseFailure{error};
+  ramp->channel = std::string(trim(line.arg1));
+  return *ramp;
+}
+
+std::vector<KeywordEntry> RampKeywords() { return {Entry(kRamp), Entry(kGroupRamps)}; }
 
 void RegisterRampCommands(Sequencer& seq, Instrument& instrument) {
   Dispatcher& d = seq.dispatcher();
-  d.registerHandler("RAMP", [&instrument](Sequencer& s, const CommandLine& c) {
-    Ramp(s, instrument, c);
-  });
-  d.registerHandler(kGroupRampsKeyword, [&instrument](Sequencer& s, const CommandLine& c) {
-    GroupRamps(s, instrument, c);
-  });
+  d.bind(kRamp, [&instrument](Sequencer& s, const RampSetup& ramp) { Ramp(s, instrument, ramp); });
+  d.bind(kGroupRamps,
+         [&instrument](Sequencer& s, const CommandLine& c) { GroupRamps(s, instrument, c); });
 }
 
 }  // namespace tavrix

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "common/clock.h"
+#include "sequencer/keyword.h"
 
 namespace tavrix {
 
@@ -66,12 +67,17 @@ struct RampSetup {
 std::optional<RampSetup> ParseRampSetup(std::string_view text, bool inGroup, std::string& error,
                                         std::string* rest = nullptr);
 
+// Parses a RAMP line, alone or inside a "[GROUPRAMPS]" block: the channel is
+// the first argument and the setup the second.
+Parsed<RampSetup> ParseRampLine(const CommandLine& line, bool inGroup);
+
 // Runs ramps together on one clock started now: every channel is written at
 // its start value, then each ramp writes its next value when its step falls
 // due; within one pass due ramps write in their order. Returns false when
 // the run ended the ramps early (Stop, a jump, a timeout action).
 bool RunRamps(Sequencer& seq, Instrument& instrument, const std::vector<RampSetup>& ramps);
 
+std::vector<KeywordEntry> RampKeywords();
 // Registers RAMP and [GROUPRAMPS].
 void RegisterRampCommands(Sequencer& seq, Instrument& instrument);
 

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "common/text_conventions.h"
+#include "common/text_file.h"
 #include "common/text_items.h"
 
 namespace tavrix {
@@ -230,15 +231,15 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
   return true;
 }
 
-bool LoadRigSetupFile(const std::string& path, RigSetup& setup, std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = "cannot read the setup file " + path;
+bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup& setup,
+                      std::string& error) {
+  std::string text;
+  std::string readError;
+  if (!readTextFile(files, path, text, &readError)) {
+    error = "cannot read the setup file " + path + ": " + readFailureReason(readError);
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseRigSetup(text.str(), path, setup, error);
+  return ParseRigSetup(text, path, setup, error);
 }
 
 // --- RigModel ----------------------------------------------------------------
@@ -498,8 +499,8 @@ int32_t RigModel::requestMonitor(std::string_view setupName, int device, int16_t
 
 // --- SimLink -----------------------------------------------------------------
 
-SimLink::SimLink(const Clock& clock, std::string dirPath)
-    : clock_(clock), dirPath_(std::move(dirPath)) {}
+SimLink::SimLink(const Clock& clock, std::string dirPath, const FileSystem& files)
+    : clock_(clock), files_(files), dirPath_(std::move(dirPath)) {}
 
 int32_t SimLink::openInterface(int16_t& handle) {
   open_ = true;
@@ -549,9 +550,9 @@ int32_t SimLink::setupLibVersion(std::string& text) {
 
 int32_t SimLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
   RigSetup setup;
-  if (!LoadRigSetupFile(path, setup, load.message)) {
-    std::ifstream probe(path);
-    return probe ? link_result::kSetupFileBadLine : link_result::kSetupFileUnreadable;
+  if (!LoadRigSetupFile(files_, path, setup, load.message)) {
+    const bool unreadable = load.message.rfind("cannot read the setup file", 0) == 0;
+    return unreadable ? link_result::kSetupFileUnreadable : link_result::kSetupFileBadLine;
   }
   load.setupName = setup.name;
   load.summary = setup.summary;

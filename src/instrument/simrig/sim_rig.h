@@ -6,6 +6,8 @@
 // setup file format is described in docs/simulated-rig.md.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -76,7 +78,8 @@ struct RigSetup {
 bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& setup,
                    std::string& error);
 // Reads the file at `path` (false with a message when it cannot be read).
-bool LoadRigSetupFile(const std::string& path, RigSetup& setup, std::string& error);
+bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup& setup,
+                      std::string& error);
 
 class RigModel {
  public:
@@ -132,7 +135,8 @@ class RigModel {
 // The in-process rig behind the link library port, on the run's clock.
 class SimLink final : public LinkLibrary {
  public:
-  explicit SimLink(const Clock& clock, std::string dirPath = "");
+  explicit SimLink(const Clock& clock, std::string dirPath = "",
+                   const FileSystem& files = localFiles());
   RigModel& model() { return model_; }
 
   int32_t openInterface(int16_t& handle) override;
@@ -150,6 +154,7 @@ class SimLink final : public LinkLibrary {
 
  private:
   const Clock& clock_;
+  const FileSystem& files_;
   std::string dirPath_;
   RigModel model_;
   bool open_ = false;

@@ -80,8 +80,8 @@ TEST(RigSetupFile, GarbageLinesAreNamedWithTheirNumber) {
   }
   std::string error;
   RigSetup setup;
-  EXPECT_FALSE(LoadRigSetupFile("/nonexistent/rig.ims", setup, error));
-  EXPECT_EQ(error, "cannot read the setup file /nonexistent/rig.ims");
+  EXPECT_FALSE(LoadRigSetupFile(localFiles(), "/nonexistent/rig.ims", setup, error));
+  EXPECT_EQ(error, "cannot read the setup file /nonexistent/rig.ims: No such file or directory");
 }
 
 TEST(RigModel, DevicesAnswerCommandsAndReportErrors) {

@@ -13,6 +13,14 @@ namespace tavrix {
 
 inline constexpr std::string_view kRigGreeting = "TAVRIX-RIG 1";
 
+// Reply codes of the server's own refusals, sent with request id 0: a
+// request line too long, a connection beyond the server's means, and a
+// connection dropped after an hour without a request (a link that gets the
+// last one may connect again).
+inline constexpr int32_t kRigRequestTooLong = 36;
+inline constexpr int32_t kRigTooManyClients = 37;
+inline constexpr int32_t kRigIdleClosed = 38;
+
 // "\" -> "\\", LF -> "\n", CR -> "\r", TAB -> "\t", NUL -> "\0".
 std::string EscapeField(std::string_view text);
 std::string UnescapeField(std::string_view text);

@@ -1,7 +1,16 @@
 #include "instrument/tcp/rig_server.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -27,14 +36,31 @@ bool toNumber(std::string_view text, T& out) {
 }
 
 struct Client {
-  platform::Socket socket;
+  int fd;
   std::string in;
   std::string out;
+  int64_t lastHeardMs = 0;
+  bool closing = false;  // closed once `out` is sent
 };
+
+int64_t steadyMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Sends a refusal to a client that is not taken on, and closes it.
+void refuse(int fd, int32_t code, std::string_view why) {
+  const std::string line = "0 " + std::to_string(code) + " =" + EscapeField(why) + "\n";
+  [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+  ::close(fd);
+}
 
 }  // namespace
 
-RigServer::~RigServer() { platform::closeSocket(listener_); }
+RigServer::~RigServer() {
+  if (listenFd_ >= 0) ::close(listenFd_);
+}
 
 bool RigServer::listen(std::string_view hostPort, std::string& error) {
   std::string host;
@@ -43,15 +69,26 @@ bool RigServer::listen(std::string_view hostPort, std::string& error) {
     error = "the address \"" + std::string(hostPort) + "\" is not HOST:PORT";
     return false;
   }
-  const platform::Socket socket = platform::listenTcp(host, port, error);
-  if (socket == platform::kNoSocket) {
-    if (error.find(" is not ") == std::string::npos) {
-      error = "cannot listen on " + std::string(hostPort) + ": " + error;
-    }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
+    error = "the host \"" + host + "\" is not an IPv4 address";
     return false;
   }
-  port_ = port;
-  listener_ = socket;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(fd, 8) != 0) {
+    error = "cannot listen on " + std::string(hostPort) + ": " + std::strerror(errno);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  port_ = ntohs(address.sin_port);
+  listenFd_ = fd;
   return true;
 }
 
@@ -112,59 +149,112 @@ std::string RigServer::answer(std::string_view line) {
 }
 
 void RigServer::serve(const std::atomic<bool>& stop) {
+  const std::function<int64_t()> now = nowMs_ ? nowMs_ : std::function<int64_t()>(steadyMs);
   std::vector<Client> clients;
-  std::vector<platform::Watch> watches;
+  std::vector<pollfd> fds;
+  // A descriptor held in reserve: when accept() fails for want of
+  // descriptors, it is given up for a moment so that the waiting client can
+  // be taken off the queue and told why, instead of the listening socket
+  // staying readable and the loop spinning.
+  int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   while (!stop.load()) {
-    watches.clear();
-    watches.push_back({listener_, true, false});
-    for (const auto& c : clients) watches.push_back({c.socket, true, !c.out.empty()});
-    if (platform::waitSockets(watches, 100) <= 0) continue;
-    if (watches[0].readable) {
-      const platform::Socket socket = platform::acceptClient(listener_);
-      if (socket != platform::kNoSocket) clients.push_back({socket, {}, {}});
+    fds.clear();
+    fds.push_back({listenFd_, POLLIN, 0});
+    for (const auto& c : clients) {
+      // Requests are read only while the replies queued for the client are
+      // within their bound and no whole request waits unanswered.
+      const bool read =
+          !c.closing && c.out.size() < kMaxQueuedReplyBytes && c.in.find('\n') == std::string::npos;
+      fds.push_back(
+          {c.fd, static_cast<short>((read ? POLLIN : 0) | (c.out.empty() ? 0 : POLLOUT)), 0});
     }
-    for (size_t i = 0; i + 1 < watches.size() && i < clients.size(); ++i) {
+    const int ready = ::poll(fds.data(), fds.size(), 100);
+    const int64_t nowMs = now();
+    if (ready > 0 && (fds[0].revents & POLLIN)) {
+      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd < 0 && (errno == EMFILE || errno == ENFILE) && spare >= 0) {
+        ::close(spare);
+        fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) refuse(fd, kRigTooManyClients, "the rig server has no file descriptors left");
+        spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+      } else if (fd >= 0 && clients.size() >= kMaxClients) {
+        refuse(fd, kRigTooManyClients,
+               "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
+      } else if (fd >= 0) {
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        clients.push_back({fd, {}, {}, nowMs, false});
+      }
+    }
+    for (size_t i = 0; i + 1 < fds.size() && i < clients.size(); ++i) {
       Client& c = clients[i];
       bool closed = false;
-      if (watches[i + 1].readable) {
+      const short revents = ready > 0 ? fds[i + 1].revents : 0;
+      if (revents & (POLLIN | POLLHUP | POLLERR)) {
         char chunk[8192];
-        for (;;) {
-          const long n = platform::receiveSome(c.socket, chunk, sizeof chunk);
+        // Reads up to the bound of one request, so that a line without end
+        // costs no more than that.
+        while (c.in.size() <= kMaxRequestBytes) {
+          const ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
           if (n > 0) {
             c.in.append(chunk, static_cast<size_t>(n));
+            c.lastHeardMs = nowMs;
             continue;
           }
-          if (n == 0 || n == platform::kBroken) closed = true;
+          if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) closed = true;
           break;
         }
-        size_t start = 0;
-        size_t eol;
-        while ((eol = c.in.find('\n', start)) != std::string::npos) {
-          std::string_view line(c.in.data() + start, eol - start);
-          if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-          c.out += answer(line);
-          c.out += '\n';
-          start = eol + 1;
-        }
-        c.in.erase(0, start);
+      }
+      size_t start = 0;
+      size_t eol;
+      while (!c.closing && c.out.size() < kMaxQueuedReplyBytes &&
+             (eol = c.in.find('\n', start)) != std::string::npos) {
+        std::string_view line(c.in.data() + start, eol - start);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        c.out += line.size() > kMaxRequestBytes
+                     ? "0 " + std::to_string(kRigRequestTooLong) + " =request line too long"
+                     : answer(line);
+        c.out += '\n';
+        start = eol + 1;
+      }
+      c.in.erase(0, start);
+      if (!c.closing && c.in.size() > kMaxRequestBytes && c.in.find('\n') == std::string::npos) {
+        c.out +=
+            "0 " + std::to_string(kRigRequestTooLong) + " =" +
+            EscapeField("a request line is longer than " + std::to_string(kMaxRequestBytes >> 20) +
+                        " MiB; the connection is closed") +
+            "\n";
+        c.in.clear();
+        c.in.shrink_to_fit();
+        c.closing = true;
       }
       while (!closed && !c.out.empty()) {
-        const long n = platform::sendSome(c.socket, c.out.data(), c.out.size());
+        const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
         if (n > 0) {
           c.out.erase(0, static_cast<size_t>(n));
         } else {
-          if (n == platform::kBroken) closed = true;
+          if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) closed = true;
           break;
         }
       }
+      if (c.closing && c.out.empty()) closed = true;
+      if (!closed && !c.closing && nowMs - c.lastHeardMs > kIdleTimeoutMs) {
+        const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
+                                   EscapeField("no request for an hour; the connection is closed") +
+                                   "\n";
+        [[maybe_unused]] const ssize_t sent =
+            ::send(c.fd, notice.data(), notice.size(), MSG_NOSIGNAL);
+        closed = true;
+      }
       if (closed) {
-        platform::closeSocket(c.socket);
-        c.socket = platform::kNoSocket;
+        ::close(c.fd);
+        c.fd = -1;
       }
     }
-    std::erase_if(clients, [](const Client& c) { return c.socket == platform::kNoSocket; });
+    std::erase_if(clients, [](const Client& c) { return c.fd < 0; });
   }
-  for (auto& c : clients) platform::closeSocket(c.socket);
+  for (auto& c : clients) ::close(c.fd);
+  if (spare >= 0) ::close(spare);
 }
 
 int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,
@@ -173,7 +263,7 @@ int RunRigServer(const std::string& listen, const std::string& setupFile, std::F
   RigSetup setup;
   std::string error;
   if (!setupFile.empty()) {
-    if (!LoadRigSetupFile(setupFile, setup, error)) {
+    if (!LoadRigSetupFile(localFiles(), setupFile, setup, error)) {
       std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
       return 2;
     }

@@ -8,13 +8,26 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <string_view>
 
 #include "instrument/simrig/sim_rig.h"
-#include "platform/sockets.h"
 
 namespace tavrix {
+
+// Bounds that keep one careless or hostile client from starving the others:
+// a request line longer than kMaxRequestBytes gets an error reply and the
+// connection is closed; while more than kMaxQueuedReplyBytes of replies wait
+// for a client that does not read them, its further requests are left
+// unread; beyond kMaxClients connections (or when the process runs out of
+// file descriptors) a new client gets a refusal and is closed; a connection
+// that sends nothing for kIdleTimeoutMs is told so and dropped. The reply
+// codes of these refusals are in rig_protocol.h.
+inline constexpr size_t kMaxRequestBytes = size_t{8} << 20;
+inline constexpr size_t kMaxQueuedReplyBytes = size_t{1} << 20;
+inline constexpr size_t kMaxClients = 64;
+inline constexpr int64_t kIdleTimeoutMs = 60LL * 60 * 1000;
 
 class RigServer {
  public:
@@ -35,9 +48,14 @@ class RigServer {
   // Answers one request line (without its line end), as the server does.
   std::string answer(std::string_view line);
 
+  // The monotonic clock the idle time-out is measured on, in milliseconds
+  // (tests set a clock of their own).
+  void setClock(std::function<int64_t()> nowMs) { nowMs_ = std::move(nowMs); }
+
  private:
   RigModel model_;
-  platform::Socket listener_ = platform::kNoSocket;
+  std::function<int64_t()> nowMs_;
+  int listenFd_ = -1;
   uint16_t port_ = 0;
 };
 

@@ -1,12 +1,24 @@
 #include "instrument/tcp/tcp_link.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <sstream>
-#include <vector>
+
+#include "common/text_file.h"
 
 namespace tavrix {
 namespace {
@@ -19,21 +31,65 @@ int64_t steadyMs() {
 
 }  // namespace
 
-TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port)
-    : clock_(clock), host_(std::move(host)), port_(port) {}
+TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files)
+    : clock_(clock), files_(files), host_(std::move(host)), port_(port) {}
 
 TcpLink::~TcpLink() { disconnect(); }
 
 void TcpLink::disconnect() {
-  platform::closeSocket(socket_);
-  socket_ = platform::kNoSocket;
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
   inbox_.clear();
   for (auto& r : readyReply_) r.reset();
 }
 
 bool TcpLink::connectSocket() {
-  socket_ = platform::connectTcp(host_, port_, connectWaitMs);
-  return socket_ != platform::kNoSocket;
+  problem_.clear();
+  const std::string address = host_ + ":" + std::to_string(port_);
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
+      rc != 0) {
+    problem_ = "the name \"" + host_ + "\" does not resolve: " + gai_strerror(rc);
+    return false;
+  }
+  bool connected = false;
+  for (addrinfo* a = found; a != nullptr && !connected; a = a->ai_next) {
+    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+      problem_ = std::string(std::strerror(errno)) + ": " + address;
+      continue;
+    }
+    int rc = ::connect(fd, a->ai_addr, a->ai_addrlen);
+    int err = rc == 0 ? 0 : errno;
+    if (rc != 0 && errno == EINPROGRESS) {
+      pollfd p{fd, POLLOUT, 0};
+      if (::poll(&p, 1, connectWaitMs) == 1) {
+        socklen_t len = sizeof err;
+        getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
+        rc = err == 0 ? 0 : -1;
+      } else {
+        err = ETIMEDOUT;
+      }
+    }
+    if (rc == 0) {
+      const int one = 1;
+      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+      fd_ = fd;
+      connected = true;
+    } else {
+      std::string reason = std::strerror(err);
+      if (!reason.empty())
+        reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
+      problem_ = reason + ": " + address;
+      ::close(fd);
+    }
+  }
+  freeaddrinfo(found);
+  if (connected) problem_.clear();
+  return connected;
 }
 
 int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int waitMs,
@@ -49,31 +105,43 @@ int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int wa
   return link_result::kOk;
 }
 
-// Waits at most until `deadline` for the socket to become ready.
-static bool waitReady(platform::Socket socket, bool forWrite, int64_t deadline, int64_t now) {
-  const int64_t left = deadline - now;
-  if (left <= 0) return false;
-  std::vector<platform::Watch> watch{{socket, !forWrite, forWrite}};
-  return platform::waitSockets(watch, static_cast<int>(left)) > 0;
+void TcpLink::reconnectIfDropped() {
+  pollfd p{fd_, POLLIN, 0};
+  if (::poll(&p, 1, 0) != 1) return;
+  char chunk[512];
+  ssize_t n;
+  while ((n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+    inbox_.append(chunk, static_cast<size_t>(n));
+  // Only a connection the server closed for idleness is taken up again; a
+  // server that went away leaves the link lost.
+  if (n != 0 || inbox_.find("0 " + std::to_string(kRigIdleClosed) + " =") == std::string::npos)
+    return;
+  disconnect();
+  RigResponse r;
+  if (!connectSocket()) return;
+  if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.text != kRigGreeting) disconnect();
 }
 
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
-  if (socket_ == platform::kNoSocket) return Outcome::kLost;
+  if (fd_ >= 0 && body != "HELLO") reconnectIfDropped();
+  if (fd_ < 0) return Outcome::kLost;
   const uint64_t id = nextId_++;
   std::string line = std::to_string(id) + " " + body + "\n";
   const int64_t deadline = steadyMs() + waitMs;
   size_t sent = 0;
   while (sent < line.size()) {
-    const long n = platform::sendSome(socket_, line.data() + sent, line.size() - sent);
+    const ssize_t n = ::send(fd_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
     if (n > 0) {
       sent += static_cast<size_t>(n);
       continue;
     }
-    if (n == platform::kBroken) {
+    if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
       disconnect();
       return Outcome::kLost;
     }
-    if (!waitReady(socket_, true, deadline, steadyMs())) {
+    pollfd p{fd_, POLLOUT, 0};
+    const int64_t left = deadline - steadyMs();
+    if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0) {
       // A request cut in half would spoil the stream: give the link up.
       if (sent > 0) disconnect();
       return sent > 0 ? Outcome::kLost : Outcome::kNoAnswer;
@@ -88,16 +156,19 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
       if (ParseRigResponse(got, response) && response.id == id) return Outcome::kOk;
     }
     char chunk[4096];
-    const long n = platform::receiveSome(socket_, chunk, sizeof chunk);
+    const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
     if (n > 0) {
       inbox_.append(chunk, static_cast<size_t>(n));
       continue;
     }
-    if (n == 0 || n == platform::kBroken) {
+    if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
       disconnect();
       return Outcome::kLost;
     }
-    if (!waitReady(socket_, false, deadline, steadyMs())) return Outcome::kNoAnswer;
+    pollfd p{fd_, POLLIN, 0};
+    const int64_t left = deadline - steadyMs();
+    if (left <= 0) return Outcome::kNoAnswer;
+    if (::poll(&p, 1, static_cast<int>(left)) == 0) return Outcome::kNoAnswer;
   }
 }
 
@@ -108,6 +179,8 @@ int32_t TcpLink::openInterface(int16_t& handle) {
   if (!connectSocket()) return link_result::kLinkLost;
   RigResponse r;
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
+    problem_ = "no rig server answers at " + host_ + ":" + std::to_string(port_) +
+               (r.text ? " (it said \"" + *r.text + "\")" : "");
     disconnect();
     return link_result::kLinkLost;
   }
@@ -129,7 +202,7 @@ int32_t TcpLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
 
 int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_view command,
                              bool /*wait*/) {
-  if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
+  if (fd_ < 0) return link_result::kLinkLost;
   if (device >= 0 && device < 100) readyReply_[device].reset();
   RigResponse r;
   const std::string body =
@@ -143,7 +216,7 @@ int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
 }
 
 int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
-  if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
+  if (fd_ < 0) return link_result::kLinkLost;
   if (device >= 0 && device < 100 && readyReply_[device]) {
     WriteBuffer(buffer, *readyReply_[device]);
     readyReply_[device].reset();
@@ -181,15 +254,14 @@ int32_t TcpLink::setupLibVersion(std::string& text) {
 }
 
 int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    load.message = "cannot read the setup file " + path;
+  std::string text;
+  std::string readError;
+  if (!readTextFile(files_, path, text, &readError)) {
+    load.message = "cannot read the setup file " + path + ": " + readFailureReason(readError);
     return link_result::kSetupFileUnreadable;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
   RigResponse r;
-  const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text.str());
+  const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text);
   if (const int32_t failed =
           exchange(body, r, std::max(responseWaitMs, 2000), link_result::kSetupBusy))
     return failed;

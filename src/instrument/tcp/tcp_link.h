@@ -5,6 +5,8 @@
 // apply; a connection that closes gives 31 (link lost) at once.
 #pragma once
 
+#include "common/file_system.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -13,14 +15,15 @@
 #include "common/clock.h"
 #include "instrument/link/link_library.h"
 #include "instrument/tcp/rig_protocol.h"
-#include "platform/sockets.h"
 
 namespace tavrix {
 
 class TcpLink final : public LinkLibrary {
  public:
-  TcpLink(const Clock& clock, std::string host, uint16_t port);
+  TcpLink(const Clock& clock, std::string host, uint16_t port,
+          const FileSystem& files = localFiles());
   ~TcpLink() override;
+  std::string connectionProblem() const override { return problem_; }
 
   // Real milliseconds to wait for one response before answering 17.
   int responseWaitMs = 100;
@@ -49,13 +52,18 @@ class TcpLink final : public LinkLibrary {
   int32_t exchange(const std::string& body, RigResponse& response, int waitMs,
                    int32_t whenNoAnswer);
   bool connectSocket();
+  std::string problem_;  // why connectSocket() or the greeting last failed
+  // The rig server drops a connection that has been idle for an hour; the
+  // next request then finds it closed and connects again first.
+  void reconnectIfDropped();
   void disconnect();
   std::string timeText() const;
 
   const Clock& clock_;
+  const FileSystem& files_;
   std::string host_;
   uint16_t port_;
-  platform::Socket socket_ = platform::kNoSocket;
+  int fd_ = -1;
   uint64_t nextId_ = 1;
   std::string inbox_;
   // Replies that came with the response to their command.

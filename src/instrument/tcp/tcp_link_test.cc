@@ -5,12 +5,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
-#include "instrument/link/channel_commands.h"
+#include "common/file_system.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
@@ -30,21 +29,26 @@ constexpr std::string_view kRig =
     "D 2 NOTREADY=5 LATENCY=30\n"
     "  20001 E=1 N=SLOW V=3\n";
 
+// The files of this test program: a folder of its own, removed at its end.
+ScratchFolder& Scratch() {
+  static ScratchFolder folder;
+  return folder;
+}
+
 std::string TempFile(const std::string& stem, std::string_view text) {
-  char name[64];
-  std::snprintf(name, sizeof name, "/tmp/%sXXXXXX", stem.c_str());
-  const int fd = mkstemp(name);
-  close(fd);
-  std::ofstream(name, std::ios::binary) << text;
-  return name;
+  static int files = 0;
+  const std::string path = Scratch().file(stem + std::to_string(++files));
+  EXPECT_TRUE(localFiles().writeAtomically(path, text, nullptr));
+  return path;
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  std::string text;
+  localFiles().readFile(path, text, nullptr);
+  return text;
 }
+
+void Remove(const std::string& path) { localFiles().remove(path, nullptr); }
 
 // A rig server on an ephemeral loopback port, served by a thread.
 class ServerThread {
@@ -81,29 +85,34 @@ RunResult RunOver(const std::string& link, const std::vector<std::string>& lines
   EventLoop events(clock);
   Trace trace(clock);
   RecordingOperator op;
-  Sequencer seq(events, op, trace);
+  PathMap paths(Scratch().path());
+  Sequencer seq(events, op, trace, localFiles(), paths);
   RegisterSequencerCommands(seq);
   std::string error;
   InstrumentSettings settings;
   settings.replyTimeoutSecs = 5;
-  auto instrument = MakeInstrument(events, trace, settings, link, &error);
+  auto instrument = MakeInstrument(events, trace, settings, link, localFiles(), paths, &error);
   EXPECT_NE(instrument, nullptr) << error;
   RegisterInstrumentCommands(seq, *instrument);
   std::string text;
   for (const auto& line : lines) text += line + "\r\n";
-  const std::string sequence = ::testing::TempDir() + "tcp_link_test_" + std::to_string(getpid()) + ".wts";
-  std::ofstream(sequence, std::ios::binary) << text;
+  const std::string sequence = TempFile("sequence", text);
   const std::string tracePath = sequence + ".jsonl";
-  trace.setOutput(std::fopen(tracePath.c_str(), "w"), true);
+  trace.setOutput(localFiles().create(tracePath, nullptr));
   trace.setOrigin(clock.now());
   EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
   std::unique_ptr<Timer> hook;
   if (duringRun) hook = duringRun(events);
   seq.pressRun();
-  trace.setOutput(nullptr, false);
-  RunResult result{seq.lastSequenceError(), ReadFile(tracePath)};
-  std::remove(sequence.c_str());
-  std::remove(tracePath.c_str());
+  trace.setOutput(nullptr);
+  // Each run has a sequence file of its own; the trace names it in the error
+  // report, so the name is taken out before two runs' traces are compared.
+  std::string traced = ReadFile(tracePath);
+  for (size_t at; (at = traced.find(sequence)) != std::string::npos;)
+    traced.replace(at, sequence.size(), "SEQUENCE");
+  RunResult result{seq.lastSequenceError(), traced};
+  Remove(sequence);
+  Remove(tracePath);
   return result;
 }
 
@@ -120,7 +129,7 @@ TEST(TcpLink, TheSameSequenceGivesTheSameTraceOverBothLinks) {
             std::string::npos);
   EXPECT_NE(sim.trace.find("\"cmd\":\"REA SLOW\",\"reply\":\"3\""), std::string::npos);
   EXPECT_EQ(tcp.trace, sim.trace);
-  std::remove(rig.c_str());
+  Remove(rig);
 }
 
 TEST(TcpLink, ARigServerThatGoesAwayEndsTheRunWithAClearError) {
@@ -144,7 +153,7 @@ TEST(TcpLink, ARigServerThatGoesAwayEndsTheRunWithAClearError) {
   server.reset();
   const RunResult none = RunOver(link, {"SEND HEATER, 1"});
   EXPECT_EQ(none.error, "IML error:  31");
-  std::remove(rig.c_str());
+  Remove(rig);
 }
 
 // The rig server is killed in the middle of a run and started again on the
@@ -159,12 +168,14 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
   EventLoop events(clock);
   Trace trace(clock);
   RecordingOperator op;
-  Sequencer seq(events, op, trace);
+  PathMap paths(Scratch().path());
+  Sequencer seq(events, op, trace, localFiles(), paths);
   RegisterSequencerCommands(seq);
   InstrumentSettings settings;
   settings.replyTimeoutSecs = 5;
   std::string error;
-  auto instrument = MakeInstrument(events, trace, settings, server->link(), &error);
+  auto instrument =
+      MakeInstrument(events, trace, settings, server->link(), localFiles(), paths, &error);
   ASSERT_NE(instrument, nullptr) << error;
   RegisterInstrumentCommands(seq, *instrument);
   const std::string sequence = TempFile("restart", "IMSFILESPEC " + rig +
@@ -190,8 +201,8 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
   std::string value;
   ASSERT_TRUE(instrument->channels().ReadChannel("HEATER", value));
   EXPECT_EQ(value, "20");
-  std::remove(sequence.c_str());
-  std::remove(rig.c_str());
+  Remove(sequence);
+  Remove(rig);
 }
 
 TEST(RigProtocol, RequestsAndResponses) {
@@ -241,20 +252,20 @@ TEST(RigProtocol, RequestsAndResponses) {
 
 TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
   const std::string bad = TempFile("badrig", "nonsense\n");
-  std::FILE* log = std::tmpfile();
+  char* logText = nullptr;
+  size_t logSize = 0;
+  std::FILE* log = open_memstream(&logText, &logSize);
   std::atomic<bool> stop{true};
   EXPECT_EQ(RunRigServer("127.0.0.1:0", bad, log, &stop), 2);
   EXPECT_EQ(RunRigServer("localhost:0", "", log, &stop), 2);
   EXPECT_EQ(RunRigServer("127.0.0.1:0", "", log, &stop), 0);
-  std::rewind(log);
-  char line[256];
-  std::string text;
-  while (std::fgets(line, sizeof line, log) != nullptr) text += line;
   std::fclose(log);
+  const std::string text(logText, logSize);
+  std::free(logText);
   EXPECT_NE(text.find(bad + " line 1: a channel line starts"), std::string::npos) << text;
   EXPECT_NE(text.find("the host \"localhost\" is not an IPv4 address"), std::string::npos) << text;
   EXPECT_NE(text.find("serving an empty rig on 127.0.0.1:"), std::string::npos) << text;
-  std::remove(bad.c_str());
+  Remove(bad);
 }
 
 }  // namespace

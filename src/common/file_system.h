@@ -1,0 +1,256 @@
+// The single door to files and folders. Every subsystem reads and writes
+// through a FileSystem, so that a run can be pointed at an in-memory one in
+// tests (MemoryFileSystem) and so that the rules for writing safely live in
+// one place: a rewrite goes through a temporary file that is flushed to the
+// disk and renamed over the target, and an append either lands whole or is
+// cut back. The real implementation is LocalFileSystem.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavrix {
+
+enum class FileKind { kMissing, kFile, kFolder, kOther };
+
+struct FileInfo {
+  FileKind kind = FileKind::kMissing;
+  uint64_t size = 0;
+  // Modification time and identity: together with the size they tell that a
+  // file is the one read before.
+  int64_t modifiedNs = 0;
+  uint64_t device = 0;
+  uint64_t inode = 0;
+};
+
+// A file open for reading a piece at a time.
+class InputFile {
+ public:
+  virtual ~InputFile() = default;
+  virtual uint64_t size() const = 0;
+  // Reads up to `size` bytes into `bytes`; `got` is 0 at the end of the file.
+  virtual bool read(void* bytes, size_t size, size_t& got, std::string* error) = 0;
+};
+
+// A file being written under a temporary name beside its target. commit()
+// flushes it to the disk, renames it over the target and makes the rename
+// durable; without a commit the temporary file is removed.
+class AtomicFile {
+ public:
+  virtual ~AtomicFile() = default;
+  virtual bool write(std::string_view bytes, std::string* error) = 0;
+  virtual bool commit(std::string* error) = 0;
+};
+
+// A file written from its start as a stream (the trace): every write goes out
+// at once.
+class OutputFile {
+ public:
+  virtual ~OutputFile() = default;
+  virtual bool write(std::string_view bytes, std::string* error) = 0;
+};
+
+// An operating-system lock on a file, held until destroyed.
+class FileLock {
+ public:
+  virtual ~FileLock() = default;
+};
+
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+
+  // The folder under which the sequencer keeps its data by default.
+  virtual const std::string& dataRoot() const = 0;
+  // The folder relative paths start from.
+  virtual std::string currentFolder() const = 0;
+
+  virtual FileInfo info(const std::string& path) const = 0;
+  bool isFile(const std::string& path) const { return info(path).kind == FileKind::kFile; }
+  bool isFolder(const std::string& path) const { return info(path).kind == FileKind::kFolder; }
+
+  // The whole file. On failure false, and `error` (when given) names the file
+  // and the reason.
+  virtual bool readFile(const std::string& path, std::string& bytes, std::string* error) const = 0;
+  virtual std::unique_ptr<InputFile> openInput(const std::string& path, std::string* error) const = 0;
+
+  // Starts an atomic rewrite of `path`. A replaced file keeps its
+  // permissions. A temporary file of an earlier writer of the same target
+  // that was killed outright is removed first.
+  virtual std::unique_ptr<AtomicFile> rewrite(const std::string& path, std::string* error) = 0;
+  // Replaces the file by `bytes` in one atomic rewrite.
+  bool writeAtomically(const std::string& path, std::string_view bytes, std::string* error);
+
+  // Appends `bytes`, creating the file if needed, durably and in one piece:
+  // a failed append cuts the file back to its former length, and an append
+  // cut short by the death of the process is cut back by the next append.
+  virtual bool append(const std::string& path, std::string_view bytes, std::string* error) = 0;
+  // Cuts the file back to `size` bytes.
+  virtual bool truncate(const std::string& path, uint64_t size, std::string* error) = 0;
+
+  // Creates or empties `path` for writing from its start.
+  virtual std::unique_ptr<OutputFile> create(const std::string& path, std::string* error) = 0;
+
+  // The names (not paths) of the entries of `folder`.
+  virtual bool list(const std::string& folder, std::vector<std::string>& names,
+                    std::string* error) const = 0;
+  // Creates `folder` and the folders above it as needed.
+  virtual bool makeFolders(const std::string& folder, std::string* error) = 0;
+  // Removes a file (or an empty folder). A missing file is not an error.
+  virtual bool remove(const std::string& path, std::string* error) = 0;
+
+  // Takes an exclusive lock that guards `path` against other processes and
+  // threads, waiting at most a bounded time for it; nullptr with a message
+  // when it cannot be had. The file itself is never changed by the lock.
+  virtual std::unique_ptr<FileLock> lock(const std::string& path, std::string* error) = 0;
+};
+
+// Removes the temporary files of every rewrite of this process that is not
+// finished, for a program about to end at a signal.
+void removeUnfinishedRewrites();
+
+// The machine's file system. `dataRoot` is decided by the front end.
+class LocalFileSystem final : public FileSystem {
+ public:
+  explicit LocalFileSystem(std::string dataRoot = "");
+  const std::string& dataRoot() const override { return dataRoot_; }
+  std::string currentFolder() const override;
+  FileInfo info(const std::string& path) const override;
+  bool readFile(const std::string& path, std::string& bytes, std::string* error) const override;
+  std::unique_ptr<InputFile> openInput(const std::string& path, std::string* error) const override;
+  std::unique_ptr<AtomicFile> rewrite(const std::string& path, std::string* error) override;
+  bool append(const std::string& path, std::string_view bytes, std::string* error) override;
+  bool truncate(const std::string& path, uint64_t size, std::string* error) override;
+  std::unique_ptr<OutputFile> create(const std::string& path, std::string* error) override;
+  bool list(const std::string& folder, std::vector<std::string>& names,
+            std::string* error) const override;
+  bool makeFolders(const std::string& folder, std::string* error) override;
+  bool remove(const std::string& path, std::string* error) override;
+  std::unique_ptr<FileLock> lock(const std::string& path, std::string* error) override;
+
+  // How long lock() waits before it gives up (milliseconds).
+  void setLockWait(int milliseconds) { lockWaitMs_ = milliseconds; }
+
+ private:
+  std::string dataRoot_;
+  int lockWaitMs_ = 30000;
+};
+
+// A file system held in memory, for tests. Paths are taken as written; a
+// file's folders exist once a file is written in them or they are made.
+// failWrite() makes a chosen write fail as a full disk or an I/O error would.
+class MemoryFileSystem final : public FileSystem {
+ public:
+  explicit MemoryFileSystem(std::string dataRoot = "/data");
+  const std::string& dataRoot() const override { return dataRoot_; }
+  std::string currentFolder() const override { return "/"; }
+  FileInfo info(const std::string& path) const override;
+  bool readFile(const std::string& path, std::string& bytes, std::string* error) const override;
+  std::unique_ptr<InputFile> openInput(const std::string& path, std::string* error) const override;
+  std::unique_ptr<AtomicFile> rewrite(const std::string& path, std::string* error) override;
+  bool append(const std::string& path, std::string_view bytes, std::string* error) override;
+  bool truncate(const std::string& path, uint64_t size, std::string* error) override;
+  std::unique_ptr<OutputFile> create(const std::string& path, std::string* error) override;
+  bool list(const std::string& folder, std::vector<std::string>& names,
+            std::string* error) const override;
+  bool makeFolders(const std::string& folder, std::string* error) override;
+  bool remove(const std::string& path, std::string* error) override;
+  std::unique_ptr<FileLock> lock(const std::string& path, std::string* error) override;
+
+  // Puts a file in place directly (test set-up; no write is counted).
+  void put(const std::string& path, std::string bytes);
+  // Every file, path -> contents.
+  const std::map<std::string, std::string>& files() const { return files_; }
+
+  enum class Fault { kNoSpace, kIoError };
+  // Makes the `n`th write from now (1 = the next) fail with `fault`: an
+  // append, a rewrite's commit and an output write each count as one write
+  // (a cut-back does not). A write that fails writes nothing.
+  void failWrite(int n, Fault fault);
+  // Writes counted so far.
+  int writes() const { return writes_; }
+
+ private:
+  friend class MemoryAtomicFile;
+  friend class MemoryOutputFile;
+  // Counts one write; false (with the fault's message) when it is the one to fail.
+  bool countWrite(const std::string& path, std::string* error,
+                  std::string_view what = "Cannot write");
+  bool folderExists(const std::string& folder) const;
+  // Marks the file changed (its modification time in info()).
+  void touch(const std::string& path);
+
+  std::string dataRoot_;
+  std::map<std::string, std::string> files_;
+  std::set<std::string> folders_;
+  std::map<std::string, int64_t> stamps_;
+  int64_t clock_ = 0;
+  int writes_ = 0;
+  int failAt_ = 0;
+  Fault fault_ = Fault::kNoSpace;
+};
+
+// The folder part of `path` ("." for a bare name).
+std::string parentFolder(const std::string& path);
+// The name part of `path`.
+std::string baseName(const std::string& path);
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+// A fresh folder of its own under $TMPDIR (or /tmp), removed with everything
+// in it when the object goes. For tests and tools that need a real folder.
+class ScratchFolder {
+ public:
+  // `withoutDots`: for names whose first "." must be the extension's (the
+  // counterpart names of encrypted files); under a $TMPDIR with a dot in
+  // its path the folder goes to /tmp instead.
+  explicit ScratchFolder(bool withoutDots = false);
+  ~ScratchFolder();
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+  const std::string& path() const { return path_; }
+  // `name` inside the folder.
+  std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
+
+ private:
+  std::string path_;
+};
+
+// Removes `path` and everything below it; false when something stays.
+bool removeTree(const std::string& path);
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+// The machine's file system without a data root, for the places that are
+// handed file names by a person directly (the file tools) and have no run
+// to take the door from.
+FileSystem& localFiles();
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+// An output that goes to an open stream (standard output), not owned.
+std::unique_ptr<OutputFile> streamOutput(std::FILE* stream);
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+// Copies the folder `from` with everything below it to `to`.
+bool copyTree(FileSystem& files, const std::string& from, const std::string& to);
+// Makes `folder` the process's current folder; false when it cannot be.
+bool changeCurrentFolder(const std::string& folder);
+
+}  // namespace tavrix
