@@ -1,7 +1,5 @@
 #include "crypt_commands.h"
 
-#include <unistd.h>
-
 #include <pthread.h>
 
 #include <CLI/CLI.hpp>
@@ -11,6 +9,7 @@
 #include <thread>
 
 #include "crypto/encrypted_files.h"
+#include "platform/console.h"
 #include "sequencer/console_operators.h"
 
 namespace tavrix {
@@ -28,7 +27,7 @@ class ProgressBar {
       : err_(err), verb_(verb) {
     const FileInfo info = localFiles().info(path);
     shown_ = info.kind == FileKind::kFile && info.size >= kProgressFrom && err != nullptr &&
-             isatty(fileno(err));
+             platform::isTerminal(err);
   }
   std::function<void(int)> callback() {
     if (!shown_) return {};

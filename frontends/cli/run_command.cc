@@ -20,6 +20,8 @@
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
+#include "platform/console.h"
+#include "platform/timer_resolution.h"
 #include "results_commands.h"
 #include "resultsdb/results_recorder.h"
 #include "resultsdb/uut_capture.h"
@@ -190,6 +192,8 @@ class SignalBridge {
   Engine& engine_;
   sigset_t previous_{};
   std::thread thread_;
+  // Timed waits and ramp steps keep their accuracy for the run.
+  platform::FineTimerResolution timers_;
 };
 
 }  // namespace
@@ -431,7 +435,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("--setup", run.setup,
                          "Hardware setup (.ims) to load before the first line");
   runCommand->add_option("--link", run.link,
-                         "The instrument link: sim (default) or tcp://HOST:PORT");
+                         "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
   runCommand->add_option("--reply-timeout", run.replyTimeout,
                          "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,

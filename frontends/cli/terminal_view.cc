@@ -1,11 +1,9 @@
 #include "terminal_view.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "common/civil_time.h"
+#include "platform/console.h"
 
 namespace tavrix {
 
@@ -52,7 +50,7 @@ TerminalView::TerminalView(Operator& inner, std::FILE* out, std::FILE* summary, 
 TerminalView::~TerminalView() = default;
 
 bool TerminalView::IsTerminal(std::FILE* stream) {
-  return stream != nullptr && isatty(fileno(stream)) == 1;
+  return stream != nullptr && platform::isTerminal(stream);
 }
 
 void TerminalView::attach(Engine& engine, bool virtualClock) {
@@ -88,8 +86,8 @@ std::string TerminalView::clock() const {
 }
 
 int TerminalView::width() const {
-  winsize size{};
-  if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 10) return size.ws_col;
+  const int columns = platform::terminalColumns(out_);
+  if (columns > 10) return columns;
   return 80;
 }
 

@@ -1,6 +1,6 @@
 #include "common/clock.h"
 
-#include <ctime>
+#include "platform/local_time.h"
 
 namespace tavrix {
 
@@ -9,16 +9,15 @@ namespace {
 // Local civil time now, from the machine's wall clock and time zone.
 Micros localWallNow() {
   const auto sys = std::chrono::system_clock::now();
-  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(sys.time_since_epoch()).count();
-  const std::time_t secs = static_cast<std::time_t>(us / kMicrosPerSecond);
-  std::tm local{};
-  localtime_r(&secs, &local);
-  return us + static_cast<Micros>(local.tm_gmtoff) * kMicrosPerSecond;
+  const auto us =
+      std::chrono::duration_cast<std::chrono::microseconds>(sys.time_since_epoch()).count();
+  return us + platform::localOffsetSeconds(us / kMicrosPerSecond) * kMicrosPerSecond;
 }
 
 }  // namespace
 
-SystemClock::SystemClock() : anchor_(localWallNow()), steadyAnchor_(std::chrono::steady_clock::now()) {}
+SystemClock::SystemClock()
+    : anchor_(localWallNow()), steadyAnchor_(std::chrono::steady_clock::now()) {}
 
 Micros SystemClock::now() const {
   const auto since = std::chrono::steady_clock::now() - steadyAnchor_;

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "platform/files.h"
+
 namespace tavrix {
 
 namespace {
@@ -27,6 +29,8 @@ std::string PathMap::driveFolder(char letter) const {
   const char key = driveKey(letter);
   const auto it = drives_.find(key);
   if (it != drives_.end()) return it->second;
+  // Where drives are real, an unmapped drive is itself.
+  if (platform::hasDriveLetters()) return std::string(1, key) + ":/";
   return join(root_, std::string(1, key));
 }
 

@@ -17,7 +17,9 @@ class PathMap {
 
   // Maps `letter` (either case) to `folder`.
   void setDrive(char letter, std::string folder);
-  // The local folder of a drive.
+  // The local folder of a drive: its mapped folder, else the drive itself
+  // where the system has drives (Windows), else a folder of that letter
+  // under the root.
   std::string driveFolder(char letter) const;
 
   // A local path for `path`: separators become '/', and a leading drive

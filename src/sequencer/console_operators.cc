@@ -1,9 +1,9 @@
 #include "sequencer/console_operators.h"
 
 #include <cstdlib>
-#include <unistd.h>
 
 #include "common/text_conventions.h"
+#include "platform/console.h"
 
 namespace tavrix {
 
@@ -50,7 +50,7 @@ std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std
     if (!file) return nullptr;
     return std::make_unique<ScriptedOperator>(std::move(*file), out);
   }
-  if (in != nullptr && isatty(fileno(in))) return std::make_unique<TerminalOperator>(in, out);
+  if (in != nullptr && platform::isTerminal(in)) return std::make_unique<TerminalOperator>(in, out);
   return std::make_unique<ScriptedOperator>(AnswersFile{}, out);
 }
 

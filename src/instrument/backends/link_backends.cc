@@ -1,5 +1,6 @@
 #include "instrument/backends/link_backends.h"
 
+#include "instrument/dll/dll_link.h"
 #include "instrument/simrig/sim_rig.h"
 #include "instrument/tcp/tcp_link.h"
 
@@ -20,8 +21,14 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
     }
     return std::make_unique<TcpLink>(clock, host, port, files);
   }
+  if (linkSpec == kLinkDll) {
+    std::string why;
+    auto link = MakeDllLink(settings, why);
+    if (!link && error) *error = why;
+    return link;
+  }
   if (error) {
-    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim or tcp://HOST:PORT";
+    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim, dll or tcp://HOST:PORT";
   }
   return nullptr;
 }

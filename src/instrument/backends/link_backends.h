@@ -1,5 +1,6 @@
 // The link library backends a link spec can name: "sim" (or nothing) for the
-// simulated rig built into the program, "tcp://HOST:PORT" for a rig server.
+// simulated rig built into the program, "tcp://HOST:PORT" for a rig server,
+// "dll" for the rig PC's own link libraries (Windows).
 // Programs that offer every backend link this library; the engine alone
 // knows only the simulated rig.
 #pragma once

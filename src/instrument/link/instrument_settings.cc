@@ -62,6 +62,14 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);
+  } else if (k == "library_folder") {
+    libraryFolder = std::string(value);
+  } else if (k == "link_library") {
+    if (value.empty()) error = "link_library takes a file name";
+    linkLibraryName = std::string(value);
+  } else if (k == "setup_library") {
+    if (value.empty()) error = "setup_library takes a file name";
+    setupLibraryName = std::string(value);
   } else if (k == "reply_poll_ms") {
     if (parseCount(value, 1, 60000, n)) {
       replyPollInterval = static_cast<Micros>(n) * 1000;

@@ -25,6 +25,11 @@ struct InstrumentSettings {
   std::map<char, std::string> driveMap;
   Micros replyPollInterval = 10'000;  // between polls of a command or reply not ready
   Micros waitPollInterval = 100'000;  // between readings of WAIT on a condition
+  // The rig PC's link libraries (the "dll" link): their folder ("" for the
+  // program's folder and then the system's search path) and file names.
+  std::string libraryFolder;
+  std::string linkLibraryName = "commslib.dll";
+  std::string setupLibraryName = "imslib.dll";
   // Where UUT records go besides the results files (docs/results-database.md):
   // empty for the database file in the data root, "off", "sqlite:FILE" or a
   // server's connection string. And this station's name in them.

@@ -1,0 +1,35 @@
+# Dependencies of a Windows cross-build. The header-only libraries come from
+# the build machine's /usr/include through a folder of their own (adding
+# /usr/include itself would let the host's C headers shadow MinGW's);
+# GoogleTest is built for the target from the packaged sources.
+set(TAVRIX_GTEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest sources built for the target")
+set(TAVRIX_HOST_INCLUDE /usr/include CACHE PATH "Where the header-only libraries are installed")
+
+set(_shim ${CMAKE_BINARY_DIR}/host-headers)
+file(MAKE_DIRECTORY ${_shim})
+foreach(dir CLI nlohmann)
+  if(EXISTS ${TAVRIX_HOST_INCLUDE}/${dir} AND NOT EXISTS ${_shim}/${dir})
+    file(CREATE_LINK ${TAVRIX_HOST_INCLUDE}/${dir} ${_shim}/${dir} SYMBOLIC)
+  endif()
+endforeach()
+add_library(tavrix_host_headers INTERFACE)
+target_include_directories(tavrix_host_headers SYSTEM INTERFACE ${_shim})
+add_library(CLI11::CLI11 ALIAS tavrix_host_headers)
+set(CLI11_FOUND TRUE)
+
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+set(gtest_disable_pthreads OFF CACHE BOOL "" FORCE)
+add_subdirectory(${TAVRIX_GTEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+
+# Static runtime: the programs and test binaries run from any folder (and
+# under Wine) without the MinGW runtime DLLs beside them.
+add_link_options(-static -static-libgcc -static-libstdc++)
+
+# Windows headers: Unicode entry points, no min/max macros, Windows 7 API.
+add_compile_definitions(UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0601)
+
+# Test files that need POSIX process control and are not built for Windows:
+#   common/text_file_test.cc  kills a writer with fork() and SIGKILL in the
+#                             middle of an append, and checks POSIX permission
+#                             bits and root's view of them.
+set(TAVRIX_POSIX_ONLY_TESTS common/text_file_test.cc)

@@ -1,0 +1,43 @@
+// TCP sockets, non-blocking, behind a handle.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tavrix::platform {
+
+using Socket = intptr_t;
+inline constexpr Socket kNoSocket = -1;
+
+// Connects to `host` (a name or an address) at `port`, waiting at most
+// `waitMs`. kNoSocket when no address answers.
+Socket connectTcp(const std::string& host, uint16_t port, int waitMs);
+// Listens on the IPv4 address `host`; `port` 0 picks a free port, which
+// `port` then holds. kNoSocket with a message in `error` on failure.
+Socket listenTcp(const std::string& host, uint16_t& port, std::string& error);
+// A waiting client of `listener`, or kNoSocket.
+Socket acceptClient(Socket listener);
+void closeSocket(Socket socket);
+
+// Results of sendSome/receiveSome besides a byte count.
+inline constexpr long kWouldBlock = -1;
+inline constexpr long kBroken = -2;
+// Bytes sent, kWouldBlock or kBroken.
+long sendSome(Socket socket, const char* bytes, size_t size);
+// Bytes received, 0 when the peer closed, kWouldBlock or kBroken.
+long receiveSome(Socket socket, char* bytes, size_t size);
+
+struct Watch {
+  Socket socket = kNoSocket;
+  bool forRead = false;
+  bool forWrite = false;
+  // Set by waitSockets: readable (or closed or failed), writable.
+  bool readable = false;
+  bool writable = false;
+};
+// Waits at most `waitMs` until one watched socket is ready; the number ready.
+int waitSockets(std::vector<Watch>& watches, int waitMs);
+
+}  // namespace tavrix::platform
