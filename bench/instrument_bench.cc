@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "common/file_system.h"
 #include "bench_support.h"
 #include "engine/engine.h"
 #include "instrument/link/channel_commands.h"
@@ -44,7 +45,7 @@ void BM_SendLinesInProcessRig(benchmark::State& state) {
   const std::string path = WriteSequence(lines);
   QuietOperator op;
   Engine engine(std::make_unique<SystemClock>(), op);
-  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", nullptr);
+  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(), engine.paths(), nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;
@@ -92,7 +93,8 @@ void BM_SendExchangeThroughTheLayer(benchmark::State& state) {
   SystemClock clock;
   EventLoop events(clock);
   Trace trace(clock);
-  auto instrument = MakeInstrument(events, trace, {}, "sim", nullptr);
+  const PathMap paths{""};
+  auto instrument = MakeInstrument(events, trace, {}, "sim", localFiles(), paths, nullptr);
   instrument->selectSetupFile(rig);
   Channels& channels = instrument->channels();
   for (auto _ : state) benchmark::DoNotOptimize(channels.WriteChannel("FAN", "5"));
@@ -112,7 +114,7 @@ void BM_TcpLoopbackExchange(benchmark::State& state) {
     return;
   }
   RigSetup setup;
-  LoadRigSetupFile(rig, setup, error);
+  LoadRigSetupFile(localFiles(), rig, setup, error);
   server.model().load(std::move(setup));
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });

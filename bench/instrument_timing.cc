@@ -3,6 +3,7 @@
 
 #include <fstream>
 
+#include "common/file_system.h"
 #include "bench_support.h"
 #include "engine/engine.h"
 #include "instrument/link/channel_commands.h"
@@ -20,7 +21,7 @@ const RegisterTiming kWaitCondition("wait-condition", [] {
   const std::string path = WriteSequence({"WAIT TEMP1 > 50"});
   QuietOperator op;
   Engine engine(std::make_unique<SystemClock>(), op);
-  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", nullptr);
+  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(), engine.paths(), nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;

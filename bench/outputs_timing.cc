@@ -87,7 +87,7 @@ Measured RunOnRig(int channels, const std::vector<std::string>& lines) {
   Engine engine(std::make_unique<SystemClock>(), op);
   auto link = std::make_unique<TimedLink>(engine.clock());
   TimedLink* timed = link.get();
-  Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{}, std::move(link));
+  Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{}, std::move(link), engine.paths());
   RegisterInstrumentCommands(engine.sequencer(), instrument);
   RegisterOutputCommands(engine.sequencer(), instrument);
   std::string error;
