@@ -52,7 +52,7 @@ class Engine {
       std::string_view linkSpec, const Clock& clock, const InstrumentSettings& settings,
       const FileSystem& files, std::string* error)>;
   // Which backends a link spec can name. By itself the engine knows only the
-  // simulated rig ("sim", or no spec); front ends that offer a rig server
+  // simulated rig ("sim", or none given); front ends that offer a rig server
   // set MakeLinkLibrary of instrument/backends.
   void setLinkFactory(LinkFactory factory) { linkFactory_ = std::move(factory); }
 

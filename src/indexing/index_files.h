@@ -31,7 +31,7 @@ class IndexFileTable {
   // INDEXINIT: adds the file to the table (its number is the new count) and
   // creates it, holding the template, the limit and again the limit, when it
   // does not exist. An existing file is left as it is. False, with the
-  // message "Open <spec> error: -<reason>", when the file exists but cannot
+  // message "Open <file> error: -<reason>", when the file exists but cannot
   // be read or cannot be created; the slot is added all the same.
   bool add(std::string_view spec, std::string_view nameTemplate, int16_t limit, std::string* message);
 

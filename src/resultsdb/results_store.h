@@ -87,7 +87,7 @@ class SqlResultsStore : public ResultsStore {
   std::map<size_t, std::string> insertChecks_;  // by number of rows
 };
 
-// Where the store is. An empty spec or "sqlite" is the database file
+// Where the store is. An empty setting or "sqlite" is the database file
 // results.sqlite in the data root; "sqlite:PATH" another file; "off" none;
 // a connection string a server.
 struct StoreSpec {
@@ -96,7 +96,7 @@ struct StoreSpec {
 };
 bool ParseStoreSpec(const std::string& spec, const std::string& dataRoot, StoreSpec& out,
                     std::string* error);
-// The spec fit to show: a connection string without its password.
+// The store named fit to show: a connection string without its password.
 std::string DescribeStoreSpec(const StoreSpec& spec);
 
 inline constexpr std::string_view kStoreFileName = "results.sqlite";
