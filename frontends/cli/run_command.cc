@@ -143,12 +143,19 @@ class RunLimits {
 // any thread of the run starts (the results store's writer, the terminal
 // view): a thread that does not block them would take the signal's default
 // action and end the process before the results are written.
+// The signals a run turns into a close request, and the one that ends the
+// thread waiting for them.
+sigset_t RunSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
+  return set;
+}
+
 class BlockedSignals {
  public:
   BlockedSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
+    const sigset_t set = RunSignals();
     pthread_sigmask(SIG_BLOCK, &set, &previous_);
   }
   ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
@@ -160,17 +167,12 @@ class BlockedSignals {
 };
 
 // Turns SIGINT, SIGTERM and SIGHUP (a closed terminal) into the window's
-// close request, posted to the engine, for as long as it lives.
+// close request, posted to the engine, for as long as it lives. The
+// signals are blocked already (BlockedSignals), so only this thread takes them.
 class SignalBridge {
  public:
   explicit SignalBridge(Engine& engine) : engine_(engine) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    sigaddset(&set, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+    const sigset_t set = RunSignals();
     thread_ = std::thread([this, set] {
       for (;;) {
         int signal = 0;
@@ -185,12 +187,10 @@ class SignalBridge {
   ~SignalBridge() {
     pthread_kill(thread_.native_handle(), SIGUSR2);
     thread_.join();
-    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
   }
 
  private:
   Engine& engine_;
-  sigset_t previous_{};
   std::thread thread_;
   // Timed waits and ramp steps keep their accuracy for the run.
   platform::FineTimerResolution timers_;
