@@ -1,8 +1,5 @@
 #include "resultsdb/results_queue.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -10,6 +7,9 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <system_error>
+
+#include "common/file_system.h"
+#include "platform/files.h"
 
 namespace tavrix {
 
@@ -33,27 +33,10 @@ uint32_t Crc32(std::string_view data) {
 }
 
 std::string SystemError(const std::string& what, const std::string& path, int err) {
-  return "cannot " + what + " the results queue " + path + ": " + std::strerror(err);
+  return "cannot " + what + " the results queue " + path + ": " + platform::errorText(err);
 }
 
-bool WriteAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
-void SyncFolderOf(const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  const int dir = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY);
-  if (dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
-  }
-}
+void SyncFolderOf(const std::string& path) { platform::syncFolder(parentFolder(path)); }
 
 }  // namespace
 
@@ -193,21 +176,22 @@ bool ResultsQueue::appendLine(const std::string& line, bool sync, std::string* e
   const std::filesystem::path folder = std::filesystem::path(path_).parent_path();
   if (!folder.empty()) std::filesystem::create_directories(folder, ec);
   const bool created = !std::filesystem::exists(path_, ec);
-  const int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    if (error) *error = SystemError("write", path_, errno);
+  platform::FileHandle file = platform::kNoFile;
+  int err = platform::openFile(path_, platform::OpenMode::kAppend, file);
+  if (err != 0) {
+    if (error) *error = SystemError("write", path_, err);
     return false;
   }
-  const off_t before = ::lseek(fd, 0, SEEK_END);
-  bool ok = WriteAll(fd, line);
-  if (ok && sync) ok = ::fdatasync(fd) == 0;
-  const int err = errno;
+  platform::PathInfo before;
+  const bool measured = platform::fileInfo(file, before) == 0;
+  err = platform::writeAll(file, line.data(), line.size());
+  if (err == 0 && sync) err = platform::syncFile(file);
   // A short write (a full disk) leaves no half line for the next entry to
   // follow: the file is cut back to where it was.
-  if (!ok && before >= 0 && ::ftruncate(fd, before) != 0) {
+  if (err != 0 && measured && platform::truncateFile(file, before.size) != 0) {
   }
-  ::close(fd);
-  if (!ok) {
+  platform::closeFile(file);
+  if (err != 0) {
     if (error) *error = SystemError("write", path_, err);
     return false;
   }
@@ -229,20 +213,19 @@ bool ResultsQueue::rewrite(std::string* error) {
   const std::filesystem::path folder = std::filesystem::path(path_).parent_path();
   if (!folder.empty()) std::filesystem::create_directories(folder, ec);
   const std::string temp = path_ + ".new";
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    if (error) *error = SystemError("write", temp, errno);
+  platform::FileHandle file = platform::kNoFile;
+  int err = platform::openFile(temp, platform::OpenMode::kCreateOrTruncate, file);
+  if (err != 0) {
+    if (error) *error = SystemError("write", temp, err);
     return false;
   }
-  bool ok = WriteAll(fd, text) && ::fsync(fd) == 0;
-  int err = errno;
-  ::close(fd);
-  if (ok && ::rename(temp.c_str(), path_.c_str()) != 0) {
-    ok = false;
-    err = errno;
-  }
+  err = platform::writeAll(file, text.data(), text.size());
+  if (err == 0) err = platform::syncFile(file);
+  platform::closeFile(file);
+  if (err == 0) err = platform::replaceFile(temp, path_);
+  const bool ok = err == 0;
   if (!ok) {
-    ::unlink(temp.c_str());
+    platform::removeFile(temp);
     if (error) *error = SystemError("write", path_, err);
     return false;
   }
