@@ -319,13 +319,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
-                 options.link.c_str(), instrument->link().lastErrorText.c_str(),
+                 options.link.c_str(), instrument->link().lastErrorText().c_str(),
                  problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
     std::fprintf(err, "tavrix-cli: cannot load the setup %s: %s\n", options.setup->c_str(),
-                 instrument->link().lastErrorText.c_str());
+                 instrument->link().lastErrorText().c_str());
     return kExitUsage;
   }
 

@@ -328,7 +328,7 @@ void MainWindow::selectSetupFile() {
       Instrument* instrument = engine.instrument();
       if (instrument != nullptr && instrument->selectSetupFile(path)) return;
       const std::string why =
-          instrument == nullptr ? "No instrument is attached" : instrument->link().lastErrorText;
+          instrument == nullptr ? "No instrument is attached" : instrument->link().lastErrorText();
       QMetaObject::invokeMethod(
           qApp,
           [self, why] {

@@ -69,7 +69,7 @@ class MainWindowTest : public QObject {
       std::string error;
       if (!engine->attachInstrument({}, "sim", &error)) qFatal("%s", error.c_str());
       if (!engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims"))
-        qFatal("rig.ims: %s", engine->instrument()->link().lastErrorText.c_str());
+        qFatal("rig.ims: %s", engine->instrument()->link().lastErrorText().c_str());
       return engine;
     };
   }

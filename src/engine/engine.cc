@@ -82,7 +82,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   testDatabase_.readChannel = [this](const std::string& name, std::string& value,
                                      std::string& error) {
     if (instrument_->channels().ReadChannel(name, value)) return true;
-    error = instrument_->link().lastErrorText;
+    error = instrument_->link().lastErrorText();
     return false;
   };
   return true;
@@ -98,7 +98,7 @@ bool Engine::InstrumentChannels::read(std::string_view channel, std::string& val
     return false;
   }
   if (instrument->channels().ReadChannel(channel, value)) return true;
-  if (error) *error = instrument->link().lastErrorText;
+  if (error) *error = instrument->link().lastErrorText();
   return false;
 }
 
@@ -110,7 +110,7 @@ bool Engine::InstrumentChannels::write(std::string_view channel, std::string_vie
     return false;
   }
   if (instrument->channels().WriteChannel(channel, value)) return true;
-  if (error) *error = instrument->link().lastErrorText;
+  if (error) *error = instrument->link().lastErrorText();
   return false;
 }
 
