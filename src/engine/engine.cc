@@ -6,6 +6,7 @@
 #include "instrument/link/channel_commands.h"
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_rig.h"
+#include "resultsdb/results_feed.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -37,6 +38,19 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileS
 }
 
 Engine::~Engine() = default;
+
+bool Engine::feedResultsStore(const std::string& setting, const std::string& station,
+                              std::function<void(const std::string&)> report, std::string* error) {
+  resultsFeed_.reset();
+  std::string problem;
+  resultsFeed_ = ResultsFeed::Start(*ownFiles_, setting, station, testDatabase_, sequencer_,
+                                    std::move(report), &problem);
+  if (!problem.empty()) {
+    if (error) *error = problem;
+    return false;
+  }
+  return true;
+}
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
