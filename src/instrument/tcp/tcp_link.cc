@@ -19,6 +19,7 @@
 #include <sstream>
 
 #include "common/text_file.h"
+#include "instrument/tcp/link_key.h"
 
 namespace tavrix {
 namespace {
@@ -119,7 +120,45 @@ void TcpLink::reconnectIfDropped() {
   disconnect();
   RigResponse r;
   if (!connectSocket()) return;
-  if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.text != kRigGreeting) disconnect();
+  if ((!key_.empty() && !proveKey()) || request("HELLO", r, connectWaitMs) != Outcome::kOk ||
+      r.text != kRigGreeting) {
+    disconnect();
+  }
+}
+
+bool TcpLink::proveKey() {
+  const std::string nonce = NewNonce();
+  RigResponse r;
+  if (nonce.empty()) {
+    problem_ = "the system's random generator failed";
+    return false;
+  }
+  if (request("KEY " + nonce, r, connectWaitMs) != Outcome::kOk) {
+    if (problem_.empty()) problem_ = "the rig server at " + address() + " did not answer the key check";
+    return false;
+  }
+  if (r.code != link_result::kOk || !r.text) {
+    problem_ = "the rig server at " + address() +
+               " asks for no key; a link with a key does not use a server that cannot prove it";
+    return false;
+  }
+  const std::string_view answer = *r.text;
+  const size_t blank = answer.find(' ');
+  const std::string_view serverNonce = answer.substr(0, blank);
+  const std::string_view serverProof =
+      blank == std::string_view::npos ? std::string_view{} : answer.substr(blank + 1);
+  if (!IsNonce(serverNonce) || !SameProof(serverProof, ServerProof(key_, nonce, serverNonce))) {
+    // A proof that cannot pass, so that the server too records the refusal.
+    request("PROOF -", r, connectWaitMs);
+    problem_ = "the bridge at " + address() + " refused the key: the two sides' keys differ";
+    return false;
+  }
+  if (request("PROOF " + LinkProof(key_, serverNonce, nonce), r, connectWaitMs) != Outcome::kOk ||
+      r.code != link_result::kOk) {
+    if (problem_.empty()) problem_ = "the bridge at " + address() + " refused the key";
+    return false;
+  }
+  return true;
 }
 
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
@@ -153,7 +192,13 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
       const std::string got = inbox_.substr(0, eol);
       inbox_.erase(0, eol + 1);
       // Responses to requests given up earlier are dropped.
-      if (ParseRigResponse(got, response) && response.id == id) return Outcome::kOk;
+      if (!ParseRigResponse(got, response)) continue;
+      if (response.id == id) return Outcome::kOk;
+      if (response.id == 0 && response.code == kRigKeyRefused) {
+        problem_ = "the bridge at " + address() + " refused the link: " + response.text.value_or("");
+        disconnect();
+        return Outcome::kLost;
+      }
     }
     char chunk[4096];
     const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
@@ -177,10 +222,16 @@ std::string TcpLink::timeText() const { return std::to_string(clock_.now()); }
 int32_t TcpLink::openInterface(int16_t& handle) {
   disconnect();
   if (!connectSocket()) return link_result::kLinkLost;
+  if (!key_.empty() && !proveKey()) {
+    disconnect();
+    return link_result::kLinkLost;
+  }
   RigResponse r;
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
-    problem_ = "no rig server answers at " + host_ + ":" + std::to_string(port_) +
-               (r.text ? " (it said \"" + *r.text + "\")" : "");
+    if (problem_.empty() || fd_ >= 0) {
+      problem_ = "no rig server answers at " + address() +
+                 (r.text ? " (it said \"" + *r.text + "\")" : "");
+    }
     disconnect();
     return link_result::kLinkLost;
   }

@@ -25,6 +25,11 @@ class TcpLink final : public LinkLibrary {
   ~TcpLink() override;
   std::string connectionProblem() const override { return problem_; }
 
+  // The key shared with a rig server that asks for one (raw bytes, from
+  // LoadLinkKey); the link then proves that it knows the key, and the server
+  // must prove it too, before the first request. Empty: no key.
+  void setKey(std::string key) { key_ = std::move(key); }
+
   // Real milliseconds to wait for one response before answering 17.
   int responseWaitMs = 100;
   // Real milliseconds to wait for the connection at open.
@@ -52,6 +57,9 @@ class TcpLink final : public LinkLibrary {
   int32_t exchange(const std::string& body, RigResponse& response, int waitMs,
                    int32_t whenNoAnswer);
   bool connectSocket();
+  // The key check right after connecting (link_key.h). False with problem_.
+  bool proveKey();
+  std::string address() const { return host_ + ":" + std::to_string(port_); }
   std::string problem_;  // why connectSocket() or the greeting last failed
   // The rig server drops a connection that has been idle for an hour; the
   // next request then finds it closed and connects again first.
@@ -63,6 +71,7 @@ class TcpLink final : public LinkLibrary {
   const FileSystem& files_;
   std::string host_;
   uint16_t port_;
+  std::string key_;
   int fd_ = -1;
   uint64_t nextId_ = 1;
   std::string inbox_;

@@ -256,9 +256,15 @@ TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
   size_t logSize = 0;
   std::FILE* log = open_memstream(&logText, &logSize);
   std::atomic<bool> stop{true};
-  EXPECT_EQ(RunRigServer("127.0.0.1:0", bad, log, &stop), 2);
-  EXPECT_EQ(RunRigServer("localhost:0", "", log, &stop), 2);
-  EXPECT_EQ(RunRigServer("127.0.0.1:0", "", log, &stop), 0);
+  const auto serve = [&](std::string listen, std::string setup) {
+    RigServing serving;
+    serving.listen = std::move(listen);
+    serving.setupFile = std::move(setup);
+    return RunRigServer(std::move(serving), log, &stop);
+  };
+  EXPECT_EQ(serve("127.0.0.1:0", bad), 2);
+  EXPECT_EQ(serve("localhost:0", ""), 2);
+  EXPECT_EQ(serve("127.0.0.1:0", ""), 0);
   std::fclose(log);
   const std::string text(logText, logSize);
   std::free(logText);
