@@ -72,8 +72,8 @@ LibraryService::Answer LibraryService::loadSetup(std::string_view clientPath,
                                                  std::string_view text) {
   std::error_code failed;
   if (setupFolder_.empty()) {
-    const std::filesystem::path folder =
-        std::filesystem::temp_directory_path(failed) / ("tavrix-bridge-" + NewNonce().substr(0, 16));
+    const std::filesystem::path folder = std::filesystem::temp_directory_path(failed) /
+                                         ("tavrix-bridge-" + NewNonce().substr(0, 16));
     if (failed || !std::filesystem::create_directory(folder, failed)) {
       return {link_result::kSetupFileUnreadable,
               "the bridge cannot make a folder for the setup: " + failed.message()};

@@ -113,8 +113,9 @@ bool WriteNewLinkKey(const std::string& path, std::string& error) {
     error = "the system's random generator failed";
     return false;
   }
-  const std::string text = "# tavrix link key: copy this file to the other side, keep it private\n" +
-                           toHex(bytes.data(), bytes.size()) + "\n";
+  const std::string text =
+      "# tavrix link key: copy this file to the other side, keep it private\n" +
+      toHex(bytes.data(), bytes.size()) + "\n";
   if (const std::string why = platform::writeNewPrivateFile(path, text); !why.empty()) {
     error = "cannot make the key file " + path + ": " + why;
     return false;

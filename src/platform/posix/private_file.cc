@@ -10,7 +10,7 @@
 namespace tavrix::platform {
 
 bool othersMayAccess(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && (st.st_mode & 077) != 0;
 }
 

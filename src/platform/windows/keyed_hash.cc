@@ -23,9 +23,9 @@ bool hmacSha256(std::string_view key, std::string_view data, Sha256Mac& mac) {
     return false;
   }
   BCRYPT_HASH_HANDLE hash = nullptr;
-  bool done = succeeded(BCryptCreateHash(
-      algorithm, &hash, nullptr, 0,
-      reinterpret_cast<PUCHAR>(const_cast<char*>(key.data())), static_cast<ULONG>(key.size()), 0));
+  bool done = succeeded(BCryptCreateHash(algorithm, &hash, nullptr, 0,
+                                         reinterpret_cast<PUCHAR>(const_cast<char*>(key.data())),
+                                         static_cast<ULONG>(key.size()), 0));
   if (done) {
     done = succeeded(BCryptHashData(hash, reinterpret_cast<PUCHAR>(const_cast<char*>(data.data())),
                                     static_cast<ULONG>(data.size()), 0)) &&

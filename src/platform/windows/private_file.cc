@@ -21,10 +21,10 @@ std::string writeNewPrivateFile(const std::string& path, std::string_view conten
                                   FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return windowsError(GetLastError());
   DWORD written = 0;
-  const bool done = content.size() <= MAXDWORD &&
-                    WriteFile(file, content.data(), static_cast<DWORD>(content.size()), &written,
-                              nullptr) &&
-                    written == content.size();
+  const bool done =
+      content.size() <= MAXDWORD &&
+      WriteFile(file, content.data(), static_cast<DWORD>(content.size()), &written, nullptr) &&
+      written == content.size();
   const DWORD error = GetLastError();
   CloseHandle(file);
   if (done) return {};
