@@ -312,7 +312,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
   if (options.linkKey) settings.linkKeyFile = *options.linkKey;
-  const std::string link = !options.link.empty()   ? options.link
+  const std::string link = !options.link.empty()    ? options.link
                            : !settings.link.empty() ? settings.link
                                                     : std::string(kLinkSim);
   engine.setLinkFactory(MakeLinkLibrary);
@@ -323,8 +323,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
-    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
-                 link.c_str(), instrument->link().lastErrorText.c_str(),
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n", link.c_str(),
+                 instrument->link().lastErrorText.c_str(),
                  problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }

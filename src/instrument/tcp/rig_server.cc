@@ -84,8 +84,7 @@ struct RigServer::Client {
 bool IsLoopbackAddress(std::string_view host) {
   in_addr address{};
   const std::string text(host);
-  return ::inet_pton(AF_INET, text.c_str(), &address) == 1 &&
-         (ntohl(address.s_addr) >> 24) == 127;
+  return ::inet_pton(AF_INET, text.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
 }
 
 RigServer::~RigServer() {
@@ -299,10 +298,10 @@ void RigServer::serve(const std::atomic<bool>& stop) {
           (c.in.size() > kMaxHandshakeBytes || nowMs - c.acceptedMs > kHandshakeTimeoutMs)) {
         c.out += "0 " + std::to_string(kRigKeyRefused) + " =" + EscapeField(kTextNeedsKey) + "\n";
         tell("refused " + c.peer + ": " +
-             (c.in.size() > kMaxHandshakeBytes ? "it did not begin with the key check"
-                                               : "no key check within " +
-                                                     std::to_string(kHandshakeTimeoutMs / 1000) +
-                                                     " seconds"));
+             (c.in.size() > kMaxHandshakeBytes
+                  ? "it did not begin with the key check"
+                  : "no key check within " + std::to_string(kHandshakeTimeoutMs / 1000) +
+                        " seconds"));
         c.in.clear();
         c.closing = true;
       }

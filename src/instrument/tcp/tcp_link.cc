@@ -134,7 +134,8 @@ bool TcpLink::proveKey() {
     return false;
   }
   if (request("KEY " + nonce, r, connectWaitMs) != Outcome::kOk) {
-    if (problem_.empty()) problem_ = "the rig server at " + address() + " did not answer the key check";
+    if (problem_.empty())
+      problem_ = "the rig server at " + address() + " did not answer the key check";
     return false;
   }
   if (r.code != link_result::kOk || !r.text) {
@@ -195,7 +196,8 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
       if (!ParseRigResponse(got, response)) continue;
       if (response.id == id) return Outcome::kOk;
       if (response.id == 0 && response.code == kRigKeyRefused) {
-        problem_ = "the bridge at " + address() + " refused the link: " + response.text.value_or("");
+        problem_ =
+            "the bridge at " + address() + " refused the link: " + response.text.value_or("");
         disconnect();
         return Outcome::kLost;
       }
