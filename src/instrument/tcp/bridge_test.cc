@@ -372,6 +372,24 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
       std::make_unique<SimLink>(libraryClock, Scratch().path(), localFiles()));
   std::string error;
   ASSERT_TRUE(service->open(error)) << error;
+  {
+    // Each request is one call of the library, no more: a device that is
+    // not ready for three polls answers the fourth.
+    VirtualClock clock(kStart);
+    RigServer direct;
+    auto simLink = std::make_unique<SimLink>(clock, Scratch().path(), localFiles());
+    auto served = std::make_unique<LibraryService>(std::move(simLink));
+    ASSERT_TRUE(served->open(error)) << error;
+    direct.serveLibrary(std::move(served));
+    EXPECT_EQ(direct.answer("1 SETUP =c:\\rigs\\rig.ims\t" + EscapeField(kRig)).substr(0, 5),
+              "1 0 =");
+    EXPECT_EQ(direct.answer("2 SEND 2 0 REA SLOW"), "2 0");
+    EXPECT_EQ(direct.answer("3 REPLY 2 0"), "3 17");
+    EXPECT_EQ(direct.answer("4 REPLY 2 0"), "4 17");
+    EXPECT_EQ(direct.answer("5 REPLY 2 0"), "5 17");
+    EXPECT_EQ(direct.answer("6 REPLY 2 0"), "6 0 =3");
+    EXPECT_EQ(direct.answer("7 FETCH 1"), "7 35 =unknown request");
+  }
   Bridge library(KeyOf(keyFile), std::move(service));
   const RunResult served = RunOver(libraryClock, library.link(), keyFile, lines);
   EXPECT_EQ(served.error, sim.error);

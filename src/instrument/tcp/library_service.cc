@@ -124,16 +124,9 @@ std::optional<LibraryService::Answer> LibraryService::answer(std::string_view ve
     std::string buffer = UnescapeField(rest).substr(0, kCommandBufferLength);
     if (buffer.size() < kCommandBufferLength) buffer += '\0';
     buffer.resize(kCommandBufferLength, ' ');
-    const int32_t code = library_->sendCommand(handle_, device, buffer, true);
-    if (code != link_result::kOk) return Answer{code, std::nullopt};
-    // A reply that is ready at once goes back with the command's answer,
-    // which spares the client a round trip (it keeps the reply for its next
-    // poll, as it does with the built-in rig).
-    std::string reply(kReplyBufferLength, ' ');
-    if (library_->getReply(handle_, device, reply, true) == link_result::kOk) {
-      return Answer{code, std::string(BufferText(reply))};
-    }
-    return Answer{code, std::nullopt};
+    // Only the calls the client makes reach the library: a library may
+    // count its polls.
+    return Answer{library_->sendCommand(handle_, device, buffer, true), std::nullopt};
   }
   if (verb == "REPLY" && toDevice(nextWord(rest), device)) {
     std::string buffer(kReplyBufferLength, ' ');
