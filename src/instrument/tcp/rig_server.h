@@ -16,6 +16,7 @@
 #include "instrument/link/link_library.h"
 #include "instrument/simrig/sim_rig.h"
 #include "instrument/tcp/library_service.h"
+#include "platform/sockets.h"
 
 namespace tavrix {
 
@@ -84,7 +85,7 @@ class RigServer {
   std::string key_;
   std::function<void(const std::string&)> log_;
   std::function<int64_t()> nowMs_;
-  int listenFd_ = -1;
+  platform::Socket listener_ = platform::kNoSocket;
   uint16_t port_ = 0;
 };
 

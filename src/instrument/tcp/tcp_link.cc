@@ -1,14 +1,5 @@
 #include "instrument/tcp/tcp_link.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -17,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "common/text_file.h"
 #include "instrument/tcp/link_key.h"
@@ -50,12 +42,12 @@ void TcpLink::disconnect() {
     }
     watch_->wake.notify_all();
     // Wakes a watcher that waits for the connection.
-    ::shutdown(fd_, SHUT_RDWR);
+    platform::shutdownSocket(socket_);
     watcher_.join();
   }
   watch_.reset();
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  platform::closeSocket(socket_);
+  socket_ = platform::kNoSocket;
   ++generation_;
   for (auto& r : readyReply_) r.reset();
 }
@@ -71,10 +63,11 @@ void TcpLink::useEventLoop(EventLoop& events) {
 void TcpLink::startWatching() {
   watch_ = std::make_unique<Watch>();
   watch_->loop = &events();
-  watcher_ = std::thread([watch = watch_.get(), fd = fd_] { watchConnection(*watch, fd); });
+  watcher_ =
+      std::thread([watch = watch_.get(), socket = socket_] { watchConnection(*watch, socket); });
 }
 
-void TcpLink::watchConnection(Watch& watch, int fd) {
+void TcpLink::watchConnection(Watch& watch, platform::Socket socket) {
   std::unique_lock<std::mutex> lock(watch.mutex);
   for (;;) {
     watch.wake.wait(lock, [&] { return watch.quit || !watch.waiting.empty(); });
@@ -82,19 +75,19 @@ void TcpLink::watchConnection(Watch& watch, int fd) {
     int64_t deadline = INT64_MAX;
     for (const auto& [id, due] : watch.waiting) deadline = std::min(deadline, due);
     lock.unlock();
-    pollfd p{fd, POLLIN, 0};
+    std::vector<platform::Watch> ready{{socket, true, false}};
     const int64_t left = std::clamp<int64_t>(deadline - steadyMs(), 0, 60'000);
     std::string got;
     bool closed = false;
-    if (::poll(&p, 1, static_cast<int>(left)) > 0) {
+    if (platform::waitSockets(ready, static_cast<int>(left)) > 0) {
       char chunk[4096];
       for (;;) {
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+        const long n = platform::receiveSome(socket, chunk, sizeof chunk);
         if (n > 0) {
           got.append(chunk, static_cast<size_t>(n));
           continue;
         }
-        closed = n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+        closed = n != platform::kWouldBlock;
         break;
       }
     }
@@ -145,54 +138,11 @@ void TcpLink::watchConnection(Watch& watch, int fd) {
 
 bool TcpLink::connectSocket() {
   problem_.clear();
-  const std::string address = host_ + ":" + std::to_string(port_);
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
-      rc != 0) {
-    problem_ = "the name \"" + host_ + "\" does not resolve: " + gai_strerror(rc);
-    return false;
-  }
-  bool connected = false;
-  for (addrinfo* a = found; a != nullptr && !connected; a = a->ai_next) {
-    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-      problem_ = std::string(std::strerror(errno)) + ": " + address;
-      continue;
-    }
-    int rc = ::connect(fd, a->ai_addr, a->ai_addrlen);
-    int err = rc == 0 ? 0 : errno;
-    if (rc != 0 && errno == EINPROGRESS) {
-      pollfd p{fd, POLLOUT, 0};
-      if (::poll(&p, 1, connectWaitMs) == 1) {
-        socklen_t len = sizeof err;
-        getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
-        rc = err == 0 ? 0 : -1;
-      } else {
-        err = ETIMEDOUT;
-      }
-    }
-    if (rc == 0) {
-      const int one = 1;
-      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-      fd_ = fd;
-      connected = true;
-    } else {
-      std::string reason = std::strerror(err);
-      if (!reason.empty())
-        reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
-      problem_ = reason + ": " + address;
-      ::close(fd);
-    }
-  }
-  freeaddrinfo(found);
-  if (connected) {
-    problem_.clear();
-    startWatching();
-  }
-  return connected;
+  socket_ = platform::connectTcp(host_, port_, connectWaitMs, &problem_);
+  if (socket_ == platform::kNoSocket) return false;
+  problem_.clear();
+  startWatching();
+  return true;
 }
 
 int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int waitMs,
@@ -214,11 +164,11 @@ void TcpLink::reconnectIfDropped() {
   bool idle = false;
   {
     std::lock_guard<std::mutex> lock(watch_->mutex);
-    pollfd p{fd_, POLLIN, 0};
-    if (!watch_->closed && ::poll(&p, 1, 0) == 1) {
+    std::vector<platform::Watch> ready{{socket_, true, false}};
+    if (!watch_->closed && platform::waitSockets(ready, 0) == 1) {
       char chunk[512];
-      ssize_t n;
-      while ((n = ::recv(fd_, chunk, sizeof chunk, 0)) > 0)
+      long n;
+      while ((n = platform::receiveSome(socket_, chunk, sizeof chunk)) > 0)
         watch_->inbox.append(chunk, static_cast<size_t>(n));
       watch_->closed = n == 0;
     }
@@ -275,8 +225,8 @@ bool TcpLink::proveKey() {
 }
 
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
-  if (fd_ >= 0 && body != "HELLO" && depth_ == 0) reconnectIfDropped();
-  if (fd_ < 0) return Outcome::kLost;
+  if (socket_ != platform::kNoSocket && body != "HELLO" && depth_ == 0) reconnectIfDropped();
+  if (socket_ == platform::kNoSocket) return Outcome::kLost;
   Watch& watch = *watch_;
   const uint64_t id = nextId_++;
   const std::string line = std::to_string(id) + " " + body + "\n";
@@ -297,19 +247,19 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
   };
   size_t sent = 0;
   while (sent < line.size()) {
-    const ssize_t n = ::send(fd_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+    const long n = platform::sendSome(socket_, line.data() + sent, line.size() - sent);
     if (n > 0) {
       sent += static_cast<size_t>(n);
       continue;
     }
-    if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+    if (n == platform::kBroken) {
       disconnect();
       return Outcome::kLost;
     }
     // The server reads no more for now (its buffer is full).
-    pollfd p{fd_, POLLOUT, 0};
+    std::vector<platform::Watch> ready{{socket_, false, true}};
     const int64_t left = deadline - steadyMs();
-    if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0) {
+    if (left <= 0 || platform::waitSockets(ready, static_cast<int>(left)) <= 0) {
       // A request cut in half would spoil the stream: give the link up.
       if (sent > 0) {
         disconnect();
@@ -367,7 +317,7 @@ int32_t TcpLink::openInterface(int16_t& handle) {
   }
   RigResponse r;
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
-    if (problem_.empty() || fd_ >= 0) {
+    if (problem_.empty() || socket_ != platform::kNoSocket) {
       problem_ = "no rig server answers at " + address() +
                  (r.text ? " (it said \"" + *r.text + "\")" : "");
     }
@@ -392,7 +342,7 @@ int32_t TcpLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
 
 int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_view command,
                              bool /*wait*/) {
-  if (fd_ < 0) return link_result::kLinkLost;
+  if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
   if (device >= 0 && device < 100) readyReply_[device].reset();
   RigResponse r;
   const std::string body =
@@ -406,7 +356,7 @@ int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
 }
 
 int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
-  if (fd_ < 0) return link_result::kLinkLost;
+  if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
   if (device >= 0 && device < 100 && readyReply_[device]) {
     WriteBuffer(buffer, *readyReply_[device]);
     readyReply_[device].reset();

@@ -28,6 +28,7 @@
 #include "common/file_system.h"
 #include "instrument/link/link_library.h"
 #include "instrument/tcp/rig_protocol.h"
+#include "platform/sockets.h"
 
 namespace tavrix {
 
@@ -80,7 +81,7 @@ class TcpLink final : public LinkLibrary {
     std::string inbox;
     EventLoop* loop = nullptr;
   };
-  static void watchConnection(Watch& watch, int fd);
+  static void watchConnection(Watch& watch, platform::Socket socket);
   void startWatching();
   EventLoop& events() { return events_ != nullptr ? *events_ : *ownEvents_; }
   // Sends one request and waits for its response.
@@ -115,7 +116,7 @@ class TcpLink final : public LinkLibrary {
   std::string host_;
   uint16_t port_;
   std::string key_;
-  int fd_ = -1;
+  platform::Socket socket_ = platform::kNoSocket;
   uint64_t nextId_ = 1;
   // Replies that came with the response to their command.
   std::array<std::optional<std::string>, 100> readyReply_;

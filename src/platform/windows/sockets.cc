@@ -45,22 +45,45 @@ std::string lastSocketError() {
   return out;
 }
 
+// "ADDRESS:PORT" of an IPv4 peer, for a log.
+std::string peerName(const sockaddr_storage& address) {
+  char text[INET_ADDRSTRLEN] = "?";
+  uint16_t port = 0;
+  if (address.ss_family == AF_INET) {
+    const auto& in = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(AF_INET, &in.sin_addr, text, sizeof text);
+    port = ntohs(in.sin_port);
+  }
+  return std::string(text) + ":" + std::to_string(port);
+}
+
 }  // namespace
 
-Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
-  if (!startWinsock()) return kNoSocket;
+Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::string* problem) {
+  const std::string address = host + ":" + std::to_string(port);
+  std::string why = "the network is not available";
+  if (!startWinsock()) {
+    if (problem) *problem = why;
+    return kNoSocket;
+  }
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    if (problem) *problem = "the name \"" + host + "\" does not resolve: " + lastSocketError();
     return kNoSocket;
+  }
   Socket connected = kNoSocket;
   for (addrinfo* a = found; a != nullptr && connected == kNoSocket; a = a->ai_next) {
     const SOCKET s = ::socket(a->ai_family, a->ai_socktype, a->ai_protocol);
-    if (s == INVALID_SOCKET) continue;
+    if (s == INVALID_SOCKET) {
+      why = lastSocketError() + ": " + address;
+      continue;
+    }
     prepare(s);
     int rc = ::connect(s, a->ai_addr, static_cast<int>(a->ai_addrlen));
+    if (rc != 0 && !wouldBlock()) why = lastSocketError() + ": " + address;
     if (rc != 0 && wouldBlock()) {
       // select() reports a refused connection in the error set, which
       // WSAPoll does not do on every Windows version.
@@ -71,7 +94,21 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
       FD_SET(s, &writable);
       FD_SET(s, &failed);
       timeval wait{waitMs / 1000, (waitMs % 1000) * 1000};
-      rc = ::select(0, nullptr, &writable, &failed, &wait) == 1 && FD_ISSET(s, &writable) ? 0 : -1;
+      const int ready = ::select(0, nullptr, &writable, &failed, &wait);
+      rc = ready == 1 && FD_ISSET(s, &writable) ? 0 : -1;
+      if (rc != 0) {
+        int err = 0;
+        int len = sizeof err;
+        getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&err), &len);
+        if (ready == 0) {
+          why = "connection timed out: " + address;
+        } else if (err == WSAECONNREFUSED) {
+          why = "connection refused: " + address;
+        } else {
+          WSASetLastError(err);
+          why = lastSocketError() + ": " + address;
+        }
+      }
     }
     if (rc == 0) {
       connected = static_cast<Socket>(s);
@@ -80,6 +117,7 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
     }
   }
   freeaddrinfo(found);
+  if (connected == kNoSocket && problem) *problem = why;
   return connected;
 }
 
@@ -117,11 +155,29 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   return static_cast<Socket>(s);
 }
 
-Socket acceptClient(Socket listener) {
-  const SOCKET s = ::accept(asSocket(listener), nullptr, nullptr);
+Socket acceptClient(Socket listener, bool* outOfHandles, std::string* peer) {
+  if (outOfHandles) *outOfHandles = false;
+  sockaddr_storage from{};
+  int fromLength = sizeof from;
+  const SOCKET s = ::accept(asSocket(listener), reinterpret_cast<sockaddr*>(&from), &fromLength);
   if (s == INVALID_SOCKET) return kNoSocket;
   prepare(s);
+  if (peer != nullptr) *peer = peerName(from);
   return static_cast<Socket>(s);
+}
+
+bool isIpv4Address(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+bool isLoopbackAddress(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
+}
+
+void shutdownSocket(Socket socket) {
+  if (socket != kNoSocket) ::shutdown(asSocket(socket), SD_BOTH);
 }
 
 void closeSocket(Socket socket) {
