@@ -10,9 +10,9 @@
 #include <exception>
 #include <new>
 
-#include "instrument/backends/link_backends.h"
 #include "link_bridge.h"
 #include "main_window.h"
+#include "window_engine.h"
 
 namespace {
 
@@ -87,15 +87,7 @@ int RunWindow(int argc, char** argv) {
   }
   tavrix::MainWindow window(
       [settings, link](tavrix::Operator& op) {
-        auto engine = std::make_unique<tavrix::Engine>(std::make_unique<tavrix::SystemClock>(), op);
-        engine->setLinkFactory(tavrix::MakeLinkLibrary);
-        std::string why;
-        if (engine->attachInstrument(settings, link, &why)) {
-          engine->instrument()->ensureOpen();
-        } else {
-          std::fprintf(stderr, "tavrix: %s\n", why.c_str());
-        }
-        return engine;
+        return tavrix::MakeWindowEngine(op, nullptr, settings, link);
       },
       commandLine);
   window.show();
