@@ -12,9 +12,9 @@
 namespace tavrix {
 
 // `files`: the run's file system (the machine's, below defaultDataRoot(),
-// when none is given). `link`: the instrument link (link_backends.h).
-// Problems of the results store's journal are written to standard error;
-// the run goes on.
+// when none is given). Problems of the results store's journal are written
+// to standard error; the run goes on.
+// `link`: the link specification, as tavrix-cli run's --link takes it.
 std::unique_ptr<Engine> MakeWindowEngine(Operator& op, std::unique_ptr<FileSystem> files = nullptr,
                                          InstrumentSettings settings = {},
                                          const std::string& link = "sim");
