@@ -10,7 +10,6 @@
 #include <exception>
 #include <new>
 
-#include "instrument/backends/link_backends.h"
 #include "link_bridge.h"
 #include "main_window.h"
 #include "window_engine.h"

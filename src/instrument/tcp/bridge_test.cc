@@ -389,8 +389,22 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
     EXPECT_EQ(direct.answer("5 REPLY 2 0"), "5 17");
     EXPECT_EQ(direct.answer("6 REPLY 2 0"), "6 0 =3");
     EXPECT_EQ(direct.answer("7 FETCH 1"), "7 35 =unknown request");
+    // The library's own directory (the rig PC's data folder) comes through;
+    // the built-in rig has none on the server's side.
+    EXPECT_EQ(direct.answer("8 DIRPATH"), "8 0 =" + EscapeField(Scratch().path()));
+    RigServer builtIn;
+    EXPECT_EQ(builtIn.answer("9 DIRPATH"), "9 0 =");
   }
   Bridge library(KeyOf(keyFile), std::move(service));
+  {
+    TcpLink link(libraryClock, "127.0.0.1", library.port());
+    link.setKey(KeyOf(keyFile));
+    int16_t handle = 0;
+    ASSERT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
+    std::string path;
+    EXPECT_EQ(link.dirPath(path), link_result::kOk);
+    EXPECT_EQ(path, Scratch().path());
+  }
   const RunResult served = RunOver(libraryClock, library.link(), keyFile, lines);
   EXPECT_EQ(served.error, sim.error);
   EXPECT_EQ(served.trace, sim.trace);

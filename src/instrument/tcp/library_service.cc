@@ -113,6 +113,11 @@ std::optional<LibraryService::Answer> LibraryService::answer(std::string_view ve
     const int32_t number = library_->setupLibVersion(text);
     return Answer{number, std::string(BufferText(text))};
   }
+  if (verb == "DIRPATH") {
+    std::string path;
+    const int32_t code = library_->dirPath(path);
+    return Answer{code, std::string(BufferText(path))};
+  }
   if (verb == "UNLOCK") {
     std::string name = setupName_;
     name.resize(kUnlockNameLength, ' ');

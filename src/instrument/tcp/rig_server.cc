@@ -110,6 +110,8 @@ std::string RigServer::answer(std::string_view line) {
   if (verb == "VERSION") return reply(0, kRigInterfaceVersion);
   if (verb == "IMSVERSION") return reply(kRigSetupLibVersionNumber, kRigSetupLibVersion);
   if (verb == "UNLOCK") return reply(0);
+  // The built-in rig has no directory of its own on the server's side.
+  if (verb == "DIRPATH") return reply(0, "");
   if (verb == "SEND" && toNumber(nextWord(rest), device) && toNumber(nextWord(rest), t)) {
     const int32_t code = model_.send(device, UnescapeField(rest), t);
     if (code == link_result::kOk && model_.replyReadyNow(device, t)) {

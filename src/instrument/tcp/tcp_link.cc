@@ -382,7 +382,15 @@ int32_t TcpLink::abortReply(int16_t /*handle*/, int16_t device) {
 int32_t TcpLink::millisecondCount() { return static_cast<int32_t>(clock_.milliseconds()); }
 
 int32_t TcpLink::dirPath(std::string& path) {
+  // The directory of the library behind the server (a rig PC's data
+  // folder); "" from a server that serves the built-in rig or does not know
+  // the request.
   path.clear();
+  RigResponse r;
+  if (request("DIRPATH", r, responseWaitMs) == Outcome::kOk && r.code == link_result::kOk &&
+      r.text) {
+    path = *r.text;
+  }
   return link_result::kOk;
 }
 
