@@ -14,13 +14,13 @@
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/instrument.h"
+#include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
-#include "resultsdb/results_recorder.h"
-#include "resultsdb/uut_capture.h"
+#include "resultsdb/results_feed.h"
 #include "sequencer/console_operators.h"
 #include "sequencer/sequence_file.h"
 #include "terminal_view.h"
@@ -302,22 +302,26 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.useReplyTimeout = true;
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
+  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
+  const std::string link = !options.link.empty()    ? options.link
+                           : !settings.link.empty() ? settings.link
+                                                    : std::string(kLinkSim);
   engine.setLinkFactory(MakeLinkLibrary);
-  if (!engine.attachInstrument(settings, options.link, &error)) {
+  if (!engine.attachInstrument(settings, link, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
-    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
-                 options.link.c_str(), instrument->link().lastErrorText.c_str(),
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n", link.c_str(),
+                 instrument->link().lastErrorText().c_str(),
                  problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
     std::fprintf(err, "tavrix-cli: cannot load the setup %s: %s\n", options.setup->c_str(),
-                 instrument->link().lastErrorText.c_str());
+                 instrument->link().lastErrorText().c_str());
     return kExitUsage;
   }
 
@@ -332,27 +336,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.
-  StoreSpec storeSpec;
-  if (!ParseStoreSpec(options.resultsStore.value_or(settings.resultsStore), defaultDataRoot(),
-                      storeSpec, &error)) {
+  if (!engine.feedResultsStore(options.resultsStore.value_or(settings.resultsStore),
+                               options.station.value_or(settings.station),
+                               [err](const std::string& text) {
+                                 std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
+                               },
+                               &error)) {
     std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
     return kExitUsage;
-  }
-  std::unique_ptr<ResultsQueue> resultsQueue;
-  std::unique_ptr<ResultsRecorder> recorder;
-  if (storeSpec.kind != StoreSpec::Kind::kOff) {
-    resultsQueue = std::make_unique<ResultsQueue>(join(defaultDataRoot(), kQueueFileName));
-    if (!resultsQueue->open(&error)) std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    recorder = std::make_unique<ResultsRecorder>(
-        *resultsQueue, [storeSpec](std::string* e) -> std::unique_ptr<ResultsStore> {
-          return OpenResultsStore(storeSpec, e);
-        });
-    recorder->start();
-    std::string station = options.station.value_or(settings.station);
-    if (station.empty()) station = DefaultStationName();
-    CaptureUuts(testDatabase, seq, *recorder, station, [err](const std::string& text) {
-      std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
-    });
   }
 
   EndReason reason;
@@ -365,23 +356,12 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     reason = seq.endReason();
     limit = limits.reached();
   }
-  if (recorder) {
+  if (ResultsFeed* feed = engine.resultsFeed()) {
     // What the store has not taken after a while waits in the journal for
     // the next run; it never changes how the run ended.
-    testDatabase.uutEnded = nullptr;
-    const bool written = recorder->flush(std::chrono::seconds(10));
-    recorder->stop();
-    if (!written) {
-      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n", recorder->waiting(),
-                   resultsQueue->path().c_str(), DescribeStoreSpec(storeSpec).c_str(),
-                   recorder->lastError().c_str());
-    }
-    if (engine.trace().enabled() && (testDatabase.uutsFinished() > 0 || recorder->waiting() > 0)) {
-      auto event = engine.trace().event("results_store");
-      event.field("store", DescribeStoreSpec(storeSpec))
-          .field("waiting", static_cast<int64_t>(recorder->waiting()));
-      if (!written) event.field("error", recorder->lastError());
-    }
+    std::string problem;
+    if (!feed->finish(std::chrono::seconds(10), &problem))
+      std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
   }
   if (reason == EndReason::kLimit)
     std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
@@ -407,6 +387,39 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
+int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
+           const std::atomic<bool>* stop) {
+  std::string error;
+  if (options.newKey) {
+    if (!WriteNewLinkKey(*options.newKey, error)) {
+      std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    std::fprintf(out, "tavrix-cli rig: wrote a new key to %s\n", options.newKey->c_str());
+    return kExitOk;
+  }
+  RigServing serving;
+  serving.listen = options.listen;
+  serving.setupFile = options.setup;
+  serving.keyFile = options.key.value_or("");
+  InstrumentSettings settings;
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(localFiles(), *options.instrumentSettings, settings, error)) {
+    std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  SystemClock clock;
+  if (options.link != kLinkSim) {
+    serving.library = MakeLinkLibrary(options.link, clock, settings, localFiles(), &error);
+    if (!serving.library) {
+      std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    serving.libraryName = options.link;
+  }
+  return RunRigServer(std::move(serving), err, stop);
+}
+
 int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                   std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
@@ -428,6 +441,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                          "Hardware setup (.ims) to load before the first line");
   runCommand->add_option("--link", run.link,
                          "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
+  runCommand->add_option("--link-key", run.linkKey,
+                         "Key file for a rig server that asks for a key (tcp:// links)");
   runCommand->add_option("--reply-timeout", run.replyTimeout,
                          "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
@@ -450,10 +465,23 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
-  CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
+  CLI::App* rigCommand = app.add_subcommand(
+      "rig", "Serve the simulated rig, or the rig PC's link libraries, over TCP (tcp:// links)");
   rigCommand->add_option("--listen", rig.listen,
-                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
-  rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
+                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025); any address "
+                         "but 127.x.x.x needs --key");
+  rigCommand->add_option("--setup", rig.setup, "The simulated rig's setup file (.ims)");
+  rigCommand
+      ->add_option("--link", rig.link,
+                   "What to serve: sim (the simulated rig, default) or dll (the rig PC's "
+                   "libraries, 32-bit Windows build)")
+      ->check(CLI::IsMember({"sim", "dll"}));
+  rigCommand->add_option("--key", rig.key,
+                         "Key file: clients must prove they hold the same key (--link-key)");
+  rigCommand->add_option("--new-key", rig.newKey,
+                         "Write a new random key to FILE (readable by its owner only) and exit");
+  rigCommand->add_option("--instrument-settings", rig.instrumentSettings,
+                         "Settings file: where the dll link finds its libraries");
 
   std::vector<std::string> lintFiles;
   CLI::App* lintCommand = AddLintCommand(app, lintFiles);
@@ -478,7 +506,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
-  if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
+  if (rigCommand->parsed()) return RunRig(rig, out, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;
 }

@@ -438,7 +438,7 @@ bool Sequencer::waitEnds(WaitRule rule) const {
     case WaitRule::kInterrupted:
       return flags_.stopRequested;
     case WaitRule::kRunEnding:
-      return flags_.stopRequested || flags_.endRequested;
+      return runEnding();
     case WaitRule::kPollSleep:
       return flags_.stopRequested || flags_.timeoutExpired;
   }
@@ -518,6 +518,18 @@ void Sequencer::addDefine(DefineEntry entry) {
     return;
   }
   defines_.push_back(std::move(entry));
+}
+
+bool Sequencer::replaceDefine(std::string_view name, std::string second, bool isChain) {
+  const std::string wanted = upperCase(name);
+  for (auto& entry : defines_) {
+    if (upperCase(trim(entry.first)) == wanted) {
+      entry.second = std::move(second);
+      entry.isChain = isChain;
+      return true;
+    }
+  }
+  return false;
 }
 
 void Sequencer::setStopEnabled(bool enabled) {

@@ -1,10 +1,10 @@
 #include "instrument/tcp/tcp_link.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "common/file_system.h"
@@ -13,6 +13,7 @@
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
+#include "instrument/tcp/socket_test_support.h"
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
@@ -208,6 +209,91 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
   Remove(rig);
 }
 
+// A server that greets and then answers nothing: each request it reads is
+// handed to `heard` (on the server's thread).
+class SilentServer {
+ public:
+  explicit SilentServer(std::function<void(const std::string&)> heard) : heard_(std::move(heard)) {
+    std::string error;
+    listener_ = platform::listenTcp("127.0.0.1", port_, error);
+    EXPECT_NE(listener_, platform::kNoSocket) << error;
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~SilentServer() {
+    stop_ = true;
+    thread_.join();
+    platform::closeSocket(listener_);
+    platform::closeSocket(client_);
+  }
+  uint16_t port() const { return port_; }
+
+ private:
+  void serve() {
+    while (!stop_ && client_ == platform::kNoSocket) {
+      std::vector<platform::Watch> waiting{{listener_, true, false}};
+      if (platform::waitSockets(waiting, 50) > 0) client_ = platform::acceptClient(listener_);
+    }
+    std::string in;
+    char c = 0;
+    while (!stop_) {
+      const testing::Read got = testing::ReadByte(client_, c, 50);
+      if (got == testing::Read::kClosed) return;
+      if (got == testing::Read::kNothingYet) continue;
+      if (c != '\n') {
+        in += c;
+        continue;
+      }
+      if (in.find(" HELLO") != std::string::npos) {
+        testing::SendAll(client_, in.substr(0, in.find(' ')) + " 0 =TAVRIX-RIG 1\n");
+      } else {
+        heard_(in);
+      }
+      in.clear();
+    }
+  }
+  std::function<void(const std::string&)> heard_;
+  platform::Socket listener_ = platform::kNoSocket;
+  platform::Socket client_ = platform::kNoSocket;
+  std::atomic<bool> stop_{false};
+  uint16_t port_ = 0;
+  std::thread thread_;
+};
+
+// While a call waits for its response the run's loop goes on: a task posted
+// meanwhile runs at once, the virtual clock stands still, the response time
+// is real time, and a task that closes the link ends the wait.
+TEST(TcpLink, WaitsForAResponseGoThroughTheRunsEventLoop) {
+  VirtualClock clock(kStart);
+  EventLoop events(clock);
+  TcpLink* linkInUse = nullptr;
+  bool ranDuringTheWait = false;
+  bool closeTheLink = false;
+  SilentServer server([&](const std::string&) {
+    events.post([&] {
+      ranDuringTheWait = true;
+      if (closeTheLink) linkInUse->closeInterface(1);
+    });
+  });
+  TcpLink link(clock, "127.0.0.1", server.port());
+  link.useEventLoop(events);
+  linkInUse = &link;
+  int16_t handle = 0;
+  ASSERT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
+  std::string command(kCommandBufferLength, ' ');
+  WriteBuffer(command, "REA TEMP1");
+  const auto realStart = std::chrono::steady_clock::now();
+  EXPECT_EQ(link.sendCommand(handle, 1, command, true), link_result::kNotReady);
+  EXPECT_GE(std::chrono::steady_clock::now() - realStart,
+            std::chrono::milliseconds(link.responseWaitMs));
+  EXPECT_TRUE(ranDuringTheWait);
+  EXPECT_EQ(clock.now(), kStart);
+
+  ranDuringTheWait = false;
+  closeTheLink = true;
+  EXPECT_EQ(link.sendCommand(handle, 1, command, true), link_result::kLinkLost);
+  EXPECT_TRUE(ranDuringTheWait);
+}
+
 TEST(RigProtocol, RequestsAndResponses) {
   RigServer server;
   RigSetup setup;
@@ -258,9 +344,15 @@ TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
   std::FILE* log = std::tmpfile();
   ASSERT_NE(log, nullptr);
   std::atomic<bool> stop{true};
-  EXPECT_EQ(RunRigServer("127.0.0.1:0", bad, log, &stop), 2);
-  EXPECT_EQ(RunRigServer("localhost:0", "", log, &stop), 2);
-  EXPECT_EQ(RunRigServer("127.0.0.1:0", "", log, &stop), 0);
+  const auto serve = [&](std::string listen, std::string setup) {
+    RigServing serving;
+    serving.listen = std::move(listen);
+    serving.setupFile = std::move(setup);
+    return RunRigServer(std::move(serving), log, &stop);
+  };
+  EXPECT_EQ(serve("127.0.0.1:0", bad), 2);
+  EXPECT_EQ(serve("localhost:0", ""), 2);
+  EXPECT_EQ(serve("127.0.0.1:0", ""), 0);
   std::rewind(log);
   std::string text;
   for (int c; (c = std::fgetc(log)) != EOF;) text += static_cast<char>(c);
