@@ -18,6 +18,7 @@
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/socket_test_support.h"
 #include "instrument/tcp/tcp_link.h"
+#include "platform/files.h"
 #include "platform/private_file.h"
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
@@ -180,8 +181,12 @@ RunResult RunOver(VirtualClock& clock, const std::string& link, const std::strin
   trace.setOutput(nullptr);
   std::string traced;
   localFiles().readFile(tracePath, traced, nullptr);
-  for (size_t at; (at = traced.find(sequence)) != std::string::npos;)
-    traced.replace(at, sequence.size(), "SEQUENCE");
+  // The trace names the run's own sequence file in the error message, in
+  // JSON (a Windows path's backslashes doubled).
+  std::string named;
+  for (const char c : sequence) named += c == '\\' ? std::string("\\\\") : std::string(1, c);
+  for (size_t at; (at = traced.find(named)) != std::string::npos;)
+    traced.replace(at, named.size(), "SEQUENCE");
   localFiles().remove(sequence, nullptr);
   localFiles().remove(tracePath, nullptr);
   return {seq.lastSequenceError(), traced};
@@ -221,17 +226,21 @@ TEST(LinkKey, KeyFilesHoldHexDigitsAndStayPrivate) {
   EXPECT_FALSE(WriteNewLinkKey(made, error));
   EXPECT_NE(error.find("cannot make the key file " + made), std::string::npos) << error;
 
-  // A key that others may read is refused, and so is a missing file.
+  // A key that others may read is refused (where permission bits say so;
+  // Windows keeps it private through its folder's access list), and so is
+  // a missing file.
   const std::string shared = TempFile("shared", "00112233445566778899aabbccddeeff\n");
-  std::filesystem::permissions(shared, std::filesystem::perms::owner_read |
-                                           std::filesystem::perms::owner_write |
-                                           std::filesystem::perms::group_read);
-  EXPECT_TRUE(platform::othersMayAccess(shared));
-  EXPECT_FALSE(LoadLinkKey(shared, key, error));
-  EXPECT_EQ(error, "the key file " + shared +
-                       " may be read by other users; make it private (chmod 600) and try again");
-  std::filesystem::permissions(shared, std::filesystem::perms::group_read,
-                               std::filesystem::perm_options::remove);
+  if (!platform::hasDriveLetters()) {
+    std::filesystem::permissions(shared, std::filesystem::perms::owner_read |
+                                             std::filesystem::perms::owner_write |
+                                             std::filesystem::perms::group_read);
+    EXPECT_TRUE(platform::othersMayAccess(shared));
+    EXPECT_FALSE(LoadLinkKey(shared, key, error));
+    EXPECT_EQ(error, "the key file " + shared +
+                         " may be read by other users; make it private (chmod 600) and try again");
+    std::filesystem::permissions(shared, std::filesystem::perms::group_read,
+                                 std::filesystem::perm_options::remove);
+  }
   EXPECT_TRUE(LoadLinkKey(shared, key, error)) << error;
   EXPECT_FALSE(LoadLinkKey(Path("missing"), key, error));
   EXPECT_NE(error.find("cannot read the key file"), std::string::npos);
