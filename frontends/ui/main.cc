@@ -55,6 +55,9 @@ int RunWindow(int argc, char** argv) {
         // The window runs on the simulated rig until a setup names hardware.
         std::string error;
         if (engine->attachInstrument({}, "sim", &error)) engine->instrument()->ensureOpen();
+        // Where the system has companion programs (Windows) the window talks
+        // to them; elsewhere it records what it would have sent.
+        engine->connectCompanionPrograms(&error);
         return engine;
       },
       commandLine);
