@@ -1,7 +1,9 @@
 #include "platform/companion_programs.h"
 
-#include <ddeml.h>
+// clang-format off
 #include <windows.h>
+#include <ddeml.h>  // needs windows.h first
+// clang-format on
 
 #include <cstdio>
 #include <vector>
