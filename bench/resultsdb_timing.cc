@@ -101,7 +101,7 @@ const RegisterTiming kWaitWhileWriting("resultsdb_wait", [] {
   {
     // A long queue, written at once rather than flushed record by record.
     std::ofstream journal(folder.file("q.journal"), std::ios::binary);
-    for (int n = 0; n < 20000; ++n) {
+    for (int n = 0; n < 60000; ++n) {
       journal << ResultsQueue::EntryLine("{\"uut\":" + StoredUutToJson(BenchUut(n)) + "}");
     }
   }

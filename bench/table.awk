@@ -15,15 +15,6 @@ function micros(name,   t, u) {
   if (u == "s") return t * 1e6
   return t
 }
-# A benchmark's real time per iteration in microseconds.
-function realmicros(name,   t, u) {
-  if (!has(name, "real_time")) return -1
-  t = v[name, "real_time"] + 0; u = v[name, "time_unit"]
-  if (u == "ns") return t / 1000
-  if (u == "ms") return t * 1000
-  if (u == "s") return t * 1e6
-  return t
-}
 function row(measure, figure) { printf "| %-58s | %18s |\n", measure, figure }
 function rate(name, key, unit) {
   if (has(name, "error_occurred")) return "failed"
@@ -75,11 +66,12 @@ END {
     row(sprintf("TEA file decryption (%d MiB): speed, peak memory", num("BM_TeaDecryptFile", "file_MiB")),
         sprintf("%.0f MB/s, %.0f MiB", num("BM_TeaDecryptFile", "bytes_per_second") / 1e6,
                 num("BM_TeaDecryptFile", "peak_rss_MiB")))
-  lk = realmicros("BM_ResultsWriting_Locked/real_time")
-  un = realmicros("BM_ResultsWriting_Unlocked/real_time")
+  lk = num("BM_ResultsWritingLockCost", "locked_us")
+  un = num("BM_ResultsWritingLockCost", "unlocked_us")
   if (lk > 0 && un > 0)
-    row("Results of one UUT, real time: locked / unlocked (lock cost)",
+    row("Results of one UUT, median: locked / unlocked (lock cost)",
         sprintf("%.0f / %.0f us (%+.1f %%)", lk, un, (lk / un - 1) * 100))
+  row("Results folder lock alone: take and let go", per("BM_FolderLockAlone", 1, "%.1f us"))
   if (timings > 0) row("On the system clock (real time):", "")
   for (i = 1; i <= timings; i++) {
     split(timing[i], f, "\t")

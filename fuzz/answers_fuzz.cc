@@ -6,8 +6,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;
-  ScriptedOperator op(AnswersFile::parse(std::string_view(reinterpret_cast<const char*>(data), size)),
-                      nullptr);
+  ScriptedOperator op(
+      AnswersFile::parse(std::string_view(reinterpret_cast<const char*>(data), size)), nullptr);
   for (const char* kind : {"CONTINUEOK", "ENTEROKCANCEL", "QUESTION", "DATAENTRY", "CONTINUEOK"}) {
     Question q{kind, "", "?", {"OK", "Cancel"}};
     op.ask(q, [](Answer) {});

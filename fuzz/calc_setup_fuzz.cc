@@ -19,7 +19,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CalcPorts ports;
   ports.channels = &rig;
   ports.showMessage = [](std::string_view) {};
-  ports.companion = [](std::string_view, std::string_view, std::string_view, std::string*) { return true; };
+  ports.companion = [](std::string_view, std::string_view, std::string_view, std::string*) {
+    return true;
+  };
   ports.resolvePath = [path](std::string_view) { return path; };
   // Summary folders under a regular file: nothing can be written there.
   ports.dataFolder = [] { return std::string("/dev/null/data\\"); };

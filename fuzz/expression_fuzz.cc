@@ -10,16 +10,18 @@
 #include <string_view>
 
 #include "calcchan/expressions.h"
-#include "common/file_system.h"
 #include "calcchan/fake_channels.h"
+#include "common/file_system.h"
+#include "fuzz_support.h"
 
 namespace {
 
 const std::string& WaveformFolder() {
   static const std::string folder = [] {
-    std::string dir = "/tmp/tavrix-fuzz-waves-" + std::to_string(getpid());
+    std::string dir = tavrix::fuzz::ScratchFolder() + "/waves";
     mkdir(dir.c_str(), 0700);
-    std::ofstream(dir + "/RAMP.csv", std::ios::binary) << "# pressure ramp, bar\r\n0\r\n10\r\n20,30\r\n40\r\n15\r\n";
+    std::ofstream(dir + "/RAMP.csv", std::ios::binary)
+        << "# pressure ramp, bar\r\n0\r\n10\r\n20,30\r\n40\r\n15\r\n";
     return dir;
   }();
   return folder;

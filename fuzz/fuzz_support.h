@@ -1,18 +1,40 @@
 // Shared pieces of the fuzz targets.
 #pragma once
 
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
-#include <unistd.h>
+#include <system_error>
 
 #include "sequencer/operator.h"
 
 namespace tavrix::fuzz {
 
+// A folder of this process's own in the temporary folder, removed with
+// everything in it when the process ends.
+inline const std::string& ScratchFolder() {
+  static const std::string* folder = [] {
+    const char* tmp = std::getenv("TMPDIR");
+    auto* path = new std::string(std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+                                 "/tavrix-fuzz-XXXXXX");
+    if (::mkdtemp(path->data()) == nullptr) std::abort();
+    std::atexit([] {
+      std::error_code ignored;
+      std::filesystem::remove_all(ScratchFolder(), ignored);
+    });
+    return path;
+  }();
+  return *folder;
+}
+
 // Writes the input to a scratch file and returns its path (one per process).
 inline std::string ScratchFile(const uint8_t* data, size_t size, const char* suffix = "") {
-  static const std::string path = "/tmp/tavrix-fuzz-" + std::to_string(getpid()) + suffix;
+  static const std::string path = ScratchFolder() + "/input" + suffix;
   std::FILE* f = std::fopen(path.c_str(), "wb");
   if (f != nullptr) {
     std::fwrite(data, 1, size, f);

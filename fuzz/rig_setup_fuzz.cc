@@ -12,7 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;
   RigSetup setup;
   std::string error;
-  if (!ParseRigSetup(std::string_view(reinterpret_cast<const char*>(data), size), "fuzz.ims", setup, error)) {
+  if (!ParseRigSetup(std::string_view(reinterpret_cast<const char*>(data), size), "fuzz.ims", setup,
+                     error)) {
     return 0;
   }
   std::vector<std::pair<int, std::string>> channels;
@@ -24,7 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   model.load(std::move(setup));
   Micros now = 1'767'225'600LL * kMicrosPerSecond;
   for (const auto& [device, name] : channels) {
-    for (const std::string& command : std::vector<std::string>{"REA " + name, "WRI " + name + " 5", "REP", "ALA", "SHO " + name, "DEF " + name + " M=A", "ESC"}) {
+    for (const std::string& command :
+         std::vector<std::string>{"REA " + name, "WRI " + name + " 5", "REP", "ALA", "SHO " + name,
+                                  "DEF " + name + " M=A", "ESC"}) {
       now += 250'000;
       model.execute(device, command, now);
     }

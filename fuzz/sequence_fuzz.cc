@@ -1,9 +1,10 @@
 // A sequence file of arbitrary bytes through the reader, the splitter and the
 // dispatcher with every command registered, in virtual time with no hardware.
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <memory>
-#include <unistd.h>
 
 #include "engine/engine.h"
 #include "fuzz_support.h"
@@ -12,10 +13,10 @@
 // INDEXINIT...): run them in a folder of their own, with the data root there
 // too, so that nothing outside it can be touched.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char folder[] = "/tmp/tavrix-fuzz-sequenceXXXXXX";
-  if (mkdtemp(folder) == nullptr || chdir(folder) != 0) std::abort();
-  setenv("TAVRIX_HOME", folder, 1);
-  setenv("HOME", folder, 1);
+  const std::string& folder = tavrix::fuzz::ScratchFolder();
+  if (chdir(folder.c_str()) != 0) std::abort();
+  setenv("TAVRIX_HOME", folder.c_str(), 1);
+  setenv("HOME", folder.c_str(), 1);
   return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "fuzz_support.h"
 #include "testdb/definition_files.h"
 
 namespace tavrix::fuzz {
@@ -16,7 +17,7 @@ enum class DefinitionFile { kDetails, kFieldNames, kStageChecks };
 
 inline void ReadDefinitionWith(DefinitionFile which, const uint8_t* data, size_t size) {
   static const std::string dir = [] {
-    std::string d = "/tmp/tavrix-fuzz-testdb-" + std::to_string(getpid());
+    std::string d = ScratchFolder() + "/testdb";
     mkdir(d.c_str(), 0700);
     return d;
   }();
@@ -24,8 +25,10 @@ inline void ReadDefinitionWith(DefinitionFile which, const uint8_t* data, size_t
   const std::string fields = dir + "/fields.txt";
   const std::string stages = dir + "/stages.txt";
   std::ofstream(details, std::ios::binary | std::ios::trunc)
-      << "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\tNotes\tField names file\tStage checks file\t"
-         "Results directory\r\nPump test\tfirst\t1\t\t" << fields << "\t" << stages << "\tresults\r\n";
+      << "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\tNotes\tField names file\tStage checks "
+         "file\t"
+         "Results directory\r\nPump test\tfirst\t1\t\t"
+      << fields << "\t" << stages << "\tresults\r\n";
   std::ofstream(fields, std::ios::binary | std::ios::trunc)
       << "TEST SEQUENCE - FIELD NAMES\r\nField Name\tRequired\tHas hint\tLabel\tHint\r\n"
          "Serial\tTRUE\tTRUE\tSerial Number\tas on the plate\r\nDate\tTRUE\tFALSE\tTest Date\t\r\n";

@@ -22,7 +22,6 @@
 #include <QTextDocument>
 #include <QTextEdit>
 #include <QtTest>
-#include <QFileInfo>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -883,5 +882,22 @@ class MainWindowTest : public QObject {
 
 }  // namespace tavrix
 
-QTEST_MAIN(tavrix::MainWindowTest)
+// Without a runtime folder Qt makes one in the temporary folder and leaves it
+// there; the tests give it one of their own and remove it afterwards.
+int main(int argc, char** argv) {
+  QTemporaryDir runtime;
+  if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR") && runtime.isValid()) {
+    QFile::setPermissions(runtime.path(),
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    qputenv("XDG_RUNTIME_DIR", runtime.path().toLocal8Bit());
+  }
+  int status = 0;
+  {
+    QApplication app(argc, argv);
+    QTEST_SET_MAIN_SOURCE_PATH
+    tavrix::MainWindowTest test;
+    status = QTest::qExec(&test, argc, argv);
+  }
+  return status;
+}
 #include "main_window_test.moc"

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "platform/files.h"
 #include "platform/wildcard.h"
@@ -40,10 +42,8 @@ struct Scratch {
     }
   }
   ~Scratch() {
-    std::vector<std::string> names;
-    listFolder(path, names);
-    for (const auto& n : names) removeFile(path + "/" + n);
-    removeFile(path);
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
   }
 };
 
