@@ -118,13 +118,19 @@ bool DdeClient::transact(std::string_view service, std::string_view topic, unsig
   const DWORD id = instance_->id;
   const Name serviceName(id, service);
   const Name topicName(id, topic);
+  const Name itemName(id, item);
+  // A missing service or topic handle would reach any program at all.
+  if (serviceName.get() == nullptr || topicName.get() == nullptr ||
+      (!item.empty() && itemName.get() == nullptr)) {
+    lastDdeError_ = DMLERR_INVALIDPARAMETER;
+    return false;
+  }
   HCONV conversation = DdeConnect(id, serviceName.get(), topicName.get(), nullptr);
   if (conversation == nullptr) {
     lastDdeError_ = DdeGetLastError(id);
     if (lastDdeError_ == DMLERR_NO_ERROR) lastDdeError_ = DMLERR_NO_CONV_ESTABLISHED;
     return false;
   }
-  const Name itemName(id, item);
   DWORD status = 0;
   auto* bytes = reinterpret_cast<BYTE*>(const_cast<char*>(data.data()));
   HDDEDATA result =
@@ -161,6 +167,8 @@ std::string DdeClient::failure(std::string_view service, std::string_view topic,
     case DMLERR_POKEACKTIMEOUT:
     case DMLERR_DATAACKTIMEOUT:
       return link + " did not answer within " + std::to_string(timeoutMs_) + " ms";
+    case DMLERR_INVALIDPARAMETER:
+      return "a DDE name of " + link + " is empty or longer than 255 characters";
     case DMLERR_DLL_NOT_INITIALIZED:
     case DMLERR_SYS_ERROR:
       return "DDE cannot start on this computer (DDE error " + hex(lastDdeError_) + ")";

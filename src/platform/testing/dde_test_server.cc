@@ -6,7 +6,7 @@
 //
 //   dde_test_server --log FILE [--service NAME]... [--status TEXT]
 //                   [--window TITLE] [--ready EVENT] [--stop EVENT]
-//                   [--signal EVENT]
+//                   [--hold EVENT] [--typed EVENT] [--signal EVENT]
 //
 // --service   a DDE service to serve (any topic); repeatable
 // --status    what the item "Status" answers at first (default READY); a
@@ -15,6 +15,10 @@
 // --ready     a named event set once every service is registered
 // --stop      a named event that ends the program when set
 // --signal    sets this named event and ends at once (a program to start)
+//
+// --hold      a named event that an execute of "Hold" waits for, two
+//             seconds at most, before it answers (a program slow to answer)
+// --typed     a named event set when Enter is typed into the window
 //
 // Log lines: "execute SERVICE|TOPIC COMMAND", "poke SERVICE|TOPIC ITEM=VALUE",
 // "request SERVICE|TOPIC ITEM", "char C", "key VK" (hex). An execute of
@@ -35,6 +39,8 @@ namespace {
 
 std::wstring logFile;
 std::wstring status = L"READY";
+HANDLE hold = nullptr;
+HANDLE typed = nullptr;
 DWORD instance = 0;
 std::map<HCONV, std::wstring> links;  // conversation -> "SERVICE|TOPIC"
 
@@ -97,6 +103,7 @@ HDDEDATA CALLBACK serve(UINT type, UINT format, HCONV conversation, HSZ hsz1, HS
     case XTYP_EXECUTE: {
       const std::wstring command = textOf(data, CF_UNICODETEXT);
       log(L"execute " + links[conversation] + L" " + command);
+      if (command == L"Hold" && hold != nullptr) WaitForSingleObject(hold, 2000);
       return reinterpret_cast<HDDEDATA>(command == L"Refuse" ? DDE_FNOTPROCESSED : DDE_FACK);
     }
     case XTYP_POKE: {
@@ -133,6 +140,7 @@ LRESULT CALLBACK windowProc(HWND window, UINT message, WPARAM wParam, LPARAM lPa
   switch (message) {
     case WM_CHAR:
       log(L"char " + std::wstring(1, static_cast<wchar_t>(wParam)));
+      if (wParam == L'\r' && typed != nullptr) SetEvent(typed);
       return 0;
     case WM_KEYDOWN:
     case WM_SYSKEYDOWN: {
@@ -172,6 +180,10 @@ int wmain(int argc, wchar_t** argv) {
       ready = value;
     } else if (option == L"--stop") {
       stop = value;
+    } else if (option == L"--hold") {
+      hold = openEvent(value);
+    } else if (option == L"--typed") {
+      typed = openEvent(value);
     } else if (option == L"--signal") {
       HANDLE event = openEvent(value);
       if (event == nullptr) return 2;
