@@ -12,6 +12,7 @@
 #include "bench_support.h"
 #include "engine/engine.h"
 #include "resultsdb/results_recorder.h"
+#include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
 #include "timing.h"
 
@@ -54,7 +55,7 @@ double StoreRate(const StoreSpec& spec, int count) {
 // UUTs a second from the first submit until the queue is empty: the
 // journal write on the submitting thread, the store thread's batches.
 double RecorderRate(const StoreSpec& spec, const std::string& journal, int count, int offset) {
-  ResultsQueue queue(journal);
+  ResultsQueue queue(localFiles(), journal);
   queue.open(nullptr);
   ResultsRecorder recorder(queue, [spec](std::string* e) -> std::unique_ptr<ResultsStore> {
     return OpenResultsStore(spec, e);
@@ -105,7 +106,7 @@ const RegisterTiming kWaitWhileWriting("resultsdb_wait", [] {
       journal << ResultsQueue::EntryLine("{\"uut\":" + StoredUutToJson(BenchUut(n)) + "}");
     }
   }
-  ResultsQueue queue(folder.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder.file("q.journal"));
   queue.open(nullptr);
   ResultsRecorder recorder(queue, [spec](std::string* e) -> std::unique_ptr<ResultsStore> {
     return OpenResultsStore(spec, e);

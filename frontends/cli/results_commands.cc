@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "common/file_system.h"
 #include "common/paths.h"
 #include "instrument/link/instrument_settings.h"
 #include "resultsdb/results_import.h"
@@ -171,7 +172,8 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
 
   std::string error;
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(localFiles(), *o.settings, settings, error)) return usage(error);
+  if (o.settings && !LoadInstrumentSettings(localFiles(), *o.settings, settings, error))
+    return usage(error);
   StoreSpec spec;
   if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), defaultDataRoot(), spec, &error)) {
     return usage(error);
@@ -247,23 +249,16 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
   if (export_->parsed()) {
     std::vector<StoredUut> uuts;
     if (!store->fetch(filter, uuts, &error)) return failed();
-    std::FILE* target = out;
-    std::string temp;
-    if (!o.output.empty()) {
-      temp = o.output + ".part";
-      target = std::fopen(temp.c_str(), "wb");
-      if (target == nullptr) return usage("cannot write " + o.output);
-    }
+    std::string text;
     if (o.json) {
       json array = json::array();
       for (const auto& u : uuts) array.push_back(UutJson(u, true));
-      PrintJson(target, array);
+      text = array.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
     } else {
-      std::fputs(
+      text =
           "key,station,sequence_file,test_definition,test,version,serial,test_date,"
           "operators,description,started,ended,verdict,step,row,kind,parameter,channel,"
-          "value,units,lower,upper,result,message\r\n",
-          target);
+          "value,units,lower,upper,result,message\r\n";
       for (const auto& u : uuts) {
         std::string head;
         for (const std::string* f :
@@ -272,24 +267,25 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
           head += Csv(*f) + ",";
         }
         head += u.passed ? "PASS" : "FAIL";
-        if (u.checks.empty()) std::fprintf(target, "%s,,,,,,,,,,,\r\n", head.c_str());
+        if (u.checks.empty()) text += head + ",,,,,,,,,,,\r\n";
         for (const auto& c : u.checks) {
-          std::fprintf(target, "%s,%d,%d,%s,%s,%s,%s,%s,%s,%s,%s,%s\r\n", head.c_str(), c.step,
-                       c.row, Csv(c.kind).c_str(), Csv(c.parameter).c_str(), Csv(c.channel).c_str(),
-                       Csv(c.value).c_str(), Csv(c.units).c_str(), Csv(c.lower).c_str(),
-                       Csv(c.upper).c_str(), c.passed ? "Pass" : "Fail", Csv(c.message).c_str());
+          text += head + "," + std::to_string(c.step) + "," + std::to_string(c.row) + "," +
+                  Csv(c.kind) + "," + Csv(c.parameter) + "," + Csv(c.channel) + "," + Csv(c.value) +
+                  "," + Csv(c.units) + "," + Csv(c.lower) + "," + Csv(c.upper) + "," +
+                  (c.passed ? "Pass" : "Fail") + "," + Csv(c.message) + "\r\n";
         }
       }
     }
-    if (target != out) {
-      // Only a complete export takes the file's name.
-      const bool written = std::fflush(target) == 0 && !std::ferror(target);
-      std::fclose(target);
-      if (!written || std::rename(temp.c_str(), o.output.c_str()) != 0) {
-        std::remove(temp.c_str());
-        std::fprintf(err, "tavrix-cli results: cannot write %s\n", o.output.c_str());
-        return kResultsFailed;
-      }
+    if (o.output.empty()) {
+      std::fwrite(text.data(), 1, text.size(), out);
+      return kResultsDone;
+    }
+    // Only a complete export takes the file's name.
+    const auto file = localFiles().rewrite(o.output, &error);
+    if (!file) return usage("cannot write " + o.output);
+    if (!file->write(text, &error) || !file->commit(&error)) {
+      std::fprintf(err, "tavrix-cli results: cannot write %s\n", o.output.c_str());
+      return kResultsFailed;
     }
     return kResultsDone;
   }
@@ -321,9 +317,8 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
 
   // import
   const std::string station = o.station.empty() ? DefaultStationName() : o.station;
-  std::error_code ec;
-  if (!std::filesystem::is_directory(o.folder, ec)) return usage("no folder " + o.folder);
-  const ImportScan scan = ScanResultsFolder(o.folder, station);
+  if (!localFiles().isFolder(o.folder)) return usage("no folder " + o.folder);
+  const ImportScan scan = ScanResultsFolder(localFiles(), o.folder, station);
   for (const auto& p : scan.problems) {
     std::fprintf(err, "tavrix-cli results: %s line %d: %s; the file is skipped\n", p.file.c_str(),
                  p.line, p.reason.c_str());

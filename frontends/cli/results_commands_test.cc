@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli_test_support.h"
+#include "common/file_system.h"
 #include "resultsdb/results_queue.h"
 
 namespace tavrix {
@@ -132,7 +133,7 @@ TEST_F(ResultsCliTest, AServerThatCannotBeReachedNeitherEndsTheRunNorLosesItsRec
   const std::string trace = Read("trace.jsonl");
   EXPECT_THAT(trace, HasSubstr("\"ev\":\"results_store\""));
   EXPECT_THAT(trace, Not(HasSubstr(secret)));
-  ResultsQueue queue(Path("home/results-queue.journal"));
+  ResultsQueue queue(localFiles(), Path("home/results-queue.journal"));
   ASSERT_TRUE(queue.open(nullptr));
   EXPECT_EQ(queue.size(), 2u);
 

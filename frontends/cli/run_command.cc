@@ -24,8 +24,7 @@
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
-#include "resultsdb/results_recorder.h"
-#include "resultsdb/uut_capture.h"
+#include "resultsdb/results_feed.h"
 #include "sequencer/console_operators.h"
 #include "sequencer/sequence_file.h"
 #include "terminal_view.h"
@@ -327,13 +326,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
-                 options.link.c_str(), instrument->link().lastErrorText.c_str(),
+                 options.link.c_str(), instrument->link().lastErrorText().c_str(),
                  problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
     std::fprintf(err, "tavrix-cli: cannot load the setup %s: %s\n", options.setup->c_str(),
-                 instrument->link().lastErrorText.c_str());
+                 instrument->link().lastErrorText().c_str());
     return kExitUsage;
   }
 
@@ -348,27 +347,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.
-  StoreSpec storeSpec;
-  if (!ParseStoreSpec(options.resultsStore.value_or(settings.resultsStore), defaultDataRoot(),
-                      storeSpec, &error)) {
+  if (!engine.feedResultsStore(options.resultsStore.value_or(settings.resultsStore),
+                               options.station.value_or(settings.station),
+                               [err](const std::string& text) {
+                                 std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
+                               },
+                               &error)) {
     std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
     return kExitUsage;
-  }
-  std::unique_ptr<ResultsQueue> resultsQueue;
-  std::unique_ptr<ResultsRecorder> recorder;
-  if (storeSpec.kind != StoreSpec::Kind::kOff) {
-    resultsQueue = std::make_unique<ResultsQueue>(join(defaultDataRoot(), kQueueFileName));
-    if (!resultsQueue->open(&error)) std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    recorder = std::make_unique<ResultsRecorder>(
-        *resultsQueue, [storeSpec](std::string* e) -> std::unique_ptr<ResultsStore> {
-          return OpenResultsStore(storeSpec, e);
-        });
-    recorder->start();
-    std::string station = options.station.value_or(settings.station);
-    if (station.empty()) station = DefaultStationName();
-    CaptureUuts(testDatabase, seq, *recorder, station, [err](const std::string& text) {
-      std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
-    });
   }
 
   EndReason reason;
@@ -381,23 +367,12 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     reason = seq.endReason();
     limit = limits.reached();
   }
-  if (recorder) {
+  if (ResultsFeed* feed = engine.resultsFeed()) {
     // What the store has not taken after a while waits in the journal for
     // the next run; it never changes how the run ended.
-    testDatabase.uutEnded = nullptr;
-    const bool written = recorder->flush(std::chrono::seconds(10));
-    recorder->stop();
-    if (!written) {
-      std::fprintf(err, "tavrix-cli: %zu UUT records wait in %s for %s: %s\n", recorder->waiting(),
-                   resultsQueue->path().c_str(), DescribeStoreSpec(storeSpec).c_str(),
-                   recorder->lastError().c_str());
-    }
-    if (engine.trace().enabled() && (testDatabase.uutsFinished() > 0 || recorder->waiting() > 0)) {
-      auto event = engine.trace().event("results_store");
-      event.field("store", DescribeStoreSpec(storeSpec))
-          .field("waiting", static_cast<int64_t>(recorder->waiting()));
-      if (!written) event.field("error", recorder->lastError());
-    }
+    std::string problem;
+    if (!feed->finish(std::chrono::seconds(10), &problem))
+      std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
   }
   if (reason == EndReason::kLimit)
     std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "main_window.h"
+#include "window_engine.h"
 
 namespace {
 
@@ -49,18 +50,8 @@ int RunWindow(int argc, char** argv) {
     if (i == 1 && arg.find(' ') != std::string::npos && arg.front() != '"') arg = '"' + arg + '"';
     commandLine += (i > 1 ? " " : "") + arg;
   }
-  tavrix::MainWindow window(
-      [](tavrix::Operator& op) {
-        auto engine = std::make_unique<tavrix::Engine>(std::make_unique<tavrix::SystemClock>(), op);
-        // The window runs on the simulated rig until a setup names hardware.
-        std::string error;
-        if (engine->attachInstrument({}, "sim", &error)) engine->instrument()->ensureOpen();
-        // Where the system has companion programs (Windows) the window talks
-        // to them; elsewhere it records what it would have sent.
-        engine->connectCompanionPrograms(&error);
-        return engine;
-      },
-      commandLine);
+  tavrix::MainWindow window([](tavrix::Operator& op) { return tavrix::MakeWindowEngine(op); },
+                            commandLine);
   window.show();
   return app.exec();
 }

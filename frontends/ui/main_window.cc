@@ -18,7 +18,6 @@
 #include <QTabWidget>
 #include <QTextEdit>
 #include <QVBoxLayout>
-#include <filesystem>
 
 #include "about_dialog.h"
 #ifdef TAVRIX_HAVE_CHARTS
@@ -61,9 +60,8 @@ T* Named(T* widget, const char* name) {
 void EnterSetupsFolder(Engine& engine) {
   Instrument* instrument = engine.instrument();
   if (instrument == nullptr) return;
-  const std::filesystem::path folder(engine.resolvePath(instrument->link().GetSetupsDirectory()));
-  std::error_code ec;
-  if (std::filesystem::is_directory(folder, ec)) std::filesystem::current_path(folder, ec);
+  const std::string folder = engine.resolvePath(instrument->link().GetSetupsDirectory());
+  if (engine.files().isFolder(folder)) changeCurrentFolder(folder);
 }
 
 MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : operator_(*this) {
@@ -328,7 +326,7 @@ void MainWindow::selectSetupFile() {
       Instrument* instrument = engine.instrument();
       if (instrument != nullptr && instrument->selectSetupFile(path)) return;
       const std::string why =
-          instrument == nullptr ? "No instrument is attached" : instrument->link().lastErrorText;
+          instrument == nullptr ? "No instrument is attached" : instrument->link().lastErrorText();
       QMetaObject::invokeMethod(
           qApp,
           [self, why] {

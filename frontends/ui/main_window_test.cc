@@ -41,6 +41,8 @@
 #include "qt_text.h"
 #include "question_dialogs.h"
 #include "report_dialog.h"
+#include "resultsdb/results_store.h"
+#include "window_engine.h"
 
 namespace tavrix {
 
@@ -68,7 +70,7 @@ class MainWindowTest : public QObject {
       std::string error;
       if (!engine->attachInstrument({}, "sim", &error)) qFatal("%s", error.c_str());
       if (!engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims"))
-        qFatal("rig.ims: %s", engine->instrument()->link().lastErrorText.c_str());
+        qFatal("rig.ims: %s", engine->instrument()->link().lastErrorText().c_str());
       return engine;
     };
   }
@@ -445,6 +447,45 @@ class MainWindowTest : public QObject {
                     nullptr &&
                 report->isVisible());
     QCOMPARE(Find<QTableWidget>(*report, "ebSequenceList")->rowCount(), 0);
+  }
+
+  // The window feeds the results store as tavrix-cli run does: the UUT that
+  // ends goes through the journal in the data root to the database file
+  // there, with its serial number, verdict and checks.
+  void theWindowFeedsTheResultsStore() {
+    const std::string root = dir_.path().toStdString() + "/window data";
+    QVERIFY(localFiles().makeFolders(root, nullptr));
+    MainWindow w(
+        [root](Operator& op) {
+          return MakeWindowEngine(op, std::make_unique<LocalFileSystem>(root));
+        },
+        UutSequence("stored.wts"));
+    w.show();
+    Click(w, "pbRun");
+    QDialog* entry = nullptr;
+    QTRY_VERIFY((entry = w.findChild<QDialog*>("frmDataEntry")) != nullptr && entry->isVisible());
+    QTest::keyClicks(Find<QLineEdit>(*entry, "ebSerialNum"), "SN8");
+    QTest::mouseClick(Find<QPushButton>(*entry, "pbAccept"), Qt::LeftButton);
+    auto* third = Find<QPushButton>(w, "pbShutdown");
+    QTRY_VERIFY(third->isVisible());
+    QTest::mouseClick(third, Qt::LeftButton);
+    QTRY_COMPARE(Status(w), QString("Stopped"));
+
+    const StoreSpec spec{StoreSpec::Kind::kSqlite, root + "/results.sqlite"};
+    std::vector<StoredUut> stored;
+    const auto read = [&] {
+      stored.clear();
+      std::string error;
+      auto store = OpenResultsStore(spec, &error);
+      return store != nullptr && store->fetch(UutFilter{}, stored, &error) && !stored.empty();
+    };
+    QTRY_VERIFY(read());
+    QCOMPARE(stored.size(), size_t{1});
+    QCOMPARE(stored[0].serial, std::string("SN8"));
+    QVERIFY(!stored[0].passed);
+    QCOMPARE(stored[0].checks.size(), size_t{1});
+    QCOMPARE(stored[0].checks[0].parameter, std::string("Seal"));
+    QTRY_VERIFY(ReadAll(root + "/results-queue.journal").empty());
   }
 
   // Window sizes from 1280x1024 to 1920x1080 and 150 % scaling; Run keeps a

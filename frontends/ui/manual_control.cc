@@ -18,7 +18,7 @@ constexpr std::string_view kNoInstrument = "No instrument is attached";
 
 // The link's last error, for a failed read or write.
 std::string LinkError(Instrument& instrument) {
-  const std::string& text = instrument.link().lastErrorText;
+  const std::string& text = instrument.link().lastErrorText();
   return text.empty() ? std::string() : " (" + text + ")";
 }
 

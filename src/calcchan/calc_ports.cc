@@ -7,7 +7,7 @@ namespace tavrix {
 
 bool InstrumentChannelPort::read(std::string_view name, std::string& value) {
   if (!instrument_.ensureOpen() || !instrument_.channels().ReadChannel(name, value)) {
-    value = "ERROR " + instrument_.link().lastErrorText;
+    value = "ERROR " + instrument_.link().lastErrorText();
     return false;
   }
   return true;

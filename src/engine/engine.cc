@@ -6,6 +6,7 @@
 #include "instrument/link/channel_commands.h"
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_rig.h"
+#include "resultsdb/results_feed.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -37,6 +38,19 @@ Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileS
 }
 
 Engine::~Engine() = default;
+
+bool Engine::feedResultsStore(const std::string& setting, const std::string& station,
+                              std::function<void(const std::string&)> report, std::string* error) {
+  resultsFeed_.reset();
+  std::string problem;
+  resultsFeed_ = ResultsFeed::Start(*ownFiles_, setting, station, testDatabase_, sequencer_,
+                                    std::move(report), &problem);
+  if (!problem.empty()) {
+    if (error) *error = problem;
+    return false;
+  }
+  return true;
+}
 
 bool Engine::attachInstrument(InstrumentSettings settings, std::string_view linkSpec,
                               std::string* error) {
@@ -82,7 +96,7 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   testDatabase_.readChannel = [this](const std::string& name, std::string& value,
                                      std::string& error) {
     if (instrument_->channels().ReadChannel(name, value)) return true;
-    error = instrument_->link().lastErrorText;
+    error = instrument_->link().lastErrorText();
     return false;
   };
   return true;
@@ -108,7 +122,7 @@ bool Engine::InstrumentChannels::read(std::string_view channel, std::string& val
     return false;
   }
   if (instrument->channels().ReadChannel(channel, value)) return true;
-  if (error) *error = instrument->link().lastErrorText;
+  if (error) *error = instrument->link().lastErrorText();
   return false;
 }
 
@@ -120,7 +134,7 @@ bool Engine::InstrumentChannels::write(std::string_view channel, std::string_vie
     return false;
   }
   if (instrument->channels().WriteChannel(channel, value)) return true;
-  if (error) *error = instrument->link().lastErrorText;
+  if (error) *error = instrument->link().lastErrorText();
   return false;
 }
 

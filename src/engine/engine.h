@@ -22,6 +22,8 @@
 
 namespace tavrix {
 
+class ResultsFeed;
+
 class Engine {
  public:
   // `files` is the door to every file of the run; without one the engine
@@ -69,6 +71,19 @@ class Engine {
   Instrument* instrument() { return instrument_.get(); }
   CalcChannels* calcChannels() { return calc_.get(); }
 
+  // Feeds the results store with every UUT that ends, besides the results
+  // files: `setting` names the store as the results_store setting does
+  // (docs/results-database.md), `station` this station (empty: the
+  // computer's name). The journal lies in the data root and is written
+  // straight to the file system: a journal that cannot be written loses
+  // nothing (the record waits in memory, the results file holds it) and is
+  // told to `report`. False with a message for a bad setting; "off" feeds
+  // nothing. Call at most once.
+  bool feedResultsStore(const std::string& setting, const std::string& station,
+                        std::function<void(const std::string&)> report, std::string* error);
+  // Null unless a store is fed.
+  ResultsFeed* resultsFeed() { return resultsFeed_.get(); }
+
   // A file specification as written in sequence files, as a local path: the
   // instrument settings' drive map, and for other drives "<data root>/<x>"
   // (see common/paths.h).
@@ -104,6 +119,8 @@ class Engine {
   InstrumentLoopCountOutput loopCountOutput_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
+  // Last: it is unplugged from the test database before that goes.
+  std::unique_ptr<ResultsFeed> resultsFeed_;
 };
 
 }  // namespace tavrix

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <sstream>
-#include <system_error>
 
 #include "common/civil_time.h"
+#include "common/file_system.h"
+#include "common/paths.h"
 
 namespace tavrix {
 
@@ -58,7 +57,8 @@ std::optional<std::string> IsoDay(std::string_view date) {
 // The time of day that a details file's name carries ("SN_7_261115_143005"),
 // or midnight.
 std::string TimeOfDay(const std::string& name) {
-  const std::string stem = std::filesystem::path(name).stem().string();
+  std::string stem = baseName(name);
+  if (const size_t dot = stem.rfind('.'); dot != std::string::npos && dot > 0) stem.resize(dot);
   if (stem.size() >= 7 && stem[stem.size() - 7] == '_' && AllDigits(stem.substr(stem.size() - 6))) {
     const std::string t = stem.substr(stem.size() - 6);
     return t.substr(0, 2) + ":" + t.substr(2, 2) + ":" + t.substr(4, 2);
@@ -295,27 +295,53 @@ bool ParseDetailsFile(const std::string& name, const std::string& text, const st
   return true;
 }
 
-ImportScan ScanResultsFolder(const std::string& folder, const std::string& station) {
-  ImportScan scan;
-  std::vector<std::filesystem::path> files;
-  std::error_code ec;
-  for (std::filesystem::recursive_directory_iterator it(folder, ec), end; !ec && it != end;
-       it.increment(ec)) {
-    const std::string ext = it->path().extension().string();
-    if (it->is_regular_file(ec) &&
-        (ext == ".txt" || ext == ".xml" || ext == ".TXT" || ext == ".XML")) {
-      files.push_back(it->path());
+namespace {
+
+bool IsResultsFileName(const std::string& name) {
+  const size_t dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0) return false;
+  const std::string ext = name.substr(dot);
+  return ext == ".txt" || ext == ".xml" || ext == ".TXT" || ext == ".XML";
+}
+
+// The results files below `folder`, each as the names of the folders down to
+// it and its own name, in the order of those names.
+void FindResultsFiles(const FileSystem& files, const std::string& folder,
+                      std::vector<std::string>& below, std::vector<std::vector<std::string>>& found,
+                      std::string& error) {
+  std::vector<std::string> names;
+  if (!files.list(folder, names, &error)) return;
+  for (const auto& name : names) {
+    const std::string path = join(folder, name);
+    const FileKind kind = files.info(path).kind;
+    below.push_back(name);
+    if (kind == FileKind::kFolder) {
+      FindResultsFiles(files, path, below, found, error);
+    } else if (kind == FileKind::kFile && IsResultsFileName(name)) {
+      found.push_back(below);
     }
+    below.pop_back();
   }
-  if (ec) {
-    scan.problems.push_back({folder, 0, "cannot read the folder: " + ec.message()});
+}
+
+}  // namespace
+
+ImportScan ScanResultsFolder(const FileSystem& files, const std::string& folder,
+                             const std::string& station) {
+  ImportScan scan;
+  std::vector<std::vector<std::string>> found;
+  std::vector<std::string> below;
+  std::string listError;
+  FindResultsFiles(files, folder, below, found, listError);
+  if (!listError.empty()) {
+    scan.problems.push_back({folder, 0, "cannot read the folder: " + listError});
   }
-  std::sort(files.begin(), files.end());
-  for (const auto& path : files) {
-    const std::string shown = path.lexically_relative(folder).string();
-    std::ifstream in(path, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(in)), {});
-    if (!in.good() && !in.eof()) {
+  std::sort(found.begin(), found.end());
+  for (const auto& parts : found) {
+    std::string shown;
+    for (const auto& part : parts) shown += (shown.empty() ? "" : "/") + part;
+    std::string text;
+    if (!files.readFile(join(folder, shown), text, nullptr)) {
       scan.problems.push_back({shown, 0, "cannot read the file"});
       continue;
     }

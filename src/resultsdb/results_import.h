@@ -12,6 +12,8 @@
 
 namespace tavrix {
 
+class FileSystem;
+
 struct ImportProblem {
   std::string file;
   int line = 0;
@@ -32,6 +34,7 @@ bool ParseDetailsFile(const std::string& name, const std::string& text, const st
                       std::vector<StoredUut>& out, ImportProblem& problem);
 
 // Every .txt and .xml file in `folder` and its subfolders, by name.
-ImportScan ScanResultsFolder(const std::string& folder, const std::string& station);
+ImportScan ScanResultsFolder(const FileSystem& files, const std::string& folder,
+                             const std::string& station);
 
 }  // namespace tavrix

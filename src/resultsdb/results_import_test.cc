@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
 
 namespace tavrix {
@@ -105,7 +106,7 @@ TEST(ResultsImport, AFileThatCannotBeReadIsNamedWithItsLineAndSkippedWhole) {
   std::ofstream(folder.file("Pump test_261115.txt"), std::ios::binary) << "Test_Results\r\n";
   std::ofstream(folder.file("notes.txt"), std::ios::binary) << "shift notes\r\n";
   std::ofstream(folder.file("rig.ims"), std::ios::binary) << "not looked at";
-  const ImportScan scan = ScanResultsFolder(folder.path(), "s");
+  const ImportScan scan = ScanResultsFolder(localFiles(), folder.path(), "s");
   EXPECT_EQ(scan.uuts.size(), 3u);
   EXPECT_EQ(scan.detailsFiles, 2);
   EXPECT_EQ(scan.summaryFiles, 1);

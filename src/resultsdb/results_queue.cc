@@ -1,15 +1,9 @@
 #include "resultsdb/results_queue.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <system_error>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 
@@ -32,28 +26,9 @@ uint32_t Crc32(std::string_view data) {
   return crc ^ 0xFFFFFFFFu;
 }
 
-std::string SystemError(const std::string& what, const std::string& path, int err) {
-  return "cannot " + what + " the results queue " + path + ": " + std::strerror(err);
-}
-
-bool WriteAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
-void SyncFolderOf(const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  const int dir = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY);
-  if (dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
-  }
-}
+// The file system's message, which names the file and the reason, said of
+// the queue.
+std::string QueueError(const std::string& error) { return "results queue: " + error; }
 
 }  // namespace
 
@@ -149,11 +124,19 @@ bool ResultsQueue::ParseEntryLine(std::string_view line, std::string& json) {
 bool ResultsQueue::open(std::string* error) {
   std::lock_guard lock(mutex_);
   pending_.clear();
-  std::ifstream in(path_, std::ios::binary);
-  if (in) {
-    std::string line;
+  if (files_.info(path_).kind != FileKind::kMissing) {
+    std::string text;
+    std::string readError;
+    if (!files_.readFile(path_, text, &readError)) {
+      if (error) *error = QueueError(readError);
+      return false;
+    }
     std::string body;
-    while (std::getline(in, line)) {
+    for (size_t start = 0; start < text.size();) {
+      size_t end = text.find('\n', start);
+      if (end == std::string::npos) end = text.size();
+      const std::string_view line(text.data() + start, end - start);
+      start = end + 1;
       // The last line of a journal cut off by a crash has no line end; it
       // fails its checksum (or, if whole, was written in full).
       if (!ParseEntryLine(line, body)) continue;
@@ -174,44 +157,23 @@ bool ResultsQueue::open(std::string* error) {
         pending_.push_back(std::move(uut));
       }
     }
-    if (in.bad()) {
-      if (error) *error = SystemError("read", path_, errno);
-      return false;
-    }
-  } else {
-    std::error_code ec;
-    if (std::filesystem::exists(path_, ec)) {
-      if (error) *error = SystemError("read", path_, errno);
-      return false;
-    }
   }
   return rewrite(error);
 }
 
-bool ResultsQueue::appendLine(const std::string& line, bool sync, std::string* error) {
-  std::error_code ec;
-  const std::filesystem::path folder = std::filesystem::path(path_).parent_path();
-  if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-  const bool created = !std::filesystem::exists(path_, ec);
-  const int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    if (error) *error = SystemError("write", path_, errno);
+bool ResultsQueue::appendLine(const std::string& line, std::string* error) {
+  std::string fsError;
+  const std::string folder = parentFolder(path_);
+  if (!files_.isFolder(folder) && !files_.makeFolders(folder, &fsError)) {
+    if (error) *error = QueueError(fsError);
     return false;
   }
-  const off_t before = ::lseek(fd, 0, SEEK_END);
-  bool ok = WriteAll(fd, line);
-  if (ok && sync) ok = ::fdatasync(fd) == 0;
-  const int err = errno;
-  // A short write (a full disk) leaves no half line for the next entry to
-  // follow: the file is cut back to where it was.
-  if (!ok && before >= 0 && ::ftruncate(fd, before) != 0) {
-  }
-  ::close(fd);
-  if (!ok) {
-    if (error) *error = SystemError("write", path_, err);
+  // The append lands whole or not at all, and is on the disk when it
+  // returns.
+  if (!files_.append(path_, line, &fsError)) {
+    if (error) *error = QueueError(fsError);
     return false;
   }
-  if (created && sync) SyncFolderOf(path_);
   ++linesInFile_;
   return true;
 }
@@ -221,32 +183,17 @@ bool ResultsQueue::rewrite(std::string* error) {
   for (const auto& uut : pending_) {
     text += EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}");
   }
-  std::error_code ec;
-  if (text.empty() && !std::filesystem::exists(path_, ec)) {
+  if (text.empty() && files_.info(path_).kind == FileKind::kMissing) {
     linesInFile_ = 0;
     return true;
   }
-  const std::filesystem::path folder = std::filesystem::path(path_).parent_path();
-  if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-  const std::string temp = path_ + ".new";
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    if (error) *error = SystemError("write", temp, errno);
+  std::string fsError;
+  const std::string folder = parentFolder(path_);
+  if ((!files_.isFolder(folder) && !files_.makeFolders(folder, &fsError)) ||
+      !files_.writeAtomically(path_, text, &fsError)) {
+    if (error) *error = QueueError(fsError);
     return false;
   }
-  bool ok = WriteAll(fd, text) && ::fsync(fd) == 0;
-  int err = errno;
-  ::close(fd);
-  if (ok && ::rename(temp.c_str(), path_.c_str()) != 0) {
-    ok = false;
-    err = errno;
-  }
-  if (!ok) {
-    ::unlink(temp.c_str());
-    if (error) *error = SystemError("write", path_, err);
-    return false;
-  }
-  SyncFolderOf(path_);
   linesInFile_ = pending_.size();
   return true;
 }
@@ -254,7 +201,7 @@ bool ResultsQueue::rewrite(std::string* error) {
 bool ResultsQueue::append(const StoredUut& uut, std::string* error) {
   std::lock_guard lock(mutex_);
   pending_.push_back(uut);
-  return appendLine(EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}"), true, error);
+  return appendLine(EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}"), error);
 }
 
 std::vector<StoredUut> ResultsQueue::front(size_t count) const {
@@ -271,9 +218,9 @@ bool ResultsQueue::acknowledge(size_t count, std::string* error) {
     pending_.pop_front();
   }
   // An acknowledgement that is lost only makes the record be sent again,
-  // which its key makes harmless: no flush to the disk here.
+  // which its key makes harmless.
   if (pending_.empty() || linesInFile_ > 4 * pending_.size() + 1000) return rewrite(error);
-  return appendLine(lines, false, error);
+  return appendLine(lines, error);
 }
 
 size_t ResultsQueue::size() const {

@@ -4,8 +4,8 @@
 //
 // The journal is a text file, one entry a line: a checksum, a blank, and a
 // JSON object - a record ({"uut": ...}) or the acknowledgement of one
-// ({"done": KEY}). Each entry is appended with a single write; a record is
-// flushed to the disk before append() returns. A line whose checksum does
+// ({"done": KEY}). Each entry is appended through the file-system port in
+// one piece, and is on the disk before append() returns. A line whose checksum does
 // not match (a write cut off by a crash) is ignored. When nothing waits the
 // journal is replaced, atomically, by an empty one; on opening, by one that
 // holds only the records still waiting.
@@ -22,11 +22,14 @@
 
 namespace tavrix {
 
+class FileSystem;
+
 inline constexpr std::string_view kQueueFileName = "results-queue.journal";
 
 class ResultsQueue {
  public:
-  explicit ResultsQueue(std::string path) : path_(std::move(path)) {}
+  // The journal is the file `path` of `files`.
+  ResultsQueue(FileSystem& files, std::string path) : files_(files), path_(std::move(path)) {}
 
   // Reads the journal (a missing one is an empty queue) and rewrites it with
   // the records that still wait. False with a message when it cannot be read
@@ -49,9 +52,10 @@ class ResultsQueue {
   static bool ParseEntryLine(std::string_view line, std::string& json);
 
  private:
-  bool appendLine(const std::string& line, bool sync, std::string* error);
+  bool appendLine(const std::string& line, std::string* error);
   bool rewrite(std::string* error);
 
+  FileSystem& files_;
   std::string path_;
   mutable std::mutex mutex_;
   std::deque<StoredUut> pending_;

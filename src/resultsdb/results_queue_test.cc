@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
 
 namespace tavrix {
@@ -28,7 +29,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
   testing::TempFolder folder;
   const std::string path = folder.file("data root/results-queue.journal");
   {
-    ResultsQueue queue(path);
+    ResultsQueue queue(localFiles(), path);
     std::string error;
     ASSERT_TRUE(queue.open(&error)) << error;
     for (const char* key : {"a", "b", "c"}) {
@@ -38,7 +39,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
     }
     ASSERT_TRUE(queue.acknowledge(1, &error)) << error;
   }
-  ResultsQueue reopened(path);
+  ResultsQueue reopened(localFiles(), path);
   std::string error;
   ASSERT_TRUE(reopened.open(&error)) << error;
   const auto waiting = reopened.front(10);
@@ -57,7 +58,7 @@ TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
   testing::TempFolder folder;
   const std::string path = folder.file("results-queue.journal");
   {
-    ResultsQueue queue(path);
+    ResultsQueue queue(localFiles(), path);
     std::string error;
     ASSERT_TRUE(queue.open(&error));
     for (const char* key : {"a", "b", "c"}) {
@@ -71,12 +72,12 @@ TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
   text.resize(text.size() - 30);
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 
-  ResultsQueue reopened(path);
+  ResultsQueue reopened(localFiles(), path);
   std::string error;
   ASSERT_TRUE(reopened.open(&error)) << error;
   EXPECT_THAT(Keys(reopened.front(10)), ::testing::ElementsAre("a"));
   // The rewritten journal holds only whole entries.
-  ResultsQueue again(path);
+  ResultsQueue again(localFiles(), path);
   ASSERT_TRUE(again.open(&error));
   EXPECT_EQ(again.size(), 1u);
   std::string json;

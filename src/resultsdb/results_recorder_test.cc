@@ -15,6 +15,7 @@
 #include <filesystem>
 
 #include "resultsdb/sqlite_connection.h"
+#include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
 
 namespace tavrix {
@@ -71,7 +72,7 @@ class RecorderTest : public ::testing::Test {
 
   // How many records the journal on disk holds, read afresh.
   size_t JournalHolds(const std::string& path) {
-    ResultsQueue reread(path);
+    ResultsQueue reread(localFiles(), path);
     std::string error;
     EXPECT_TRUE(reread.open(&error)) << error;
     return reread.size();
@@ -116,7 +117,7 @@ class RecorderTest : public ::testing::Test {
 };
 
 TEST_F(RecorderTest, TheEngineSideNeverWaitsAndTheStoreGetsEachRecordOnceInOrder) {
-  ResultsQueue queue(folder_.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
   FakeStore::Shared shared;
   ResultsRecorder recorder(queue,
                            [&](std::string*) { return std::make_unique<FakeStore>(shared); });
@@ -138,7 +139,7 @@ TEST_F(RecorderTest, TheEngineSideNeverWaitsAndTheStoreGetsEachRecordOnceInOrder
 }
 
 TEST_F(RecorderTest, AStoreThatFailsOrCannotBeReachedLeavesTheQueueWhole) {
-  ResultsQueue queue(folder_.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c"});
   FakeStore::Shared shared;
   bool reachable = false;
@@ -166,7 +167,7 @@ TEST_F(RecorderTest, AStoreThatFailsOrCannotBeReachedLeavesTheQueueWhole) {
 
 TEST_F(RecorderTest, ALockedDatabaseFileKeepsTheRecordsQueued) {
   const std::string db = folder_.file("results.sqlite");
-  ResultsQueue queue(folder_.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b"});
   std::string error;
   ASSERT_TRUE(OpenResultsStore({StoreSpec::Kind::kSqlite, db}, &error)) << error;
@@ -191,7 +192,7 @@ class SharedFolderRecorderTest : public RecorderTest {
 TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   const std::string db = folder_.file("results.sqlite");
   const StoreSpec spec{StoreSpec::Kind::kSqlite, db};
-  ResultsQueue queue(folder_.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b"});
   std::string error;
   {
@@ -206,7 +207,7 @@ TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   if (::geteuid() == 0 && account == nullptr) GTEST_SKIP() << "no unprivileged account";
   const int status = InChild(
       [&] {
-        ResultsQueue childQueue(queue.path());
+        ResultsQueue childQueue(localFiles(), queue.path());
         if (!childQueue.open(nullptr) && childQueue.size() != 2) return 3;
         ResultsRecorder recorder(childQueue, SqliteOpener(db));
         if (recorder.drain() != 0) return 1;
@@ -219,7 +220,7 @@ TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   EXPECT_EQ(JournalHolds(queue.path()), 2u);
   EXPECT_THAT(StoredKeys(spec), ElementsAre("before"));
 
-  ResultsQueue reopened(queue.path());
+  ResultsQueue reopened(localFiles(), queue.path());
   ASSERT_TRUE(reopened.open(&error));
   ResultsRecorder recorder(reopened, SqliteOpener(db));
   EXPECT_EQ(recorder.drain(), 2u);
@@ -232,7 +233,7 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
   // can still be read but not rewritten.
   const std::string db = folder_.file("results.sqlite");
   const StoreSpec spec{StoreSpec::Kind::kSqlite, db};
-  ResultsQueue queue(folder_.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c", "d"}, 200);
   std::string error;
   ASSERT_TRUE(OpenResultsStore(spec, &error)) << error;
@@ -246,7 +247,7 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit r{limit, limit};
     if (::setrlimit(RLIMIT_FSIZE, &r) != 0) return 4;
-    ResultsQueue childQueue(queue.path());
+    ResultsQueue childQueue(localFiles(), queue.path());
     childQueue.open(nullptr);
     ResultsRecorder recorder(childQueue, SqliteOpener(db));
     if (recorder.drain() != 0) return 1;
@@ -260,7 +261,7 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
   EXPECT_EQ(rows.at(0).at(0), "ok");
   EXPECT_THAT(StoredKeys(spec), ElementsAre());
 
-  ResultsQueue reopened(queue.path());
+  ResultsQueue reopened(localFiles(), queue.path());
   ASSERT_TRUE(reopened.open(&error));
   ResultsRecorder recorder(reopened, SqliteOpener(db));
   EXPECT_EQ(recorder.drain(), 4u);
@@ -275,7 +276,7 @@ TEST_F(RecorderTest, AServerKilledInTheMiddleOfABatchLosesNothingAndDuplicatesNo
     FAIL() << reason;
   }
   const StoreSpec spec{StoreSpec::Kind::kPostgres, server.conninfo()};
-  ResultsQueue queue(folder_.file("q.journal"));
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c", "d", "e"});
   bool killed = false;
   ResultsRecorder recorder(queue, [&](std::string* error) -> std::unique_ptr<ResultsStore> {

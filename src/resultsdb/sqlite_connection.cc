@@ -3,9 +3,9 @@
 #include <sqlite3.h>
 
 #include <cctype>
-#include <filesystem>
-#include <system_error>
 #include <unordered_map>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 
@@ -118,11 +118,8 @@ class SqliteConnection : public SqlConnection {
 
 std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, const SqliteOptions& options,
                                           std::string* error) {
-  const std::filesystem::path file(path);
-  if (!options.readOnly && file.has_parent_path()) {
-    std::error_code ec;
-    std::filesystem::create_directories(file.parent_path(), ec);
-  }
+  // SQLite opens the database file itself; its folder is made here.
+  if (!options.readOnly) localFiles().makeFolders(parentFolder(path), nullptr);
   sqlite3* db = nullptr;
   const int flags =
       (options.readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |

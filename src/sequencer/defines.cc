@@ -158,7 +158,7 @@ bool SpendTimeout(DefineState& state, Sequencer& seq) {
 }
 
 void ExamineDefines(DefineState& state, Sequencer& seq) {
-  if (!seq.timeoutExpired() || seq.flags().timeoutPending) return;
+  if (!seq.timeoutExpired() || seq.timeoutPending()) return;
   if (SpendTimeout(state, seq)) {
     seq.makeTimeoutPending();
   } else {

@@ -1,7 +1,5 @@
 #include "sequencer/sequence_file.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>

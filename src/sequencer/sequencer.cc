@@ -438,7 +438,7 @@ bool Sequencer::waitEnds(WaitRule rule) const {
     case WaitRule::kInterrupted:
       return flags_.stopRequested;
     case WaitRule::kRunEnding:
-      return flags_.stopRequested || flags_.endRequested;
+      return runEnding();
     case WaitRule::kPollSleep:
       return flags_.stopRequested || flags_.timeoutExpired;
   }

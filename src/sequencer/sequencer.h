@@ -102,8 +102,13 @@ class Sequencer {
   bool stopRequested() const { return flags_.stopRequested; }
   // The run ends after the current line (STOP, a sequence error).
   bool endRequested() const { return flags_.endRequested; }
+  // The run is ending: Stop was pressed or the run ends after this line.
+  // Work that would only delay the end (more questions, more checks) stops.
+  bool runEnding() const { return flags_.stopRequested || flags_.endRequested; }
   // The sequence time-out has run out and its action is not yet pending.
   bool timeoutExpired() const { return flags_.timeoutExpired; }
+  // The time-out's action is pending: the run loop takes it next.
+  bool timeoutPending() const { return flags_.timeoutPending; }
   // Makes the time-out's action pending: the run loop takes it before it
   // reads the next line, and the waits end.
   void makeTimeoutPending() { flags_.timeoutPending = true; }

@@ -34,7 +34,7 @@ void TestDatabase::RunStageCheck(int16_t step) {
       evaluateRow(definition_.stageChecks[i]);
       uut_.checkOrigins.resize(uut_.checks.size(),
                                {stageRow_, upperCase(trim(definition_.stageChecks[i].type))});
-      if (runEnding()) return;
+      if (seq_.runEnding()) return;
     }
     if (!collected_.empty()) {
       verdict_ = askCheckFailure();

@@ -37,7 +37,7 @@ void TestDatabase::registerCommands() {
     FinishUut();
     if (seq.endRequested()) return;
     const bool accepted = OpenTestDatabase(std::string(trim(cmd.arg1)));
-    if (accepted || seq.endRequested() || seq.stopRequested()) return;
+    if (accepted || seq.runEnding()) return;
     if (!cmd.arg2.empty()) {
       seq.searchLabel(cmd.arg2);
     } else {
@@ -74,7 +74,7 @@ bool TestDatabase::askDataEntry(DataEntry& entry) {
     }
     // The window stays open after its message.
     showPlainMessage(parsed.message);
-    if (runEnding()) return false;
+    if (seq_.runEnding()) return false;
     if (!seq_.mayAskAgain(question, "the window refuses it: " + parsed.message)) return false;
   }
 }
@@ -86,7 +86,7 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     entry_ = entry;
     accepted_ = true;
   }
-  if (runEnding()) return false;
+  if (seq_.runEnding()) return false;
 
   if (!loaded_) {
     definition_ = TestDefinition{};
@@ -155,7 +155,5 @@ void TestDatabase::EndRun() {
   loaded_ = false;
   definition_ = TestDefinition{};
 }
-
-bool TestDatabase::runEnding() const { return seq_.endRequested() || seq_.stopRequested(); }
 
 }  // namespace tavrix

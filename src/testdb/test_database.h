@@ -112,7 +112,6 @@ class TestDatabase {
   int askCheckFailure();
   // "Repeat last test step" or "Continue with test"; std::nullopt unanswered.
   std::optional<std::string> askRepeatStep();
-  bool runEnding() const;
 
   Sequencer& seq_;
   const PathMap& paths_;

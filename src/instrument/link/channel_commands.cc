@@ -55,7 +55,7 @@ class ChannelCommands {
   // A command that failed because Stop gave up its exchange ends quietly:
   // the run is ending already.
   void fail() {
-    if (!seq_.stopRequested()) seq_.reportSequenceError(ins_.link().lastErrorText);
+    if (!seq_.stopRequested()) seq_.reportSequenceError(ins_.link().lastErrorText());
   }
   Channels& ch() { return ins_.channels(); }
 
@@ -106,7 +106,7 @@ class ChannelCommands {
       if (linkReady() && !ch().ReadChannel(ins_.settings().checkChannel, value)) fail();
     } catch (const std::exception&) {
       seq_.reportSequenceError(std::string(kTextCheckImsFailed) +
-                               numberText(ins_.link().lastErrorNumber));
+                               numberText(ins_.link().lastErrorNumber()));
     }
   }
 
@@ -130,7 +130,7 @@ class ChannelCommands {
     const ChannelCondition* condition = &cmd.condition;
     if (!linkReady()) return;
     auto storeDuration = [&] {
-      ins_.lastWaitDuration = static_cast<float>(seq_.clock().now() - start) / 1e6f;
+      ins_.recordWaitDuration(static_cast<float>(seq_.clock().now() - start) / 1e6f);
     };
     for (;;) {
       if (seq_.waitEnds(WaitRule::kJumpOrTimeout)) return;
@@ -221,7 +221,7 @@ void InstrumentLoopCountOutput::write(Sequencer& sequencer, std::string_view cha
   if (instrument_->ensureOpen() &&
       instrument_->channels().WriteChannel(channel, std::to_string(count)))
     return;
-  sequencer.reportSequenceError(instrument_->link().lastErrorText);
+  sequencer.reportSequenceError(instrument_->link().lastErrorText());
 }
 
 std::vector<KeywordEntry> InstrumentKeywords() {
@@ -250,7 +250,7 @@ void RegisterInstrumentCommands(Sequencer& sequencer, Instrument& instrument) {
   d.bind(kWait, bind(&ChannelCommands::wait));
   // A Stop ends the link's waits, so a device that never answers cannot hold
   // the run when the operator wants it ended.
-  instrument.link().abandonWaits = [&sequencer] { return sequencer.stopRequested(); };
+  instrument.link().giveUpWaitsWhen([&sequencer] { return sequencer.stopRequested(); });
 }
 
 }  // namespace tavrix

@@ -93,7 +93,7 @@ TEST_F(ChannelCommandsTest, WaitEndsWhenTheHeatedPlantGetsThere) {
   EXPECT_EQ(Run({"SEND HEATER, 100", "WAIT TEMP1 > 50", "SEND TEMP2, 1", "STOP"}), "");
   // 20 + 80 (1 - exp(-t/10)) passes 50 at t = 4.70 s; readings come every 100 ms.
   EXPECT_NEAR(Elapsed(), 4.8, 1e-6);
-  EXPECT_NEAR(instrument_->lastWaitDuration, 4.8, 1e-4);
+  EXPECT_NEAR(instrument_->lastWaitDuration(), 4.8, 1e-4);
   EXPECT_GT(leadingNumber(Read("TEMP1")), 50);
   EXPECT_EQ(Read("TEMP2"), "1");
   EXPECT_EQ(recorder_->sent[0], "1: WRI HEATER 100");

@@ -43,7 +43,7 @@ bool Channels::FindEnabledChannel(std::string_view name, int16_t& device) const 
 }
 
 bool Channels::ReadChannel(std::string_view name, std::string& value) {
-  if (link_.noHardware) {
+  if (link_.noHardware()) {
     value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
     return true;
   }
@@ -136,7 +136,7 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
 
   MonitorChannelRecord request;
   request.device = device;
-  const int32_t result = link_.library().requestMonitorChannel(link_.setupName, request);
+  const int32_t result = link_.library().requestMonitorChannel(link_.setupName(), request);
   if (result != link_result::kOk) {
     std::string text;
     switch (result) {
@@ -195,7 +195,7 @@ bool Channels::ClearMonitorChannel(std::string_view name) {
 }
 
 bool Channels::LoadSetup(const std::string& file) {
-  if (link_.noHardware) return true;
+  if (link_.noHardware()) return true;
   SetupLoad load;
   int32_t result = link_.library().loadAndLockSetup(file, 0, load);
   if (result == link_result::kSetupBusy) {
@@ -203,11 +203,10 @@ bool Channels::LoadSetup(const std::string& file) {
     result = link_.library().loadAndLockSetup(file, 0, load);
   }
   if (result != link_result::kOk) {
-    link_.SetIMLError(result);
-    if (!load.message.empty()) link_.lastErrorText += " - " + load.message;
+    link_.SetIMLError(result, load.message);
     return false;
   }
-  link_.setupName = load.setupName.substr(0, kSetupNameLength);
+  link_.setupLoaded(load.setupName.substr(0, kSetupNameLength));
   ReadSummary(load.summary);
   return true;
 }

@@ -43,10 +43,9 @@ struct ChannelsFixture : ::testing::Test {
   Channels channels{link};
 
   void SetUp() override {
-    link.useReplyTimeout = true;
-    link.replyTimeoutSecs = 2;
+    link.configure({.useReplyTimeout = true, .replyTimeoutSecs = 2});
     ASSERT_TRUE(link.OpenLink());
-    ASSERT_TRUE(channels.LoadSetup(WriteFile("channels_rig.ims", kRig))) << link.lastErrorText;
+    ASSERT_TRUE(channels.LoadSetup(WriteFile("channels_rig.ims", kRig))) << link.lastErrorText();
     recorder.sent.clear();
   }
 };
@@ -108,11 +107,11 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
   recorder.sent.clear();
   for (const char* name : {"NOSUCH", "SPARE"}) {
     EXPECT_FALSE(channels.ReadChannel(name, value));
-    EXPECT_EQ(link.lastErrorNumber, 1500);
-    EXPECT_EQ(link.lastErrorText, std::string("Channel name - ") + name +
+    EXPECT_EQ(link.lastErrorNumber(), 1500);
+    EXPECT_EQ(link.lastErrorText(), std::string("Channel name - ") + name +
                                       " - does not exist, or is not enabled in the hardware");
     EXPECT_FALSE(channels.WriteChannel(name, "1"));
-    EXPECT_EQ(link.lastErrorNumber, 1500);
+    EXPECT_EQ(link.lastErrorNumber(), 1500);
   }
   EXPECT_TRUE(recorder.sent.empty());
   // A disabled channel may still be defined.
@@ -121,19 +120,19 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
 
   // The device's error report decides a define.
   EXPECT_FALSE(channels.DefineChannel("HEATER", "Q=7"));
-  EXPECT_EQ(link.lastErrorNumber, 13);
-  EXPECT_EQ(link.lastErrorText, "IML error - 13 bad setting");
+  EXPECT_EQ(link.lastErrorNumber(), 13);
+  EXPECT_EQ(link.lastErrorText(), "IML error - 13 bad setting");
   EXPECT_TRUE(channels.EscapeChannel("HEATER", "RESET"));
 
   // A device that never takes a command cannot be talked to.
   EXPECT_FALSE(channels.ReadChannel("QUIET", value));
-  EXPECT_EQ(link.lastErrorText, "IMLsend error, ret = 17");
+  EXPECT_EQ(link.lastErrorText(), "IMLsend error, ret = 17");
   EXPECT_FALSE(channels.WriteChannel("QUIET", "1"));
-  EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 3");
+  EXPECT_EQ(link.lastErrorText(), "IML error - unable to talk to device: 3");
 
   // With no hardware every name reads "0"; no setup is loaded, so a write
   // finds no channel and nothing is sent.
-  link.noHardware = true;
+  link.configure({.noHardware = true, .useReplyTimeout = true, .replyTimeoutSecs = 2});
   EXPECT_TRUE(channels.ReadChannel("NOSUCH", value));
   EXPECT_EQ(value, "0");
   Channels bare(link);
@@ -142,7 +141,7 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
   EXPECT_TRUE(bare.ReadChannel("HEATER", value));
   EXPECT_EQ(value, "0");
   EXPECT_FALSE(bare.WriteChannel("HEATER", "1"));
-  EXPECT_EQ(link.lastErrorText,
+  EXPECT_EQ(link.lastErrorText(),
             "Channel name - HEATER - does not exist, or is not enabled in the hardware");
   EXPECT_TRUE(recorder.sent.empty());
 }
@@ -158,7 +157,7 @@ TEST_F(ChannelsFixture, RezeroMakesTheChannelReadZero) {
   ASSERT_TRUE(channels.ReadChannel("TEMP1", value));
   EXPECT_EQ(value, "0");
   EXPECT_FALSE(channels.RezeroChannel("SPARE"));
-  EXPECT_EQ(link.lastErrorNumber, 1500);
+  EXPECT_EQ(link.lastErrorNumber(), 1500);
 }
 
 TEST_F(ChannelsFixture, MonitorChannelsAreCreatedAndCleared) {
@@ -175,12 +174,12 @@ TEST_F(ChannelsFixture, MonitorChannelsAreCreatedAndCleared) {
 
   // The device has run out: the table is left as it was.
   EXPECT_FALSE(channels.CreateMonitorChannel("1", "MON4", ""));
-  EXPECT_EQ(link.lastErrorNumber, 1505);
-  EXPECT_EQ(link.lastErrorText, "Cannot create monitor channel - MON4");
+  EXPECT_EQ(link.lastErrorNumber(), 1505);
+  EXPECT_EQ(link.lastErrorText(), "Cannot create monitor channel - MON4");
   EXPECT_EQ(channels.records().size(), count);
   recorder.monitorResult = 999;
   EXPECT_FALSE(channels.CreateMonitorChannel("1", "MON4", ""));
-  EXPECT_EQ(link.lastErrorText, "Cannot create monitor channel - MON4");
+  EXPECT_EQ(link.lastErrorText(), "Cannot create monitor channel - MON4");
   recorder.monitorResult = -1;
 
   // Clearing the first of three leaves the other two in order.
@@ -191,18 +190,18 @@ TEST_F(ChannelsFixture, MonitorChannelsAreCreatedAndCleared) {
   EXPECT_EQ(channels.definitions().size(), channels.records().size());
   // Only monitor channels can be cleared; unknown names are not sent.
   EXPECT_FALSE(channels.ClearMonitorChannel("HEATER"));
-  EXPECT_EQ(link.lastErrorText, "IML error - 14 not a monitor channel");
+  EXPECT_EQ(link.lastErrorText(), "IML error - 14 not a monitor channel");
   EXPECT_FALSE(channels.ClearMonitorChannel("MON1"));
-  EXPECT_EQ(link.lastErrorNumber, 1500);
+  EXPECT_EQ(link.lastErrorNumber(), 1500);
 }
 
 TEST_F(ChannelsFixture, SetupFilesThatCannotBeLoaded) {
   EXPECT_FALSE(channels.LoadSetup(WriteFile("bad.ims", "  10001 E=1 N=A\nrubbish\n")));
-  EXPECT_EQ(link.lastErrorNumber, link_result::kSetupFileBadLine);
-  EXPECT_EQ(link.lastErrorText.substr(0, 17), "IML error:  81 - ");
-  EXPECT_NE(link.lastErrorText.find("bad.ims line 2: "), std::string::npos);
+  EXPECT_EQ(link.lastErrorNumber(), link_result::kSetupFileBadLine);
+  EXPECT_EQ(link.lastErrorText().substr(0, 17), "IML error:  81 - ");
+  EXPECT_NE(link.lastErrorText().find("bad.ims line 2: "), std::string::npos);
   EXPECT_FALSE(channels.LoadSetup("/nonexistent/x.ims"));
-  EXPECT_EQ(link.lastErrorNumber, link_result::kSetupFileUnreadable);
+  EXPECT_EQ(link.lastErrorNumber(), link_result::kSetupFileUnreadable);
   // The table from the last good load stays.
   int16_t device = 0;
   EXPECT_TRUE(channels.FindChannel("HEATER", device));

@@ -6,18 +6,19 @@
 
 namespace tavrix {
 
-ImlLink::ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace)
-    : library_(library), events_(events), trace_(trace) {}
+ImlLink::ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace, LinkOptions options)
+    : library_(library), events_(events), trace_(trace), options_(options) {}
 
 void ImlLink::recordError(int16_t number, std::string text) {
-  lastErrorNumber = number;
-  lastErrorText = std::move(text);
+  lastErrorNumber_ = number;
+  lastErrorText_ = std::move(text);
 }
 
-void ImlLink::SetIMLError(int32_t number) {
+void ImlLink::SetIMLError(int32_t number, std::string_view detail) {
   letEventsRun();
-  lastErrorNumber = static_cast<int16_t>(number);
-  lastErrorText = std::string(kTextImlError) + numberText(number);
+  lastErrorNumber_ = static_cast<int16_t>(number);
+  lastErrorText_ = std::string(kTextImlError) + numberText(number);
+  if (!detail.empty()) lastErrorText_ += " - " + std::string(detail);
 }
 
 float ImlLink::ElapsedSeconds(Micros start) const {
@@ -26,7 +27,7 @@ float ImlLink::ElapsedSeconds(Micros start) const {
 
 void ImlLink::waitPoll() {
   bool due = false;
-  Timer timer(events_, pollInterval, [&due] { due = true; });
+  Timer timer(events_, options_.pollInterval, [&due] { due = true; });
   timer.setEnabled(true);
   events_.waitUntil([&due] { return due; });
 }
@@ -44,30 +45,30 @@ void ImlLink::traceExchange(int16_t device, std::string_view command, const std:
 }
 
 bool ImlLink::OpenLink() {
-  if (noHardware) return true;
-  const int32_t opened = library_.openInterface(imlHandle);
+  if (options_.noHardware) return true;
+  const int32_t opened = library_.openInterface(imlHandle_);
   if (opened != link_result::kOk) {
     SetIMLError(opened);
     return false;
   }
   std::string version(kVersionBufferLength, ' ');
-  library_.interfaceVersion(imlHandle, version);
+  library_.interfaceVersion(imlHandle_, version);
   if (library_.setupLibVersion(version) < 5) {
     SetIMLError(link_result::kSetupLibTooOld);
     return false;
   }
-  imsLibLoaded = true;
+  imsLibLoaded_ = true;
   return true;
 }
 
 bool ImlLink::CloseLink() {
-  if (noHardware) return true;
-  if (imsLibLoaded) {
-    std::string name = setupName;
+  if (options_.noHardware) return true;
+  if (imsLibLoaded_) {
+    std::string name = setupName_;
     name.resize(kUnlockNameLength, ' ');
-    library_.unlockSetup(name, imlHandle);
-    library_.closeInterface(imlHandle);
-    imsLibLoaded = false;
+    library_.unlockSetup(name, imlHandle_);
+    library_.closeInterface(imlHandle_);
+    imsLibLoaded_ = false;
   }
   return true;
 }
@@ -79,20 +80,20 @@ bool ImlLink::IMLSendCommand(int16_t device, std::string_view command, bool wait
   // A nested exchange may reuse the buffer while this one waits.
   const std::string buffer = commandBuffer_;
 
-  linkTimedOut = false;
+  linkTimedOut_ = false;
   int32_t result = link_result::kNotReady;
   const Micros start = events_.now();
-  const bool timed = useReplyTimeout;
+  const bool timed = options_.useReplyTimeout;
   while (result == link_result::kNotReady) {
-    if (timed && ElapsedSeconds(start) > replyTimeoutSecs) {
-      linkTimedOut = true;
+    if (timed && ElapsedSeconds(start) > options_.replyTimeoutSecs) {
+      linkTimedOut_ = true;
       break;
     }
     letEventsRun();
-    result = library_.sendCommand(imlHandle, device, buffer, waitFlag);
+    result = library_.sendCommand(imlHandle_, device, buffer, waitFlag);
     if (result != link_result::kNotReady) break;
     if (abandoned()) {
-      linkTimedOut = true;
+      linkTimedOut_ = true;
       break;
     }
     waitPoll();
@@ -110,13 +111,14 @@ bool ImlLink::IMLSendCommand(int16_t device, std::string_view command, bool wait
     return true;
   }
   if (tracing) traceExchange(device, BufferText(buffer), nullptr, result);
-  if (!ignoreLinkErrors) recordError(kErrSend, std::string(kTextSend) + numberText(result));
+  if (!options_.ignoreLinkErrors)
+    recordError(kErrSend, std::string(kTextSend) + numberText(result));
   return false;
 }
 
 bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
   int polls = 0;
-  linkTimedOut = false;
+  linkTimedOut_ = false;
   int32_t result = link_result::kNotReady;
   const Micros start = events_.now();
   std::string buffer;
@@ -124,15 +126,16 @@ bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
   while ((result == link_result::kNotReady || result == link_result::kPending) && !givenUp) {
     letEventsRun();
     buffer.assign(kReplyBufferLength, ' ');
-    result = library_.getReply(imlHandle, device, buffer, true);
+    result = library_.getReply(imlHandle_, device, buffer, true);
     ++polls;
     ++polls_;
     if (result == link_result::kNotReady) {
-      if ((polls > kReplyPollLimit && ElapsedSeconds(start) > replyTimeoutSecs) || abandoned()) {
+      if ((polls > kReplyPollLimit && ElapsedSeconds(start) > options_.replyTimeoutSecs) ||
+          abandoned()) {
         result = link_result::kTimedOut;
-        linkTimedOut = true;
+        linkTimedOut_ = true;
         givenUp = true;
-        library_.abortReply(imlHandle, device);
+        library_.abortReply(imlHandle_, device);
       } else {
         waitPoll();
       }
@@ -156,7 +159,8 @@ bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
 
   if (result == link_result::kOk) return true;
   if (result == link_result::kTimedOut) return false;
-  if (!ignoreLinkErrors) recordError(kErrReceive, std::string(kTextReceive) + numberText(result));
+  if (!options_.ignoreLinkErrors)
+    recordError(kErrReceive, std::string(kTextReceive) + numberText(result));
   return false;
 }
 
@@ -187,14 +191,14 @@ bool ImlLink::IMLCheckReply(int16_t device) {
   if (!IMLSendReceive(device, "REP", reply)) return false;
   if (!reply.empty() && reply[0] == '0') return true;
   const std::string_view text = BufferText(reply);
-  lastErrorNumber = roundToInt16(leadingNumber(text)).value_or(0);
-  lastErrorText = std::string(kTextReplyError) + std::string(text);
+  lastErrorNumber_ = roundToInt16(leadingNumber(text)).value_or(0);
+  lastErrorText_ = std::string(kTextReplyError) + std::string(text);
   return false;
 }
 
 std::string ImlLink::directory(std::string_view folder) {
   std::string dir;
-  if (!noHardware) {
+  if (!options_.noHardware) {
     std::string version(kVersionBufferLength, ' ');
     library_.setupLibVersion(version);
     std::string path;

@@ -3,12 +3,12 @@
 // time-out rules, the "REP" check after a command, and the error numbers and
 // texts that callers show. Identical for every backend.
 //
-// Operations return true on success; on failure they leave lastErrorNumber
-// and lastErrorText set (a reply time-out records no error of its own; the
-// caller sees linkTimedOut). The layer never shows a message itself.
+// Operations return true on success; on failure they leave lastErrorNumber()
+// and lastErrorText() set (a reply time-out records no error of its own; the
+// caller sees timedOut()). The layer never shows a message itself.
 //
 // "Let other events run" is EventLoop::processPendingEvents(). While the
-// library answers "not ready" (17) the layer waits pollInterval through the
+// library answers "not ready" (17) the layer waits the poll interval through the
 // event loop before it asks again, so timers keep running, virtual time moves
 // and a real wait costs no CPU. Exchanges may nest: a timer that ticks while
 // a command waits for the link may itself read a channel.
@@ -50,29 +50,54 @@ inline constexpr int kReplyPollLimit = 2000;
 // time-out is still waited for, as intended.
 inline constexpr Micros kDefaultPollInterval = 10'000;
 
+// How a link is set up; the instrument takes it from its settings.
+struct LinkOptions {
+  // The link is never opened and no setup is loaded.
+  bool noHardware = false;
+  // A command the device does not take is given up after the reply
+  // time-out. (A reply is given up after kReplyPollLimit polls and the
+  // time-out, whatever this says.)
+  bool useReplyTimeout = false;
+  int16_t replyTimeoutSecs = 10;
+  // A failed send or receive records no error.
+  bool ignoreLinkErrors = false;
+  // Wait between polls of a command or reply that is not ready.
+  Micros pollInterval = kDefaultPollInterval;
+};
+
 class ImlLink {
  public:
-  ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace);
+  ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace, LinkOptions options = {});
   ImlLink(const ImlLink&) = delete;
   ImlLink& operator=(const ImlLink&) = delete;
 
-  // --- Link state (module-wide in the original) ----------------------------
-  int16_t imlHandle = 0;
-  bool imsLibLoaded = false;
-  bool noHardware = false;
-  bool useReplyTimeout = false;
-  int16_t replyTimeoutSecs = 10;
-  bool linkTimedOut = false;
-  bool ignoreLinkErrors = false;
-  int16_t lastErrorNumber = 0;
-  std::string lastErrorText;
-  std::string setupName;  // at most 13 characters
+  const LinkOptions& options() const { return options_; }
+  // Takes new options; they hold from the next exchange on.
+  void configure(const LinkOptions& options) { options_ = options; }
+  bool noHardware() const { return options_.noHardware; }
 
-  // Wait between polls of a command or reply that is not ready.
-  Micros pollInterval = kDefaultPollInterval;
   // When set and true, waits for the link give up as if timed out (the run
   // was stopped). Keeps a run with an endless wait stoppable.
-  std::function<bool()> abandonWaits;
+  void giveUpWaitsWhen(std::function<bool()> stopped) { abandonWaits_ = std::move(stopped); }
+
+  // --- What the last operations left --------------------------------------
+  // The error of the last failed operation (kept until the next failure).
+  int16_t lastErrorNumber() const { return lastErrorNumber_; }
+  const std::string& lastErrorText() const { return lastErrorText_; }
+  void clearError() {
+    lastErrorNumber_ = 0;
+    lastErrorText_.clear();
+  }
+  // Whether the last send or reply was given up for time (or a Stop).
+  bool timedOut() const { return linkTimedOut_; }
+  // The handle the link library gave when the link was opened.
+  int16_t handle() const { return imlHandle_; }
+  // Whether the link is open with the setup library loaded.
+  bool setupLibraryLoaded() const { return imsLibLoaded_; }
+  // The name of the setup loaded and locked (at most 13 characters); the
+  // link unlocks it when it closes.
+  const std::string& setupName() const { return setupName_; }
+  void setupLoaded(std::string name) { setupName_ = std::move(name); }
 
   LinkLibrary& library() { return library_; }
   EventLoop& events() { return events_; }
@@ -86,12 +111,14 @@ class ImlLink {
   bool IMLGetReply(int16_t device, std::string& reply);
   // Sends (wait flag true) and fetches the reply, sending again, without
   // limit, while the reply fails (each fetch has its own reply time-out). A
-  // send that fails, or a Stop (abandonWaits), ends it with 1501.
+  // send that fails, or a Stop (giveUpWaitsWhen), ends it with 1501.
   bool IMLSendReceive(int16_t device, std::string_view command, std::string& reply);
   // Sends "REP"; a reply starting with "0" is success, anything else becomes
   // the last error (its leading number, "IML error - " + reply).
   bool IMLCheckReply(int16_t device);
-  void SetIMLError(int32_t number);
+  // Records the library's result `number` as the last error; `detail`, when
+  // given, follows the text after " - ".
+  void SetIMLError(int32_t number, std::string_view detail = {});
   // Whole seconds since `start` (a date and time of the run's clock).
   float ElapsedSeconds(Micros start) const;
   std::string GetSetupsDirectory();
@@ -105,9 +132,9 @@ class ImlLink {
 
  private:
   void letEventsRun() { events_.processPendingEvents(); }
-  // Waits pollInterval through the event loop.
+  // Waits the poll interval through the event loop.
   void waitPoll();
-  bool abandoned() const { return abandonWaits && abandonWaits(); }
+  bool abandoned() const { return abandonWaits_ && abandonWaits_(); }
   void traceExchange(int16_t device, std::string_view command, const std::string* reply,
                      std::optional<int32_t> ret);
   std::string directory(std::string_view folder);
@@ -115,6 +142,14 @@ class ImlLink {
   LinkLibrary& library_;
   EventLoop& events_;
   Trace* trace_;
+  LinkOptions options_;
+  std::function<bool()> abandonWaits_;
+  int16_t imlHandle_ = 0;
+  bool imsLibLoaded_ = false;
+  bool linkTimedOut_ = false;
+  int16_t lastErrorNumber_ = 0;
+  std::string lastErrorText_;
+  std::string setupName_;
   std::string commandBuffer_;
   int64_t polls_ = 0;
   // The command sent with the wait flag to each device whose reply has not

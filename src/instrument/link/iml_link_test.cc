@@ -89,16 +89,16 @@ struct LinkFixture : ::testing::Test {
 };
 
 TEST_F(LinkFixture, OpenAndCloseCallTheLibrariesOnlyWithHardware) {
-  link.noHardware = true;
+  link.configure({.noHardware = true});
   EXPECT_TRUE(link.OpenLink());
   EXPECT_TRUE(link.CloseLink());
   EXPECT_TRUE(library.calls.empty());
 
-  link.noHardware = false;
+  link.configure({});
   EXPECT_TRUE(link.OpenLink());
-  EXPECT_TRUE(link.imsLibLoaded);
-  EXPECT_EQ(link.imlHandle, 7);
-  link.setupName = "RIG";
+  EXPECT_TRUE(link.setupLibraryLoaded());
+  EXPECT_EQ(link.handle(), 7);
+  link.setupLoaded("RIG");
   EXPECT_TRUE(link.CloseLink());
   EXPECT_EQ(library.calls,
             (std::vector<std::string>{"open", "version", "imsversion",
@@ -107,15 +107,15 @@ TEST_F(LinkFixture, OpenAndCloseCallTheLibrariesOnlyWithHardware) {
   // A link that does not open records the library's result.
   library.openResult = 5;
   EXPECT_FALSE(link.OpenLink());
-  EXPECT_EQ(link.lastErrorNumber, 5);
-  EXPECT_EQ(link.lastErrorText, "IML error:  5");
+  EXPECT_EQ(link.lastErrorNumber(), 5);
+  EXPECT_EQ(link.lastErrorText(), "IML error:  5");
 
   // A setup library older than version 5 cannot be used.
   library.openResult = 0;
   library.setupVersion = 4;
   EXPECT_FALSE(link.OpenLink());
-  EXPECT_EQ(link.lastErrorNumber, 74);
-  EXPECT_EQ(link.lastErrorText, "IML error:  74");
+  EXPECT_EQ(link.lastErrorNumber(), 74);
+  EXPECT_EQ(link.lastErrorText(), "IML error:  74");
 }
 
 TEST_F(LinkFixture, SendPlacesTheCommandInA199CharacterBufferAndRetriesWhileNotReady) {
@@ -140,31 +140,28 @@ TEST_F(LinkFixture, SendPlacesTheCommandInA199CharacterBufferAndRetriesWhileNotR
   // With the reply time-out, a device that never takes the command is given
   // up once more than the time-out has passed.
   library.onSend = [](int16_t, std::string_view) { return 17; };
-  link.useReplyTimeout = true;
-  link.replyTimeoutSecs = 2;
+  link.configure({.useReplyTimeout = true, .replyTimeoutSecs = 2});
   const Micros before = clock.now();
   EXPECT_FALSE(link.IMLSendCommand(3, "REP", true));
-  EXPECT_TRUE(link.linkTimedOut);
+  EXPECT_TRUE(link.timedOut());
   EXPECT_GE(clock.now() - before, 3 * kMicrosPerSecond);
   EXPECT_LT(clock.now() - before, 4 * kMicrosPerSecond);
-  EXPECT_EQ(link.lastErrorNumber, 1504);
-  EXPECT_EQ(link.lastErrorText, "IMLsend error, ret = 17");
+  EXPECT_EQ(link.lastErrorNumber(), 1504);
+  EXPECT_EQ(link.lastErrorText(), "IMLsend error, ret = 17");
 
   // Other results fail at once; with IgnoreLinkErrors nothing is recorded.
   library.onSend = [](int16_t, std::string_view) { return -3; };
   EXPECT_FALSE(link.IMLSendCommand(3, "REP", true));
-  EXPECT_FALSE(link.linkTimedOut);
-  EXPECT_EQ(link.lastErrorText, "IMLsend error, ret =-3");
-  link.ignoreLinkErrors = true;
-  link.lastErrorText.clear();
+  EXPECT_FALSE(link.timedOut());
+  EXPECT_EQ(link.lastErrorText(), "IMLsend error, ret =-3");
+  link.configure({.useReplyTimeout = true, .replyTimeoutSecs = 2, .ignoreLinkErrors = true});
+  link.clearError();
   EXPECT_FALSE(link.IMLSendCommand(3, "REP", true));
-  EXPECT_EQ(link.lastErrorText, "");
+  EXPECT_EQ(link.lastErrorText(), "");
 }
 
 TEST_F(LinkFixture, ReplyIsAbandonedOnlyAfter2000PollsAndTheTimeOut) {
-  link.useReplyTimeout = true;
-  link.replyTimeoutSecs = 5;
-  link.lastErrorNumber = 0;
+  link.configure({.useReplyTimeout = true, .replyTimeoutSecs = 5});
 
   // Not ready for 10 s (1000 polls at 10 ms) with a 5 s time-out: waited for.
   int notReady = 1000;
@@ -179,7 +176,7 @@ TEST_F(LinkFixture, ReplyIsAbandonedOnlyAfter2000PollsAndTheTimeOut) {
   EXPECT_EQ(BufferText(reply), "12.5");
   EXPECT_EQ(reply, std::string("12.5") + '\0');  // the library's NUL stays
   EXPECT_EQ(clock.now() - start, 10 * kMicrosPerSecond);
-  EXPECT_FALSE(link.linkTimedOut);
+  EXPECT_FALSE(link.timedOut());
 
   // Never ready: given up at poll 2001, aborted, no error recorded.
   library.replyPolls = 0;
@@ -187,12 +184,12 @@ TEST_F(LinkFixture, ReplyIsAbandonedOnlyAfter2000PollsAndTheTimeOut) {
   reply.clear();
   EXPECT_FALSE(link.IMLGetReply(1, reply));
   EXPECT_EQ(library.replyPolls, 2001);
-  EXPECT_TRUE(link.linkTimedOut);
+  EXPECT_TRUE(link.timedOut());
   EXPECT_EQ(library.calls.back(), "abort 1");
-  EXPECT_EQ(link.lastErrorNumber, 0);
+  EXPECT_EQ(link.lastErrorNumber(), 0);
 
   // With a long time-out, 2001 polls are not enough: the time-out must pass too.
-  link.replyTimeoutSecs = 60;
+  link.configure({.useReplyTimeout = true, .replyTimeoutSecs = 60});
   library.replyPolls = 0;
   const Micros before = clock.now();
   EXPECT_FALSE(link.IMLGetReply(1, reply));
@@ -210,8 +207,8 @@ TEST_F(LinkFixture, ReplyIsAbandonedOnlyAfter2000PollsAndTheTimeOut) {
   EXPECT_TRUE(link.IMLGetReply(1, reply));
   library.onReply = [](int16_t, std::string&) { return 8; };
   EXPECT_FALSE(link.IMLGetReply(1, reply));
-  EXPECT_EQ(link.lastErrorNumber, 1503);
-  EXPECT_EQ(link.lastErrorText, "IMLreceive error, ret = 8");
+  EXPECT_EQ(link.lastErrorNumber(), 1503);
+  EXPECT_EQ(link.lastErrorText(), "IMLreceive error, ret = 8");
 }
 
 TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
@@ -226,8 +223,8 @@ TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
 
   replies = {"12 bad channel"};
   EXPECT_FALSE(link.IMLCheckReply(2));
-  EXPECT_EQ(link.lastErrorNumber, 12);
-  EXPECT_EQ(link.lastErrorText, "IML error - 12 bad channel");
+  EXPECT_EQ(link.lastErrorNumber(), 12);
+  EXPECT_EQ(link.lastErrorText(), "IML error - 12 bad channel");
 
   // A reply that fails is asked for again by sending the command again.
   int fetches = 0;
@@ -243,8 +240,8 @@ TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
   // A device that takes no command cannot be talked to.
   library.onSend = [](int16_t, std::string_view) { return 5; };
   EXPECT_FALSE(link.IMLSendReceive(4, "REP", reply));
-  EXPECT_EQ(link.lastErrorNumber, 1501);
-  EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 4");
+  EXPECT_EQ(link.lastErrorNumber(), 1501);
+  EXPECT_EQ(link.lastErrorText(), "IML error - unable to talk to device: 4");
 
   // A reply that times out is asked for again, each time with its own
   // time-out (2000 polls of 10 ms, and at least 30 s), without limit: the
@@ -259,7 +256,7 @@ TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
     text = "0";
     return 0;
   };
-  link.replyTimeoutSecs = 30;
+  link.configure({.replyTimeoutSecs = 30});
   Micros start = clock.now();
   EXPECT_TRUE(link.IMLSendReceive(4, "REP", reply));
   EXPECT_EQ(sends, 4);
@@ -271,12 +268,12 @@ TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
   sends = 0;
   library.onReply = [](int16_t, std::string&) { return 17; };
   bool stop = false;
-  link.abandonWaits = [&] { return stop; };
+  link.giveUpWaitsWhen([&] { return stop; });
   Timer stopper(events, 1000 * kMicrosPerSecond, [&] { stop = true; });
   stopper.setEnabled(true);
   start = clock.now();
   EXPECT_FALSE(link.IMLSendReceive(4, "REP", reply));
-  EXPECT_EQ(link.lastErrorText, "IML error - unable to talk to device: 4");
+  EXPECT_EQ(link.lastErrorText(), "IML error - unable to talk to device: 4");
   EXPECT_GE(sends, 30);
   EXPECT_LT(clock.now() - start, 1001 * kMicrosPerSecond);
 }
@@ -306,12 +303,12 @@ TEST_F(LinkFixture, WaitsLetTimersRunAndExchangesMayNest) {
 
   // A stop ends a wait that would otherwise last for ever.
   bool stop = false;
-  link.abandonWaits = [&] { return stop; };
+  link.giveUpWaitsWhen([&] { return stop; });
   library.onSend = [](int16_t, std::string_view) { return 17; };
   events.post([&] { stop = true; });
-  link.useReplyTimeout = false;
+  link.configure({});
   EXPECT_FALSE(link.IMLSendCommand(1, "REA T1", true));
-  EXPECT_TRUE(link.linkTimedOut);
+  EXPECT_TRUE(link.timedOut());
 }
 
 TEST_F(LinkFixture, EveryExchangeIsTracedWhenTheTraceIsOn) {
@@ -343,8 +340,8 @@ TEST_F(LinkFixture, EveryExchangeIsTracedWhenTheTraceIsOn) {
 
 TEST_F(LinkFixture, ErrorTextsDirectoriesAndReplyFields) {
   link.SetIMLError(23);
-  EXPECT_EQ(link.lastErrorNumber, 23);
-  EXPECT_EQ(link.lastErrorText, "IML error:  23");
+  EXPECT_EQ(link.lastErrorNumber(), 23);
+  EXPECT_EQ(link.lastErrorText(), "IML error:  23");
 
   const Micros start = clock.now();
   clock.advanceBy(2'999'999);
@@ -356,7 +353,7 @@ TEST_F(LinkFixture, ErrorTextsDirectoriesAndReplyFields) {
   EXPECT_EQ(link.GetSetupsDirectory(), "d:\\setups");
   library.directory = "e:\\rig\\";
   EXPECT_EQ(link.GetDataDirectory(), "e:\\rig\\data");
-  link.noHardware = true;
+  link.configure({.noHardware = true});
   EXPECT_EQ(link.GetDataDirectory(), "c:\\corvane\\data");
 
   EXPECT_EQ(ReplyField("E=1 M=A N=TEMP1 U=degC O=0", "N=", " "), "TEMP1");

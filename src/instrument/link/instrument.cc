@@ -1,6 +1,5 @@
 #include "instrument/link/instrument.h"
 
-
 namespace tavrix {
 
 Instrument::Instrument(EventLoop& events, Trace& trace, InstrumentSettings settings,
@@ -9,20 +8,19 @@ Instrument::Instrument(EventLoop& events, Trace& trace, InstrumentSettings setti
       settings_(std::move(settings)),
       paths_(paths),
       backend_(std::move(backend)),
-      link_(*backend_, events, &trace),
-      channels_(link_) {
-  link_.noHardware = settings_.noHardware;
-  link_.useReplyTimeout = settings_.useReplyTimeout;
-  link_.replyTimeoutSecs = static_cast<int16_t>(settings_.replyTimeoutSecs);
-  link_.pollInterval = settings_.replyPollInterval;
-}
+      link_(*backend_, events, &trace,
+            LinkOptions{.noHardware = settings_.noHardware,
+                        .useReplyTimeout = settings_.useReplyTimeout,
+                        .replyTimeoutSecs = static_cast<int16_t>(settings_.replyTimeoutSecs),
+                        .pollInterval = settings_.replyPollInterval}),
+      channels_(link_) {}
 
 Instrument::~Instrument() {
   if (open_) link_.CloseLink();
 }
 
 bool Instrument::ensureOpen() {
-  if (open_ || link_.noHardware) return true;
+  if (open_ || link_.noHardware()) return true;
   open_ = link_.OpenLink();
   return open_;
 }
@@ -33,6 +31,11 @@ bool Instrument::selectSetupFile(std::string_view path) {
   events_.processPendingEvents();
   if (!ensureOpen()) return false;
   return channels_.LoadSetup(paths_.toLocal(path));
+}
+
+bool Instrument::writeOutput(std::string_view channel, std::string_view value) {
+  lastOutputStatus_ = channels_.WriteChannel(channel, value);
+  return lastOutputStatus_;
 }
 
 }  // namespace tavrix

@@ -26,7 +26,6 @@ class Instrument {
   Instrument(const Instrument&) = delete;
   Instrument& operator=(const Instrument&) = delete;
 
-
   LinkLibrary& backend() { return *backend_; }
   ImlLink& link() { return link_; }
   Channels& channels() { return channels_; }
@@ -41,11 +40,17 @@ class Instrument {
   // mapped through the drive map. On failure the link's last error tells why.
   bool selectSetupFile(std::string_view path);
 
+  // Writes one value of a ramp, a sine output or a pulse, and remembers
+  // whether it went through (lastOutputStatus()). False with the link's last
+  // error set when it did not.
+  bool writeOutput(std::string_view channel, std::string_view value);
+  bool lastOutputStatus() const { return lastOutputStatus_; }
+
+  // A WAIT on a condition compared after `seconds` of waiting.
+  void recordWaitDuration(float seconds) { lastWaitDuration_ = seconds; }
   // How long the last WAIT on a condition had waited when it last compared,
   // in seconds.
-  float lastWaitDuration = 0;
-  // The flag of the last write of a ramp, a sine output or a pulse.
-  bool lastOutputStatus = true;
+  float lastWaitDuration() const { return lastWaitDuration_; }
 
  private:
   EventLoop& events_;
@@ -55,6 +60,8 @@ class Instrument {
   ImlLink link_;
   Channels channels_;
   bool open_ = false;
+  float lastWaitDuration_ = 0;
+  bool lastOutputStatus_ = true;
 };
 
 }  // namespace tavrix

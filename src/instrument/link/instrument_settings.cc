@@ -1,7 +1,6 @@
 #include "instrument/link/instrument_settings.h"
 
 #include <cctype>
-#include <fstream>
 #include <sstream>
 
 #include "common/paths.h"

@@ -8,13 +8,12 @@ namespace tavrix {
 
 bool OutputLinkReady(Sequencer& seq, Instrument& instrument) {
   if (instrument.ensureOpen()) return true;
-  seq.reportSequenceError(instrument.link().lastErrorText);
+  seq.reportSequenceError(instrument.link().lastErrorText());
   return false;
 }
 
 bool WriteOutputValue(Instrument& instrument, std::string_view channel, double value) {
-  instrument.lastOutputStatus = instrument.channels().WriteChannel(channel, numberText(value));
-  return instrument.lastOutputStatus;
+  return instrument.writeOutput(channel, numberText(value));
 }
 
 }  // namespace tavrix

@@ -72,11 +72,10 @@ void PulseOutput(Sequencer& seq, Instrument& instrument, const PulseCommand& cmd
   Operator& op = seq.operatorPort();
   const std::string saved = seq.runStatus();
   op.showStatusLabel(kTextPulseTiming, kColourPulseTiming);
-  Channels& channels = instrument.channels();
   const int32_t start = GetMillisecondCount(instrument);
-  instrument.lastOutputStatus = channels.WriteChannel(channel, first);
+  instrument.writeOutput(channel, first);
   WaitMilliseconds(instrument.link().library(), seq.clock(), start, cmd.length);
-  instrument.lastOutputStatus = channels.WriteChannel(channel, second);
+  instrument.writeOutput(channel, second);
   op.showStatusLabel(saved, kColourStatusNormal);
 }
 

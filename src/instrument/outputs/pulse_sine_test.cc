@@ -56,7 +56,7 @@ TEST(PulseOutput, BadLengthOrDirectionIsReportedAndWritesNothing) {
 TEST(PulseOutput, FailedWritesToAChannelNotInTheTableDoNotStopThePulse) {
   OutputRun run;
   EXPECT_EQ(run.run({"PULSEOUTPUT NOPE, HI, 100", "SEND DIG1, 1"}), "");
-  EXPECT_FALSE(run.instrument().lastOutputStatus);
+  EXPECT_FALSE(run.instrument().lastOutputStatus());
   EXPECT_EQ(run.writes("DIG1"), Writes("DIG1", {{0.1, "1"}}));
   EXPECT_EQ(run.op().statusLabels.size(), 2u);
   EXPECT_EQ(run.seq().endReason(), EndReason::kEndOfFile);
@@ -167,7 +167,7 @@ TEST(SineOut, WritesToChannelsNotInTheTableFailWithoutStoppingTheOutput) {
                      "SINEOUT OUT1, AMPLITUDE 2 OFFSET 5 FREQUENCY 1 CYCLES 1 PEAK TO GONE",
                      "SEND DIG1, 0"}),
             "");
-  EXPECT_FALSE(run.instrument().lastOutputStatus);
+  EXPECT_FALSE(run.instrument().lastOutputStatus());
   EXPECT_EQ(run.writes("DIG1"), Writes("DIG1", {{1.0, "1"}, {2.0, "0"}}));
   EXPECT_EQ(run.writes("OUT1").size(), 5u);
   EXPECT_EQ(run.seq().endReason(), EndReason::kEndOfFile);

@@ -62,7 +62,7 @@ TEST(Ramp, WritesEveryStepAtItsScheduledInstant) {
   EXPECT_EQ(run.writes("OUT1"), Writes("OUT1", expected));
   EXPECT_EQ(run.writes("DIG1"), Writes("DIG1", {{5.0, "1"}}));
   EXPECT_DOUBLE_EQ(run.reading("OUT1"), 10);
-  EXPECT_TRUE(run.instrument().lastOutputStatus);
+  EXPECT_TRUE(run.instrument().lastOutputStatus());
 }
 
 TEST(Ramp, TheWaitIsRoundedDownToTenthsOfASecond) {
@@ -90,7 +90,7 @@ TEST(Ramp, AFailedWriteDoesNotStopTheRamp) {
   EXPECT_EQ(run.run({"IMLDEF OUT1, E=0", "RAMP OUT1, 10 TO 0 OVER 2 IN 4", "SEND DIG1, 1"}), "");
   EXPECT_EQ(run.writes("OUT1"),
             Writes("OUT1", {{0, " 10"}, {0.5, " 7.5"}, {1, " 5"}, {1.5, " 2.5"}, {2, " 0"}}));
-  EXPECT_FALSE(run.instrument().lastOutputStatus);
+  EXPECT_FALSE(run.instrument().lastOutputStatus());
   EXPECT_EQ(run.writes("DIG1").size(), 1u);
   EXPECT_EQ(run.seq().endReason(), EndReason::kEndOfFile);
 
@@ -100,7 +100,7 @@ TEST(Ramp, AFailedWriteDoesNotStopTheRamp) {
   EXPECT_EQ(missing.run({"RAMP NOPE, 0 TO 1 OVER 1 IN 2", "SEND DIG1, 1", "[GROUPRAMPS]",
                          "RAMP OUT2, 0 TO 2 OVER 1 IN 2", "RAMP NOPE, 0 TO 1 OVER 2 IN 2", "[END]"}),
             "");
-  EXPECT_FALSE(missing.instrument().lastOutputStatus);
+  EXPECT_FALSE(missing.instrument().lastOutputStatus());
   EXPECT_EQ(missing.writes("DIG1"), Writes("DIG1", {{1, "1"}}));
   EXPECT_EQ(missing.writes("OUT2"), Writes("OUT2", {{1, " 0"}, {1.5, " 1"}, {2, " 2"}}));
   EXPECT_DOUBLE_EQ(missing.seconds(), 3.0);
