@@ -351,6 +351,17 @@ bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::
   if (IsIconic(window)) ShowWindow(window, SW_RESTORE);
   SetForegroundWindow(window);
   if (GetForegroundWindow() != window) {
+    // Windows lets the thread that owns the front window hand the front on;
+    // share its input state for the moment it takes.
+    const DWORD front = GetWindowThreadProcessId(GetForegroundWindow(), nullptr);
+    const DWORD self = GetCurrentThreadId();
+    if (front != 0 && front != self && AttachThreadInput(self, front, TRUE)) {
+      BringWindowToTop(window);
+      SetForegroundWindow(window);
+      AttachThreadInput(self, front, FALSE);
+    }
+  }
+  if (GetForegroundWindow() != window) {
     error = "the window \"" + title + "\" cannot be brought to the front";
     return false;
   }
