@@ -14,27 +14,30 @@
 
 namespace tavrix {
 
-// A stream whose text is kept in memory.
+// A stream whose text is kept for the test: a temporary file.
 class Captured {
  public:
-  Captured() : stream_(open_memstream(&buffer_, &size_)) {}
+  Captured() : stream_(std::tmpfile()) {}
   ~Captured() {
     if (stream_ != nullptr) std::fclose(stream_);
-    std::free(buffer_);
   }
   Captured(const Captured&) = delete;
   Captured& operator=(const Captured&) = delete;
   std::FILE* stream() { return stream_; }
   // Everything written; the stream is closed.
   std::string take() {
+    std::string text;
+    if (stream_ == nullptr) return text;
+    std::rewind(stream_);
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, stream_)) > 0) text.append(buf, n);
     std::fclose(stream_);
     stream_ = nullptr;
-    return std::string(buffer_, size_);
+    return text;
   }
 
  private:
-  char* buffer_ = nullptr;
-  size_t size_ = 0;
   std::FILE* stream_;
 };
 

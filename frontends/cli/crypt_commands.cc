@@ -1,9 +1,7 @@
 #include "crypt_commands.h"
 
-#include <pthread.h>
-
 #include <CLI/CLI.hpp>
-#include <csignal>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <thread>
@@ -55,32 +53,16 @@ class ProgressBar {
 // the signal's status; the source and any old target stay as they were.
 class InterruptGuard {
  public:
-  explicit InterruptGuard(std::FILE* err) : err_(err) {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
-    pthread_sigmask(SIG_BLOCK, &set, &previous_);
-    thread_ = std::thread([this, set] {
-      int signal = 0;
-      if (sigwait(&set, &signal) != 0 || signal == SIGUSR2) return;
-      removeUnfinishedRewrites();
-      std::fprintf(err_, "\ntavrix-cli: interrupted; nothing was changed\n");
-      std::fflush(err_);
-      _exit(128 + signal);
-    });
-  }
-  ~InterruptGuard() {
-    pthread_kill(thread_.native_handle(), SIGUSR2);
-    thread_.join();
-    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-  }
-  InterruptGuard(const InterruptGuard&) = delete;
-  InterruptGuard& operator=(const InterruptGuard&) = delete;
+  explicit InterruptGuard(std::FILE* err)
+      : requests_([err](int exitStatus) {
+          removeUnfinishedRewrites();
+          std::fprintf(err, "\ntavrix-cli: interrupted; nothing was changed\n");
+          std::fflush(err);
+          std::_Exit(exitStatus);
+        }) {}
 
  private:
-  std::FILE* err_;
-  sigset_t previous_{};
-  std::thread thread_;
+  platform::StopRequests requests_;
 };
 
 // Asks the overwrite question; true for Yes.

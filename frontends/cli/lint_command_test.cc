@@ -113,17 +113,13 @@ TEST_F(LintTest, GroupRampBlocksHoldOnlyRampsAndEnd) {
 TEST_F(LintTest, ExitStatusAndOutputLikeACompiler) {
   const std::string good = Write("good.wts", {"STOP"});
   const std::string bad = Write("bad.wts", {"GOTO NOWHERE", "WAITSECONDSX 1"});
-  char* text = nullptr;
-  size_t size = 0;
-  std::FILE* out = open_memstream(&text, &size);
-  EXPECT_EQ(RunLint({good}, out, stderr), 0);
-  EXPECT_EQ(RunLint({good, bad}, out, stderr), 1);
-  EXPECT_EQ(RunLint({dir_ + "/none.wts"}, out, stderr), 2);
-  std::fclose(out);
-  EXPECT_EQ(std::string(text, size),
-            bad + ":1: error: Label NOWHERE: does not exist\n" + bad +
-                ":2: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you mean WAITSECONDS?\n");
-  std::free(text);
+  Captured out;
+  EXPECT_EQ(RunLint({good}, out.stream(), stderr), 0);
+  EXPECT_EQ(RunLint({good, bad}, out.stream(), stderr), 1);
+  EXPECT_EQ(RunLint({dir_ + "/none.wts"}, out.stream(), stderr), 2);
+  EXPECT_EQ(out.take(), bad + ":1: error: Label NOWHERE: does not exist\n" + bad +
+                            ":2: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you "
+                            "mean WAITSECONDS?\n");
 }
 
 // A line fails lint with the very message with which it fails the run.

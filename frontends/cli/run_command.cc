@@ -1,12 +1,8 @@
 #include "run_command.h"
 
-#include <pthread.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -139,67 +135,63 @@ class RunLimits {
   bool warned_ = false;
 };
 
-// Blocks SIGINT, SIGTERM and SIGHUP for the whole run. It must be made before
-// any thread of the run starts (the results store's writer, the terminal
-// view): a thread that does not block them would take the signal's default
-// action and end the process before the results are written.
-// The signals a run turns into a close request, and the one that ends the
-// thread waiting for them.
-sigset_t RunSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
-  return set;
-}
-
-class BlockedSignals {
+// Hands the console's stop requests (Ctrl+C, SIGTERM, a closed terminal)
+// to the engine as the window's close request once the run has an engine; a
+// request that comes before that is kept and handed over then.
+class StopRelay {
  public:
-  BlockedSignals() {
-    const sigset_t set = RunSignals();
-    pthread_sigmask(SIG_BLOCK, &set, &previous_);
+  void request() {
+    std::lock_guard guard(mutex_);
+    if (engine_ != nullptr) {
+      post(*engine_);
+    } else {
+      pending_ = true;
+    }
   }
-  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-  BlockedSignals(const BlockedSignals&) = delete;
-  BlockedSignals& operator=(const BlockedSignals&) = delete;
+  void attach(Engine* engine) {
+    std::lock_guard guard(mutex_);
+    engine_ = engine;
+    if (engine_ != nullptr && pending_) {
+      pending_ = false;
+      post(*engine_);
+    }
+  }
 
  private:
-  sigset_t previous_{};
-};
-
-// Turns SIGINT, SIGTERM and SIGHUP (a closed terminal) into the window's
-// close request, posted to the engine, for as long as it lives. The
-// signals are blocked already (BlockedSignals), so only this thread takes them.
-class SignalBridge {
- public:
-  explicit SignalBridge(Engine& engine) : engine_(engine) {
-    const sigset_t set = RunSignals();
-    thread_ = std::thread([this, set] {
-      for (;;) {
-        int signal = 0;
-        if (sigwait(&set, &signal) != 0 || signal == SIGUSR2) return;
-        engine_.events().post([this] {
-          Sequencer& seq = engine_.sequencer();
-          if (seq.flags().running && seq.closeRequest()) seq.requestAbort();
-        });
-      }
+  static void post(Engine& engine) {
+    engine.events().post([&engine] {
+      Sequencer& seq = engine.sequencer();
+      if (seq.flags().running && seq.closeRequest()) seq.requestAbort();
     });
   }
-  ~SignalBridge() {
-    pthread_kill(thread_.native_handle(), SIGUSR2);
-    thread_.join();
-  }
+
+  std::mutex mutex_;
+  Engine* engine_ = nullptr;
+  bool pending_ = false;
+};
+
+// For as long as it lives, stop requests reach `engine`, and timed waits and
+// ramp steps keep their accuracy.
+class StopBridge {
+ public:
+  StopBridge(StopRelay& relay, Engine& engine) : relay_(relay) { relay_.attach(&engine); }
+  ~StopBridge() { relay_.attach(nullptr); }
+  StopBridge(const StopBridge&) = delete;
+  StopBridge& operator=(const StopBridge&) = delete;
 
  private:
-  Engine& engine_;
-  std::thread thread_;
-  // Timed waits and ramp steps keep their accuracy for the run.
+  StopRelay& relay_;
   platform::FineTimerResolution timers_;
 };
 
 }  // namespace
 
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
-  const BlockedSignals blocked;
+  // Taken before any thread of the run starts (the results store's writer,
+  // the terminal view), so that a stop request never ends the process
+  // before the results are written.
+  StopRelay stopRelay;
+  const platform::StopRequests stopRequests([&stopRelay](int) { stopRelay.request(); });
   std::unique_ptr<Clock> clock;
   if (options.virtualTime) {
     Micros start = SystemClock().now();
@@ -362,7 +354,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   {
     RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
                      options.loopWarningLines, err);
-    SignalBridge signals(engine);
+    StopBridge stops(stopRelay, engine);
     seq.pressRun();
     reason = seq.endReason();
     limit = limits.reached();

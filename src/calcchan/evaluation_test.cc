@@ -1,8 +1,6 @@
 #include "calcchan/evaluation.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 
 #include <fstream>
 

@@ -5,22 +5,32 @@
 #include <cstdlib>
 #include <optional>
 
+#include "platform/files.h"
+
 namespace tavrix {
 namespace {
 
+// Where an unmapped drive leads: on Windows the real drive, elsewhere a
+// folder of the drive's letter under the root.
+std::string Unmapped(char letter, const std::string& rest) {
+  const std::string folder = platform::hasDriveLetters() ? std::string(1, letter) + ":/"
+                                                         : "/srv/rig/" + std::string(1, letter);
+  return rest.empty() ? folder : join(folder, rest);
+}
+
 TEST(PathMap, MapsDrivesToLocalFolders) {
   PathMap map("/srv/rig");
-  EXPECT_EQ(map.toLocal("c:\\corvane\\data\\RUN???.DAT"), "/srv/rig/c/corvane/data/RUN???.DAT");
-  EXPECT_EQ(map.toLocal("C:/corvane/setups"), "/srv/rig/c/corvane/setups");
-  EXPECT_EQ(map.toLocal("d:\\"), "/srv/rig/d");
-  EXPECT_EQ(map.toLocal("d:"), "/srv/rig/d");
+  EXPECT_EQ(map.toLocal("c:\\corvane\\data\\RUN???.DAT"), Unmapped('c', "corvane/data/RUN???.DAT"));
+  EXPECT_EQ(map.toLocal("C:/corvane/setups"), Unmapped('c', "corvane/setups"));
+  EXPECT_EQ(map.toLocal("d:\\"), Unmapped('d', ""));
+  EXPECT_EQ(map.toLocal("d:"), Unmapped('d', ""));
   // Relative to a drive's current folder: taken from the drive's folder.
-  EXPECT_EQ(map.toLocal("e:logs\\a.txt"), "/srv/rig/e/logs/a.txt");
+  EXPECT_EQ(map.toLocal("e:logs\\a.txt"), Unmapped('e', "logs/a.txt"));
 
   map.setDrive('C', "/mnt/corvane-disk/");
   EXPECT_EQ(map.driveFolder('c'), "/mnt/corvane-disk/");
   EXPECT_EQ(map.toLocal("c:\\corvane\\data"), "/mnt/corvane-disk/corvane/data");
-  EXPECT_EQ(map.toLocal("D:\\x"), "/srv/rig/d/x");
+  EXPECT_EQ(map.toLocal("D:\\x"), Unmapped('d', "x"));
 }
 
 TEST(PathMap, KeepsPathsWithoutADrive) {
@@ -29,7 +39,7 @@ TEST(PathMap, KeepsPathsWithoutADrive) {
   EXPECT_EQ(map.toLocal("..\\setups\\a.txt"), "../setups/a.txt");
   EXPECT_EQ(map.toLocal("/home/op/seq.wts"), "/home/op/seq.wts");
   EXPECT_EQ(map.toLocal("\\corvane\\data"), "/corvane/data");
-  EXPECT_EQ(map.toLocal("a:b/../"), "/srv/rig/a/b/../");
+  EXPECT_EQ(map.toLocal("a:b/../"), Unmapped('a', "b/../"));
   EXPECT_EQ(map.toLocal("1:\\x"), "1:/x");
   EXPECT_EQ(map.toLocal(""), "");
 }

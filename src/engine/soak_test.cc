@@ -7,13 +7,14 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdio>
 
 #include "engine/engine.h"
 #include "common/text_conventions.h"
 #include "common/text_file.h"
+#include "engine/engine.h"
+#include "platform/process.h"
 #include "sequencer/operator.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -32,14 +33,8 @@ constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:
 constexpr Micros kHour = 3600 * kMicrosPerSecond;
 constexpr Micros kWeek = 7 * 24 * kHour;
 
-// Resident memory of this process in bytes, from /proc/self/statm.
-long ResidentBytes() {
-  long size = 0, resident = 0;
-  std::string text;
-  if (!localFiles().readFile("/proc/self/statm", text, nullptr)) return -1;
-  if (std::sscanf(text.c_str(), "%ld %ld", &size, &resident) != 2) resident = -1;
-  return resident < 0 ? -1 : resident * sysconf(_SC_PAGESIZE);
-}
+// Resident memory of this process in bytes.
+long ResidentBytes() { return static_cast<long>(platform::residentBytes()); }
 
 // An operator that keeps nothing but counts and the first message, so that
 // the test's own records do not grow with the run.

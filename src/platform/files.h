@@ -15,7 +15,8 @@ using FileHandle = intptr_t;
 inline constexpr FileHandle kNoFile = -1;
 
 enum class OpenMode {
-  kRead,              // an existing file, for reading
+  kRead,              // an existing file, for reading (a pipe without a writer
+                      // does not hold up the open)
   kCreateNew,         // a new file for writing; fails with EEXIST if it exists
   kCreateOrTruncate,  // created or emptied, for writing
   kAppend,            // created if needed; every write goes to the end
@@ -59,6 +60,8 @@ int replaceFile(const std::string& from, const std::string& to);
 int removeFile(const std::string& path);
 // Makes renames and new names in `folder` durable where the system allows.
 void syncFolder(const std::string& folder);
+// Removes an empty folder.
+int removeFolder(const std::string& folder);
 // The names in `folder`, "." and ".." left out.
 int listFolder(const std::string& folder, std::vector<std::string>& names);
 int makeFolder(const std::string& folder);
@@ -66,6 +69,34 @@ int makeFolder(const std::string& folder);
 // An exclusive, advisory lock on an open file, released when it is closed.
 // EWOULDBLOCK when another holder has it.
 int tryLockFile(FileHandle file);
+// A handle on which tryLockFile() locks `folder` against other processes:
+// the folder itself where the system can lock one (POSIX), otherwise a
+// hidden lock file kept in it (".tavrix-lock" on Windows).
+int openFolderLock(const std::string& folder, FileHandle& file);
+
+// Like pathInfo(), but a symbolic link (or other reparse point) is reported
+// as kOther rather than followed.
+int entryInfo(const std::string& path, PathInfo& info);
+
+// The characters that separate folders in a path ("/", and on Windows also
+// "\\").
+const char* pathSeparators();
+std::string currentFolder();
+int changeFolder(const std::string& folder);
+// The system's folder for temporary files: TMPDIR (else /tmp) on POSIX
+// systems, the user's temporary folder (TMP, TEMP) on Windows. No separator
+// at the end.
+std::string tempFolder();
+// Creates a new folder named `prefix` followed by six random characters;
+// `path` receives its name.
+int makeUniqueFolder(const std::string& prefix, std::string& path);
+// Whether a process with this id is running (unsure counts as running).
+bool processRunning(unsigned long pid);
+
+// `name` (a file name, no folder) with each character the system does not
+// allow in names replaced by '_': on Windows the control characters (a TAB)
+// and < > : " | ? *; elsewhere `name` as it is.
+std::string allowedFileName(std::string name);
 
 std::string errorText(int error);
 // Whether paths may start with a drive ("c:") naming a real drive.

@@ -12,13 +12,19 @@ using Socket = intptr_t;
 inline constexpr Socket kNoSocket = -1;
 
 // Connects to `host` (a name or an address) at `port`, waiting at most
-// `waitMs`. kNoSocket when no address answers.
-Socket connectTcp(const std::string& host, uint16_t port, int waitMs);
+// `waitMs`. kNoSocket when no address answers; `problem` (when given) then
+// says why: "the name "x" does not resolve: ..." or the reason and the
+// address ("connection refused: 127.0.0.1:4000").
+Socket connectTcp(const std::string& host, uint16_t port, int waitMs,
+                  std::string* problem = nullptr);
 // Listens on the IPv4 address `host`; `port` 0 picks a free port, which
 // `port` then holds. kNoSocket with a message in `error` on failure.
 Socket listenTcp(const std::string& host, uint16_t& port, std::string& error);
-// A waiting client of `listener`, or kNoSocket.
-Socket acceptClient(Socket listener);
+// A waiting client of `listener`, or kNoSocket. When the process has no
+// handles left for it, the client is still taken off the queue (a handle
+// kept in reserve makes room) and `outOfHandles` is set: the caller tells it
+// why and closes it, instead of the listener staying ready for ever.
+Socket acceptClient(Socket listener, bool* outOfHandles = nullptr);
 void closeSocket(Socket socket);
 
 // Results of sendSome/receiveSome besides a byte count.

@@ -1,8 +1,6 @@
 #include "resultsdb/results_recorder.h"
 
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include "platform/process.h"
 
 namespace tavrix {
 
@@ -61,7 +59,7 @@ size_t ResultsRecorder::drain() {
 void ResultsRecorder::loop() {
   // Background work: when the cores are busy the engine thread goes first,
   // so its waits end on time while a batch is written.
-  ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 10);
+  platform::lowerThisThreadPriority();
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     if (queue_.size() == 0) {

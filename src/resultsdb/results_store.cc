@@ -267,6 +267,15 @@ bool SqlResultsStore::yield(const UutFilter& filter, std::vector<YieldRow>& out,
 bool ParseStoreSpec(const std::string& spec, const std::string& dataRoot, StoreSpec& out,
                     std::string* error) {
   out = StoreSpec{};
+  if (!StoreBackEndsBuilt()) {
+    if (spec.empty() || spec == "off") {
+      out.kind = StoreSpec::Kind::kOff;
+      return true;
+    }
+    if (error)
+      *error = "this build has no results store (the Windows builds leave it out): use \"off\"";
+    return false;
+  }
   if (spec.empty() || spec == "sqlite") {
     out.target = join(dataRoot, kStoreFileName);
   } else if (spec == "off") {

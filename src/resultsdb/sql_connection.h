@@ -19,6 +19,11 @@ using SqlParams = std::vector<SqlValue>;
 // Result rows; NULL reads as the empty text.
 using SqlRows = std::vector<std::vector<std::string>>;
 
+// False in a build without the database back ends (the Windows builds have
+// neither SQLite nor libpq): there the store defaults to off and naming one
+// is an error.
+bool StoreBackEndsBuilt();
+
 class SqlConnection {
  public:
   virtual ~SqlConnection() = default;

@@ -9,6 +9,8 @@
 
 namespace tavrix {
 
+bool StoreBackEndsBuilt() { return true; }
+
 namespace {
 
 // "$3" becomes "?3": the file database numbers its parameters the same way

@@ -1,10 +1,9 @@
 #include "resultsdb/uut_capture.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <random>
 
+#include "platform/process.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -54,9 +53,8 @@ std::string NewUutKey(const StoredUut& uut) {
 }
 
 std::string DefaultStationName() {
-  char name[256] = {};
-  if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "station";
-  return name;
+  const std::string name = platform::hostName();
+  return name.empty() ? "station" : name;
 }
 
 void CaptureUuts(TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecorder& recorder,

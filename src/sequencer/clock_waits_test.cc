@@ -64,16 +64,20 @@ TEST_F(ClockWaitsTest, WaitRandomDrawsItsLengthEvenlyBetweenItsBounds) {
   // below its 0.1 % point (27.9), and a mean near 15. The trace gives the
   // instant each line starts.
   constexpr int kWaits = 2000;
-  char* text = nullptr;
-  size_t size = 0;
-  std::FILE* out = open_memstream(&text, &size);
-  trace_.setOutput(streamOutput(out));
+  struct Collect final : OutputFile {
+    explicit Collect(std::string& text) : text_(text) {}
+    bool write(std::string_view bytes, std::string*) override {
+      text_ += bytes;
+      return true;
+    }
+    std::string& text_;
+  };
+  std::string text;
+  trace_.setOutput(std::make_unique<Collect>(text));
   EXPECT_EQ(Run(std::vector<std::string>(kWaits + 1, "WAITRANDOM 10, 20")), "");
   trace_.setOutput(nullptr);
-  std::fclose(out);
   std::vector<double> starts;
-  std::istringstream lines(std::string(text, size));
-  std::free(text);
+  std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (line.find("\"ev\":\"line\"") != std::string::npos)
       starts.push_back(std::stod(line.substr(line.find(':') + 1)));

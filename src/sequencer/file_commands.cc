@@ -14,12 +14,12 @@
 #include "sequencer/file_commands.h"
 
 #include <algorithm>
-#include <fnmatch.h>
 #include <memory>
 #include <set>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
+#include "platform/wildcard.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 
@@ -85,7 +85,8 @@ void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
       std::sort(names.begin(), names.end());
       for (const auto& name : names) {
         const std::string path = join(folder, name);
-        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0 && !files.isFolder(path)) victims.push_back(path);
+        if (platform::matchesWildcard(pattern, name) && !files.isFolder(path))
+          victims.push_back(path);
       }
     }
   }

@@ -6,6 +6,7 @@
 #include "common/text_file.h"
 #include "common/text_items.h"
 #include "crypto/vbtavrix.h"
+#include "platform/files.h"
 
 namespace tavrix {
 
@@ -142,6 +143,14 @@ bool WriteXmlDetails(FileSystem& files, const TestDetails& details, const UutRec
   return writeTextFileAtomically(files, local, lines, error);
 }
 
+// `path` (a local path) with a file name the system accepts: a test's title
+// may hold a TAB, which Windows does not allow in names.
+std::string WithAllowedName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const size_t start = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(0, start) + platform::allowedFileName(path.substr(start));
+}
+
 }  // namespace
 
 std::string ResultsExtension(const ResultsSettings& settings) {
@@ -170,8 +179,8 @@ bool WriteTestResults(FileSystem& files, const TestDetails& details, const UutRe
                       std::string* error) {
   if (!settings.writeResults) return true;
   const ResultsNames names = BuildResultsNames(details, uut, settings, now);
-  const std::string summary = paths.toLocal(vbtavrix::EncryptString(names.summary));
-  const std::string detailsFile = paths.toLocal(vbtavrix::EncryptString(names.details));
+  const std::string summary = WithAllowedName(paths.toLocal(vbtavrix::EncryptString(names.summary)));
+  const std::string detailsFile = WithAllowedName(paths.toLocal(vbtavrix::EncryptString(names.details)));
   vbtavrix::DecryptString(names.summary);
   vbtavrix::DecryptString(names.details);
   const size_t slash = summary.rfind('/');

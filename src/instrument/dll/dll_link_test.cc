@@ -7,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/file_system.h"
+#include "common/paths.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
@@ -46,10 +48,11 @@ RunResult RunOver(const std::string& link, const InstrumentSettings& settings,
   EventLoop events(clock);
   Trace trace(clock);
   RecordingOperator op;
-  Sequencer seq(events, op, trace);
+  PathMap paths(folder);
+  Sequencer seq(events, op, trace, localFiles(), paths);
   RegisterSequencerCommands(seq);
   std::string error;
-  auto instrument = MakeInstrument(events, trace, settings, link, &error);
+  auto instrument = MakeInstrument(events, trace, settings, link, localFiles(), paths, &error);
   EXPECT_NE(instrument, nullptr) << error;
   if (!instrument) return {error, ""};
   RegisterInstrumentCommands(seq, *instrument);
@@ -58,11 +61,11 @@ RunResult RunOver(const std::string& link, const InstrumentSettings& settings,
   const std::string sequence = folder + "/run.wts";
   std::ofstream(sequence, std::ios::binary) << text;
   const std::string tracePath = folder + "/run.jsonl";
-  trace.setOutput(std::fopen(tracePath.c_str(), "w"), true);
+  trace.setOutput(localFiles().create(tracePath, &error));
   trace.setOrigin(clock.now());
   EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
   seq.pressRun();
-  trace.setOutput(nullptr, false);
+  trace.setOutput(nullptr);
   RunResult result{seq.lastSequenceError(), ReadFile(tracePath)};
   std::remove(sequence.c_str());
   std::remove(tracePath.c_str());

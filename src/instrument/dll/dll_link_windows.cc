@@ -1,6 +1,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/file_system.h"
 #include "common/text_file.h"
 #include "instrument/dll/dll_link.h"
 #include "platform/shared_library.h"
@@ -75,7 +76,7 @@ class DllLink final : public LinkLibrary {
     load.setupName = name;
     const std::string summary = SetupSummaryPath(path);
     std::string error;
-    if (!readTextFile(summary, load.summary, &error)) {
+    if (!readTextFile(localFiles(), summary, load.summary, &error)) {
       load.message = error;
       return link_result::kSetupFileUnreadable;
     }

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/file_system.h"
 #include "common/text_file.h"
 #include "instrument/dll/dll_link.h"
 #include "instrument/simrig/sim_rig.h"
@@ -118,7 +119,7 @@ int16_t rig_load_setup(char* path, int32_t second, char* setupName) {
     lines.push_back(std::move(line));
     rest = end == std::string_view::npos ? std::string_view{} : rest.substr(end + 1);
   }
-  if (!writeTextFileAtomically(SetupSummaryPath(path), lines, nullptr)) {
+  if (!writeTextFileAtomically(localFiles(), SetupSummaryPath(path), lines, nullptr)) {
     return static_cast<int16_t>(link_result::kSetupFileUnreadable);
   }
   std::memset(setupName, ' ', kSetupNameLength);

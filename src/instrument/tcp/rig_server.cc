@@ -1,13 +1,5 @@
 #include "instrument/tcp/rig_server.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -15,6 +7,7 @@
 #include <vector>
 
 #include "instrument/tcp/rig_protocol.h"
+#include "platform/sockets.h"
 
 namespace tavrix {
 namespace {
@@ -36,7 +29,7 @@ bool toNumber(std::string_view text, T& out) {
 }
 
 struct Client {
-  int fd;
+  platform::Socket socket;
   std::string in;
   std::string out;
   int64_t lastHeardMs = 0;
@@ -50,17 +43,15 @@ int64_t steadyMs() {
 }
 
 // Sends a refusal to a client that is not taken on, and closes it.
-void refuse(int fd, int32_t code, std::string_view why) {
+void refuse(platform::Socket socket, int32_t code, std::string_view why) {
   const std::string line = "0 " + std::to_string(code) + " =" + EscapeField(why) + "\n";
-  [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
-  ::close(fd);
+  platform::sendSome(socket, line.data(), line.size());
+  platform::closeSocket(socket);
 }
 
 }  // namespace
 
-RigServer::~RigServer() {
-  if (listenFd_ >= 0) ::close(listenFd_);
-}
+RigServer::~RigServer() { platform::closeSocket(listener_); }
 
 bool RigServer::listen(std::string_view hostPort, std::string& error) {
   std::string host;
@@ -69,26 +60,16 @@ bool RigServer::listen(std::string_view hostPort, std::string& error) {
     error = "the address \"" + std::string(hostPort) + "\" is not HOST:PORT";
     return false;
   }
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
-    error = "the host \"" + host + "\" is not an IPv4 address";
+  const platform::Socket listener = platform::listenTcp(host, port, error);
+  if (listener == platform::kNoSocket) {
+    // A host that is no address is said as it is; a refusal by the system
+    // names the address.
+    if (error.rfind("the host ", 0) != 0)
+      error = "cannot listen on " + std::string(hostPort) + ": " + error;
     return false;
   }
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  const int one = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(fd, 8) != 0) {
-    error = "cannot listen on " + std::string(hostPort) + ": " + std::strerror(errno);
-    if (fd >= 0) ::close(fd);
-    return false;
-  }
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  port_ = ntohs(address.sin_port);
-  listenFd_ = fd;
+  port_ = port;
+  listener_ = listener;
   return true;
 }
 
@@ -151,57 +132,46 @@ std::string RigServer::answer(std::string_view line) {
 void RigServer::serve(const std::atomic<bool>& stop) {
   const std::function<int64_t()> now = nowMs_ ? nowMs_ : std::function<int64_t()>(steadyMs);
   std::vector<Client> clients;
-  std::vector<pollfd> fds;
-  // A descriptor held in reserve: when accept() fails for want of
-  // descriptors, it is given up for a moment so that the waiting client can
-  // be taken off the queue and told why, instead of the listening socket
-  // staying readable and the loop spinning.
-  int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  std::vector<platform::Watch> watches;
   while (!stop.load()) {
-    fds.clear();
-    fds.push_back({listenFd_, POLLIN, 0});
+    watches.clear();
+    watches.push_back({listener_, true, false});
     for (const auto& c : clients) {
       // Requests are read only while the replies queued for the client are
       // within their bound and no whole request waits unanswered.
       const bool read =
           !c.closing && c.out.size() < kMaxQueuedReplyBytes && c.in.find('\n') == std::string::npos;
-      fds.push_back(
-          {c.fd, static_cast<short>((read ? POLLIN : 0) | (c.out.empty() ? 0 : POLLOUT)), 0});
+      watches.push_back({c.socket, read, !c.out.empty()});
     }
-    const int ready = ::poll(fds.data(), fds.size(), 100);
+    platform::waitSockets(watches, 100);
     const int64_t nowMs = now();
-    if (ready > 0 && (fds[0].revents & POLLIN)) {
-      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (fd < 0 && (errno == EMFILE || errno == ENFILE) && spare >= 0) {
-        ::close(spare);
-        fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd >= 0) refuse(fd, kRigTooManyClients, "the rig server has no file descriptors left");
-        spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-      } else if (fd >= 0 && clients.size() >= kMaxClients) {
-        refuse(fd, kRigTooManyClients,
+    if (watches[0].readable) {
+      bool outOfHandles = false;
+      const platform::Socket socket = platform::acceptClient(listener_, &outOfHandles);
+      if (socket != platform::kNoSocket && outOfHandles) {
+        refuse(socket, kRigTooManyClients, "the rig server has no file descriptors left");
+      } else if (socket != platform::kNoSocket && clients.size() >= kMaxClients) {
+        refuse(socket, kRigTooManyClients,
                "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
-      } else if (fd >= 0) {
-        const int one = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        clients.push_back({fd, {}, {}, nowMs, false});
+      } else if (socket != platform::kNoSocket) {
+        clients.push_back({socket, {}, {}, nowMs, false});
       }
     }
-    for (size_t i = 0; i + 1 < fds.size() && i < clients.size(); ++i) {
+    for (size_t i = 0; i + 1 < watches.size() && i < clients.size(); ++i) {
       Client& c = clients[i];
       bool closed = false;
-      const short revents = ready > 0 ? fds[i + 1].revents : 0;
-      if (revents & (POLLIN | POLLHUP | POLLERR)) {
+      if (watches[i + 1].readable) {
         char chunk[8192];
         // Reads up to the bound of one request, so that a line without end
         // costs no more than that.
         while (c.in.size() <= kMaxRequestBytes) {
-          const ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
+          const long n = platform::receiveSome(c.socket, chunk, sizeof chunk);
           if (n > 0) {
             c.in.append(chunk, static_cast<size_t>(n));
             c.lastHeardMs = nowMs;
             continue;
           }
-          if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) closed = true;
+          if (n == 0 || n == platform::kBroken) closed = true;
           break;
         }
       }
@@ -229,11 +199,11 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         c.closing = true;
       }
       while (!closed && !c.out.empty()) {
-        const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
+        const long n = platform::sendSome(c.socket, c.out.data(), c.out.size());
         if (n > 0) {
           c.out.erase(0, static_cast<size_t>(n));
         } else {
-          if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) closed = true;
+          if (n == platform::kBroken) closed = true;
           break;
         }
       }
@@ -242,19 +212,17 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
                                    EscapeField("no request for an hour; the connection is closed") +
                                    "\n";
-        [[maybe_unused]] const ssize_t sent =
-            ::send(c.fd, notice.data(), notice.size(), MSG_NOSIGNAL);
+        platform::sendSome(c.socket, notice.data(), notice.size());
         closed = true;
       }
       if (closed) {
-        ::close(c.fd);
-        c.fd = -1;
+        platform::closeSocket(c.socket);
+        c.socket = platform::kNoSocket;
       }
     }
-    std::erase_if(clients, [](const Client& c) { return c.fd < 0; });
+    std::erase_if(clients, [](const Client& c) { return c.socket == platform::kNoSocket; });
   }
-  for (auto& c : clients) ::close(c.fd);
-  if (spare >= 0) ::close(spare);
+  for (auto& c : clients) platform::closeSocket(c.socket);
 }
 
 int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,

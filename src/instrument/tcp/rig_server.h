@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "instrument/simrig/sim_rig.h"
+#include "platform/sockets.h"
 
 namespace tavrix {
 
@@ -55,7 +56,7 @@ class RigServer {
  private:
   RigModel model_;
   std::function<int64_t()> nowMs_;
-  int listenFd_ = -1;
+  platform::Socket listener_ = platform::kNoSocket;
   uint16_t port_ = 0;
 };
 

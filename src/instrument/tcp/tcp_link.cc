@@ -1,14 +1,5 @@
 #include "instrument/tcp/tcp_link.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -17,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "common/text_file.h"
 
@@ -37,59 +29,18 @@ TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port, const File
 TcpLink::~TcpLink() { disconnect(); }
 
 void TcpLink::disconnect() {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  platform::closeSocket(socket_);
+  socket_ = platform::kNoSocket;
   inbox_.clear();
   for (auto& r : readyReply_) r.reset();
 }
 
 bool TcpLink::connectSocket() {
   problem_.clear();
-  const std::string address = host_ + ":" + std::to_string(port_);
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (const int rc = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
-      rc != 0) {
-    problem_ = "the name \"" + host_ + "\" does not resolve: " + gai_strerror(rc);
-    return false;
-  }
-  bool connected = false;
-  for (addrinfo* a = found; a != nullptr && !connected; a = a->ai_next) {
-    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-      problem_ = std::string(std::strerror(errno)) + ": " + address;
-      continue;
-    }
-    int rc = ::connect(fd, a->ai_addr, a->ai_addrlen);
-    int err = rc == 0 ? 0 : errno;
-    if (rc != 0 && errno == EINPROGRESS) {
-      pollfd p{fd, POLLOUT, 0};
-      if (::poll(&p, 1, connectWaitMs) == 1) {
-        socklen_t len = sizeof err;
-        getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
-        rc = err == 0 ? 0 : -1;
-      } else {
-        err = ETIMEDOUT;
-      }
-    }
-    if (rc == 0) {
-      const int one = 1;
-      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-      fd_ = fd;
-      connected = true;
-    } else {
-      std::string reason = std::strerror(err);
-      if (!reason.empty())
-        reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
-      problem_ = reason + ": " + address;
-      ::close(fd);
-    }
-  }
-  freeaddrinfo(found);
-  if (connected) problem_.clear();
-  return connected;
+  socket_ = platform::connectTcp(host_, port_, connectWaitMs, &problem_);
+  if (socket_ == platform::kNoSocket) return false;
+  problem_.clear();
+  return true;
 }
 
 int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int waitMs,
@@ -105,12 +56,20 @@ int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int wa
   return link_result::kOk;
 }
 
+// Waits at most until `deadline` for the socket to become ready.
+static bool waitReady(platform::Socket socket, bool forWrite, int64_t deadline, int64_t now) {
+  const int64_t left = deadline - now;
+  if (left <= 0) return false;
+  std::vector<platform::Watch> watch{{socket, !forWrite, forWrite}};
+  return platform::waitSockets(watch, static_cast<int>(left)) > 0;
+}
+
 void TcpLink::reconnectIfDropped() {
-  pollfd p{fd_, POLLIN, 0};
-  if (::poll(&p, 1, 0) != 1) return;
+  std::vector<platform::Watch> watch{{socket_, true, false}};
+  if (platform::waitSockets(watch, 0) != 1) return;
   char chunk[512];
-  ssize_t n;
-  while ((n = ::recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0)
+  long n;
+  while ((n = platform::receiveSome(socket_, chunk, sizeof chunk)) > 0)
     inbox_.append(chunk, static_cast<size_t>(n));
   // Only a connection the server closed for idleness is taken up again; a
   // server that went away leaves the link lost.
@@ -123,25 +82,23 @@ void TcpLink::reconnectIfDropped() {
 }
 
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
-  if (fd_ >= 0 && body != "HELLO") reconnectIfDropped();
-  if (fd_ < 0) return Outcome::kLost;
+  if (socket_ != platform::kNoSocket && body != "HELLO") reconnectIfDropped();
+  if (socket_ == platform::kNoSocket) return Outcome::kLost;
   const uint64_t id = nextId_++;
   std::string line = std::to_string(id) + " " + body + "\n";
   const int64_t deadline = steadyMs() + waitMs;
   size_t sent = 0;
   while (sent < line.size()) {
-    const ssize_t n = ::send(fd_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+    const long n = platform::sendSome(socket_, line.data() + sent, line.size() - sent);
     if (n > 0) {
       sent += static_cast<size_t>(n);
       continue;
     }
-    if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+    if (n == platform::kBroken) {
       disconnect();
       return Outcome::kLost;
     }
-    pollfd p{fd_, POLLOUT, 0};
-    const int64_t left = deadline - steadyMs();
-    if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0) {
+    if (!waitReady(socket_, true, deadline, steadyMs())) {
       // A request cut in half would spoil the stream: give the link up.
       if (sent > 0) disconnect();
       return sent > 0 ? Outcome::kLost : Outcome::kNoAnswer;
@@ -156,19 +113,16 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
       if (ParseRigResponse(got, response) && response.id == id) return Outcome::kOk;
     }
     char chunk[4096];
-    const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+    const long n = platform::receiveSome(socket_, chunk, sizeof chunk);
     if (n > 0) {
       inbox_.append(chunk, static_cast<size_t>(n));
       continue;
     }
-    if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+    if (n == 0 || n == platform::kBroken) {
       disconnect();
       return Outcome::kLost;
     }
-    pollfd p{fd_, POLLIN, 0};
-    const int64_t left = deadline - steadyMs();
-    if (left <= 0) return Outcome::kNoAnswer;
-    if (::poll(&p, 1, static_cast<int>(left)) == 0) return Outcome::kNoAnswer;
+    if (!waitReady(socket_, false, deadline, steadyMs())) return Outcome::kNoAnswer;
   }
 }
 
@@ -202,7 +156,7 @@ int32_t TcpLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
 
 int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_view command,
                              bool /*wait*/) {
-  if (fd_ < 0) return link_result::kLinkLost;
+  if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
   if (device >= 0 && device < 100) readyReply_[device].reset();
   RigResponse r;
   const std::string body =
@@ -216,7 +170,7 @@ int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
 }
 
 int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
-  if (fd_ < 0) return link_result::kLinkLost;
+  if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
   if (device >= 0 && device < 100 && readyReply_[device]) {
     WriteBuffer(buffer, *readyReply_[device]);
     readyReply_[device].reset();

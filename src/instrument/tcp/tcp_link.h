@@ -15,6 +15,7 @@
 #include "common/clock.h"
 #include "instrument/link/link_library.h"
 #include "instrument/tcp/rig_protocol.h"
+#include "platform/sockets.h"
 
 namespace tavrix {
 
@@ -63,7 +64,7 @@ class TcpLink final : public LinkLibrary {
   const FileSystem& files_;
   std::string host_;
   uint16_t port_;
-  int fd_ = -1;
+  platform::Socket socket_ = platform::kNoSocket;
   uint64_t nextId_ = 1;
   std::string inbox_;
   // Replies that came with the response to their command.

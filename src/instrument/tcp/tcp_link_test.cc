@@ -252,16 +252,16 @@ TEST(RigProtocol, RequestsAndResponses) {
 
 TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
   const std::string bad = TempFile("badrig", "nonsense\n");
-  char* logText = nullptr;
-  size_t logSize = 0;
-  std::FILE* log = open_memstream(&logText, &logSize);
+  std::FILE* log = std::tmpfile();
+  ASSERT_NE(log, nullptr);
   std::atomic<bool> stop{true};
   EXPECT_EQ(RunRigServer("127.0.0.1:0", bad, log, &stop), 2);
   EXPECT_EQ(RunRigServer("localhost:0", "", log, &stop), 2);
   EXPECT_EQ(RunRigServer("127.0.0.1:0", "", log, &stop), 0);
+  std::rewind(log);
+  std::string text;
+  for (int c; (c = std::fgetc(log)) != EOF;) text += static_cast<char>(c);
   std::fclose(log);
-  const std::string text(logText, logSize);
-  std::free(logText);
   EXPECT_NE(text.find(bad + " line 1: a channel line starts"), std::string::npos) << text;
   EXPECT_NE(text.find("the host \"localhost\" is not an IPv4 address"), std::string::npos) << text;
   EXPECT_NE(text.find("serving an empty rig on 127.0.0.1:"), std::string::npos) << text;

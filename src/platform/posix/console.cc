@@ -17,26 +17,25 @@ int terminalColumns(std::FILE* stream) {
   return size.ws_col;
 }
 
-// SIGINT and SIGTERM are blocked in the calling thread (and so in the threads
-// it starts afterwards) and taken with sigwait() by a thread of their own;
-// SIGUSR2 ends that thread.
+// SIGINT, SIGTERM and SIGHUP are blocked in the calling thread (and so in
+// the threads it starts afterwards) and taken with sigwait() by a thread of
+// their own; SIGUSR2 ends that thread.
 struct StopRequests::State {
   sigset_t previous{};
   std::thread thread;
 };
 
-StopRequests::StopRequests(std::function<void()> onStop) : state_(std::make_unique<State>()) {
+StopRequests::StopRequests(std::function<void(int exitStatus)> onStop)
+    : state_(std::make_unique<State>()) {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGUSR2);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, &state_->previous);
   state_->thread = std::thread([set, onStop = std::move(onStop)] {
     for (;;) {
       int signal = 0;
       if (sigwait(&set, &signal) != 0 || signal == SIGUSR2) return;
-      onStop();
+      onStop(128 + signal);
     }
   });
 }

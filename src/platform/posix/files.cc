@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 namespace tavrix::platform {
@@ -45,8 +47,16 @@ int openFile(const std::string& path, OpenMode mode, FileHandle& file) {
       flags |= O_RDWR | O_CREAT;
       break;
   }
+  if (mode == OpenMode::kRead) flags |= O_NONBLOCK;
   const int fd = ::open(path.c_str(), flags, 0666);
   if (fd < 0) return errno;
+  if (mode == OpenMode::kRead) {
+    // Reads of a regular file block again (they never wait); a pipe stays
+    // non-blocking, so reading it without a writer fails instead of hanging.
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+      ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  }
   file = fd;
   return 0;
 }
@@ -136,6 +146,52 @@ int makeFolder(const std::string& folder) { return ::mkdir(folder.c_str(), 0777)
 int tryLockFile(FileHandle file) {
   return ::flock(static_cast<int>(file), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
 }
+
+int openFolderLock(const std::string& folder, FileHandle& file) {
+  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  file = fd;
+  return 0;
+}
+
+int removeFolder(const std::string& folder) { return ::rmdir(folder.c_str()) == 0 ? 0 : errno; }
+
+int entryInfo(const std::string& path, PathInfo& info) {
+  info = PathInfo{};
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+  fillInfo(st, info);
+  return 0;
+}
+
+const char* pathSeparators() { return "/"; }
+
+std::string currentFolder() {
+  char buf[4096];
+  return ::getcwd(buf, sizeof buf) != nullptr ? std::string(buf) : std::string(".");
+}
+
+int changeFolder(const std::string& folder) { return ::chdir(folder.c_str()) == 0 ? 0 : errno; }
+
+std::string tempFolder() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+  while (base.size() > 1 && base.back() == '/') base.pop_back();
+  return base;
+}
+
+int makeUniqueFolder(const std::string& prefix, std::string& path) {
+  std::string pattern = prefix + "XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) return errno;
+  path = pattern;
+  return 0;
+}
+
+bool processRunning(unsigned long pid) {
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
+}
+
+std::string allowedFileName(std::string name) { return name; }
 
 std::string errorText(int error) { return std::strerror(error); }
 

@@ -1,6 +1,7 @@
 #include "platform/sockets.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -8,8 +9,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 namespace tavrix::platform {
 
@@ -22,35 +25,50 @@ void noDelay(int fd) {
 
 }  // namespace
 
-Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
+Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::string* problem) {
+  const std::string address = host + ":" + std::to_string(port);
+  std::string why;
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+  if (const int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+      rc != 0) {
+    if (problem) *problem = "the name \"" + host + "\" does not resolve: " + gai_strerror(rc);
     return kNoSocket;
+  }
   Socket connected = kNoSocket;
   for (addrinfo* a = found; a != nullptr && connected == kNoSocket; a = a->ai_next) {
     const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) continue;
+    if (fd < 0) {
+      why = std::string(std::strerror(errno)) + ": " + address;
+      continue;
+    }
     int rc = ::connect(fd, a->ai_addr, a->ai_addrlen);
+    int err = rc == 0 ? 0 : errno;
     if (rc != 0 && errno == EINPROGRESS) {
       pollfd p{fd, POLLOUT, 0};
       if (::poll(&p, 1, waitMs) == 1) {
-        int err = 0;
         socklen_t len = sizeof err;
         getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
         rc = err == 0 ? 0 : -1;
+      } else {
+        err = ETIMEDOUT;
       }
     }
     if (rc == 0) {
       noDelay(fd);
       connected = fd;
     } else {
+      std::string reason = std::strerror(err);
+      if (!reason.empty())
+        reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
+      why = reason + ": " + address;
       ::close(fd);
     }
   }
   freeaddrinfo(found);
+  if (connected == kNoSocket && problem) *problem = why;
   return connected;
 }
 
@@ -77,9 +95,29 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   return fd;
 }
 
-Socket acceptClient(Socket listener) {
-  const int fd =
-      ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+Socket acceptClient(Socket listener, bool* outOfHandles) {
+  // A descriptor held in reserve for the moment there are none left; taken
+  // again on the next call, once the refused client is closed.
+  static std::mutex reserveMutex;
+  static int spare = -1;
+  if (outOfHandles) *outOfHandles = false;
+  std::lock_guard guard(reserveMutex);
+  if (spare < 0) spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  int fd = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (fd < 0 && (errno == EMFILE || errno == ENFILE) && spare >= 0) {
+    ::close(spare);
+    spare = -1;
+    fd = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+      if (outOfHandles != nullptr) {
+        *outOfHandles = true;
+        return fd;
+      }
+      ::close(fd);
+      fd = -1;
+    }
+  }
+  if (spare < 0) spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (fd < 0) return kNoSocket;
   noDelay(fd);
   return fd;

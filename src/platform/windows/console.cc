@@ -3,7 +3,7 @@
 #include <io.h>
 #include <windows.h>
 
-#include <atomic>
+#include <mutex>
 
 namespace tavrix::platform {
 
@@ -17,41 +17,80 @@ int terminalColumns(std::FILE* stream) {
   return info.srWindow.Right - info.srWindow.Left + 1;
 }
 
-// Windows calls the console control handler on a thread of its own.
-struct StopRequests::State {
-  std::function<void()> onStop;
-};
+// Windows calls the console control handler on a thread of its own. The
+// handler's state outlives any one StopRequests, since a close event may
+// still be waiting in the handler when the object goes.
+struct StopRequests::State {};
 
 namespace {
 
-std::atomic<StopRequests::State*> current{nullptr};
+struct Handler {
+  std::mutex mutex;
+  std::function<void(int)> onStop;
+  HANDLE finished = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+};
+
+Handler& handler() {
+  static Handler* const h = new Handler;  // never destroyed: the handler may run at exit
+  return *h;
+}
+
+// Windows gives a process about five seconds after a close, log-off or
+// shut-down event before it ends it.
+constexpr DWORD kEndingWaitMs = 4500;
 
 BOOL WINAPI onConsoleControl(DWORD event) {
+  int status = 0;
+  bool ending = false;
   switch (event) {
     case CTRL_C_EVENT:
+      status = 130;
+      break;
     case CTRL_BREAK_EVENT:
+      status = 149;
+      break;
     case CTRL_CLOSE_EVENT:
-      if (StopRequests::State* state = current.load()) {
-        state->onStop();
-        return TRUE;
-      }
-      return FALSE;
+    case CTRL_LOGOFF_EVENT:
+    case CTRL_SHUTDOWN_EVENT:
+      status = 129;
+      ending = true;
+      break;
     default:
       return FALSE;
   }
+  Handler& h = handler();
+  std::function<void(int)> onStop;
+  {
+    std::lock_guard guard(h.mutex);
+    onStop = h.onStop;
+  }
+  if (!onStop) return FALSE;
+  onStop(status);
+  if (ending) WaitForSingleObject(h.finished, kEndingWaitMs);
+  return TRUE;
 }
 
 }  // namespace
 
-StopRequests::StopRequests(std::function<void()> onStop)
-    : state_(std::make_unique<State>(State{std::move(onStop)})) {
-  current.store(state_.get());
+StopRequests::StopRequests(std::function<void(int exitStatus)> onStop)
+    : state_(std::make_unique<State>()) {
+  Handler& h = handler();
+  {
+    std::lock_guard guard(h.mutex);
+    h.onStop = std::move(onStop);
+  }
+  ResetEvent(h.finished);
   SetConsoleCtrlHandler(onConsoleControl, TRUE);
 }
 
 StopRequests::~StopRequests() {
+  Handler& h = handler();
   SetConsoleCtrlHandler(onConsoleControl, FALSE);
-  current.store(nullptr);
+  {
+    std::lock_guard guard(h.mutex);
+    h.onStop = nullptr;
+  }
+  SetEvent(h.finished);
 }
 
 }  // namespace tavrix::platform

@@ -109,9 +109,16 @@ int syncFile(FileHandle file) { return FlushFileBuffers(asHandle(file)) ? 0 : la
 int truncateFile(FileHandle file, uint64_t size) {
   FILE_END_OF_FILE_INFO end{};
   end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
-  return SetFileInformationByHandle(asHandle(file), FileEndOfFileInfo, &end, sizeof end)
-             ? 0
-             : lastErrorNumber();
+  if (SetFileInformationByHandle(asHandle(file), FileEndOfFileInfo, &end, sizeof end)) return 0;
+  if (GetLastError() != ERROR_ACCESS_DENIED) return lastErrorNumber();
+  // A file opened for appending may not be cut back through that handle; a
+  // second handle on the same file with write access may.
+  const HANDLE writer = ReOpenFile(asHandle(file), GENERIC_WRITE, kShareAll, 0);
+  if (writer == INVALID_HANDLE_VALUE) return lastErrorNumber();
+  const bool ok = SetFileInformationByHandle(writer, FileEndOfFileInfo, &end, sizeof end);
+  const int err = ok ? 0 : lastErrorNumber();
+  CloseHandle(writer);
+  return err;
 }
 
 int pathInfo(const std::string& path, PathInfo& info) {
@@ -201,6 +208,109 @@ int tryLockFile(FileHandle file) {
     return 0;
   }
   return GetLastError() == ERROR_LOCK_VIOLATION ? EWOULDBLOCK : lastErrorNumber();
+}
+
+int openFolderLock(const std::string& folder, FileHandle& file) {
+  // A folder handle cannot carry a byte-range lock, so the lock lives on a
+  // hidden file in the folder. It stays there: removing it while another
+  // process waits on it would let two processes lock two different files.
+  const std::wstring name =
+      widen(folder.empty() ? std::string(".\\.tavrix-lock") : folder + "\\.tavrix-lock");
+  HANDLE h = CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, kShareAll, nullptr,
+                         OPEN_ALWAYS, FILE_ATTRIBUTE_HIDDEN, nullptr);
+  if (h == INVALID_HANDLE_VALUE && GetLastError() == ERROR_ACCESS_DENIED) {
+    // A read-only folder: an existing lock file still serves, read-only.
+    h = CreateFileW(name.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
+  }
+  if (h == INVALID_HANDLE_VALUE) return lastErrorNumber();
+  file = reinterpret_cast<FileHandle>(h);
+  return 0;
+}
+
+int removeFolder(const std::string& folder) {
+  return RemoveDirectoryW(widen(folder).c_str()) ? 0 : lastErrorNumber();
+}
+
+int entryInfo(const std::string& path, PathInfo& info) {
+  info = PathInfo{};
+  const HANDLE h =
+      CreateFileW(widen(path).c_str(), FILE_READ_ATTRIBUTES, kShareAll, nullptr, OPEN_EXISTING,
+                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (h == INVALID_HANDLE_VALUE) {
+    const int err = lastErrorNumber();
+    return err == ENOENT ? 0 : err;
+  }
+  BY_HANDLE_FILE_INFORMATION fi{};
+  if (GetFileInformationByHandle(h, &fi)) {
+    fillInfo(h, fi, info);
+    if (fi.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) info.kind = PathKind::kOther;
+  } else {
+    info.kind = PathKind::kOther;
+  }
+  CloseHandle(h);
+  return 0;
+}
+
+const char* pathSeparators() { return "/\\"; }
+
+std::string currentFolder() {
+  const DWORD n = GetCurrentDirectoryW(0, nullptr);
+  std::wstring buf(n, L'\0');
+  const DWORD got = GetCurrentDirectoryW(n, buf.data());
+  if (got == 0 || got >= n) return ".";
+  buf.resize(got);
+  return narrow(buf);
+}
+
+int changeFolder(const std::string& folder) {
+  return SetCurrentDirectoryW(widen(folder).c_str()) ? 0 : lastErrorNumber();
+}
+
+std::string tempFolder() {
+  wchar_t buf[MAX_PATH + 2] = {};
+  const DWORD n = GetTempPathW(MAX_PATH + 1, buf);
+  std::string base = n > 0 && n <= MAX_PATH + 1 ? narrow(std::wstring(buf, n)) : "c:\\temp";
+  while (base.size() > 3 && (base.back() == '\\' || base.back() == '/')) base.pop_back();
+  return base;
+}
+
+int makeUniqueFolder(const std::string& prefix, std::string& path) {
+  static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  LARGE_INTEGER seed{};
+  QueryPerformanceCounter(&seed);
+  uint64_t state = static_cast<uint64_t>(seed.QuadPart) ^ (uint64_t{GetCurrentProcessId()} << 32);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = prefix;
+    for (int i = 0; i < 6; ++i) {
+      state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+      name += kLetters[(state >> 33) % (sizeof kLetters - 1)];
+    }
+    if (CreateDirectoryW(widen(name).c_str(), nullptr)) {
+      path = name;
+      return 0;
+    }
+    if (GetLastError() != ERROR_ALREADY_EXISTS) return lastErrorNumber();
+  }
+  return EEXIST;
+}
+
+bool processRunning(unsigned long pid) {
+  const HANDLE h = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+  if (h == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
+  const bool running = WaitForSingleObject(h, 0) == WAIT_TIMEOUT;
+  CloseHandle(h);
+  return running;
+}
+
+std::string allowedFileName(std::string name) {
+  for (char& c : name) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || c == '<' || c == '>' || c == ':' || c == '"' || c == '|' || c == '?' ||
+        c == '*') {
+      c = '_';
+    }
+  }
+  return name;
 }
 
 std::string errorText(int error) { return std::strerror(error); }

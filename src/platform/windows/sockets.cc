@@ -47,20 +47,31 @@ std::string lastSocketError() {
 
 }  // namespace
 
-Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
-  if (!startWinsock()) return kNoSocket;
+Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::string* problem) {
+  const std::string address = host + ":" + std::to_string(port);
+  std::string why = "the network is not available";
+  if (!startWinsock()) {
+    if (problem) *problem = why;
+    return kNoSocket;
+  }
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    if (problem) *problem = "the name \"" + host + "\" does not resolve: " + lastSocketError();
     return kNoSocket;
+  }
   Socket connected = kNoSocket;
   for (addrinfo* a = found; a != nullptr && connected == kNoSocket; a = a->ai_next) {
     const SOCKET s = ::socket(a->ai_family, a->ai_socktype, a->ai_protocol);
-    if (s == INVALID_SOCKET) continue;
+    if (s == INVALID_SOCKET) {
+      why = lastSocketError() + ": " + address;
+      continue;
+    }
     prepare(s);
     int rc = ::connect(s, a->ai_addr, static_cast<int>(a->ai_addrlen));
+    if (rc != 0 && !wouldBlock()) why = lastSocketError() + ": " + address;
     if (rc != 0 && wouldBlock()) {
       // select() reports a refused connection in the error set, which
       // WSAPoll does not do on every Windows version.
@@ -71,7 +82,21 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
       FD_SET(s, &writable);
       FD_SET(s, &failed);
       timeval wait{waitMs / 1000, (waitMs % 1000) * 1000};
-      rc = ::select(0, nullptr, &writable, &failed, &wait) == 1 && FD_ISSET(s, &writable) ? 0 : -1;
+      const int ready = ::select(0, nullptr, &writable, &failed, &wait);
+      rc = ready == 1 && FD_ISSET(s, &writable) ? 0 : -1;
+      if (rc != 0) {
+        int err = 0;
+        int len = sizeof err;
+        getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&err), &len);
+        if (ready == 0) {
+          why = "connection timed out: " + address;
+        } else if (err == WSAECONNREFUSED) {
+          why = "connection refused: " + address;
+        } else {
+          WSASetLastError(err);
+          why = lastSocketError() + ": " + address;
+        }
+      }
     }
     if (rc == 0) {
       connected = static_cast<Socket>(s);
@@ -80,6 +105,7 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs) {
     }
   }
   freeaddrinfo(found);
+  if (connected == kNoSocket && problem) *problem = why;
   return connected;
 }
 
@@ -117,7 +143,8 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   return static_cast<Socket>(s);
 }
 
-Socket acceptClient(Socket listener) {
+Socket acceptClient(Socket listener, bool* outOfHandles) {
+  if (outOfHandles) *outOfHandles = false;
   const SOCKET s = ::accept(asSocket(listener), nullptr, nullptr);
   if (s == INVALID_SOCKET) return kNoSocket;
   prepare(s);
