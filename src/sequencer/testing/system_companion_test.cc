@@ -62,8 +62,6 @@ TEST_F(SystemCompanionTest, WhatTheProgramsCannotDoIsReported) {
             "LinkExecute - no program answers the DDE topic Nobody|System on this computer");
   EXPECT_EQ(Run({"LINKEXECUTE LG_Raw|System, Status, Refuse"}),
             "LinkExecute - LG_Raw|System did not carry out the DDE command \"Refuse\"");
-  EXPECT_EQ(Run({"LINKPOKE LG_Raw|System, Locked, 1"}),
-            "LinkPoke - LG_Raw|System did not take the DDE item Locked");
   EXPECT_EQ(Run({"LINKPOKE Sheet1, R1C1, 1"}),
             "LinkPoke - a DDE topic is written Program|Topic, not \"Sheet1\"");
   EXPECT_EQ(Run({"STARTSTREAMER c:\\data\\run2.dat"}), "");
