@@ -9,14 +9,15 @@
 #include <fstream>
 #include <thread>
 
-#include "common/file_system.h"
 #include "bench_support.h"
+#include "common/file_system.h"
 #include "engine/engine.h"
-#include "instrument/link/channel_commands.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
-#include "instrument/tcp/rig_server.h"
 #include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/link_key.h"
+#include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"
 
 namespace tavrix::bench {
@@ -45,7 +46,8 @@ void BM_SendLinesInProcessRig(benchmark::State& state) {
   const std::string path = WriteSequence(lines);
   QuietOperator op;
   Engine engine(std::make_unique<SystemClock>(), op);
-  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(), engine.paths(), nullptr);
+  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(),
+                                   engine.paths(), nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;
@@ -104,8 +106,10 @@ void BM_SendExchangeThroughTheLayer(benchmark::State& state) {
 }
 BENCHMARK(BM_SendExchangeThroughTheLayer);
 
-// One command and its reply with a rig server on loopback.
-void BM_TcpLoopbackExchange(benchmark::State& state) {
+// One command and its reply with a rig server on loopback: the built-in rig,
+// or (`bridged`) a link library served as the 32-bit bridge serves the rig
+// PC's libraries, with the key check done once at connection.
+void LoopbackExchanges(benchmark::State& state, bool bridged) {
   const std::string rig = WriteRig();
   RigServer server;
   std::string error;
@@ -113,16 +117,32 @@ void BM_TcpLoopbackExchange(benchmark::State& state) {
     state.SkipWithError(error.c_str());
     return;
   }
-  RigSetup setup;
-  LoadRigSetupFile(localFiles(), rig, setup, error);
-  server.model().load(std::move(setup));
+  SystemClock clock;
+  const std::string key(kNewKeyBytes, '\x5a');
+  if (bridged) {
+    auto service = std::make_unique<LibraryService>(
+        std::make_unique<SimLink>(clock, std::string(), localFiles()));
+    if (!service->open(error)) {
+      state.SkipWithError(error.c_str());
+      return;
+    }
+    server.serveLibrary(std::move(service));
+    server.requireKey(key);
+  } else {
+    RigSetup setup;
+    LoadRigSetupFile(localFiles(), rig, setup, error);
+    server.model().load(std::move(setup));
+  }
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });
-  SystemClock clock;
   TcpLink link(clock, "127.0.0.1", server.port());
+  if (bridged) link.setKey(key);
   int16_t handle = 0;
+  SetupLoad load;
   if (link.openInterface(handle) != 0) {
     state.SkipWithError("cannot connect to the rig server");
+  } else if (bridged && link.loadAndLockSetup(rig, 0, load) != 0) {
+    state.SkipWithError("the bridge does not load the setup");
   } else {
     std::string command(kCommandBufferLength, ' ');
     WriteBuffer(command, "REA TEMP1");
@@ -139,7 +159,12 @@ void BM_TcpLoopbackExchange(benchmark::State& state) {
   serving.join();
   std::remove(rig.c_str());
 }
+
+void BM_TcpLoopbackExchange(benchmark::State& state) { LoopbackExchanges(state, false); }
 BENCHMARK(BM_TcpLoopbackExchange)->UseRealTime();
+
+void BM_BridgeLoopbackExchange(benchmark::State& state) { LoopbackExchanges(state, true); }
+BENCHMARK(BM_BridgeLoopbackExchange)->UseRealTime();
 
 }  // namespace
 }  // namespace tavrix::bench

@@ -14,6 +14,7 @@
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/instrument.h"
+#include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
 #include "platform/companion_programs.h"
@@ -309,16 +310,20 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.useReplyTimeout = true;
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
+  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
+  const std::string link = !options.link.empty()    ? options.link
+                           : !settings.link.empty() ? settings.link
+                                                    : std::string(kLinkSim);
   engine.setLinkFactory(MakeLinkLibrary);
-  if (!engine.attachInstrument(settings, options.link, &error)) {
+  if (!engine.attachInstrument(settings, link, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
-    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n",
-                 options.link.c_str(), instrument->link().lastErrorText().c_str(),
+    std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n", link.c_str(),
+                 instrument->link().lastErrorText().c_str(),
                  problem.empty() ? "" : (" (" + problem + ")").c_str());
     return kExitUsage;
   }
@@ -390,6 +395,39 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
+int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
+           const std::atomic<bool>* stop) {
+  std::string error;
+  if (options.newKey) {
+    if (!WriteNewLinkKey(*options.newKey, error)) {
+      std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    std::fprintf(out, "tavrix-cli rig: wrote a new key to %s\n", options.newKey->c_str());
+    return kExitOk;
+  }
+  RigServing serving;
+  serving.listen = options.listen;
+  serving.setupFile = options.setup;
+  serving.keyFile = options.key.value_or("");
+  InstrumentSettings settings;
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(localFiles(), *options.instrumentSettings, settings, error)) {
+    std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  SystemClock clock;
+  if (options.link != kLinkSim) {
+    serving.library = MakeLinkLibrary(options.link, clock, settings, localFiles(), &error);
+    if (!serving.library) {
+      std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    serving.libraryName = options.link;
+  }
+  return RunRigServer(std::move(serving), err, stop);
+}
+
 int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                   std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
@@ -417,6 +455,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                          "Hardware setup (.ims) to load before the first line");
   runCommand->add_option("--link", run.link,
                          "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
+  runCommand->add_option("--link-key", run.linkKey,
+                         "Key file for a rig server that asks for a key (tcp:// links)");
   runCommand->add_option("--reply-timeout", run.replyTimeout,
                          "Give up a device exchange after SECONDS");
   runCommand->add_option("--instrument-settings", run.instrumentSettings,
@@ -439,10 +479,23 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
-  CLI::App* rigCommand = app.add_subcommand("rig", "Serve the simulated rig over TCP");
+  CLI::App* rigCommand = app.add_subcommand(
+      "rig", "Serve the simulated rig, or the rig PC's link libraries, over TCP (tcp:// links)");
   rigCommand->add_option("--listen", rig.listen,
-                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025)");
-  rigCommand->add_option("--setup", rig.setup, "The rig's setup file (.ims)");
+                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025); any address "
+                         "but 127.x.x.x needs --key");
+  rigCommand->add_option("--setup", rig.setup, "The simulated rig's setup file (.ims)");
+  rigCommand
+      ->add_option("--link", rig.link,
+                   "What to serve: sim (the simulated rig, default) or dll (the rig PC's "
+                   "libraries, 32-bit Windows build)")
+      ->check(CLI::IsMember({"sim", "dll"}));
+  rigCommand->add_option("--key", rig.key,
+                         "Key file: clients must prove they hold the same key (--link-key)");
+  rigCommand->add_option("--new-key", rig.newKey,
+                         "Write a new random key to FILE (readable by its owner only) and exit");
+  rigCommand->add_option("--instrument-settings", rig.instrumentSettings,
+                         "Settings file: where the dll link finds its libraries");
 
   std::vector<std::string> lintFiles;
   CLI::App* lintCommand = AddLintCommand(app, lintFiles);
@@ -467,7 +520,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
-  if (rigCommand->parsed()) return RunRigServer(rig.listen, rig.setup, err);
+  if (rigCommand->parsed()) return RunRig(rig, out, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,7 +43,8 @@ struct RunOptions {
   std::string companions = "record";
   // The instrument link.
   std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
-  std::string link = "sim";                       // "sim" or "tcp://HOST:PORT"
+  std::string link;  // "sim", "dll" or "tcp://HOST:PORT"; "" for the settings file's, else "sim"
+  std::optional<std::string> linkKey;             // key file for a rig server that asks for one
   std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
   std::optional<std::string> instrumentSettings;  // a settings file (docs/instrument-settings.md)
   // Only messages and the summary, even on a terminal.
@@ -60,11 +62,20 @@ struct RunOptions {
   int64_t loopWarningLines = kLoopWarningLines;
 };
 
-// `tavrix-cli rig`: serves the simulated rig over TCP.
+// `tavrix-cli rig`: serves the simulated rig, or another link, over TCP.
 struct RigOptions {
   std::string listen = "127.0.0.1:5025";
   std::string setup;
+  std::string link = "sim";  // what is served: "sim" or "dll"
+  std::optional<std::string> key;
+  std::optional<std::string> newKey;  // only make a key file
+  std::optional<std::string> instrumentSettings;
 };
+
+// Runs `tavrix-cli rig`; returns the exit status. Serves until `stop` (when
+// given) becomes true.
+int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
+           const std::atomic<bool>* stop = nullptr);
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,
 // a trace to "-" goes to `out`.

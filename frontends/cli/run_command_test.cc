@@ -13,6 +13,7 @@
 #include <atomic>
 #include <thread>
 
+#include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 
 namespace tavrix {
@@ -172,6 +173,71 @@ TEST_F(CliTest, TheInstrumentLinkOptions) {
   EXPECT_EQ(out_.find("\"ev\":\"iml\""), std::string::npos) << out_;
   EXPECT_EQ(Cli({"rig", "--listen", "nowhere", "--setup", rig}), kExitUsage);
   EXPECT_NE(err_.find("\"nowhere\" is not HOST:PORT"), std::string::npos) << err_;
+}
+
+TEST_F(CliTest, TheRigCommandLetsOtherComputersInOnlyWithAKey) {
+  const std::string key = Path("bridge.key");
+  EXPECT_EQ(Cli({"rig", "--new-key", key}), kExitOk) << err_;
+  EXPECT_EQ(out_, "tavrix-cli rig: wrote a new key to " + key + "\n");
+  EXPECT_EQ(Cli({"rig", "--new-key", key}), kExitUsage);
+  EXPECT_NE(err_.find("cannot make the key file " + key), std::string::npos) << err_;
+
+  // An address other computers can reach needs a key; the refusal comes
+  // before anything listens.
+  EXPECT_EQ(Cli({"rig", "--listen", "0.0.0.0:0"}), kExitUsage);
+  EXPECT_NE(err_.find("listening on 0.0.0.0 lets other computers reach the rig, so it needs a key"),
+            std::string::npos)
+      << err_;
+  EXPECT_EQ(Cli({"rig", "--listen", "192.168.1.10:5025", "--key", Path("nokey")}), kExitUsage);
+  EXPECT_NE(err_.find("cannot read the key file"), std::string::npos) << err_;
+  EXPECT_EQ(Cli({"rig", "--link", "serial"}), kExitUsage);
+#ifndef _WIN32
+  // The rig PC's libraries load only into a Windows program.
+  EXPECT_EQ(Cli({"rig", "--link", "dll"}), kExitUsage);
+  EXPECT_NE(err_.find("tavrix-cli rig: "), std::string::npos) << err_;
+#endif
+
+  // A keyed server on loopback: the run with the key traces as the run on
+  // the simulated rig; the run without it does not start.
+  const std::string rig = File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
+  const std::string seq = File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--trace", "-", seq}), kExitOk) << err_;
+  const std::string simTrace = out_;
+  {
+    // What `rig --key` serves: a server that needs the key.
+    RigOptions options;
+    options.listen = "127.0.0.1:0";
+    options.key = key;
+    std::atomic<bool> stopAtOnce{true};
+    Captured log;
+    EXPECT_EQ(RunRig(options, nullptr, log.stream(), &stopAtOnce), kExitOk);
+    EXPECT_NE(log.take().find("serving an empty rig on 127.0.0.1:"), std::string::npos);
+  }
+  RigServer server;
+  std::string error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  std::string keyBytes;
+  ASSERT_TRUE(LoadLinkKey(key, keyBytes, error)) << error;
+  server.requireKey(keyBytes);
+  std::atomic<bool> stop{false};
+  std::thread serving([&] { server.serve(stop); });
+  const std::string link = "tcp://127.0.0.1:" + std::to_string(server.port());
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--link", link, "--link-key", key,
+                 "--trace", "-", seq}),
+            kExitOk)
+      << err_;
+  EXPECT_EQ(out_, simTrace);
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--link", link, seq}), kExitUsage);
+  EXPECT_NE(err_.find("refused the link: this rig server needs a key"), std::string::npos) << err_;
+  // The settings file names the link and the key as well.
+  const std::string settings = File("bridge.cfg", "link = " + link + "\nlink_key = " + key + "\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--instrument-settings", settings,
+                 "--trace", "-", seq}),
+            kExitOk)
+      << err_;
+  EXPECT_EQ(out_, simTrace);
+  stop = true;
+  serving.join();
 }
 
 }  // namespace

@@ -4,10 +4,13 @@
 
 #include <QApplication>
 #include <QFileInfo>
+#include <QMessageBox>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <new>
 
+#include "link_bridge.h"
 #include "main_window.h"
 #include "window_engine.h"
 
@@ -50,8 +53,43 @@ int RunWindow(int argc, char** argv) {
     if (i == 1 && arg.find(' ') != std::string::npos && arg.front() != '"') arg = '"' + arg + '"';
     commandLine += (i > 1 ? " " : "") + arg;
   }
-  tavrix::MainWindow window([](tavrix::Operator& op) { return tavrix::MakeWindowEngine(op); },
-                            commandLine);
+  // The instrument settings: the file $TAVRIX_SETTINGS names, else
+  // tavrix.cfg beside the program when there is one.
+  tavrix::InstrumentSettings settings;
+  std::string settingsFile;
+  if (const char* named = std::getenv("TAVRIX_SETTINGS"); named != nullptr && *named != '\0') {
+    settingsFile = named;
+  } else if (const QString beside = QCoreApplication::applicationDirPath() + "/tavrix.cfg";
+             QFileInfo(beside).isFile()) {
+    settingsFile = beside.toLocal8Bit().toStdString();
+  }
+  std::string error;
+  if (!settingsFile.empty() &&
+      !tavrix::LoadInstrumentSettings(tavrix::localFiles(), settingsFile, settings, error)) {
+    QMessageBox::critical(nullptr, "tavrix", QString::fromStdString(error));
+    return 2;
+  }
+  // The window runs on the simulated rig unless the settings name a link;
+  // the rig PC's libraries are reached through the bridge when this window
+  // cannot load them itself.
+  const tavrix::LinkPlan plan =
+      tavrix::PlanLink(settings, settingsFile, tavrix::DllLoadsInProcess(settings),
+                       QCoreApplication::applicationDirPath());
+  std::unique_ptr<tavrix::LinkBridge> bridge;
+  std::string link = plan.link;
+  if (plan.bridge) {
+    bridge = tavrix::LinkBridge::findOrStart(plan, settings.linkKeyFile, error);
+    if (!bridge) {
+      QMessageBox::critical(nullptr, "tavrix", QString::fromStdString(error));
+      return 2;
+    }
+    link = bridge->link();
+  }
+  tavrix::MainWindow window(
+      [settings, link](tavrix::Operator& op) {
+        return tavrix::MakeWindowEngine(op, nullptr, settings, link);
+      },
+      commandLine);
   window.show();
   return app.exec();
 }

@@ -1,7 +1,6 @@
 #include "report_dialog.h"
 
 #include <QFileDialog>
-#include <QFileInfo>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -15,6 +14,7 @@
 #include <QTextDocument>
 #include <QVBoxLayout>
 
+#include "common/file_system.h"
 #include "common/text_conventions.h"
 #include "qt_text.h"
 
@@ -176,7 +176,9 @@ bool ReportDialog::printToPdf(const QString& path) {
   printer.setOutputFormat(QPrinter::PdfFormat);
   printer.setOutputFileName(path);
   print(printer);
-  return QFileInfo(path).size() > 0;
+  // The printer writes the file itself; whether it did is asked of the file
+  // system.
+  return localFiles().info(path.toLocal8Bit().toStdString()).size > 0;
 }
 
 void ReportDialog::printOnDefaultPrinter() {

@@ -2,10 +2,12 @@
 
 #include <cstdio>
 
+#include "instrument/backends/link_backends.h"
+
 namespace tavrix {
 
 std::unique_ptr<Engine> MakeWindowEngine(Operator& op, std::unique_ptr<FileSystem> files,
-                                         InstrumentSettings settings) {
+                                         InstrumentSettings settings, const std::string& link) {
   auto engine = std::make_unique<Engine>(std::make_unique<SystemClock>(), op, std::move(files));
   const auto report = [](const std::string& text) {
     std::fprintf(stderr, "tavrix: %s\n", text.c_str());
@@ -13,7 +15,8 @@ std::unique_ptr<Engine> MakeWindowEngine(Operator& op, std::unique_ptr<FileSyste
   std::string error;
   if (!engine->feedResultsStore(settings.resultsStore, settings.station, report, &error))
     report("results store: " + error);
-  if (engine->attachInstrument(std::move(settings), "sim", &error)) {
+  engine->setLinkFactory(MakeLinkLibrary);
+  if (engine->attachInstrument(std::move(settings), link, &error)) {
     engine->instrument()->ensureOpen();
   } else {
     report(error);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "engine/engine.h"
 
@@ -14,7 +15,9 @@ namespace tavrix {
 // `files`: the run's file system (the machine's, below defaultDataRoot(),
 // when none is given). Problems of the results store's journal are written
 // to standard error; the run goes on.
+// `link`: the link specification, as tavrix-cli run's --link takes it.
 std::unique_ptr<Engine> MakeWindowEngine(Operator& op, std::unique_ptr<FileSystem> files = nullptr,
-                                         InstrumentSettings settings = {});
+                                         InstrumentSettings settings = {},
+                                         const std::string& link = "sim");
 
 }  // namespace tavrix

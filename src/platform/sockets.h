@@ -24,8 +24,16 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error);
 // handles left for it, the client is still taken off the queue (a handle
 // kept in reserve makes room) and `outOfHandles` is set: the caller tells it
 // why and closes it, instead of the listener staying ready for ever.
-Socket acceptClient(Socket listener, bool* outOfHandles = nullptr);
+// `peer` (when given) gets the client's "ADDRESS:PORT", for a log.
+Socket acceptClient(Socket listener, bool* outOfHandles = nullptr, std::string* peer = nullptr);
+// Whether `host` is a numeric IPv4 address, and one of the loopback block
+// 127.0.0.0/8.
+bool isIpv4Address(const std::string& host);
+bool isLoopbackAddress(const std::string& host);
 void closeSocket(Socket socket);
+// Ends both directions of a connection without closing its handle: a thread
+// waiting on the socket wakes and finds it closed.
+void shutdownSocket(Socket socket);
 
 // Results of sendSome/receiveSome besides a byte count.
 inline constexpr long kWouldBlock = -1;

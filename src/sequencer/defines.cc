@@ -93,14 +93,7 @@ void ExecuteDefine(DefineState& state, Sequencer& seq, const DefineCommand& cmd)
   }
   std::string copy = text;
   const bool isChain = SplitCommandLine(copy).word == "CHAIN";
-  for (auto& entry : seq.defineTable()) {
-    if (upperCase(trim(entry.first)) == upperCase(name)) {
-      entry.second = text;
-      entry.isChain = isChain;
-      return;
-    }
-  }
-  seq.addDefine({name, text, isChain});
+  if (!seq.replaceDefine(name, text, isChain)) seq.addDefine({name, text, isChain});
 }
 
 // ONTIMEOUT [seconds[, target]]: no seconds, or 0, disarms.

@@ -520,6 +520,18 @@ void Sequencer::addDefine(DefineEntry entry) {
   defines_.push_back(std::move(entry));
 }
 
+bool Sequencer::replaceDefine(std::string_view name, std::string second, bool isChain) {
+  const std::string wanted = upperCase(name);
+  for (auto& entry : defines_) {
+    if (upperCase(trim(entry.first)) == wanted) {
+      entry.second = std::move(second);
+      entry.isChain = isChain;
+      return true;
+    }
+  }
+  return false;
+}
+
 void Sequencer::setStopEnabled(bool enabled) {
   controls_.stopEnabled = enabled;
   publishControls();

@@ -195,8 +195,11 @@ class Sequencer {
   // stale expired flag is cleared and nothing else happens).
   bool takeTimeoutActionNow();
 
-  std::vector<DefineEntry>& defineTable() { return defines_; }
+  const std::vector<DefineEntry>& defineTable() const { return defines_; }
   void addDefine(DefineEntry entry);
+  // Gives the first entry named `name` (blanks around the entry's name and
+  // case aside) the command `second`; false when there is none.
+  bool replaceDefine(std::string_view name, std::string second, bool isChain);
 
   // The jump and timeout target shared by jumps and timeout actions: a
   // define's name or a label.

@@ -2,6 +2,7 @@
 
 #include "instrument/dll/dll_link.h"
 #include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/link_key.h"
 #include "instrument/tcp/tcp_link.h"
 
 namespace tavrix {
@@ -19,7 +20,17 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
       if (error) *error = "the link \"" + std::string(linkSpec) + "\" is not tcp://HOST:PORT";
       return nullptr;
     }
-    return std::make_unique<TcpLink>(clock, host, port, files);
+    auto link = std::make_unique<TcpLink>(clock, host, port, files);
+    if (!settings.linkKeyFile.empty()) {
+      std::string key;
+      std::string why;
+      if (!LoadLinkKey(settings.linkKeyFile, key, why)) {
+        if (error) *error = why;
+        return nullptr;
+      }
+      link->setKey(std::move(key));
+    }
+    return link;
   }
   if (linkSpec == kLinkDll) {
     std::string why;

@@ -61,6 +61,18 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);
+  } else if (k == "link") {
+    link = std::string(value);
+  } else if (k == "link_key") {
+    linkKeyFile = std::string(value);
+  } else if (k == "bridge_program") {
+    bridgeProgram = std::string(value);
+  } else if (k == "bridge_port") {
+    if (parseCount(value, 1, 65535, n)) {
+      bridgePort = static_cast<int>(n);
+    } else {
+      error = "bridge_port takes a port number 1-65535";
+    }
   } else if (k == "library_folder") {
     libraryFolder = std::string(value);
   } else if (k == "link_library") {

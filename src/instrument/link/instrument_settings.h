@@ -30,6 +30,16 @@ struct InstrumentSettings {
   std::string libraryFolder;
   std::string linkLibraryName = "commslib.dll";
   std::string setupLibraryName = "imslib.dll";
+  // The link a program uses when its command line names none: "sim", "dll"
+  // or "tcp://HOST:PORT" ("" for the program's own default).
+  std::string link;
+  // The key file for a rig server that asks for a key ("" for none).
+  std::string linkKeyFile;
+  // The window's link bridge, started when the window cannot load the "dll"
+  // link itself: the 32-bit tavrix-cli ("" for tavrix-cli32.exe beside the
+  // window) and the loopback port it listens on.
+  std::string bridgeProgram;
+  int bridgePort = 5026;
   // Where UUT records go besides the results files (docs/results-database.md):
   // empty for the database file in the data root, "off", "sqlite:FILE" or a
   // server's connection string. And this station's name in them.

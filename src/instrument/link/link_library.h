@@ -57,9 +57,17 @@ struct SetupLoad {
   std::string message;
 };
 
+class EventLoop;
+
 class LinkLibrary {
  public:
   virtual ~LinkLibrary() = default;
+
+  // The run's event loop, for a library whose calls wait for something
+  // outside the program (a rig server's response): such waits go through
+  // the loop, as the run's other waits do. The link layer gives it before
+  // the first call.
+  virtual void useEventLoop(EventLoop& /*events*/) {}
 
   // --- The instrument link library ------------------------------------------
   // Fills in `handle`.

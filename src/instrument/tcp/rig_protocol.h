@@ -20,6 +20,9 @@ inline constexpr std::string_view kRigGreeting = "TAVRIX-RIG 1";
 inline constexpr int32_t kRigRequestTooLong = 36;
 inline constexpr int32_t kRigTooManyClients = 37;
 inline constexpr int32_t kRigIdleClosed = 38;
+// The key check failed (or a client without a key came to a server that
+// needs one); the server closes the connection after it.
+inline constexpr int32_t kRigKeyRefused = 39;
 
 // "\" -> "\\", LF -> "\n", CR -> "\r", TAB -> "\t", NUL -> "\0".
 std::string EscapeField(std::string_view text);

@@ -6,11 +6,15 @@
 #include <cstring>
 #include <vector>
 
+#include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "platform/sockets.h"
 
 namespace tavrix {
 namespace {
+
+constexpr std::string_view kTextNeedsKey =
+    "this rig server needs a key (--link-key); the connection is closed";
 
 constexpr int32_t kUnknownRequest = 35;
 
@@ -28,14 +32,6 @@ bool toNumber(std::string_view text, T& out) {
   return ec == std::errc() && end == text.data() + text.size() && !text.empty();
 }
 
-struct Client {
-  platform::Socket socket;
-  std::string in;
-  std::string out;
-  int64_t lastHeardMs = 0;
-  bool closing = false;  // closed once `out` is sent
-};
-
 int64_t steadyMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
              std::chrono::steady_clock::now().time_since_epoch())
@@ -50,6 +46,25 @@ void refuse(platform::Socket socket, int32_t code, std::string_view why) {
 }
 
 }  // namespace
+
+struct RigServer::Client {
+  platform::Socket socket = platform::kNoSocket;
+  std::string in;
+  std::string out;
+  int64_t lastHeardMs = 0;
+  bool closing = false;  // closed once `out` is sent
+  std::string peer;
+  // The key check: passed (always, on a server without a key), and the two
+  // nonces of this connection once the client has sent its own.
+  bool trusted = false;
+  int64_t acceptedMs = 0;
+  std::string linkNonce;
+  std::string serverNonce;
+};
+
+bool IsLoopbackAddress(std::string_view host) {
+  return platform::isLoopbackAddress(std::string(host));
+}
 
 RigServer::~RigServer() { platform::closeSocket(listener_); }
 
@@ -86,9 +101,17 @@ std::string RigServer::answer(std::string_view line) {
   int device = 0;
   Micros t = 0;
   if (verb == "HELLO") return reply(0, kRigGreeting);
+  if (library_) {
+    if (const auto answered = library_->answer(verb, rest)) {
+      return answered->text ? reply(answered->code, *answered->text) : reply(answered->code);
+    }
+    return reply(kUnknownRequest, "unknown request");
+  }
   if (verb == "VERSION") return reply(0, kRigInterfaceVersion);
   if (verb == "IMSVERSION") return reply(kRigSetupLibVersionNumber, kRigSetupLibVersion);
   if (verb == "UNLOCK") return reply(0);
+  // The built-in rig has no directory of its own on the server's side.
+  if (verb == "DIRPATH") return reply(0, "");
   if (verb == "SEND" && toNumber(nextWord(rest), device) && toNumber(nextWord(rest), t)) {
     const int32_t code = model_.send(device, UnescapeField(rest), t);
     if (code == link_result::kOk && model_.replyReadyNow(device, t)) {
@@ -129,6 +152,36 @@ std::string RigServer::answer(std::string_view line) {
   return reply(kUnknownRequest, "unknown request");
 }
 
+std::string RigServer::handshake(Client& c, std::string_view line) {
+  const auto refuse = [&](std::string_view toLog, std::string_view toClient) {
+    tell("refused " + c.peer + ": " + std::string(toLog));
+    c.closing = true;
+    return "0 " + std::to_string(kRigKeyRefused) + " =" + EscapeField(toClient);
+  };
+  std::string_view rest = line;
+  const std::string_view id = nextWord(rest);
+  const std::string_view verb = nextWord(rest);
+  uint64_t number = 0;
+  if (!toNumber(id, number)) return refuse("it did not begin with the key check", kTextNeedsKey);
+  if (verb == "KEY" && c.linkNonce.empty() && IsNonce(rest)) {
+    c.linkNonce = std::string(rest);
+    c.serverNonce = NewNonce();
+    if (c.serverNonce.empty()) return refuse("no random numbers for its nonce", kTextNeedsKey);
+    return std::string(id) + " 0 =" + c.serverNonce + " " +
+           ServerProof(key_, c.linkNonce, c.serverNonce);
+  }
+  if (verb == "PROOF" && !c.linkNonce.empty()) {
+    if (!SameProof(rest, LinkProof(key_, c.serverNonce, c.linkNonce))) {
+      return refuse("its key is not this server's key",
+                    "the bridge refused the key; the connection is closed");
+    }
+    c.trusted = true;
+    return std::string(id) + " 0";
+  }
+  return refuse(verb == "HELLO" ? "it has no key" : "it did not begin with the key check",
+                kTextNeedsKey);
+}
+
 void RigServer::serve(const std::atomic<bool>& stop) {
   const std::function<int64_t()> now = nowMs_ ? nowMs_ : std::function<int64_t()>(steadyMs);
   std::vector<Client> clients;
@@ -147,14 +200,21 @@ void RigServer::serve(const std::atomic<bool>& stop) {
     const int64_t nowMs = now();
     if (watches[0].readable) {
       bool outOfHandles = false;
-      const platform::Socket socket = platform::acceptClient(listener_, &outOfHandles);
+      std::string peer;
+      const platform::Socket socket = platform::acceptClient(listener_, &outOfHandles, &peer);
       if (socket != platform::kNoSocket && outOfHandles) {
         refuse(socket, kRigTooManyClients, "the rig server has no file descriptors left");
       } else if (socket != platform::kNoSocket && clients.size() >= kMaxClients) {
         refuse(socket, kRigTooManyClients,
                "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
       } else if (socket != platform::kNoSocket) {
-        clients.push_back({socket, {}, {}, nowMs, false});
+        Client client;
+        client.socket = socket;
+        client.lastHeardMs = nowMs;
+        client.peer = peer;
+        client.trusted = key_.empty();
+        client.acceptedMs = nowMs;
+        clients.push_back(std::move(client));
       }
     }
     for (size_t i = 0; i + 1 < watches.size() && i < clients.size(); ++i) {
@@ -164,7 +224,8 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         char chunk[8192];
         // Reads up to the bound of one request, so that a line without end
         // costs no more than that.
-        while (c.in.size() <= kMaxRequestBytes) {
+        const size_t bound = c.trusted ? kMaxRequestBytes : kMaxHandshakeBytes;
+        while (c.in.size() <= bound) {
           const long n = platform::receiveSome(c.socket, chunk, sizeof chunk);
           if (n > 0) {
             c.in.append(chunk, static_cast<size_t>(n));
@@ -183,11 +244,23 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
         c.out += line.size() > kMaxRequestBytes
                      ? "0 " + std::to_string(kRigRequestTooLong) + " =request line too long"
-                     : answer(line);
+                 : c.trusted ? answer(line)
+                             : handshake(c, line);
         c.out += '\n';
         start = eol + 1;
       }
       c.in.erase(0, start);
+      if (!c.closing && !c.trusted &&
+          (c.in.size() > kMaxHandshakeBytes || nowMs - c.acceptedMs > kHandshakeTimeoutMs)) {
+        c.out += "0 " + std::to_string(kRigKeyRefused) + " =" + EscapeField(kTextNeedsKey) + "\n";
+        tell("refused " + c.peer + ": " +
+             (c.in.size() > kMaxHandshakeBytes
+                  ? "it did not begin with the key check"
+                  : "no key check within " + std::to_string(kHandshakeTimeoutMs / 1000) +
+                        " seconds"));
+        c.in.clear();
+        c.closing = true;
+      }
       if (!c.closing && c.in.size() > kMaxRequestBytes && c.in.find('\n') == std::string::npos) {
         c.out +=
             "0 " + std::to_string(kRigRequestTooLong) + " =" +
@@ -225,27 +298,49 @@ void RigServer::serve(const std::atomic<bool>& stop) {
   for (auto& c : clients) platform::closeSocket(c.socket);
 }
 
-int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,
-                 const std::atomic<bool>* stop) {
-  RigServer server;
-  RigSetup setup;
-  std::string error;
-  if (!setupFile.empty()) {
-    if (!LoadRigSetupFile(localFiles(), setupFile, setup, error)) {
-      std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
-      return 2;
-    }
-    server.model().load(std::move(setup));
-  }
-  if (!server.listen(listen, error)) {
+int RunRigServer(RigServing serving, std::FILE* log, const std::atomic<bool>* stop) {
+  const auto fail = [log](const std::string& error) {
     std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
     return 2;
-  }
+  };
+  RigServer server;
+  std::string error;
   std::string host;
-  uint16_t ignored = 0;
-  ParseHostPort(listen, host, ignored);
-  std::fprintf(log, "tavrix-cli rig: serving %s on %s:%u\n",
-               setupFile.empty() ? "an empty rig" : setupFile.c_str(), host.c_str(), server.port());
+  uint16_t port = 0;
+  if (!ParseHostPort(serving.listen, host, port)) {
+    return fail("the address \"" + serving.listen + "\" is not HOST:PORT");
+  }
+  if (serving.keyFile.empty() && platform::isIpv4Address(host) && !IsLoopbackAddress(host)) {
+    return fail("listening on " + host +
+                " lets other computers reach the rig, so it needs a key: give one with --key FILE "
+                "(tavrix-cli rig --new-key FILE makes one), or listen on 127.0.0.1");
+  }
+  if (!serving.keyFile.empty()) {
+    std::string key;
+    if (!LoadLinkKey(serving.keyFile, key, error)) return fail(error);
+    server.requireKey(std::move(key));
+  }
+  std::string what;
+  if (serving.library) {
+    auto service = std::make_unique<LibraryService>(std::move(serving.library));
+    if (!service->open(error)) return fail(serving.libraryName + ": " + error);
+    server.serveLibrary(std::move(service));
+    what = "the " + serving.libraryName + " link";
+  } else {
+    if (!serving.setupFile.empty()) {
+      RigSetup setup;
+      if (!LoadRigSetupFile(localFiles(), serving.setupFile, setup, error)) return fail(error);
+      server.model().load(std::move(setup));
+    }
+    what = serving.setupFile.empty() ? "an empty rig" : serving.setupFile;
+  }
+  if (!server.listen(serving.listen, error)) return fail(error);
+  server.setLog([log](const std::string& text) {
+    std::fprintf(log, "tavrix-cli rig: %s\n", text.c_str());
+    std::fflush(log);
+  });
+  std::fprintf(log, "tavrix-cli rig: serving %s on %s:%u%s\n", what.c_str(), host.c_str(),
+               server.port(), serving.keyFile.empty() ? "" : " to clients with the key");
   std::fflush(log);
   static const std::atomic<bool> never{false};
   server.serve(stop != nullptr ? *stop : never);

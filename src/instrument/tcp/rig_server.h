@@ -9,10 +9,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "instrument/link/link_library.h"
 #include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/library_service.h"
 #include "platform/sockets.h"
 
 namespace tavrix {
@@ -29,6 +32,11 @@ inline constexpr size_t kMaxRequestBytes = size_t{8} << 20;
 inline constexpr size_t kMaxQueuedReplyBytes = size_t{1} << 20;
 inline constexpr size_t kMaxClients = 64;
 inline constexpr int64_t kIdleTimeoutMs = 60LL * 60 * 1000;
+// A server with a key serves nobody before the key check (link_key.h): until
+// then a request line may hold at most kMaxHandshakeBytes, and a connection
+// that has not passed the check within kHandshakeTimeoutMs is dropped.
+inline constexpr size_t kMaxHandshakeBytes = 512;
+inline constexpr int64_t kHandshakeTimeoutMs = 10'000;
 
 class RigServer {
  public:
@@ -39,6 +47,15 @@ class RigServer {
 
   RigModel& model() { return model_; }
 
+  // Serves `library` (opened already) instead of the simulated rig.
+  void serveLibrary(std::unique_ptr<LibraryService> library) { library_ = std::move(library); }
+  // Every client must prove that it knows `key` (raw bytes) before any
+  // request is served; the server proves it as well. Empty: no key check.
+  void requireKey(std::string key) { key_ = std::move(key); }
+  // Where the server tells of the clients it refuses (one line each, no
+  // line end). Nothing is told when unset.
+  void setLog(std::function<void(const std::string&)> log) { log_ = std::move(log); }
+
   // Listens on "HOST:PORT" (port 0 picks a free one). False with a message.
   bool listen(std::string_view hostPort, std::string& error);
   uint16_t port() const { return port_; }
@@ -46,7 +63,8 @@ class RigServer {
   // Serves clients until `stop` becomes true (checked at least every 100 ms).
   void serve(const std::atomic<bool>& stop);
 
-  // Answers one request line (without its line end), as the server does.
+  // Answers one request line (without its line end) of a client that has
+  // passed the key check, as the server does.
   std::string answer(std::string_view line);
 
   // The monotonic clock the idle time-out is measured on, in milliseconds
@@ -54,16 +72,42 @@ class RigServer {
   void setClock(std::function<int64_t()> nowMs) { nowMs_ = std::move(nowMs); }
 
  private:
+  struct Client;
+  // Answers a line of a client that has not passed the key check yet; marks
+  // the client to be closed when it fails the check.
+  std::string handshake(Client& client, std::string_view line);
+  void tell(const std::string& text) const {
+    if (log_) log_(text);
+  }
+
   RigModel model_;
+  std::unique_ptr<LibraryService> library_;
+  std::string key_;
+  std::function<void(const std::string&)> log_;
   std::function<int64_t()> nowMs_;
   platform::Socket listener_ = platform::kNoSocket;
   uint16_t port_ = 0;
 };
 
-// `tavrix-cli rig`: loads the setup file and serves it on `listen` until
-// `stop` (when given) becomes true. Messages go to `log`. Returns the exit
-// status: 0 after a stop, 2 when the setup or the address is bad.
-int RunRigServer(const std::string& listen, const std::string& setupFile, std::FILE* log,
-                 const std::atomic<bool>* stop = nullptr);
+// What `tavrix-cli rig` serves, and where.
+struct RigServing {
+  std::string listen = "127.0.0.1:5025";
+  std::string setupFile;  // the simulated rig's setup ("" for an empty rig)
+  std::string keyFile;    // "" for no key check
+  // Served instead of the simulated rig when set; `libraryName` names it in
+  // messages.
+  std::unique_ptr<LinkLibrary> library;
+  std::string libraryName;
+};
+
+// True for an address only this computer can reach (127.x.x.x).
+bool IsLoopbackAddress(std::string_view host);
+
+// `tavrix-cli rig`: serves the simulated rig (with its setup file loaded) or
+// the given library on `serving.listen` until `stop` (when given) becomes
+// true. Listening on an address other computers can reach needs a key file.
+// Messages go to `log`. Returns the exit status: 0 after a stop, 2 when the
+// setup, the library, the key or the address is bad.
+int RunRigServer(RigServing serving, std::FILE* log, const std::atomic<bool>* stop = nullptr);
 
 }  // namespace tavrix

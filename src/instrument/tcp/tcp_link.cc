@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/text_file.h"
+#include "instrument/tcp/link_key.h"
 
 namespace tavrix {
 namespace {
@@ -24,15 +25,115 @@ int64_t steadyMs() {
 }  // namespace
 
 TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files)
-    : clock_(clock), files_(files), host_(std::move(host)), port_(port) {}
+    : clock_(clock),
+      files_(files),
+      ownClock_(std::make_unique<SystemClock>()),
+      ownEvents_(std::make_unique<EventLoop>(*ownClock_)),
+      host_(std::move(host)),
+      port_(port) {}
 
 TcpLink::~TcpLink() { disconnect(); }
 
 void TcpLink::disconnect() {
+  if (watcher_.joinable()) {
+    {
+      std::lock_guard<std::mutex> lock(watch_->mutex);
+      watch_->quit = true;
+    }
+    watch_->wake.notify_all();
+    // Wakes a watcher that waits for the connection.
+    platform::shutdownSocket(socket_);
+    watcher_.join();
+  }
+  watch_.reset();
   platform::closeSocket(socket_);
   socket_ = platform::kNoSocket;
-  inbox_.clear();
+  ++generation_;
   for (auto& r : readyReply_) r.reset();
+}
+
+void TcpLink::useEventLoop(EventLoop& events) {
+  events_ = &events;
+  if (watch_) {
+    std::lock_guard<std::mutex> lock(watch_->mutex);
+    watch_->loop = events_;
+  }
+}
+
+void TcpLink::startWatching() {
+  watch_ = std::make_unique<Watch>();
+  watch_->loop = &events();
+  watcher_ =
+      std::thread([watch = watch_.get(), socket = socket_] { watchConnection(*watch, socket); });
+}
+
+void TcpLink::watchConnection(Watch& watch, platform::Socket socket) {
+  std::unique_lock<std::mutex> lock(watch.mutex);
+  for (;;) {
+    watch.wake.wait(lock, [&] { return watch.quit || !watch.waiting.empty(); });
+    if (watch.quit) return;
+    int64_t deadline = INT64_MAX;
+    for (const auto& [id, due] : watch.waiting) deadline = std::min(deadline, due);
+    lock.unlock();
+    std::vector<platform::Watch> ready{{socket, true, false}};
+    const int64_t left = std::clamp<int64_t>(deadline - steadyMs(), 0, 60'000);
+    std::string got;
+    bool closed = false;
+    if (platform::waitSockets(ready, static_cast<int>(left)) > 0) {
+      char chunk[4096];
+      for (;;) {
+        const long n = platform::receiveSome(socket, chunk, sizeof chunk);
+        if (n > 0) {
+          got.append(chunk, static_cast<size_t>(n));
+          continue;
+        }
+        closed = n != platform::kWouldBlock;
+        break;
+      }
+    }
+    lock.lock();
+    bool settled = false;
+    watch.inbox += got;
+    for (size_t eol; (eol = watch.inbox.find('\n')) != std::string::npos;) {
+      RigResponse response;
+      const bool parsed = ParseRigResponse(std::string_view(watch.inbox).substr(0, eol), response);
+      watch.inbox.erase(0, eol + 1);
+      if (!parsed) continue;
+      if (response.id == 0 && response.code == kRigKeyRefused) {
+        watch.refusal = response.text.value_or("");
+        settled = true;
+      } else if (response.id == 0 && response.code == kRigIdleClosed) {
+        watch.idleNotice = true;
+      } else if (watch.waiting.erase(response.id) > 0) {
+        // Responses to requests given up earlier are dropped.
+        watch.answered[response.id] = std::move(response);
+        settled = true;
+      }
+    }
+    if (closed || watch.quit) {
+      watch.closed = true;
+      watch.waiting.clear();
+      settled = true;
+    }
+    const int64_t now = steadyMs();
+    for (auto it = watch.waiting.begin(); it != watch.waiting.end();) {
+      if (it->second > now) {
+        ++it;
+        continue;
+      }
+      watch.expired.insert(it->first);
+      it = watch.waiting.erase(it);
+      settled = true;
+    }
+    const bool done = watch.closed;
+    if (settled) {
+      EventLoop* loop = watch.loop;
+      lock.unlock();
+      loop->post([] {});
+      lock.lock();
+    }
+    if (done) return;
+  }
 }
 
 bool TcpLink::connectSocket() {
@@ -40,6 +141,7 @@ bool TcpLink::connectSocket() {
   socket_ = platform::connectTcp(host_, port_, connectWaitMs, &problem_);
   if (socket_ == platform::kNoSocket) return false;
   problem_.clear();
+  startWatching();
   return true;
 }
 
@@ -56,37 +158,93 @@ int32_t TcpLink::exchange(const std::string& body, RigResponse& response, int wa
   return link_result::kOk;
 }
 
-// Waits at most until `deadline` for the socket to become ready.
-static bool waitReady(platform::Socket socket, bool forWrite, int64_t deadline, int64_t now) {
-  const int64_t left = deadline - now;
-  if (left <= 0) return false;
-  std::vector<platform::Watch> watch{{socket, !forWrite, forWrite}};
-  return platform::waitSockets(watch, static_cast<int>(left)) > 0;
-}
-
 void TcpLink::reconnectIfDropped() {
-  std::vector<platform::Watch> watch{{socket_, true, false}};
-  if (platform::waitSockets(watch, 0) != 1) return;
-  char chunk[512];
-  long n;
-  while ((n = platform::receiveSome(socket_, chunk, sizeof chunk)) > 0)
-    inbox_.append(chunk, static_cast<size_t>(n));
+  // No request is waiting, so the watcher does not read the connection now.
+  bool closed = false;
+  bool idle = false;
+  {
+    std::lock_guard<std::mutex> lock(watch_->mutex);
+    std::vector<platform::Watch> ready{{socket_, true, false}};
+    if (!watch_->closed && platform::waitSockets(ready, 0) == 1) {
+      char chunk[512];
+      long n;
+      while ((n = platform::receiveSome(socket_, chunk, sizeof chunk)) > 0)
+        watch_->inbox.append(chunk, static_cast<size_t>(n));
+      watch_->closed = n == 0;
+    }
+    closed = watch_->closed;
+    idle = watch_->idleNotice ||
+           watch_->inbox.find("0 " + std::to_string(kRigIdleClosed) + " =") != std::string::npos;
+  }
   // Only a connection the server closed for idleness is taken up again; a
   // server that went away leaves the link lost.
-  if (n != 0 || inbox_.find("0 " + std::to_string(kRigIdleClosed) + " =") == std::string::npos)
-    return;
+  if (!closed || !idle) return;
   disconnect();
   RigResponse r;
   if (!connectSocket()) return;
-  if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.text != kRigGreeting) disconnect();
+  if ((!key_.empty() && !proveKey()) || request("HELLO", r, connectWaitMs) != Outcome::kOk ||
+      r.text != kRigGreeting) {
+    disconnect();
+  }
+}
+
+bool TcpLink::proveKey() {
+  const std::string nonce = NewNonce();
+  RigResponse r;
+  if (nonce.empty()) {
+    problem_ = "the system's random generator failed";
+    return false;
+  }
+  if (request("KEY " + nonce, r, connectWaitMs) != Outcome::kOk) {
+    if (problem_.empty())
+      problem_ = "the rig server at " + address() + " did not answer the key check";
+    return false;
+  }
+  if (r.code != link_result::kOk || !r.text) {
+    problem_ = "the rig server at " + address() +
+               " asks for no key; a link with a key does not use a server that cannot prove it";
+    return false;
+  }
+  const std::string_view answer = *r.text;
+  const size_t blank = answer.find(' ');
+  const std::string_view serverNonce = answer.substr(0, blank);
+  const std::string_view serverProof =
+      blank == std::string_view::npos ? std::string_view{} : answer.substr(blank + 1);
+  if (!IsNonce(serverNonce) || !SameProof(serverProof, ServerProof(key_, nonce, serverNonce))) {
+    // A proof that cannot pass, so that the server too records the refusal.
+    request("PROOF -", r, connectWaitMs);
+    problem_ = "the bridge at " + address() + " refused the key: the two sides' keys differ";
+    return false;
+  }
+  if (request("PROOF " + LinkProof(key_, serverNonce, nonce), r, connectWaitMs) != Outcome::kOk ||
+      r.code != link_result::kOk) {
+    if (problem_.empty()) problem_ = "the bridge at " + address() + " refused the key";
+    return false;
+  }
+  return true;
 }
 
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
-  if (socket_ != platform::kNoSocket && body != "HELLO") reconnectIfDropped();
+  if (socket_ != platform::kNoSocket && body != "HELLO" && depth_ == 0) reconnectIfDropped();
   if (socket_ == platform::kNoSocket) return Outcome::kLost;
+  Watch& watch = *watch_;
   const uint64_t id = nextId_++;
-  std::string line = std::to_string(id) + " " + body + "\n";
+  const std::string line = std::to_string(id) + " " + body + "\n";
   const int64_t deadline = steadyMs() + waitMs;
+  {
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    if (!watch.closed) watch.waiting[id] = deadline;
+  }
+  if (watch.closed) {
+    disconnect();
+    return Outcome::kLost;
+  }
+  watch.wake.notify_all();
+  const auto forget = [&] {
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    watch.waiting.erase(id);
+    watch.expired.erase(id);
+  };
   size_t sent = 0;
   while (sent < line.size()) {
     const long n = platform::sendSome(socket_, line.data() + sent, line.size() - sent);
@@ -98,32 +256,54 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
       disconnect();
       return Outcome::kLost;
     }
-    if (!waitReady(socket_, true, deadline, steadyMs())) {
+    // The server reads no more for now (its buffer is full).
+    std::vector<platform::Watch> ready{{socket_, false, true}};
+    const int64_t left = deadline - steadyMs();
+    if (left <= 0 || platform::waitSockets(ready, static_cast<int>(left)) <= 0) {
       // A request cut in half would spoil the stream: give the link up.
-      if (sent > 0) disconnect();
-      return sent > 0 ? Outcome::kLost : Outcome::kNoAnswer;
+      if (sent > 0) {
+        disconnect();
+        return Outcome::kLost;
+      }
+      forget();
+      return Outcome::kNoAnswer;
     }
   }
-  for (;;) {
-    size_t eol;
-    while ((eol = inbox_.find('\n')) != std::string::npos) {
-      const std::string got = inbox_.substr(0, eol);
-      inbox_.erase(0, eol + 1);
-      // Responses to requests given up earlier are dropped.
-      if (ParseRigResponse(got, response) && response.id == id) return Outcome::kOk;
-    }
-    char chunk[4096];
-    const long n = platform::receiveSome(socket_, chunk, sizeof chunk);
-    if (n > 0) {
-      inbox_.append(chunk, static_cast<size_t>(n));
-      continue;
-    }
-    if (n == 0 || n == platform::kBroken) {
-      disconnect();
-      return Outcome::kLost;
-    }
-    if (!waitReady(socket_, false, deadline, steadyMs())) return Outcome::kNoAnswer;
+  const uint64_t generation = generation_;
+  const auto settled = [&] {
+    if (generation_ != generation) return true;
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    return watch.answered.count(id) > 0 || watch.expired.count(id) > 0 || watch.closed ||
+           watch.refusal.has_value();
+  };
+  ++depth_;
+  {
+    EventLoop::OutsideWait network(events());
+    events().waitUntil(settled);
   }
+  --depth_;
+  // A task run during the wait closed the link.
+  if (generation_ != generation) return Outcome::kLost;
+  std::unique_lock<std::mutex> lock(watch.mutex);
+  if (const auto it = watch.answered.find(id); it != watch.answered.end()) {
+    response = std::move(it->second);
+    watch.answered.erase(it);
+    return Outcome::kOk;
+  }
+  if (watch.refusal) {
+    problem_ = "the bridge at " + address() + " refused the link: " + *watch.refusal;
+    lock.unlock();
+    disconnect();
+    return Outcome::kLost;
+  }
+  if (watch.closed) {
+    lock.unlock();
+    disconnect();
+    return Outcome::kLost;
+  }
+  watch.waiting.erase(id);
+  watch.expired.erase(id);
+  return Outcome::kNoAnswer;
 }
 
 std::string TcpLink::timeText() const { return std::to_string(clock_.now()); }
@@ -131,10 +311,16 @@ std::string TcpLink::timeText() const { return std::to_string(clock_.now()); }
 int32_t TcpLink::openInterface(int16_t& handle) {
   disconnect();
   if (!connectSocket()) return link_result::kLinkLost;
+  if (!key_.empty() && !proveKey()) {
+    disconnect();
+    return link_result::kLinkLost;
+  }
   RigResponse r;
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
-    problem_ = "no rig server answers at " + host_ + ":" + std::to_string(port_) +
-               (r.text ? " (it said \"" + *r.text + "\")" : "");
+    if (problem_.empty() || socket_ != platform::kNoSocket) {
+      problem_ = "no rig server answers at " + address() +
+                 (r.text ? " (it said \"" + *r.text + "\")" : "");
+    }
     disconnect();
     return link_result::kLinkLost;
   }
@@ -196,7 +382,15 @@ int32_t TcpLink::abortReply(int16_t /*handle*/, int16_t device) {
 int32_t TcpLink::millisecondCount() { return static_cast<int32_t>(clock_.milliseconds()); }
 
 int32_t TcpLink::dirPath(std::string& path) {
+  // The directory of the library behind the server (a rig PC's data
+  // folder); "" from a server that serves the built-in rig or does not know
+  // the request.
   path.clear();
+  RigResponse r;
+  if (request("DIRPATH", r, responseWaitMs) == Outcome::kOk && r.code == link_result::kOk &&
+      r.text) {
+    path = *r.text;
+  }
   return link_result::kOk;
 }
 

@@ -3,16 +3,29 @@
 // blocks for long: a response that has not come within responseWaitMs is
 // treated as "not ready" (17), so the link layer's retry and time-out rules
 // apply; a connection that closes gives 31 (link lost) at once.
+//
+// While a call waits for its response, the run's event loop goes on: a
+// watcher thread reads the connection and wakes the loop when a response
+// comes, the connection closes or the response time is up, and the run's
+// posted tasks and due timers run meanwhile. The response time is real
+// time on every clock (the network is outside the run), so a virtual clock
+// stands still during the wait.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <array>
+#include <condition_variable>
 #include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "common/clock.h"
+#include "common/event_loop.h"
+#include "common/file_system.h"
 #include "instrument/link/link_library.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "platform/sockets.h"
@@ -25,6 +38,14 @@ class TcpLink final : public LinkLibrary {
           const FileSystem& files = localFiles());
   ~TcpLink() override;
   std::string connectionProblem() const override { return problem_; }
+  // Without a run's loop the link waits on a loop of its own over the
+  // system clock.
+  void useEventLoop(EventLoop& events) override;
+
+  // The key shared with a rig server that asks for one (raw bytes, from
+  // LoadLinkKey); the link then proves that it knows the key, and the server
+  // must prove it too, before the first request. Empty: no key.
+  void setKey(std::string key) { key_ = std::move(key); }
 
   // Real milliseconds to wait for one response before answering 17.
   int responseWaitMs = 100;
@@ -46,6 +67,23 @@ class TcpLink final : public LinkLibrary {
 
  private:
   enum class Outcome { kOk, kNoAnswer, kLost };
+  // What the watcher thread of a connection shares with the link.
+  struct Watch {
+    std::mutex mutex;
+    std::condition_variable wake;         // a request to wait for, or the end
+    std::map<uint64_t, int64_t> waiting;  // request id -> real deadline (steady ms)
+    std::map<uint64_t, RigResponse> answered;
+    std::set<uint64_t> expired;
+    std::optional<std::string> refusal;  // the server refused the link (id 0)
+    bool idleNotice = false;             // the server closes an idle connection
+    bool closed = false;
+    bool quit = false;
+    std::string inbox;
+    EventLoop* loop = nullptr;
+  };
+  static void watchConnection(Watch& watch, platform::Socket socket);
+  void startWatching();
+  EventLoop& events() { return events_ != nullptr ? *events_ : *ownEvents_; }
   // Sends one request and waits for its response.
   Outcome request(const std::string& body, RigResponse& response, int waitMs);
   // request() as a link result: 0 once answered, the link-lost result, or
@@ -53,6 +91,9 @@ class TcpLink final : public LinkLibrary {
   int32_t exchange(const std::string& body, RigResponse& response, int waitMs,
                    int32_t whenNoAnswer);
   bool connectSocket();
+  // The key check right after connecting (link_key.h). False with problem_.
+  bool proveKey();
+  std::string address() const { return host_ + ":" + std::to_string(port_); }
   std::string problem_;  // why connectSocket() or the greeting last failed
   // The rig server drops a connection that has been idle for an hour; the
   // next request then finds it closed and connects again first.
@@ -62,11 +103,21 @@ class TcpLink final : public LinkLibrary {
 
   const Clock& clock_;
   const FileSystem& files_;
+  EventLoop* events_ = nullptr;
+  std::unique_ptr<SystemClock> ownClock_;
+  std::unique_ptr<EventLoop> ownEvents_;
+  std::unique_ptr<Watch> watch_;
+  std::thread watcher_;
+  // Counts connections made and dropped, so that a wait learns that a task
+  // run meanwhile closed the link; and the waits in progress (a task run
+  // during a wait may make a request of its own).
+  uint64_t generation_ = 0;
+  int depth_ = 0;
   std::string host_;
   uint16_t port_;
+  std::string key_;
   platform::Socket socket_ = platform::kNoSocket;
   uint64_t nextId_ = 1;
-  std::string inbox_;
   // Replies that came with the response to their command.
   std::array<std::optional<std::string>, 100> readyReply_;
 };

@@ -1,10 +1,14 @@
 #include "instrument/tcp/tcp_link.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "common/file_system.h"
@@ -205,6 +209,92 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
   Remove(rig);
 }
 
+// A server that greets and then answers nothing: each request it reads is
+// handed to `heard` (on the server's thread).
+class SilentServer {
+ public:
+  explicit SilentServer(std::function<void(const std::string&)> heard) : heard_(std::move(heard)) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::listen(listener_, 4), 0);
+    socklen_t length = sizeof address;
+    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~SilentServer() {
+    ::shutdown(listener_, SHUT_RDWR);
+    if (client_ >= 0) ::shutdown(client_, SHUT_RDWR);
+    thread_.join();
+    ::close(listener_);
+    if (client_ >= 0) ::close(client_);
+  }
+  uint16_t port() const { return port_; }
+
+ private:
+  void serve() {
+    client_ = ::accept(listener_, nullptr, nullptr);
+    std::string in;
+    char c = 0;
+    while (client_ >= 0 && ::recv(client_, &c, 1, 0) == 1) {
+      if (c != '\n') {
+        in += c;
+        continue;
+      }
+      if (in.find(" HELLO") != std::string::npos) {
+        const std::string greeting = in.substr(0, in.find(' ')) + " 0 =TAVRIX-RIG 1\n";
+        ::send(client_, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+      } else {
+        heard_(in);
+      }
+      in.clear();
+    }
+  }
+  std::function<void(const std::string&)> heard_;
+  int listener_ = -1;
+  std::atomic<int> client_{-1};
+  uint16_t port_ = 0;
+  std::thread thread_;
+};
+
+// While a call waits for its response the run's loop goes on: a task posted
+// meanwhile runs at once, the virtual clock stands still, the response time
+// is real time, and a task that closes the link ends the wait.
+TEST(TcpLink, WaitsForAResponseGoThroughTheRunsEventLoop) {
+  VirtualClock clock(kStart);
+  EventLoop events(clock);
+  TcpLink* linkInUse = nullptr;
+  bool ranDuringTheWait = false;
+  bool closeTheLink = false;
+  SilentServer server([&](const std::string&) {
+    events.post([&] {
+      ranDuringTheWait = true;
+      if (closeTheLink) linkInUse->closeInterface(1);
+    });
+  });
+  TcpLink link(clock, "127.0.0.1", server.port());
+  link.useEventLoop(events);
+  linkInUse = &link;
+  int16_t handle = 0;
+  ASSERT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
+  std::string command(kCommandBufferLength, ' ');
+  WriteBuffer(command, "REA TEMP1");
+  const auto realStart = std::chrono::steady_clock::now();
+  EXPECT_EQ(link.sendCommand(handle, 1, command, true), link_result::kNotReady);
+  EXPECT_GE(std::chrono::steady_clock::now() - realStart,
+            std::chrono::milliseconds(link.responseWaitMs));
+  EXPECT_TRUE(ranDuringTheWait);
+  EXPECT_EQ(clock.now(), kStart);
+
+  ranDuringTheWait = false;
+  closeTheLink = true;
+  EXPECT_EQ(link.sendCommand(handle, 1, command, true), link_result::kLinkLost);
+  EXPECT_TRUE(ranDuringTheWait);
+}
+
 TEST(RigProtocol, RequestsAndResponses) {
   RigServer server;
   RigSetup setup;
@@ -255,9 +345,15 @@ TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
   std::FILE* log = std::tmpfile();
   ASSERT_NE(log, nullptr);
   std::atomic<bool> stop{true};
-  EXPECT_EQ(RunRigServer("127.0.0.1:0", bad, log, &stop), 2);
-  EXPECT_EQ(RunRigServer("localhost:0", "", log, &stop), 2);
-  EXPECT_EQ(RunRigServer("127.0.0.1:0", "", log, &stop), 0);
+  const auto serve = [&](std::string listen, std::string setup) {
+    RigServing serving;
+    serving.listen = std::move(listen);
+    serving.setupFile = std::move(setup);
+    return RunRigServer(std::move(serving), log, &stop);
+  };
+  EXPECT_EQ(serve("127.0.0.1:0", bad), 2);
+  EXPECT_EQ(serve("localhost:0", ""), 2);
+  EXPECT_EQ(serve("127.0.0.1:0", ""), 0);
   std::rewind(log);
   std::string text;
   for (int c; (c = std::fgetc(log)) != EOF;) text += static_cast<char>(c);

@@ -23,6 +23,18 @@ void noDelay(int fd) {
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
+// "ADDRESS:PORT" of an IPv4 peer, for a log.
+std::string peerName(const sockaddr_storage& address) {
+  char text[INET_ADDRSTRLEN] = "?";
+  uint16_t port = 0;
+  if (address.ss_family == AF_INET) {
+    const auto& in = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(AF_INET, &in.sin_addr, text, sizeof text);
+    port = ntohs(in.sin_port);
+  }
+  return std::string(text) + ":" + std::to_string(port);
+}
+
 }  // namespace
 
 Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::string* problem) {
@@ -95,7 +107,7 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   return fd;
 }
 
-Socket acceptClient(Socket listener, bool* outOfHandles) {
+Socket acceptClient(Socket listener, bool* outOfHandles, std::string* peer) {
   // A descriptor held in reserve for the moment there are none left; taken
   // again on the next call, once the refused client is closed.
   static std::mutex reserveMutex;
@@ -103,7 +115,10 @@ Socket acceptClient(Socket listener, bool* outOfHandles) {
   if (outOfHandles) *outOfHandles = false;
   std::lock_guard guard(reserveMutex);
   if (spare < 0) spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  int fd = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  sockaddr_storage from{};
+  socklen_t fromLength = sizeof from;
+  int fd = ::accept4(static_cast<int>(listener), reinterpret_cast<sockaddr*>(&from), &fromLength,
+                     SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (fd < 0 && (errno == EMFILE || errno == ENFILE) && spare >= 0) {
     ::close(spare);
     spare = -1;
@@ -120,7 +135,22 @@ Socket acceptClient(Socket listener, bool* outOfHandles) {
   if (spare < 0) spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (fd < 0) return kNoSocket;
   noDelay(fd);
+  if (peer != nullptr) *peer = peerName(from);
   return fd;
+}
+
+bool isIpv4Address(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+bool isLoopbackAddress(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
+}
+
+void shutdownSocket(Socket socket) {
+  if (socket != kNoSocket) ::shutdown(static_cast<int>(socket), SHUT_RDWR);
 }
 
 void closeSocket(Socket socket) {

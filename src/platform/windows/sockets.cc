@@ -45,6 +45,18 @@ std::string lastSocketError() {
   return out;
 }
 
+// "ADDRESS:PORT" of an IPv4 peer, for a log.
+std::string peerName(const sockaddr_storage& address) {
+  char text[INET_ADDRSTRLEN] = "?";
+  uint16_t port = 0;
+  if (address.ss_family == AF_INET) {
+    const auto& in = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(AF_INET, &in.sin_addr, text, sizeof text);
+    port = ntohs(in.sin_port);
+  }
+  return std::string(text) + ":" + std::to_string(port);
+}
+
 }  // namespace
 
 Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::string* problem) {
@@ -143,12 +155,29 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   return static_cast<Socket>(s);
 }
 
-Socket acceptClient(Socket listener, bool* outOfHandles) {
+Socket acceptClient(Socket listener, bool* outOfHandles, std::string* peer) {
   if (outOfHandles) *outOfHandles = false;
-  const SOCKET s = ::accept(asSocket(listener), nullptr, nullptr);
+  sockaddr_storage from{};
+  int fromLength = sizeof from;
+  const SOCKET s = ::accept(asSocket(listener), reinterpret_cast<sockaddr*>(&from), &fromLength);
   if (s == INVALID_SOCKET) return kNoSocket;
   prepare(s);
+  if (peer != nullptr) *peer = peerName(from);
   return static_cast<Socket>(s);
+}
+
+bool isIpv4Address(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+bool isLoopbackAddress(const std::string& host) {
+  in_addr address{};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
+}
+
+void shutdownSocket(Socket socket) {
+  if (socket != kNoSocket) ::shutdown(asSocket(socket), SD_BOTH);
 }
 
 void closeSocket(Socket socket) {

@@ -1,0 +1,162 @@
+#include "instrument/tcp/library_service.h"
+
+#include <charconv>
+#include <fstream>
+#include <system_error>
+
+#include "instrument/tcp/link_key.h"
+#include "instrument/tcp/rig_protocol.h"
+
+namespace tavrix {
+namespace {
+
+std::string_view nextWord(std::string_view& rest) {
+  const size_t blank = rest.find(' ');
+  const std::string_view word = rest.substr(0, blank);
+  rest = blank == std::string_view::npos ? std::string_view{} : rest.substr(blank + 1);
+  return word;
+}
+
+bool toDevice(std::string_view text, int16_t& device) {
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), device);
+  return ec == std::errc() && end == text.data() + text.size() && !text.empty();
+}
+
+// The file name of a client's setup path (either kind of separator), kept to
+// characters every file system takes.
+std::string setupFileName(std::string_view clientPath) {
+  const size_t slash = clientPath.find_last_of("/\\:");
+  std::string name(slash == std::string_view::npos ? clientPath : clientPath.substr(slash + 1));
+  for (char& c : name) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '-' || c == '_';
+    if (!plain) c = '_';
+  }
+  if (name.empty() || name.find_first_not_of('.') == std::string::npos) name = "setup.ims";
+  return name;
+}
+
+}  // namespace
+
+LibraryService::LibraryService(std::unique_ptr<LinkLibrary> library)
+    : library_(std::move(library)) {}
+
+LibraryService::~LibraryService() {
+  if (open_) {
+    if (!setupName_.empty()) {
+      std::string name = setupName_;
+      name.resize(kUnlockNameLength, ' ');
+      library_->unlockSetup(name, handle_);
+    }
+    library_->closeInterface(handle_);
+  }
+  if (!setupFolder_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(setupFolder_, ignored);
+  }
+}
+
+bool LibraryService::open(std::string& error) {
+  const int32_t code = library_->openInterface(handle_);
+  if (code != link_result::kOk) {
+    const std::string problem = library_->connectionProblem();
+    error = "the link library does not open (" + std::to_string(code) + ")" +
+            (problem.empty() ? "" : ": " + problem);
+    return false;
+  }
+  open_ = true;
+  return true;
+}
+
+LibraryService::Answer LibraryService::loadSetup(std::string_view clientPath,
+                                                 std::string_view text) {
+  std::error_code failed;
+  if (setupFolder_.empty()) {
+    const std::filesystem::path folder = std::filesystem::temp_directory_path(failed) /
+                                         ("tavrix-bridge-" + NewNonce().substr(0, 16));
+    if (failed || !std::filesystem::create_directory(folder, failed)) {
+      return {link_result::kSetupFileUnreadable,
+              "the bridge cannot make a folder for the setup: " + failed.message()};
+    }
+    setupFolder_ = folder;
+  }
+  const std::filesystem::path file = setupFolder_ / setupFileName(clientPath);
+  {
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!out.flush()) {
+      return {link_result::kSetupFileUnreadable,
+              "the bridge cannot write the setup to " + file.string()};
+    }
+  }
+  SetupLoad load;
+  int32_t code = library_->loadAndLockSetup(file.string(), 0, load);
+  // A busy library is asked again, as the link asks a library of its own.
+  for (int tries = 0; code == link_result::kSetupBusy && tries < 100; ++tries) {
+    code = library_->loadAndLockSetup(file.string(), 0, load);
+  }
+  if (code != link_result::kOk) return {code, load.message};
+  setupName_ = load.setupName;
+  return {link_result::kOk, load.setupName + "\n" + load.summary};
+}
+
+std::optional<LibraryService::Answer> LibraryService::answer(std::string_view verb,
+                                                             std::string_view rest) {
+  int16_t device = 0;
+  if (verb == "VERSION") {
+    std::string text(kVersionBufferLength, ' ');
+    const int32_t code = library_->interfaceVersion(handle_, text);
+    return Answer{code, std::string(BufferText(text))};
+  }
+  if (verb == "IMSVERSION") {
+    std::string text(kVersionBufferLength, ' ');
+    const int32_t number = library_->setupLibVersion(text);
+    return Answer{number, std::string(BufferText(text))};
+  }
+  if (verb == "DIRPATH") {
+    std::string path;
+    const int32_t code = library_->dirPath(path);
+    return Answer{code, std::string(BufferText(path))};
+  }
+  if (verb == "UNLOCK") {
+    std::string name = setupName_;
+    name.resize(kUnlockNameLength, ' ');
+    setupName_.clear();
+    return Answer{library_->unlockSetup(name, handle_), std::nullopt};
+  }
+  if (verb == "SEND" && toDevice(nextWord(rest), device)) {
+    nextWord(rest);  // the client's time
+    std::string buffer = UnescapeField(rest).substr(0, kCommandBufferLength);
+    if (buffer.size() < kCommandBufferLength) buffer += '\0';
+    buffer.resize(kCommandBufferLength, ' ');
+    // Only the calls the client makes reach the library: a library may
+    // count its polls.
+    return Answer{library_->sendCommand(handle_, device, buffer, true), std::nullopt};
+  }
+  if (verb == "REPLY" && toDevice(nextWord(rest), device)) {
+    std::string buffer(kReplyBufferLength, ' ');
+    const int32_t code = library_->getReply(handle_, device, buffer, true);
+    if (code != link_result::kOk) return Answer{code, std::nullopt};
+    return Answer{code, std::string(BufferText(buffer))};
+  }
+  if (verb == "ABORT" && toDevice(nextWord(rest), device)) {
+    return Answer{library_->abortReply(handle_, device), std::nullopt};
+  }
+  if (verb == "MONITOR" && toDevice(nextWord(rest), device) && rest.substr(0, 1) == "=") {
+    const std::string name = UnescapeField(rest.substr(1));
+    MonitorChannelRecord record;
+    record.device = device;
+    const int32_t code = library_->requestMonitorChannel(name, record);
+    if (code != link_result::kOk) return Answer{code, std::nullopt};
+    return Answer{code, std::to_string(record.channelNumber)};
+  }
+  if (verb == "SETUP" && rest.substr(0, 1) == "=") {
+    const size_t tab = rest.find('\t');
+    if (tab != std::string_view::npos) {
+      return loadSetup(UnescapeField(rest.substr(1, tab - 1)), UnescapeField(rest.substr(tab + 1)));
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace tavrix
