@@ -2,11 +2,7 @@
 // whatever a client without it sends, and a recorded handshake does not
 // open the door a second time. Also a link library other than the built-in
 // rig served over TCP.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -20,6 +16,7 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
+#include "instrument/tcp/socket_test_support.h"
 #include "instrument/tcp/tcp_link.h"
 #include "platform/private_file.h"
 #include "sequencer/core_commands.h"
@@ -108,27 +105,19 @@ class Bridge {
 // A plain client of the protocol, for what a link would never send.
 class RawClient {
  public:
-  explicit RawClient(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  explicit RawClient(uint16_t port) : socket_(platform::connectTcp("127.0.0.1", port, 5000)) {
+    EXPECT_NE(socket_, platform::kNoSocket);
   }
-  ~RawClient() { ::close(fd_); }
-  void send(std::string_view text) {
-    while (!text.empty()) {
-      const ssize_t n = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
-      if (n <= 0) return;
-      text.remove_prefix(static_cast<size_t>(n));
-    }
-  }
+  ~RawClient() { platform::closeSocket(socket_); }
+  void send(std::string_view text) { testing::SendAll(socket_, text); }
   // The next line, without its end; "<closed>" at the end of the stream.
   std::string line() {
     std::string line;
     char c = 0;
     for (;;) {
-      if (::recv(fd_, &c, 1, 0) <= 0) return line.empty() ? "<closed>" : line;
+      if (testing::ReadByte(socket_, c, 30'000) != testing::Read::kByte) {
+        return line.empty() ? "<closed>" : line;
+      }
       if (c == '\n') return line;
       line += c;
     }
@@ -139,7 +128,7 @@ class RawClient {
   }
 
  private:
-  int fd_;
+  platform::Socket socket_;
 };
 
 // The lines a link with `key` sends in the key check, as they were sent.

@@ -1,10 +1,6 @@
 #include "instrument/tcp/tcp_link.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +13,7 @@
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
+#include "instrument/tcp/socket_test_support.h"
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
@@ -214,39 +211,37 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
 class SilentServer {
  public:
   explicit SilentServer(std::function<void(const std::string&)> heard) : heard_(std::move(heard)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(::listen(listener_, 4), 0);
-    socklen_t length = sizeof address;
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    std::string error;
+    listener_ = platform::listenTcp("127.0.0.1", port_, error);
+    EXPECT_NE(listener_, platform::kNoSocket) << error;
     thread_ = std::thread([this] { serve(); });
   }
   ~SilentServer() {
-    ::shutdown(listener_, SHUT_RDWR);
-    if (client_ >= 0) ::shutdown(client_, SHUT_RDWR);
+    stop_ = true;
     thread_.join();
-    ::close(listener_);
-    if (client_ >= 0) ::close(client_);
+    platform::closeSocket(listener_);
+    platform::closeSocket(client_);
   }
   uint16_t port() const { return port_; }
 
  private:
   void serve() {
-    client_ = ::accept(listener_, nullptr, nullptr);
+    while (!stop_ && client_ == platform::kNoSocket) {
+      std::vector<platform::Watch> waiting{{listener_, true, false}};
+      if (platform::waitSockets(waiting, 50) > 0) client_ = platform::acceptClient(listener_);
+    }
     std::string in;
     char c = 0;
-    while (client_ >= 0 && ::recv(client_, &c, 1, 0) == 1) {
+    while (!stop_) {
+      const testing::Read got = testing::ReadByte(client_, c, 50);
+      if (got == testing::Read::kClosed) return;
+      if (got == testing::Read::kNothingYet) continue;
       if (c != '\n') {
         in += c;
         continue;
       }
       if (in.find(" HELLO") != std::string::npos) {
-        const std::string greeting = in.substr(0, in.find(' ')) + " 0 =TAVRIX-RIG 1\n";
-        ::send(client_, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+        testing::SendAll(client_, in.substr(0, in.find(' ')) + " 0 =TAVRIX-RIG 1\n");
       } else {
         heard_(in);
       }
@@ -254,8 +249,9 @@ class SilentServer {
     }
   }
   std::function<void(const std::string&)> heard_;
-  int listener_ = -1;
-  std::atomic<int> client_{-1};
+  platform::Socket listener_ = platform::kNoSocket;
+  platform::Socket client_ = platform::kNoSocket;
+  std::atomic<bool> stop_{false};
   uint16_t port_ = 0;
   std::thread thread_;
 };
