@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
+#include "platform/files.h"
 #include "sequencer/operator.h"
 
 namespace tavrix::bench {
@@ -22,9 +22,9 @@ class QuietOperator : public Operator {
 
 // Writes `lines` with CR LF ends to a new temporary file and returns its path.
 inline std::string WriteSequence(const std::vector<std::string>& lines) {
-  char name[] = "/tmp/tavrixbenchXXXXXX";
-  const int fd = mkstemp(name);
-  close(fd);
+  static int written = 0;
+  const std::string name = platform::tempFolder() + "/tavrixbench-" +
+                           std::to_string(platform::processId()) + "-" + std::to_string(++written);
   std::ofstream out(name, std::ios::binary);
   for (const auto& line : lines) out << line << "\r\n";
   return name;

@@ -4,6 +4,7 @@
 // virtual clock (goal: under 10 s).
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>

@@ -4,6 +4,7 @@
 // overhead), and exchanges a second with a rig server over TCP on loopback.
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <fstream>

@@ -1,6 +1,8 @@
 // WAIT on a channel condition that stays false for ten seconds on the system
 // clock, through the in-process rig: the CPU share of one core it costs.
 
+#include <unistd.h>
+
 #include <fstream>
 
 #include "common/file_system.h"

@@ -3,6 +3,7 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
+#include "platform/timer_resolution.h"
 #include "timing.h"
 
 namespace tavrix::bench {
@@ -12,6 +13,8 @@ namespace {
 double TimeRun(const std::string& line) {
   const std::string path = WriteSequence({line});
   QuietOperator op;
+  // As a run of tavrix-cli does: fine timers for the run's lifetime.
+  const platform::FineTimerResolution timers;
   Engine engine(std::make_unique<SystemClock>(), op);
   std::string error;
   engine.sequencer().prepareFile(path, &error);

@@ -6,9 +6,10 @@
 #include <cstdio>
 #include <functional>
 #include <string>
-#include <sys/resource.h>
 #include <utility>
 #include <vector>
+
+#include "platform/process.h"
 
 namespace tavrix::bench {
 
@@ -30,12 +31,7 @@ struct RegisterTiming {
   }
 };
 
-inline double CpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_utime.tv_sec + usage.ru_utime.tv_usec / 1e6 + usage.ru_stime.tv_sec +
-         usage.ru_stime.tv_usec / 1e6;
-}
+inline double CpuSeconds() { return platform::cpuSeconds(); }
 
 inline double WallSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();

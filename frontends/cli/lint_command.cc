@@ -10,6 +10,7 @@
 #include "common/text_conventions.h"
 #include "engine/keyword_catalogue.h"
 #include "instrument/outputs/ramps.h"
+#include "platform/files.h"
 #include "sequencer/dispatcher.h"
 #include "sequencer/line_splitter.h"
 #include "sequencer/sequence_file.h"
@@ -130,8 +131,8 @@ class Linter {
 
   std::string chainPath(std::string_view written) const {
     std::string local = paths_.toLocal(trim(written));
-    if (!local.empty() && local[0] != '/') {
-      const size_t slash = path_.rfind('/');
+    if (!local.empty() && !isAbsolutePath(local)) {
+      const size_t slash = path_.find_last_of(platform::pathSeparators());
       if (slash != std::string::npos) local = join(path_.substr(0, slash), local);
     }
     return local;

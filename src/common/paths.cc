@@ -46,6 +46,15 @@ std::string PathMap::toLocal(std::string_view path) const {
   return rest.empty() ? folder : join(folder, rest);
 }
 
+bool isAbsolutePath(std::string_view path) {
+  if (path.empty()) return false;
+  if (path[0] == '/') return true;
+  if (!platform::hasDriveLetters()) return false;
+  if (path[0] == '\\') return true;
+  return path.size() >= 3 && isDriveLetter(path[0]) && path[1] == ':' &&
+         (path[2] == '/' || path[2] == '\\');
+}
+
 std::string join(std::string_view dir, std::string_view name) {
   std::string out(dir);
   if (!out.empty() && out.back() != '/' && !name.empty()) out += '/';
@@ -56,6 +65,8 @@ std::string join(std::string_view dir, std::string_view name) {
 std::string defaultDataRoot() {
   const std::string home = nonEmptyEnv("TAVRIX_HOME");
   if (!home.empty()) return home;
+  // A rig PC keeps its data where the rig's software always has.
+  if (platform::hasDriveLetters()) return "c:/corvane";
   const std::string user = nonEmptyEnv("HOME");
   if (!user.empty()) return join(user, ".tavrix");
   return "/tmp/tavrix";

@@ -81,15 +81,16 @@ TEST(DefaultDataRoot, PrefersTavrixHomeThenTheUsersHome) {
     ScopedEnv home("HOME", "/home/op");
     EXPECT_EQ(defaultDataRoot(), "/opt/tavrix-data");
   }
+  // Without it: on Windows the rig PC's data folder, elsewhere the user's.
   {
     ScopedEnv tavrix("TAVRIX_HOME", "");
     ScopedEnv home("HOME", "/home/op");
-    EXPECT_EQ(defaultDataRoot(), "/home/op/.tavrix");
+    EXPECT_EQ(defaultDataRoot(), platform::hasDriveLetters() ? "c:/corvane" : "/home/op/.tavrix");
   }
   {
     ScopedEnv tavrix("TAVRIX_HOME", nullptr);
     ScopedEnv home("HOME", nullptr);
-    EXPECT_EQ(defaultDataRoot(), "/tmp/tavrix");
+    EXPECT_EQ(defaultDataRoot(), platform::hasDriveLetters() ? "c:/corvane" : "/tmp/tavrix");
   }
 }
 

@@ -66,11 +66,14 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   ASSERT_TRUE(readTextFile(files, examples + "/calc_rig.ims", rigText, &error)) << error;
   rigText += "  30001 E=1 M=A N=OVEN U=degC V=20 JITTER=3 HIGH=22.5 TAG=OVENHOT\n"
              "  30002 E=1 M=A N=HANDLED\n";
-  const std::string rig = home + "/soak.ims";
+  // The rig is named through drive c, which the settings below map to a
+  // folder of the test's own.
+  const std::string rig = home + "/c/soak.ims";
+  ASSERT_TRUE(files.makeFolders(home + "/c", &error)) << error;
   ASSERT_TRUE(files.writeAtomically(rig, rigText, &error)) << error;
   const std::string sequence = home + "/soak.wts";
   ASSERT_TRUE(writeTextFileAtomically(files, sequence,
-                                      {"IMSFILESPEC " + rig, "STARTCALCULATEDCHANNELS " + examples + "/calc_day.ccs, 10",
+                                      {"IMSFILESPEC c:\\soak.ims", "STARTCALCULATEDCHANNELS " + examples + "/calc_day.ccs, 10",
                                        "CC_START", "ALARMDEFINE OVENHOT, GOTO COOL", "AGAIN:", "SEND LOGSW, 1",
                                        "WAITSECONDS 3000", "SEND LOGSW, 0", "WAITSECONDS 600", "SEND LOGSW, 1",
                                        "CHECK T1 < 1000, HOT", "GOTO AGAIN", "COOL:", "PAUSEALARM 1800",
@@ -82,7 +85,11 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   auto owned = std::make_unique<VirtualClock>(kStart);
   VirtualClock& clock = *owned;
   Engine engine(std::move(owned), op, std::make_unique<LocalFileSystem>(home));
-  ASSERT_TRUE(engine.attachInstrument({}, "sim", &error)) << error;
+  // Drive c is a folder of the test's own (unmapped, on Windows it would be
+  // the real drive).
+  InstrumentSettings settings;
+  settings.driveMap['c'] = home + "/c";
+  ASSERT_TRUE(engine.attachInstrument(settings, "sim", &error)) << error;
   Sequencer& seq = engine.sequencer();
   ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
 

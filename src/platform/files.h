@@ -73,6 +73,8 @@ int tryLockFile(FileHandle file);
 // the folder itself where the system can lock one (POSIX), otherwise a
 // hidden lock file kept in it (".tavrix-lock" on Windows).
 int openFolderLock(const std::string& folder, FileHandle& file);
+// The name of that lock file; empty where folders lock themselves.
+const char* folderLockFileName();
 
 // Like pathInfo(), but a symbolic link (or other reparse point) is reported
 // as kOther rather than followed.

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/text_conventions.h"
+#include "platform/files.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -32,9 +33,9 @@ struct ChainState {
 
 std::string ChainPath(Sequencer& seq, std::string_view written) {
   std::string local = seq.paths().toLocal(trim(written));
-  if (!local.empty() && local[0] != '/') {
+  if (!local.empty() && !isAbsolutePath(local)) {
     const std::string& current = seq.sequenceFileName();
-    const size_t slash = current.rfind('/');
+    const size_t slash = current.find_last_of(platform::pathSeparators());
     if (slash != std::string::npos) local = join(current.substr(0, slash), local);
   }
   return local;

@@ -186,12 +186,15 @@ TEST_F(DefinitionFilesTest, BadFilesGiveAMessageNeverACrash) {
 }
 
 TEST_F(DefinitionFilesTest, WindowsPathsInTheDetailsMapThroughTheDriveMap) {
-  paths_.setDrive('c', folder_.path());
+  // A drive no scratch folder lives on, so that the details file's own path
+  // (on Windows "C:\\...") is not mapped too.
+  paths_.setDrive('q', folder_.path());
   Fields();
   Stages({"1" + kT + "MANUAL"});
   ASSERT_TRUE(Read({"TEST SEQUENCE - DETAILS", "TITLE",
-                    "Pump" + kT + kT + "1" + kT + kT + "C:\\fields.txt" + kT + "c:\\stages.txt"}));
-  EXPECT_EQ(definition_.details.fieldNamesFile, "C:\\fields.txt");
+                    "Pump" + kT + kT + "1" + kT + kT + "Q:\\fields.txt" + kT + "q:\\stages.txt"}))
+      << ::testing::PrintToString(messages_);
+  EXPECT_EQ(definition_.details.fieldNamesFile, "Q:\\fields.txt");
   EXPECT_EQ(definition_.fieldNames.size(), 2u);
   EXPECT_EQ(definition_.stageChecks.size(), 1u);
 }

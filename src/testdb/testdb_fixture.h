@@ -7,6 +7,7 @@
 
 #include "common/file_system.h"
 #include "common/text_file.h"
+#include "platform/files.h"
 
 namespace tavrix::testing_support {
 
@@ -47,6 +48,8 @@ class TempFolder {
     const std::string folder = relative.empty() ? path() : scratch_.file(relative);
     if (!files().list(folder, entries, nullptr)) return;
     for (const auto& entry : entries) {
+      // The lock file Windows keeps in a shared folder holds no results.
+      if (entry == platform::folderLockFileName()) continue;
       const std::string name = relative.empty() ? entry : relative + "/" + entry;
       const FileKind kind = files().info(scratch_.file(name)).kind;
       if (kind == FileKind::kFolder) Collect(name, out);

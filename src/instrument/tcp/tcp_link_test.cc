@@ -108,9 +108,12 @@ RunResult RunOver(const std::string& link, const std::vector<std::string>& lines
   trace.setOutput(nullptr);
   // Each run has a sequence file of its own; the trace names it in the error
   // report, so the name is taken out before two runs' traces are compared.
+  // The trace is JSON: a '\\' in the name (Windows) is written doubled.
+  std::string named;
+  for (const char c : sequence) named += c == '\\' ? std::string("\\\\") : std::string(1, c);
   std::string traced = ReadFile(tracePath);
-  for (size_t at; (at = traced.find(sequence)) != std::string::npos;)
-    traced.replace(at, sequence.size(), "SEQUENCE");
+  for (size_t at; (at = traced.find(named)) != std::string::npos;)
+    traced.replace(at, named.size(), "SEQUENCE");
   RunResult result{seq.lastSequenceError(), traced};
   Remove(sequence);
   Remove(tracePath);

@@ -154,6 +154,8 @@ int openFolderLock(const std::string& folder, FileHandle& file) {
   return 0;
 }
 
+const char* folderLockFileName() { return ""; }
+
 int removeFolder(const std::string& folder) { return ::rmdir(folder.c_str()) == 0 ? 0 : errno; }
 
 int entryInfo(const std::string& path, PathInfo& info) {

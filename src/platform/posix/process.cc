@@ -19,6 +19,13 @@ void lowerThisThreadPriority() {
   ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 10);
 }
 
+double cpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_utime.tv_sec + usage.ru_utime.tv_usec / 1e6 + usage.ru_stime.tv_sec +
+         usage.ru_stime.tv_usec / 1e6;
+}
+
 long long residentBytes() {
   std::FILE* statm = std::fopen("/proc/self/statm", "r");
   if (statm == nullptr) return -1;

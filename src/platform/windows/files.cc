@@ -210,12 +210,14 @@ int tryLockFile(FileHandle file) {
   return GetLastError() == ERROR_LOCK_VIOLATION ? EWOULDBLOCK : lastErrorNumber();
 }
 
+const char* folderLockFileName() { return ".tavrix-lock"; }
+
 int openFolderLock(const std::string& folder, FileHandle& file) {
   // A folder handle cannot carry a byte-range lock, so the lock lives on a
   // hidden file in the folder. It stays there: removing it while another
   // process waits on it would let two processes lock two different files.
   const std::wstring name =
-      widen(folder.empty() ? std::string(".\\.tavrix-lock") : folder + "\\.tavrix-lock");
+      widen((folder.empty() ? std::string(".") : folder) + "\\" + folderLockFileName());
   HANDLE h = CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, kShareAll, nullptr,
                          OPEN_ALWAYS, FILE_ATTRIBUTE_HIDDEN, nullptr);
   if (h == INVALID_HANDLE_VALUE && GetLastError() == ERROR_ACCESS_DENIED) {

@@ -4,6 +4,8 @@
 // after windows.h, which it needs
 #include <psapi.h>
 
+#include <cstdint>
+
 #include "platform/windows/wide.h"
 
 namespace tavrix::platform {
@@ -17,6 +19,16 @@ std::string hostName() {
 
 void lowerThisThreadPriority() {
   SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_BELOW_NORMAL);
+}
+
+double cpuSeconds() {
+  FILETIME created{}, ended{}, kernel{}, user{};
+  if (!GetProcessTimes(GetCurrentProcess(), &created, &ended, &kernel, &user)) return 0;
+  auto seconds = [](const FILETIME& t) {
+    return static_cast<double>((static_cast<uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime) /
+           1e7;
+  };
+  return seconds(kernel) + seconds(user);
 }
 
 long long residentBytes() {

@@ -27,7 +27,15 @@ std::string lastErrorText() {
 std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std::string& error) {
   // No "cannot find the library" dialog box: the caller reports it.
   const UINT previous = SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
-  HMODULE module = LoadLibraryW(widen(path).c_str());
+  // A library named with its folder finds the libraries it needs in that
+  // folder first, as a rig's vendor libraries expect.
+  std::wstring name = widen(path);
+  const bool inFolder = name.find_first_of(L"/\\") != std::wstring::npos;
+  for (wchar_t& c : name) {
+    if (c == L'/') c = L'\\';
+  }
+  HMODULE module = inFolder ? LoadLibraryExW(name.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)
+                            : LoadLibraryW(name.c_str());
   if (module == nullptr) error = lastErrorText();
   SetErrorMode(previous);
   if (module == nullptr) return nullptr;
