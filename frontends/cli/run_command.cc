@@ -17,6 +17,7 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "lint_command.h"
+#include "platform/companion_programs.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
@@ -273,6 +274,13 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     }
   }
   engine.trace().setOrigin(engine.clock().now());
+  if (options.companions == "programs") {
+    std::string error;
+    if (!engine.connectCompanionPrograms(&error)) {
+      std::fprintf(err, "tavrix-cli: --companions programs: %s\n", error.c_str());
+      return kExitUsage;
+    }
+  }
   for (const auto& answer : options.companionAnswers) {
     std::string error;
     if (!engine.companion().setAnswerFromText(answer, &error)) {
@@ -437,6 +445,12 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                        "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
   runCommand->add_option("--companion-answer", run.companionAnswers,
                          "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
+  run.companions = platform::hasCompanionPrograms() ? "programs" : "record";
+  runCommand
+      ->add_option("--companions", run.companions,
+                   "record: companion commands only go to the trace; programs: they reach the "
+                   "programs of this computer (Windows; the default there)")
+      ->check(CLI::IsMember({"record", "programs"}));
   runCommand->add_option("--setup", run.setup,
                          "Hardware setup (.ims) to load before the first line");
   runCommand->add_option("--link", run.link,

@@ -37,6 +37,10 @@ struct RunOptions {
   std::string results = "text";  // results files: "text", "xml" or "off"
   // Answers of the companion programs' DDE items, "TOPIC!ITEM=VALUE".
   std::vector<std::string> companionAnswers;
+  // "record": companion commands are only recorded (in the trace);
+  // "programs": they reach the programs of this computer (Windows only).
+  // The command line's default is "programs" where the system has them.
+  std::string companions = "record";
   // The instrument link.
   std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
   std::string link;  // "sim", "dll" or "tcp://HOST:PORT"; "" for the settings file's, else "sim"

@@ -21,6 +21,9 @@ std::unique_ptr<Engine> MakeWindowEngine(Operator& op, std::unique_ptr<FileSyste
   } else {
     report(error);
   }
+  // Where the system has companion programs (Windows) the window talks to
+  // them; elsewhere it records what it would have sent.
+  engine->connectCompanionPrograms(nullptr);
   return engine;
 }
 

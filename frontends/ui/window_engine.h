@@ -1,5 +1,6 @@
 // The engine the window runs: the simulated rig until a setup names
-// hardware, and the results store fed as tavrix-cli run feeds it - the
+// hardware, the companion programs of this computer where it has them
+// (Windows), and the results store fed as tavrix-cli run feeds it - the
 // database file in the data root unless the settings name another store,
 // the same journal, this computer's name as the station.
 #pragma once

@@ -104,6 +104,16 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
 
 std::string Engine::resolvePath(std::string_view spec) const { return paths_.toLocal(spec); }
 
+bool Engine::connectCompanionPrograms(std::string* error) {
+  if (programs_ == nullptr) programs_ = MakeSystemCompanion();
+  if (programs_ == nullptr) {
+    if (error != nullptr) *error = "companion programs are reached only on Windows";
+    return false;
+  }
+  companion_.connect(programs_.get());
+  return true;
+}
+
 bool Engine::InstrumentChannels::read(std::string_view channel, std::string& value,
                                       std::string* error) {
   Instrument* instrument = engine_.instrument();

@@ -45,9 +45,14 @@ class Engine {
   // drive map of its settings. Every command that names a file uses it.
   const PathMap& paths() const { return paths_; }
   TestDatabase& testDatabase() { return testDatabase_; }
-  // The companion programs. On this platform a recording adapter: it writes
-  // what was asked to the trace and answers only configured requests.
+  // The companion programs: a recording adapter that writes what was asked
+  // to the trace and answers only configured requests, until it is
+  // connected to the programs of this computer.
   RecordingCompanion& companion() { return companion_; }
+  // From now on the companion commands reach the programs of this computer
+  // (DDE, key strokes, program starts); the trace still records them. False,
+  // with a message, where the system has none (all but Windows).
+  bool connectCompanionPrograms(std::string* error);
 
   // Turns a link spec into a backend, or nullptr with a message.
   using LinkFactory = std::function<std::unique_ptr<LinkLibrary>(
@@ -104,6 +109,7 @@ class Engine {
   LinkFactory linkFactory_;
   EventLoop events_;
   Trace trace_;
+  std::unique_ptr<Companion> programs_;
   RecordingCompanion companion_;
   Sequencer sequencer_;
   TestDatabase testDatabase_;

@@ -59,7 +59,12 @@ bool RecordingCompanion::deliver(Call call, std::string* error) {
     setError(error, *refused);
     return false;
   }
-  return true;
+  if (programs_ == nullptr) return true;
+  const Call& c = calls_.back();
+  if (c.kind == "execute") return programs_->execute(c.topic, c.item, c.text, error);
+  if (c.kind == "poke") return programs_->poke(c.topic, c.item, c.text, error);
+  if (c.kind == "keys") return programs_->sendKeys(c.topic, c.text, error);
+  return programs_->start(c.text, error);
 }
 
 bool RecordingCompanion::execute(std::string_view topic, std::string_view item,
@@ -86,7 +91,15 @@ std::optional<std::string> RecordingCompanion::request(std::string_view topic, s
   calls_.push_back({"request", std::string(topic), std::string(item), ""});
   const auto it = answers_.find({std::string(topic), std::string(item)});
   std::optional<std::string> answer;
-  if (it != answers_.end()) answer = it->second;
+  std::string why;
+  if (it != answers_.end()) {
+    answer = it->second;
+  } else if (programs_ != nullptr) {
+    answer = programs_->request(topic, item, &why);
+  } else {
+    why = "no program answers the DDE item " + std::string(item) + " of " + std::string(topic) +
+          " on this computer";
+  }
   if (trace_ && trace_->enabled()) {
     auto event = trace_->event("companion");
     event.field("kind", "request").field("topic", topic).field("item", item);
@@ -96,10 +109,7 @@ std::optional<std::string> RecordingCompanion::request(std::string_view topic, s
       event.field("answer", std::nullopt);
     }
   }
-  if (!answer) {
-    setError(error, "no program answers the DDE item " + std::string(item) + " of " +
-                        std::string(topic) + " on this computer");
-  }
+  if (!answer) setError(error, why);
   return answer;
 }
 

@@ -1,11 +1,13 @@
 // The companion programs: DDE executes, pokes and requests on a link topic
 // ("App|Topic") and item, key strokes sent to a window found by its title,
 // and starting programs. Abstract so that the engine runs the same on every
-// platform; the Windows adapter talks DDE, and RecordingCompanion is the
-// adapter for Linux and for tests.
+// platform; MakeSystemCompanion() reaches the programs of this computer
+// (Windows), and RecordingCompanion records every call for the trace and
+// for tests, passing it on to the system's when connected to it.
 #pragma once
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,6 +49,12 @@ class Companion {
   virtual bool start(std::string_view commandLine, std::string* error) = 0;
 };
 
+// The companion programs of this computer: a DDE client for the links,
+// key strokes through the window system, programs started by the system.
+// DDE executes carry no item; the item given to execute() goes nowhere.
+// nullptr where the system has no companion programs (all but Windows).
+std::unique_ptr<Companion> MakeSystemCompanion();
+
 // Records every call, and writes each to the trace as
 //   {"ev":"companion","kind":"execute|poke|request|keys|start",...}
 // with "topic" and "item" (DDE), "window" (keys), "text" (the command, value,
@@ -55,7 +63,10 @@ class Companion {
 // It never pretends: executes, pokes, key strokes and program starts are
 // taken as delivered (the trace is their effect) unless refused below; a
 // request has an answer only when one was configured with setAnswer, and
-// otherwise fails with a message that says so.
+// otherwise fails with a message that says so. Once connected to the
+// system's companion programs, every effect that is not refused and every
+// request without a configured answer goes to them, and their failures are
+// the caller's.
 class RecordingCompanion final : public Companion {
  public:
   struct Call {
@@ -77,6 +88,10 @@ class RecordingCompanion final : public Companion {
   // `reason`.
   void refuse(std::string_view kind, std::string_view target, std::string_view reason);
 
+  // Passes calls on to `programs` (nullptr: record only). `programs` must
+  // outlive this companion or be disconnected first.
+  void connect(Companion* programs) { programs_ = programs; }
+
   const std::vector<Call>& calls() const { return calls_; }
 
   bool execute(std::string_view topic, std::string_view item, std::string_view command,
@@ -93,6 +108,7 @@ class RecordingCompanion final : public Companion {
   const std::string* refusal(std::string_view kind, std::string_view target) const;
 
   Trace* trace_;
+  Companion* programs_ = nullptr;
   std::vector<Call> calls_;
   std::map<std::pair<std::string, std::string>, std::string> answers_;
   std::map<std::pair<std::string, std::string>, std::string> refusals_;

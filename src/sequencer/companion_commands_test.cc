@@ -66,5 +66,32 @@ TEST_F(CompanionCommandsTest, AnswersAreConfiguredAsTopicItemValue) {
   EXPECT_EQ(error, "a companion answer is written TOPIC!ITEM=VALUE, not \"Streamer|System=READY\"");
 }
 
+TEST_F(CompanionCommandsTest, ConnectedProgramsGetEveryCallAndTheirFailuresAreReported) {
+  RecordingCompanion programs;
+  programs.refuse("execute", "LG_Raw|System", "no program answers the DDE topic LG_Raw|System");
+  programs.refuse("keys", "", "no window is titled \"Logger\"");
+  programs.setAnswer("Streamer|System", "Status", "READY");
+  companion_.connect(&programs);
+  EXPECT_EQ(Run({"LINKPOKE Excel|Sheet1, R1C1, 5", "STARTSTREAMER run.dat", "WAITSTREAMER",
+                 "APPLOAD logger.exe"}),
+            "");
+  EXPECT_EQ(programs.calls(), companion_.calls());
+  EXPECT_EQ(Run({"LINKEXECUTE LG_Raw|System, Status, Stop"}),
+            "LinkExecute - no program answers the DDE topic LG_Raw|System");
+  EXPECT_EQ(Run({"SENDKEYS Logger, ~"}), "SendKeys - no window is titled \"Logger\"");
+  EXPECT_EQ(companion_.calls().size(), 7u) << "failed calls are recorded too";
+  // Refusals here and configured answers still come first.
+  companion_.refuse("start", "", "not here");
+  companion_.setAnswer("Streamer|System", "Status", "BUSY");
+  const size_t before = programs.calls().size();
+  EXPECT_EQ(Run({"APPLOAD logger.exe"}), "AppLoad - cannot start logger.exe: not here");
+  std::string error;
+  EXPECT_EQ(companion_.request("Streamer|System", "Status", &error), "BUSY");
+  EXPECT_EQ(programs.calls().size(), before);
+  EXPECT_EQ(companion_.request("Other|System", "Status", &error), std::nullopt);
+  EXPECT_EQ(error, "no program answers the DDE item Status of Other|System on this computer");
+  companion_.connect(nullptr);
+}
+
 }  // namespace
 }  // namespace tavrix
