@@ -181,8 +181,7 @@ RunResult RunOver(VirtualClock& clock, const std::string& link, const std::strin
   trace.setOutput(nullptr);
   std::string traced;
   localFiles().readFile(tracePath, traced, nullptr);
-  // The trace names the run's own sequence file in the error message, in
-  // JSON (a Windows path's backslashes doubled).
+  // The trace is JSON: a '\\' in the name (Windows) is written doubled.
   std::string named;
   for (const char c : sequence) named += c == '\\' ? std::string("\\\\") : std::string(1, c);
   for (size_t at; (at = traced.find(named)) != std::string::npos;)
@@ -226,21 +225,22 @@ TEST(LinkKey, KeyFilesHoldHexDigitsAndStayPrivate) {
   EXPECT_FALSE(WriteNewLinkKey(made, error));
   EXPECT_NE(error.find("cannot make the key file " + made), std::string::npos) << error;
 
-  // A key that others may read is refused (where permission bits say so;
-  // Windows keeps it private through its folder's access list), and so is
-  // a missing file.
+  // A key that others may read is refused, and so is a missing file. (On
+  // Windows a file's privacy is its folder's access list, not permission
+  // bits: there the key loads.)
   const std::string shared = TempFile("shared", "00112233445566778899aabbccddeeff\n");
-  if (!platform::hasDriveLetters()) {
-    std::filesystem::permissions(shared, std::filesystem::perms::owner_read |
-                                             std::filesystem::perms::owner_write |
-                                             std::filesystem::perms::group_read);
-    EXPECT_TRUE(platform::othersMayAccess(shared));
-    EXPECT_FALSE(LoadLinkKey(shared, key, error));
+  std::filesystem::permissions(shared, std::filesystem::perms::owner_read |
+                                           std::filesystem::perms::owner_write |
+                                           std::filesystem::perms::group_read);
+  const bool permissionBits = !platform::hasDriveLetters();
+  EXPECT_EQ(platform::othersMayAccess(shared), permissionBits);
+  EXPECT_EQ(LoadLinkKey(shared, key, error), !permissionBits);
+  if (permissionBits) {
     EXPECT_EQ(error, "the key file " + shared +
                          " may be read by other users; make it private (chmod 600) and try again");
-    std::filesystem::permissions(shared, std::filesystem::perms::group_read,
-                                 std::filesystem::perm_options::remove);
   }
+  std::filesystem::permissions(shared, std::filesystem::perms::group_read,
+                               std::filesystem::perm_options::remove);
   EXPECT_TRUE(LoadLinkKey(shared, key, error)) << error;
   EXPECT_FALSE(LoadLinkKey(Path("missing"), key, error));
   EXPECT_NE(error.find("cannot read the key file"), std::string::npos);

@@ -1,11 +1,11 @@
 #include "instrument/tcp/library_service.h"
 
 #include <charconv>
-#include <fstream>
-#include <system_error>
 
+#include "common/file_system.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_protocol.h"
+#include "platform/files.h"
 
 namespace tavrix {
 namespace {
@@ -50,10 +50,7 @@ LibraryService::~LibraryService() {
     }
     library_->closeInterface(handle_);
   }
-  if (!setupFolder_.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(setupFolder_, ignored);
-  }
+  if (!setupFolder_.empty()) removeTree(setupFolder_);
 }
 
 bool LibraryService::open(std::string& error) {
@@ -70,30 +67,26 @@ bool LibraryService::open(std::string& error) {
 
 LibraryService::Answer LibraryService::loadSetup(std::string_view clientPath,
                                                  std::string_view text) {
-  std::error_code failed;
+  FileSystem& files = localFiles();
+  std::string failed;
   if (setupFolder_.empty()) {
-    const std::filesystem::path folder = std::filesystem::temp_directory_path(failed) /
-                                         ("tavrix-bridge-" + NewNonce().substr(0, 16));
-    if (failed || !std::filesystem::create_directory(folder, failed)) {
+    const std::string folder =
+        platform::tempFolder() + "/tavrix-bridge-" + NewNonce().substr(0, 16);
+    if (!files.makeFolders(folder, &failed)) {
       return {link_result::kSetupFileUnreadable,
-              "the bridge cannot make a folder for the setup: " + failed.message()};
+              "the bridge cannot make a folder for the setup: " + failed};
     }
     setupFolder_ = folder;
   }
-  const std::filesystem::path file = setupFolder_ / setupFileName(clientPath);
-  {
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    if (!out.flush()) {
-      return {link_result::kSetupFileUnreadable,
-              "the bridge cannot write the setup to " + file.string()};
-    }
+  const std::string file = setupFolder_ + "/" + setupFileName(clientPath);
+  if (!files.writeAtomically(file, text, &failed)) {
+    return {link_result::kSetupFileUnreadable, "the bridge cannot write the setup: " + failed};
   }
   SetupLoad load;
-  int32_t code = library_->loadAndLockSetup(file.string(), 0, load);
+  int32_t code = library_->loadAndLockSetup(file, 0, load);
   // A busy library is asked again, as the link asks a library of its own.
   for (int tries = 0; code == link_result::kSetupBusy && tries < 100; ++tries) {
-    code = library_->loadAndLockSetup(file.string(), 0, load);
+    code = library_->loadAndLockSetup(file, 0, load);
   }
   if (code != link_result::kOk) return {code, load.message};
   setupName_ = load.setupName;

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,7 +44,7 @@ class LibraryService {
   // The client sends the text of its setup file; the library loads setups
   // from files, so the text is written here first (made at the first load,
   // removed with the service).
-  std::filesystem::path setupFolder_;
+  std::string setupFolder_;
 };
 
 }  // namespace tavrix

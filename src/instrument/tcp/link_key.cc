@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cstdint>
-#include <fstream>
 
+#include "common/file_system.h"
 #include "platform/keyed_hash.h"
 #include "platform/private_file.h"
 
@@ -80,18 +80,21 @@ bool ParseLinkKey(std::string_view text, std::string& key, std::string& why) {
 }
 
 bool LoadLinkKey(const std::string& path, std::string& key, std::string& error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  const FileSystem& files = localFiles();
+  const FileInfo info = files.info(path);
+  std::string text;
+  if (info.kind != FileKind::kFile) {
     error = "cannot read the key file " + path;
     return false;
   }
   // Far more than any key file needs: a wrong file named by mistake is not
   // read whole.
-  std::string text(4096, '\0');
-  in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<size_t>(in.gcount()));
-  if (in.gcount() == 4096 && in.peek() != std::char_traits<char>::eof()) {
+  if (info.size > 4096) {
     error = "the key file " + path + " is too long to hold a key";
+    return false;
+  }
+  if (std::string why; !files.readFile(path, text, &why)) {
+    error = "cannot read the key file " + path + ": " + why;
     return false;
   }
   if (platform::othersMayAccess(path)) {
