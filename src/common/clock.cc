@@ -1,6 +1,7 @@
 #include "common/clock.h"
 
 #include "platform/local_time.h"
+#include "platform/timer_resolution.h"
 
 namespace tavrix {
 
@@ -32,7 +33,21 @@ bool SystemClock::idleUntil(Micros due, std::condition_variable& cv,
     return true;
   }
   const auto deadline = steadyAnchor_ + std::chrono::microseconds(due - anchor_);
-  cv.wait_until(lock, deadline, woken);
+  const auto margin = platform::coarseWaitMargin();
+  if (margin.count() == 0) {
+    cv.wait_until(lock, deadline, woken);
+    return true;
+  }
+  // Where the system's timed waits end late, the last stretch is slept
+  // precisely; a wake-up in that stretch waits for its end.
+  if (cv.wait_until(lock, deadline - margin, woken)) return true;
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+      deadline - std::chrono::steady_clock::now());
+  if (left.count() > 0) {
+    lock.unlock();
+    platform::sleepPrecisely(left);
+    lock.lock();
+  }
   return true;
 }
 
