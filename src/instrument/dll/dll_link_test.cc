@@ -4,12 +4,11 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/backends/sequence_run_test_support.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/core_commands.h"
@@ -30,46 +29,12 @@ constexpr std::string_view kRig =
     "D 2 NOTREADY=5\n"
     "  20001 E=1 N=SLOW V=3\n";
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-struct RunResult {
-  std::string error;
-  std::string trace;
-};
+using RunResult = testing::LinkRun;
 
 RunResult RunOver(const std::string& link, const InstrumentSettings& settings,
                   const std::string& folder, const std::vector<std::string>& lines) {
   VirtualClock clock(kStart);
-  EventLoop events(clock);
-  Trace trace(clock);
-  RecordingOperator op;
-  PathMap paths(folder);
-  Sequencer seq(events, op, trace, localFiles(), paths);
-  RegisterSequencerCommands(seq);
-  std::string error;
-  auto instrument = MakeInstrument(events, trace, settings, link, localFiles(), paths, &error);
-  EXPECT_NE(instrument, nullptr) << error;
-  if (!instrument) return {error, ""};
-  RegisterInstrumentCommands(seq, *instrument);
-  std::string text;
-  for (const auto& line : lines) text += line + "\r\n";
-  const std::string sequence = folder + "/run.wts";
-  std::ofstream(sequence, std::ios::binary) << text;
-  const std::string tracePath = folder + "/run.jsonl";
-  trace.setOutput(localFiles().create(tracePath, &error));
-  trace.setOrigin(clock.now());
-  EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
-  seq.pressRun();
-  trace.setOutput(nullptr);
-  RunResult result{seq.lastSequenceError(), ReadFile(tracePath)};
-  std::remove(sequence.c_str());
-  std::remove(tracePath.c_str());
-  return result;
+  return testing::RunSequenceOver(clock, folder, link, settings, lines);
 }
 
 struct DllLinkTest : ::testing::Test {
@@ -93,7 +58,7 @@ struct DllLinkTest : ::testing::Test {
 TEST_F(DllLinkTest, ASequenceThroughTheLibrariesGivesTheSimulatedRigsTrace) {
   ASSERT_FALSE(folder.empty());
   const std::string rig = folder + "/rig.ims";
-  std::ofstream(rig, std::ios::binary) << kRig;
+  ASSERT_TRUE(localFiles().writeAtomically(rig, kRig, nullptr));
   const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 100", "WAIT SLOW = 3",
                                           "MONITOR 1, TMON", "IMLDEF HEATER, Q=1"};
   const RunResult sim = RunOver("sim", standIns(), folder, lines);
@@ -103,7 +68,9 @@ TEST_F(DllLinkTest, ASequenceThroughTheLibrariesGivesTheSimulatedRigsTrace) {
   EXPECT_NE(sim.trace.find("\"cmd\":\"REA SLOW\",\"reply\":\"3\""), std::string::npos) << sim.trace;
   EXPECT_EQ(dll.trace, sim.trace);
   // The setup library left the setup's summary where the link reads it.
-  EXPECT_NE(ReadFile(SetupSummaryPath(rig)).find("10023 E=1"), std::string::npos);
+  std::string summary;
+  localFiles().readFile(SetupSummaryPath(rig), summary, nullptr);
+  EXPECT_NE(summary.find("10023 E=1"), std::string::npos);
 }
 
 TEST_F(DllLinkTest, AMissingLibraryOrFunctionIsAStartUpErrorNamingIt) {

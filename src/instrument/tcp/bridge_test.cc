@@ -11,6 +11,7 @@
 
 #include "common/file_system.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/backends/sequence_run_test_support.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/simrig/sim_rig.h"
 #include "instrument/tcp/link_key.h"
@@ -149,46 +150,15 @@ Handshake PassKeyCheck(RawClient& client, const std::string& key) {
   return sent;
 }
 
-struct RunResult {
-  std::string error;
-  std::string trace;
-};
+using RunResult = testing::LinkRun;
 
 // Runs a sequence on `clock` over `link` with the trace on.
 RunResult RunOver(VirtualClock& clock, const std::string& link, const std::string& keyFile,
                   const std::vector<std::string>& lines) {
-  EventLoop events(clock);
-  Trace trace(clock);
-  RecordingOperator op;
-  PathMap paths(Scratch().path());
-  Sequencer seq(events, op, trace, localFiles(), paths);
-  RegisterSequencerCommands(seq);
-  std::string error;
   InstrumentSettings settings;
   settings.replyTimeoutSecs = 5;
   settings.linkKeyFile = keyFile;
-  auto instrument = MakeInstrument(events, trace, settings, link, localFiles(), paths, &error);
-  if (!instrument) return {error, {}};
-  RegisterInstrumentCommands(seq, *instrument);
-  std::string text;
-  for (const auto& line : lines) text += line + "\r\n";
-  const std::string sequence = TempFile("sequence", text);
-  const std::string tracePath = sequence + ".jsonl";
-  trace.setOutput(localFiles().create(tracePath, nullptr));
-  trace.setOrigin(clock.now());
-  EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
-  seq.pressRun();
-  trace.setOutput(nullptr);
-  std::string traced;
-  localFiles().readFile(tracePath, traced, nullptr);
-  // The trace is JSON: a '\\' in the name (Windows) is written doubled.
-  std::string named;
-  for (const char c : sequence) named += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  for (size_t at; (at = traced.find(named)) != std::string::npos;)
-    traced.replace(at, named.size(), "SEQUENCE");
-  localFiles().remove(sequence, nullptr);
-  localFiles().remove(tracePath, nullptr);
-  return {seq.lastSequenceError(), traced};
+  return testing::RunSequenceOver(clock, Scratch().path(), link, settings, lines);
 }
 
 // The problem a TCP link reports when it does not open.

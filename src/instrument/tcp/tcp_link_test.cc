@@ -9,6 +9,7 @@
 
 #include "common/file_system.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/backends/sequence_run_test_support.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_protocol.h"
@@ -43,12 +44,6 @@ std::string TempFile(const std::string& stem, std::string_view text) {
   return path;
 }
 
-std::string ReadFile(const std::string& path) {
-  std::string text;
-  localFiles().readFile(path, text, nullptr);
-  return text;
-}
-
 void Remove(const std::string& path) { localFiles().remove(path, nullptr); }
 
 // A rig server on an ephemeral loopback port, served by a thread.
@@ -74,50 +69,15 @@ class ServerThread {
   std::thread thread_;
 };
 
-struct RunResult {
-  std::string error;
-  std::string trace;
-};
+using RunResult = testing::LinkRun;
 
 // Runs a sequence on a virtual clock over the given link, with the trace on.
 RunResult RunOver(const std::string& link, const std::vector<std::string>& lines,
                   const std::function<std::unique_ptr<Timer>(EventLoop&)>& duringRun = {}) {
   VirtualClock clock(kStart);
-  EventLoop events(clock);
-  Trace trace(clock);
-  RecordingOperator op;
-  PathMap paths(Scratch().path());
-  Sequencer seq(events, op, trace, localFiles(), paths);
-  RegisterSequencerCommands(seq);
-  std::string error;
   InstrumentSettings settings;
   settings.replyTimeoutSecs = 5;
-  auto instrument = MakeInstrument(events, trace, settings, link, localFiles(), paths, &error);
-  EXPECT_NE(instrument, nullptr) << error;
-  RegisterInstrumentCommands(seq, *instrument);
-  std::string text;
-  for (const auto& line : lines) text += line + "\r\n";
-  const std::string sequence = TempFile("sequence", text);
-  const std::string tracePath = sequence + ".jsonl";
-  trace.setOutput(localFiles().create(tracePath, nullptr));
-  trace.setOrigin(clock.now());
-  EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
-  std::unique_ptr<Timer> hook;
-  if (duringRun) hook = duringRun(events);
-  seq.pressRun();
-  trace.setOutput(nullptr);
-  // Each run has a sequence file of its own; the trace names it in the error
-  // report, so the name is taken out before two runs' traces are compared.
-  // The trace is JSON: a '\\' in the name (Windows) is written doubled.
-  std::string named;
-  for (const char c : sequence) named += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  std::string traced = ReadFile(tracePath);
-  for (size_t at; (at = traced.find(named)) != std::string::npos;)
-    traced.replace(at, named.size(), "SEQUENCE");
-  RunResult result{seq.lastSequenceError(), traced};
-  Remove(sequence);
-  Remove(tracePath);
-  return result;
+  return testing::RunSequenceOver(clock, Scratch().path(), link, settings, lines, duringRun);
 }
 
 TEST(TcpLink, TheSameSequenceGivesTheSameTraceOverBothLinks) {
