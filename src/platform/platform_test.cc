@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "platform/files.h"
+#include "platform/sockets.h"
 #include "platform/wildcard.h"
 
 namespace tavrix::platform {
@@ -134,3 +135,23 @@ TEST(Files, ReplaceAppendIdentityAndLocks) {
 
 }  // namespace
 }  // namespace tavrix::platform
+
+// Which addresses a server may listen on without a key: the loopback block
+// only, and only written as an IPv4 address.
+TEST(Addresses, Ipv4TextAndTheLoopbackBlock) {
+  using namespace tavrix::platform;
+  for (const char* loopback : {"127.0.0.1", "127.255.1.2", "127.0.0.0"}) {
+    EXPECT_TRUE(isLoopbackAddress(loopback)) << loopback;
+  }
+  for (const char* other : {"0.0.0.0", "10.0.0.1", "128.0.0.1", "255.255.255.255"}) {
+    EXPECT_TRUE(isIpv4Address(other)) << other;
+    EXPECT_FALSE(isLoopbackAddress(other)) << other;
+  }
+  for (const char* notAnAddress : {"localhost", "", "1.2.3", "1.2.3.4.5", "256.1.1.1", "01.2.3.4",
+                                   "127.0.0.1 ", "127..0.1", "1.2.3.-4", "1234.1.1.1", "::1"}) {
+    EXPECT_FALSE(isIpv4Address(notAnAddress)) << notAnAddress;
+    EXPECT_FALSE(isLoopbackAddress(notAnAddress)) << notAnAddress;
+  }
+  EXPECT_EQ(peerText(0x7f000001, 5025), "127.0.0.1:5025");
+  EXPECT_EQ(peerText(0xc0a8fe0a, 0), "192.168.254.10:0");
+}

@@ -30,6 +30,8 @@ Socket acceptClient(Socket listener, bool* outOfHandles = nullptr, std::string* 
 // 127.0.0.0/8.
 bool isIpv4Address(const std::string& host);
 bool isLoopbackAddress(const std::string& host);
+// "A.B.C.D:PORT" of an IPv4 address in host byte order, for a log.
+std::string peerText(uint32_t address, uint16_t port);
 void closeSocket(Socket socket);
 // Ends both directions of a connection without closing its handle: a thread
 // waiting on the socket wakes and finds it closed.

@@ -45,16 +45,11 @@ std::string lastSocketError() {
   return out;
 }
 
-// "ADDRESS:PORT" of an IPv4 peer, for a log.
+// "ADDRESS:PORT" of a peer, for a log ("?:0" for one that is not IPv4).
 std::string peerName(const sockaddr_storage& address) {
-  char text[INET_ADDRSTRLEN] = "?";
-  uint16_t port = 0;
-  if (address.ss_family == AF_INET) {
-    const auto& in = reinterpret_cast<const sockaddr_in&>(address);
-    inet_ntop(AF_INET, &in.sin_addr, text, sizeof text);
-    port = ntohs(in.sin_port);
-  }
-  return std::string(text) + ":" + std::to_string(port);
+  if (address.ss_family != AF_INET) return "?:0";
+  const auto& in = reinterpret_cast<const sockaddr_in&>(address);
+  return peerText(ntohl(in.sin_addr.s_addr), ntohs(in.sin_port));
 }
 
 }  // namespace
@@ -164,16 +159,6 @@ Socket acceptClient(Socket listener, bool* outOfHandles, std::string* peer) {
   prepare(s);
   if (peer != nullptr) *peer = peerName(from);
   return static_cast<Socket>(s);
-}
-
-bool isIpv4Address(const std::string& host) {
-  in_addr address{};
-  return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
-}
-
-bool isLoopbackAddress(const std::string& host) {
-  in_addr address{};
-  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
 }
 
 void shutdownSocket(Socket socket) {
