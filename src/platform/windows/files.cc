@@ -121,11 +121,14 @@ int truncateFile(FileHandle file, uint64_t size) {
   return err;
 }
 
-int pathInfo(const std::string& path, PathInfo& info) {
+// What `path` is; `ownEntry` looks at a link itself rather than where it
+// leads (a link reads as kOther).
+static int infoOf(const std::string& path, bool ownEntry, PathInfo& info) {
   info = PathInfo{};
   // Backup semantics let a folder be opened for its attributes.
+  const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | (ownEntry ? FILE_FLAG_OPEN_REPARSE_POINT : 0);
   const HANDLE h = CreateFileW(widen(path).c_str(), FILE_READ_ATTRIBUTES, kShareAll, nullptr,
-                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+                               OPEN_EXISTING, flags, nullptr);
   if (h == INVALID_HANDLE_VALUE) {
     const int err = lastErrorNumber();
     return err == ENOENT ? 0 : err;
@@ -133,12 +136,16 @@ int pathInfo(const std::string& path, PathInfo& info) {
   BY_HANDLE_FILE_INFORMATION fi{};
   if (GetFileInformationByHandle(h, &fi)) {
     fillInfo(h, fi, info);
+    if (ownEntry && (fi.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
+      info.kind = PathKind::kOther;
   } else {
     info.kind = PathKind::kOther;
   }
   CloseHandle(h);
   return 0;
 }
+
+int pathInfo(const std::string& path, PathInfo& info) { return infoOf(path, false, info); }
 
 int fileInfo(FileHandle file, PathInfo& info) {
   info = PathInfo{};
@@ -233,25 +240,7 @@ int removeFolder(const std::string& folder) {
   return RemoveDirectoryW(widen(folder).c_str()) ? 0 : lastErrorNumber();
 }
 
-int entryInfo(const std::string& path, PathInfo& info) {
-  info = PathInfo{};
-  const HANDLE h =
-      CreateFileW(widen(path).c_str(), FILE_READ_ATTRIBUTES, kShareAll, nullptr, OPEN_EXISTING,
-                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-  if (h == INVALID_HANDLE_VALUE) {
-    const int err = lastErrorNumber();
-    return err == ENOENT ? 0 : err;
-  }
-  BY_HANDLE_FILE_INFORMATION fi{};
-  if (GetFileInformationByHandle(h, &fi)) {
-    fillInfo(h, fi, info);
-    if (fi.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) info.kind = PathKind::kOther;
-  } else {
-    info.kind = PathKind::kOther;
-  }
-  CloseHandle(h);
-  return 0;
-}
+int entryInfo(const std::string& path, PathInfo& info) { return infoOf(path, true, info); }
 
 const char* pathSeparators() { return "/\\"; }
 
