@@ -2,6 +2,7 @@
 // for files.
 #include "common/file_system.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -453,6 +454,9 @@ std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::st
   const unsigned long me = platform::processId();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(lockWaitMs_);
   const auto self = std::this_thread::get_id();
+  // How long to wait before looking again at a lock another process holds:
+  // short at first, longer while the wait goes on.
+  std::chrono::milliseconds poll(1);
   std::unique_lock guard(gLockMutex);
   for (;;) {
     auto it = gHeld.find(key);
@@ -486,9 +490,14 @@ std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::st
       }
       return nullptr;
     }
-    // Another process holds the folder: look again shortly. Another thread
-    // of this one: wait until it lets go.
-    gLockFreed.wait_for(guard, std::chrono::milliseconds(2));
+    if (it != gHeld.end()) {
+      // Another thread of this process holds it: it says when it lets go.
+      gLockFreed.wait_until(guard, deadline);
+    } else {
+      // Another process holds it: look again shortly.
+      gLockFreed.wait_for(guard, poll);
+      poll = std::min(poll * 2, std::chrono::milliseconds(16));
+    }
   }
 }
 
