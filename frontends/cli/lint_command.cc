@@ -19,7 +19,6 @@ namespace tavrix {
 
 namespace {
 
-
 struct Line {
   int number = 0;
   std::string text;  // cleaned as the dispatcher cleans it
@@ -27,9 +26,10 @@ struct Line {
 };
 
 bool ReadLines(const std::string& path, std::vector<Line>& lines, std::vector<std::string>& upper,
-               std::string* error) {
+               bool& bareLineFeeds, std::string* error) {
   SequenceFile file;
   if (!file.open(localFiles(), path, error)) return false;
+  bareLineFeeds = file.hasBareLineFeeds();
   std::string text;
   int number = 0;
   while (file.readLine(text)) {
@@ -51,8 +51,9 @@ bool ReadLines(const std::string& path, std::vector<Line>& lines, std::vector<st
 // label search).
 bool LabelExists(const std::vector<std::string>& upper, std::string_view label) {
   const std::string target = upperCase(trim(label)) + ":";
-  return std::any_of(upper.begin(), upper.end(),
-                     [&](const std::string& line) { return line.find(target) != std::string::npos; });
+  return std::any_of(upper.begin(), upper.end(), [&](const std::string& line) {
+    return line.find(target) != std::string::npos;
+  });
 }
 
 size_t EditDistance(std::string_view a, std::string_view b) {
@@ -110,7 +111,9 @@ class Linter {
       : path_(path), paths_(paths), out_(out) {}
 
   bool run(std::string* error) {
-    if (!ReadLines(path_, lines_, upper_, error)) return false;
+    bool bareLineFeeds = false;
+    if (!ReadLines(path_, lines_, upper_, bareLineFeeds, error)) return false;
+    if (bareLineFeeds) out_.push_back({1, false, std::string(kBareLineFeedWarning)});
     for (const auto& line : lines_) {
       if (line.command.word == "EXECUTEDEFINE" && !trim(line.command.arg1).empty() &&
           !trim(line.command.arg2).empty()) {
@@ -122,11 +125,16 @@ class Linter {
   }
 
  private:
-  void error(const Line& line, std::string text) { out_.push_back({line.number, true, std::move(text)}); }
-  void warning(const Line& line, std::string text) { out_.push_back({line.number, false, std::move(text)}); }
+  void error(const Line& line, std::string text) {
+    out_.push_back({line.number, true, std::move(text)});
+  }
+  void warning(const Line& line, std::string text) {
+    out_.push_back({line.number, false, std::move(text)});
+  }
 
   void needLabel(const Line& line, std::string_view label) {
-    if (!LabelExists(upper_, label)) error(line, "Label " + std::string(trim(label)) + ": does not exist");
+    if (!LabelExists(upper_, label))
+      error(line, "Label " + std::string(trim(label)) + ": does not exist");
   }
 
   std::string chainPath(std::string_view written) const {
@@ -178,7 +186,8 @@ class Linter {
       size_t pos = 0;
       for (;;) {
         const size_t comma = choices.find(',', pos);
-        const std::string choice(trim(std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
+        const std::string choice(trim(std::string_view(choices).substr(
+            pos, comma == std::string::npos ? comma : comma - pos)));
         if (!choice.empty()) needLabel(line, choice);
         if (comma == std::string::npos) break;
         pos = comma + 1;
@@ -193,7 +202,8 @@ class Linter {
     std::vector<Line> lines;
     std::vector<std::string> upper;
     std::string readError;
-    if (!ReadLines(file, lines, upper, &readError)) {
+    bool bareLineFeeds = false;
+    if (!ReadLines(file, lines, upper, bareLineFeeds, &readError)) {
       error(line, "Chain - " + readError);
       return;
     }
@@ -237,8 +247,8 @@ class Linter {
 
 }  // namespace
 
-bool LintSequenceFile(const std::string& path, const PathMap& paths, std::vector<LintMessage>& messages,
-                      std::string* readError) {
+bool LintSequenceFile(const std::string& path, const PathMap& paths,
+                      std::vector<LintMessage>& messages, std::string* readError) {
   return Linter(path, paths, messages).run(readError);
 }
 
@@ -260,12 +270,9 @@ int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* er
       unreadable = true;
       continue;
     }
-    if (SequenceHasBareLineFeeds(file)) {
-      std::fprintf(out, "%s:1: warning: %s\n", file.c_str(),
-                   std::string(kBareLineFeedWarning).c_str());
-    }
     for (const auto& m : messages) {
-      std::fprintf(out, "%s:%d: %s: %s\n", file.c_str(), m.line, m.error ? "error" : "warning", m.text.c_str());
+      std::fprintf(out, "%s:%d: %s: %s\n", file.c_str(), m.line, m.error ? "error" : "warning",
+                   m.text.c_str());
       errors = errors || m.error;
     }
   }

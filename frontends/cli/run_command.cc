@@ -337,19 +337,18 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
-  if (SequenceHasBareLineFeeds(options.sequence)) {
+  if (seq.sequenceHasBareLineFeeds()) {
     std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
                  std::string(kBareLineFeedWarning).c_str());
   }
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.
-  if (!engine.feedResultsStore(options.resultsStore.value_or(settings.resultsStore),
-                               options.station.value_or(settings.station),
-                               [err](const std::string& text) {
-                                 std::fprintf(err, "tavrix-cli: %s\n", text.c_str());
-                               },
-                               &error)) {
+  if (!engine.feedResultsStore(
+          options.resultsStore.value_or(settings.resultsStore),
+          options.station.value_or(settings.station),
+          [err](const std::string& text) { std::fprintf(err, "tavrix-cli: %s\n", text.c_str()); },
+          &error)) {
     std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
     return kExitUsage;
   }

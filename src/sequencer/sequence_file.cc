@@ -31,12 +31,6 @@ bool HasBareLineFeeds(std::string_view text) {
   return false;
 }
 
-bool SequenceHasBareLineFeeds(const std::string& path) {
-  std::string text;
-  return readTextFile(localFiles(), path, text, nullptr, kMaxTextFileBytes, kMaxTextFileBytes) &&
-         HasBareLineFeeds(text);
-}
-
 bool SequenceFile::open(const FileSystem& files, const std::string& path, std::string* error) {
   const FileInfo st = files.info(path);
   if (st.kind == FileKind::kMissing) {

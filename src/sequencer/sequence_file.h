@@ -4,16 +4,17 @@
 // opening, so a file edited between jumps behaves as if it were reopened.
 #pragma once
 
-#include "common/file_system.h"
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 
@@ -31,8 +32,6 @@ inline constexpr std::string_view kBareLineFeedWarning =
     "first command runs; save it with CR LF line ends";
 // True when `text` holds a line feed that does not follow a carriage return.
 bool HasBareLineFeeds(std::string_view text);
-// The same for a file (false when it cannot be read).
-bool SequenceHasBareLineFeeds(const std::string& path);
 
 class SequenceFile {
  public:
@@ -42,6 +41,8 @@ class SequenceFile {
   bool open(const FileSystem& files, const std::string& path, std::string* error);
   void close();
   bool isOpen() const { return open_; }
+  // Whether the file held lines that end in bare line feeds.
+  bool hasBareLineFeeds() const { return HasBareLineFeeds(text_); }
   bool atEnd() const { return !open_ || pos_ >= text_.size(); }
 
   // The next line, cleaned; false at the end of the file. A line ends at a

@@ -125,6 +125,8 @@ class Sequencer {
   // The file dialog; a cancelled dialog changes nothing.
   void chooseSequenceFile();
   const std::string& sequenceFileName() const { return fileName_; }
+  // Whether the file prepared last has lines that end in bare line feeds.
+  bool sequenceHasBareLineFeeds() const { return file_.hasBareLineFeeds(); }
   // Lines read since the file was last opened (the number in error reports).
   int16_t lineNumber() const { return lineNumber_; }
 
