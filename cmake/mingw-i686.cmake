@@ -1,17 +1,5 @@
-# Cross-build for Windows (i686) with the MinGW-w64 posix-thread compilers.
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR i686)
-set(CMAKE_C_COMPILER i686-w64-mingw32-gcc-posix)
-set(CMAKE_CXX_COMPILER i686-w64-mingw32-g++-posix)
-set(CMAKE_RC_COMPILER i686-w64-mingw32-windres)
-set(CMAKE_FIND_ROOT_PATH /usr/i686-w64-mingw32)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# Tests run under Wine on the build machine (Debian keeps the loaders in
-# /usr/lib/wine).
-find_program(TAVRIX_WINE NAMES wine PATHS /usr/lib/wine NO_CMAKE_FIND_ROOT_PATH)
-if(TAVRIX_WINE)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${TAVRIX_WINE})
-endif()
+# Cross-build for Windows (i686: the build that loads the rig's 32-bit
+# libraries) with the MinGW-w64 posix-thread compilers.
+set(TAVRIX_MINGW_ARCH i686)
+set(TAVRIX_WINE_NAMES wine)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
