@@ -4,6 +4,7 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "panel/run_panel.h"
 #include "qt_text.h"
 #include "sequencer/sequencer.h"
 
