@@ -91,9 +91,9 @@ void BM_SimulatedDay50Rows(benchmark::State& state) {
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
     const auto built = MakeBenchEngine(std::move(clock), op, true);
-  Engine& engine = *built;
+    Engine& engine = *built;
     std::string error;
-    if (  !engine.instrument()->selectSetupFile(files.rigPath) ||
+    if (!engine.instrument()->selectSetupFile(files.rigPath) ||
         !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
       state.SkipWithError("the rig or the setup did not load");
       return;

@@ -117,7 +117,7 @@ const RegisterTiming kWaitWhileWriting("resultsdb_wait", [] {
   for (int i = 0; i < 10 && recorder.waiting() > 0; ++i) {
     QuietOperator op;
     const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
-  Engine& engine = *built;
+    Engine& engine = *built;
     std::string error;
     engine.sequencer().prepareFile(path, &error);
     const double start = WallSeconds();

@@ -57,7 +57,8 @@ class FuzzOperator : public Operator {
   // Counts the lines of `bus` and ends the run after too many.
   void watch(RunEventBus& bus) {
     lineWatch_ = bus.subscribe([this](const RunEvent& event) {
-      if (event.kind == RunEventKind::kCommand && ++lines == 5000 && onTooManyLines) onTooManyLines();
+      if (event.kind == RunEventKind::kCommand && ++lines == 5000 && onTooManyLines)
+        onTooManyLines();
     });
   }
 

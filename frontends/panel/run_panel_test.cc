@@ -117,7 +117,8 @@ TEST_F(RunPanelTest, NonStopTakesStopAwayForTheRun) {
   Prepare("NONSTOP\r\nWAITSECONDS 1\r\n");
   bool stopDuringWait = true;
   onEvent = [&](const RunEvent& e) {
-    if (e.kind == RunEventKind::kLine && e.line == 2) stopDuringWait = panel_.controls().stopEnabled;
+    if (e.kind == RunEventKind::kLine && e.line == 2)
+      stopDuringWait = panel_.controls().stopEnabled;
   };
   engine_->start();
   engine_->events().processPendingEvents();

@@ -466,11 +466,8 @@ class MainWindowTest : public QObject {
   void theWindowFeedsTheResultsStore() {
     const std::string root = dir_.path().toStdString() + "/window data";
     QVERIFY(localFiles().makeFolders(root, nullptr));
-    MainWindow w(
-        [root](Operator& op) {
-          return MakeWindowEngine(op, root);
-        },
-        UutSequence("stored.wts"));
+    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); },
+                 UutSequence("stored.wts"));
     w.show();
     Click(w, "pbRun");
     QDialog* entry = nullptr;

@@ -46,7 +46,8 @@ std::unique_ptr<Engine> RigEngine(Operator& op) {
   config.op = &op;
   config.link = "sim";
   auto engine = BuildEngine(std::move(config));
-  if (engine != nullptr) engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims");
+  if (engine != nullptr)
+    engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims");
   return engine;
 }
 

@@ -118,8 +118,7 @@ void Engine::prepare(std::string path, std::function<void(bool, const std::strin
   post([path = std::move(path), done = std::move(done)](Engine& e) {
     std::string error;
     // The file of a run, free or stepped, is never swapped under it.
-    const bool prepared =
-        !e.sequencer_.flags().running && e.sequencer_.prepareFile(path, &error);
+    const bool prepared = !e.sequencer_.flags().running && e.sequencer_.prepareFile(path, &error);
     if (done) done(prepared, error);
   });
 }

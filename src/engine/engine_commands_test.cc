@@ -139,7 +139,8 @@ TEST(Engines, TwoFrontEndsHearTheSameEventsAndOneMayLetGoMidRun) {
 
   EXPECT_EQ(first, second);
   const auto has = [&](RunEventKind kind) {
-    return std::any_of(first.begin(), first.end(), [kind](const Seen& s) { return s.kind == kind; });
+    return std::any_of(first.begin(), first.end(),
+                       [kind](const Seen& s) { return s.kind == kind; });
   };
   EXPECT_TRUE(has(RunEventKind::kStarted));
   EXPECT_TRUE(has(RunEventKind::kStatus));
@@ -157,8 +158,9 @@ TEST(Engines, TwoFrontEndsHearTheSameEventsAndOneMayLetGoMidRun) {
 
 TEST(Engines, PauseStepSkipAndResumeHoldTheRunBetweenLinesInVirtualTime) {
   Rig rig("/data", kStart, "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
-  rig.Prepare("WAITSECONDS 1\r\nWAITSECONDS 2\r\nWAITSECONDS 4\r\nWAITSECONDS 8\r\n"
-              "WAITSECONDS 16\r\n");
+  rig.Prepare(
+      "WAITSECONDS 1\r\nWAITSECONDS 2\r\nWAITSECONDS 4\r\nWAITSECONDS 8\r\n"
+      "WAITSECONDS 16\r\n");
   std::vector<std::string> seen;
   std::vector<double> heldAt;
   auto control = rig.engine->subscribe([&](const RunEvent& e) {
@@ -194,9 +196,9 @@ TEST(Engines, PauseStepSkipAndResumeHoldTheRunBetweenLinesInVirtualTime) {
   });
   pauser.setEnabled(true);
   EXPECT_EQ(rig.engine->run(), EndReason::kEndOfFile);
-  EXPECT_EQ(seen, (std::vector<std::string>{
-                      "line 1", "paused", "line 2", "hold 2", "release step", "line 3", "hold 3",
-                      "release skip", "line 4", "hold 4", "resumed", "release resume", "line 5"}));
+  EXPECT_EQ(seen, (std::vector<std::string>{"line 1", "paused", "line 2", "hold 2", "release step",
+                                            "line 3", "hold 3", "release skip", "line 4", "hold 4",
+                                            "resumed", "release resume", "line 5"}));
   // Each hold came after the line before it had run in full; the holds
   // themselves took no time, and every line ran.
   EXPECT_EQ(heldAt, (std::vector<double>{1.0, 3.0, 7.0}));

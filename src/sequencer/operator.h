@@ -69,7 +69,9 @@ class Operator {
   virtual void showMessage(std::string_view title, std::string_view text) = 0;
 
   // File selection; std::nullopt when the operator cancels.
-  virtual std::optional<std::string> chooseFile(const FileChoice& /*choice*/) { return std::nullopt; }
+  virtual std::optional<std::string> chooseFile(const FileChoice& /*choice*/) {
+    return std::nullopt;
+  }
 
   // What commands show.
   virtual void showHelpText(std::string_view /*text*/) {}

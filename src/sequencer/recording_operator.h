@@ -24,7 +24,7 @@ class RecordingOperator : public Operator {
   std::vector<std::string> commands;      // every current-command display
   std::string helpText;
   int32_t timeout = 0;
-  bool stopAllowed = true;  // as the last run event about it said
+  bool stopAllowed = true;                       // as the last run event about it said
   std::deque<std::optional<std::string>> files;  // files picked, in order
   std::function<void(const Question&)> onQuestion;
   // While true, questions stay open (unanswered) until the engine closes them.
@@ -48,12 +48,23 @@ class RecordingOperator : public Operator {
   void watch(RunEventBus& bus) {
     subscription_ = bus.subscribe([this](const RunEvent& event) {
       switch (event.kind) {
-        case RunEventKind::kStatus: statuses.push_back(event.text); break;
-        case RunEventKind::kCommand: commands.push_back(event.text); break;
-        case RunEventKind::kTimeout: timeout = static_cast<int32_t>(event.number); break;
-        case RunEventKind::kStopAllowed: stopAllowed = event.flag; break;
-        case RunEventKind::kStarted: stopAllowed = true; break;
-        default: break;
+        case RunEventKind::kStatus:
+          statuses.push_back(event.text);
+          break;
+        case RunEventKind::kCommand:
+          commands.push_back(event.text);
+          break;
+        case RunEventKind::kTimeout:
+          timeout = static_cast<int32_t>(event.number);
+          break;
+        case RunEventKind::kStopAllowed:
+          stopAllowed = event.flag;
+          break;
+        case RunEventKind::kStarted:
+          stopAllowed = true;
+          break;
+        default:
+          break;
       }
     });
   }

@@ -6,25 +6,44 @@ namespace tavrix {
 
 const char* RunEventKindName(RunEventKind kind) {
   switch (kind) {
-    case RunEventKind::kPrepared: return "prepared";
-    case RunEventKind::kFile: return "file";
-    case RunEventKind::kStarted: return "started";
-    case RunEventKind::kPaused: return "paused";
-    case RunEventKind::kResumed: return "resumed";
-    case RunEventKind::kHold: return "hold";
-    case RunEventKind::kRelease: return "release";
-    case RunEventKind::kLine: return "line";
-    case RunEventKind::kStatus: return "status";
-    case RunEventKind::kCommand: return "command";
-    case RunEventKind::kTimeout: return "timeout";
-    case RunEventKind::kPrompt: return "prompt";
-    case RunEventKind::kAnswer: return "answer";
-    case RunEventKind::kMessage: return "message";
-    case RunEventKind::kOutput: return "output";
-    case RunEventKind::kUut: return "uut";
-    case RunEventKind::kStopped: return "stopped";
-    case RunEventKind::kStopAllowed: return "stop_allowed";
-    case RunEventKind::kEnd: return "end";
+    case RunEventKind::kPrepared:
+      return "prepared";
+    case RunEventKind::kFile:
+      return "file";
+    case RunEventKind::kStarted:
+      return "started";
+    case RunEventKind::kPaused:
+      return "paused";
+    case RunEventKind::kResumed:
+      return "resumed";
+    case RunEventKind::kHold:
+      return "hold";
+    case RunEventKind::kRelease:
+      return "release";
+    case RunEventKind::kLine:
+      return "line";
+    case RunEventKind::kStatus:
+      return "status";
+    case RunEventKind::kCommand:
+      return "command";
+    case RunEventKind::kTimeout:
+      return "timeout";
+    case RunEventKind::kPrompt:
+      return "prompt";
+    case RunEventKind::kAnswer:
+      return "answer";
+    case RunEventKind::kMessage:
+      return "message";
+    case RunEventKind::kOutput:
+      return "output";
+    case RunEventKind::kUut:
+      return "uut";
+    case RunEventKind::kStopped:
+      return "stopped";
+    case RunEventKind::kStopAllowed:
+      return "stop_allowed";
+    case RunEventKind::kEnd:
+      return "end";
   }
   return "unknown";
 }
