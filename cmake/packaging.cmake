@@ -90,8 +90,12 @@ else()
   set(CPACK_GENERATOR DEB)
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # The window needs a platform plugin to draw on the screen; Qt's libraries
+  # only recommend them.
+  if(TARGET tavrix)
+    set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins")
+  endif()
   set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
-  set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://localhost/tavrix")
   set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 endif()
 include(CPack)
