@@ -45,6 +45,9 @@ bool RunPanel::apply(const RunEvent& event) {
       file_ = event.text;
       break;
     case RunEventKind::kStarted:
+      end_.clear();
+      endedInError_ = false;
+      line_ = 0;
       steppedRun_ = event.flag;
       if (event.flag) {
         stepping();
@@ -86,6 +89,7 @@ bool RunPanel::apply(const RunEvent& event) {
       controls_.stopEnabled = event.flag;
       break;
     case RunEventKind::kEnd:
+      ended(event.text);
       held_ = false;
       controls_.singleStepTicked = false;
       if (steppedRun_) {
@@ -112,6 +116,26 @@ bool RunPanel::apply(const RunEvent& event) {
       break;
   }
   return !(controls_ == before);
+}
+
+void RunPanel::ended(const std::string& reason) {
+  endedInError_ = reason == "error";
+  if (reason == "eof") {
+    end_ = "Ended: end of file";
+  } else if (reason == "stop") {
+    end_ = "Ended: STOP in the sequence";
+  } else if (reason == "abort") {
+    // The operator's Stop, or a close that ended the run.
+    end_ = "Ended: Stop";
+  } else if (reason == "limit") {
+    end_ = "Ended: run limit";
+  } else if (endedInError_) {
+    // The error stops the run on the line it was found on.
+    end_ = line_ > 0 ? "Ended: sequence error at line " + std::to_string(line_)
+                     : "Ended: sequence error";
+  } else {
+    end_ = "Ended";
+  }
 }
 
 bool RunPanel::tickSingleStep(bool ticked) {

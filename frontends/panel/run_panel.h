@@ -64,10 +64,16 @@ class RunPanel {
   const std::string& fileName() const { return file_; }
   int32_t lineNumber() const { return line_; }
   int64_t timeoutSeconds() const { return timeout_; }
+  // How the last run ended, shown beside the status ("Ended: end of file",
+  // "Ended: Stop", "Ended: sequence error at line 4", ...); empty before the
+  // first run ends and while a run goes.
+  const std::string& endText() const { return end_; }
+  bool endedInError() const { return endedInError_; }
 
  private:
   // The controls of a run that holds before each line.
   void stepping();
+  void ended(const std::string& reason);
 
   RunControls controls_;
   bool steppedRun_ = false;  // the run started held
@@ -77,6 +83,8 @@ class RunPanel {
   std::string file_;
   int32_t line_ = 0;
   int64_t timeout_ = 0;
+  std::string end_;
+  bool endedInError_ = false;
 };
 
 }  // namespace tavrix

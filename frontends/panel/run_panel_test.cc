@@ -126,6 +126,51 @@ TEST_F(RunPanelTest, NonStopTakesStopAwayForTheRun) {
   EXPECT_TRUE(panel_.controls().runEnabled);
 }
 
+// Beside the status the panel tells how the run ended; Stop pressed while
+// a line is held ends the run without running that line.
+TEST_F(RunPanelTest, TellsHowTheRunEndedAndStopLeavesTheHeldLineOut) {
+  Prepare("WAITSECONDS 1\r\n");
+  EXPECT_EQ(panel_.endText(), "");
+  engine_->start();
+  engine_->events().processPendingEvents();
+  EXPECT_EQ(panel_.endText(), "Ended: end of file");
+  EXPECT_FALSE(panel_.endedInError());
+
+  Prepare("WAITSECONDS 1\r\nGOTO NOWHERE\r\nWAITSECONDS 1\r\n");
+  std::vector<std::string> duringRun;
+  onEvent = [&](const RunEvent& e) {
+    if (e.kind == RunEventKind::kLine) duringRun.push_back(panel_.endText());
+  };
+  engine_->start();
+  engine_->events().processPendingEvents();
+  EXPECT_EQ(duringRun, (std::vector<std::string>{"", ""}));
+  EXPECT_EQ(panel_.endText(), "Ended: sequence error at line 2");
+  EXPECT_TRUE(panel_.endedInError());
+
+  Prepare("WAITSECONDS 1\r\nSTOP\r\nWAITSECONDS 1\r\n");
+  engine_->start();
+  engine_->events().processPendingEvents();
+  EXPECT_EQ(panel_.endText(), "Ended: STOP in the sequence");
+  EXPECT_FALSE(panel_.endedInError());
+
+  // Stepping: line 1 is stepped, line 2 (a long wait) is held when Stop is
+  // pressed and never runs.
+  Prepare("WAITSECONDS 1\r\nWAITSECONDS 100\r\n");
+  const Micros before = engine_->clock().now();
+  int holds = 0;
+  onEvent = [&](const RunEvent& e) {
+    if (e.kind != RunEventKind::kHold) return;
+    if (++holds == 1) engine_->step();
+    if (holds == 2) engine_->stop();
+  };
+  engine_->startStepping();
+  engine_->events().processPendingEvents();
+  EXPECT_EQ(holds, 2);
+  EXPECT_EQ(engine_->clock().now() - before, kMicrosPerSecond);
+  EXPECT_EQ(panel_.endText(), "Ended: Stop");
+  EXPECT_FALSE(panel_.held());
+}
+
 TEST(StartCommandLine, TakesTheFileQuotedOrNotAndTheAutomaticStart) {
   const StartCommandLine quoted = ParseStartCommandLine("\"/seq/a b.wts\" /a");
   EXPECT_EQ(quoted.file, "/seq/a b.wts");

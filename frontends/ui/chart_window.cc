@@ -245,7 +245,8 @@ void ChartWindow::printDialog() {
   dialog->setObjectName("printDialog");
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   connect(dialog, &QDialog::accepted, this, [this, printer] { print(*printer); });
-  dialog->open();
+  dialog->setWindowModality(Qt::NonModal);
+  dialog->show();
 }
 
 }  // namespace tavrix

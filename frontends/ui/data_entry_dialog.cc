@@ -2,6 +2,7 @@
 
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -28,8 +29,13 @@ QString EntryDate(const QString& text) {
 }  // namespace
 
 DataEntryDialog::DataEntryDialog(const Question& question, QDate today,
-                                 std::function<void(Answer)> answered, QWidget* parent)
-    : QDialog(parent), answered_(std::move(answered)) {
+                                 std::function<void(Answer)> answered, QWidget* parent,
+                                 std::vector<bool> required)
+    : QDialog(parent), required_(std::move(required)), answered_(std::move(answered)) {
+  // A result without a serial number cannot be traced to its unit.
+  if (required_.empty()) required_.push_back(true);
+  required_[0] = true;
+  required_.resize(4, false);
   setObjectName("frmDataEntry");
   setWindowTitle(Text(question.title.empty() ? kDataEntryTitle : question.title));
   auto* form = new QFormLayout;
@@ -50,7 +56,8 @@ DataEntryDialog::DataEntryDialog(const Question& question, QDate today,
 
   auto* pbAccept = new QPushButton(tr("Accept"));
   pbAccept->setObjectName("pbAccept");
-  pbAccept->setDefault(true);
+  // No default button: Enter moves between the fields, and on a focused
+  // button presses it.
   auto* pbCancel = new QPushButton(tr("Cancel"));
   pbCancel->setObjectName("pbCancel");
   auto* buttons = new QHBoxLayout;
@@ -61,20 +68,49 @@ DataEntryDialog::DataEntryDialog(const Question& question, QDate today,
   layout->addLayout(form);
   layout->addLayout(buttons);
   connect(pbAccept, &QPushButton::clicked, this, &DataEntryDialog::accept);
-  connect(pbCancel, &QPushButton::clicked, this, &DataEntryDialog::reject);
+  connect(pbCancel, &QPushButton::clicked, this, &DataEntryDialog::cancel);
+  for (QLineEdit* field : {ebSerialNum_, ebDate_, ebOperator_, ebDescription_})
+    field->installEventFilter(this);
   resize(420, sizeHint().height());
+  // The first field has the keyboard when the window opens.
+  ebSerialNum_->setFocus();
+}
+
+bool DataEntryDialog::eventFilter(QObject* watched, QEvent* event) {
+  if (event->type() == QEvent::KeyPress) {
+    const int key = static_cast<QKeyEvent*>(event)->key();
+    if ((key == Qt::Key_Return || key == Qt::Key_Enter) && qobject_cast<QLineEdit*>(watched)) {
+      focusNextChild();
+      return true;
+    }
+  }
+  return QDialog::eventFilter(watched, event);
+}
+
+void DataEntryDialog::refuse(const QString& text) {
+  auto* box =
+      new QMessageBox(QMessageBox::Information, windowTitle(), text, QMessageBox::Ok, this);
+  box->setObjectName("messageBox");
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  box->show();
 }
 
 DataEntryDialog::~DataEntryDialog() { answered_(std::string(kCancel)); }
 
 void DataEntryDialog::accept() {
+  const QLineEdit* fields[] = {ebSerialNum_, ebDate_, ebOperator_, ebDescription_};
+  const QString names[] = {tr("Serial Number"), tr("Test Date"), tr("Operator(s)"),
+                           tr("Description")};
+  for (size_t i = 0; i < 4; ++i) {
+    if (required_[i] && fields[i]->text().trimmed().isEmpty()) {
+      refuse(tr("%1 must be filled in.").arg(names[i]));
+      const_cast<QLineEdit*>(fields[i])->setFocus();
+      return;
+    }
+  }
   const auto entered = ParseEntryDate(Std(ebDate_->text().trimmed()));
   if (!entered) {
-    auto* box = new QMessageBox(QMessageBox::Information, windowTitle(), Text(kMsgInvalidDate),
-                                QMessageBox::Ok, this);
-    box->setObjectName("messageBox");
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->open();
+    refuse(Text(kMsgInvalidDate));
     return;
   }
   const QString answer = Text(kAccept) + "|serial=" + ebSerialNum_->text() +
@@ -85,7 +121,7 @@ void DataEntryDialog::accept() {
   QDialog::accept();
 }
 
-void DataEntryDialog::reject() {
+void DataEntryDialog::cancel() {
   answered_(std::string(kCancel));
   QDialog::reject();
 }

@@ -1,12 +1,15 @@
 #include "main_window.h"
 
 #include <QApplication>
+#include <algorithm>
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QDir>
 #include <QFileDialog>
 #include <QGroupBox>
 #include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QKeySequence>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -26,7 +29,10 @@
 #include "check_failure_dialog.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
+#include "common/text_conventions.h"
 #include "instrument/link/channel_commands.h"
+#include "sequencer/line_splitter.h"
+#include "testdb/definition_files.h"
 #include "manual_control.h"
 #include "qt_text.h"
 #include "question_dialogs.h"
@@ -42,6 +48,12 @@ constexpr int kRunWidthTwips = 9015;
 constexpr int kRunHeightTwips = 8865;
 
 constexpr std::string_view kPanelCaption = "Operator Message";
+constexpr std::string_view kExitQuestion = "A test is running. Stop it and exit?";
+// The question the engine asks when a run that must not be stopped is
+// closed; the window asks it itself so that the run goes on meanwhile.
+constexpr std::string_view kNonStopTitle = "Corvane Test Sequence";
+constexpr std::string_view kNonStopText =
+    "This application should not be  stopped\rDo you want to stop it ?";
 // The panel's design colour, light green; a failure alert stands out in a
 // warning colour.
 const QColor kPanelColour(192, 255, 192);
@@ -53,6 +65,31 @@ template <typename T>
 T* Named(T* widget, const char* name) {
   widget->setObjectName(name);
   return widget;
+}
+
+// The fields of the data entry that must be filled in, in the form's order:
+// the first flag of the field names file's rows. Before the file's first
+// unit the engine has not read the definition yet, so it is read here from
+// the DB_DATAENTRY line that asks (quietly: the engine reports its faults
+// itself). Engine thread.
+std::vector<bool> RequiredEntryFields(Engine& engine, std::string line) {
+  TestDefinition read;
+  const TestDefinition* definition = &engine.testDatabase().definition();
+  if (definition->fieldNames.empty()) {
+    const CommandLine command = SplitCommandLine(line);
+    if (command.word == "DB_DATAENTRY") {
+      DefinitionReadOptions options;
+      options.paths = &engine.paths();
+      options.files = &engine.files();
+      options.currentDirectory = engine.files().currentFolder();
+      options.showMessage = [](const std::string&) {};
+      ReadTestDefinitionFiles(std::string(trim(command.arg1)), options, read);
+      definition = &read;
+    }
+  }
+  std::vector<bool> required;
+  for (const FieldName& field : definition->fieldNames) required.push_back(field.firstFlag);
+  return required;
 }
 
 }  // namespace
@@ -68,6 +105,7 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
   setWindowTitle(QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
   buildControls();
   buildMenus();
+  qApp->installEventFilter(this);
   resize(TwipsToPixels(kStartWidthTwips), TwipsToPixels(kStartHeightTwips));
   host_ = std::make_unique<EngineHost>([this, factory] {
     auto engine = factory(operator_);
@@ -110,11 +148,21 @@ void MainWindow::showRunEvent(const RunEvent& event) {
       setDataFileSpec(Text(event.text));
       break;
     case RunEventKind::kStarted:
+      showRunEnd();
       // A free run moves the window to the top-left corner at its running size.
       if (!event.flag) enlargeForRun();
       break;
     case RunEventKind::kUut:
       showVerdict(Text(event.title), event.flag);
+      refreshUnit();
+      break;
+    case RunEventKind::kLine:
+    case RunEventKind::kAnswer:
+      refreshUnit();
+      break;
+    case RunEventKind::kEnd:
+      showRunEnd();
+      refreshUnit();
       break;
     default:
       break;
@@ -122,6 +170,7 @@ void MainWindow::showRunEvent(const RunEvent& event) {
 }
 
 MainWindow::~MainWindow() {
+  qApp->removeEventFilter(this);
   operator_.setClosing();
   // Questions still open get no answer, so that the engine can wind down.
   if (panelAnswered_) {
@@ -140,6 +189,118 @@ MainWindow::~MainWindow() {
   host_.reset();
 }
 
+QGroupBox* MainWindow::buildUnitTile() {
+  auto* tile = Named(new QGroupBox(tr("Unit under test")), "frUnit");
+  auto* row = new QHBoxLayout(tile);
+  auto* details = new QVBoxLayout;
+  laUnitSerial_ = Named(new QLabel, "laUnitSerial");
+  laUnitStage_ = Named(new QLabel, "laUnitStage");
+  details->addWidget(laUnitSerial_);
+  details->addWidget(laUnitStage_);
+  row->addLayout(details, 1);
+  laUnitState_ = Named(new QLabel, "laUnitState");
+  QFont big = laUnitState_->font();
+  big.setPointSize(big.pointSize() * 2);
+  big.setBold(true);
+  laUnitState_->setFont(big);
+  laUnitState_->setAlignment(Qt::AlignCenter);
+  laUnitState_->setMinimumWidth(140);
+  laUnitState_->setAutoFillBackground(true);
+  row->addWidget(laUnitState_);
+  tile->hide();
+  return tile;
+}
+
+void MainWindow::refreshUnit() {
+  if (unitRefreshPending_) {
+    unitRefreshAgain_ = true;
+    return;
+  }
+  unitRefreshPending_ = true;
+  QPointer<MainWindow> self(this);
+  host_->post([self, unitsAtPrepare = unitsAtPrepare_](Engine& engine) {
+    const TestDatabase& db = engine.testDatabase();
+    UnitState unit;
+    unit.open = db.uutOpen();
+    unit.finished = !unit.open && db.uutsFinished() > *unitsAtPrepare;
+    unit.passed = db.uut().passed;
+    unit.serial = db.uut().serialNumber;
+    std::vector<int16_t> steps;
+    for (const StageCheck& row : db.definition().stageChecks)
+      if (std::find(steps.begin(), steps.end(), row.step) == steps.end()) steps.push_back(row.step);
+    std::sort(steps.begin(), steps.end());
+    unit.stages = static_cast<int>(steps.size());
+    const auto at = std::find(steps.begin(), steps.end(), db.currentStep());
+    unit.stage = at == steps.end() ? 0 : static_cast<int>(at - steps.begin()) + 1;
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, unit] {
+          if (!self) return;
+          self->unitRefreshPending_ = false;
+          self->showUnit(unit);
+          if (self->unitRefreshAgain_) {
+            self->unitRefreshAgain_ = false;
+            self->refreshUnit();
+          }
+        },
+        Qt::QueuedConnection);
+  });
+}
+
+void MainWindow::showUnit(const UnitState& unit) {
+  if (!unit.open && !unit.finished) {
+    unitTile_->hide();
+    return;
+  }
+  // The verdict of the unit before never stands beside the unit under test.
+  if (unit.open) laVerdict_->hide();
+  laUnitSerial_->setText(unit.serial.empty() ? tr("Serial number: (none)")
+                                             : tr("Serial number: %1").arg(Text(unit.serial)));
+  if (unit.open) {
+    laUnitStage_->setText(unit.stage == 0 ? tr("Stage - of %1").arg(unit.stages)
+                                          : tr("Stage %1 of %2").arg(unit.stage).arg(unit.stages));
+  } else {
+    laUnitStage_->setText(tr("All stages done"));
+  }
+  const QString state = unit.open ? tr("TESTING") : (unit.passed ? tr("PASS") : tr("FAIL"));
+  laUnitState_->setText(state);
+  QPalette palette = laUnitState_->palette();
+  palette.setColor(QPalette::Window,
+                   unit.open ? QColor(255, 240, 160) : (unit.passed ? kPassColour : kFailColour));
+  laUnitState_->setPalette(palette);
+  unitTile_->show();
+}
+
+void MainWindow::showRunEnd() {
+  laRunEnd_->setText(Text(panel_.endText()));
+  QPalette palette = laRunEnd_->palette();
+  palette.setColor(QPalette::WindowText, panel_.endedInError() ? Qt::darkRed : Qt::black);
+  laRunEnd_->setPalette(palette);
+}
+
+void MainWindow::pressStop() {
+  host_->engine().stop();
+  withdrawCommandDialogs();
+}
+
+bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
+  // Dialogs of the program, modal or not, keep the Stop key: Stop is never
+  // out of reach behind a window.
+  if (event->type() == QEvent::KeyPress || event->type() == QEvent::ShortcutOverride) {
+    const auto* key = static_cast<QKeyEvent*>(event);
+    if (key->key() == kStopKey && (key->modifiers() & ~Qt::KeypadModifier) == Qt::NoModifier &&
+        watched->isWidgetType()) {
+      if (event->type() == QEvent::ShortcutOverride) {
+        event->accept();
+        return true;
+      }
+      if (!key->isAutoRepeat() && pbStop_->isEnabled()) pressStop();
+      return true;
+    }
+  }
+  return QMainWindow::eventFilter(watched, event);
+}
+
 void MainWindow::buildControls() {
   auto* central = new QWidget(this);
   auto* layout = new QVBoxLayout(central);
@@ -150,6 +311,8 @@ void MainWindow::buildControls() {
   sRunStatus_->setFrameShadow(QFrame::Sunken);
   sRunStatus_->setMinimumWidth(90);
   statusRow->addWidget(sRunStatus_);
+  laRunEnd_ = Named(new QLabel, "laRunEnd");
+  statusRow->addWidget(laRunEnd_);
   statusRow->addWidget(new QLabel(tr("Timeout (secs)")));
   sTimeout_ = Named(new QLabel(QStringLiteral("0")), "sTimeout");
   sTimeout_->setFrameShape(QFrame::Panel);
@@ -171,9 +334,13 @@ void MainWindow::buildControls() {
 
   auto* buttons = new QHBoxLayout;
   pbRun_ = Named(new QPushButton(tr("Run")), "pbRun");
-  pbStop_ = Named(new QPushButton(tr("Stop")), "pbStop");
+  pbStop_ = Named(
+      new QPushButton(tr("Stop (%1)").arg(QKeySequence(kStopKey).toString(QKeySequence::NativeText))),
+      "pbStop");
+  pbStop_->setToolTip(tr("Stops the run; a line held in single step is not run"));
   pbStep_ = Named(new QPushButton(tr("Step")), "pbStep");
   pbSkip_ = Named(new QPushButton(tr("Skip")), "pbSkip");
+  pbSkip_->setToolTip(tr("Releases the hold: the held line still runs"));
   cbSingleStep_ = Named(new QCheckBox(tr("Single Step")), "cbSingleStep");
   for (QWidget* w : {static_cast<QWidget*>(pbRun_), static_cast<QWidget*>(pbStop_),
                      static_cast<QWidget*>(pbStep_), static_cast<QWidget*>(pbSkip_),
@@ -186,6 +353,9 @@ void MainWindow::buildControls() {
   sDataFileSpec_ = Named(new QLineEdit, "sDataFileSpec");
   sDataFileSpec_->setReadOnly(true);
   layout->addWidget(sDataFileSpec_);
+
+  unitTile_ = buildUnitTile();
+  layout->addWidget(unitTile_);
 
   tabs_ = Named(new QTabWidget, "tabs");
   sequencePage_ = new QWidget;
@@ -209,9 +379,9 @@ void MainWindow::buildControls() {
   panelButtons->addWidget(pbShutdown_);
   panel->addLayout(panelButtons);
   frOKcancel_->setAutoFillBackground(true);
+  frOKcancel_->setFocusPolicy(Qt::StrongFocus);
   restorePanel();
   frOKcancel_->hide();
-  pageLayout->addWidget(frOKcancel_);
 
   ebHelp_ = Named(new QTextEdit, "ebHelp");
   ebHelp_->setReadOnly(true);
@@ -243,14 +413,13 @@ void MainWindow::buildControls() {
   manualLayout->addWidget(new ManualControl(tasks(), manual));
   manualLayout->addStretch();
   tabs_->addTab(manual, tr("Manual"));
+  // A question waiting is shown above the tabs, whichever tab is in front.
+  layout->addWidget(frOKcancel_);
   layout->addWidget(tabs_, 1);
   setCentralWidget(central);
 
   connect(pbRun_, &QPushButton::clicked, this, [this] { host_->engine().start(); });
-  connect(pbStop_, &QPushButton::clicked, this, [this] {
-    host_->engine().stop();
-    withdrawCommandDialogs();
-  });
+  connect(pbStop_, &QPushButton::clicked, this, &MainWindow::pressStop);
   connect(pbStep_, &QPushButton::clicked, this, [this] {
     enlargeForRun();
     host_->engine().step();
@@ -353,7 +522,8 @@ void MainWindow::openReportWindow() {
   host_->post([self, unitsAtPrepare = unitsAtPrepare_](Engine& engine) {
     TestDatabase& db = engine.testDatabase();
     ReportContents contents{
-        BuildReportView(db.definition().details, db.uut(), engine.clock().now()), db.uut().checks};
+        BuildReportView(db.definition().details, db.uut(), engine.clock().now()), db.uut().checks,
+        db.uutOpen()};
     // Until the file prepared last has a unit of its own, nothing is shown:
     // never the unit of a file before it.
     if (!db.uutOpen() && db.uutsFinished() == *unitsAtPrepare) contents = {};
@@ -372,7 +542,7 @@ void MainWindow::openReportWindow() {
 void MainWindow::openAboutBox() {
   auto* dialog = new AboutDialog(this);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
-  dialog->open();
+  dialog->show();
 }
 
 void MainWindow::selectSetupFile() {
@@ -403,7 +573,7 @@ void MainWindow::selectSetupFile() {
 }
 
 void MainWindow::message(const QString& title, const QString& text) {
-  auto* box = new QMessageBox(QMessageBox::Information, title, text, QMessageBox::Ok, this);
+  auto* box = new QMessageBox(QMessageBox::Critical, title, text, QMessageBox::Ok, this);
   box->setObjectName("messageBox");
   box->setAttribute(Qt::WA_DeleteOnClose);
   box->open();
@@ -415,12 +585,33 @@ void MainWindow::openQuestion(const Question& question, std::function<void(Answe
   const std::string& kind = question.kind;
   if (kind == "CONTINUEOK" || kind == "ENTEROKCANCEL" || kind == "UUTCHECK" || kind == "ALERT") {
     openPanel(question, std::move(answered));
-    bringIntoView(pbOKcancelOK_);
+    // A verdict question takes the keyboard on the panel, not on a button.
+    bringIntoView(kind == "UUTCHECK" ? static_cast<QWidget*>(frOKcancel_) : pbOKcancelOK_);
     return;
   }
   QDialog* dialog = nullptr;
   if (kind == "DATAENTRY") {
-    dialog = new DataEntryDialog(question, QDate::currentDate(), std::move(answered), this);
+    // Which fields are required is asked of the engine first.
+    QPointer<MainWindow> self(this);
+    host_->post([self, question, answered = std::move(answered),
+                 line = Std(sCurrentCommand_->text())](Engine& engine) mutable {
+      std::vector<bool> required = RequiredEntryFields(engine, line);
+      QMetaObject::invokeMethod(
+          qApp,
+          [self, question, answered = std::move(answered), required]() mutable {
+            if (!self) {
+              answered(std::nullopt);
+              return;
+            }
+            auto* entry = new DataEntryDialog(question, QDate::currentDate(), std::move(answered),
+                                              self, required);
+            entry->setAttribute(Qt::WA_DeleteOnClose);
+            entry->show();
+            self->bringIntoView(entry);
+          },
+          Qt::QueuedConnection);
+    });
+    return;
   } else if (kind == "CHECKFAILURE") {
     dialog = new CheckFailureDialog(question, std::move(answered), this);
   } else if (kind == "SELECTMENU") {
@@ -437,26 +628,24 @@ void MainWindow::openQuestion(const Question& question, std::function<void(Answe
     return;
   }
   dialog->setAttribute(Qt::WA_DeleteOnClose);
-  if (kind == "SELECTMENU" || kind == "ENTERSEND") {
-    // Stop must stay within reach while these wait.
-    dialog->show();
-  } else {
-    dialog->open();
-  }
+  // Never modal: Stop must stay within reach while a question waits.
+  dialog->show();
   bringIntoView(dialog);
 }
 
 void MainWindow::bringIntoView(QWidget* focus) {
   if (isMinimized()) showNormal();
   QWidget* top = focus->window();
-  if (top == this) tabs_->setCurrentWidget(sequencePage_);
   raise();
   activateWindow();
   if (top != this) {
     top->raise();
     top->activateWindow();
   }
-  focus->setFocus(Qt::OtherFocusReason);
+  // A window gives the keyboard to the field it chose (the first entry, the
+  // list), not to itself.
+  QWidget* target = focus->isWindow() && focus->focusWidget() ? focus->focusWidget() : focus;
+  target->setFocus(Qt::OtherFocusReason);
   QApplication::alert(this);
 }
 
@@ -490,7 +679,11 @@ void MainWindow::openPanel(const Question& question, std::function<void(Answer)>
   pbShutdown_->setVisible(captions.size() > 2);
   if (captions.size() > 2) pbShutdown_->setText(Text(captions[2]));
   frOKcancel_->show();
-  pbOKcancelOK_->setDefault(true);
+  // A verdict (UUT Check) is never given by Enter: its buttons are pressed
+  // by a click or Space once chosen.
+  const bool verdict = question.kind == "UUTCHECK";
+  for (QPushButton* b : {pbOKcancelOK_, pbOKcancelCancel_, pbShutdown_}) b->setAutoDefault(!verdict);
+  pbOKcancelOK_->setDefault(!verdict);
 }
 
 void MainWindow::restorePanel() {
@@ -503,6 +696,7 @@ void MainWindow::restorePanel() {
   pbOKcancelCancel_->show();
   pbShutdown_->setText(tr("Shutdown"));
   pbShutdown_->hide();
+  for (QPushButton* b : {pbOKcancelOK_, pbOKcancelCancel_, pbShutdown_}) b->setAutoDefault(true);
 }
 
 void MainWindow::answerPanel(int button) {
@@ -584,11 +778,14 @@ void MainWindow::watchVerdicts() {
 
 void MainWindow::openMessageBox(const QString& title, const QString& text,
                                 std::function<void()> closed) {
-  auto* box = new QMessageBox(QMessageBox::Information, title, text, QMessageBox::Ok, this);
+  // The engine's error messages carry its error title: the error icon.
+  const QMessageBox::Icon icon =
+      title == Text(kErrorTitle) ? QMessageBox::Critical : QMessageBox::Information;
+  auto* box = new QMessageBox(icon, title, text, QMessageBox::Ok, this);
   box->setObjectName("engineMessageBox");
   box->setAttribute(Qt::WA_DeleteOnClose);
   connect(box, &QMessageBox::finished, box, [closed] { closed(); });
-  box->open();
+  box->show();
 }
 
 void MainWindow::openFileDialog(const FileChoice& request,
@@ -600,6 +797,8 @@ void MainWindow::openFileDialog(const FileChoice& request,
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->setFileMode(QFileDialog::ExistingFile);
   if (!request.defaultExtension.empty()) dialog->setDefaultSuffix(Text(request.defaultExtension));
+  // Not modal: Stop stays within reach while the engine waits for a file.
+  dialog->setWindowModality(Qt::NonModal);
   auto once = std::make_shared<std::function<void(const QString&)>>(std::move(chosen));
   connect(dialog, &QFileDialog::fileSelected, dialog, [once](const QString& file) {
     if (*once) (*once)(file);
@@ -609,7 +808,7 @@ void MainWindow::openFileDialog(const FileChoice& request,
     if (*once) (*once)(QString());
     *once = nullptr;
   });
-  dialog->open();
+  dialog->show();
 }
 
 void MainWindow::setStatusLabel(const QString& text, const QColor& colour) {
@@ -690,6 +889,10 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     return;
   }
   event->ignore();
+  if (panel_.running()) {
+    askBeforeClosing();
+    return;
+  }
   host_->engine().close([this](bool closed) {
     if (!closed) return;
     QMetaObject::invokeMethod(
@@ -697,6 +900,54 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         [this] {
           closeAllowed_ = true;
           close();
+        },
+        Qt::QueuedConnection);
+  });
+}
+
+void MainWindow::askBeforeClosing() {
+  if (closeQuestion_) {
+    closeQuestion_->raise();
+    closeQuestion_->activateWindow();
+    return;
+  }
+  // A run that must not be stopped asks its own question; any other asks
+  // whether to stop it. Neither holds the run, and Stop stays in reach.
+  const bool nonStop = !panel_.controls().stopEnabled;
+  auto* box = new QMessageBox(this);
+  box->setWindowModality(Qt::NonModal);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  box->setIcon(QMessageBox::Question);
+  box->setObjectName(nonStop ? "questionBox" : "exitQuestion");
+  box->setWindowTitle(nonStop ? Text(kNonStopTitle) : windowTitle());
+  box->setText(Text(nonStop ? kNonStopText : kExitQuestion));
+  QPushButton* yes = box->addButton(tr("Yes"), QMessageBox::YesRole);
+  QPushButton* no = box->addButton(tr("No"), QMessageBox::NoRole);
+  yes->setObjectName("answer_Yes");
+  no->setObjectName("answer_No");
+  if (nonStop) box->addButton(tr("Cancel"), QMessageBox::RejectRole)->setObjectName("answer_Cancel");
+  // Enter keeps the test going: only an explicit Yes ends it.
+  box->setDefaultButton(no);
+  box->setEscapeButton(no);
+  connect(box, &QMessageBox::buttonClicked, this, [this, yes](QAbstractButton* clicked) {
+    if (clicked == yes) closeForGood();
+  });
+  closeQuestion_ = box;
+  box->show();
+  box->raise();
+  box->activateWindow();
+}
+
+void MainWindow::closeForGood() {
+  QPointer<MainWindow> self(this);
+  host_->post([self](Engine& engine) {
+    if (engine.sequencer().flags().running) engine.sequencer().requestAbort();
+    QMetaObject::invokeMethod(
+        qApp,
+        [self] {
+          if (!self) return;
+          self->closeAllowed_ = true;
+          self->close();
         },
         Qt::QueuedConnection);
   });

@@ -7,6 +7,7 @@
 
 #include <QList>
 #include <QMainWindow>
+#include <QPointer>
 #include <functional>
 #include <memory>
 #include <string>
@@ -25,6 +26,7 @@ class QTabWidget;
 class QTextEdit;
 class QMenu;
 class QAction;
+class QMessageBox;
 
 namespace tavrix {
 
@@ -36,8 +38,23 @@ class ChartWindow;
 // command line is therefore given with its full path.
 void EnterSetupsFolder(Engine& engine);
 
+// The key that presses Stop from any window of the program; the Stop
+// button shows it.
+inline constexpr Qt::Key kStopKey = Qt::Key_F12;
+
 // 15 twips a pixel at 96 dots an inch.
 constexpr int TwipsToPixels(int twips) { return twips / 15; }
+
+// What the unit tile shows of the unit under test (read on the engine
+// thread, shown on the window's).
+struct UnitState {
+  bool open = false;      // a unit is being tested
+  bool finished = false;  // a unit of this file has ended: `passed` is its verdict
+  bool passed = true;
+  std::string serial;
+  int stage = 0;   // the stage being tested, from 1; 0 before the first
+  int stages = 0;  // the definition's stages
+};
 
 class MainWindow : public QMainWindow {
  public:
@@ -86,9 +103,20 @@ class MainWindow : public QMainWindow {
 
  protected:
   void closeEvent(QCloseEvent* event) override;
+  // Takes the Stop key whatever window of the program has the keyboard.
+  bool eventFilter(QObject* watched, QEvent* event) override;
 
  private:
   void buildControls();
+  // How the last run ended, beside the status.
+  void showRunEnd();
+  // Stop, from the button or the Stop key.
+  void pressStop();
+  // Exit or the close box while a run goes: asks first, without holding the
+  // run, and closes on Yes.
+  void askBeforeClosing();
+  // Ends the run (when one goes) and closes the window.
+  void closeForGood();
   void buildMenus();
   void answerPanel(int button);
   void answerQuestionBox(const Question& question, std::function<void(Answer)> answered);
@@ -104,6 +132,12 @@ class MainWindow : public QMainWindow {
   // A prepared file starts from clean displays.
   void clearRunDisplays();
   void watchVerdicts();
+  // The unit tile: the current unit's serial number, its stage and a large
+  // TESTING / PASS / FAIL, as a test socket's tile shows them.
+  QGroupBox* buildUnitTile();
+  // Asks the engine for the unit's state (one question at a time).
+  void refreshUnit();
+  void showUnit(const UnitState& unit);
   // Shows one run event of the engine (on the window's thread).
   void showRunEvent(const RunEvent& event);
   void message(const QString& title, const QString& text);
@@ -121,11 +155,19 @@ class MainWindow : public QMainWindow {
   QPushButton* pbSkip_ = nullptr;
   QCheckBox* cbSingleStep_ = nullptr;
   QLabel* sRunStatus_ = nullptr;
+  QLabel* laRunEnd_ = nullptr;
+  QPointer<QMessageBox> closeQuestion_;
   QLabel* sTimeout_ = nullptr;
   QLineEdit* sCurrentCommand_ = nullptr;
   QLineEdit* sDataFileSpec_ = nullptr;
   QTextEdit* ebHelp_ = nullptr;
   QLabel* laVerdict_ = nullptr;
+  QGroupBox* unitTile_ = nullptr;
+  QLabel* laUnitSerial_ = nullptr;
+  QLabel* laUnitStage_ = nullptr;
+  QLabel* laUnitState_ = nullptr;
+  bool unitRefreshPending_ = false;
+  bool unitRefreshAgain_ = false;
   QTabWidget* tabs_ = nullptr;
   QWidget* sequencePage_ = nullptr;
   QGroupBox* frOKcancel_ = nullptr;

@@ -13,6 +13,7 @@
 #include <QListWidget>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPrintDialog>
 #include <QPrinter>
 #include <QPushButton>
 #include <QScreen>
@@ -231,6 +232,297 @@ class MainWindowTest : public QObject {
     QVERIFY(!panel->isVisible());
   }
 
+  // Stop with a line held in single step ends the run without running the
+  // line: the heater stays off. Skip's tooltip says the held line runs.
+  void stopNeverRunsTheHeldLine() {
+    const std::string file = Sequence(
+        "held.wts", {"IMSFILESPEC " TAVRIX_SOURCE_DIR "/examples/rig.ims", "SEND HEATER, 77", "STOP"});
+    MainWindow w(RigFactory(), file);
+    w.show();
+    QVERIFY(Find<QPushButton>(w, "pbSkip")->toolTip().contains("held line still runs"));
+    QVERIFY(Find<QPushButton>(w, "pbStop")->text().contains("F12"));
+    QTRY_VERIFY(Find<QCheckBox>(w, "cbSingleStep")->isEnabled());
+    QCOMPARE(Channel(w, "HEATER"), std::string("0"));
+    Find<QCheckBox>(w, "cbSingleStep")->setChecked(true);
+    auto* command = Find<QLineEdit>(w, "sCurrentCommand");
+    QTRY_VERIFY(command->text().startsWith("IMSFILESPEC"));
+    Click(w, "pbStep");
+    QTRY_COMPARE(command->text(), QString("SEND HEATER, 77"));
+    QTRY_VERIFY(OnEngine<bool>(w, [](Engine& e) { return e.sequencer().flags().singleStepMode; }));
+    Click(w, "pbStop");
+    QTRY_VERIFY(Idle(w));
+    QCOMPARE(Channel(w, "HEATER"), std::string("0"));
+    QTRY_COMPARE(Find<QLabel>(w, "laRunEnd")->text(), QString("Ended: Stop"));
+  }
+
+  // Exit and the close box ask while a test runs; No leaves it running,
+  // Yes stops it and closes. Enter answers No.
+  void exitDuringARunAsksFirst() {
+    auto* w = new MainWindow(Factory(), Sequence("exit.wts", {"WAITSECONDS 60"}));
+    w->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<MainWindow> alive(w);
+    w->show();
+    // Not running: Exit closes at once.
+    QTRY_VERIFY(Find<QPushButton>(*w, "pbRun")->isEnabled());
+    Click(*w, "pbRun");
+    QTRY_COMPARE(Status(*w), QString("Running"));
+    auto question = [&] {
+      QMessageBox* box = nullptr;
+      if (!QTest::qWaitFor([&] {
+            return (box = w->findChild<QMessageBox*>("exitQuestion")) != nullptr &&
+                   box->isVisible();
+          }))
+        qFatal("no exit question");
+      return box;
+    };
+    Find<QAction>(*w, "mbExit")->trigger();
+    QMessageBox* box = question();
+    QCOMPARE(box->text(), QString("A test is running. Stop it and exit?"));
+    QVERIFY(!box->isModal());
+    QTest::keyClick(box, Qt::Key_Return);
+    QTRY_VERIFY(w->findChild<QMessageBox*>("exitQuestion") == nullptr);
+    QVERIFY(alive);
+    QCOMPARE(Status(*w), QString("Running"));
+    w->close();
+    QTest::mouseClick(question()->findChild<QPushButton*>("answer_Yes"), Qt::LeftButton);
+    QTRY_VERIFY(!alive);
+
+    // Once the run has ended, Exit closes without a question.
+    auto* idle = new MainWindow(Factory(), Sequence("idle.wts", {"WAITSECONDS 0"}));
+    idle->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<MainWindow> idleAlive(idle);
+    idle->show();
+    QTRY_VERIFY(Find<QPushButton>(*idle, "pbRun")->isEnabled());
+    Find<QAction>(*idle, "mbExit")->trigger();
+    QTRY_VERIFY(!idleAlive);
+  }
+
+  // The NONSTOP close question holds nothing: the run goes on while it is
+  // open and reaches the next line.
+  void theRunGoesOnWhileTheCloseQuestionIsOpen() {
+    auto* w = new MainWindow(Factory(), Sequence("nonstop2.wts", {"NONSTOP", "WAITSECONDS 1",
+                                                                  "CONTINUEOK Wait over"}));
+    w->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<MainWindow> alive(w);
+    w->show();
+    Click(*w, "pbRun");
+    QTRY_COMPARE(Find<QLineEdit>(*w, "sCurrentCommand")->text().left(11), QString("waitseconds"));
+    w->close();
+    QMessageBox* box = nullptr;
+    QTRY_VERIFY((box = w->findChild<QMessageBox*>("questionBox")) != nullptr && box->isVisible());
+    // The wait ends and the next line asks while the close question is open.
+    QTRY_VERIFY(Find<QGroupBox>(*w, "frOKcancel")->isVisible());
+    QCOMPARE(Find<QLabel>(*w, "laMessage")->text(), QString("Wait over"));
+    QVERIFY(box->isVisible());
+    QTest::mouseClick(box->findChild<QPushButton*>("answer_Cancel"), Qt::LeftButton);
+    QTRY_VERIFY(w->findChild<QMessageBox*>("questionBox") == nullptr);
+    Click(*w, "pbOKcancelOK");
+    QTRY_VERIFY(Idle(*w));
+    QVERIFY(alive);
+    delete w;
+  }
+
+  // Stop answers its key from any window of the program, and a click on it
+  // works while the data entry, the about box or the report's PDF dialog is
+  // open: none of them is modal.
+  void stopIsInReachWhateverWindowIsOpen() {
+    MainWindow w(Factory(), UutSequence("reach.wts"));
+    w.show();
+    Click(w, "pbRun");
+    DataEntryDialog* entry = nullptr;
+    QTRY_VERIFY((entry = w.findChild<DataEntryDialog*>()) != nullptr && entry->isVisible());
+    QCOMPARE(QApplication::activeModalWidget(), nullptr);
+    Click(w, "pbStop");
+    QTRY_COMPARE(Status(w), QString("Stopped"));
+    entry->cancel();
+    QTRY_VERIFY(Idle(w));
+
+    MainWindow other(Factory(), Sequence("reach2.wts", {"WAITSECONDS 60"}));
+    other.show();
+    Click(other, "pbRun");
+    QTRY_COMPARE(Status(other), QString("Running"));
+    other.openAboutBox();
+    QDialog* about = nullptr;
+    QTRY_VERIFY((about = other.findChild<QDialog*>("frmAbout")) != nullptr && about->isVisible());
+    QCOMPARE(QApplication::activeModalWidget(), nullptr);
+    QTest::keyClick(about, Qt::Key_F12);
+    QTRY_COMPARE(Status(other), QString("Stopped"));
+    QTRY_COMPARE(Find<QLabel>(other, "laRunEnd")->text(), QString("Ended: Stop"));
+    about->close();
+
+    Click(other, "pbRun");
+    QTRY_COMPARE(Status(other), QString("Running"));
+    other.openReportWindow();
+    ReportDialog* report = nullptr;
+    QTRY_VERIFY((report = other.findChild<ReportDialog*>()) != nullptr && report->isVisible());
+    QTest::mouseClick(report->findChild<QPushButton*>("pbPrintPdf"), Qt::LeftButton);
+    QFileDialog* pdf = nullptr;
+    QTRY_VERIFY((pdf = report->findChild<QFileDialog*>("pdfDialog")) != nullptr &&
+                pdf->isVisible());
+    QCOMPARE(QApplication::activeModalWidget(), nullptr);
+    QTest::keyClick(pdf, Qt::Key_F12);
+    QTRY_COMPARE(Status(other), QString("Stopped"));
+    pdf->reject();
+    report->close();
+  }
+
+  // Beside the status: how the run ended; a sequence error names its line
+  // and its box carries the error icon.
+  void howTheRunEndedIsShown() {
+    MainWindow w(Factory(), Sequence("error.wts", {"WAITSECONDS 0", "GOTO NOWHERE"}));
+    w.show();
+    Click(w, "pbRun");
+    QMessageBox* box = Box(w, "engineMessageBox");
+    QCOMPARE(box->icon(), QMessageBox::Critical);
+    box->accept();
+    QTRY_COMPARE(Find<QLabel>(w, "laRunEnd")->text(), QString("Ended: sequence error at line 2"));
+    QTRY_VERIFY(Idle(w));
+
+    MainWindow eof(Factory(), Sequence("eof.wts", {"WAITSECONDS 0"}));
+    eof.show();
+    Click(eof, "pbRun");
+    QTRY_COMPARE(Find<QLabel>(eof, "laRunEnd")->text(), QString("Ended: end of file"));
+  }
+
+  // The data entry opens with the serial number's field in hand: a scanned
+  // serial lands whole and the scanner's Enter moves on instead of
+  // accepting. A serial number, and every field the field names file marks
+  // required, must be filled in; Escape ends nothing.
+  void dataEntryTakesAScannerAndItsRequiredFields() {
+    Answers answers;
+    auto* dialog = new DataEntryDialog({"DATAENTRY", "", "", {}}, QDate(2026, 11, 15),
+                                       answers.callback(), nullptr, {true, true, true, false});
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<QDialog> alive(dialog);
+    dialog->show();
+    QVERIFY(QTest::qWaitForWindowActive(dialog));
+    QTRY_COMPARE(QApplication::focusWidget(), Find<QLineEdit>(*dialog, "ebSerialNum"));
+    QTest::keyClicks(QApplication::focusWidget(), "SN-0042");
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QCOMPARE(Find<QLineEdit>(*dialog, "ebSerialNum")->text(), QString("SN-0042"));
+    QCOMPARE(QApplication::focusWidget(), Find<QLineEdit>(*dialog, "ebDate"));
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
+    QVERIFY(answers.given.empty());
+    QVERIFY(dialog->isVisible());
+    // The operator's field is required here; the description is not.
+    QTest::mouseClick(Find<QPushButton>(*dialog, "pbAccept"), Qt::LeftButton);
+    QMessageBox* box = Box(*dialog, "messageBox");
+    QCOMPARE(box->text(), QString("Operator(s) must be filled in."));
+    box->accept();
+    QTRY_VERIFY(dialog->findChild<QMessageBox*>("messageBox") == nullptr);
+    Find<QLineEdit>(*dialog, "ebOperator")->setText("Ann");
+    Find<QLineEdit>(*dialog, "ebSerialNum")->setText("  ");
+    QTest::mouseClick(Find<QPushButton>(*dialog, "pbAccept"), Qt::LeftButton);
+    box = Box(*dialog, "messageBox");
+    QCOMPARE(box->text(), QString("Serial Number must be filled in."));
+    box->accept();
+    QTRY_VERIFY(dialog->findChild<QMessageBox*>("messageBox") == nullptr);
+    QVERIFY(answers.given.empty());
+    Find<QLineEdit>(*dialog, "ebSerialNum")->setText("SN-0042");
+    QTest::mouseClick(Find<QPushButton>(*dialog, "pbAccept"), Qt::LeftButton);
+    QCOMPARE(answers.given,
+             std::vector<Answer>{std::string(
+                 "Accept|serial=SN-0042|date=15-11-2026|operator=Ann|description=")});
+    QTRY_VERIFY(!alive);
+
+    // In a run, the field names file says which fields are required, from
+    // the first unit on.
+    const std::string d = dir_.path().toStdString();
+    Write(d + "/rdetails.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" +
+                                   d + "/rfields.txt\t" + d + "/stages.txt\t" + d + "/results\r\n");
+    Write(d + "/rfields.txt",
+          "TEST SEQUENCE - FIELD NAMES\r\nField Name\tRequired\r\nSerial\tTRUE\r\nDate\tTRUE\r\n"
+          "Operator\tFALSE\r\nDescription\tTRUE\r\n");
+    Write(d + "/stages.txt", "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n");
+    MainWindow w(Factory(), Sequence("required.wts", {"DB_DATAENTRY " + d + "/rdetails.txt"}));
+    w.show();
+    Click(w, "pbRun");
+    DataEntryDialog* entry = nullptr;
+    QTRY_VERIFY((entry = w.findChild<DataEntryDialog*>()) != nullptr && entry->isVisible());
+    Find<QLineEdit>(*entry, "ebSerialNum")->setText("SN1");
+    QTest::mouseClick(Find<QPushButton>(*entry, "pbAccept"), Qt::LeftButton);
+    box = Box(*entry, "messageBox");
+    QCOMPARE(box->text(), QString("Description must be filled in."));
+    box->accept();
+    entry->cancel();
+    QTRY_VERIFY(Idle(w));
+  }
+
+  // Enter never writes an output or gives a verdict: MANUALADJUST's Up, the
+  // UUT Check's Pass and the report's Print take a click (or Space on the
+  // chosen button). ENTERSEND types into its entry and SELECTMENU's list
+  // takes the arrow keys at once.
+  void enterNeverChangesTheRigOrAVerdict() {
+    MainWindow w(Factory(), "");
+    w.show();
+    QVERIFY(QTest::qWaitForWindowActive(&w));
+    Answers verdicts;
+    w.openQuestion({"UUTCHECK", "UUT Check", "Seal fitted?", {"Pass", "Fail and Repeat", "Fail and Continue"}},
+                   verdicts.callback());
+    QTRY_VERIFY(Find<QGroupBox>(w, "frOKcancel")->isVisible());
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Enter);
+    QVERIFY(verdicts.given.empty());
+    QTest::mouseClick(Find<QPushButton>(w, "pbOKcancelOK"), Qt::LeftButton);
+    QCOMPARE(verdicts.given, std::vector<Answer>{std::string("Pass")});
+    // The plain panel keeps Enter on OK.
+    w.openQuestion({"CONTINUEOK", "", "Fit the unit", {"Continue"}}, verdicts.callback());
+    QTRY_VERIFY(Find<QPushButton>(w, "pbOKcancelOK")->hasFocus());
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QCOMPARE(verdicts.given.size(), size_t{2});
+
+    Answers adjust;
+    w.openQuestion({"MANUALADJUST", "Manual Adjust", "HEATER", {"Up", "Down", "Continue"}},
+                   adjust.callback());
+    QDialog* display = nullptr;
+    QTRY_VERIFY((display = w.findChild<QDialog*>("frmChannelDisplay")) != nullptr &&
+                display->isVisible());
+    QVERIFY(QTest::qWaitForWindowActive(display));
+    QTest::keyClick(display, Qt::Key_Return);
+    QTest::keyClick(display, Qt::Key_Escape);
+    QVERIFY(adjust.given.empty());
+    QVERIFY(display->isVisible());
+    for (QPushButton* b : display->findChildren<QPushButton*>())
+      QVERIFY2(!b->isDefault() && !b->autoDefault(), qPrintable(b->text()));
+    QTest::mouseClick(Find<QPushButton>(*display, "answer_Continue"), Qt::LeftButton);
+    QCOMPARE(adjust.given, std::vector<Answer>{std::string("Continue")});
+
+    Answers typed;
+    w.openQuestion({"ENTERSEND", "", "Heater power?", {}}, typed.callback());
+    QDialog* send = nullptr;
+    QTRY_VERIFY((send = w.findChild<QDialog*>("frmEnterSend")) != nullptr && send->isVisible());
+    QVERIFY(QTest::qWaitForWindowActive(send));
+    QTRY_COMPARE(QApplication::focusWidget(), Find<QLineEdit>(*send, "ebEntry"));
+    QTest::keyClicks(QApplication::focusWidget(), "42");
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QVERIFY(typed.given.empty());
+    QTest::mouseClick(Find<QPushButton>(*send, "pbEntryOK"), Qt::LeftButton);
+    QCOMPARE(typed.given, std::vector<Answer>{std::string("42")});
+
+    Answers picked;
+    w.openQuestion({"SELECTMENU", "", "Which way?", {"WARM", "COOL", "HOLD"}}, picked.callback());
+    QListWidget* menu = nullptr;
+    QTRY_VERIFY((menu = w.findChild<QListWidget*>("lbMenu")) != nullptr && menu->isVisible());
+    QVERIFY(QTest::qWaitForWindowActive(menu->window()));
+    QTRY_COMPARE(QApplication::focusWidget(), menu);
+    QTest::keyClick(menu, Qt::Key_Down);
+    QTest::keyClick(menu, Qt::Key_Return);
+    QCOMPARE(picked.given, std::vector<Answer>{std::string("COOL")});
+
+    auto* report = new ReportDialog({}, &w);
+    report->setAttribute(Qt::WA_DeleteOnClose);
+    QPointer<QDialog> reportAlive(report);
+    report->show();
+    QVERIFY(QTest::qWaitForWindowActive(report));
+    QVERIFY(!Find<QPushButton>(*report, "pbPrint")->autoDefault());
+    QVERIFY(!Find<QPushButton>(*report, "pbPrintPdf")->autoDefault());
+    QVERIFY(Find<QPushButton>(*report, "pbEscape")->isDefault());
+    QTest::keyClick(report, Qt::Key_Return);
+    QTRY_VERIFY(!reportAlive);
+    QCOMPARE(w.findChild<QPrintDialog*>("printDialog"), nullptr);
+  }
+
   // A run, free or stepped, holds its file: the file items are locked, the
   // engine refuses a new file, and a file opened afterwards runs only its
   // own lines.
@@ -359,7 +651,7 @@ class MainWindowTest : public QObject {
     QFileDialog* files = nullptr;
     QTRY_VERIFY((files = w.findChild<QFileDialog*>("engineFileDialog")) != nullptr &&
                 files->isVisible());
-    QVERIFY(files->isModal());
+    QVERIFY(!files->isModal());
     int before = *ticks;
     QTRY_VERIFY(*ticks >= before + 3);
     files->reject();

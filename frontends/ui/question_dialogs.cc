@@ -32,6 +32,8 @@ SelectMenuDialog::SelectMenuDialog(const Question& question, std::function<void(
   for (const auto& choice : question.buttons) lbMenu_->addItem(Text(choice));
   lbMenu_->setCurrentRow(0);
   layout->addWidget(lbMenu_);
+  // The arrow keys move in the list as soon as the window opens.
+  lbMenu_->setFocus();
   auto* ok = new QPushButton(tr("OK"));
   ok->setObjectName("pbMenuOK");
   ok->setDefault(true);
@@ -74,9 +76,13 @@ EnterSendDialog::EnterSendDialog(const Question& question, std::function<void(An
   ebEntry_ = new QLineEdit;
   ebEntry_->setObjectName("ebEntry");
   layout->addWidget(ebEntry_);
+  // Typing goes into the entry at once.
+  ebEntry_->setFocus();
   auto* ok = new QPushButton(tr("OK"));
   ok->setObjectName("pbEntryOK");
-  ok->setDefault(true);
+  // The answer is written to an output: no default button, so Enter in the
+  // entry sends nothing; the operator presses OK.
+  ok->setAutoDefault(false);
   layout->addWidget(ok, 0, Qt::AlignRight);
   connect(ok, &QPushButton::clicked, this, &EnterSendDialog::accept);
 }
@@ -130,6 +136,8 @@ void ChannelDisplayDialog::ask(const Question& question, std::function<void(Answ
   for (const auto& caption : question.buttons) {
     auto* b = new QPushButton(Text(caption));
     b->setObjectName(QString::fromStdString("answer_" + caption));
+    // The answers change outputs (Up, Down): none is pressed by Enter.
+    b->setAutoDefault(false);
     buttons_->addWidget(b);
     connect(b, &QPushButton::clicked, this, [this, caption] {
       auto answered = answered_;

@@ -99,7 +99,10 @@ ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
     }
   }
   ebSequenceList_->resizeColumnsToContents();
-  if (contents_.checks.empty()) {
+  if (contents_.inProgress) {
+    // A verdict before the last stage would claim what is not known yet.
+    laVerdict_->setText(tr("in progress"));
+  } else if (contents_.checks.empty()) {
     laVerdict_->setText(tr("No checks recorded"));
   } else {
     laVerdict_->setText(failed() ? tr("Fail") : tr("Pass"));
@@ -111,6 +114,10 @@ ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
   pbPrint_ = Named(new QPushButton(tr("&Print")), "pbPrint");
   pbPdf_ = Named(new QPushButton(tr("P&DF...")), "pbPrintPdf");
   pbEscape_ = Named(new QPushButton(tr("&Escape")), "pbEscape");
+  // Enter closes the window; printing takes a click or its key.
+  pbPrint_->setAutoDefault(false);
+  pbPdf_->setAutoDefault(false);
+  pbEscape_->setDefault(true);
   auto* buttons = new QHBoxLayout;
   buttons->addStretch();
   buttons->addWidget(pbPrint_);
@@ -195,7 +202,9 @@ void ReportDialog::printOnDefaultPrinter() {
   dialog->setObjectName("printDialog");
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   connect(dialog, &QDialog::accepted, this, [this, printer] { print(*printer); });
-  dialog->open();
+  // Not modal: Stop and the questions of the run stay within reach.
+  dialog->setWindowModality(Qt::NonModal);
+  dialog->show();
 }
 
 void ReportDialog::saveAsPdf() {
@@ -204,9 +213,12 @@ void ReportDialog::saveAsPdf() {
   dialog->setAcceptMode(QFileDialog::AcceptSave);
   dialog->setDefaultSuffix("pdf");
   dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->setObjectName("pdfDialog");
   connect(dialog, &QFileDialog::fileSelected, this,
           [this](const QString& path) { printToPdf(path); });
-  dialog->open();
+  // Not modal: Stop and the questions of the run stay within reach.
+  dialog->setWindowModality(Qt::NonModal);
+  dialog->show();
 }
 
 }  // namespace tavrix

@@ -24,6 +24,8 @@ namespace tavrix {
 struct ReportContents {
   ReportView header;
   std::vector<CheckEntry> checks;
+  // The unit is still being tested: its verdict is not given yet.
+  bool inProgress = false;
 };
 
 class ReportDialog : public QDialog {

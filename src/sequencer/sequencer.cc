@@ -219,6 +219,9 @@ void Sequencer::dispatchLine(std::string& line) {
     waitUntil([this] { return !flags_.singleStepHold || !flags_.singleStepMode; });
     flags_.singleStepHold = true;
     publish(RunEventKind::kRelease, releasedBy_);
+    // A line held when Stop is pressed is not run: an output written after
+    // the operator pressed Stop would endanger the rig and the person at it.
+    if (flags_.stopRequested) return;
   }
 
   const CommandLine command = SplitCommandLine(line);

@@ -186,6 +186,44 @@ TEST_F(RunEngineTest, SingleSteppingHoldsEachLineUntilStepOrSkip) {
   EXPECT_EQ(Count(RunEventKind::kResumed), 1);
 }
 
+// Stop while a line is held leaves that line out, however the hold came
+// (stepping or a pause); Skip before it still ran its held line.
+TEST_F(RunEngineTest, StopNeverRunsTheHeldLine) {
+  std::vector<std::string> outputs;
+  const Keyword<CommandLine> output{"OUTPUT", "", AsWritten};
+  seq_.dispatcher().bind(output,
+                         [&](Sequencer&, const CommandLine& c) { outputs.push_back(c.arg1); });
+  Load({"OUTPUT 1", "OUTPUT 2", "OUTPUT 3", "OUTPUT 4"});
+  int presses = 0;
+  Timer person(events_, 10 * kMicrosPerSecond, [&] {
+    ++presses;
+    if (presses == 1) seq_.step();
+    if (presses == 2) seq_.skip();
+    if (presses == 3) seq_.stop();
+  });
+  person.setEnabled(true);
+  seq_.startStepping();
+  EXPECT_EQ(outputs, (std::vector<std::string>{"1", "2"}));
+  EXPECT_EQ(presses, 3);
+  EXPECT_FALSE(seq_.flags().running);
+
+  // A run paused from outside holds the same way.
+  outputs.clear();
+  Load({"OUTPUT 1", "WAITSECONDS 5", "OUTPUT 2"});
+  Timer pauser(events_, 2 * kMicrosPerSecond, [&] {
+    pauser.setEnabled(false);
+    seq_.pause();
+  });
+  pauser.setEnabled(true);
+  const auto held = seq_.runEvents().subscribe([&](const RunEvent& e) {
+    if (e.kind == RunEventKind::kHold) events_.post([this] { seq_.stop(); });
+  });
+  person.setEnabled(false);
+  seq_.start();
+  EXPECT_EQ(outputs, (std::vector<std::string>{"1"}));
+  EXPECT_FALSE(seq_.flags().running);
+}
+
 TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
   Load({"WAITSECONDS 1000", "WAITSECONDS 1000", "HANDLER:", "WAITSECONDS 5"});
   seq_.setJumpTarget("handler", false);
