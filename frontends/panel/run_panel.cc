@@ -1,5 +1,9 @@
 #include "panel/run_panel.h"
 
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
 #include "common/text_conventions.h"
 
 namespace tavrix {
@@ -21,6 +25,40 @@ StartCommandLine ParseStartCommandLine(std::string_view commandLine) {
   start.autoStart = upperCase(commandLine).find(" /A") != std::string::npos;
   return start;
 }
+
+std::string FormatCountDown(double seconds) {
+  const long long total = seconds > 0 ? static_cast<long long>(std::ceil(seconds - 1e-9)) : 0;
+  const long long hours = total / 3600;
+  const long long minutes = (total / 60) % 60;
+  const long long secs = total % 60;
+  char text[48];
+  if (hours > 0) {
+    std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", hours, minutes, secs);
+  } else {
+    std::snprintf(text, sizeof text, "%02lld:%02lld", minutes, secs);
+  }
+  return text;
+}
+
+namespace {
+
+// "waitseconds 458.72" as its word and figure; false for any other display.
+bool ParseCountDown(const std::string& text, std::string& word, double& figure) {
+  const size_t space = text.find(' ');
+  if (space == 0 || space == std::string::npos || text.find(' ', space + 1) != std::string::npos)
+    return false;
+  for (size_t i = 0; i < space; ++i)
+    if (text[i] < 'a' || text[i] > 'z') return false;
+  const std::string number = text.substr(space + 1);
+  char* end = nullptr;
+  figure = std::strtod(number.c_str(), &end);
+  if (number.empty() || end != number.c_str() + number.size() || !std::isfinite(figure))
+    return false;
+  word = text.substr(0, space);
+  return true;
+}
+
+}  // namespace
 
 void RunPanel::stepping() {
   controls_.stopEnabled = true;
@@ -89,6 +127,7 @@ bool RunPanel::apply(const RunEvent& event) {
       controls_.stopEnabled = event.flag;
       break;
     case RunEventKind::kEnd:
+      wait_.reset();
       ended(event.text);
       held_ = false;
       controls_.singleStepTicked = false;
@@ -102,13 +141,32 @@ bool RunPanel::apply(const RunEvent& event) {
       break;
     case RunEventKind::kLine:
       line_ = event.line;
+      lineText_ = event.text;
+      wait_.reset();
       break;
     case RunEventKind::kStatus:
       status_ = event.text;
       break;
-    case RunEventKind::kCommand:
+    case RunEventKind::kCommand: {
       command_ = event.text;
+      std::string word;
+      double left = 0;
+      if (!ParseCountDown(event.text, word, left)) {
+        wait_.reset();
+        break;
+      }
+      if (!wait_ || wait_->word != word) {
+        wait_ = WaitProgress{word, left, left};
+        // The line's own figure is the wait's full length ("WAITSECONDS 600").
+        std::string lineWord;
+        double length = 0;
+        if (ParseCountDown(lowerCase(lineText_), lineWord, length) && lineWord == word &&
+            length >= left)
+          wait_->length = length;
+      }
+      wait_->left = left;
       break;
+    }
     case RunEventKind::kTimeout:
       timeout_ = event.number;
       break;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -46,6 +47,21 @@ struct StartCommandLine {
 };
 StartCommandLine ParseStartCommandLine(std::string_view commandLine);
 
+// A count-down as minutes and seconds ("07:39"; "1:02:03" from an hour
+// on), a started second counting as a whole one.
+std::string FormatCountDown(double seconds);
+
+// A timed wait in progress, from the current command display's count-down
+// ("waitseconds 458.72"): its word, the seconds left, and its length (the
+// line's own figure, or the first count-down shown when the line has none).
+struct WaitProgress {
+  std::string word;
+  double left = 0;
+  double length = 0;
+  // "waitseconds 07:39": the display with the count-down as minutes.
+  std::string display() const { return word + " " + FormatCountDown(left); }
+};
+
 class RunPanel {
  public:
   // Takes one run event; true when the controls changed.
@@ -68,6 +84,8 @@ class RunPanel {
   // "Ended: Stop", "Ended: sequence error at line 4", ...); empty before the
   // first run ends and while a run goes.
   const std::string& endText() const { return end_; }
+  // The timed wait the run is in, if any.
+  const std::optional<WaitProgress>& wait() const { return wait_; }
   bool endedInError() const { return endedInError_; }
 
  private:
@@ -84,6 +102,8 @@ class RunPanel {
   int32_t line_ = 0;
   int64_t timeout_ = 0;
   std::string end_;
+  std::optional<WaitProgress> wait_;
+  std::string lineText_;
   bool endedInError_ = false;
 };
 

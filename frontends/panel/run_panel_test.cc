@@ -171,6 +171,38 @@ TEST_F(RunPanelTest, TellsHowTheRunEndedAndStopLeavesTheHeldLineOut) {
   EXPECT_FALSE(panel_.held());
 }
 
+// A timed wait shows its time left as minutes and seconds, with its full
+// length for a progress bar; other lines show none.
+TEST_F(RunPanelTest, AWaitCountsDownInMinutesAndSeconds) {
+  EXPECT_EQ(FormatCountDown(458.72), "07:39");
+  EXPECT_EQ(FormatCountDown(60), "01:00");
+  EXPECT_EQ(FormatCountDown(59.2), "01:00");
+  EXPECT_EQ(FormatCountDown(0), "00:00");
+  EXPECT_EQ(FormatCountDown(-3), "00:00");
+  EXPECT_EQ(FormatCountDown(3723), "1:02:03");
+
+  Prepare("WAITSECONDS 600\r\nRESETLOOPCOUNT\r\n");
+  std::vector<WaitProgress> seen;
+  bool waitOnSecondLine = false;
+  onEvent = [&](const RunEvent& e) {
+    if (e.kind == RunEventKind::kCommand && panel_.wait()) seen.push_back(*panel_.wait());
+    if (e.kind == RunEventKind::kLine && e.line == 2) waitOnSecondLine = panel_.wait().has_value();
+  };
+  engine_->start();
+  engine_->events().processPendingEvents();
+  ASSERT_GE(seen.size(), 2u);
+  for (size_t i = 0; i < seen.size(); ++i) {
+    EXPECT_EQ(seen[i].word, "waitseconds");
+    EXPECT_DOUBLE_EQ(seen[i].length, 600);
+    EXPECT_LE(seen[i].left, 600);
+    if (i > 0) EXPECT_LE(seen[i].left, seen[i - 1].left);
+  }
+  EXPECT_LT(seen.back().left, 600);
+  EXPECT_EQ(seen.front().display().substr(0, 14), "waitseconds 10");
+  EXPECT_FALSE(waitOnSecondLine);
+  EXPECT_FALSE(panel_.wait());
+}
+
 TEST(StartCommandLine, TakesTheFileQuotedOrNotAndTheAutomaticStart) {
   const StartCommandLine quoted = ParseStartCommandLine("\"/seq/a b.wts\" /a");
   EXPECT_EQ(quoted.file, "/seq/a b.wts");

@@ -1,6 +1,7 @@
 #include "chart_window.h"
 
 #include <QApplication>
+#include <algorithm>
 #include <QChart>
 #include <QChartView>
 #include <QHBoxLayout>
@@ -11,6 +12,7 @@
 #include <QPrintDialog>
 #include <QPrinter>
 #include <QPushButton>
+#include <QScreen>
 #include <QSplitter>
 #include <QVBoxLayout>
 #include <QValueAxis>
@@ -38,6 +40,7 @@ ChartWindow::ChartWindow(EngineTasks post, QWidget* parent)
   timeAxis_ = new QValueAxis;
   timeAxis_->setTitleText(tr("Time (s)"));
   timeAxis_->setRange(0, 10);
+  timeAxis_->setLabelFormat("%.6g");
   chart_->addAxis(timeAxis_, Qt::AlignBottom);
   view_ = new QChartView(chart_);
   view_->setObjectName("cvChart");
@@ -71,9 +74,27 @@ ChartWindow::ChartWindow(EngineTasks post, QWidget* parent)
 }
 
 void ChartWindow::showEvent(QShowEvent* event) {
+  fitScreen();
   QWidget::showEvent(event);
   refreshChannels();
   sampler_.start();
+}
+
+// The window never runs off its screen (1024 x 768 included): it shrinks
+// to the screen's free area and moves inside it.
+void ChartWindow::fitScreen() {
+  const QScreen* on = screen();
+  if (on == nullptr) return;
+  const QRect free = on->availableGeometry();
+  const QRect frame = frameGeometry();
+  const QSize decoration(frame.width() - width(), frame.height() - height());
+  const QSize fits(std::min(width(), free.width() - decoration.width()),
+                   std::min(height(), free.height() - decoration.height()));
+  if (fits != size()) resize(fits);
+  QPoint at = frameGeometry().topLeft();
+  at.setX(std::clamp(at.x(), free.left(), std::max(free.left(), free.right() + 1 - frameGeometry().width())));
+  at.setY(std::clamp(at.y(), free.top(), std::max(free.top(), free.bottom() + 1 - frameGeometry().height())));
+  if (at != frameGeometry().topLeft()) move(at);
 }
 
 void ChartWindow::hideEvent(QHideEvent* event) {
@@ -181,6 +202,8 @@ QValueAxis* ChartWindow::axisFor(const QString& units) {
   if (entry.axis == nullptr) {
     entry.axis = new QValueAxis;
     entry.axis->setTitleText(units.isEmpty() ? tr("Value") : units);
+    // Short labels: no tick label is cut off.
+    entry.axis->setLabelFormat("%.6g");
     // The first unit's axis on the left, the others alternate sides.
     chart_->addAxis(entry.axis, axisOrder_.size() % 2 == 0 ? Qt::AlignLeft : Qt::AlignRight);
     axisOrder_ << units;
@@ -211,8 +234,11 @@ void ChartWindow::add(const Sample& sample) {
     range.empty = false;
     const double margin = range.high > range.low ? (range.high - range.low) * 0.05 : 1.0;
     axis->setRange(range.low - margin, range.high + margin);
+    // Ticks at round values (1, 2 or 5 times a power of ten).
+    axis->applyNiceNumbers();
   }
   timeAxis_->setRange(0, std::max(10.0, last_));
+  timeAxis_->applyNiceNumbers();
 }
 
 int ChartWindow::pointCount(const QString& channel) const {

@@ -56,6 +56,7 @@ class ChartWindow : public QWidget {
   };
   static std::vector<Channel> EnabledChannels(Engine& engine);
   QValueAxis* axisFor(const QString& units);
+  void fitScreen();
   void sample();
   void add(const Sample& sample);
   void setChannels(const std::vector<Channel>& channels);

@@ -16,6 +16,7 @@
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QPointer>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QScreen>
 #include <QTabWidget>
@@ -139,7 +140,11 @@ void MainWindow::showRunEvent(const RunEvent& event) {
       setRunStatus(Text(event.text));
       break;
     case RunEventKind::kCommand:
-      setCurrentCommand(Text(event.text));
+      if (panel_.wait()) {
+        showWait(*panel_.wait());
+      } else {
+        setCurrentCommand(Text(event.text));
+      }
       break;
     case RunEventKind::kTimeout:
       setTimeout(static_cast<int>(event.number));
@@ -157,10 +162,12 @@ void MainWindow::showRunEvent(const RunEvent& event) {
       refreshUnit();
       break;
     case RunEventKind::kLine:
+    case RunEventKind::kPrompt:
     case RunEventKind::kAnswer:
       refreshUnit();
       break;
     case RunEventKind::kEnd:
+      pbWait_->hide();
       showRunEnd();
       refreshUnit();
       break;
@@ -331,6 +338,10 @@ void MainWindow::buildControls() {
   sCurrentCommand_ = Named(new QLineEdit, "sCurrentCommand");
   sCurrentCommand_->setReadOnly(true);
   layout->addWidget(sCurrentCommand_);
+  pbWait_ = Named(new QProgressBar, "pbWait");
+  pbWait_->setRange(0, 1000);
+  pbWait_->hide();
+  layout->addWidget(pbWait_);
 
   auto* buttons = new QHBoxLayout;
   pbRun_ = Named(new QPushButton(tr("Run")), "pbRun");
@@ -752,6 +763,7 @@ void MainWindow::setRunStatus(const QString& status) {
 
 void MainWindow::clearRunDisplays() {
   sCurrentCommand_->clear();
+  pbWait_->hide();
   ebHelp_->clear();
   setTimeout(0);
   laVerdict_->clear();
@@ -825,7 +837,19 @@ void MainWindow::setAlarmDefinitions(const QStringList& labels, const QStringLis
   lbAlarmCommands_->clear();
   lbAlarmCommands_->addItems(commands);
 }
-void MainWindow::setCurrentCommand(const QString& line) { sCurrentCommand_->setText(line); }
+void MainWindow::setCurrentCommand(const QString& line) {
+  pbWait_->hide();
+  sCurrentCommand_->setText(line);
+}
+
+void MainWindow::showWait(const WaitProgress& wait) {
+  sCurrentCommand_->setText(Text(wait.display()));
+  const double done = wait.length > 0 ? (wait.length - wait.left) / wait.length : 1.0;
+  pbWait_->setValue(static_cast<int>(std::clamp(done, 0.0, 1.0) * 1000));
+  pbWait_->setFormat(tr("%1 left of %2")
+                         .arg(Text(FormatCountDown(wait.left)), Text(FormatCountDown(wait.length))));
+  pbWait_->show();
+}
 void MainWindow::setTimeout(int seconds) { sTimeout_->setText(QString::number(seconds)); }
 void MainWindow::setHelpText(const QString& text) { ebHelp_->setPlainText(text); }
 void MainWindow::setDataFileSpec(const QString& path) { sDataFileSpec_->setText(path); }

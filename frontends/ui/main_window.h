@@ -21,6 +21,7 @@ class QGroupBox;
 class QLabel;
 class QLineEdit;
 class QListWidget;
+class QProgressBar;
 class QPushButton;
 class QTabWidget;
 class QTextEdit;
@@ -71,6 +72,8 @@ class MainWindow : public QMainWindow {
   void setStatusLabel(const QString& text, const QColor& colour);
   void setAlarmDefinitions(const QStringList& labels, const QStringList& commands);
   void setCurrentCommand(const QString& line);
+  // A timed wait's count-down as minutes and seconds, with its progress.
+  void showWait(const WaitProgress& wait);
   void setTimeout(int seconds);
   void setHelpText(const QString& text);
   void setDataFileSpec(const QString& path);
@@ -159,6 +162,7 @@ class MainWindow : public QMainWindow {
   QPointer<QMessageBox> closeQuestion_;
   QLabel* sTimeout_ = nullptr;
   QLineEdit* sCurrentCommand_ = nullptr;
+  QProgressBar* pbWait_ = nullptr;
   QLineEdit* sDataFileSpec_ = nullptr;
   QTextEdit* ebHelp_ = nullptr;
   QLabel* laVerdict_ = nullptr;

@@ -14,6 +14,9 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPrintDialog>
+#include <QProcess>
+#include <QProgressBar>
+#include <QRegularExpression>
 #include <QPrinter>
 #include <QPushButton>
 #include <QScreen>
@@ -24,12 +27,16 @@
 #include <QTextEdit>
 #include <QtTest>
 #include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <iterator>
 
 #ifdef TAVRIX_HAVE_CHARTS
+#include <QChartView>
+#include <QValueAxis>
+
 #include "chart_window.h"
 #endif
 #include "check_failure_dialog.h"
@@ -521,6 +528,137 @@ class MainWindowTest : public QObject {
     QTest::keyClick(report, Qt::Key_Return);
     QTRY_VERIFY(!reportAlive);
     QCOMPARE(w.findChild<QPrintDialog*>("printDialog"), nullptr);
+  }
+
+  // A question is shown whichever tab is in front: the panel stands above
+  // the tabs, and opening it leaves the operator's tab alone.
+  void aQuestionIsShownOnEveryTab() {
+    MainWindow w(Factory(), "");
+    w.show();
+    auto* tabs = Find<QTabWidget>(w, "tabs");
+    tabs->setCurrentIndex(1);
+    Answers answers;
+    w.openQuestion({"CONTINUEOK", "", "Fit the unit", {"Continue"}}, answers.callback());
+    QTRY_VERIFY(Find<QGroupBox>(w, "frOKcancel")->isVisible());
+    QCOMPARE(tabs->currentIndex(), 1);
+    QVERIFY(!tabs->isAncestorOf(Find<QGroupBox>(w, "frOKcancel")));
+    QTest::mouseClick(Find<QPushButton>(w, "pbOKcancelOK"), Qt::LeftButton);
+    QCOMPARE(answers.given, std::vector<Answer>{std::string("Continue")});
+  }
+
+  // The unit tile shows the unit under test (serial, stage n of N, TESTING)
+  // and then its verdict; the verdict of the unit before is gone while the
+  // next is tested, and a report before the last stage says "in progress".
+  void theUnitTileAndAReportInProgress() {
+    const std::string d = dir_.path().toStdString();
+    Write(d + "/tdetails.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" +
+                                   d + "/tfields.txt\t" + d + "/tstages.txt\t" + d + "/results\r\n");
+    Write(d + "/tfields.txt", "TEST SEQUENCE - FIELD NAMES\r\nField Name\r\n");
+    Write(d + "/tstages.txt",
+          "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
+          "1\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n"
+          "2\tMANUAL\t\t\t\t\tPaint\t\tIs the paint dry?\r\n");
+    MainWindow w(Factory(), Sequence("tile.wts", {"NEXT:", "DB_DATAENTRY " + d + "/tdetails.txt",
+                                                  "DB_STAGECHECK 1", "DB_STAGECHECK 2", "GOTO NEXT"}));
+    w.show();
+    Click(w, "pbRun");
+    auto enter = [&](const char* serial) {
+      DataEntryDialog* entry = nullptr;
+      QTRY_VERIFY((entry = w.findChild<DataEntryDialog*>()) != nullptr && entry->isVisible());
+      Find<QLineEdit>(*entry, "ebSerialNum")->setText(serial);
+      QTest::mouseClick(Find<QPushButton>(*entry, "pbAccept"), Qt::LeftButton);
+    };
+    auto* ok = Find<QPushButton>(w, "pbOKcancelOK");
+    enter("SN1");
+    QTRY_COMPARE(Find<QLabel>(w, "laMessage")->text(), QString("Is the seal fitted?"));
+    QTRY_COMPARE(Find<QLabel>(w, "laUnitState")->text(), QString("TESTING"));
+    QCOMPARE(Find<QLabel>(w, "laUnitSerial")->text(), QString("Serial number: SN1"));
+    QTRY_COMPARE(Find<QLabel>(w, "laUnitStage")->text(), QString("Stage 1 of 2"));
+    // The report while stage 1 of 2 is asked: no verdict yet.
+    w.openReportWindow();
+    ReportDialog* report = nullptr;
+    QTRY_VERIFY((report = w.findChild<ReportDialog*>()) != nullptr && report->isVisible());
+    QCOMPARE(Find<QLabel>(*report, "laVerdict")->text(), QString("in progress"));
+    QVERIFY(report->document()->toPlainText().contains("in progress"));
+    delete report;
+    QTest::mouseClick(ok, Qt::LeftButton);  // Pass
+    QTRY_COMPARE(Find<QLabel>(w, "laUnitStage")->text(), QString("Stage 2 of 2"));
+    QTRY_COMPARE(Find<QLabel>(w, "laMessage")->text(), QString("Is the paint dry?"));
+    QTest::mouseClick(ok, Qt::LeftButton);  // Pass: the unit ends
+    QTRY_VERIFY(w.findChild<DataEntryDialog*>() != nullptr);
+    QTRY_COMPARE(Find<QLabel>(w, "laUnitState")->text(), QString("PASS"));
+    QVERIFY(w.findChild<QLabel*>("laVerdict")->isVisible());
+    enter("SN2");
+    QTRY_COMPARE(Find<QLabel>(w, "laUnitSerial")->text(), QString("Serial number: SN2"));
+    QTRY_COMPARE(Find<QLabel>(w, "laUnitState")->text(), QString("TESTING"));
+    QVERIFY(!w.findChild<QLabel*>("laVerdict")->isVisible());
+    QTRY_VERIFY(Find<QGroupBox>(w, "frOKcancel")->isVisible());
+    Click(w, "pbStop");
+    QTest::mouseClick(ok, Qt::LeftButton);
+    QTRY_VERIFY(Idle(w));
+  }
+
+  // A wait shows its time left as minutes and seconds, with a progress bar.
+  void aWaitCountsDownInMinutes() {
+    MainWindow w(Factory(), Sequence("long.wts", {"WAITSECONDS 600"}));
+    w.show();
+    Click(w, "pbRun");
+    auto* command = Find<QLineEdit>(w, "sCurrentCommand");
+    auto* bar = Find<QProgressBar>(w, "pbWait");
+    QTRY_VERIFY(bar->isVisible());
+    QTRY_VERIFY2(command->text().startsWith("waitseconds 09:") ||
+                     command->text() == "waitseconds 10:00",
+                 qPrintable(command->text()));
+    QVERIFY2(bar->text().contains("left of 10:00"), qPrintable(bar->text()));
+    Click(w, "pbStop");
+    QTRY_VERIFY(!bar->isVisible());
+  }
+
+  // The report prints at a readable size, with the fields as edited: the
+  // PDF's text layer holds them at body-text height, and a rendered page
+  // shows ink.
+  void theReportPdfIsReadableWithItsEditedFields() {
+    ReportContents contents;
+    contents.header.testName = "Pump test";
+    contents.header.serialNumber = "SN9";
+    contents.header.date = "01-02-2026";
+    contents.header.engineers = "Ann";
+    CheckEntry check;
+    check.stage = 1;
+    check.parameter = "Seal";
+    check.passed = true;
+    contents.checks.push_back(check);
+    ReportDialog report(contents, nullptr);
+    Find<QLineEdit>(report, "ebEngineers")->setText("Bobby Ray");
+    Find<QLineEdit>(report, "ebDate")->setText("02-03-2026");
+    const QString pdf = dir_.path() + "/readable.pdf";
+    QVERIFY(report.printToPdf(pdf));
+
+    QProcess text;
+    text.start("pdftotext", {"-bbox", pdf, "-"});
+    QVERIFY2(text.waitForFinished(30000) && text.exitCode() == 0, "pdftotext (poppler-utils)");
+    const QString boxes = QString::fromUtf8(text.readAllStandardOutput());
+    QVERIFY(boxes.contains(">Bobby<") && boxes.contains(">02-03-2026<"));
+    QVERIFY(!boxes.contains(">Ann<") && !boxes.contains(">01-02-2026<"));
+    static const QRegularExpression kWord(
+        R"re(yMin="([\d.]+)" xMax="[\d.]+" yMax="([\d.]+)">Bobby<)re");
+    const QRegularExpressionMatch word = kWord.match(boxes);
+    QVERIFY(word.hasMatch());
+    const double height = word.captured(2).toDouble() - word.captured(1).toDouble();
+    QVERIFY2(height > 6 && height < 24, qPrintable(QString::number(height)));
+
+    QProcess render;
+    const QString png = dir_.path() + "/readable";
+    render.start("pdftoppm", {"-r", "40", "-f", "1", "-l", "1", "-png", "-singlefile", pdf, png});
+    QVERIFY(render.waitForFinished(30000) && render.exitCode() == 0);
+    QImage page(png + ".png");
+    QVERIFY(!page.isNull());
+    long ink = 0;
+    for (int y = 0; y < page.height(); ++y)
+      for (int x = 0; x < page.width(); ++x) ink += qGray(page.pixel(x, y)) < 128;
+    QVERIFY2(ink > page.width() * page.height() / 400, qPrintable(QString::number(ink)));
+    QFile::remove(png + ".png");
+    QFile::remove(pdf);
   }
 
   // A run, free or stepped, holds its file: the file items are locked, the
@@ -1155,6 +1293,41 @@ class MainWindowTest : public QObject {
     printer.setOutputFileName(pdf);
     chart->print(printer);
     QVERIFY(QFileInfo(pdf).size() > 1000);
+  }
+
+  // On a small screen the chart fits it, and its ticks fall on round values.
+  void chartFitsTheScreenWithRoundTicks() {
+    MainWindow w(RigFactory(), Sequence("ticks.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
+    w.show();
+    Find<QAction>(w, "mbChart")->trigger();
+    auto* chart = Find<ChartWindow>(w, "frmChart");
+    chart->hide();
+    chart->resize(3000, 2000);
+    chart->show();
+    const QRect free = chart->screen()->availableGeometry();
+    QVERIFY2(free.contains(chart->frameGeometry()), qPrintable(QString("%1x%2").arg(chart->width()).arg(chart->height())));
+    chart->setSampleInterval(20);
+    chart->plot("OVEN");
+    chart->plot("HEATER");
+    Click(w, "pbRun");
+    QTRY_VERIFY(chart->pointCount("OVEN") >= 3 && chart->pointCount("HEATER") >= 3);
+    Click(w, "pbStop");
+    QTRY_COMPARE(Status(w), QString("Stopped"));
+    const auto axes = Find<QChartView>(*chart, "cvChart")->chart()->axes();
+    QVERIFY(axes.size() >= 3);
+    for (QAbstractAxis* a : axes) {
+      auto* axis = qobject_cast<QValueAxis*>(a);
+      QVERIFY(axis != nullptr);
+      const double step = (axis->max() - axis->min()) / (axis->tickCount() - 1);
+      const double power = std::pow(10.0, std::floor(std::log10(step)));
+      const double mantissa = step / power;
+      QVERIFY2(std::abs(mantissa - 1) < 1e-6 || std::abs(mantissa - 2) < 1e-6 ||
+                   std::abs(mantissa - 2.5) < 1e-6 || std::abs(mantissa - 5) < 1e-6 ||
+                   std::abs(mantissa - 10) < 1e-6,
+               qPrintable(QString("step %1").arg(step)));
+      const double ticks = axis->min() / step;
+      QVERIFY2(std::abs(ticks - std::round(ticks)) < 1e-6, qPrintable(QString::number(axis->min())));
+    }
   }
 
   // The list follows the setup loaded now; each unit gets its own axis.

@@ -56,8 +56,8 @@ ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
   const ReportView& h = contents_.header;
   setObjectName("frmReport");
   setWindowTitle(tr("Test Report"));
-  auto* ebDate = Named(new QLineEdit(Text(h.date)), "ebDate");
-  auto* ebEngineers = Named(new QLineEdit(Text(h.engineers)), "ebEngineers");
+  ebDate_ = Named(new QLineEdit(Text(h.date)), "ebDate");
+  ebEngineers_ = Named(new QLineEdit(Text(h.engineers)), "ebEngineers");
   auto* laTestName = Named(new QLabel(Text(h.testName)), "laTestName");
   auto* laTestVersion = Named(new QLabel(Text(h.testVersion)), "laTestVersion");
   auto* laSerialNumber = Named(new QLabel(Text(h.serialNumber)), "laSerialNumber");
@@ -70,8 +70,8 @@ ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
   form->addRow(tr("Test:"), laTestName);
   form->addRow(tr("Version:"), laTestVersion);
   form->addRow(tr("Serial Number:"), laSerialNumber);
-  form->addRow(tr("Date:"), ebDate);
-  form->addRow(tr("Engineer(s):"), ebEngineers);
+  form->addRow(tr("Date:"), ebDate_);
+  form->addRow(tr("Engineer(s):"), ebEngineers_);
   form->addRow(tr("Verdict:"), laVerdict_);
 
   const QStringList headings = columnHeadings();
@@ -148,8 +148,8 @@ std::unique_ptr<QTextDocument> ReportDialog::document() const {
       "<h2>" + Text(h.testName).toHtmlEscaped() + "</h2><table cellspacing='0' cellpadding='2'>";
   const std::pair<QString, QString> fields[] = {{tr("Version"), Text(h.testVersion)},
                                                 {tr("Serial Number"), Text(h.serialNumber)},
-                                                {tr("Date"), Text(h.date)},
-                                                {tr("Engineer(s)"), Text(h.engineers)},
+                                                {tr("Date"), ebDate_->text()},
+                                                {tr("Engineer(s)"), ebEngineers_->text()},
                                                 {tr("Verdict"), laVerdict_->text()}};
   for (const auto& [name, value] : fields)
     html += "<tr><td><b>" + name + ":</b></td><td>" + value.toHtmlEscaped() + "</td></tr>";
@@ -173,8 +173,10 @@ std::unique_ptr<QTextDocument> ReportDialog::document() const {
 }
 
 void ReportDialog::print(QPrinter& printer) {
+  // Laid out at screen resolution and scaled to the printer's: the text
+  // keeps its point size on the page (a page size in printer pixels would
+  // shrink it to a fraction of a point).
   auto doc = document();
-  doc->setPageSize(printer.pageLayout().paintRectPixels(printer.resolution()).size());
   doc->print(&printer);
 }
 

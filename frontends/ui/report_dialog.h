@@ -12,6 +12,7 @@
 #include "testdb/uut_record.h"
 
 class QLabel;
+class QLineEdit;
 class QPrinter;
 class QPushButton;
 class QTableWidget;
@@ -49,6 +50,9 @@ class ReportDialog : public QDialog {
 
   ReportContents contents_;
   QTableWidget* ebSequenceList_;
+  // The fields the operator may edit; the print takes them as edited.
+  QLineEdit* ebDate_;
+  QLineEdit* ebEngineers_;
   QLabel* laVerdict_;
   QPushButton* pbPrint_;
   QPushButton* pbPdf_;
