@@ -162,12 +162,16 @@ void MainWindow::showRunEvent(const RunEvent& event) {
       refreshUnit();
       break;
     case RunEventKind::kLine:
+      watchWaitCondition(event.text);
+      refreshUnit();
+      break;
     case RunEventKind::kPrompt:
     case RunEventKind::kAnswer:
       refreshUnit();
       break;
     case RunEventKind::kEnd:
       pbWait_->hide();
+      watchWaitCondition({});
       showRunEnd();
       refreshUnit();
       break;
@@ -285,6 +289,12 @@ void MainWindow::showRunEnd() {
   laRunEnd_->setPalette(palette);
 }
 
+bool MainWindow::ownWindow(const QWidget* widget) const {
+  for (const QWidget* w = widget; w != nullptr; w = w->parentWidget())
+    if (w == this) return true;
+  return false;
+}
+
 void MainWindow::pressStop() {
   host_->engine().stop();
   withdrawCommandDialogs();
@@ -296,7 +306,7 @@ bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
   if (event->type() == QEvent::KeyPress || event->type() == QEvent::ShortcutOverride) {
     const auto* key = static_cast<QKeyEvent*>(event);
     if (key->key() == kStopKey && (key->modifiers() & ~Qt::KeypadModifier) == Qt::NoModifier &&
-        watched->isWidgetType()) {
+        watched->isWidgetType() && ownWindow(static_cast<QWidget*>(watched))) {
       if (event->type() == QEvent::ShortcutOverride) {
         event->accept();
         return true;
@@ -342,6 +352,11 @@ void MainWindow::buildControls() {
   pbWait_->setRange(0, 1000);
   pbWait_->hide();
   layout->addWidget(pbWait_);
+  laWaitReading_ = Named(new QLabel, "laWaitReading");
+  laWaitReading_->hide();
+  layout->addWidget(laWaitReading_);
+  waitReadings_.setInterval(1000);
+  connect(&waitReadings_, &QTimer::timeout, this, &MainWindow::readWaitChannel);
 
   auto* buttons = new QHBoxLayout;
   pbRun_ = Named(new QPushButton(tr("Run")), "pbRun");
@@ -840,6 +855,45 @@ void MainWindow::setAlarmDefinitions(const QStringList& labels, const QStringLis
 void MainWindow::setCurrentCommand(const QString& line) {
   pbWait_->hide();
   sCurrentCommand_->setText(line);
+}
+
+void MainWindow::watchWaitCondition(const std::string& line) {
+  std::string text = line;
+  const CommandLine command = SplitCommandLine(text);
+  const auto condition =
+      command.word == "WAIT" ? ParseChannelCondition(command.arg1) : std::nullopt;
+  if (!condition) {
+    waitReadings_.stop();
+    waitChannel_.clear();
+    laWaitReading_->hide();
+    return;
+  }
+  waitChannel_ = condition->channel;
+  waitCondition_ = Text(std::string(trim(command.arg1)));
+  laWaitReading_->setText(tr("Waiting for %1").arg(waitCondition_));
+  laWaitReading_->show();
+  readWaitChannel();
+  waitReadings_.start();
+}
+
+void MainWindow::readWaitChannel() {
+  if (waitChannel_.empty()) return;
+  QPointer<MainWindow> self(this);
+  host_->post([self, channel = waitChannel_](Engine& engine) {
+    std::string value;
+    Instrument* instrument = engine.instrument();
+    const bool read = instrument != nullptr && instrument->channels().ReadChannel(channel, value);
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, channel, read, value] {
+          if (!self || self->waitChannel_ != channel) return;
+          self->laWaitReading_->setText(
+              read ? tr("Waiting for %1: %2 reads %3")
+                         .arg(self->waitCondition_, Text(channel), Text(std::string(trim(value))))
+                   : tr("Waiting for %1: %2 cannot be read").arg(self->waitCondition_, Text(channel)));
+        },
+        Qt::QueuedConnection);
+  });
 }
 
 void MainWindow::showWait(const WaitProgress& wait) {

@@ -8,6 +8,7 @@
 #include <QList>
 #include <QMainWindow>
 #include <QPointer>
+#include <QTimer>
 #include <functional>
 #include <memory>
 #include <string>
@@ -74,6 +75,10 @@ class MainWindow : public QMainWindow {
   void setCurrentCommand(const QString& line);
   // A timed wait's count-down as minutes and seconds, with its progress.
   void showWait(const WaitProgress& wait);
+  // A WAIT line starts the display of its condition's reading; any other
+  // line ends it.
+  void watchWaitCondition(const std::string& line);
+  void readWaitChannel();
   void setTimeout(int seconds);
   void setHelpText(const QString& text);
   void setDataFileSpec(const QString& path);
@@ -113,6 +118,8 @@ class MainWindow : public QMainWindow {
   void buildControls();
   // How the last run ended, beside the status.
   void showRunEnd();
+  // The widget lies in this window or in a window it opened.
+  bool ownWindow(const QWidget* widget) const;
   // Stop, from the button or the Stop key.
   void pressStop();
   // Exit or the close box while a run goes: asks first, without holding the
@@ -163,6 +170,11 @@ class MainWindow : public QMainWindow {
   QLabel* sTimeout_ = nullptr;
   QLineEdit* sCurrentCommand_ = nullptr;
   QProgressBar* pbWait_ = nullptr;
+  // WAIT's condition and the reading it waits on, refreshed each second.
+  QLabel* laWaitReading_ = nullptr;
+  QTimer waitReadings_;
+  std::string waitChannel_;
+  QString waitCondition_;
   QLineEdit* sDataFileSpec_ = nullptr;
   QTextEdit* ebHelp_ = nullptr;
   QLabel* laVerdict_ = nullptr;

@@ -612,6 +612,17 @@ class MainWindowTest : public QObject {
     QVERIFY2(bar->text().contains("left of 10:00"), qPrintable(bar->text()));
     Click(w, "pbStop");
     QTRY_VERIFY(!bar->isVisible());
+
+    // WAIT shows the reading it waits on beside its condition.
+    MainWindow rig(RigFactory(), Sequence("oven.wts", {"WAIT OVEN > 5000"}));
+    rig.show();
+    Click(rig, "pbRun");
+    auto* reading = Find<QLabel>(rig, "laWaitReading");
+    static const QRegularExpression kReading(R"(^Waiting for OVEN > 5000: OVEN reads (\d+(\.\d+)?))");
+    QTRY_VERIFY2(kReading.match(reading->text()).hasMatch(), qPrintable(reading->text()));
+    QVERIFY(kReading.match(reading->text()).captured(1).toDouble() > 15);
+    Click(rig, "pbStop");
+    QTRY_VERIFY(!reading->isVisible());
   }
 
   // The report prints at a readable size, with the fields as edited: the
