@@ -376,16 +376,17 @@ class MainWindowTest : public QObject {
   // Beside the status: how the run ended; a sequence error names its line
   // and its box carries the error icon.
   void howTheRunEndedIsShown() {
-    MainWindow w(Factory(), Sequence("error.wts", {"WAITSECONDS 0", "GOTO NOWHERE"}));
+    MainWindow w(Factory(), Sequence("error.wts", {"RESETLOOPCOUNT", "GOTO NOWHERE"}));
     w.show();
     Click(w, "pbRun");
     QMessageBox* box = Box(w, "engineMessageBox");
+    QVERIFY2(box->text().contains("NOWHERE"), qPrintable(box->text()));
     QCOMPARE(box->icon(), QMessageBox::Critical);
     box->accept();
     QTRY_COMPARE(Find<QLabel>(w, "laRunEnd")->text(), QString("Ended: sequence error at line 2"));
     QTRY_VERIFY(Idle(w));
 
-    MainWindow eof(Factory(), Sequence("eof.wts", {"WAITSECONDS 0"}));
+    MainWindow eof(Factory(), Sequence("eof.wts", {"RESETLOOPCOUNT"}));
     eof.show();
     Click(eof, "pbRun");
     QTRY_COMPARE(Find<QLabel>(eof, "laRunEnd")->text(), QString("Ended: end of file"));
