@@ -1,7 +1,6 @@
 #include "chart_window.h"
 
 #include <QApplication>
-#include <algorithm>
 #include <QChart>
 #include <QChartView>
 #include <QHBoxLayout>
@@ -16,6 +15,7 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 #include <QValueAxis>
+#include <algorithm>
 
 #include "common/civil_time.h"
 #include "common/text_conventions.h"
@@ -92,8 +92,10 @@ void ChartWindow::fitScreen() {
                    std::min(height(), free.height() - decoration.height()));
   if (fits != size()) resize(fits);
   QPoint at = frameGeometry().topLeft();
-  at.setX(std::clamp(at.x(), free.left(), std::max(free.left(), free.right() + 1 - frameGeometry().width())));
-  at.setY(std::clamp(at.y(), free.top(), std::max(free.top(), free.bottom() + 1 - frameGeometry().height())));
+  at.setX(std::clamp(at.x(), free.left(),
+                     std::max(free.left(), free.right() + 1 - frameGeometry().width())));
+  at.setY(std::clamp(at.y(), free.top(),
+                     std::max(free.top(), free.bottom() + 1 - frameGeometry().height())));
   if (at != frameGeometry().topLeft()) move(at);
 }
 

@@ -88,8 +88,7 @@ bool DataEntryDialog::eventFilter(QObject* watched, QEvent* event) {
 }
 
 void DataEntryDialog::refuse(const QString& text) {
-  auto* box =
-      new QMessageBox(QMessageBox::Information, windowTitle(), text, QMessageBox::Ok, this);
+  auto* box = new QMessageBox(QMessageBox::Information, windowTitle(), text, QMessageBox::Ok, this);
   box->setObjectName("messageBox");
   box->setAttribute(Qt::WA_DeleteOnClose);
   box->show();

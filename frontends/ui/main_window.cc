@@ -1,7 +1,6 @@
 #include "main_window.h"
 
 #include <QApplication>
-#include <algorithm>
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QDir>
@@ -22,22 +21,23 @@
 #include <QTabWidget>
 #include <QTextEdit>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "about_dialog.h"
 #ifdef TAVRIX_HAVE_CHARTS
 #include "chart_window.h"
 #endif
 #include "check_failure_dialog.h"
+#include "common/text_conventions.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
-#include "common/text_conventions.h"
 #include "instrument/link/channel_commands.h"
-#include "sequencer/line_splitter.h"
-#include "testdb/definition_files.h"
 #include "manual_control.h"
 #include "qt_text.h"
 #include "question_dialogs.h"
 #include "report_dialog.h"
+#include "sequencer/line_splitter.h"
+#include "testdb/definition_files.h"
 
 namespace tavrix {
 
@@ -182,6 +182,8 @@ void MainWindow::showRunEvent(const RunEvent& event) {
 
 MainWindow::~MainWindow() {
   qApp->removeEventFilter(this);
+  for (const QPointer<QWidget>& window : ownWindows_) delete window.data();
+  chart_ = nullptr;
   operator_.setClosing();
   // Questions still open get no answer, so that the engine can wind down.
   if (panelAnswered_) {
@@ -290,9 +292,19 @@ void MainWindow::showRunEnd() {
 }
 
 bool MainWindow::ownWindow(const QWidget* widget) const {
-  for (const QWidget* w = widget; w != nullptr; w = w->parentWidget())
+  for (const QWidget* w = widget; w != nullptr; w = w->parentWidget()) {
     if (w == this) return true;
+    for (const QPointer<QWidget>& window : ownWindows_)
+      if (window == w) return true;
+  }
   return false;
+}
+
+QList<QWidget*> MainWindow::ownWindows() const {
+  QList<QWidget*> windows;
+  for (const QPointer<QWidget>& window : ownWindows_)
+    if (window) windows << window.data();
+  return windows;
 }
 
 void MainWindow::pressStop() {
@@ -360,9 +372,10 @@ void MainWindow::buildControls() {
 
   auto* buttons = new QHBoxLayout;
   pbRun_ = Named(new QPushButton(tr("Run")), "pbRun");
-  pbStop_ = Named(
-      new QPushButton(tr("Stop (%1)").arg(QKeySequence(kStopKey).toString(QKeySequence::NativeText))),
-      "pbStop");
+  pbStop_ =
+      Named(new QPushButton(
+                tr("Stop (%1)").arg(QKeySequence(kStopKey).toString(QKeySequence::NativeText))),
+            "pbStop");
   pbStop_->setToolTip(tr("Stops the run; a line held in single step is not run"));
   pbStep_ = Named(new QPushButton(tr("Step")), "pbStep");
   pbSkip_ = Named(new QPushButton(tr("Skip")), "pbSkip");
@@ -537,7 +550,10 @@ void MainWindow::openDecryptWindow() {
 
 void MainWindow::openChartWindow() {
 #ifdef TAVRIX_HAVE_CHARTS
-  if (chart_ == nullptr) chart_ = new ChartWindow(tasks(), this);
+  if (chart_ == nullptr) {
+    chart_ = new ChartWindow(tasks(), nullptr);
+    ownWindows_ << chart_;
+  }
   chart_->show();
   chart_->raise();
 #endif
@@ -557,8 +573,10 @@ void MainWindow::openReportWindow() {
         qApp,
         [self, contents] {
           if (!self) return;
-          auto* dialog = new ReportDialog(contents, self);
+          auto* dialog = new ReportDialog(contents, nullptr);
           dialog->setAttribute(Qt::WA_DeleteOnClose);
+          self->ownWindows_.removeIf([](const QPointer<QWidget>& w) { return w.isNull(); });
+          self->ownWindows_ << dialog;
           dialog->show();
         },
         Qt::QueuedConnection);
@@ -708,7 +726,8 @@ void MainWindow::openPanel(const Question& question, std::function<void(Answer)>
   // A verdict (UUT Check) is never given by Enter: its buttons are pressed
   // by a click or Space once chosen.
   const bool verdict = question.kind == "UUTCHECK";
-  for (QPushButton* b : {pbOKcancelOK_, pbOKcancelCancel_, pbShutdown_}) b->setAutoDefault(!verdict);
+  for (QPushButton* b : {pbOKcancelOK_, pbOKcancelCancel_, pbShutdown_})
+    b->setAutoDefault(!verdict);
   pbOKcancelOK_->setDefault(!verdict);
 }
 
@@ -890,7 +909,8 @@ void MainWindow::readWaitChannel() {
           self->laWaitReading_->setText(
               read ? tr("Waiting for %1: %2 reads %3")
                          .arg(self->waitCondition_, Text(channel), Text(std::string(trim(value))))
-                   : tr("Waiting for %1: %2 cannot be read").arg(self->waitCondition_, Text(channel)));
+                   : tr("Waiting for %1: %2 cannot be read")
+                         .arg(self->waitCondition_, Text(channel)));
         },
         Qt::QueuedConnection);
   });
@@ -900,8 +920,9 @@ void MainWindow::showWait(const WaitProgress& wait) {
   sCurrentCommand_->setText(Text(wait.display()));
   const double done = wait.length > 0 ? (wait.length - wait.left) / wait.length : 1.0;
   pbWait_->setValue(static_cast<int>(std::clamp(done, 0.0, 1.0) * 1000));
-  pbWait_->setFormat(tr("%1 left of %2")
-                         .arg(Text(FormatCountDown(wait.left)), Text(FormatCountDown(wait.length))));
+  pbWait_->setFormat(
+      tr("%1 left of %2")
+          .arg(Text(FormatCountDown(wait.left)), Text(FormatCountDown(wait.length))));
   pbWait_->show();
 }
 void MainWindow::setTimeout(int seconds) { sTimeout_->setText(QString::number(seconds)); }
@@ -1003,7 +1024,8 @@ void MainWindow::askBeforeClosing() {
   QPushButton* no = box->addButton(tr("No"), QMessageBox::NoRole);
   yes->setObjectName("answer_Yes");
   no->setObjectName("answer_No");
-  if (nonStop) box->addButton(tr("Cancel"), QMessageBox::RejectRole)->setObjectName("answer_Cancel");
+  if (nonStop)
+    box->addButton(tr("Cancel"), QMessageBox::RejectRole)->setObjectName("answer_Cancel");
   // Enter keeps the test going: only an explicit Yes ends it.
   box->setDefaultButton(no);
   box->setEscapeButton(no);

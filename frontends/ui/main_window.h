@@ -108,6 +108,9 @@ class MainWindow : public QMainWindow {
   void selectSetupFile();
 
   EngineHost& host() { return *host_; }
+  // The report and chart windows open now: windows of their own, not kept
+  // above the main window, so that a question can come in front of them.
+  QList<QWidget*> ownWindows() const;
 
  protected:
   void closeEvent(QCloseEvent* event) override;
@@ -198,6 +201,7 @@ class MainWindow : public QMainWindow {
   QListWidget* lbDDEcommands_ = nullptr;
   QMenu* mbFile_ = nullptr;
   QList<QAction*> lockedWhileRunning_;
+  QList<QPointer<QWidget>> ownWindows_;
   // Units finished when the last file was prepared (engine thread only).
   std::shared_ptr<int> unitsAtPrepare_ = std::make_shared<int>(0);
   ChannelDisplayDialog* channelDisplay_ = nullptr;

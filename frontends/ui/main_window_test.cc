@@ -14,11 +14,11 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPrintDialog>
+#include <QPrinter>
 #include <QProcess>
 #include <QProgressBar>
-#include <QRegularExpression>
-#include <QPrinter>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QTabWidget>
 #include <QTableWidget>
@@ -126,6 +126,14 @@ class MainWindowTest : public QObject {
     T* child = w.findChild<T*>(name);
     if (child == nullptr) qFatal("no control %s", name);
     return child;
+  }
+
+  // A window of its own the main window opened (report, chart).
+  template <typename T>
+  static T* Own(MainWindow& w) {
+    for (QWidget* window : w.ownWindows())
+      if (auto* own = dynamic_cast<T*>(window)) return own;
+    return nullptr;
   }
 
   static QString Status(MainWindow& w) { return Find<QLabel>(w, "sRunStatus")->text(); }
@@ -242,8 +250,9 @@ class MainWindowTest : public QObject {
   // Stop with a line held in single step ends the run without running the
   // line: the heater stays off. Skip's tooltip says the held line runs.
   void stopNeverRunsTheHeldLine() {
-    const std::string file = Sequence(
-        "held.wts", {"IMSFILESPEC " TAVRIX_SOURCE_DIR "/examples/rig.ims", "SEND HEATER, 77", "STOP"});
+    const std::string file =
+        Sequence("held.wts",
+                 {"IMSFILESPEC " TAVRIX_SOURCE_DIR "/examples/rig.ims", "SEND HEATER, 77", "STOP"});
     MainWindow w(RigFactory(), file);
     w.show();
     QVERIFY(Find<QPushButton>(w, "pbSkip")->toolTip().contains("held line still runs"));
@@ -307,8 +316,8 @@ class MainWindowTest : public QObject {
   // The NONSTOP close question holds nothing: the run goes on while it is
   // open and reaches the next line.
   void theRunGoesOnWhileTheCloseQuestionIsOpen() {
-    auto* w = new MainWindow(Factory(), Sequence("nonstop2.wts", {"NONSTOP", "WAITSECONDS 1",
-                                                                  "CONTINUEOK Wait over"}));
+    auto* w = new MainWindow(
+        Factory(), Sequence("nonstop2.wts", {"NONSTOP", "WAITSECONDS 1", "CONTINUEOK Wait over"}));
     w->setAttribute(Qt::WA_DeleteOnClose);
     QPointer<MainWindow> alive(w);
     w->show();
@@ -361,7 +370,7 @@ class MainWindowTest : public QObject {
     QTRY_COMPARE(Status(other), QString("Running"));
     other.openReportWindow();
     ReportDialog* report = nullptr;
-    QTRY_VERIFY((report = other.findChild<ReportDialog*>()) != nullptr && report->isVisible());
+    QTRY_VERIFY((report = Own<ReportDialog>(other)) != nullptr && report->isVisible());
     QTest::mouseClick(report->findChild<QPushButton*>("pbPrintPdf"), Qt::LeftButton);
     QFileDialog* pdf = nullptr;
     QTRY_VERIFY((pdf = report->findChild<QFileDialog*>("pdfDialog")) != nullptr &&
@@ -430,15 +439,16 @@ class MainWindowTest : public QObject {
     Find<QLineEdit>(*dialog, "ebSerialNum")->setText("SN-0042");
     QTest::mouseClick(Find<QPushButton>(*dialog, "pbAccept"), Qt::LeftButton);
     QCOMPARE(answers.given,
-             std::vector<Answer>{std::string(
-                 "Accept|serial=SN-0042|date=15-11-2026|operator=Ann|description=")});
+             std::vector<Answer>{
+                 std::string("Accept|serial=SN-0042|date=15-11-2026|operator=Ann|description=")});
     QTRY_VERIFY(!alive);
 
     // In a run, the field names file says which fields are required, from
     // the first unit on.
     const std::string d = dir_.path().toStdString();
-    Write(d + "/rdetails.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" +
-                                   d + "/rfields.txt\t" + d + "/stages.txt\t" + d + "/results\r\n");
+    Write(d + "/rdetails.txt",
+          "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" + d +
+              "/rfields.txt\t" + d + "/stages.txt\t" + d + "/results\r\n");
     Write(d + "/rfields.txt",
           "TEST SEQUENCE - FIELD NAMES\r\nField Name\tRequired\r\nSerial\tTRUE\r\nDate\tTRUE\r\n"
           "Operator\tFALSE\r\nDescription\tTRUE\r\n");
@@ -466,8 +476,9 @@ class MainWindowTest : public QObject {
     w.show();
     QVERIFY(QTest::qWaitForWindowActive(&w));
     Answers verdicts;
-    w.openQuestion({"UUTCHECK", "UUT Check", "Seal fitted?", {"Pass", "Fail and Repeat", "Fail and Continue"}},
-                   verdicts.callback());
+    w.openQuestion(
+        {"UUTCHECK", "UUT Check", "Seal fitted?", {"Pass", "Fail and Repeat", "Fail and Continue"}},
+        verdicts.callback());
     QTRY_VERIFY(Find<QGroupBox>(w, "frOKcancel")->isVisible());
     QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
     QTest::keyClick(QApplication::focusWidget(), Qt::Key_Enter);
@@ -545,6 +556,20 @@ class MainWindowTest : public QObject {
     QVERIFY(!tabs->isAncestorOf(Find<QGroupBox>(w, "frOKcancel")));
     QTest::mouseClick(Find<QPushButton>(w, "pbOKcancelOK"), Qt::LeftButton);
     QCOMPARE(answers.given, std::vector<Answer>{std::string("Continue")});
+
+    // The report window is a window of its own, not held above the main
+    // window: a question brings the main window in front of it.
+    w.openReportWindow();
+    ReportDialog* report = nullptr;
+    QTRY_VERIFY((report = Own<ReportDialog>(w)) != nullptr && report->isVisible());
+    QVERIFY(QTest::qWaitForWindowActive(report));
+    QCOMPARE(report->windowHandle()->transientParent(), nullptr);
+    w.openQuestion({"CONTINUEOK", "", "Fit the next unit", {"Continue"}}, answers.callback());
+    QTRY_COMPARE(QGuiApplication::focusWindow(), w.windowHandle());
+    QVERIFY(Find<QPushButton>(w, "pbOKcancelOK")->hasFocus());
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QCOMPARE(answers.given.size(), size_t{2});
+    report->close();
   }
 
   // The unit tile shows the unit under test (serial, stage n of N, TESTING)
@@ -552,15 +577,17 @@ class MainWindowTest : public QObject {
   // next is tested, and a report before the last stage says "in progress".
   void theUnitTileAndAReportInProgress() {
     const std::string d = dir_.path().toStdString();
-    Write(d + "/tdetails.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" +
-                                   d + "/tfields.txt\t" + d + "/tstages.txt\t" + d + "/results\r\n");
+    Write(d + "/tdetails.txt",
+          "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" + d +
+              "/tfields.txt\t" + d + "/tstages.txt\t" + d + "/results\r\n");
     Write(d + "/tfields.txt", "TEST SEQUENCE - FIELD NAMES\r\nField Name\r\n");
     Write(d + "/tstages.txt",
           "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
           "1\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n"
           "2\tMANUAL\t\t\t\t\tPaint\t\tIs the paint dry?\r\n");
-    MainWindow w(Factory(), Sequence("tile.wts", {"NEXT:", "DB_DATAENTRY " + d + "/tdetails.txt",
-                                                  "DB_STAGECHECK 1", "DB_STAGECHECK 2", "GOTO NEXT"}));
+    MainWindow w(Factory(),
+                 Sequence("tile.wts", {"NEXT:", "DB_DATAENTRY " + d + "/tdetails.txt",
+                                       "DB_STAGECHECK 1", "DB_STAGECHECK 2", "GOTO NEXT"}));
     w.show();
     Click(w, "pbRun");
     auto enter = [&](const char* serial) {
@@ -578,7 +605,7 @@ class MainWindowTest : public QObject {
     // The report while stage 1 of 2 is asked: no verdict yet.
     w.openReportWindow();
     ReportDialog* report = nullptr;
-    QTRY_VERIFY((report = w.findChild<ReportDialog*>()) != nullptr && report->isVisible());
+    QTRY_VERIFY((report = Own<ReportDialog>(w)) != nullptr && report->isVisible());
     QCOMPARE(Find<QLabel>(*report, "laVerdict")->text(), QString("in progress"));
     QVERIFY(report->document()->toPlainText().contains("in progress"));
     delete report;
@@ -607,9 +634,9 @@ class MainWindowTest : public QObject {
     auto* command = Find<QLineEdit>(w, "sCurrentCommand");
     auto* bar = Find<QProgressBar>(w, "pbWait");
     QTRY_VERIFY(bar->isVisible());
-    QTRY_VERIFY2(command->text().startsWith("waitseconds 09:") ||
-                     command->text() == "waitseconds 10:00",
-                 qPrintable(command->text()));
+    QTRY_VERIFY2(
+        command->text().startsWith("waitseconds 09:") || command->text() == "waitseconds 10:00",
+        qPrintable(command->text()));
     QVERIFY2(bar->text().contains("left of 10:00"), qPrintable(bar->text()));
     Click(w, "pbStop");
     QTRY_VERIFY(!bar->isVisible());
@@ -619,7 +646,8 @@ class MainWindowTest : public QObject {
     rig.show();
     Click(rig, "pbRun");
     auto* reading = Find<QLabel>(rig, "laWaitReading");
-    static const QRegularExpression kReading(R"(^Waiting for OVEN > 5000: OVEN reads (\d+(\.\d+)?))");
+    static const QRegularExpression kReading(
+        R"(^Waiting for OVEN > 5000: OVEN reads (\d+(\.\d+)?))");
     QTRY_VERIFY2(kReading.match(reading->text()).hasMatch(), qPrintable(reading->text()));
     QVERIFY(kReading.match(reading->text()).captured(1).toDouble() > 15);
     Click(rig, "pbStop");
@@ -867,7 +895,7 @@ class MainWindowTest : public QObject {
 
     Find<QAction>(w, "mbReport")->trigger();
     ReportDialog* report = nullptr;
-    QTRY_VERIFY((report = static_cast<ReportDialog*>(w.findChild<QDialog*>("frmReport"))) !=
+    QTRY_VERIFY((report = Own<ReportDialog>(w)) !=
                     nullptr &&
                 report->isVisible());
     auto* table = Find<QTableWidget>(*report, "ebSequenceList");
@@ -896,7 +924,7 @@ class MainWindowTest : public QObject {
     });
     QTRY_VERIFY(!verdict->isVisible());
     Find<QAction>(w, "mbReport")->trigger();
-    QTRY_VERIFY((report = static_cast<ReportDialog*>(w.findChild<QDialog*>("frmReport"))) !=
+    QTRY_VERIFY((report = Own<ReportDialog>(w)) !=
                     nullptr &&
                 report->isVisible());
     QCOMPARE(Find<QTableWidget>(*report, "ebSequenceList")->rowCount(), 0);
@@ -1279,7 +1307,8 @@ class MainWindowTest : public QObject {
     MainWindow w(RigFactory(), Sequence("chart.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
     w.show();
     Find<QAction>(w, "mbChart")->trigger();
-    auto* chart = Find<ChartWindow>(w, "frmChart");
+    ChartWindow* chart = nullptr;
+    QTRY_VERIFY((chart = Own<ChartWindow>(w)) != nullptr);
     QVERIFY(chart->isVisible());
     QTRY_VERIFY(Find<QListWidget>(*chart, "lbChartChannels")->count() >=
                 5);  // the rig's enabled channels
@@ -1312,12 +1341,14 @@ class MainWindowTest : public QObject {
     MainWindow w(RigFactory(), Sequence("ticks.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
     w.show();
     Find<QAction>(w, "mbChart")->trigger();
-    auto* chart = Find<ChartWindow>(w, "frmChart");
+    ChartWindow* chart = nullptr;
+    QTRY_VERIFY((chart = Own<ChartWindow>(w)) != nullptr);
     chart->hide();
     chart->resize(3000, 2000);
     chart->show();
     const QRect free = chart->screen()->availableGeometry();
-    QVERIFY2(free.contains(chart->frameGeometry()), qPrintable(QString("%1x%2").arg(chart->width()).arg(chart->height())));
+    QVERIFY2(free.contains(chart->frameGeometry()),
+             qPrintable(QString("%1x%2").arg(chart->width()).arg(chart->height())));
     chart->setSampleInterval(20);
     chart->plot("OVEN");
     chart->plot("HEATER");
@@ -1338,7 +1369,8 @@ class MainWindowTest : public QObject {
                    std::abs(mantissa - 10) < 1e-6,
                qPrintable(QString("step %1").arg(step)));
       const double ticks = axis->min() / step;
-      QVERIFY2(std::abs(ticks - std::round(ticks)) < 1e-6, qPrintable(QString::number(axis->min())));
+      QVERIFY2(std::abs(ticks - std::round(ticks)) < 1e-6,
+               qPrintable(QString::number(axis->min())));
     }
   }
 
@@ -1349,7 +1381,8 @@ class MainWindowTest : public QObject {
     MainWindow w(RigFactory(), Sequence("swap.wts", {"IMSFILESPEC " + other, "WAITSECONDS 60"}));
     w.show();
     Find<QAction>(w, "mbChart")->trigger();
-    auto* chart = Find<ChartWindow>(w, "frmChart");
+    ChartWindow* chart = nullptr;
+    QTRY_VERIFY((chart = Own<ChartWindow>(w)) != nullptr);
     QTRY_VERIFY(chart->channels().contains("OVEN"));
     chart->setSampleInterval(20);
     Click(w, "pbRun");
