@@ -15,12 +15,18 @@ std::string fixed13(std::string_view text) {
 
 const ChannelRecord* Channels::lookup(std::string_view name) const {
   if (!indexed_) {
-    index_.clear();
-    for (size_t i = 0; i < records_.size(); ++i) index_.try_emplace(records_[i].name, i);
+    index_.clear(records_.size());
+    for (size_t i = 0; i < records_.size(); ++i) index_.add(records_[i].name, i);
     indexed_ = true;
   }
-  const auto found = index_.find(name);
-  return found == index_.end() ? nullptr : &records_[found->second];
+  // The first record of that name, as a scan from the start would find.
+  const ChannelRecord* found = nullptr;
+  index_.find(name, [&](size_t i, unsigned) {
+    if (records_[i].name != name) return false;
+    found = &records_[i];
+    return true;
+  });
+  return found;
 }
 
 void Channels::recordNameError(std::string_view name) {

@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "common/name_index.h"
 #include "instrument/link/iml_link.h"
 
 namespace tavrix {
@@ -80,9 +81,9 @@ class Channels {
 
   ImlLink& link_;
   std::vector<ChannelRecord> records_;
-  // Name -> index of the first record of that name, built on the first
-  // lookup after a change: a lookup finds what a scan from index 0 finds.
-  mutable std::unordered_map<std::string, size_t, StringHash, std::equal_to<>> index_;
+  // The records by name, built on the first lookup after a change: a lookup
+  // finds what a scan from index 0 finds.
+  mutable NameIndex index_;
   mutable bool indexed_ = false;
   std::vector<std::string> definitions_;
   std::array<bool, 100> present_{};

@@ -253,32 +253,40 @@ void RigModel::load(RigSetup setup) {
   lastAdvance_ = 0;
 }
 
-const std::vector<size_t>* RigModel::indexed(std::string_view key) {
+template <class Visit>
+bool RigModel::visitIndexed(std::string_view key, Visit&& visit) {
   if (!indexValid_) {
-    index_.clear();
+    index_.clear(setup_.channels.size() * 2);
     for (size_t i = 0; i < setup_.channels.size(); ++i) {
       const SimChannel& c = setup_.channels[i];
-      index_[c.name].push_back(i);
-      if (c.hardwareText != c.name) index_[c.hardwareText].push_back(i);
+      index_.add(c.name, i, 0);
+      if (c.hardwareText != c.name) index_.add(c.hardwareText, i, 1);
     }
     indexValid_ = true;
   }
-  const auto found = index_.find(std::string(key));
-  return found == index_.end() ? nullptr : &found->second;
+  return index_.find(key, [&](size_t i, unsigned tag) {
+    const SimChannel& c = setup_.channels[i];
+    return (tag == 0 ? c.name : c.hardwareText) == key && visit(i);
+  });
 }
 
 SimChannel* RigModel::find(int device, std::string_view nameOrHardware) {
-  if (const auto* list = indexed(nameOrHardware)) {
-    for (size_t i : *list) {
-      if (setup_.channels[i].device == device) return &setup_.channels[i];
-    }
-  }
-  return nullptr;
+  SimChannel* found = nullptr;
+  visitIndexed(nameOrHardware, [&](size_t i) {
+    if (setup_.channels[i].device != device) return false;
+    found = &setup_.channels[i];
+    return true;
+  });
+  return found;
 }
 
 SimChannel* RigModel::findAnyDevice(std::string_view name) {
-  const auto* list = indexed(name);
-  return list == nullptr || list->empty() ? nullptr : &setup_.channels[list->front()];
+  SimChannel* found = nullptr;
+  visitIndexed(name, [&](size_t i) {
+    found = &setup_.channels[i];
+    return true;
+  });
+  return found;
 }
 
 double RigModel::followTarget(const SimChannel& channel) {
