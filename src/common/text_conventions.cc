@@ -62,6 +62,10 @@ std::string runtimeNumberText(double value, int significantDigits) {
   return (negative ? "-" : " ") + s;
 }
 
+constexpr int kExactDigits = 15;
+constexpr double kPowersOfTen[kExactDigits + 1] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                   1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
 }  // namespace
 
 double leadingNumber(std::string_view text) {
@@ -84,12 +88,19 @@ double leadingNumber(std::string_view text) {
   }
   bool point = false;
   bool digits = false;
+  // The digits as an integer and how many follow the point, for numbers
+  // that need no library conversion.
+  uint64_t mantissa = 0;
+  int digitCount = 0;
+  int fractionDigits = 0;
   for (; i < text.size(); ++i) {
     const char c = text[i];
     if (isNumberBlank(c)) continue;
     if (isDigit(c)) {
       number += c;
       digits = true;
+      if (++digitCount <= kExactDigits) mantissa = mantissa * 10 + static_cast<uint64_t>(c - '0');
+      fractionDigits += point ? 1 : 0;
     } else if (c == '.' && !point) {
       number += c;
       point = true;
@@ -111,6 +122,12 @@ double leadingNumber(std::string_view text) {
       exponentDigits = true;
     }
     if (exponentDigits) number += exponent;
+  }
+  if (number.find('e') == std::string::npos && digitCount <= kExactDigits) {
+    // At most 15 digits are an exact double, and so is a power of ten up to
+    // 10^22: one division rounds correctly, as the library's conversion does.
+    const double value = static_cast<double>(mantissa) / kPowersOfTen[fractionDigits];
+    return negative ? -value : value;
   }
   double value = 0;
   const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
