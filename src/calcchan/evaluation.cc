@@ -19,6 +19,22 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
+// Whether the upper-cased text contains `upperPart` (upper case already).
+bool containsUpperCased(std::string_view text, std::string_view upperPart) {
+  if (upperPart.size() > text.size()) return false;
+  for (size_t at = 0; at + upperPart.size() <= text.size(); ++at) {
+    size_t i = 0;
+    while (i < upperPart.size()) {
+      char c = text[at + i];
+      if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+      if (c != upperPart[i]) break;
+      ++i;
+    }
+    if (i == upperPart.size()) return true;
+  }
+  return false;
+}
+
 int16_t clampedCount(int32_t n) { return static_cast<int16_t>(std::min<int32_t>(n, INT16_MAX)); }
 
 int64_t dayNumber(Micros t) { return t >= 0 ? t / kMicrosPerDay : (t - kMicrosPerDay + 1) / kMicrosPerDay; }
@@ -59,6 +75,7 @@ bool CalcChannels::startCalculatedChannels(std::string_view fileSpec, std::strin
 }
 
 bool CalcChannels::load(std::string_view fileSpec) {
+  averageRows_.clear();
   if (!LoadCalcChannelSetup(fileSpec, state_, ports_, events_.now())) return false;
   timer_.setEnabled(false);
   analyser_.clear();
@@ -129,7 +146,7 @@ void CalcChannels::runPass() {
     } else if (type == calc_type::kAverage) {
       average(row);
     } else if (type == calc_type::kCheck95 || type == calc_type::kCheck95B) {
-      check95(row);
+      check95(i);
     } else if (type == calc_type::kDaily) {
       daily(row);
     } else if (type == calc_type::kHiAlarm) {
@@ -169,8 +186,7 @@ bool CalcChannels::readSource(const std::string& source, std::string_view guard,
   } else {
     ports_.channels->read(source, reading);
   }
-  const std::string upper = upperCase(reading);
-  return !contains(upper, "ERROR") && !contains(upper, "UNAVAILABLE");
+  return !containsUpperCased(reading, "ERROR") && !containsUpperCased(reading, "UNAVAILABLE");
 }
 
 void CalcChannels::writeDirect(const std::string& name, std::string_view text) {
@@ -207,7 +223,9 @@ void CalcChannels::endCremSessions(Micros now) {
 // --- The types ----------------------------------------------------------------
 
 void CalcChannels::formula(CalcChannel& row) {
-  const std::string result = analyser_.EvaluateMacroLine(row.newName + "=" + row.source);
+  // The macro line is put together in a buffer kept from pass to pass.
+  macroLine_.assign(row.newName).append(1, '=').append(row.source);
+  const std::string result = analyser_.EvaluateMacroLine(macroLine_);
   if (!result.empty()) writeDirect(row.newName, result);
 }
 
@@ -289,15 +307,29 @@ void CalcChannels::average(CalcChannel& row) {
   publish(row.newName, row.armed ? std::string(kTextNotAvailable) : formatNumber(row.periodResult, "#.00"));
 }
 
-void CalcChannels::check95(CalcChannel& row) {
-  const CalcChannel* avg = nullptr;
-  for (size_t i = 1; i < state_.table.size(); ++i) {
-    const CalcChannel& r = state_.table[i];
-    if (r.type == calc_type::kAverage && r.newName == row.source) {
-      avg = &r;
-      break;
+size_t CalcChannels::averageRowFor(size_t checkRow) {
+  const CalcChannelTable& table = state_.table;
+  if (averageRows_.size() != table.size()) {
+    // The first AVERAGE row whose NEWNAME is each row's SOURCE (0: none),
+    // found once for the table as loaded.
+    averageRows_.assign(table.size(), 0);
+    for (size_t i = 1; i < table.size(); ++i) {
+      if (table[i].type != calc_type::kCheck95 && table[i].type != calc_type::kCheck95B) continue;
+      for (size_t j = 1; j < table.size(); ++j) {
+        if (table[j].type == calc_type::kAverage && table[j].newName == table[i].source) {
+          averageRows_[i] = j;
+          break;
+        }
+      }
     }
   }
+  return averageRows_[checkRow];
+}
+
+void CalcChannels::check95(size_t index) {
+  CalcChannel& row = state_.table[index];
+  const size_t averageRow = averageRowFor(index);
+  const CalcChannel* avg = averageRow == 0 ? nullptr : &state_.table[averageRow];
   if (avg == nullptr || !avg->flags) return;
   row.total += 1;
   state_.dayList.push_back({static_cast<float>(avg->periodResult),

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "calcchan/calc_ports.h"
 #include "calcchan/calc_table.h"
@@ -76,7 +77,9 @@ class CalcChannels {
   void refer(CalcChannel& row);
   void referStp(CalcChannel& row);
   void average(CalcChannel& row);
-  void check95(CalcChannel& row);
+  void check95(size_t index);
+  // The AVERAGE row a CHECK 95 or CHECK 95B row of the table reads.
+  size_t averageRowFor(size_t checkRow);
   void daily(CalcChannel& row);
   void alarm(CalcChannel& row, bool high);
   void scale(CalcChannel& row);
@@ -91,6 +94,10 @@ class CalcChannels {
   Analyser analyser_;
   Timer timer_;
   Micros lastPassTime_ = 0;
+  std::string macroLine_;
+  // Each row's AVERAGE row, by position (see averageRowFor); emptied by
+  // every load, found again at the first pass.
+  std::vector<size_t> averageRows_;
 };
 
 // A REPORT condition: "op limit", op one of = <= >= <> > <. Returns false for
