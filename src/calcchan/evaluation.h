@@ -65,28 +65,61 @@ class CalcChannels {
   void runPass();
 
  private:
+  // What a row's texts say, found once for the table as loaded (every load
+  // empties the plan; the first pass after it makes it again), so that a
+  // pass neither compares type names nor converts the same parameters again.
+  enum class RowKind : uint8_t {
+    kNone,  // MAXIMUM: no action
+    kFormula,
+    kLoggerOnOff,
+    kRefer,
+    kReferStp,
+    kAverage,
+    kCheck95,  // CHECK 95 and CHECK 95B
+    kDaily,
+    kHiAlarm,
+    kLoAlarm,
+    kScale,
+    kReport,
+    kCremAvg,
+    kMinimum,
+    kHiSwitch,
+    kLoSwitch,
+  };
+  struct RowPlan {
+    RowKind kind = RowKind::kNone;
+    bool guarded = false;      // PARAM2 is not blank
+    double param1 = 0;         // PARAM1's leading number
+    double param2 = 0;         // PARAM2's leading number
+    Micros period = 0;         // AVERAGE: PARAM1 hours
+    size_t averageRow = 0;     // CHECK 95/95B: the first AVERAGE row named SOURCE (0: none)
+    std::string oxygenName;    // REFER: the oxygen channel
+    bool reportKnown = false;  // REPORT: PARAM1's condition
+    std::string reportOperator;
+    double reportLimit = 0;
+  };
+  void makePlan();
+
   bool analysing();
-  bool readSource(const std::string& source, std::string_view guard, std::string& reading);
+  bool readSource(const std::string& source, bool guarded, std::string& reading);
   void publish(const std::string& name, std::string_view text);
   void writeDirect(const std::string& name, std::string_view text);
   void sendToLoggers(std::string_view command);
   void endCremSessions(Micros now);
 
   void formula(CalcChannel& row);
-  void loggerSwitch(CalcChannel& row);
-  void refer(CalcChannel& row);
-  void referStp(CalcChannel& row);
-  void average(CalcChannel& row);
-  void check95(size_t index);
-  // The AVERAGE row a CHECK 95 or CHECK 95B row of the table reads.
-  size_t averageRowFor(size_t checkRow);
-  void daily(CalcChannel& row);
-  void alarm(CalcChannel& row, bool high);
-  void scale(CalcChannel& row);
-  void report(CalcChannel& row);
-  void cremAverage(CalcChannel& row);
-  void minimum(CalcChannel& row);
-  void switchRow(CalcChannel& row, bool high);
+  void loggerSwitch(CalcChannel& row, const RowPlan& plan);
+  void refer(CalcChannel& row, const RowPlan& plan);
+  void referStp(CalcChannel& row, const RowPlan& plan);
+  void average(CalcChannel& row, const RowPlan& plan);
+  void check95(CalcChannel& row, const RowPlan& plan);
+  void daily(CalcChannel& row, const RowPlan& plan);
+  void alarm(CalcChannel& row, const RowPlan& plan, bool high);
+  void scale(CalcChannel& row, const RowPlan& plan);
+  void report(CalcChannel& row, const RowPlan& plan);
+  void cremAverage(CalcChannel& row, const RowPlan& plan);
+  void minimum(CalcChannel& row, const RowPlan& plan);
+  void switchRow(CalcChannel& row, const RowPlan& plan, bool high);
 
   EventLoop& events_;
   CalcPorts ports_;
@@ -95,9 +128,8 @@ class CalcChannels {
   Timer timer_;
   Micros lastPassTime_ = 0;
   std::string macroLine_;
-  // Each row's AVERAGE row, by position (see averageRowFor); emptied by
-  // every load, found again at the first pass.
-  std::vector<size_t> averageRows_;
+  std::vector<RowPlan> plan_;
+  std::string analyseName_;  // <prefix>_ANALYSE
 };
 
 // A REPORT condition: "op limit", op one of = <= >= <> > <. Returns false for
