@@ -139,21 +139,48 @@ void CalcChannels::runPass() {
     }
     if (!state_.setupLoaded) continue;
     switch (plan.kind) {
-      case RowKind::kFormula: formula(row); break;
-      case RowKind::kRefer: refer(row, plan); break;
-      case RowKind::kReferStp: referStp(row, plan); break;
-      case RowKind::kAverage: average(row, plan); break;
-      case RowKind::kCheck95: check95(row, plan); break;
-      case RowKind::kDaily: daily(row, plan); break;
-      case RowKind::kHiAlarm: alarm(row, plan, true); break;
-      case RowKind::kLoAlarm: alarm(row, plan, false); break;
-      case RowKind::kScale: scale(row, plan); break;
-      case RowKind::kReport: report(row, plan); break;
-      case RowKind::kMinimum: minimum(row, plan); break;
-      case RowKind::kHiSwitch: switchRow(row, plan, true); break;
-      case RowKind::kLoSwitch: switchRow(row, plan, false); break;
+      case RowKind::kFormula:
+        formula(row);
+        break;
+      case RowKind::kRefer:
+        refer(row, plan);
+        break;
+      case RowKind::kReferStp:
+        referStp(row, plan);
+        break;
+      case RowKind::kAverage:
+        average(row, plan);
+        break;
+      case RowKind::kCheck95:
+        check95(row, plan);
+        break;
+      case RowKind::kDaily:
+        daily(row, plan);
+        break;
+      case RowKind::kHiAlarm:
+        alarm(row, plan, true);
+        break;
+      case RowKind::kLoAlarm:
+        alarm(row, plan, false);
+        break;
+      case RowKind::kScale:
+        scale(row, plan);
+        break;
+      case RowKind::kReport:
+        report(row, plan);
+        break;
+      case RowKind::kMinimum:
+        minimum(row, plan);
+        break;
+      case RowKind::kHiSwitch:
+        switchRow(row, plan, true);
+        break;
+      case RowKind::kLoSwitch:
+        switchRow(row, plan, false);
+        break;
       // MAXIMUM: no action, by design.
-      default: break;
+      default:
+        break;
     }
   }
   if (state_.setupLoaded) state_.firstPassPending = false;
@@ -339,8 +366,8 @@ void CalcChannels::makePlan() {
     plan.param1 = leadingNumber(row.param1);
     plan.param2 = leadingNumber(row.param2);
     plan.period = checkedMicros(plan.param1 * kMicrosPerHour).value_or(0);
-    plan.oxygenName =
-        row.param2.empty() ? state_.summaryPrefix + std::string(kOxygenSuffix) : std::string(kOxygenChannel);
+    plan.oxygenName = row.param2.empty() ? state_.summaryPrefix + std::string(kOxygenSuffix)
+                                         : std::string(kOxygenChannel);
     plan.reportKnown = ParseReportCondition(row.param1, plan.reportOperator, plan.reportLimit);
     if (plan.kind == RowKind::kCheck95) {
       for (size_t j = 1; j < table.size(); ++j) {
@@ -360,8 +387,7 @@ void CalcChannels::check95(CalcChannel& row, const RowPlan& plan) {
   state_.dayList.push_back({static_cast<float>(avg->periodResult),
                             static_cast<int16_t>(std::min<double>(row.total, INT16_MAX)),
                             row.newName});
-  if (AboveLimit(avg->periodResult, plan.param1) && row.counter < INT16_MAX)
-    ++row.counter;
+  if (AboveLimit(avg->periodResult, plan.param1) && row.counter < INT16_MAX) ++row.counter;
   publish(row.newName, formatNumber(row.counter, "#0"));
 }
 
@@ -404,8 +430,8 @@ void CalcChannels::scale(CalcChannel& row, const RowPlan& plan) {
 
 void CalcChannels::report(CalcChannel& row, const RowPlan& plan) {
   if (!plan.reportKnown) {
-    ports_.showMessage(std::string(kTextReportType) + "\r" + std::string(kTextUnrecognisedOperator) +
-                       plan.reportOperator);
+    ports_.showMessage(std::string(kTextReportType) + "\r" +
+                       std::string(kTextUnrecognisedOperator) + plan.reportOperator);
     return;
   }
   std::string reading;
