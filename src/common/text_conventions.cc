@@ -109,6 +109,7 @@ double leadingNumber(std::string_view text) {
     }
   }
   if (!digits) return 0;
+  bool exponentRead = false;
   if (i < text.size() && (text[i] == 'e' || text[i] == 'E' || text[i] == 'd' || text[i] == 'D')) {
     std::string exponent = "e";
     size_t j = i + 1;
@@ -122,8 +123,9 @@ double leadingNumber(std::string_view text) {
       exponentDigits = true;
     }
     if (exponentDigits) number += exponent;
+    exponentRead = exponentDigits;
   }
-  if (number.find('e') == std::string::npos && digitCount <= kExactDigits) {
+  if (!exponentRead && digitCount <= kExactDigits) {
     // At most 15 digits are an exact double, and so is a power of ten up to
     // 10^22: one division rounds correctly, as the library's conversion does.
     const double value = static_cast<double>(mantissa) / kPowersOfTen[fractionDigits];

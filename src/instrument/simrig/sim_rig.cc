@@ -374,7 +374,22 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   advance(now);
   command = trim(command);
   const size_t blank = command.find(' ');
-  const std::string word = upperCase(command.substr(0, blank));
+  // The command word upper-cased; the usual short one without a copy on
+  // the heap.
+  const std::string_view written = command.substr(0, blank);
+  char shortWord[8];
+  std::string longWord;
+  std::string_view word;
+  if (written.size() <= sizeof shortWord) {
+    for (size_t i = 0; i < written.size(); ++i) {
+      const char c = written[i];
+      shortWord[i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    }
+    word = std::string_view(shortWord, written.size());
+  } else {
+    longWord = upperCase(written);
+    word = longWord;
+  }
   const std::string_view rest =
       blank == std::string_view::npos ? std::string_view{} : trimLeft(command.substr(blank + 1));
   if (word == "REP") return state.report;
