@@ -72,7 +72,13 @@ TEST(LeadingNumber, PlainDecimalsGiveTheCorrectlyRoundedValue) {
       if (d == pointAt) text += '.';
       text += static_cast<char>('0' + next() % 10);
     }
-    const double expected = std::strtod(text.c_str(), nullptr);
+    // What follows the number: nothing, text, a separator, blanks before
+    // text, or an exponent (which the library reads).
+    static const char* const kAfter[] = {"", "abc", ",5", " V", "e2", "D-3", "  "};
+    text += kAfter[next() % 7];
+    std::string forLibrary = text;
+    if (const size_t d = forLibrary.find('D'); d != std::string::npos) forLibrary[d] = 'e';
+    const double expected = std::strtod(forLibrary.c_str(), nullptr);
     const double got = leadingNumber(text);
     ASSERT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << text << " " << got << " " << expected;
   }
