@@ -128,7 +128,7 @@ void CalcChannels::runPass() {
   // Rows may not be added or removed during a pass; index, not iterate.
   for (size_t i = 1; i < state_.table.size(); ++i) {
     CalcChannel& row = state_.table[i];
-    const RowPlan& plan = plan_[i];
+    RowPlan& plan = plan_[i];
     if (plan.kind == RowKind::kLoggerOnOff) {
       loggerSwitch(row, plan);
       continue;
@@ -140,7 +140,7 @@ void CalcChannels::runPass() {
     if (!state_.setupLoaded) continue;
     switch (plan.kind) {
       case RowKind::kFormula:
-        formula(row);
+        formula(row, plan);
         break;
       case RowKind::kRefer:
         refer(row, plan);
@@ -191,29 +191,30 @@ void CalcChannels::runPass() {
 
 bool CalcChannels::analysing() {
   std::string value;
-  if (!ports_.channels->read(analyseName_, value)) return false;
+  if (!ports_.channels->read(analyseName_, value, analyseRef_)) return false;
   return leadingNumber(value) > 0.5;
 }
 
-bool CalcChannels::readSource(const std::string& source, bool guarded, std::string& reading) {
+bool CalcChannels::readSource(ChannelRef& ref, const std::string& source, bool guarded,
+                              std::string& reading) {
   if (guarded) {
     if (analysing()) return false;
-    ports_.channels->read(source, reading);
+    ports_.channels->read(source, reading, ref);
     if (analysing()) return false;
   } else {
-    ports_.channels->read(source, reading);
+    ports_.channels->read(source, reading, ref);
   }
   return !containsUpperCased(reading, "ERROR") && !containsUpperCased(reading, "UNAVAILABLE");
 }
 
-void CalcChannels::writeDirect(const std::string& name, std::string_view text) {
-  if (!ports_.channels->write(name, text)) {
+void CalcChannels::writeDirect(ChannelRef& ref, const std::string& name, std::string_view text) {
+  if (!ports_.channels->write(name, text, ref)) {
     ports_.showMessage(std::string(kTextChannelNamePrefix) + name + std::string(kTextChannelNameSuffix));
   }
 }
 
-void CalcChannels::publish(const std::string& name, std::string_view text) {
-  writeDirect(name, contains(text, "Error") ? kTextUnavailable : text);
+void CalcChannels::publish(ChannelRef& ref, const std::string& name, std::string_view text) {
+  writeDirect(ref, name, contains(text, "Error") ? kTextUnavailable : text);
 }
 
 void CalcChannels::sendToLoggers(std::string_view command) {
@@ -239,18 +240,18 @@ void CalcChannels::endCremSessions(Micros now) {
 
 // --- The types ----------------------------------------------------------------
 
-void CalcChannels::formula(CalcChannel& row) {
+void CalcChannels::formula(CalcChannel& row, RowPlan& plan) {
   // The macro line is put together in a buffer kept from pass to pass.
   macroLine_.assign(row.newName).append(1, '=').append(row.source);
   const std::string result = analyser_.EvaluateMacroLine(macroLine_);
-  if (!result.empty()) writeDirect(row.newName, result);
+  if (!result.empty()) writeDirect(plan.resultRef, row.newName, result);
 }
 
-void CalcChannels::loggerSwitch(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::loggerSwitch(CalcChannel& row, RowPlan& plan) {
   std::string reading;
   // Guarded like every other row by PARAM2, although for this type it also
   // names folder B: during an analysis cycle the switch cannot be read.
-  if (!readSource(row.source, plan.guarded, reading)) {
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
     ports_.showMessage(std::string(kTextUnableToReadChannel) + row.source);
     return;
   }
@@ -274,34 +275,34 @@ void CalcChannels::loggerSwitch(CalcChannel& row, const RowPlan& plan) {
   }
 }
 
-void CalcChannels::refer(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::refer(CalcChannel& row, RowPlan& plan) {
   std::string reading;
   std::string oxygen;
-  if (!readSource(row.source, plan.guarded, reading) ||
-      !readSource(plan.oxygenName, plan.guarded, oxygen)) {
-    publish(row.newName, kTextUnavailable);
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading) ||
+      !readSource(plan.oxygenRef, plan.oxygenName, plan.guarded, oxygen)) {
+    publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   const double x = leadingNumber(reading);
   const double o = leadingNumber(oxygen) + plan.param1;
   const double result = o > 11.0 ? x * (20.9 - 11.0) / (20.9 - o) : x;
-  publish(row.newName, formatNumber(result, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(result, "#.00"));
 }
 
-void CalcChannels::referStp(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::referStp(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) {
-    publish(row.newName, kTextUnavailable);
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
+    publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   const double x = leadingNumber(reading);
-  publish(row.newName, formatNumber(x * (plan.param1 + 273) / 273, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(x * (plan.param1 + 273) / 273, "#.00"));
 }
 
-void CalcChannels::average(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::average(CalcChannel& row, RowPlan& plan) {
   row.flags = 0;
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   row.total += leadingNumber(reading);
   ++row.passes;
   row.counter = clampedCount(row.passes);
@@ -320,12 +321,14 @@ void CalcChannels::average(CalcChannel& row, const RowPlan& plan) {
     row.counter = 0;
     row.passes = 0;
   }
-  publish(row.newName, row.armed ? std::string(kTextNotAvailable) : formatNumber(row.periodResult, "#.00"));
+  publish(plan.resultRef, row.newName,
+          row.armed ? std::string(kTextNotAvailable) : formatNumber(row.periodResult, "#.00"));
 }
 
 void CalcChannels::makePlan() {
   const CalcChannelTable& table = state_.table;
   analyseName_ = state_.summaryPrefix + std::string(kAnalyseSuffix);
+  analyseRef_ = ChannelRef{};
   plan_.assign(table.size(), RowPlan{});
   for (size_t i = 1; i < table.size(); ++i) {
     const CalcChannel& row = table[i];
@@ -380,7 +383,7 @@ void CalcChannels::makePlan() {
   }
 }
 
-void CalcChannels::check95(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::check95(CalcChannel& row, RowPlan& plan) {
   const CalcChannel* avg = plan.averageRow == 0 ? nullptr : &state_.table[plan.averageRow];
   if (avg == nullptr || !avg->flags) return;
   row.total += 1;
@@ -388,66 +391,67 @@ void CalcChannels::check95(CalcChannel& row, const RowPlan& plan) {
                             static_cast<int16_t>(std::min<double>(row.total, INT16_MAX)),
                             row.newName});
   if (AboveLimit(avg->periodResult, plan.param1) && row.counter < INT16_MAX) ++row.counter;
-  publish(row.newName, formatNumber(row.counter, "#0"));
+  publish(plan.resultRef, row.newName, formatNumber(row.counter, "#0"));
 }
 
-void CalcChannels::daily(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::daily(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   row.total += leadingNumber(reading);
   ++row.passes;
   row.counter = clampedCount(row.passes);
-  publish(row.newName, formatNumber(row.total / static_cast<double>(row.passes), "#.00"));
+  publish(plan.resultRef, row.newName,
+          formatNumber(row.total / static_cast<double>(row.passes), "#.00"));
 }
 
-void CalcChannels::alarm(CalcChannel& row, const RowPlan& plan, bool high) {
+void CalcChannels::alarm(CalcChannel& row, RowPlan& plan, bool high) {
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) {
-    publish(row.newName, kTextUnavailable);
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
+    publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   ++row.passes;
   if (contains(reading, kTextNotAvailable)) {
-    publish(row.newName, kTextNotAvailable);
+    publish(plan.resultRef, row.newName, kTextNotAvailable);
     return;
   }
   const double x = leadingNumber(reading);
   const double limit = plan.param1;
   if (high ? x > limit : x < limit) {
     row.total += 1;
-    publish(row.newName, kTextAlarm);
+    publish(plan.resultRef, row.newName, kTextAlarm);
   } else {
-    publish(row.newName, kTextOk);
+    publish(plan.resultRef, row.newName, kTextOk);
   }
 }
 
-void CalcChannels::scale(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::scale(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, false, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, false, reading)) return;
   const double result = leadingNumber(reading) * plan.param1 + plan.param2;
-  publish(row.newName, formatNumber(result, "#0.00"));
+  publish(plan.resultRef, row.newName, formatNumber(result, "#0.00"));
 }
 
-void CalcChannels::report(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::report(CalcChannel& row, RowPlan& plan) {
   if (!plan.reportKnown) {
     ports_.showMessage(std::string(kTextReportType) + "\r" +
                        std::string(kTextUnrecognisedOperator) + plan.reportOperator);
     return;
   }
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   const double x = leadingNumber(reading);
   if (CompareByOperator(x, plan.reportOperator, plan.reportLimit)) {
     if (!row.flags) AppendAlarmReport(state_, row, x, state_.passTime, ports_);
     row.flags = -1;
-    publish(row.newName, kTextAlarm);
+    publish(plan.resultRef, row.newName, kTextAlarm);
   } else {
     row.flags = 0;
-    publish(row.newName, kTextOk);
+    publish(plan.resultRef, row.newName, kTextOk);
   }
 }
 
-void CalcChannels::cremAverage(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::cremAverage(CalcChannel& row, RowPlan& plan) {
   if (!state_.setupLoaded) {
     if (row.armed) {
       AppendCremReport(state_, row, state_.passTime, ports_);
@@ -462,18 +466,18 @@ void CalcChannels::cremAverage(CalcChannel& row, const RowPlan& plan) {
     row.passes = 0;
   }
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   ++row.passes;
   row.periodResult += (leadingNumber(reading) - row.periodResult) / row.passes;
-  publish(row.newName, formatNumber(row.periodResult, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(row.periodResult, "#.00"));
 }
 
-void CalcChannels::minimum(CalcChannel& row, const RowPlan& plan) {
+void CalcChannels::minimum(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   const bool first = state_.firstPassPending || row.passes == 0;
   if (contains(reading, kTextNotAvailable)) {
-    publish(row.newName, kTextNotAvailable);
+    publish(plan.resultRef, row.newName, kTextNotAvailable);
     if (first) {
       row.total = kNoMinimum;
       row.passes = 0;
@@ -483,16 +487,16 @@ void CalcChannels::minimum(CalcChannel& row, const RowPlan& plan) {
   const double x = leadingNumber(reading);
   if (first || x < row.total) row.total = x;
   ++row.passes;
-  publish(row.newName, formatNumber(x, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(x, "#.00"));
 }
 
-void CalcChannels::switchRow(CalcChannel& row, const RowPlan& plan, bool high) {
+void CalcChannels::switchRow(CalcChannel& row, RowPlan& plan, bool high) {
   std::string reading;
-  if (!readSource(row.source, plan.guarded, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   if (contains(reading, kTextNotAvailable)) return;
   const double x = leadingNumber(reading);
   const double limit = plan.param1;
-  publish(row.newName, (high ? x > limit : x < limit) ? "0" : "1");
+  publish(plan.resultRef, row.newName, (high ? x > limit : x < limit) ? "0" : "1");
 }
 
 }  // namespace tavrix

@@ -97,29 +97,33 @@ class CalcChannels {
     bool reportKnown = false;  // REPORT: PARAM1's condition
     std::string reportOperator;
     double reportLimit = 0;
+    // The channels read and written, looked up once (see ChannelRef).
+    ChannelRef sourceRef;
+    ChannelRef oxygenRef;
+    ChannelRef resultRef;
   };
   void makePlan();
 
   bool analysing();
-  bool readSource(const std::string& source, bool guarded, std::string& reading);
-  void publish(const std::string& name, std::string_view text);
-  void writeDirect(const std::string& name, std::string_view text);
+  bool readSource(ChannelRef& ref, const std::string& source, bool guarded, std::string& reading);
+  void publish(ChannelRef& ref, const std::string& name, std::string_view text);
+  void writeDirect(ChannelRef& ref, const std::string& name, std::string_view text);
   void sendToLoggers(std::string_view command);
   void endCremSessions(Micros now);
 
-  void formula(CalcChannel& row);
-  void loggerSwitch(CalcChannel& row, const RowPlan& plan);
-  void refer(CalcChannel& row, const RowPlan& plan);
-  void referStp(CalcChannel& row, const RowPlan& plan);
-  void average(CalcChannel& row, const RowPlan& plan);
-  void check95(CalcChannel& row, const RowPlan& plan);
-  void daily(CalcChannel& row, const RowPlan& plan);
-  void alarm(CalcChannel& row, const RowPlan& plan, bool high);
-  void scale(CalcChannel& row, const RowPlan& plan);
-  void report(CalcChannel& row, const RowPlan& plan);
-  void cremAverage(CalcChannel& row, const RowPlan& plan);
-  void minimum(CalcChannel& row, const RowPlan& plan);
-  void switchRow(CalcChannel& row, const RowPlan& plan, bool high);
+  void formula(CalcChannel& row, RowPlan& plan);
+  void loggerSwitch(CalcChannel& row, RowPlan& plan);
+  void refer(CalcChannel& row, RowPlan& plan);
+  void referStp(CalcChannel& row, RowPlan& plan);
+  void average(CalcChannel& row, RowPlan& plan);
+  void check95(CalcChannel& row, RowPlan& plan);
+  void daily(CalcChannel& row, RowPlan& plan);
+  void alarm(CalcChannel& row, RowPlan& plan, bool high);
+  void scale(CalcChannel& row, RowPlan& plan);
+  void report(CalcChannel& row, RowPlan& plan);
+  void cremAverage(CalcChannel& row, RowPlan& plan);
+  void minimum(CalcChannel& row, RowPlan& plan);
+  void switchRow(CalcChannel& row, RowPlan& plan, bool high);
 
   EventLoop& events_;
   CalcPorts ports_;
@@ -130,6 +134,7 @@ class CalcChannels {
   std::string macroLine_;
   std::vector<RowPlan> plan_;
   std::string analyseName_;  // <prefix>_ANALYSE
+  ChannelRef analyseRef_;
 };
 
 // A REPORT condition: "op limit", op one of = <= >= <> > <. Returns false for

@@ -93,12 +93,15 @@ bool ImlLink::IMLSendCommand(int16_t device, std::string_view command, bool wait
   int32_t result = link_result::kNotReady;
   const Micros start = events_.now();
   const bool timed = options_.useReplyTimeout;
+  // Before the first try no time has passed since `start`.
+  bool tried = false;
   while (result == link_result::kNotReady) {
-    if (timed && ElapsedSeconds(start) > options_.replyTimeoutSecs) {
+    if (timed && (tried ? ElapsedSeconds(start) : 0.0f) > options_.replyTimeoutSecs) {
       linkTimedOut_ = true;
       break;
     }
     letEventsRun();
+    tried = true;
     result = library_.sendCommand(imlHandle_, device, buffer, waitFlag);
     if (result != link_result::kNotReady) break;
     if (abandoned()) {
