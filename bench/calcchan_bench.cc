@@ -12,7 +12,6 @@
 #include "bench_support.h"
 #include "common/file_system.h"
 #include "engine/engine.h"
-#include "instrument/link/instrument_settings.h"
 #include "instrument/simrig/sim_rig.h"
 
 namespace tavrix::bench {
@@ -123,12 +122,19 @@ void BM_SimulatedWeekOfTheDayExample(benchmark::State& state) {
     QuietOperator op;
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
-    Engine engine(std::move(clock), op, std::make_unique<LocalFileSystem>(scratch.path()));
-    InstrumentSettings settings;
-    settings.driveMap['c'] = scratch.path();
-    std::string error;
-    if (!engine.attachInstrument(settings, "sim", &error) ||
-        !engine.instrument()->selectSetupFile(examples + "/calc_rig.ims") ||
+    EngineConfig config;
+    config.clock = std::move(clock);
+    config.files = std::make_unique<LocalFileSystem>(scratch.path());
+    config.op = &op;
+    config.settings.driveMap['c'] = scratch.path();
+    config.link = "sim";
+    const auto built = BuildEngine(std::move(config));
+    if (built == nullptr) {
+      state.SkipWithError("the engine could not be built");
+      return;
+    }
+    Engine& engine = *built;
+    if (!engine.instrument()->selectSetupFile(examples + "/calc_rig.ims") ||
         !engine.calcChannels()->startCalculatedChannels(examples + "/calc_day.ccs", "10")) {
       state.SkipWithError("the rig or the setup did not load");
       return;

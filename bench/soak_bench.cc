@@ -44,14 +44,15 @@ void RunSoakLoop(benchmark::State& state, bool traced) {
     QuietOperator op;
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
-    Engine engine(std::move(clock), op);
+    const auto built = MakeBenchEngine(std::move(clock), op);
+    Engine& engine = *built;
     if (traced) engine.trace().setOutput(std::make_unique<CountingOutput>(traceBytes));
     std::string error;
     if (!engine.sequencer().prepareFile(path, &error)) {
       state.SkipWithError(error.c_str());
       break;
     }
-    engine.sequencer().pressRun();
+    engine.sequencer().start();
     engine.trace().setOutput(nullptr);
     if (!engine.sequencer().lastSequenceError().empty()) {
       state.SkipWithError(engine.sequencer().lastSequenceError().c_str());
@@ -80,12 +81,13 @@ BENCHMARK(BM_SoakLoopWaitSecondsTraced)->Unit(benchmark::kSecond)->Iterations(1)
 void BM_FreeRunLinesTraced(benchmark::State& state) {
   const std::string path = WriteSequence(LabelsAndWords());
   QuietOperator op;
-  Engine engine(std::make_unique<VirtualClock>(0), op);
+  const auto built = MakeBenchEngine(std::make_unique<VirtualClock>(0), op);
+  Engine& engine = *built;
   int64_t traceBytes = 0;
   engine.trace().setOutput(std::make_unique<CountingOutput>(traceBytes));
   std::string error;
   engine.sequencer().prepareFile(path, &error);
-  for (auto _ : state) engine.sequencer().pressRun();
+  for (auto _ : state) engine.sequencer().start();
   engine.trace().setOutput(nullptr);
   state.counters["lines_per_s"] = benchmark::Counter(
       static_cast<double>(state.iterations()) * 30000, benchmark::Counter::kIsRate);

@@ -52,12 +52,17 @@ TEST(CalcDay, ADayAndAHalfOfTheExampleGivesTheSameFilesAndExchangesAsAlways) {
   RecordingOperator op;
   auto owned = std::make_unique<MemoryFileSystem>("/data");
   MemoryFileSystem& files = *owned;
-  Engine engine(std::make_unique<VirtualClock>(*parseDateTime("2026-11-30 18:00:00")), op,
-                std::move(owned));
-  InstrumentSettings settings;
+  EngineConfig config;
+  config.clock = std::make_unique<VirtualClock>(*parseDateTime("2026-11-30 18:00:00"));
+  config.files = std::move(owned);
+  config.op = &op;
   std::string error;
-  ASSERT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", settings, error)) << error;
-  ASSERT_TRUE(engine.attachInstrument(settings, "sim", &error)) << error;
+  ASSERT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, error))
+      << error;
+  config.link = "sim";
+  const auto built = BuildEngine(std::move(config));
+  ASSERT_NE(built, nullptr);
+  Engine& engine = *built;
   files.makeFolders("/rigs/q", nullptr);
   files.put("/rigs/q/calc_rig.ims", ReadExample("calc_rig.ims"));
   files.put("/rigs/q/calc_day.ccs", ReadExample("calc_day.ccs"));
@@ -71,7 +76,7 @@ TEST(CalcDay, ADayAndAHalfOfTheExampleGivesTheSameFilesAndExchangesAsAlways) {
   int64_t traceLines = 0;
   engine.trace().setOutput(std::make_unique<ChecksumOutput>(traceSum, traceLines));
   ASSERT_TRUE(engine.sequencer().prepareFile("/rigs/q/day.wts", &error)) << error;
-  engine.sequencer().pressRun();
+  engine.sequencer().start();
   engine.trace().setOutput(nullptr);
   EXPECT_EQ(engine.sequencer().lastSequenceError(), "");
   EXPECT_TRUE(op.messages.empty()) << op.messages.front();
