@@ -153,9 +153,9 @@ TEST_F(RunPanelTest, TellsHowTheRunEndedAndStopLeavesTheHeldLineOut) {
   EXPECT_EQ(panel_.endText(), "Ended: STOP in the sequence");
   EXPECT_FALSE(panel_.endedInError());
 
-  // Stepping: line 1 is stepped, line 2 (a long wait) is held when Stop is
-  // pressed and never runs.
-  Prepare("WAITSECONDS 1\r\nWAITSECONDS 100\r\n");
+  // Stepping: line 1 is stepped, line 2 is held when Stop is pressed and
+  // never runs (run, its bad figure would end the run with an error).
+  Prepare("WAITSECONDS 1\r\nWAITSECONDS abc\r\n");
   const Micros before = engine_->clock().now();
   int holds = 0;
   onEvent = [&](const RunEvent& e) {
