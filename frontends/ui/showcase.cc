@@ -102,8 +102,8 @@ int Screenshots(const QString& dir) {
   MainWindow w(RigEngine, seq);
   w.show();
   WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
-  // The operator is on the Manual tab when the question comes: it brings
-  // the Sequence tab and its panel into view.
+  // The operator is on the Manual tab when the question comes: the panel
+  // stands above the tabs.
   auto* tabs = w.findChild<QTabWidget*>();
   tabs->setCurrentWidget(Find<QWidget>(w, "frManual"));
   Find<QLineEdit>(w, "ebManualChannel")->setText("OVEN");
@@ -124,7 +124,13 @@ int Screenshots(const QString& dir) {
 
 #ifdef TAVRIX_HAVE_CHARTS
   w.findChild<QAction*>("mbChart")->trigger();
-  auto* chart = Find<ChartWindow>(w, "frmChart");
+  // The chart is a window of its own, not a child of the main window.
+  ChartWindow* chart = nullptr;
+  WaitFor([&] {
+    for (QWidget* own : w.ownWindows())
+      if ((chart = dynamic_cast<ChartWindow*>(own)) != nullptr) return true;
+    return false;
+  });
   chart->setSampleInterval(100);
   chart->plot("OVEN");
   chart->plot("HEATER");
