@@ -52,6 +52,10 @@ END {
   row("SEND exchange through the link layer, in-process", rate("BM_SendExchangeThroughTheLayer", "sends_per_s", "/s"))
   row("Exchange with a rig server over TCP (127.0.0.1)", rate("BM_TcpLoopbackExchange", "exchanges_per_s", "/s"))
   row("Exchange through the keyed link bridge (127.0.0.1)", rate("BM_BridgeLoopbackExchange", "exchanges_per_s", "/s"))
+  row("I/O map: Modbus register reads through CHECK (real time)", rate("BM_ModbusRegisterReadsThroughCheck", "lines_per_s", "/s"))
+  row("I/O map: Modbus register writes through SEND (real time)", rate("BM_ModbusRegisterWritesThroughSend", "lines_per_s", "/s"))
+  row("I/O map: SCPI queries through CHECK (real time)", rate("BM_ScpiQueriesThroughCheck", "lines_per_s", "/s"))
+  row("I/O map: channel lookup and value conversion", per("BM_MapLookupAndConversion", 0.001, "%.0f ns"))
   row("Calculated channels: one pass over 1,000 rows", per("BM_CalcPass1000Rows", 1000, "%.3f ms"))
   row("Calculated channels: a simulated day of 50 rows", per("BM_SimulatedDay50Rows", 1e6, "%.2f s"))
   tea = num("BM_TeaEncryptByte", "bytes_per_second") / 1e6
