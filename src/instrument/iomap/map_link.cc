@@ -506,7 +506,7 @@ int32_t MapLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
                              bool wait) {
   if (!open_) return link_result::kNotOpen;
   if (device < 0 || device > 99) return link_result::kBadDevice;
-  if (device < 1 || device > static_cast<int>(workers_.size())) return link_result::kNotReady;
+  if (device < 1 || device > static_cast<int>(workers_.size())) return link_result::kBadDevice;
   Worker& w = *workers_[device - 1];
   const std::string text(trim(BufferText(command)));
   const std::string word = upperCase(text.substr(0, text.find(' ')));
@@ -524,7 +524,7 @@ int32_t MapLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
 int32_t MapLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
   if (!open_) return link_result::kNotOpen;
   if (device < 0 || device > 99) return link_result::kBadDevice;
-  if (device < 1 || device > static_cast<int>(workers_.size())) return link_result::kNotReady;
+  if (device < 1 || device > static_cast<int>(workers_.size())) return link_result::kBadDevice;
   Worker& w = *workers_[device - 1];
   if (w.awaited.empty()) return 34;  // nothing was sent
   const uint64_t id = w.awaited.back();
