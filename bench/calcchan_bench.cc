@@ -71,10 +71,10 @@ struct CalcRig {
 void BM_CalcPass1000Rows(benchmark::State& state) {
   CalcRig files(1000);
   QuietOperator op;
-  Engine engine(std::make_unique<VirtualClock>(0), op);
+  const auto built = MakeBenchEngine(std::make_unique<VirtualClock>(0), op, true);
+  Engine& engine = *built;
   std::string error;
-  if (!engine.attachInstrument({}, "sim", &error) ||
-      !engine.instrument()->selectSetupFile(files.rigPath) ||
+  if (!engine.instrument()->selectSetupFile(files.rigPath) ||
       !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
     state.SkipWithError("the rig or the setup did not load");
     return;
@@ -90,10 +90,10 @@ void BM_SimulatedDay50Rows(benchmark::State& state) {
     QuietOperator op;
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
-    Engine engine(std::move(clock), op);
+    const auto built = MakeBenchEngine(std::move(clock), op, true);
+    Engine& engine = *built;
     std::string error;
-    if (!engine.attachInstrument({}, "sim", &error) ||
-        !engine.instrument()->selectSetupFile(files.rigPath) ||
+    if (!engine.instrument()->selectSetupFile(files.rigPath) ||
         !engine.calcChannels()->startCalculatedChannels(files.setupPath, "1")) {
       state.SkipWithError("the rig or the setup did not load");
       return;
