@@ -47,7 +47,8 @@ void RunLines(benchmark::State& state, const std::vector<std::string>& lines) {
   const std::string map = WriteMap(oven.port(), psu.port());
   const std::string path = WriteSequence(lines);
   QuietOperator op;
-  Engine engine(std::make_unique<SystemClock>(), op);
+  const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
+  Engine& engine = *built;
   IoMap ioMap;
   LoadIoMapFile(localFiles(), map, ioMap, error);
   Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{},
@@ -59,7 +60,7 @@ void RunLines(benchmark::State& state, const std::vector<std::string>& lines) {
     return;
   }
   engine.sequencer().prepareFile(path, &error);
-  for (auto _ : state) engine.sequencer().pressRun();
+  for (auto _ : state) engine.sequencer().start();
   if (!engine.sequencer().lastSequenceError().empty()) {
     state.SkipWithError(engine.sequencer().lastSequenceError().c_str());
   }

@@ -83,7 +83,8 @@ const RegisterTiming kModbusRamp("modbus ramp", [] {
   const std::string path = WriteSequence({"[GROUPRAMPS]", "RAMP HEATER, 0 TO 100 OVER 20 IN 200",
                                           "RAMP VALVE, 100 TO 0 OVER 20 IN 200", "[END]"});
   QuietOperator op;
-  Engine engine(std::make_unique<SystemClock>(), op);
+  const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
+  Engine& engine = *built;
   auto link = std::make_unique<TimedMapLink>(engine.clock(), std::move(map));
   TimedMapLink* timed = link.get();
   Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{}, std::move(link),
@@ -93,7 +94,7 @@ const RegisterTiming kModbusRamp("modbus ramp", [] {
   engine.sequencer().prepareFile(path, &error);
   const double cpu0 = CpuSeconds();
   const double wall0 = WallSeconds();
-  engine.sequencer().pressRun();
+  engine.sequencer().start();
   const double wall = WallSeconds() - wall0;
   const double cpu = CpuSeconds() - cpu0;
   std::remove(path.c_str());

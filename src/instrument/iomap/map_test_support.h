@@ -75,14 +75,14 @@ class MapRun {
     EXPECT_TRUE(seq_.prepareFile(sequence, &error)) << error;
     std::unique_ptr<Timer> hook;
     if (duringRun) hook = duringRun(events_);
-    seq_.pressRun();
+    seq_.start();
     localFiles().remove(sequence, nullptr);
     return seq_.lastSequenceError();
   }
   // A timer that presses Stop `after` the run starts.
   std::function<std::unique_ptr<Timer>(EventLoop&)> stopAfter(Micros after) {
     return [this, after](EventLoop& events) {
-      auto timer = std::make_unique<Timer>(events, after, [this] { seq_.pressStop(); });
+      auto timer = std::make_unique<Timer>(events, after, [this] { seq_.stop(); });
       timer->setEnabled(true);
       return timer;
     };
