@@ -168,12 +168,14 @@ void ModbusOvenServer::serve() {
       }
       std::lock_guard lock(s.mutex);
       s.advance(clock_.now());
-      modbus_reply(s.ctx, query, length, s.mapping);
+      // Counted before the reply, so that a client that has its reply sees
+      // its write counted.
       const uint8_t function = query[7];
-      if (function == 0x05 || function == 0x06 || function == 0x0f || function == 0x10) {
-        ++writes_;
-        s.heater = heaterFrom(s.mapping->tab_registers);
-      }
+      const bool write =
+          function == 0x05 || function == 0x06 || function == 0x0f || function == 0x10;
+      if (write) ++writes_;
+      modbus_reply(s.ctx, query, length, s.mapping);
+      if (write) s.heater = heaterFrom(s.mapping->tab_registers);
     }
   }
 }
