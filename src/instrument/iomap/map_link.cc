@@ -44,9 +44,11 @@ std::string_view firstWord(std::string_view& rest) {
 // Posts an empty task to the loop at the deadlines it is given, so that a
 // wait through the loop wakes when its real time is up.
 struct MapLink::Waker {
+  using Entry = std::pair<SteadyTime, uint64_t>;
   std::mutex mutex;
   std::condition_variable wake;
-  std::multiset<SteadyTime> due;
+  std::set<Entry> due;
+  uint64_t next = 0;
   EventLoop* loop = nullptr;
   bool quit = false;
   std::thread thread;
@@ -62,12 +64,20 @@ struct MapLink::Waker {
     wake.notify_all();
     thread.join();
   }
-  void at(SteadyTime when) {
+  Entry at(SteadyTime when) {
+    Entry entry;
     {
       std::lock_guard lock(mutex);
-      due.insert(when);
+      entry = {when, ++next};
+      due.insert(entry);
     }
     wake.notify_all();
+    return entry;
+  }
+  // A wait that ended before its deadline needs no wake any more.
+  void forget(const Entry& entry) {
+    std::lock_guard lock(mutex);
+    due.erase(entry);
   }
   void run() {
     std::unique_lock lock(mutex);
@@ -76,9 +86,9 @@ struct MapLink::Waker {
         wake.wait(lock);
         continue;
       }
-      const SteadyTime next = *due.begin();
-      if (steadyNow() < next) {
-        wake.wait_until(lock, next);
+      const SteadyTime first = due.begin()->first;
+      if (steadyNow() < first) {
+        wake.wait_until(lock, first);
         continue;
       }
       due.erase(due.begin());
@@ -406,9 +416,14 @@ std::string MapLink::connectionProblem() const {
 
 void MapLink::waitFor(const std::function<bool()>& done, int waitMs) {
   const SteadyTime deadline = steadyNow() + std::chrono::milliseconds(waitMs);
-  waker_->at(deadline);
-  EventLoop::OutsideWait outside(events());
-  events().waitUntil([&] { return done() || steadyNow() >= deadline; });
+  Waker* waker = waker_.get();
+  const Waker::Entry entry = waker->at(deadline);
+  {
+    EventLoop::OutsideWait outside(events());
+    events().waitUntil([&] { return done() || steadyNow() >= deadline; });
+  }
+  // A task run during the wait may have closed the link (and its waker).
+  if (waker_.get() == waker) waker->forget(entry);
 }
 
 int32_t MapLink::openInterface(int16_t& handle) {
