@@ -241,15 +241,37 @@ class Linter {
         channel(line, sine->monitor, Use::kRead);
         channel(line, sine->peakTo, Use::kWrite);
       }
-    } else if (w == "MT_MAINTAIN") {
+    } else if (w == "MT_MAINTAIN" || w == "MT_RAMP") {
       std::string text = c.arg1;
       if (!c.arg2.empty() || !c.arg3.empty()) text += "," + c.arg2;
       if (!c.arg3.empty()) text += "," + c.arg3;
       std::string why;
-      if (const auto setup = ParseMaintainSetup(text, why)) {
-        channel(line, setup->loadChannel, Use::kRead);
-        channel(line, setup->outputChannel, Use::kWrite);
+      if (w == "MT_MAINTAIN") {
+        if (const auto setup = ParseMaintainSetup(text, why)) {
+          channel(line, setup->loadChannel, Use::kRead);
+          channel(line, setup->outputChannel, Use::kWrite);
+        }
+        return;
       }
+      // MT_RAMP: the ramp, then "AT load USING output".
+      std::string rest;
+      if (!ParseRampSetup(text, false, why, &rest)) return;
+      const std::string upper = upperCase(rest);
+      const auto after = [&](std::string_view keyword, size_t from, size_t& end) {
+        const size_t at = upper.find(keyword, from);
+        if (at == std::string::npos) return std::string();
+        size_t begin = at + keyword.size();
+        while (begin < rest.size() && rest[begin] == ' ') ++begin;
+        end = rest.find(' ', begin);
+        if (end == std::string::npos) end = rest.size();
+        return rest.substr(begin, end - begin);
+      };
+      size_t end = 0;
+      const std::string load = after("AT", 0, end);
+      const std::string output = load.empty() ? std::string() : after("USING", end, end);
+      if (output.empty()) return;
+      channel(line, load, Use::kRead);
+      channel(line, output, Use::kWrite);
     }
   }
 
