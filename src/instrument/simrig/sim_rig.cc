@@ -19,8 +19,7 @@ constexpr int64_t kMaxFollowSteps = 20'000;
 // Ten significant digits, as "%.10g" writes them.
 std::string rigNumber(double value) {
   char text[32];
-  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::general, 10);
-  return std::string(text, end.ptr);
+  return std::string(text, writeGeneral(value, 10, text));
 }
 
 std::vector<std::string_view> words(std::string_view text) {
