@@ -67,18 +67,20 @@ constexpr uint64_t kIntegerPowers[] = {1ULL,
                                        10000000000000000ULL};
 
 // a * 10^k (a > 0) rounded to the nearest integer as the exact product
-// rounds. 10^k is exact up to 10^22, so the product is one correctly rounded
-// operation: it lies within half a unit in its last place (below p * 2^-53)
-// of the exact one, and both round alike unless p is that close to a half.
-// False when that cannot be told, or when 10^k is not exact.
+// rounds. 10^k is exact up to 10^22, so the product p is the exact one
+// correctly rounded. Below 2^52 every n + 1/2 is a double, and rounding to
+// the nearest double never carries a value across a double, so p lies on the
+// same side of each half as the exact product; only p on a half leaves the
+// rounding undecided (the exact product may be that half or beside it).
+// False then, or when 10^k is not exact, or p is too large.
 bool roundedScaled(double a, int k, uint64_t& out) {
   if (k > 22 || k < -22) return false;
   const double p = k >= 0 ? a * kExactPowers[k] : a / kExactPowers[-k];
-  if (!(p < 1e17)) return false;
-  const double whole = std::floor(p);
-  const double fraction = p - whole;  // exact
-  if (std::fabs(fraction - 0.5) <= p * 2.3e-16) return false;
-  out = static_cast<uint64_t>(whole) + (fraction > 0.5 ? 1 : 0);
+  if (!(p < 4e15)) return false;
+  const uint64_t whole = static_cast<uint64_t>(p);         // p >= 0: the floor
+  const double fraction = p - static_cast<double>(whole);  // exact
+  if (fraction == 0.5) return false;
+  out = whole + (fraction > 0.5 ? 1 : 0);
   return true;
 }
 
@@ -225,14 +227,23 @@ bool roundedDigits(double value, int significantDigits, uint64_t& digits, int& e
   }
   const double a = std::fabs(value);
   const int d = significantDigits;
-  int binary = 0;
-  std::frexp(a, &binary);  // a lies in [2^(binary-1), 2^binary)
-  // The decimal exponent is this or one more.
-  int x = static_cast<int>(std::floor((binary - 1) * 0.30102999566398120));
+  uint64_t bits = 0;
+  std::memcpy(&bits, &a, sizeof bits);
+  // a lies in [2^binary, 2^(binary+1)) (a subnormal value is placed too low,
+  // and the checks below then leave it to the library).
+  const int binary = static_cast<int>(bits >> 52) - 1023;
+  // The decimal exponent is floor(binary * log10(2)) or one more. The product
+  // is taken in fixed point (78913 / 2^18 is log10(2) to 1e-7, exact enough
+  // for every exponent a double has; the shift of a negative number rounds
+  // down). The larger one is tried first, which keeps the scaled value below
+  // 10^d; when it gives d-1 digits or exactly 10^(d-1) (which the finer
+  // rounding at the smaller exponent may not give), the smaller one decides.
+  // Whatever the estimate, the check on the digits below catches a wrong one.
+  int x = ((binary * 78913) >> 18) + 1;
   uint64_t r = 0;
   if (!roundedScaled(a, d - 1 - x, r)) return libraryDigits(value, d, digits, exponent);
-  if (r > kIntegerPowers[d]) {
-    ++x;
+  if (r <= kIntegerPowers[d - 1]) {
+    --x;
     if (!roundedScaled(a, d - 1 - x, r)) return libraryDigits(value, d, digits, exponent);
   }
   if (r == kIntegerPowers[d]) {  // rounded up to the next power of ten

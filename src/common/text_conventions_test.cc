@@ -103,9 +103,12 @@ TEST(GeneralNumber, WritesWhatTheLibraryWrites) {
         const double m = static_cast<double>(next() % 100000000000ULL);
         return m / std::pow(10.0, static_cast<double>(next() % 20));
       }
-      case 1: {  // a half at some digit
+      case 1: {  // a half at some digit, or a few steps beside it
         const double m = static_cast<double>(next() % 2000000) + 0.5;
-        return m * std::pow(10.0, static_cast<double>(static_cast<int>(next() % 12) - 6));
+        double h = m * std::pow(10.0, static_cast<double>(static_cast<int>(next() % 12) - 6));
+        for (int steps = static_cast<int>(next() % 7) - 3; steps != 0; steps += steps < 0 ? 1 : -1)
+          h = std::nextafter(h, steps < 0 ? 0.0 : 1e300);
+        return h;
       }
       case 2: {  // next to a power of ten, or a run of nines
         const double p = std::pow(10.0, static_cast<double>(static_cast<int>(next() % 40) - 20));
