@@ -45,16 +45,67 @@ double radixNumber(std::string_view text, size_t i, int base) {
   return value;
 }
 
+constexpr double kExactPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                   1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                   1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+constexpr uint64_t kIntegerPowers[] = {1ULL,
+                                       10ULL,
+                                       100ULL,
+                                       1000ULL,
+                                       10000ULL,
+                                       100000ULL,
+                                       1000000ULL,
+                                       10000000ULL,
+                                       100000000ULL,
+                                       1000000000ULL,
+                                       10000000000ULL,
+                                       100000000000ULL,
+                                       1000000000000ULL,
+                                       10000000000000ULL,
+                                       100000000000000ULL,
+                                       1000000000000000ULL,
+                                       10000000000000000ULL};
+
+// a * 10^k (a > 0) rounded to the nearest integer as the exact product
+// rounds. 10^k is exact up to 10^22, so the product p is the exact one
+// correctly rounded. Below 2^52 every n + 1/2 is a double, and rounding to
+// the nearest double never carries a value across a double, so p lies on the
+// same side of each half as the exact product; only p on a half leaves the
+// rounding undecided (the exact product may be that half or beside it).
+// False then, or when 10^k is not exact, or p is too large.
+bool roundedScaled(double a, int k, uint64_t& out) {
+  if (k > 22 || k < -22) return false;
+  const double p = k >= 0 ? a * kExactPowers[k] : a / kExactPowers[-k];
+  if (!(p < 4e15)) return false;
+  const uint64_t whole = static_cast<uint64_t>(p);         // p >= 0: the floor
+  const double fraction = p - static_cast<double>(whole);  // exact
+  if (fraction == 0.5) return false;
+  out = whole + (fraction > 0.5 ? 1 : 0);
+  return true;
+}
+
+// The C library's digits of "%.*e", taken from its own conversion.
+bool libraryDigits(double value, int significantDigits, uint64_t& digits, int& exponent) {
+  char buf[64];
+  const auto end = std::to_chars(buf, buf + sizeof buf - 1, std::fabs(value),
+                                 std::chars_format::scientific, significantDigits - 1);
+  *end.ptr = '\0';
+  digits = 0;
+  const char* c = buf;
+  for (; *c != 'e'; ++c)
+    if (isDigit(*c)) digits = digits * 10 + static_cast<uint64_t>(*c - '0');
+  exponent = static_cast<int>(std::strtol(c + 1, nullptr, 10));
+  return true;
+}
+
 // Removes what a C conversion adds and the runtime does not write: the zero
 // before the point ("0.5" -> ".5"), and gives the exponent its sign and at
 // least two digits ("1E+20", "1E-07").
 std::string runtimeNumberText(double value, int significantDigits) {
   if (value == 0) return " 0";  // also -0
   char buf[64];
-  // As "%.*G" writes it (to_chars is that conversion, only faster).
-  const auto end =
-      std::to_chars(buf, buf + sizeof buf, value, std::chars_format::general, significantDigits);
-  std::string s(buf, end.ptr);
+  // As "%.*G" writes it.
+  std::string s(buf, writeGeneral(value, significantDigits, buf));
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   const bool negative = s[0] == '-';
   if (negative) s.erase(0, 1);
@@ -167,6 +218,89 @@ double leadingNumber(std::string_view text) {
   return negative ? -value : value;
 }
 
+bool roundedDigits(double value, int significantDigits, uint64_t& digits, int& exponent) {
+  if (!std::isfinite(value)) return false;
+  if (value == 0) {
+    digits = 0;
+    exponent = 0;
+    return true;
+  }
+  const double a = std::fabs(value);
+  const int d = significantDigits;
+  uint64_t bits = 0;
+  std::memcpy(&bits, &a, sizeof bits);
+  // a lies in [2^binary, 2^(binary+1)) (a subnormal value is placed too low,
+  // and the checks below then leave it to the library).
+  const int binary = static_cast<int>(bits >> 52) - 1023;
+  // The decimal exponent is floor(binary * log10(2)) or one more. The product
+  // is taken in fixed point (78913 / 2^18 is log10(2) to 1e-7, exact enough
+  // for every exponent a double has; the shift of a negative number rounds
+  // down). The larger one is tried first, which keeps the scaled value below
+  // 10^d; when it gives d-1 digits or exactly 10^(d-1) (which the finer
+  // rounding at the smaller exponent may not give), the smaller one decides.
+  // Whatever the estimate, the check on the digits below catches a wrong one.
+  int x = ((binary * 78913) >> 18) + 1;
+  uint64_t r = 0;
+  if (!roundedScaled(a, d - 1 - x, r)) return libraryDigits(value, d, digits, exponent);
+  if (r <= kIntegerPowers[d - 1]) {
+    --x;
+    if (!roundedScaled(a, d - 1 - x, r)) return libraryDigits(value, d, digits, exponent);
+  }
+  if (r == kIntegerPowers[d]) {  // rounded up to the next power of ten
+    r = kIntegerPowers[d - 1];
+    ++x;
+  }
+  if (r < kIntegerPowers[d - 1] || r > kIntegerPowers[d])
+    return libraryDigits(value, d, digits, exponent);
+  digits = r;
+  exponent = x;
+  return true;
+}
+
+size_t writeGeneral(double value, int significantDigits, char* out) {
+  uint64_t r = 0;
+  int x = 0;
+  if (value == 0 || !roundedDigits(value, significantDigits, r, x)) {
+    const auto end =
+        std::to_chars(out, out + 32, value, std::chars_format::general, significantDigits);
+    return static_cast<size_t>(end.ptr - out);
+  }
+  char digits[16];
+  int n = significantDigits;
+  for (int i = n - 1; i >= 0; --i) {
+    digits[i] = static_cast<char>('0' + r % 10);
+    r /= 10;
+  }
+  while (n > 1 && digits[n - 1] == '0') --n;  // "%g" drops trailing zeros
+  char* o = out;
+  if (value < 0) *o++ = '-';
+  if (x < -4 || x >= significantDigits) {
+    *o++ = digits[0];
+    if (n > 1) {
+      *o++ = '.';
+      for (int i = 1; i < n; ++i) *o++ = digits[i];
+    }
+    *o++ = 'e';
+    *o++ = x < 0 ? '-' : '+';
+    const int e = x < 0 ? -x : x;
+    if (e >= 100) *o++ = static_cast<char>('0' + e / 100);
+    *o++ = static_cast<char>('0' + e / 10 % 10);
+    *o++ = static_cast<char>('0' + e % 10);
+  } else if (x >= 0) {
+    for (int i = 0; i <= x; ++i) *o++ = digits[i];
+    if (n > x + 1) {
+      *o++ = '.';
+      for (int i = x + 1; i < n; ++i) *o++ = digits[i];
+    }
+  } else {
+    *o++ = '0';
+    *o++ = '.';
+    for (int i = 0; i < -x - 1; ++i) *o++ = '0';
+    for (int i = 0; i < n; ++i) *o++ = digits[i];
+  }
+  return static_cast<size_t>(o - out);
+}
+
 std::string numberText(double value) { return runtimeNumberText(value, 15); }
 
 std::string numberTextSingle(float value) { return runtimeNumberText(value, 7); }
@@ -183,17 +317,13 @@ std::string formatNumber(double value, std::string_view pattern) {
 
   // Round the decimal digits of the value as it is written (15 significant
   // digits), so 2.675 gives "2.68" although its binary value lies below.
-  char buf[64];
-  // As "%.14e" writes it.
-  const auto end =
-      std::to_chars(buf, buf + sizeof buf - 1, std::fabs(value), std::chars_format::scientific, 14);
-  *end.ptr = '\0';
-  const std::string_view text = buf;
-  std::string digits;
-  digits += text[0];
-  digits += text.substr(2, 14);
-  long pointPos = std::strtol(buf + 17, nullptr, 10) + 1;  // digits before the point
-  if (value == 0) pointPos = 1;
+  // As "%.14e" writes them.
+  uint64_t rounded = 0;
+  int exponent = 0;
+  roundedDigits(value, 15, rounded, exponent);
+  std::string digits(15, '0');
+  for (size_t i = 15; i-- > 0; rounded /= 10) digits[i] = static_cast<char>('0' + rounded % 10);
+  long pointPos = exponent + 1;  // digits before the point
   while (pointPos < 1) {
     digits.insert(digits.begin(), '0');
     ++pointPos;

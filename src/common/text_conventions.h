@@ -2,6 +2,7 @@
 // converts and formats through these functions; nothing formats by hand.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -32,6 +33,16 @@ std::string numberText(double value);
 // The same for a single-precision value (7 significant digits; the exponent
 // form from a decimal exponent of 7: 1e7 -> " 1E+07").
 std::string numberTextSingle(float value);
+
+// "%.*g" of `value` with 1 to 15 significant digits into `out` (at least 32
+// bytes); returns the length. The text is the C library's, byte for byte.
+size_t writeGeneral(double value, int significantDigits, char* out);
+
+// The decimal digits of |value| rounded to `significantDigits` (1 to 15) as
+// "%.*e" rounds them: `digits` has exactly that many digits (the first not 0
+// unless the value is 0) and `exponent` is the power of ten of the first one.
+// False for a value that is not finite.
+bool roundedDigits(double value, int significantDigits, uint64_t& digits, int& exponent);
 
 // Formats a number with one of the patterns "#.00", "#0.00", "#0", "0.00",
 // "0", "000", "0000" (and, more generally, any pattern made of an integer part

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -85,6 +86,72 @@ TEST(LeadingNumber, PlainDecimalsGiveTheCorrectlyRoundedValue) {
   EXPECT_EQ(leadingNumber("0.30000000000000004"), 0.30000000000000004);
   EXPECT_EQ(leadingNumber("9007199254740993"), 9007199254740992.0);  // 16 digits: the library's
   EXPECT_TRUE(std::signbit(leadingNumber("-0.0")));
+}
+
+// The C library's "%.*g" and "%.*e" digits, bit for bit, over values that
+// end in few digits, carry into the next power of ten, sit on a half, lie
+// next to a power of ten, or are any double at all.
+TEST(GeneralNumber, WritesWhatTheLibraryWrites) {
+  uint64_t state = 987654321;
+  auto next = [&state] {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return state >> 11;
+  };
+  auto value = [&](int kind) -> double {
+    switch (kind) {
+      case 0: {  // m / 10^k
+        const double m = static_cast<double>(next() % 100000000000ULL);
+        return m / std::pow(10.0, static_cast<double>(next() % 20));
+      }
+      case 1: {  // a half at some digit, or a few steps beside it
+        const double m = static_cast<double>(next() % 2000000) + 0.5;
+        double h = m * std::pow(10.0, static_cast<double>(static_cast<int>(next() % 12) - 6));
+        for (int steps = static_cast<int>(next() % 7) - 3; steps != 0; steps += steps < 0 ? 1 : -1)
+          h = std::nextafter(h, steps < 0 ? 0.0 : 1e300);
+        return h;
+      }
+      case 2: {  // next to a power of ten, or a run of nines
+        const double p = std::pow(10.0, static_cast<double>(static_cast<int>(next() % 40) - 20));
+        const double q = next() % 2 ? p : p * (1 - 1e-11 * static_cast<double>(next() % 100));
+        return next() % 2 ? std::nextafter(q, 0.0) : std::nextafter(q, 1e300);
+      }
+      case 3: {  // any bits
+        uint64_t bits = next() ^ (next() << 32);
+        double d = 0;
+        std::memcpy(&d, &bits, sizeof d);
+        return d;
+      }
+      default: {  // an ordinary reading
+        return (static_cast<double>(next() % 2000000) - 1000000) / 997.0;
+      }
+    }
+  };
+  char got[40];
+  char expected[64];
+  for (int n = 0; n < 300000; ++n) {
+    double v = value(n % 5);
+    if (next() % 2) v = -v;
+    const int digits = n % 3 == 0 ? 10 : 1 + static_cast<int>(next() % 15);
+    const size_t length = writeGeneral(v, digits, got);
+    std::snprintf(expected, sizeof expected, "%.*g", digits, v);
+    ASSERT_EQ(std::string(got, length), expected) << digits;
+
+    uint64_t rounded = 0;
+    int exponent = 0;
+    ASSERT_EQ(roundedDigits(v, digits, rounded, exponent), std::isfinite(v));
+    if (!std::isfinite(v)) continue;
+    std::snprintf(expected, sizeof expected, "%.*e", digits - 1, std::fabs(v));
+    std::string mantissa;
+    const char* c = expected;
+    for (; *c != 'e'; ++c)
+      if (*c != '.') mantissa += *c;
+    ASSERT_EQ(rounded, std::strtoull(mantissa.c_str(), nullptr, 10)) << expected;
+    ASSERT_EQ(exponent, v == 0 ? 0 : std::atoi(c + 1)) << expected;
+  }
+  EXPECT_EQ(std::string(got, writeGeneral(-0.0, 10, got)), "-0");
+  EXPECT_EQ(std::string(got, writeGeneral(9999999999.6, 10, got)), "1e+10");
+  EXPECT_EQ(std::string(got, writeGeneral(0.00012345, 10, got)), "0.00012345");
+  EXPECT_EQ(std::string(got, writeGeneral(1e-300, 10, got)), "1e-300");
 }
 
 TEST(LeadingNumber, ReadsHexadecimalAndOctal) {

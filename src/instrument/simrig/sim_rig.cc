@@ -19,8 +19,15 @@ constexpr int64_t kMaxFollowSteps = 20'000;
 // Ten significant digits, as "%.10g" writes them.
 std::string rigNumber(double value) {
   char text[32];
-  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::general, 10);
-  return std::string(text, end.ptr);
+  return std::string(text, writeGeneral(value, 10, text));
+}
+
+// Whether a channel's "E=" setting enables it: its leading number is not 0.
+// The usual setting is one digit, which needs no full conversion.
+bool enabled(const SimChannel& channel) {
+  const std::string& text = channel.enabled;
+  if (text.size() == 1 && text[0] >= '0' && text[0] <= '9') return text[0] != '0';
+  return leadingNumber(text) != 0;
 }
 
 std::vector<std::string_view> words(std::string_view text) {
@@ -418,14 +425,14 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   SimChannel* channel = find(device, channelName);
   if (channel == nullptr) return fail(state, rig_error::kBadChannel, "bad channel");
   if (word == "REA") {
-    if (leadingNumber(channel->enabled) == 0) {
+    if (!enabled(*channel)) {
       return fail(state, rig_error::kDisabled, "channel disabled");
     }
     state.report = "0";
     return rigNumber(reading(*channel, now));
   }
   if (word == "WRI") {
-    if (leadingNumber(channel->enabled) == 0) {
+    if (!enabled(*channel)) {
       return fail(state, rig_error::kDisabled, "channel disabled");
     }
     channel->value = leadingNumber(argument);
