@@ -3,14 +3,15 @@
 #include "results_commands.h"
 
 #include <gmock/gmock.h>
-#include <fstream>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "cli_test_support.h"
 #include "common/file_system.h"
 #include "resultsdb/results_queue.h"
+#include "resultsdb/results_store.h"
 
 namespace tavrix {
 namespace {
@@ -133,14 +134,58 @@ TEST_F(ResultsCliTest, AServerThatCannotBeReachedNeitherEndsTheRunNorLosesItsRec
   const std::string trace = Read("trace.jsonl");
   EXPECT_THAT(trace, HasSubstr("\"ev\":\"results_store\""));
   EXPECT_THAT(trace, Not(HasSubstr(secret)));
-  ResultsQueue queue(localFiles(), Path("home/results-queue.journal"));
+  ResultsQueue queue(localFiles(), Path("home/results-queue.journal"),
+                     StoreKey({StoreSpec::Kind::kPostgres, unreachable}));
   ASSERT_TRUE(queue.open(nullptr));
   EXPECT_EQ(queue.size(), 2u);
 
-  // The next run, with a store it can reach, sends them first.
+  // The next run, with another store, leaves them for the server they were
+  // made for.
   ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
   ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
-  EXPECT_EQ(json::parse(out_).size(), 4u);
+  EXPECT_EQ(json::parse(out_).size(), 2u);
+  EXPECT_EQ(queue.size(), 2u);
+
+  // `results queue` tells what waits and for which store; --retry tries it.
+  ASSERT_EQ(Cli({"results", "queue", "--json"}), kResultsDone) << err_;
+  const json waiting = json::parse(out_);
+  ASSERT_EQ(waiting.size(), 2u);
+  EXPECT_THAT(waiting[0]["store"].get<std::string>(), HasSubstr("user=plant"));
+  EXPECT_EQ(waiting[0]["state"], "waiting");
+  EXPECT_THAT(out_, Not(HasSubstr(secret)));
+  EXPECT_EQ(Cli({"results", "queue", "--retry"}), kResultsFailed);
+  EXPECT_THAT(err_, HasSubstr("2 still wait"));
+  EXPECT_THAT(out_, HasSubstr("waiting"));
+  EXPECT_EQ(queue.size(), 2u);
+  EXPECT_EQ(Cli({"results", "queue", "--store", "sqlite"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, Not(HasSubstr("waiting")));
+
+  // A record its store refused is shown with the reason and not sent again.
+  ASSERT_TRUE(
+      queue.setAside(waiting[0]["key"].get<std::string>(), "value out of range: \x1b[2J", nullptr));
+  EXPECT_EQ(Cli({"results", "queue"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("set aside: value out of range: \\x1B[2J"));
+  EXPECT_THAT(out_, HasSubstr("waiting"));
+  EXPECT_EQ(queue.size(), 1u);
+}
+
+TEST_F(ResultsCliTest, AJournalThatCannotBeWrittenIsReportedAsLossUnlessTheStoreTakesTheRecords) {
+  // A folder where the journal would be: it can be neither read nor written.
+  std::filesystem::create_directories(Path("home/results-queue.journal"));
+  File("not a folder", "");
+  ASSERT_EQ(RunExample({"--results-store", "sqlite:" + Path("not a folder/results.sqlite")}),
+            kExitOutputLost)
+      << err_;
+  EXPECT_THAT(err_, HasSubstr("2 UUT records are lost to "));
+  EXPECT_THAT(err_, HasSubstr("the results files still hold them: "));
+  EXPECT_THAT(err_, HasSubstr("SN_1234_261115_144035.txt"));
+  EXPECT_THAT(err_, Not(HasSubstr("UUT records wait in")));
+
+  // The store in reach, the records go to it from memory: nothing is lost.
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  EXPECT_THAT(err_, Not(HasSubstr("are lost to")));
+  ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
+  EXPECT_EQ(json::parse(out_).size(), 2u);
 }
 
 }  // namespace

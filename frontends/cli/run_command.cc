@@ -363,19 +363,21 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     reason = seq.endReason();
     limit = limits.reached();
   }
+  size_t recordsLost = 0;
   if (ResultsFeed* feed = engine.resultsFeed()) {
     // What the store has not taken after a while waits in the journal for
-    // the next run; it never changes how the run ended.
+    // the next run; only records that the journal could not hold are lost.
     std::string problem;
     if (!feed->finish(std::chrono::seconds(10), &problem))
       std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
+    recordsLost = feed->lost();
   }
   if (reason == EndReason::kLimit)
     std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
   int status = ExitStatusFor(reason);
   if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
   const auto losses = engine.files().losses();
-  if (!losses.empty()) {
+  if (!losses.empty() || recordsLost > 0) {
     for (const auto& loss : losses) {
       std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n",
                    static_cast<long long>(loss.writes), loss.writes == 1 ? "" : "s",

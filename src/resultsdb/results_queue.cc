@@ -1,9 +1,14 @@
 #include "resultsdb/results_queue.h"
 
+#include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
+#include <unordered_map>
 
 #include "common/file_system.h"
+#include "common/paths.h"
+#include "common/trace.h"
+#include "resultsdb/results_store.h"
 
 namespace tavrix {
 
@@ -32,7 +37,24 @@ std::string QueueError(const std::string& error) { return "results queue: " + er
 
 }  // namespace
 
-std::string StoredUutToJson(const StoredUut& uut) {
+StoredUut Utf8Record(const StoredUut& in) {
+  StoredUut uut = in;
+  for (std::string* f : {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition,
+                         &uut.testTitle, &uut.testVersion, &uut.serial, &uut.testDate,
+                         &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt}) {
+    *f = utf8FromSequenceText(*f);
+  }
+  for (auto& c : uut.checks) {
+    for (std::string* f :
+         {&c.kind, &c.parameter, &c.channel, &c.value, &c.units, &c.lower, &c.upper, &c.message}) {
+      *f = utf8FromSequenceText(*f);
+    }
+  }
+  return uut;
+}
+
+std::string StoredUutToJson(const StoredUut& original) {
+  const StoredUut uut = Utf8Record(original);
   json checks = json::array();
   for (const auto& c : uut.checks) {
     checks.push_back({{"step", c.step},
@@ -61,8 +83,8 @@ std::string StoredUutToJson(const StoredUut& uut) {
                   {"ended_at", uut.endedAt},
                   {"passed", uut.passed},
                   {"checks", checks}};
-  // Text that is not valid UTF-8 (a description typed in another code page)
-  // is kept byte for byte as far as the JSON allows.
+  // Text that was not UTF-8 (a description typed in another code page) was
+  // converted above, as the store will convert it.
   return j.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
@@ -121,47 +143,114 @@ bool ResultsQueue::ParseEntryLine(std::string_view line, std::string& json) {
   return true;
 }
 
-bool ResultsQueue::open(std::string* error) {
-  std::lock_guard lock(mutex_);
-  pending_.clear();
-  if (files_.info(path_).kind != FileKind::kMissing) {
-    std::string text;
-    std::string readError;
-    if (!files_.readFile(path_, text, &readError)) {
-      if (error) *error = QueueError(readError);
-      return false;
-    }
-    std::string body;
-    for (size_t start = 0; start < text.size();) {
-      size_t end = text.find('\n', start);
-      if (end == std::string::npos) end = text.size();
-      const std::string_view line(text.data() + start, end - start);
-      start = end + 1;
-      // The last line of a journal cut off by a crash has no line end; it
-      // fails its checksum (or, if whole, was written in full).
-      if (!ParseEntryLine(line, body)) continue;
-      const json j = json::parse(body, nullptr, false);
-      if (!j.is_object()) continue;
-      if (j.contains("done")) {
-        const std::string key = j["done"].is_string() ? j["done"].get<std::string>() : "";
-        for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-          if (it->key == key) {
-            pending_.erase(it);
-            break;
-          }
-        }
-        continue;
-      }
-      StoredUut uut;
-      if (j.contains("uut") && StoredUutFromJson(j["uut"].dump(), uut)) {
-        pending_.push_back(std::move(uut));
-      }
-    }
-  }
-  return rewrite(error);
+ResultsQueue::ResultsQueue(FileSystem& files, std::string path, std::string store)
+    : files_(files), path_(std::move(path)), store_(std::move(store)) {
+  if (store_.empty()) store_ = join(parentFolder(path_), kStoreFileName);
 }
 
-bool ResultsQueue::appendLine(const std::string& line, std::string* error) {
+std::unique_ptr<FileLock> ResultsQueue::lockJournal(std::string* error) const {
+  // The lock is the data root folder's, which must be there to be locked.
+  const std::string folder = parentFolder(path_);
+  if (!files_.isFolder(folder) && !files_.makeFolders(folder, error)) return nullptr;
+  return files_.lock(path_, error);
+}
+
+bool ResultsQueue::readLocked(Journal& journal, std::string* error) const {
+  journal = Journal{};
+  if (files_.info(path_).kind == FileKind::kMissing) return true;
+  std::string text;
+  std::string readError;
+  if (!files_.readFile(path_, text, &readError)) {
+    if (error) *error = QueueError(readError);
+    return false;
+  }
+  const std::string defaultStore = join(parentFolder(path_), kStoreFileName);
+  std::unordered_map<std::string, size_t> byKey;
+  std::vector<bool> gone;
+  std::string body;
+  for (size_t start = 0; start < text.size();) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string_view line(text.data() + start, end - start);
+    start = end + 1;
+    ++journal.lines;
+    // The last line of a journal cut off by a crash has no line end; it
+    // fails its checksum (or, if whole, was written in full).
+    if (!ParseEntryLine(line, body)) continue;
+    const json j = json::parse(body, nullptr, false);
+    if (!j.is_object()) continue;
+    const auto keyOf = [&](const char* field) {
+      return j[field].is_string() ? j[field].get<std::string>() : std::string();
+    };
+    if (j.contains("done")) {
+      auto it = byKey.find(keyOf("done"));
+      if (it != byKey.end()) {
+        gone[it->second] = true;
+        byKey.erase(it);
+      }
+      continue;
+    }
+    if (j.contains("aside")) {
+      auto it = byKey.find(keyOf("aside"));
+      if (it != byKey.end()) {
+        QueuedRecord& r = journal.records[it->second];
+        r.setAside = true;
+        r.reason = j.contains("reason") && j["reason"].is_string() ? j["reason"].get<std::string>()
+                                                                   : std::string();
+      }
+      continue;
+    }
+    QueuedRecord record;
+    if (!j.contains("uut") || !StoredUutFromJson(j["uut"].dump(), record.uut)) continue;
+    // A record appended twice (its writer died before it knew the first
+    // landed) waits once.
+    if (byKey.count(record.uut.key)) continue;
+    record.store = j.contains("store") && j["store"].is_string() ? j["store"].get<std::string>()
+                                                                 : defaultStore;
+    byKey.emplace(record.uut.key, journal.records.size());
+    journal.records.push_back(std::move(record));
+    gone.push_back(false);
+  }
+  size_t kept = 0;
+  for (size_t i = 0; i < journal.records.size(); ++i) {
+    if (gone[i]) continue;
+    if (kept != i) journal.records[kept] = std::move(journal.records[i]);
+    ++kept;
+  }
+  journal.records.resize(kept);
+  return true;
+}
+
+bool ResultsQueue::open(std::string* error) {
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  Journal journal;
+  if (!readLocked(journal, error)) return false;
+  if (journal.records.empty() && journal.lines == 0) return true;
+  return rewriteLocked(journal, error);
+}
+
+bool ResultsQueue::ReadAll(FileSystem& files, const std::string& path,
+                           const std::string& defaultStore, std::vector<QueuedRecord>& out,
+                           std::string* error) {
+  ResultsQueue queue(files, path, defaultStore);
+  std::string lockError;
+  const auto held = queue.lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  Journal journal;
+  if (!queue.readLocked(journal, error)) return false;
+  out = std::move(journal.records);
+  return true;
+}
+
+bool ResultsQueue::appendLocked(const std::string& lines, std::string* error) {
   std::string fsError;
   const std::string folder = parentFolder(path_);
   if (!files_.isFolder(folder) && !files_.makeFolders(folder, &fsError)) {
@@ -170,23 +259,21 @@ bool ResultsQueue::appendLine(const std::string& line, std::string* error) {
   }
   // The append lands whole or not at all, and is on the disk when it
   // returns.
-  if (!files_.append(path_, line, &fsError)) {
+  if (!files_.append(path_, lines, &fsError)) {
     if (error) *error = QueueError(fsError);
     return false;
   }
-  ++linesInFile_;
   return true;
 }
 
-bool ResultsQueue::rewrite(std::string* error) {
+bool ResultsQueue::rewriteLocked(const Journal& journal, std::string* error) {
   std::string text;
-  for (const auto& uut : pending_) {
-    text += EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}");
+  for (const auto& r : journal.records) {
+    text += EntryLine(
+        json({{"store", r.store}}).dump().insert(1, "\"uut\":" + StoredUutToJson(r.uut) + ","));
+    if (r.setAside) text += EntryLine(json({{"aside", r.uut.key}, {"reason", r.reason}}).dump());
   }
-  if (text.empty() && files_.info(path_).kind == FileKind::kMissing) {
-    linesInFile_ = 0;
-    return true;
-  }
+  if (text.empty() && files_.info(path_).kind == FileKind::kMissing) return true;
   std::string fsError;
   const std::string folder = parentFolder(path_);
   if ((!files_.isFolder(folder) && !files_.makeFolders(folder, &fsError)) ||
@@ -194,38 +281,143 @@ bool ResultsQueue::rewrite(std::string* error) {
     if (error) *error = QueueError(fsError);
     return false;
   }
-  linesInFile_ = pending_.size();
   return true;
+}
+
+bool ResultsQueue::compactLocked(std::string* error) {
+  Journal journal;
+  if (!readLocked(journal, error)) return false;
+  size_t waiting = 0;
+  for (const auto& r : journal.records) waiting += r.setAside ? 0 : 1;
+  // An acknowledgement that is lost only makes the record be sent again,
+  // which its key makes harmless.
+  if ((waiting == 0 && journal.lines > journal.records.size()) ||
+      journal.lines > 4 * journal.records.size() + 1000) {
+    return rewriteLocked(journal, error);
+  }
+  return true;
+}
+
+bool ResultsQueue::waitsHere(const QueuedRecord& r) const {
+  return !r.setAside && r.store == store_ && finished_.count(r.uut.key) == 0;
 }
 
 bool ResultsQueue::append(const StoredUut& uut, std::string* error) {
   std::lock_guard lock(mutex_);
-  pending_.push_back(uut);
-  return appendLine(EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}"), error);
+  own_.insert(uut.key);
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  const std::string line = EntryLine(
+      json({{"store", store_}}).dump().insert(1, "\"uut\":" + StoredUutToJson(uut) + ","));
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+  } else if (appendLocked(line, error)) {
+    return true;
+  }
+  unjournaled_.push_back(uut);
+  return false;
 }
 
-std::vector<StoredUut> ResultsQueue::front(size_t count) const {
+std::vector<StoredUut> ResultsQueue::front(size_t count, std::string* error) const {
   std::lock_guard lock(mutex_);
-  count = std::min(count, pending_.size());
-  return {pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(count)};
+  std::vector<StoredUut> out;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  Journal journal;
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+  } else if (readLocked(journal, error)) {
+    for (auto& r : journal.records) {
+      if (out.size() >= count) break;
+      if (waitsHere(r)) out.push_back(std::move(r.uut));
+    }
+  }
+  for (const auto& u : unjournaled_) {
+    if (out.size() >= count) break;
+    if (finished_.count(u.key) == 0) out.push_back(u);
+  }
+  return out;
 }
 
-bool ResultsQueue::acknowledge(size_t count, std::string* error) {
+bool ResultsQueue::acknowledge(const std::vector<std::string>& keys, std::string* error) {
   std::lock_guard lock(mutex_);
   std::string lines;
-  for (size_t i = 0; i < count && !pending_.empty(); ++i) {
-    lines += EntryLine(json({{"done", pending_.front().key}}).dump());
-    pending_.pop_front();
+  for (const auto& key : keys) {
+    finished_.insert(key);
+    own_.erase(key);
+    auto it = std::find_if(unjournaled_.begin(), unjournaled_.end(),
+                           [&](const StoredUut& u) { return u.key == key; });
+    if (it != unjournaled_.end()) {
+      unjournaled_.erase(it);
+      continue;
+    }
+    lines += EntryLine(json({{"done", key}}).dump());
   }
-  // An acknowledgement that is lost only makes the record be sent again,
-  // which its key makes harmless.
-  if (pending_.empty() || linesInFile_ > 4 * pending_.size() + 1000) return rewrite(error);
-  return appendLine(lines, error);
+  if (lines.empty()) return true;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  return appendLocked(lines, error) && compactLocked(error);
+}
+
+bool ResultsQueue::setAside(const std::string& key, const std::string& reason, std::string* error) {
+  std::lock_guard lock(mutex_);
+  finished_.insert(key);
+  own_.erase(key);
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  auto it = std::find_if(unjournaled_.begin(), unjournaled_.end(),
+                         [&](const StoredUut& u) { return u.key == key; });
+  if (it != unjournaled_.end()) {
+    // Kept in the journal if it can be written now, with the reason.
+    const std::string line = EntryLine(
+        json({{"store", store_}}).dump().insert(1, "\"uut\":" + StoredUutToJson(*it) + ","));
+    if (!appendLocked(line, error)) return false;
+    unjournaled_.erase(it);
+  }
+  return appendLocked(EntryLine(json({{"aside", key}, {"reason", reason}}).dump()), error);
 }
 
 size_t ResultsQueue::size() const {
   std::lock_guard lock(mutex_);
-  return pending_.size();
+  size_t n = 0;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  Journal journal;
+  if (held && readLocked(journal, nullptr)) {
+    for (const auto& r : journal.records) n += waitsHere(r) ? 1 : 0;
+  }
+  for (const auto& u : unjournaled_) n += finished_.count(u.key) ? 0 : 1;
+  return n;
+}
+
+size_t ResultsQueue::ownWaiting() const {
+  std::lock_guard lock(mutex_);
+  if (own_.empty()) return 0;
+  size_t n = 0;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  Journal journal;
+  if (!held || !readLocked(journal, nullptr)) return own_.size();
+  for (const auto& r : journal.records) n += waitsHere(r) && own_.count(r.uut.key) ? 1 : 0;
+  for (const auto& u : unjournaled_) n += finished_.count(u.key) ? 0 : 1;
+  return n;
+}
+
+std::vector<StoredUut> ResultsQueue::unjournaled() const {
+  std::lock_guard lock(mutex_);
+  std::vector<StoredUut> out;
+  for (const auto& u : unjournaled_) {
+    if (finished_.count(u.key) == 0) out.push_back(u);
+  }
+  return out;
 }
 
 }  // namespace tavrix
