@@ -120,6 +120,10 @@ class LocalInputFile final : public InputFile {
     const int err = platform::readSome(file_, bytes, size, got);
     return err == 0 || fail(error, "Cannot read", path_, err);
   }
+  bool skipTo(uint64_t offset, uint64_t, std::string* error) override {
+    const int err = platform::seekFile(file_, offset);
+    return err == 0 || fail(error, "Cannot read", path_, err);
+  }
 
  private:
   FileHandle file_;
@@ -221,6 +225,20 @@ class LocalFolderLock final : public FileLock {
 };
 
 }  // namespace
+
+bool InputFile::skipTo(uint64_t offset, uint64_t readSoFar, std::string* error) {
+  char buf[4096];
+  while (readSoFar < offset) {
+    size_t got = 0;
+    if (!read(buf, static_cast<size_t>(std::min<uint64_t>(sizeof buf, offset - readSoFar)), got,
+              error)) {
+      return false;
+    }
+    if (got == 0) break;
+    readSoFar += got;
+  }
+  return true;
+}
 
 void removeUnfinishedRewrites() {
   std::lock_guard guard(gTempMutex);

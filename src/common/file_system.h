@@ -37,6 +37,9 @@ class InputFile {
   virtual uint64_t size() const = 0;
   // Reads up to `size` bytes into `bytes`; `got` is 0 at the end of the file.
   virtual bool read(void* bytes, size_t size, size_t& got, std::string* error) = 0;
+  // Goes on reading from `offset` bytes after the start of a file that has
+  // only been read from its start so far, that far or less.
+  virtual bool skipTo(uint64_t offset, uint64_t readSoFar, std::string* error);
 };
 
 // A file being written under a temporary name beside its target. commit()

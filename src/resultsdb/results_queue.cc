@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <unordered_map>
 
 #include "common/file_system.h"
@@ -155,83 +156,133 @@ std::unique_ptr<FileLock> ResultsQueue::lockJournal(std::string* error) const {
   return files_.lock(path_, error);
 }
 
-bool ResultsQueue::readLocked(Journal& journal, std::string* error) const {
-  journal = Journal{};
-  if (files_.info(path_).kind == FileKind::kMissing) return true;
-  std::string text;
+bool ResultsQueue::readLocked(std::string* error) const {
+  Journal& j = journal_;
+  const FileInfo info = files_.info(path_);
+  if (info.kind == FileKind::kMissing) {
+    j = Journal{};
+    j.valid = true;
+    return true;
+  }
   std::string readError;
-  if (!files_.readFile(path_, text, &readError)) {
+  const auto in = files_.openInput(path_, &readError);
+  if (!in) {
     if (error) *error = QueueError(readError);
     return false;
   }
+  auto readUpTo = [&](uint64_t count, std::string& into) {
+    char buf[65536];
+    while (into.size() < count) {
+      size_t got = 0;
+      const size_t want = static_cast<size_t>(std::min<uint64_t>(sizeof buf, count - into.size()));
+      if (!in->read(buf, want, got, &readError)) return false;
+      if (got == 0) break;
+      into.append(buf, got);
+    }
+    return true;
+  };
+  // Appends leave what was read before as it was; a rewrite is a new file
+  // (another identity) that starts with a line of its own. Only then is the
+  // whole journal read again.
+  constexpr uint64_t kHead = 256;
+  std::string head;
+  bool more = j.valid && j.consumed > 0 && info.device == j.device && info.inode == j.inode &&
+              info.size >= j.consumed;
+  uint64_t readSoFar = 0;
+  if (more) {
+    if (!readUpTo(std::min(kHead, j.consumed), head)) {
+      if (error) *error = QueueError(readError);
+      return false;
+    }
+    readSoFar = head.size();
+    more = head == j.head;
+  }
+  if (!more) {
+    j = Journal{};
+    if (readSoFar > 0 && !in->skipTo(0, 0, &readError)) {
+      // A file read from its start can always go back there by reopening.
+      const auto again = files_.openInput(path_, &readError);
+      if (!again) {
+        if (error) *error = QueueError(readError);
+        return false;
+      }
+      return readLocked(error);
+    }
+    readSoFar = 0;
+  }
+  std::string text;
+  if ((more && !in->skipTo(j.consumed, readSoFar, &readError)) ||
+      !readUpTo(info.size - (more ? j.consumed : 0), text)) {
+    j.valid = false;
+    if (error) *error = QueueError(readError);
+    return false;
+  }
+  j.device = info.device;
+  j.inode = info.inode;
+  // Lines are taken up to the last line end: a line without one is an
+  // append still under way or cut off, read again next time.
+  const size_t whole = text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1;
+  if (!more) j.head = text.substr(0, std::min<size_t>(kHead, whole));
+  j.consumed += whole;
+  j.valid = true;
   const std::string defaultStore = join(parentFolder(path_), kStoreFileName);
-  std::unordered_map<std::string, size_t> byKey;
-  std::vector<bool> gone;
   std::string body;
-  for (size_t start = 0; start < text.size();) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
+  for (size_t start = 0; start < whole;) {
+    const size_t end = text.find('\n', start);
     const std::string_view line(text.data() + start, end - start);
     start = end + 1;
-    ++journal.lines;
-    // The last line of a journal cut off by a crash has no line end; it
-    // fails its checksum (or, if whole, was written in full).
+    ++j.lines;
     if (!ParseEntryLine(line, body)) continue;
-    const json j = json::parse(body, nullptr, false);
-    if (!j.is_object()) continue;
+    const json e = json::parse(body, nullptr, false);
+    if (!e.is_object()) continue;
     const auto keyOf = [&](const char* field) {
-      return j[field].is_string() ? j[field].get<std::string>() : std::string();
+      return e[field].is_string() ? e[field].get<std::string>() : std::string();
     };
-    if (j.contains("done")) {
-      auto it = byKey.find(keyOf("done"));
-      if (it != byKey.end()) {
-        gone[it->second] = true;
-        byKey.erase(it);
+    if (e.contains("done")) {
+      auto it = j.byKey.find(keyOf("done"));
+      if (it != j.byKey.end()) {
+        j.gone[it->second] = true;
+        ++j.goneCount;
+        j.byKey.erase(it);
       }
       continue;
     }
-    if (j.contains("aside")) {
-      auto it = byKey.find(keyOf("aside"));
-      if (it != byKey.end()) {
-        QueuedRecord& r = journal.records[it->second];
+    if (e.contains("aside")) {
+      auto it = j.byKey.find(keyOf("aside"));
+      if (it != j.byKey.end()) {
+        QueuedRecord& r = j.records[it->second];
         r.setAside = true;
-        r.reason = j.contains("reason") && j["reason"].is_string() ? j["reason"].get<std::string>()
+        r.reason = e.contains("reason") && e["reason"].is_string() ? e["reason"].get<std::string>()
                                                                    : std::string();
       }
       continue;
     }
     QueuedRecord record;
-    if (!j.contains("uut") || !StoredUutFromJson(j["uut"].dump(), record.uut)) continue;
+    if (!e.contains("uut") || !StoredUutFromJson(e["uut"].dump(), record.uut)) continue;
     // A record appended twice (its writer died before it knew the first
     // landed) waits once.
-    if (byKey.count(record.uut.key)) continue;
-    record.store = j.contains("store") && j["store"].is_string() ? j["store"].get<std::string>()
+    if (j.byKey.count(record.uut.key)) continue;
+    record.store = e.contains("store") && e["store"].is_string() ? e["store"].get<std::string>()
                                                                  : defaultStore;
-    byKey.emplace(record.uut.key, journal.records.size());
-    journal.records.push_back(std::move(record));
-    gone.push_back(false);
+    j.byKey.emplace(record.uut.key, j.records.size());
+    j.records.push_back(std::move(record));
+    j.gone.push_back(false);
   }
-  size_t kept = 0;
-  for (size_t i = 0; i < journal.records.size(); ++i) {
-    if (gone[i]) continue;
-    if (kept != i) journal.records[kept] = std::move(journal.records[i]);
-    ++kept;
-  }
-  journal.records.resize(kept);
   return true;
 }
 
 bool ResultsQueue::open(std::string* error) {
+  std::lock_guard lock(mutex_);
   std::string lockError;
   const auto held = lockJournal(&lockError);
   if (!held) {
     if (error) *error = QueueError(lockError);
     return false;
   }
-  Journal journal;
-  if (!readLocked(journal, error)) return false;
-  if (journal.records.empty() && journal.lines == 0) return true;
-  return rewriteLocked(journal, error);
+  journal_.valid = false;
+  if (!readLocked(error)) return false;
+  if (journal_.records.empty() && journal_.lines == 0) return true;
+  return rewriteLocked(error);
 }
 
 bool ResultsQueue::ReadAll(FileSystem& files, const std::string& path,
@@ -244,9 +295,11 @@ bool ResultsQueue::ReadAll(FileSystem& files, const std::string& path,
     if (error) *error = QueueError(lockError);
     return false;
   }
-  Journal journal;
-  if (!queue.readLocked(journal, error)) return false;
-  out = std::move(journal.records);
+  if (!queue.readLocked(error)) return false;
+  out.clear();
+  for (size_t i = 0; i < queue.journal_.records.size(); ++i) {
+    if (!queue.journal_.gone[i]) out.push_back(std::move(queue.journal_.records[i]));
+  }
   return true;
 }
 
@@ -266,14 +319,22 @@ bool ResultsQueue::appendLocked(const std::string& lines, std::string* error) {
   return true;
 }
 
-bool ResultsQueue::rewriteLocked(const Journal& journal, std::string* error) {
+bool ResultsQueue::rewriteLocked(std::string* error) {
   std::string text;
-  for (const auto& r : journal.records) {
-    text += EntryLine(
-        json({{"store", r.store}}).dump().insert(1, "\"uut\":" + StoredUutToJson(r.uut) + ","));
+  for (size_t i = 0; i < journal_.records.size(); ++i) {
+    if (journal_.gone[i]) continue;
+    const QueuedRecord& r = journal_.records[i];
+    text += RecordLine(r.uut, r.store);
     if (r.setAside) text += EntryLine(json({{"aside", r.uut.key}, {"reason", r.reason}}).dump());
   }
+  journal_.valid = false;
   if (text.empty() && files_.info(path_).kind == FileKind::kMissing) return true;
+  // A rewritten journal starts with a line of its own, so a reader that knew
+  // the file before can tell it is not the same one.
+  if (!text.empty()) {
+    static thread_local std::mt19937_64 random{std::random_device{}()};
+    text.insert(0, EntryLine(json({{"journal", std::to_string(random())}}).dump()));
+  }
   std::string fsError;
   const std::string folder = parentFolder(path_);
   if ((!files_.isFolder(folder) && !files_.makeFolders(folder, &fsError)) ||
@@ -285,21 +346,28 @@ bool ResultsQueue::rewriteLocked(const Journal& journal, std::string* error) {
 }
 
 bool ResultsQueue::compactLocked(std::string* error) {
-  Journal journal;
-  if (!readLocked(journal, error)) return false;
+  if (!readLocked(error)) return false;
+  const size_t kept = journal_.records.size() - journal_.goneCount;
   size_t waiting = 0;
-  for (const auto& r : journal.records) waiting += r.setAside ? 0 : 1;
+  for (size_t i = 0; i < journal_.records.size(); ++i) {
+    waiting += journal_.gone[i] || journal_.records[i].setAside ? 0 : 1;
+  }
   // An acknowledgement that is lost only makes the record be sent again,
   // which its key makes harmless.
-  if ((waiting == 0 && journal.lines > journal.records.size()) ||
-      journal.lines > 4 * journal.records.size() + 1000) {
-    return rewriteLocked(journal, error);
+  if ((waiting == 0 && journal_.lines > kept) || journal_.lines > 4 * kept + 1000) {
+    return rewriteLocked(error);
   }
   return true;
 }
 
-bool ResultsQueue::waitsHere(const QueuedRecord& r) const {
-  return !r.setAside && r.store == store_ && finished_.count(r.uut.key) == 0;
+bool ResultsQueue::waitsHere(size_t i) const {
+  const QueuedRecord& r = journal_.records[i];
+  return !journal_.gone[i] && !r.setAside && r.store == store_ && finished_.count(r.uut.key) == 0;
+}
+
+std::string ResultsQueue::RecordLine(const StoredUut& uut, const std::string& store) {
+  return EntryLine(
+      json({{"store", store}}).dump().insert(1, "\"uut\":" + StoredUutToJson(uut) + ","));
 }
 
 bool ResultsQueue::append(const StoredUut& uut, std::string* error) {
@@ -307,11 +375,9 @@ bool ResultsQueue::append(const StoredUut& uut, std::string* error) {
   own_.insert(uut.key);
   std::string lockError;
   const auto held = lockJournal(&lockError);
-  const std::string line = EntryLine(
-      json({{"store", store_}}).dump().insert(1, "\"uut\":" + StoredUutToJson(uut) + ","));
   if (!held) {
     if (error) *error = QueueError(lockError);
-  } else if (appendLocked(line, error)) {
+  } else if (appendLocked(RecordLine(uut, store_), error)) {
     return true;
   }
   unjournaled_.push_back(uut);
@@ -323,13 +389,11 @@ std::vector<StoredUut> ResultsQueue::front(size_t count, std::string* error) con
   std::vector<StoredUut> out;
   std::string lockError;
   const auto held = lockJournal(&lockError);
-  Journal journal;
   if (!held) {
     if (error) *error = QueueError(lockError);
-  } else if (readLocked(journal, error)) {
-    for (auto& r : journal.records) {
-      if (out.size() >= count) break;
-      if (waitsHere(r)) out.push_back(std::move(r.uut));
+  } else if (readLocked(error)) {
+    for (size_t i = 0; i < journal_.records.size() && out.size() < count; ++i) {
+      if (waitsHere(i)) out.push_back(journal_.records[i].uut);
     }
   }
   for (const auto& u : unjournaled_) {
@@ -376,10 +440,8 @@ bool ResultsQueue::setAside(const std::string& key, const std::string& reason, s
   auto it = std::find_if(unjournaled_.begin(), unjournaled_.end(),
                          [&](const StoredUut& u) { return u.key == key; });
   if (it != unjournaled_.end()) {
-    // Kept in the journal if it can be written now, with the reason.
-    const std::string line = EntryLine(
-        json({{"store", store_}}).dump().insert(1, "\"uut\":" + StoredUutToJson(*it) + ","));
-    if (!appendLocked(line, error)) return false;
+    // Kept in the journal, with the reason, if it can be written now.
+    if (!appendLocked(RecordLine(*it, store_), error)) return false;
     unjournaled_.erase(it);
   }
   return appendLocked(EntryLine(json({{"aside", key}, {"reason", reason}}).dump()), error);
@@ -390,9 +452,8 @@ size_t ResultsQueue::size() const {
   size_t n = 0;
   std::string lockError;
   const auto held = lockJournal(&lockError);
-  Journal journal;
-  if (held && readLocked(journal, nullptr)) {
-    for (const auto& r : journal.records) n += waitsHere(r) ? 1 : 0;
+  if (held && readLocked(nullptr)) {
+    for (size_t i = 0; i < journal_.records.size(); ++i) n += waitsHere(i) ? 1 : 0;
   }
   for (const auto& u : unjournaled_) n += finished_.count(u.key) ? 0 : 1;
   return n;
@@ -404,9 +465,11 @@ size_t ResultsQueue::ownWaiting() const {
   size_t n = 0;
   std::string lockError;
   const auto held = lockJournal(&lockError);
-  Journal journal;
-  if (!held || !readLocked(journal, nullptr)) return own_.size();
-  for (const auto& r : journal.records) n += waitsHere(r) && own_.count(r.uut.key) ? 1 : 0;
+  if (!held || !readLocked(nullptr)) return own_.size();
+  for (const auto& key : own_) {
+    auto it = journal_.byKey.find(key);
+    n += it != journal_.byKey.end() && waitsHere(it->second) ? 1 : 0;
+  }
   for (const auto& u : unjournaled_) n += finished_.count(u.key) ? 0 : 1;
   return n;
 }

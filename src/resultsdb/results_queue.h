@@ -27,6 +27,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "resultsdb/stored_uut.h"
@@ -93,18 +94,30 @@ class ResultsQueue {
   static bool ParseEntryLine(std::string_view line, std::string& json);
 
  private:
+  // What this object knows of the journal: every record read so far with
+  // what became of it, and how much of the file that was.
   struct Journal {
-    std::vector<QueuedRecord> records;  // waiting or set aside, in order
+    bool valid = false;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    uint64_t consumed = 0;  // bytes read, up to the last whole line
+    std::string head;       // the file's first bytes, to tell a rewrite
     size_t lines = 0;
+    std::vector<QueuedRecord> records;  // in order of their entries
+    std::vector<bool> gone;             // acknowledged
+    size_t goneCount = 0;
+    std::unordered_map<std::string, size_t> byKey;  // of those not gone
   };
   std::unique_ptr<FileLock> lockJournal(std::string* error) const;
-  // Callers hold the lock on the journal.
-  bool readLocked(Journal& journal, std::string* error) const;
+  // Callers hold the lock on the journal: brings journal_ up to date with
+  // the file, reading only what was appended since the last look.
+  bool readLocked(std::string* error) const;
   bool appendLocked(const std::string& lines, std::string* error);
-  bool rewriteLocked(const Journal& journal, std::string* error);
+  bool rewriteLocked(std::string* error);
   // Compacts the journal when it is mostly acknowledgements.
   bool compactLocked(std::string* error);
-  bool waitsHere(const QueuedRecord& r) const;
+  bool waitsHere(size_t index) const;
+  static std::string RecordLine(const StoredUut& uut, const std::string& store);
 
   FileSystem& files_;
   std::string path_;
@@ -113,6 +126,7 @@ class ResultsQueue {
   std::deque<StoredUut> unjournaled_;
   std::set<std::string> own_;       // appended here and not yet taken
   std::set<std::string> finished_;  // taken or set aside, whether or not the journal says so
+  mutable Journal journal_;
 };
 
 std::string StoredUutToJson(const StoredUut& uut);

@@ -80,8 +80,13 @@ TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
   ResultsQueue again(localFiles(), path);
   ASSERT_TRUE(again.open(&error));
   EXPECT_EQ(again.size(), 1u);
-  std::string json;
-  EXPECT_TRUE(ResultsQueue::ParseEntryLine(Slurp(path).substr(0, Slurp(path).size() - 1), json));
+  const std::string rewritten = Slurp(path);
+  ASSERT_EQ(rewritten.back(), '\n');
+  for (size_t start = 0, end; (end = rewritten.find('\n', start)) != std::string::npos;
+       start = end + 1) {
+    std::string json;
+    EXPECT_TRUE(ResultsQueue::ParseEntryLine(rewritten.substr(start, end - start), json));
+  }
 }
 
 TEST(ResultsQueue, ARecordWaitsForTheStoreItWasMadeForAndNoOther) {

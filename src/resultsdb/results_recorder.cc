@@ -99,6 +99,7 @@ void ResultsRecorder::loop() {
       continue;
     }
     work_ = false;
+    kicked_ = false;  // a kick from here on asks for another try
     const unsigned long failuresBefore = failures_;
     lock.unlock();
     drain();
@@ -106,9 +107,10 @@ void ResultsRecorder::loop() {
     if (failures_ != failuresBefore) {
       // What waits is tried again after the delay, however it was woken.
       work_ = true;
-      kicked_ = false;
-      if (clock_->isVirtual() && flushing_ == 0) {
-        wake_.wait(lock, [this] { return stopping_ || kicked_ || flushing_ > 0; });
+      if (clock_->isVirtual()) {
+        // No real time passes on a virtual clock: the next try waits for a
+        // submit, or for a turn of flush().
+        wake_.wait(lock, [this] { return stopping_ || kicked_; });
       }
       if (stopping_) break;
       const Micros delay =
@@ -121,7 +123,6 @@ void ResultsRecorder::loop() {
 
 bool ResultsRecorder::flush(std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
-  ++flushing_;
   const Micros deadline =
       clock_->now() + std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
   bool empty = false;
@@ -135,6 +136,7 @@ bool ResultsRecorder::flush(std::chrono::milliseconds limit) {
     }
     if (stopping_ || clock_->now() >= deadline) break;
     work_ = true;
+    kicked_ = true;
     wake_.notify_all();
     const unsigned long seen = drains_;
     // Woken by the store thread's next try; on a virtual clock its retry
@@ -142,7 +144,6 @@ bool ResultsRecorder::flush(std::chrono::milliseconds limit) {
     clock_->idleUntil(
         deadline, progress_, lock, [&] { return drains_ != seen || stopping_; }, true);
   }
-  --flushing_;
   return empty;
 }
 

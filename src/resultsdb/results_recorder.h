@@ -40,8 +40,8 @@ class ResultsRecorder {
 
   // The clock that times the retries and flush(): the machine's unless set.
   // On a virtual clock a retry's delay costs no real time, so after a
-  // failure the store is tried again only when a record is submitted or a
-  // flush() waits (each try then moves the clock on by retryDelay).
+  // failure the store is tried again only when a record is submitted or at
+  // each turn of a flush() (each try then moves the clock on by retryDelay).
   void setClock(Clock& clock) { clock_ = &clock; }
 
   // Starts the store thread.
@@ -80,8 +80,7 @@ class ResultsRecorder {
   SystemClock systemClock_;
   Clock* clock_ = &systemClock_;
   bool work_ = true;     // the store thread has something to look at
-  bool kicked_ = false;  // a record was submitted since the last failure
-  int flushing_ = 0;
+  bool kicked_ = false;  // a record was submitted, or flush() turned, since the last failure
   unsigned long failures_ = 0;
   unsigned long drains_ = 0;
   std::string lastError_;
