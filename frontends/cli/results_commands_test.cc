@@ -4,9 +4,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "cli_test_support.h"
 #include "common/file_system.h"
@@ -186,6 +188,45 @@ TEST_F(ResultsCliTest, AJournalThatCannotBeWrittenIsReportedAsLossUnlessTheStore
   EXPECT_THAT(err_, Not(HasSubstr("are lost to")));
   ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
   EXPECT_EQ(json::parse(out_).size(), 2u);
+}
+
+TEST_F(ResultsCliTest, OutputsThatAreNotRegularFilesAreWrittenIntoAndAFullStandardOutputFails) {
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  // A full standard output is an error for every command that prints.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"tavrix-cli", "results", "list"},
+        std::vector<std::string>{"tavrix-cli", "results", "export", "--json"},
+        std::vector<std::string>{"tavrix-cli", "results", "yield"},
+        std::vector<std::string>{"tavrix-cli", "--help"}}) {
+    std::FILE* full = std::fopen("/dev/full", "w");
+    ASSERT_NE(full, nullptr);
+    Captured err;
+    EXPECT_EQ(TavrixCliMain(args, nullptr, full, err.stream()), 1) << args[1];
+    std::fclose(full);
+    EXPECT_THAT(err.take(), HasSubstr("tavrix-cli: cannot write standard output")) << args[1];
+  }
+
+  // A link to a device, and a FIFO, are written into and stay what they are.
+  const std::string link = Path("to-null.csv");
+  std::filesystem::create_symlink("/dev/null", link);
+  ASSERT_EQ(Cli({"results", "export", "--csv", "--output", link}), kResultsDone) << err_;
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+  const std::string fifo = Path("export.fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  std::string received;
+  std::thread reader([&] {
+    std::ifstream in(fifo, std::ios::binary);
+    received.assign(std::istreambuf_iterator<char>(in), {});
+  });
+  const int status = Cli({"results", "export", "--json", "--output", fifo});
+  reader.join();
+  EXPECT_EQ(status, kResultsDone) << err_;
+  EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+  EXPECT_EQ(json::parse(received).size(), 2u);
+  // A regular file is still replaced whole.
+  ASSERT_EQ(Cli({"results", "export", "--csv", "--output", Path("all.csv")}), kResultsDone);
+  EXPECT_TRUE(std::filesystem::is_regular_file(Path("all.csv")));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -429,8 +431,30 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
   return RunRigServer(std::move(serving), err, stop);
 }
 
+namespace {
+int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                std::FILE* err);
+}  // namespace
+
 int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                   std::FILE* err) {
+  const int status = CommandMain(args, in, out, err);
+  // What a command printed must have arrived: a full disk or a closed pipe
+  // behind standard output is a failure of the command, not a success.
+  errno = 0;
+  const bool flushed = out == nullptr || std::fflush(out) == 0;
+  if (out != nullptr && (!flushed || std::ferror(out))) {
+    const int why = errno;
+    std::fprintf(err, "tavrix-cli: cannot write standard output%s%s\n", why ? ": " : "",
+                 why ? std::strerror(why) : "");
+    return status == kExitOk ? 1 : status;
+  }
+  return status;
+}
+
+namespace {
+int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   RunOptions run;
@@ -525,5 +549,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;
 }
+
+}  // namespace
 
 }  // namespace tavrix

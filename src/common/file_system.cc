@@ -140,6 +140,23 @@ void forgetTemp(const std::string& temp) {
   gPendingTemps.erase(temp);
 }
 
+// The rewrite of something that is not a regular file: written straight
+// into, never renamed over.
+class LocalWriteInto final : public AtomicFile {
+ public:
+  LocalWriteInto(FileHandle file, std::string path) : file_(file), path_(std::move(path)) {}
+  ~LocalWriteInto() override { platform::closeFile(file_); }
+  bool write(std::string_view bytes, std::string* error) override {
+    const int err = platform::writeAll(file_, bytes.data(), bytes.size());
+    return err == 0 || fail(error, "Cannot write", path_, err);
+  }
+  bool commit(std::string*) override { return true; }
+
+ private:
+  FileHandle file_;
+  std::string path_;
+};
+
 class LocalAtomicFile final : public AtomicFile {
  public:
   LocalAtomicFile(FileHandle file, std::string temp, std::string path)
@@ -327,6 +344,19 @@ std::unique_ptr<InputFile> LocalFileSystem::openInput(const std::string& path,
 
 std::unique_ptr<AtomicFile> LocalFileSystem::rewrite(const std::string& path, std::string* error) {
   static std::atomic<unsigned> counter{0};
+  PathInfo target;
+  if (platform::pathInfo(path, target) == 0 && target.kind == PathKind::kOther) {
+    // Not a regular file: a device, a FIFO, standard output through a link.
+    // Renaming over it would replace the system's node with a file of ours;
+    // what is written goes into it instead.
+    FileHandle file = kNoFile;
+    const int err = platform::openFile(path, OpenMode::kCreateOrTruncate, file);
+    if (err != 0) {
+      fail(error, "Cannot write", path, err);
+      return nullptr;
+    }
+    return std::make_unique<LocalWriteInto>(file, path);
+  }
   removeStaleTemps(path);
   const std::string folder = folderPrefixOf(path);
   std::string temp;
