@@ -1,5 +1,6 @@
-// Shared pieces of the benchmarks: an operator that shows nothing, and
-// sequence files written to a temporary folder.
+// Shared pieces of the benchmarks: an operator that shows nothing, an
+// engine over this computer's files, and sequence files written to a
+// temporary folder.
 #pragma once
 
 #include <cstdlib>
@@ -7,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "common/paths.h"
+#include "engine/engine.h"
 #include "platform/files.h"
 #include "sequencer/operator.h"
 
@@ -19,6 +22,18 @@ class QuietOperator : public Operator {
   }
   void showMessage(std::string_view, std::string_view) override {}
 };
+
+// An engine on `clock` over this computer's files below the data root, on
+// the simulated rig when `rig`.
+inline std::unique_ptr<Engine> MakeBenchEngine(std::unique_ptr<Clock> clock, Operator& op,
+                                               bool rig = false) {
+  EngineConfig config;
+  config.clock = std::move(clock);
+  config.files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+  config.op = &op;
+  if (rig) config.link = "sim";
+  return BuildEngine(std::move(config));
+}
 
 // Writes `lines` with CR LF ends to a new temporary file and returns its path.
 inline std::string WriteSequence(const std::vector<std::string>& lines) {

@@ -46,14 +46,15 @@ void BM_SendLinesInProcessRig(benchmark::State& state) {
   for (int i = 0; i < kSendLines; ++i) lines.push_back("SEND FAN, " + std::to_string(i % 1000));
   const std::string path = WriteSequence(lines);
   QuietOperator op;
-  Engine engine(std::make_unique<SystemClock>(), op);
+  const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
+  Engine& engine = *built;
   auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(),
                                    engine.paths(), nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;
   engine.sequencer().prepareFile(path, &error);
-  for (auto _ : state) engine.sequencer().pressRun();
+  for (auto _ : state) engine.sequencer().start();
   if (!engine.sequencer().lastSequenceError().empty()) {
     state.SkipWithError(engine.sequencer().lastSequenceError().c_str());
   }

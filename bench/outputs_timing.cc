@@ -84,7 +84,8 @@ Measured RunOnRig(int channels, const std::vector<std::string>& lines) {
   all.insert(all.end(), lines.begin(), lines.end());
   const std::string path = WriteSequence(all);
   QuietOperator op;
-  Engine engine(std::make_unique<SystemClock>(), op);
+  const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
+  Engine& engine = *built;
   auto link = std::make_unique<TimedLink>(engine.clock());
   TimedLink* timed = link.get();
   Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{}, std::move(link), engine.paths());
@@ -94,7 +95,7 @@ Measured RunOnRig(int channels, const std::vector<std::string>& lines) {
   engine.sequencer().prepareFile(path, &error);
   const double cpu0 = CpuSeconds();
   const double wall0 = WallSeconds();
-  engine.sequencer().pressRun();
+  engine.sequencer().start();
   Measured m;
   m.wall = WallSeconds() - wall0;
   m.cpu = CpuSeconds() - cpu0;

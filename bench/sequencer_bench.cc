@@ -15,10 +15,11 @@ namespace {
 void BM_FreeRunLines(benchmark::State& state) {
   const std::string path = WriteSequence(LabelsAndWords());
   QuietOperator op;
-  Engine engine(std::make_unique<VirtualClock>(0), op);
+  const auto built = MakeBenchEngine(std::make_unique<VirtualClock>(0), op);
+  Engine& engine = *built;
   std::string error;
   engine.sequencer().prepareFile(path, &error);
-  for (auto _ : state) engine.sequencer().pressRun();
+  for (auto _ : state) engine.sequencer().start();
   state.SetItemsProcessed(state.iterations() * 30000);
   state.counters["lines_per_s"] =
       benchmark::Counter(static_cast<double>(state.iterations()) * 30000, benchmark::Counter::kIsRate);
@@ -29,7 +30,8 @@ BENCHMARK(BM_FreeRunLines)->Unit(benchmark::kMillisecond);
 void BM_GotoLastLabel(benchmark::State& state) {
   const std::string path = WriteSequence(LabelsAndWords());
   QuietOperator op;
-  Engine engine(std::make_unique<VirtualClock>(0), op);
+  const auto built = MakeBenchEngine(std::make_unique<VirtualClock>(0), op);
+  Engine& engine = *built;
   std::string error;
   engine.sequencer().prepareFile(path, &error);
   for (auto _ : state) benchmark::DoNotOptimize(engine.sequencer().searchLabel("LAST"));

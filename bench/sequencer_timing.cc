@@ -15,11 +15,12 @@ double TimeRun(const std::string& line) {
   QuietOperator op;
   // As a run of tavrix-cli does: fine timers for the run's lifetime.
   const platform::FineTimerResolution timers;
-  Engine engine(std::make_unique<SystemClock>(), op);
+  const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
+  Engine& engine = *built;
   std::string error;
   engine.sequencer().prepareFile(path, &error);
   const double start = WallSeconds();
-  engine.sequencer().pressRun();
+  engine.sequencer().start();
   const double took = WallSeconds() - start;
   std::remove(path.c_str());
   return took;

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "sequencer/operator.h"
+#include "sequencer/run_events.h"
 
 namespace tavrix::fuzz {
 
@@ -53,9 +54,16 @@ class FuzzOperator : public Operator {
     answered(q.buttons.empty() ? std::string("x") : q.buttons.front());
   }
   void showMessage(std::string_view, std::string_view) override {}
-  void showCurrentCommand(std::string_view) override {
-    if (++lines == 5000 && onTooManyLines) onTooManyLines();
+  // Counts the lines of `bus` and ends the run after too many.
+  void watch(RunEventBus& bus) {
+    lineWatch_ = bus.subscribe([this](const RunEvent& event) {
+      if (event.kind == RunEventKind::kCommand && ++lines == 5000 && onTooManyLines)
+        onTooManyLines();
+    });
   }
+
+ private:
+  RunEventBus::Subscription lineWatch_;
 };
 
 }  // namespace tavrix::fuzz

@@ -24,10 +24,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;
   const std::string path = fuzz::ScratchFile(data, size, ".wts");
   fuzz::FuzzOperator op;
-  Engine engine(std::make_unique<VirtualClock>(1'767'225'600LL * kMicrosPerSecond), op);
-  Sequencer& seq = engine.sequencer();
+  EngineConfig config;
+  config.clock = std::make_unique<VirtualClock>(1'767'225'600LL * kMicrosPerSecond);
+  config.files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+  config.op = &op;
+  const auto engine = BuildEngine(std::move(config));
+  Sequencer& seq = engine->sequencer();
+  op.watch(seq.runEvents());
   op.onTooManyLines = [&seq] { seq.requestAbort(); };
   std::string error;
-  if (seq.prepareFile(path, &error)) seq.pressRun();
+  if (seq.prepareFile(path, &error)) seq.start();
   return 0;
 }

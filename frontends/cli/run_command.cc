@@ -10,6 +10,7 @@
 #include <set>
 #include <thread>
 
+#include "build_version.h"
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
 #include "crypt_commands.h"
@@ -164,7 +165,7 @@ class StopRelay {
   static void post(Engine& engine) {
     engine.events().post([&engine] {
       Sequencer& seq = engine.sequencer();
-      if (seq.flags().running && seq.closeRequest()) seq.requestAbort();
+      if (seq.flags().running && seq.mayClose()) seq.requestAbort();
     });
   }
 
@@ -246,11 +247,56 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
+  InstrumentSettings settings;
+  std::string error;
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(*files, *options.instrumentSettings, settings, error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (options.noHardware) settings.noHardware = true;
+  if (options.replyTimeout) {
+    if (*options.replyTimeout < 0 || *options.replyTimeout > 32767) {
+      std::fprintf(err, "tavrix-cli: --reply-timeout takes whole seconds 0-32767\n");
+      return kExitUsage;
+    }
+    settings.useReplyTimeout = true;
+    settings.replyTimeoutSecs = *options.replyTimeout;
+  }
+  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
+  const std::string link = !options.link.empty()    ? options.link
+                           : !settings.link.empty() ? settings.link
+                                                    : std::string(kLinkSim);
+
   // The terminal view, unless the trace takes standard output.
   const bool traceToOut = options.trace && *options.trace == "-";
   TerminalView view(*op, out, traceToOut ? err : out,
                     !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
-  Engine engine(std::move(clock), view, std::move(files));
+  EngineConfig config;
+  config.clock = std::move(clock);
+  config.files = std::move(files);
+  config.op = &view;
+  config.resultsStore = EngineConfig::ResultsStore{
+      options.resultsStore.value_or(settings.resultsStore),
+      options.station.value_or(settings.station),
+      [err](const std::string& text) { std::fprintf(err, "tavrix-cli: %s\n", text.c_str()); }};
+  config.settings = std::move(settings);
+  config.link = link;
+  config.linkFactory = MakeLinkLibrary;
+  config.xmlResultsFiles = options.results == "xml";
+  config.writeResultsFiles = options.results != "off";
+  config.companionPrograms = options.companions == "programs";
+  config.companionAnswers = options.companionAnswers;
+  EngineBuildError problem;
+  const std::unique_ptr<Engine> built = BuildEngine(std::move(config), &problem);
+  if (built == nullptr) {
+    const char* option = problem.part == EnginePart::kCompanionPrograms ? "--companions programs: "
+                         : problem.part == EnginePart::kCompanionAnswer ? "--companion-answer: "
+                                                                        : "";
+    std::fprintf(err, "tavrix-cli: %s%s\n", option, problem.text.c_str());
+    return kExitUsage;
+  }
+  Engine& engine = *built;
   engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
     std::fprintf(
         err,
@@ -276,51 +322,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     }
   }
   engine.trace().setOrigin(engine.clock().now());
-  if (options.companions == "programs") {
-    std::string error;
-    if (!engine.connectCompanionPrograms(&error)) {
-      std::fprintf(err, "tavrix-cli: --companions programs: %s\n", error.c_str());
-      return kExitUsage;
-    }
-  }
-  for (const auto& answer : options.companionAnswers) {
-    std::string error;
-    if (!engine.companion().setAnswerFromText(answer, &error)) {
-      std::fprintf(err, "tavrix-cli: --companion-answer: %s\n", error.c_str());
-      return kExitUsage;
-    }
-  }
-
   Sequencer& seq = engine.sequencer();
-  TestDatabase& testDatabase = engine.testDatabase();
-  testDatabase.results.xmlLayout = options.results == "xml";
-  testDatabase.results.writeResults = options.results != "off";
-  std::string error;
 
-  InstrumentSettings settings;
-  if (options.instrumentSettings &&
-      !LoadInstrumentSettings(engine.files(), *options.instrumentSettings, settings, error)) {
-    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
-  }
-  if (options.noHardware) settings.noHardware = true;
-  if (options.replyTimeout) {
-    if (*options.replyTimeout < 0 || *options.replyTimeout > 32767) {
-      std::fprintf(err, "tavrix-cli: --reply-timeout takes whole seconds 0-32767\n");
-      return kExitUsage;
-    }
-    settings.useReplyTimeout = true;
-    settings.replyTimeoutSecs = *options.replyTimeout;
-  }
-  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
-  const std::string link = !options.link.empty()    ? options.link
-                           : !settings.link.empty() ? settings.link
-                                                    : std::string(kLinkSim);
-  engine.setLinkFactory(MakeLinkLibrary);
-  if (!engine.attachInstrument(settings, link, &error)) {
-    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
-  }
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
@@ -346,11 +349,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.
-  if (!engine.feedResultsStore(
-          options.resultsStore.value_or(settings.resultsStore),
-          options.station.value_or(settings.station),
-          [err](const std::string& text) { std::fprintf(err, "tavrix-cli: %s\n", text.c_str()); },
-          &error)) {
+  if (!engine.feedResultsStore(&error)) {
     std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -361,8 +360,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
                      options.loopWarningLines, err);
     StopBridge stops(stopRelay, engine);
-    seq.pressRun();
-    reason = seq.endReason();
+    reason = engine.run();
     limit = limits.reached();
   }
   size_t recordsLost = 0;
@@ -377,7 +375,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (reason == EndReason::kLimit)
     std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
   int status = ExitStatusFor(reason);
-  if (status == kExitOk && testDatabase.anyUutFailed()) status = kExitUutFailed;
+  if (status == kExitOk && engine.testDatabase().anyUutFailed()) status = kExitUutFailed;
   const auto losses = engine.files().losses();
   if (!losses.empty() || recordsLost > 0) {
     for (const auto& loss : losses) {
@@ -434,6 +432,11 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
 namespace {
 int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                 std::FILE* err);
+
+// "tavrix-cli 7.0 (commit 0123456789ab)": what --version shows.
+std::string VersionText() {
+  return std::string("tavrix-cli ") + BuildVersion() + " (commit " + BuildCommit() + ")";
+}
 }  // namespace
 
 int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
@@ -457,6 +460,7 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                 std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", VersionText(), "Show the version and the commit it was built from");
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
   runCommand->add_flag("--virtual-time", run.virtualTime,
@@ -537,6 +541,9 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
     return kExitOk;
   } catch (const CLI::CallForAllHelp&) {
     std::fputs(app.help("", CLI::AppFormatMode::All).c_str(), out);
+    return kExitOk;
+  } catch (const CLI::CallForVersion& e) {
+    std::fprintf(out, "%s\n", e.what());
     return kExitOk;
   } catch (const CLI::ParseError& e) {
     std::fprintf(err, "tavrix-cli: %s\nRun 'tavrix-cli --help' for usage.\n", e.what());

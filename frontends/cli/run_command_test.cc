@@ -1,6 +1,11 @@
 #include "run_command.h"
 
 #include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <sstream>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -48,6 +53,15 @@ TEST_F(CliTest, TraceOfAVirtualTimeRun) {
       R"({"t":3600.000,"ev":"end","reason":"eof","code":0})",
   };
   EXPECT_EQ(TraceLines(), expected);
+}
+
+TEST_F(CliTest, VersionNamesTheReleaseAndTheCommit) {
+  EXPECT_EQ(Cli({"--version"}), kExitOk);
+  EXPECT_TRUE(std::regex_match(out_, std::regex("tavrix-cli " TAVRIX_EXPECTED_VERSION
+                                                " \\(commit ([0-9a-f]{12}|unknown)(\\+changes)?\\)\n")))
+      << out_;
+  // A subcommand cannot stand in for the version, nor the version for it.
+  EXPECT_EQ(Cli({"run", "--version"}), kExitUsage);
 }
 
 TEST_F(CliTest, ExitStatusTellsHowTheRunEnded) {

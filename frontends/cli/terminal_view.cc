@@ -56,16 +56,7 @@ bool TerminalView::IsTerminal(std::FILE* stream) {
 void TerminalView::attach(Engine& engine, bool virtualClock) {
   engine_ = &engine;
   start_ = engine.clock().now();
-  engine.sequencer().addLineObserver(
-      [this](int16_t number, std::string_view text) { line(number, text); });
-  engine.testDatabase().addUutFinishedHook(
-      [this](const UutRecord& uut, const std::vector<std::string>& files) {
-        ++(uut.passed ? passed_ : failed_);
-        for (const auto& file : files)
-          if (std::find(files_.begin(), files_.end(), file) == files_.end()) files_.push_back(file);
-        if (live_)
-          print(clock() + "  UUT " + uut.serialNumber + ": " + (uut.passed ? "Pass" : "Fail"));
-      });
+  subscription_ = engine.subscribe([this](const RunEvent& event) { runEvent(event); });
   if (live_ && !virtualClock) {
     redraw_ = std::make_unique<Timer>(engine.events(), kRedrawTimer, [this] { drawStatus(false); });
     redraw_->setEnabled(true);
@@ -73,8 +64,38 @@ void TerminalView::attach(Engine& engine, bool virtualClock) {
 }
 
 void TerminalView::detach() {
+  subscription_.reset();
   redraw_.reset();
   engine_ = nullptr;
+}
+
+void TerminalView::runEvent(const RunEvent& event) {
+  panel_.apply(event);
+  switch (event.kind) {
+    case RunEventKind::kLine:
+      ++lines_;
+      if (live_) print(clock() + "  " + std::to_string(event.line) + "  " + OneLine(event.text));
+      break;
+    case RunEventKind::kStatus:
+      if (live_) print(clock() + "  -- " + event.text);
+      break;
+    case RunEventKind::kCommand:
+    case RunEventKind::kTimeout:
+      drawStatus(false);
+      break;
+    case RunEventKind::kUut:
+      uut(event);
+      break;
+    default:
+      break;
+  }
+}
+
+void TerminalView::uut(const RunEvent& event) {
+  ++(event.flag ? passed_ : failed_);
+  for (const auto& file : event.items)
+    if (std::find(files_.begin(), files_.end(), file) == files_.end()) files_.push_back(file);
+  if (live_) print(clock() + "  UUT " + event.title + ": " + (event.flag ? "Pass" : "Fail"));
 }
 
 std::string TerminalView::clock() const {
@@ -89,14 +110,6 @@ int TerminalView::width() const {
   const int columns = platform::terminalColumns(out_);
   if (columns > 10) return columns;
   return 80;
-}
-
-void TerminalView::line(int16_t number, std::string_view text) {
-  ++lines_;
-  lineNumber_ = number;
-  current_ = OneLine(text);
-  if (!live_) return;
-  print(clock() + "  " + std::to_string(number) + "  " + current_);
 }
 
 void TerminalView::print(const std::string& text) {
@@ -117,9 +130,10 @@ void TerminalView::drawStatus(bool force) {
   const auto now = std::chrono::steady_clock::now();
   if (!force && now - lastDraw_ < kRedrawEvery) return;
   lastDraw_ = now;
-  std::string status = clock() + " | line " + std::to_string(lineNumber_) + ": " + current_;
+  std::string status = clock() + " | line " + std::to_string(panel_.lineNumber()) + ": " +
+                       OneLine(panel_.currentCommand());
   if (engine_->sequencer().timeoutDeadline())
-    status += " | time-out " + std::to_string(timeout_) + " s";
+    status += " | time-out " + std::to_string(panel_.timeoutSeconds()) + " s";
   const double seconds = static_cast<double>(engine_->clock().now() - start_) / kMicrosPerSecond;
   if (seconds >= 1) {
     char rate[48];
@@ -158,20 +172,6 @@ void TerminalView::showMessage(std::string_view title, std::string_view text) {
   clearStatus();
   inner_.showMessage(title, text);
   drawStatus(true);
-}
-
-void TerminalView::showRunStatus(std::string_view status) {
-  if (live_) print(clock() + "  -- " + std::string(status));
-}
-
-void TerminalView::showCurrentCommand(std::string_view line) {
-  current_ = OneLine(line);
-  drawStatus(false);
-}
-
-void TerminalView::showTimeout(int32_t seconds) {
-  timeout_ = seconds;
-  drawStatus(false);
 }
 
 void TerminalView::finish(EndReason reason, int exitStatus) {

@@ -4,7 +4,8 @@
 // time-out count-down, lines a second of run time) that is redrawn in place;
 // at the end a summary. Elsewhere (a pipe, a file, or --quiet) only the
 // messages and the summary. The view stands between the engine and the
-// operator that answers questions, passing every question on.
+// operator that answers questions, passing every question on, and takes
+// everything else from the engine's run events through a run panel.
 #pragma once
 
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "engine/engine.h"
+#include "panel/run_panel.h"
 #include "sequencer/operator.h"
 
 namespace tavrix {
@@ -31,7 +33,7 @@ class TerminalView : public Operator {
   // Whether a stream is a terminal that the live view can draw on.
   static bool IsTerminal(std::FILE* stream);
 
-  // Watches the engine's lines and units. With a real clock a timer keeps the
+  // Subscribes to the engine's run events. With a real clock a timer keeps the
   // live status moving while a command waits; with a virtual clock it moves
   // with the lines (a timer would keep an idle virtual wait from ending).
   void attach(Engine& engine, bool virtualClock);
@@ -51,15 +53,13 @@ class TerminalView : public Operator {
   std::string unansweredReason() const override { return inner_.unansweredReason(); }
   bool isPerson() const override { return inner_.isPerson(); }
   void showMessage(std::string_view title, std::string_view text) override;
-  std::optional<std::string> chooseFile(const FileDialog& dialog) override {
-    return inner_.chooseFile(dialog);
+  std::optional<std::string> chooseFile(const FileChoice& choice) override {
+    return inner_.chooseFile(choice);
   }
-  void showRunStatus(std::string_view status) override;
-  void showCurrentCommand(std::string_view line) override;
-  void showTimeout(int32_t seconds) override;
 
  private:
-  void line(int16_t number, std::string_view text);
+  void runEvent(const RunEvent& event);
+  void uut(const RunEvent& event);
   // Writes a line that stays, above the live status.
   void print(const std::string& text);
   void clearStatus();
@@ -72,14 +72,13 @@ class TerminalView : public Operator {
   std::FILE* summary_;
   bool live_;
   Engine* engine_ = nullptr;
+  RunEventBus::Subscription subscription_;
+  RunPanel panel_;
   std::unique_ptr<Timer> redraw_;
 
   bool statusShown_ = false;
   std::atomic<bool> asking_{false};
   std::chrono::steady_clock::time_point lastDraw_{};
-  std::string current_;
-  int16_t lineNumber_ = 0;
-  int32_t timeout_ = 0;
   uint64_t lines_ = 0;
   Micros start_ = 0;
   int passed_ = 0;

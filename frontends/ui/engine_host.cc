@@ -23,9 +23,6 @@ EngineHost::~EngineHost() {
   thread_.join();
 }
 
-void EngineHost::post(std::function<void(Engine&)> task) {
-  Engine* engine = engine_.get();
-  engine->events().post([engine, task = std::move(task)] { task(*engine); });
-}
+void EngineHost::post(std::function<void(Engine&)> task) { engine_->post(std::move(task)); }
 
 }  // namespace tavrix

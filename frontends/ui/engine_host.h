@@ -30,6 +30,9 @@ class EngineHost {
 
   // Runs `task` on the engine thread. Safe from any thread.
   void post(std::function<void(Engine&)> task);
+  // The engine, for its commands and subscribe(), which are safe from the
+  // window's thread; everything else of it only through post().
+  Engine& engine() { return *engine_; }
 
  private:
   std::unique_ptr<Engine> engine_;

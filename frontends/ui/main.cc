@@ -87,7 +87,7 @@ int RunWindow(int argc, char** argv) {
   }
   tavrix::MainWindow window(
       [settings, link](tavrix::Operator& op) {
-        return tavrix::MakeWindowEngine(op, nullptr, settings, link);
+        return tavrix::MakeWindowEngine(op, tavrix::defaultDataRoot(), settings, link);
       },
       commandLine);
   window.show();

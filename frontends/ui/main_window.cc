@@ -74,11 +74,51 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
     operator_.attach(engine->events());
     return engine;
   });
-  watchVerdicts();
-  host_->post([commandLine](Engine& engine) {
-    EnterSetupsFolder(engine);
-    engine.sequencer().startUp(commandLine);
+  QPointer<MainWindow> self(this);
+  runEvents_ = host_->engine().subscribe([self](const RunEvent& event) {
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, event] {
+          if (self) self->showRunEvent(event);
+        },
+        Qt::QueuedConnection);
   });
+  watchVerdicts();
+  const StartCommandLine start = ParseStartCommandLine(commandLine);
+  host_->post([start](Engine& engine) {
+    EnterSetupsFolder(engine);
+    Sequencer& seq = engine.sequencer();
+    std::string error;
+    if (!start.file.empty() && !seq.prepareFile(start.file, &error)) seq.showMessage(error);
+    if (start.autoStart) seq.startAtNextSecond();
+  });
+}
+
+void MainWindow::showRunEvent(const RunEvent& event) {
+  if (panel_.apply(event)) setControls(panel_.controls());
+  switch (event.kind) {
+    case RunEventKind::kStatus:
+      setRunStatus(Text(event.text));
+      break;
+    case RunEventKind::kCommand:
+      setCurrentCommand(Text(event.text));
+      break;
+    case RunEventKind::kTimeout:
+      setTimeout(static_cast<int>(event.number));
+      break;
+    case RunEventKind::kFile:
+      setDataFileSpec(Text(event.text));
+      break;
+    case RunEventKind::kStarted:
+      // A free run moves the window to the top-left corner at its running size.
+      if (!event.flag) enlargeForRun();
+      break;
+    case RunEventKind::kUut:
+      showVerdict(Text(event.title), event.flag);
+      break;
+    default:
+      break;
+  }
 }
 
 MainWindow::~MainWindow() {
@@ -96,6 +136,7 @@ MainWindow::~MainWindow() {
     delete dialog.data();
   }
   channelDisplay_ = nullptr;
+  runEvents_.reset();
   host_.reset();
 }
 
@@ -205,19 +246,19 @@ void MainWindow::buildControls() {
   layout->addWidget(tabs_, 1);
   setCentralWidget(central);
 
-  connect(pbRun_, &QPushButton::clicked, this,
-          [this] { host_->post([](Engine& e) { e.sequencer().pressRun(); }); });
+  connect(pbRun_, &QPushButton::clicked, this, [this] { host_->engine().start(); });
   connect(pbStop_, &QPushButton::clicked, this, [this] {
-    host_->post([](Engine& e) { e.sequencer().pressStop(); });
+    host_->engine().stop();
     withdrawCommandDialogs();
   });
-  connect(pbStep_, &QPushButton::clicked, this,
-          [this] { host_->post([](Engine& e) { e.sequencer().pressStep(); }); });
-  connect(pbSkip_, &QPushButton::clicked, this,
-          [this] { host_->post([](Engine& e) { e.sequencer().pressSkip(); }); });
+  connect(pbStep_, &QPushButton::clicked, this, [this] {
+    enlargeForRun();
+    host_->engine().step();
+  });
+  connect(pbSkip_, &QPushButton::clicked, this, [this] { host_->engine().skip(); });
   connect(cbSingleStep_, &QCheckBox::toggled, this, [this](bool ticked) {
     if (suppressSingleStep_) return;
-    host_->post([ticked](Engine& e) { e.sequencer().setSingleStepBox(ticked); });
+    if (panel_.tickSingleStep(ticked)) host_->engine().startStepping();
   });
   connect(pbOKcancelOK_, &QPushButton::clicked, this, [this] { answerPanel(0); });
   connect(pbOKcancelCancel_, &QPushButton::clicked, this, [this] { answerPanel(1); });
@@ -233,12 +274,7 @@ void MainWindow::buildMenus() {
   mbFile_->setObjectName("mbFile");
   QAction* open = mbFile_->addAction(tr("&Open Sequence..."));
   open->setObjectName("mbOpenSequence");
-  connect(open, &QAction::triggered, this, [this] {
-    host_->post([](Engine& e) {
-      // A new file never replaces the one a run holds.
-      if (!e.sequencer().flags().running) e.sequencer().chooseSequenceFile();
-    });
-  });
+  connect(open, &QAction::triggered, this, &MainWindow::chooseSequenceFile);
   QAction* setup = mbFile_->addAction(tr("Select &Setup File..."));
   setup->setObjectName("mbSelectSetup");
   connect(setup, &QAction::triggered, this, &MainWindow::selectSetupFile);
@@ -268,6 +304,34 @@ void MainWindow::buildMenus() {
   QAction* about = help->addAction(tr("&About"));
   about->setObjectName("mbAbout");
   connect(about, &QAction::triggered, this, &MainWindow::openAboutBox);
+}
+
+void MainWindow::chooseSequenceFile() {
+  QPointer<MainWindow> self(this);
+  host_->post([self](Engine& engine) {
+    // A new file never replaces the one a run holds.
+    if (engine.sequencer().flags().running) return;
+    QMetaObject::invokeMethod(
+        qApp,
+        [self] {
+          if (!self) return;
+          const SequenceFileDialog sequences;
+          FileChoice choice;
+          choice.title = sequences.title;
+          choice.defaultExtension = sequences.defaultExtension;
+          choice.fileName = sequences.fileName;
+          choice.filter = sequences.filter;
+          self->openFileDialog(choice, [self](const QString& chosen) {
+            if (!self || chosen.isEmpty()) return;
+            self->host_->engine().post([path = Std(chosen)](Engine& e) {
+              std::string error;
+              if (!e.sequencer().flags().running && !e.sequencer().prepareFile(path, &error))
+                e.sequencer().showMessage(error);
+            });
+          });
+        },
+        Qt::QueuedConnection);
+  });
 }
 
 void MainWindow::openDecryptWindow() {
@@ -510,22 +574,8 @@ void MainWindow::showVerdict(const QString& serialNumber, bool passed) {
   laVerdict_->show();
 }
 
-// Each finished unit's verdict is carried over as its results are written.
+// The report shows a unit only once the file prepared last has one of its own.
 void MainWindow::watchVerdicts() {
-  QPointer<MainWindow> self(this);
-  host_->post([self](Engine& engine) {
-    engine.testDatabase().addUutFinishedHook(
-        [self](const UutRecord& uut, const std::vector<std::string>&) {
-          const QString serial = Text(uut.serialNumber);
-          const bool passed = uut.passed;
-          QMetaObject::invokeMethod(
-              qApp,
-              [self, serial, passed] {
-                if (self) self->showVerdict(serial, passed);
-              },
-              Qt::QueuedConnection);
-        });
-  });
   host_->post([unitsAtPrepare = unitsAtPrepare_](Engine& engine) {
     engine.sequencer().addPrepareHook(
         [unitsAtPrepare, &engine] { *unitsAtPrepare = engine.testDatabase().uutsFinished(); });
@@ -541,7 +591,7 @@ void MainWindow::openMessageBox(const QString& title, const QString& text,
   box->open();
 }
 
-void MainWindow::openFileDialog(const FileDialog& request,
+void MainWindow::openFileDialog(const FileChoice& request,
                                 std::function<void(const QString&)> chosen) {
   auto* dialog = new QFileDialog(this, Text(request.title), Text(request.initialDirectory),
                                  NameFilter(request.filter));
@@ -640,10 +690,8 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     return;
   }
   event->ignore();
-  host_->post([this](Engine& engine) {
-    Sequencer& seq = engine.sequencer();
-    if (!seq.closeRequest()) return;
-    if (seq.flags().running) seq.requestAbort();
+  host_->engine().close([this](bool closed) {
+    if (!closed) return;
     QMetaObject::invokeMethod(
         this,
         [this] {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "engine_host.h"
+#include "panel/run_panel.h"
 #include "qt_operator.h"
 
 class QCheckBox;
@@ -63,7 +64,10 @@ class MainWindow : public QMainWindow {
   void openMessageBox(const QString& title, const QString& text, std::function<void()> closed);
   // The file-open dialog; `chosen` gets the file, or an empty text when the
   // dialog is cancelled.
-  void openFileDialog(const FileDialog& dialog, std::function<void(const QString&)> chosen);
+  void openFileDialog(const FileChoice& dialog, std::function<void(const QString&)> chosen);
+  // File, Open Sequence: the dialog that picks a sequence file to prepare,
+  // unless a run is going.
+  void chooseSequenceFile();
   // The verdict of the last unit tested, shown under the run controls.
   void showVerdict(const QString& serialNumber, bool passed);
   // The engine closed the channel display's question (its channel could not
@@ -100,11 +104,15 @@ class MainWindow : public QMainWindow {
   // A prepared file starts from clean displays.
   void clearRunDisplays();
   void watchVerdicts();
+  // Shows one run event of the engine (on the window's thread).
+  void showRunEvent(const RunEvent& event);
   void message(const QString& title, const QString& text);
   EngineTasks tasks();
 
   QtOperator operator_;
   std::unique_ptr<EngineHost> host_;
+  RunEventBus::Subscription runEvents_;
+  RunPanel panel_;
   bool closeAllowed_ = false;
 
   QPushButton* pbRun_ = nullptr;

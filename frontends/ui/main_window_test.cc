@@ -58,17 +58,28 @@ class MainWindowTest : public QObject {
     return path;
   }
 
+  // An engine on the system clock over this computer's files, with or
+  // without the simulated rig.
+  static std::unique_ptr<Engine> Build(Operator& op, bool rig) {
+    EngineConfig config;
+    config.clock = std::make_unique<SystemClock>();
+    config.files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+    config.op = &op;
+    if (rig) config.link = "sim";
+    EngineBuildError error;
+    auto engine = BuildEngine(std::move(config), &error);
+    if (engine == nullptr) qFatal("%s", error.text.c_str());
+    return engine;
+  }
+
   static MainWindow::EngineFactory Factory() {
-    return
-        [](Operator& op) { return std::make_unique<Engine>(std::make_unique<SystemClock>(), op); };
+    return [](Operator& op) { return Build(op, false); };
   }
 
   // An engine on the simulated rig of the examples.
   static MainWindow::EngineFactory RigFactory() {
     return [](Operator& op) {
-      auto engine = std::make_unique<Engine>(std::make_unique<SystemClock>(), op);
-      std::string error;
-      if (!engine->attachInstrument({}, "sim", &error)) qFatal("%s", error.c_str());
+      auto engine = Build(op, true);
       if (!engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims"))
         qFatal("rig.ims: %s", engine->instrument()->link().lastErrorText().c_str());
       return engine;
@@ -238,7 +249,7 @@ class MainWindowTest : public QObject {
     for (const char* item : {"mbOpenSequence", "mbSelectSetup", "mbFileDecrypt"})
       QVERIFY2(!Find<QAction>(w, item)->isEnabled(), item);
     // Asked all the same (a queued click), the engine opens no dialog.
-    w.host().post([](Engine& e) { e.sequencer().chooseSequenceFile(); });
+    w.chooseSequenceFile();
     QVERIFY(OnEngine<bool>(w, [](Engine& e) { return e.sequencer().flags().running; }));
     QCOMPARE(w.findChild<QFileDialog*>("engineFileDialog"), nullptr);
 
@@ -341,7 +352,7 @@ class MainWindowTest : public QObject {
       (*timer)->setEnabled(true);
     });
     w.host().post([](Engine& e) {
-      FileDialog dialog;
+      FileChoice dialog;
       dialog.title = "Load Test Sequence File";
       e.sequencer().operatorPort().chooseFile(dialog);
     });
@@ -455,11 +466,8 @@ class MainWindowTest : public QObject {
   void theWindowFeedsTheResultsStore() {
     const std::string root = dir_.path().toStdString() + "/window data";
     QVERIFY(localFiles().makeFolders(root, nullptr));
-    MainWindow w(
-        [root](Operator& op) {
-          return MakeWindowEngine(op, std::make_unique<LocalFileSystem>(root));
-        },
-        UutSequence("stored.wts"));
+    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); },
+                 UutSequence("stored.wts"));
     w.show();
     Click(w, "pbRun");
     QDialog* entry = nullptr;
@@ -908,6 +916,7 @@ class MainWindowTest : public QObject {
     Find<QAction>(w, "mbAbout")->trigger();
     QTRY_VERIFY(Find<QDialog>(w, "frmAbout")->isVisible());
     QCOMPARE(Find<QLabel>(w, "laProduct")->text(), w.windowTitle());
+    QVERIFY(Find<QLabel>(w, "laVersion")->text().startsWith("Version " TAVRIX_EXPECTED_VERSION ", commit "));
   }
 
   void endTavrixClosesTheWindowAfterTheRun() {

@@ -48,7 +48,7 @@ void QtOperator::showMessage(std::string_view title, std::string_view text) {
   });
 }
 
-std::optional<std::string> QtOperator::chooseFile(const FileDialog& dialog) {
+std::optional<std::string> QtOperator::chooseFile(const FileChoice& dialog) {
   return waitForWindow([this, dialog](std::function<void(std::optional<std::string>)> done) {
     window_.openFileDialog(dialog, [done](const QString& chosen) {
       done(chosen.isEmpty() ? std::nullopt : std::optional<std::string>(Std(chosen)));
@@ -56,43 +56,10 @@ std::optional<std::string> QtOperator::chooseFile(const FileDialog& dialog) {
   });
 }
 
-void QtOperator::showRunStatus(std::string_view status) {
-  const QString s = Text(status);
-  QMetaObject::invokeMethod(
-      &window_, [this, s] { window_.setRunStatus(s); }, Qt::QueuedConnection);
-}
-
-void QtOperator::showCurrentCommand(std::string_view line) {
-  const QString s = Text(line);
-  QMetaObject::invokeMethod(
-      &window_, [this, s] { window_.setCurrentCommand(s); }, Qt::QueuedConnection);
-}
-
-void QtOperator::showTimeout(int32_t seconds) {
-  QMetaObject::invokeMethod(
-      &window_, [this, seconds] { window_.setTimeout(seconds); }, Qt::QueuedConnection);
-}
-
 void QtOperator::showHelpText(std::string_view text) {
   const QString s = Text(text);
   QMetaObject::invokeMethod(
       &window_, [this, s] { window_.setHelpText(s); }, Qt::QueuedConnection);
-}
-
-void QtOperator::showDataFileSpec(std::string_view path) {
-  const QString s = Text(path);
-  QMetaObject::invokeMethod(
-      &window_, [this, s] { window_.setDataFileSpec(s); }, Qt::QueuedConnection);
-}
-
-void QtOperator::showControls(const RunControls& controls) {
-  QMetaObject::invokeMethod(
-      &window_, [this, controls] { window_.setControls(controls); }, Qt::QueuedConnection);
-}
-
-void QtOperator::enlargeForRun() {
-  QMetaObject::invokeMethod(
-      &window_, [this] { window_.enlargeForRun(); }, Qt::QueuedConnection);
 }
 
 void QtOperator::showChannelValue(std::string_view channel, std::string_view value) {

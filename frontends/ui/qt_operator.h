@@ -30,14 +30,8 @@ class QtOperator : public Operator {
   bool isPerson() const override { return true; }
   std::string unansweredReason() const override { return "the window was closed"; }
   void showMessage(std::string_view title, std::string_view text) override;
-  std::optional<std::string> chooseFile(const FileDialog& dialog) override;
-  void showRunStatus(std::string_view status) override;
-  void showCurrentCommand(std::string_view line) override;
-  void showTimeout(int32_t seconds) override;
+  std::optional<std::string> chooseFile(const FileChoice& choice) override;
   void showHelpText(std::string_view text) override;
-  void showDataFileSpec(std::string_view path) override;
-  void showControls(const RunControls& controls) override;
-  void enlargeForRun() override;
   void showChannelValue(std::string_view channel, std::string_view value) override;
   void closeQuestion() override;
   void minimiseWindow() override;

@@ -40,9 +40,13 @@ namespace tavrix {
 namespace {
 
 std::unique_ptr<Engine> RigEngine(Operator& op) {
-  auto engine = std::make_unique<Engine>(std::make_unique<SystemClock>(), op);
-  std::string error;
-  if (engine->attachInstrument({}, "sim", &error))
+  EngineConfig config;
+  config.clock = std::make_unique<SystemClock>();
+  config.files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+  config.op = &op;
+  config.link = "sim";
+  auto engine = BuildEngine(std::move(config));
+  if (engine != nullptr)
     engine->instrument()->selectSetupFile(TAVRIX_SOURCE_DIR "/examples/rig.ims");
   return engine;
 }

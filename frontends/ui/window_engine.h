@@ -12,11 +12,12 @@
 
 namespace tavrix {
 
-// `files`: the run's file system (the machine's, below defaultDataRoot(),
-// when none is given). Problems of the results store's journal are written
-// to standard error; the run goes on.
+// The run's files are this computer's, below `dataRoot` (which the
+// program's main decides). Problems of the link and of the results store's
+// journal are written to standard error; the window opens all the same,
+// without an instrument when its link names no backend.
 // `link`: the link specification, as tavrix-cli run's --link takes it.
-std::unique_ptr<Engine> MakeWindowEngine(Operator& op, std::unique_ptr<FileSystem> files = nullptr,
+std::unique_ptr<Engine> MakeWindowEngine(Operator& op, const std::string& dataRoot,
                                          InstrumentSettings settings = {},
                                          const std::string& link = "sim");
 

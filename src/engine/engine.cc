@@ -19,32 +19,121 @@ constexpr std::string_view kSimLinkSpec = "sim";
 constexpr std::string_view kNoInstrument = "No instrument link is attached";
 }  // namespace
 
-Engine::Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileSystem> files)
-    : clock_(std::move(clock)),
-      ownFiles_(files ? std::move(files) : std::make_unique<LocalFileSystem>(defaultDataRoot())),
+std::unique_ptr<Engine> BuildEngine(EngineConfig config, EngineBuildError* error) {
+  const auto fail = [error](EnginePart part, std::string text) -> std::unique_ptr<Engine> {
+    if (error != nullptr) *error = {part, std::move(text)};
+    return nullptr;
+  };
+  if (!config.clock || !config.files || config.op == nullptr)
+    return fail(EnginePart::kConfig, "an engine needs a clock, a file system and an operator");
+  std::unique_ptr<Engine> engine(new Engine(config));
+  std::string problem;
+  if (config.companionPrograms && !engine->connectCompanionPrograms(&problem))
+    return fail(EnginePart::kCompanionPrograms, problem);
+  for (const auto& answer : config.companionAnswers) {
+    if (!engine->companion().setAnswerFromText(answer, &problem))
+      return fail(EnginePart::kCompanionAnswer, problem);
+  }
+  if (config.link) {
+    engine->linkFactory_ = std::move(config.linkFactory);
+    if (!engine->attachInstrument(std::move(config.settings), *config.link, &problem))
+      return fail(EnginePart::kLink, problem);
+  }
+  return engine;
+}
+
+Engine::Engine(EngineConfig& config)
+    : clock_(std::move(config.clock)),
+      ownFiles_(std::move(config.files)),
+      resultsStore_(std::move(config.resultsStore)),
       files_(*ownFiles_),
       paths_(files_.dataRoot()),
       events_(*clock_),
       trace_(*clock_),
       companion_(&trace_),
-      sequencer_(events_, op, trace_, files_, paths_),
+      sequencer_(events_, *config.op, trace_, files_, paths_),
       testDatabase_(sequencer_, paths_) {
   RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
   testDatabase_.results.dataDirectory = join(files_.dataRoot(), "data");
+  testDatabase_.results.writeResults = config.writeResultsFiles;
+  testDatabase_.results.xmlLayout = config.xmlResultsFiles;
   testDatabase_.registerCommands();
+  publishSubsystemEvents();
 }
 
 Engine::~Engine() = default;
 
-bool Engine::feedResultsStore(const std::string& setting, const std::string& station,
-                              std::function<void(const std::string&)> report, std::string* error) {
+void Engine::publishSubsystemEvents() {
+  testDatabase_.addUutFinishedHook(
+      [this](const UutRecord& uut, const std::vector<std::string>& files) {
+        RunEvent event;
+        event.kind = RunEventKind::kUut;
+        event.title = uut.serialNumber;
+        event.flag = uut.passed;
+        event.items = files;
+        sequencer_.publish(std::move(event));
+      });
+}
+
+// --- Commands ------------------------------------------------------------------
+
+void Engine::post(std::function<void(Engine&)> task) {
+  events_.post([this, task = std::move(task)] { task(*this); });
+}
+
+void Engine::start() {
+  post([](Engine& e) { e.sequencer_.start(); });
+}
+void Engine::startStepping() {
+  post([](Engine& e) { e.sequencer_.startStepping(); });
+}
+void Engine::stop() {
+  post([](Engine& e) { e.sequencer_.stop(); });
+}
+void Engine::pause() {
+  post([](Engine& e) { e.sequencer_.pause(); });
+}
+void Engine::resume() {
+  post([](Engine& e) { e.sequencer_.resume(); });
+}
+void Engine::step() {
+  post([](Engine& e) { e.sequencer_.step(); });
+}
+void Engine::skip() {
+  post([](Engine& e) { e.sequencer_.skip(); });
+}
+
+void Engine::close(std::function<void(bool)> closed) {
+  post([closed = std::move(closed)](Engine& e) {
+    const bool may = e.sequencer_.mayClose();
+    if (may && e.sequencer_.flags().running) e.sequencer_.requestAbort();
+    if (closed) closed(may);
+  });
+}
+
+void Engine::prepare(std::string path, std::function<void(bool, const std::string&)> done) {
+  post([path = std::move(path), done = std::move(done)](Engine& e) {
+    std::string error;
+    // The file of a run, free or stepped, is never swapped under it.
+    const bool prepared = !e.sequencer_.flags().running && e.sequencer_.prepareFile(path, &error);
+    if (done) done(prepared, error);
+  });
+}
+
+EndReason Engine::run() {
+  sequencer_.start();
+  return sequencer_.endReason();
+}
+
+bool Engine::feedResultsStore(std::string* error) {
   resultsFeed_.reset();
+  if (!resultsStore_) return true;
   std::string problem;
-  resultsFeed_ = ResultsFeed::Start(*ownFiles_, setting, station, testDatabase_, sequencer_,
-                                    std::move(report), &problem);
+  resultsFeed_ = ResultsFeed::Start(*ownFiles_, resultsStore_->setting, resultsStore_->station,
+                                    testDatabase_, sequencer_, resultsStore_->report, &problem);
   if (!problem.empty()) {
     if (error) *error = problem;
     return false;
@@ -72,6 +161,14 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   paths_ = MakePathMap(files_.dataRoot(), settings);
   instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend),
                                              paths_);
+  instrument_->watchOutputs([this](std::string_view channel, std::string_view value) {
+    if (!sequencer_.runEvents().hasSubscribers()) return;
+    RunEvent event;
+    event.kind = RunEventKind::kOutput;
+    event.title = channel;
+    event.text = value;
+    sequencer_.publish(std::move(event));
+  });
   RegisterInstrumentCommands(sequencer_, *instrument_);
   loopCountOutput_.attach(instrument_.get());
   RegisterOutputCommands(sequencer_, *instrument_);

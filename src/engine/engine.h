@@ -1,22 +1,33 @@
 // One engine: the clock, the event loop, the trace, the companion programs
-// and the run engine with every subsystem's commands registered. The front
-// ends build one, plug in their operator and the instrument link, and go.
+// and the run engine with every subsystem's commands registered. A front end
+// builds one from an EngineConfig (engine/engine_config.h), subscribes to its
+// run events, and drives it with its commands; several engines live side by
+// side in one process, each with its own clock, files and rig.
+//
+// Threads: the engine's state belongs to the engine thread, the one that
+// runs its event loop (EngineHost's thread in the window, the calling thread
+// in tavrix-cli run). The commands below and subscribe() are safe from any
+// thread; everything else is for the engine thread only (post() gets there).
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "calcchan/evaluation.h"
 #include "common/clock.h"
 #include "common/event_loop.h"
 #include "common/file_system.h"
-#include "common/watched_file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
+#include "common/watched_file_system.h"
+#include "engine/engine_config.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
+#include "sequencer/run_events.h"
 #include "sequencer/sequencer.h"
 #include "testdb/test_database.h"
 
@@ -26,12 +37,46 @@ class ResultsFeed;
 
 class Engine {
  public:
-  // `files` is the door to every file of the run; without one the engine
-  // uses the machine's, with the data root defaultDataRoot() gives.
-  Engine(std::unique_ptr<Clock> clock, Operator& op, std::unique_ptr<FileSystem> files = nullptr);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
+
+  // --- Commands: safe from any thread; each is posted to the event loop ---
+  // start() runs a free run of the prepared file (a held run goes on
+  // freely); startStepping() a run held before its first line. stop() ends
+  // the run at once. pause() holds the run before its next line as stepping
+  // does (outputs, alarms and calculated channels go on); step() runs the
+  // held line and holds again; skip() passes over the hold as step() does;
+  // resume() goes on freely. close() ends the run for good when it may be
+  // ended (after NONSTOP the operator is asked) and tells `closed` whether
+  // it did.
+  void start();
+  void startStepping();
+  void stop();
+  void pause();
+  void resume();
+  void step();
+  void skip();
+  void close(std::function<void(bool closed)> closed = {});
+  // Prepares `path` for running unless a run is going; `done` gets false
+  // and a message when the file cannot be read (or a run is going).
+  void prepare(std::string path,
+               std::function<void(bool prepared, const std::string& error)> done = {});
+  // Runs `task` on the engine thread. Safe from any thread.
+  void post(std::function<void(Engine&)> task);
+
+  // --- Run events: safe from any thread ------------------------------------
+  // The handler is called on the engine thread for every run event until the
+  // subscription is let go; see sequencer/run_events.h.
+  [[nodiscard]] RunEventBus::Subscription subscribe(RunEventBus::Handler handler) {
+    return sequencer_.runEvents().subscribe(std::move(handler));
+  }
+
+  // Runs the prepared file to its end on the calling thread, which becomes
+  // the engine thread (tavrix-cli run); returns how it ended.
+  EndReason run();
+
+  // --- The parts, for the engine thread ------------------------------------
 
   Clock& clock() { return *clock_; }
   EventLoop& events() { return events_; }
@@ -49,38 +94,19 @@ class Engine {
   // to the trace and answers only configured requests, until it is
   // connected to the programs of this computer.
   RecordingCompanion& companion() { return companion_; }
-  // From now on the companion commands reach the programs of this computer
-  // (DDE, key strokes, program starts); the trace still records them. False,
-  // with a message, where the system has none (all but Windows).
-  bool connectCompanionPrograms(std::string* error);
 
-  // Turns a link spec into a backend, or nullptr with a message.
-  using LinkFactory = std::function<std::unique_ptr<LinkLibrary>(
-      std::string_view linkSpec, const Clock& clock, const InstrumentSettings& settings,
-      const FileSystem& files, std::string* error)>;
-  // Which backends a link spec can name. By itself the engine knows only the
-  // simulated rig ("sim", or none given); front ends that offer a rig server
-  // set MakeLinkLibrary of instrument/backends.
-  void setLinkFactory(LinkFactory factory) { linkFactory_ = std::move(factory); }
-
-  // Builds the instrument over the link that `linkSpec` names and registers
-  // the commands of every subsystem that works on channels. Call once; false
-  // with a message when the link spec names no backend.
-  bool attachInstrument(InstrumentSettings settings, std::string_view linkSpec, std::string* error);
-  // Null until attachInstrument.
+  // Null when the config named no link.
   Instrument* instrument() { return instrument_.get(); }
   CalcChannels* calcChannels() { return calc_.get(); }
 
-  // Feeds the results store with every UUT that ends, besides the results
-  // files: `setting` names the store as the results_store setting does
-  // (docs/results-database.md), `station` this station (empty: the
-  // computer's name). The journal lies in the data root and is written
-  // straight to the file system: a journal that cannot be written loses
-  // nothing (the record waits in memory, the results file holds it) and is
-  // told to `report`. False with a message for a bad setting; "off" feeds
-  // nothing. Call at most once.
-  bool feedResultsStore(const std::string& setting, const std::string& station,
-                        std::function<void(const std::string&)> report, std::string* error);
+  // Feeds the results store the config names with every UUT that ends,
+  // besides the results files. The journal lies in the data root and is
+  // written straight to the file system: a journal that cannot be written
+  // loses nothing (the record waits in memory, the results file holds it)
+  // and is told to the config's `report`. False with a message for a bad
+  // setting; "off", or no store in the config, feeds nothing. Call at most
+  // once.
+  bool feedResultsStore(std::string* error);
   // Null unless a store is fed.
   ResultsFeed* resultsFeed() { return resultsFeed_.get(); }
 
@@ -90,6 +116,16 @@ class Engine {
   std::string resolvePath(std::string_view spec) const;
 
  private:
+  friend std::unique_ptr<Engine> BuildEngine(EngineConfig config, EngineBuildError* error);
+  explicit Engine(EngineConfig& config);
+  // From now on the companion commands reach the programs of this computer
+  // (DDE, key strokes, program starts); the trace still records them. False,
+  // with a message, where the system has none (all but Windows).
+  bool connectCompanionPrograms(std::string* error);
+  bool attachInstrument(InstrumentSettings settings, std::string_view linkSpec, std::string* error);
+  // Publishes what the instrument and the test database tell as run events.
+  void publishSubsystemEvents();
+
   // Channel reads and writes for the sequencer's operator commands, through
   // the instrument once it is attached.
   class InstrumentChannels : public ChannelAccess {
@@ -104,6 +140,7 @@ class Engine {
 
   std::unique_ptr<Clock> clock_;
   std::unique_ptr<FileSystem> ownFiles_;
+  std::optional<EngineConfig::ResultsStore> resultsStore_;
   WatchedFileSystem files_;
   PathMap paths_;
   LinkFactory linkFactory_;

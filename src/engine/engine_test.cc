@@ -32,11 +32,17 @@ struct EngineFiles {
   EngineFiles() {
     auto owned = std::make_unique<MemoryFileSystem>("/data");
     files = owned.get();
-    engine = std::make_unique<Engine>(std::make_unique<VirtualClock>(kStart), op, std::move(owned));
-    InstrumentSettings settings;
+    EngineConfig config;
+    config.clock = std::make_unique<VirtualClock>(kStart);
+    config.files = std::move(owned);
+    config.op = &op;
     std::string error;
-    EXPECT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", settings, error)) << error;
-    EXPECT_TRUE(engine->attachInstrument(settings, "sim", &error)) << error;
+    EXPECT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, error))
+        << error;
+    config.link = "sim";
+    EngineBuildError problem;
+    engine = BuildEngine(std::move(config), &problem);
+    EXPECT_NE(engine, nullptr) << problem.text;
     files->makeFolders("/rigs/q", nullptr);
     files->makeFolders("/data/q", nullptr);
   }
@@ -44,7 +50,7 @@ struct EngineFiles {
   std::string Run(const std::string& path) {
     std::string error;
     EXPECT_TRUE(engine->sequencer().prepareFile(path, &error)) << error;
-    engine->sequencer().pressRun();
+    engine->sequencer().start();
     return engine->sequencer().lastSequenceError();
   }
 

@@ -27,10 +27,14 @@ std::string ReadAll(const std::string& path) {
 
 TEST(KeywordTableTest, EveryKeywordIsBoundOnceHasAParseAndIsInTheReference) {
   RecordingOperator op;
-  Engine engine(std::make_unique<VirtualClock>(0), op);
-  std::string error;
-  ASSERT_TRUE(engine.attachInstrument({}, "sim", &error)) << error;
-  EXPECT_FALSE(engine.attachInstrument({}, "sim", &error));
+  EngineConfig config;
+  config.clock = std::make_unique<VirtualClock>(0);
+  config.files = std::make_unique<MemoryFileSystem>("/data");
+  config.op = &op;
+  config.link = "sim";
+  const auto built = BuildEngine(std::move(config));
+  ASSERT_NE(built, nullptr);
+  Engine& engine = *built;
 
   const Dispatcher& dispatcher = engine.sequencer().dispatcher();
   std::map<std::string, std::string> bound;  // name -> family

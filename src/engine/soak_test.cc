@@ -49,8 +49,6 @@ class CountingOperator : public Operator {
   void showMessage(std::string_view, std::string_view text) override {
     if (messages++ == 0) firstMessage = text;
   }
-  void showRunStatus(std::string_view) override { ++displays; }
-  void showCurrentCommand(std::string_view) override { ++displays; }
   void showChannelValue(std::string_view, std::string_view) override { ++displays; }
 };
 
@@ -84,12 +82,21 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   CountingOperator op;
   auto owned = std::make_unique<VirtualClock>(kStart);
   VirtualClock& clock = *owned;
-  Engine engine(std::move(owned), op, std::make_unique<LocalFileSystem>(home));
+  EngineConfig config;
+  config.clock = std::move(owned);
+  config.files = std::make_unique<LocalFileSystem>(home);
+  config.op = &op;
   // Drive c is a folder of the test's own (unmapped, on Windows it would be
   // the real drive).
-  InstrumentSettings settings;
-  settings.driveMap['c'] = home + "/c";
-  ASSERT_TRUE(engine.attachInstrument(settings, "sim", &error)) << error;
+  config.settings.driveMap['c'] = home + "/c";
+  config.link = "sim";
+  const auto built = BuildEngine(std::move(config));
+  ASSERT_NE(built, nullptr);
+  Engine& engine = *built;
+  // The displays of the run, counted as the window would take them.
+  auto displays = engine.subscribe([&op](const RunEvent& event) {
+    if (event.kind == RunEventKind::kStatus || event.kind == RunEventKind::kCommand) ++op.displays;
+  });
   Sequencer& seq = engine.sequencer();
   ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
 
@@ -98,9 +105,9 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
     if (afterFirstHour < 0) afterFirstHour = ResidentBytes();
   });
   firstHour.setEnabled(true);
-  Timer weekEnds(engine.events(), kWeek, [&] { seq.pressStop(); });
+  Timer weekEnds(engine.events(), kWeek, [&] { seq.stop(); });
   weekEnds.setEnabled(true);
-  seq.pressRun();
+  seq.start();
   const long atEnd = ResidentBytes();
 
   // The week ran: the loop was still going when the week ended, and the

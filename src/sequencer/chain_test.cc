@@ -19,7 +19,7 @@ TEST_F(ChainTest, ChainContinuesInAnotherFileAndReturnComesBack) {
   EXPECT_DOUBLE_EQ(Elapsed(), 8.0);
   // The next run starts again in the prepared file.
   op_.commands.clear();
-  seq_.pressRun();
+  seq_.start();
   EXPECT_EQ(Shown().front(), "CHAIN sub.wts");
 }
 

@@ -102,7 +102,7 @@ TEST_F(ClockWaitsTest, WaitRandomDrawsItsLengthEvenlyBetweenItsBounds) {
 }
 
 TEST_F(ClockWaitsTest, StopEndsTheClockWaitsAtOnce) {
-  Timer stopper(events_, 5 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  Timer stopper(events_, 5 * kMicrosPerSecond, [&] { seq_.stop(); });
   stopper.setEnabled(true);
   EXPECT_EQ(Run({"WAITDATETIME 01-02-2026", "WAITRANDOM 3, 3"}), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 5.0);

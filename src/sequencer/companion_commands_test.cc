@@ -51,7 +51,7 @@ TEST_F(CompanionCommandsTest, WaitStreamerEndsWhenTheStreamerIsReadyOrOnStop) {
   ready.setEnabled(false);
 
   companion_.setAnswer("Streamer|System", "Status", "BUSY");
-  Timer stopper(events_, 10 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  Timer stopper(events_, 10 * kMicrosPerSecond, [&] { seq_.stop(); });
   stopper.setEnabled(true);
   EXPECT_EQ(Run({"WAITSTREAMER", "WAITRANDOM 5, 5"}), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 13.0);

@@ -20,7 +20,7 @@ void Goto(Sequencer& seq, const CommandLine& cmd) { seq.searchLabel(cmd.arg1); }
 void Stop(Sequencer& seq, const CommandLine&) { seq.requestEnd(EndReason::kStop); }
 
 void NonStop(Sequencer& seq, const CommandLine&) {
-  seq.setStopEnabled(false);
+  seq.setStopAllowed(false);
   seq.setMustNotBeStopped();
 }
 

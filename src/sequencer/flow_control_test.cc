@@ -41,7 +41,7 @@ TEST_F(FlowControlTest, IncrementLoopCountWritesToAChannelOnlyWhereThereAreChann
   auto run = [&](const Lines& lines) {
     std::string error;
     EXPECT_TRUE(plain.prepareFile(Write("plain.wts", lines), &error)) << error;
-    plain.pressRun();
+    plain.start();
     return plain.lastSequenceError();
   };
   // Without channels the count still counts; a channel ends the run before

@@ -1,6 +1,8 @@
-// Everything the engine asks or shows a person. Abstract so that the same
-// engine runs behind the desktop window, a terminal, a file of scripted
-// answers, or a test's recording fake.
+// Everything the engine asks of a person, and what commands show them.
+// Abstract so that the same engine runs behind the desktop window, a
+// terminal, a file of scripted answers, or a test's recording fake. What a
+// front end shows of the run itself (lines, status, count-downs, the run
+// controls) it takes from the run events (sequencer/run_events.h).
 #pragma once
 
 #include <cstdint>
@@ -18,7 +20,7 @@ struct Question {
   std::string kind;   // who asks: "CONTINUEOK", "ENTEROKCANCEL", "QUESTION", ...
   std::string title;  // window title, where the question has one
   std::string text;
-  std::vector<std::string> buttons;  // captions as the window shows them
+  std::vector<std::string> buttons;  // the answers offered, as shown
   // The answer may carry the window's entry fields after the button's
   // caption, each after a '|': "Accept|serial=1234|date=15-11-2026".
   bool fieldsAfterButton = false;
@@ -28,18 +30,8 @@ struct Question {
 // when no answer can ever come (scripted answers exhausted, input closed).
 using Answer = std::optional<std::string>;
 
-// Enabled and ticked states of the run controls.
-struct RunControls {
-  bool runEnabled = false;
-  bool stopEnabled = false;
-  bool stepEnabled = false;
-  bool skipEnabled = false;
-  bool singleStepEnabled = false;
-  bool singleStepTicked = false;
-  bool fileMenuEnabled = true;
-};
-
-struct FileDialog {
+// A file the operator is asked to pick.
+struct FileChoice {
   std::string title;
   std::string defaultExtension;
   std::string fileName;
@@ -73,26 +65,20 @@ class Operator {
   // virtual clock race ahead.
   virtual bool isPerson() const { return false; }
 
-  // A modal message box with an OK button; returns once it is dismissed.
+  // A message the operator acknowledges; returns once it is.
   virtual void showMessage(std::string_view title, std::string_view text) = 0;
 
   // File selection; std::nullopt when the operator cancels.
-  virtual std::optional<std::string> chooseFile(const FileDialog& /*dialog*/) { return std::nullopt; }
+  virtual std::optional<std::string> chooseFile(const FileChoice& /*choice*/) {
+    return std::nullopt;
+  }
 
-  // Displays of the main window.
-  virtual void showRunStatus(std::string_view /*status*/) {}
-  virtual void showCurrentCommand(std::string_view /*line*/) {}
-  virtual void showTimeout(int32_t /*seconds*/) {}
+  // What commands show.
   virtual void showHelpText(std::string_view /*text*/) {}
-  virtual void showDataFileSpec(std::string_view /*path*/) {}
-  virtual void showControls(const RunControls& /*controls*/) {}
   // The channel display of DOWITHSHOW and MANUALADJUST (`laChanValue`).
   virtual void showChannelValue(std::string_view /*channel*/, std::string_view /*value*/) {}
-  // ICONISE: the main window is minimised (front ends without one ignore it).
+  // ICONISE: the program is minimised (front ends without a window ignore it).
   virtual void minimiseWindow() {}
-  // Run and Step move the window to the top-left corner and give it its
-  // running size.
-  virtual void enlargeForRun() {}
   // The run status label shown with another text and background colour for
   // a while (a pulse shows "Pulse Timing" in orange); the colour is a colour
   // value: red + 256 x green + 65536 x blue.

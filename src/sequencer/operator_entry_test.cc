@@ -89,7 +89,7 @@ TEST_F(OperatorEntryTest, WithoutChannelsTheChannelCommandsAreNotAvailable) {
   auto run = [&](const std::string& line) {
     std::string error;
     EXPECT_TRUE(plain.prepareFile(Write("plain.wts", {line}), &error)) << error;
-    plain.pressRun();
+    plain.start();
     return plain.lastSequenceError();
   };
   EXPECT_EQ(run("ENTERSEND Value, SETPOINT"), Dispatcher::notAvailableText("ENTERSEND"));

@@ -39,7 +39,11 @@ Sequencer::Sequencer(EventLoop& events, Operator& op, Trace& trace, FileSystem& 
       trace_(trace),
       files_(files),
       paths_(paths),
-      secondsTimer_(events, kSecondsTimerInterval, [this] { secondsTick(); }) {}
+      secondsTimer_(events, kSecondsTimerInterval, [this] { secondsTick(); }) {
+  // The trace is the first subscriber: it records each event before any
+  // front end acts on it.
+  traceWriter_ = runEvents_.subscribe([this](const RunEvent& event) { traceEvent(event); });
+}
 
 Sequencer::~Sequencer() = default;
 
@@ -53,29 +57,12 @@ bool Sequencer::prepareFile(const std::string& path, std::string* error) {
   for (auto& hook : prepareHooks_) hook();
   fileName_ = name;
   preparedName_ = name;
-  operator_.showDataFileSpec(fileName_);
-  controls_.runEnabled = true;
-  controls_.stepEnabled = false;
-  controls_.singleStepEnabled = true;
+  publish(RunEventKind::kFile, fileName_);
   flags_.singleStepHold = true;
   flags_.running = false;
-  publishControls();
+  publish(RunEventKind::kPrepared, fileName_);
   setStatus(kStatusReady);
   return true;
-}
-
-void Sequencer::chooseSequenceFile() {
-  // The file of a run, free or stepped, is never swapped under it.
-  if (flags_.running) return;
-  FileDialog dialog;
-  dialog.title = "Load Test Sequence File";
-  dialog.defaultExtension = "wts";
-  dialog.fileName = "*.wts";
-  dialog.filter = "TavrixSequence files (*.wts)|*.wts";
-  const auto chosen = operator_.chooseFile(dialog);
-  if (!chosen) return;
-  std::string error;
-  if (!prepareFile(*chosen, &error)) showMessage(error);
 }
 
 bool Sequencer::readNextLine(std::string& line) {
@@ -161,15 +148,16 @@ void Sequencer::runLoop() {
 
   if (!flags_.stopRequested) {
     if (endReason_ == EndReason::kNone) endReason_ = EndReason::kEndOfFile;
-    pressStop();
+    stop();
   } else if (endReason_ == EndReason::kNone) {
     endReason_ = EndReason::kAbort;
   }
-  controls_.singleStepTicked = false;
-  publishControls();
   secondsTimer_.setEnabled(false);
   file_.close();
   flags_.running = false;
+  flags_.singleStepMode = false;
+  pausedFromOutside_ = false;
+  publish(RunEventKind::kEnd, EndReasonName(endReason_));
 }
 
 void Sequencer::runTimeoutTarget() {
@@ -208,16 +196,29 @@ void Sequencer::dispatchLine(std::string& line) {
   line.erase(0, blanks == std::string::npos ? line.size() : blanks);
 
   showCurrentCommand(line);
-  for (auto& observer : lineObservers_) observer(lineNumber_, line);
-  if (trace_.enabled()) trace_.event("line").field("n", lineNumber_).field("text", line);
+  {
+    RunEvent event;
+    event.kind = RunEventKind::kLine;
+    event.line = lineNumber_;
+    event.text = line;
+    publish(std::move(event));
+  }
   events_.processPendingEvents();
 
   if (flags_.singleStepMode) {
-    // Only a person can release the hold.
+    RunEvent hold;
+    hold.kind = RunEventKind::kHold;
+    hold.line = lineNumber_;
+    hold.text = line;
+    publish(std::move(hold));
+    // Only a person, or the front end that paused the run, can release the
+    // hold.
     std::optional<EventLoop::OutsideWait> person;
-    if (operator_.isPerson()) person.emplace(events_);
+    if (operator_.isPerson() || pausedFromOutside_) person.emplace(events_);
+    releasedBy_.clear();
     waitUntil([this] { return !flags_.singleStepHold || !flags_.singleStepMode; });
     flags_.singleStepHold = true;
+    publish(RunEventKind::kRelease, releasedBy_);
   }
 
   const CommandLine command = SplitCommandLine(line);
@@ -227,90 +228,79 @@ void Sequencer::dispatchLine(std::string& line) {
   for (auto& hook : lineHooks_) hook(number);
 }
 
-// --- Buttons -----------------------------------------------------------------
+// --- Run commands ------------------------------------------------------------
 
-void Sequencer::pressRun() {
+void Sequencer::start() {
   if (flags_.running) {
-    if (flags_.singleStepMode) {
-      // A stepped run goes on freely from the current line: the controls
-      // become those of a free run.
-      controls_.singleStepTicked = false;
-      controls_.singleStepEnabled = false;
-      controls_.runEnabled = false;
-      controls_.stepEnabled = false;
-      controls_.skipEnabled = false;
-      flags_.singleStepHold = false;
-      flags_.singleStepMode = false;
-      publishControls();
-      setStatus(kStatusRunning);
-    }
+    resume();
     return;
   }
   if (fileName_.empty()) return;
-  controls_.singleStepEnabled = false;
-  controls_.stepEnabled = false;
-  controls_.runEnabled = false;
   flags_.stopRequested = false;
-  controls_.stopEnabled = true;
-  controls_.fileMenuEnabled = false;
-  publishControls();
-  operator_.enlargeForRun();
+  RunEvent started;
+  started.kind = RunEventKind::kStarted;
+  started.text = fileName_;
+  publish(std::move(started));
   setStatus(kStatusRunning);
   flags_.singleStepHold = false;
   runLoop();
 }
 
-void Sequencer::setSingleStepBox(bool ticked) {
-  controls_.singleStepTicked = ticked;
-  if (!ticked || flags_.running || fileName_.empty()) {
-    publishControls();
-    return;
-  }
+void Sequencer::startStepping() {
+  if (flags_.running || fileName_.empty()) return;
   flags_.singleStepMode = true;
-  controls_.stopEnabled = true;
-  controls_.runEnabled = true;
-  controls_.stepEnabled = true;
-  controls_.skipEnabled = true;
-  // The box stays ticked while the run steps; Run or Stop ends the stepping.
-  controls_.singleStepEnabled = false;
-  controls_.fileMenuEnabled = false;
-  publishControls();
+  RunEvent started;
+  started.kind = RunEventKind::kStarted;
+  started.text = fileName_;
+  started.flag = true;
+  publish(std::move(started));
   setStatus(kStatusRunning);
   flags_.singleStepHold = true;
   events_.processPendingEvents();
   runLoop();
-  flags_.singleStepMode = false;
-  controls_.runEnabled = true;
-  controls_.stopEnabled = false;
-  controls_.stepEnabled = false;
-  controls_.skipEnabled = false;
-  publishControls();
 }
 
-void Sequencer::pressStep() {
+void Sequencer::pause() {
+  if (!flags_.running || flags_.singleStepMode || runEnding()) return;
+  flags_.singleStepMode = true;
+  flags_.singleStepHold = true;
+  pausedFromOutside_ = true;
+  publish(RunEventKind::kPaused);
+}
+
+void Sequencer::resume() {
+  // A held run goes on freely from the current line.
+  if (!flags_.running || !flags_.singleStepMode) return;
+  releasedBy_ = "resume";
+  flags_.singleStepHold = false;
+  flags_.singleStepMode = false;
+  pausedFromOutside_ = false;
+  publish(RunEventKind::kResumed);
+  setStatus(kStatusRunning);
+}
+
+void Sequencer::step() {
   flags_.stepExecute = true;
   flags_.singleStepHold = false;
-  operator_.enlargeForRun();
+  releasedBy_ = "step";
   events_.processPendingEvents();
 }
 
-void Sequencer::pressSkip() {
+void Sequencer::skip() {
   flags_.singleStepHold = false;
   flags_.stepExecute = false;
+  releasedBy_ = "skip";
 }
 
-void Sequencer::pressStop() {
+void Sequencer::stop() {
   flags_.jumpPending = true;
-  controls_.runEnabled = true;
-  controls_.stopEnabled = false;
-  controls_.skipEnabled = false;
-  controls_.stepEnabled = false;
-  controls_.singleStepEnabled = true;
-  if (flags_.singleStepMode) controls_.singleStepTicked = false;
   flags_.stopRequested = true;
+  RunEvent stopped;
+  stopped.kind = RunEventKind::kStopped;
+  stopped.flag = flags_.singleStepMode;
+  publish(std::move(stopped));
   setStatus(kStatusStopped);
-  controls_.fileMenuEnabled = true;
-  publishControls();
+  if (flags_.singleStepHold) releasedBy_ = "stop";
   flags_.singleStepHold = false;
   flags_.stepExecute = false;
   secondsTimer_.setEnabled(false);
@@ -324,15 +314,15 @@ void Sequencer::requestEnd(EndReason reason) {
 
 void Sequencer::requestAbort() {
   if (endReason_ == EndReason::kNone) endReason_ = EndReason::kAbort;
-  pressStop();
+  stop();
 }
 
 void Sequencer::requestLimitStop() {
   if (endReason_ == EndReason::kNone) endReason_ = EndReason::kLimit;
-  pressStop();
+  stop();
 }
 
-bool Sequencer::closeRequest() {
+bool Sequencer::mayClose() {
   if (!flags_.mustNotBeStopped) return true;
   Question question;
   question.kind = "QUESTION";
@@ -345,27 +335,10 @@ bool Sequencer::closeRequest() {
   return answer && *answer == "Yes";
 }
 
-void Sequencer::startUp(std::string_view commandLine) {
-  std::string name;
-  const std::string_view rest = trimLeft(commandLine);
-  if (!rest.empty() && rest[0] == '"') {
-    const size_t close = rest.find('"', 1);
-    name = rest.substr(1, close == std::string_view::npos ? std::string_view::npos : close - 1);
-  } else {
-    name = rest;
-    const std::string upper = upperCase(name);
-    const size_t flag = upper.rfind(" /A");
-    if (flag != std::string::npos && trim(upper.substr(flag + 3)).empty()) name.erase(flag);
-  }
-  name = std::string(trim(name));
-  if (!name.empty()) {
-    std::string error;
-    if (!prepareFile(name, &error)) showMessage(error);
-  }
-  if (upperCase(commandLine).find(" /A") != std::string::npos && !fileName_.empty()) {
-    flags_.autoStartPending = true;
-    secondsTimer_.setEnabled(true);
-  }
+void Sequencer::startAtNextSecond() {
+  if (fileName_.empty()) return;
+  flags_.autoStartPending = true;
+  secondsTimer_.setEnabled(true);
 }
 
 // --- The seconds timer -------------------------------------------------------
@@ -374,14 +347,17 @@ void Sequencer::secondsTick() {
   if (flags_.autoStartPending) {
     flags_.autoStartPending = false;
     secondsTimer_.setEnabled(false);
-    // Pressed from outside the tick, so that the timer runs during the run.
-    events_.post([this] { pressRun(); });
+    // Started from outside the tick, so that the timer runs during the run.
+    events_.post([this] { start(); });
     return;
   }
   if (!deadline_) return;
   const Micros left = *deadline_ - events_.now();
   timeoutSeconds_ = static_cast<int32_t>(std::floor(static_cast<double>(left) / kMicrosPerSecond));
-  operator_.showTimeout(timeoutSeconds_);
+  RunEvent timeout;
+  timeout.kind = RunEventKind::kTimeout;
+  timeout.number = timeoutSeconds_;
+  publish(std::move(timeout));
   if (timeoutSeconds_ < 0) flags_.timeoutExpired = true;
 }
 
@@ -400,7 +376,7 @@ bool Sequencer::continueInFile(const std::string& path, int16_t linesToSkip, std
   file_ = std::move(next);
   fileName_ = path;
   lineNumber_ = skipped;
-  operator_.showDataFileSpec(fileName_);
+  publish(RunEventKind::kFile, fileName_);
   return true;
 }
 
@@ -416,17 +392,23 @@ void Sequencer::reportSequenceError(std::string_view text) {
   const std::string message = "Sequence file: " + fileName_ + "\rError on line:" +
                               numberText(lineNumber_) + "\r" + std::string(text);
   lastError_ = text;
-  if (trace_.enabled()) {
-    auto event = trace_.event("message");
-    event.field("title", kErrorTitle).field("text", message);
-    if (errorDisplayOff_) event.field("shown", false);
-  }
+  RunEvent event;
+  event.kind = RunEventKind::kMessage;
+  event.title = kErrorTitle;
+  event.text = message;
+  event.flag = !errorDisplayOff_;
+  publish(std::move(event));
   if (!errorDisplayOff_) operator_.showMessage(kErrorTitle, message);
   requestEnd(EndReason::kError);
 }
 
 void Sequencer::showMessage(std::string_view text) {
-  if (trace_.enabled()) trace_.event("message").field("title", kErrorTitle).field("text", text);
+  RunEvent event;
+  event.kind = RunEventKind::kMessage;
+  event.title = kErrorTitle;
+  event.text = text;
+  event.flag = true;
+  publish(std::move(event));
   operator_.showMessage(kErrorTitle, text);
 }
 
@@ -458,6 +440,12 @@ Sequencer::AnswerWait Sequencer::awaitAnswer(const Question& question,
   EventLoop& loop = events_;
   AnswerWait wait;
   {
+    RunEvent prompt;
+    prompt.kind = RunEventKind::kPrompt;
+    prompt.title = question.kind;
+    prompt.text = question.text;
+    prompt.items = question.buttons;
+    publish(std::move(prompt));
     std::optional<EventLoop::OutsideWait> person;
     if (operator_.isPerson()) person.emplace(events_);
     operator_.ask(question, [&loop, result](Answer answer) {
@@ -475,15 +463,12 @@ Sequencer::AnswerWait Sequencer::awaitAnswer(const Question& question,
   } else {
     wait.answer = result->value_or(std::nullopt);
   }
-  if (trace_.enabled()) {
-    auto event = trace_.event("prompt");
-    event.field("kind", question.kind).field("text", question.text);
-    if (wait.answer) {
-      event.field("answer", *wait.answer);
-    } else {
-      event.field("answer", std::nullopt);
-    }
-  }
+  RunEvent answered;
+  answered.kind = RunEventKind::kAnswer;
+  answered.title = question.kind;
+  answered.text = question.text;
+  answered.answer = wait.answer;
+  publish(std::move(answered));
   return wait;
 }
 
@@ -532,20 +517,63 @@ bool Sequencer::replaceDefine(std::string_view name, std::string second, bool is
   return false;
 }
 
-void Sequencer::setStopEnabled(bool enabled) {
-  controls_.stopEnabled = enabled;
-  publishControls();
+void Sequencer::setStopAllowed(bool allowed) {
+  RunEvent event;
+  event.kind = RunEventKind::kStopAllowed;
+  event.flag = allowed;
+  publish(std::move(event));
 }
 
-void Sequencer::showCurrentCommand(std::string_view text) { operator_.showCurrentCommand(text); }
+void Sequencer::showCurrentCommand(std::string_view text) {
+  publish(RunEventKind::kCommand, std::string(text));
+}
 
 void Sequencer::setStatus(std::string_view status) {
   if (status == currentStatus_) return;
   currentStatus_ = status;
-  operator_.showRunStatus(status);
-  if (trace_.enabled()) trace_.event("status").field("text", status);
+  publish(RunEventKind::kStatus, currentStatus_);
 }
 
-void Sequencer::publishControls() { operator_.showControls(controls_); }
+void Sequencer::publish(RunEvent event) {
+  event.time = events_.now();
+  runEvents_.publish(event);
+}
+
+void Sequencer::publish(RunEventKind kind, std::string text) {
+  RunEvent event;
+  event.kind = kind;
+  event.text = std::move(text);
+  publish(std::move(event));
+}
+
+void Sequencer::traceEvent(const RunEvent& event) {
+  if (!trace_.enabled()) return;
+  switch (event.kind) {
+    case RunEventKind::kLine:
+      trace_.event("line").field("n", static_cast<int>(event.line)).field("text", event.text);
+      break;
+    case RunEventKind::kStatus:
+      trace_.event("status").field("text", event.text);
+      break;
+    case RunEventKind::kMessage: {
+      auto traced = trace_.event("message");
+      traced.field("title", event.title).field("text", event.text);
+      if (!event.flag) traced.field("shown", false);
+      break;
+    }
+    case RunEventKind::kAnswer: {
+      auto traced = trace_.event("prompt");
+      traced.field("kind", event.title).field("text", event.text);
+      if (event.answer) {
+        traced.field("answer", *event.answer);
+      } else {
+        traced.field("answer", std::nullopt);
+      }
+      break;
+    }
+    default:
+      break;
+  }
+}
 
 }  // namespace tavrix

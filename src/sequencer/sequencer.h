@@ -1,8 +1,10 @@
-// The run engine of the main window: the prepared sequence file, the run loop
-// and its run-control flags, the Run/Stop/Step/Skip buttons and the single
-// step box, the seconds timer with the timeout count-down, the sequence
-// error report, and the services that command handlers use (label search,
-// waits that keep the engine responsive, operator questions).
+// The run engine: the prepared sequence file, the run loop and its run-control
+// flags, the run commands (start, stop, pause, resume, step, skip), the
+// seconds timer with the time-out count-down, the sequence error report, the
+// run events it publishes, and the services that command handlers use (label
+// search, waits that keep the engine responsive, operator questions). It
+// knows no front end: what a window or a terminal shows of a run, each
+// builds from the run events.
 #pragma once
 
 #include <cstdint>
@@ -19,11 +21,12 @@
 #include "common/trace.h"
 #include "sequencer/dispatcher.h"
 #include "sequencer/operator.h"
+#include "sequencer/run_events.h"
 #include "sequencer/sequence_file.h"
 
 namespace tavrix {
 
-// Flags of the run (each a two-state switch of the main window).
+// Flags of the run.
 struct RunFlags {
   bool running = false;
   bool stopRequested = false;
@@ -31,7 +34,9 @@ struct RunFlags {
   bool timeoutExpired = false;
   bool timeoutPending = false;
   bool endRequested = false;
+  // The run holds before each line (stepping or paused) ...
   bool singleStepMode = false;
+  // ... and holds now, until step, skip, resume or stop.
   bool singleStepHold = false;
   bool stepExecute = false;
   bool mustNotBeStopped = false;
@@ -46,7 +51,7 @@ enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload, kLimit
 // When a wait ends early, in the variants that waits really differ by. Every
 // variant ends on a pending jump or a pending time-out action.
 enum class WaitRule {
-  // Only then: WAITSECONDS, whose delay timer the Stop button switches off,
+  // Only then: WAITSECONDS, whose delay timer stop() switches off,
   // and the top of a channel poll.
   kJumpOrTimeout,
   // Also on Stop: the timed waits (WAITRANDOM, WAITTIMEOFDAY, WAITDATETIME,
@@ -76,7 +81,6 @@ inline constexpr std::string_view kErrorTitle = "CV-TAVRIX";
 inline constexpr std::string_view kStatusReady = "Ready";
 inline constexpr std::string_view kStatusRunning = "Running";
 inline constexpr std::string_view kStatusStopped = "Stopped";
-inline constexpr std::string_view kCaption = "Corvane TAVRIX (b) v 7.00 (CC 6.01) (DBT 6.01)";
 
 class Sequencer {
  public:
@@ -93,7 +97,7 @@ class Sequencer {
   Trace& trace() { return trace_; }
   Dispatcher& dispatcher() { return dispatcher_; }
   // The run's flags, to look at; they change only through the operations
-  // below and the buttons.
+  // and run commands below.
   const RunFlags& flags() const { return flags_; }
 
   // --- The run state as handlers see it ------------------------------------
@@ -122,30 +126,44 @@ class Sequencer {
   // name, and shows "Ready". Returns false, with a message, when the file
   // cannot be read as a sequence (missing, unreadable, not text).
   bool prepareFile(const std::string& path, std::string* error);
-  // The file dialog; a cancelled dialog changes nothing.
-  void chooseSequenceFile();
   const std::string& sequenceFileName() const { return fileName_; }
   // Whether the file prepared last has lines that end in bare line feeds.
   bool sequenceHasBareLineFeeds() const { return file_.hasBareLineFeeds(); }
   // Lines read since the file was last opened (the number in error reports).
   int16_t lineNumber() const { return lineNumber_; }
 
-  // --- Buttons and the start-up of the window ------------------------------
-  void pressRun();
-  void pressStop();
-  void pressStep();
-  void pressSkip();
-  void setSingleStepBox(bool ticked);
-  // Whether the window may close (asks when the run must not be stopped).
-  bool closeRequest();
-  // Takes the program's command line: a sequence file name, optionally
-  // followed by " /A" for an automatic start at the first seconds tick.
-  void startUp(std::string_view commandLine);
+  // --- Run commands ---------------------------------------------------------
+  // Each runs on the engine thread (front ends post them, see Engine).
+  // Starts a free run of the prepared file and returns when it ends; on a
+  // held run, resume().
+  void start();
+  // Starts a run of the prepared file held before its first line, and
+  // returns when it ends. Nothing when a run is going or no file is prepared.
+  void startStepping();
+  // Starts a free run at the next tick of the seconds timer (one second from
+  // now), from outside that tick.
+  void startAtNextSecond();
+  // Ends the run at once: waits end, the line in progress ends early.
+  void stop();
+  // From the next line on, the run holds before each line as stepping does;
+  // outputs in progress, alarms and calculated channels go on.
+  void pause();
+  // A held run goes on freely from the held line.
+  void resume();
+  // Runs the held line, then holds before the next.
+  void step();
+  // Passes over the hold of the held line as step does (the line runs) but
+  // without marking it stepped.
+  void skip();
+  // Whether the run may be ended from outside now (closing the program):
+  // asks the operator while the run must not be stopped (NONSTOP), and only
+  // an explicit Yes allows it.
+  bool mayClose();
 
   // --- Services for command handlers ---------------------------------------
   // The sequence error report: a message box, then the run ends.
   void reportSequenceError(std::string_view text);
-  // A message box with an OK button, after which work goes on.
+  // A message the operator acknowledges, after which work goes on.
   void showMessage(std::string_view text);
   // The error display switch (SHOWERROROFF turns it off): sequence error
   // reports are then recorded but not shown in a box; they still end the run.
@@ -165,8 +183,8 @@ class Sequencer {
   // When no answer can come, reports that as a sequence error (the run
   // ends) and returns std::nullopt.
   Answer ask(const Question& question);
-  // As ask(), but the engine closes the question itself, as if the button
-  // `closedAs` had been pressed, as soon as `closeNow()` answers true.
+  // As ask(), but the engine closes the question itself, as if the answer
+  // `closedAs` had been given, as soon as `closeNow()` answers true.
   Answer ask(const Question& question, const std::function<bool()>& closeNow,
              std::string_view closedAs);
   // Before `question` is asked again because of its last answer (`why`: "it
@@ -229,19 +247,19 @@ class Sequencer {
   // per-file state.
   void addPrepareHook(std::function<void()> hook) { prepareHooks_.push_back(std::move(hook)); }
 
-  // The Stop button's enabled state (NONSTOP disables it for the run).
-  void setStopEnabled(bool enabled);
+  // Whether stop may be used from now on (NONSTOP forbids it for the run).
+  void setStopAllowed(bool allowed);
 
-  // Shows a line in the current command display.
+  // Shows a text in the current command display (a wait's count-down).
   void showCurrentCommand(std::string_view text);
 
   // Ends the run after the current line (STOP, a sequence error), and
   // remembers why unless a reason was already given.
   void requestEnd(EndReason reason);
-  // Ends the run at once as the Stop button does, as an abort.
+  // Ends the run at once as stop() does, as an abort.
   void requestAbort();
-  // Ends the run at once as the Stop button does, because a limit the front
-  // end set on the run's length was reached.
+  // Ends the run at once as stop() does, because a limit the front end set
+  // on the run's length was reached.
   void requestLimitStop();
 
   // Continues the run in another sequence file (CHAIN, RETURN): the file is
@@ -259,21 +277,23 @@ class Sequencer {
   // the file or when the line count overflows (a sequence error).
   bool readSectionLine(std::string& line) { return readNextLine(line); }
 
-  // Observers of every dispatched line: its number and its cleaned text, as
-  // the current command display shows it.
-  using LineObserver = std::function<void(int16_t lineNumber, std::string_view text)>;
-  void addLineObserver(LineObserver observer) { lineObservers_.push_back(std::move(observer)); }
+  // The run events: every dispatched line, status, question and answer,
+  // message, hold and the end. Subscribe from any thread.
+  RunEventBus& runEvents() { return runEvents_; }
+  // Publishes an event of a subsystem of the run (an output value, a UUT),
+  // stamped with the clock.
+  void publish(RunEvent event);
   // Hooks run after each dispatched line, with its line number (a front
   // end's limits on the run).
   void addLineHook(std::function<void(int16_t line)> hook) {
     lineHooks_.push_back(std::move(hook));
   }
 
-  // Hooks run by the Stop button (timers of long commands to switch off).
+  // Hooks run by stop() (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
 
   // Hooks run once when a run ends, whatever ended it (end of file, STOP, a
-  // sequence error, the Stop button), after the last line and before the
+  // sequence error, stop()), after the last line and before the
   // end reason is settled: a hook may still report a sequence error.
   void addRunEndHook(std::function<void()> hook) { runEndHooks_.push_back(std::move(hook)); }
 
@@ -284,7 +304,7 @@ class Sequencer {
   using BetweenLinesCheck = std::function<std::optional<std::string>(Sequencer&)>;
   void addBetweenLinesCheck(BetweenLinesCheck check) { betweenLines_.push_back(std::move(check)); }
 
-  // The text of the run status label ("Ready", "Running", "Stopped").
+  // The run status ("Ready", "Running", "Stopped").
   const std::string& runStatus() const { return currentStatus_; }
 
   EndReason endReason() const { return endReason_; }
@@ -311,8 +331,10 @@ class Sequencer {
   bool runBetweenLinesChecks();
   bool readNextLine(std::string& line);
   void setStatus(std::string_view status);
-  void publishControls();
+  void publish(RunEventKind kind, std::string text = {});
   void secondsTick();
+  // Writes the run events that the trace records.
+  void traceEvent(const RunEvent& event);
 
   EventLoop& events_;
   Operator& operator_;
@@ -321,7 +343,12 @@ class Sequencer {
   const PathMap& paths_;
   Dispatcher dispatcher_;
   RunFlags flags_;
-  RunControls controls_;
+  // What released the last hold ("step", "skip", "resume", "stop").
+  std::string releasedBy_;
+  // The hold waits for someone outside: a pause came from a front end.
+  bool pausedFromOutside_ = false;
+  RunEventBus runEvents_;
+  RunEventBus::Subscription traceWriter_;
   SequenceFile file_;
   std::string fileName_;
   std::string preparedName_;
@@ -332,7 +359,6 @@ class Sequencer {
   Timer secondsTimer_;
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
-  std::vector<LineObserver> lineObservers_;
   std::vector<std::function<void()>> runEndHooks_;
   std::vector<std::function<void(int16_t)>> lineHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;

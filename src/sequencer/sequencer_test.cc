@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 
@@ -20,7 +22,12 @@ class RunEngineTest : public ::testing::Test {
         trace_(clock_),
         seq_(events_, op_, trace_, files_, paths_) {
     RegisterSequencerCommands(seq_);
+    op_.watch(seq_.runEvents());
+    kinds_ = seq_.runEvents().subscribe([this](const RunEvent& e) { kinds.push_back(e.kind); });
   }
+
+  // How many events of a kind the run published.
+  long Count(RunEventKind kind) const { return std::count(kinds.begin(), kinds.end(), kind); }
 
   // Writes the lines with CR LF ends and prepares the file.
   void Load(const std::vector<std::string>& lines) {
@@ -34,7 +41,7 @@ class RunEngineTest : public ::testing::Test {
   // Runs and returns the text of the last sequence error ("" if none).
   std::string Run(const std::vector<std::string>& lines) {
     Load(lines);
-    seq_.pressRun();
+    seq_.start();
     return seq_.lastSequenceError();
   }
 
@@ -57,6 +64,8 @@ class RunEngineTest : public ::testing::Test {
   PathMap paths_{files_.dataRoot()};
   Sequencer seq_;
   std::string path_ = "/data/main.wts";
+  std::vector<RunEventKind> kinds;
+  RunEventBus::Subscription kinds_;
 };
 
 TEST_F(RunEngineTest, RunsToTheEndAndShowsTheStatus) {
@@ -64,8 +73,10 @@ TEST_F(RunEngineTest, RunsToTheEndAndShowsTheStatus) {
   EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
   EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready", "Running", "Stopped"}));
   EXPECT_FALSE(seq_.flags().running);
-  EXPECT_TRUE(op_.controls.runEnabled);
-  EXPECT_FALSE(op_.controls.stopEnabled);
+  EXPECT_EQ(kinds.front(), RunEventKind::kFile);
+  EXPECT_EQ(Count(RunEventKind::kStarted), 1);
+  EXPECT_EQ(Count(RunEventKind::kStopped), 1);
+  EXPECT_EQ(kinds.back(), RunEventKind::kEnd);
 }
 
 TEST_F(RunEngineTest, DispatchCleansTheLineAndMatchesWholeWordsOnly) {
@@ -91,7 +102,7 @@ TEST_F(RunEngineTest, StopEndsAfterItsLineAndTheNextRunStartsAtTheTop) {
   EXPECT_EQ(op_.statuses.back(), "Stopped");
   EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
   op_.commands.clear();
-  seq_.pressRun();
+  seq_.start();
   EXPECT_EQ(Shown(), (std::vector<std::string>{"A:", "STOP"}));
 }
 
@@ -125,7 +136,7 @@ TEST_F(RunEngineTest, TheTimeoutCountDownStandsStillDuringWaitSeconds) {
   std::vector<int32_t> shown;
   Timer watch(events_, kMicrosPerSecond, [&] { shown.push_back(op_.timeout); });
   watch.setEnabled(true);
-  seq_.pressRun();
+  seq_.start();
   // The seconds timer did not tick during the wait, so the display kept its
   // value; it is switched on again after the wait.
   ASSERT_FALSE(shown.empty());
@@ -158,19 +169,21 @@ TEST_F(RunEngineTest, SingleSteppingHoldsEachLineUntilStepOrSkip) {
   // A person presses Step, Skip, then Run, each ten seconds apart.
   Timer person(events_, 10 * kMicrosPerSecond, [&] {
     ++presses;
-    if (presses == 1) seq_.pressStep();
-    if (presses == 2) seq_.pressSkip();
-    if (presses == 3) seq_.pressRun();
+    if (presses == 1) seq_.step();
+    if (presses == 2) seq_.skip();
+    if (presses == 3) seq_.start();
   });
   person.setEnabled(true);
-  seq_.setSingleStepBox(true);
+  seq_.startStepping();
   // Line 1 waited for Step at 10 s and ran to 11 s; line 2 for Skip at 20 s
   // (the held line runs) to 22 s; line 3 for Run at 30 s, after which the
   // run is free: 34 s, 42 s.
   EXPECT_DOUBLE_EQ(Elapsed(), 42.0);
   EXPECT_EQ(presses, 4);
   EXPECT_FALSE(seq_.flags().singleStepMode);
-  EXPECT_FALSE(op_.controls.singleStepTicked);
+  EXPECT_EQ(Count(RunEventKind::kHold), 3);
+  EXPECT_EQ(Count(RunEventKind::kRelease), 3);
+  EXPECT_EQ(Count(RunEventKind::kResumed), 1);
 }
 
 TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
@@ -183,7 +196,7 @@ TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
     seq_.makeTimeoutPending();
   });
   fire.setEnabled(true);
-  seq_.pressRun();
+  seq_.start();
   EXPECT_EQ(seq_.lastSequenceError(), "");
   // The first wait ends at its first turn after 3 s; the label's line runs.
   EXPECT_DOUBLE_EQ(Elapsed(), 8.0);
@@ -191,34 +204,36 @@ TEST_F(RunEngineTest, APendingTimeoutRunsItsLabelBetweenLines) {
 
 TEST_F(RunEngineTest, AutomaticStartPressesRunAtTheFirstSecondsTick) {
   files_.put(path_, "WAITSECONDS 5\r\n");
-  seq_.startUp("\"" + path_ + "\" /a");
+  std::string error;
+  ASSERT_TRUE(seq_.prepareFile(path_, &error)) << error;
+  seq_.startAtNextSecond();
   EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready"}));
   events_.waitUntil([&] { return seq_.endReason() != EndReason::kNone; });
   EXPECT_EQ(op_.statuses, (std::vector<std::string>{"Ready", "Running", "Stopped"}));
   EXPECT_DOUBLE_EQ(Elapsed(), 6.0);
 
+  // Without a prepared file there is nothing to start.
   RecordingOperator other;
   Sequencer plain(events_, other, trace_, files_, paths_);
-  plain.startUp(path_);
-  EXPECT_EQ(plain.sequenceFileName(), path_);
+  plain.startAtNextSecond();
   EXPECT_FALSE(plain.flags().autoStartPending);
 }
 
 TEST_F(RunEngineTest, CloseAsksOnlyWhileTheRunMustNotBeStoppedAndNeedsAnExplicitYes) {
-  EXPECT_TRUE(seq_.closeRequest());
+  EXPECT_TRUE(seq_.mayClose());
   EXPECT_TRUE(op_.questions.empty());
   // No answer at all, No and Cancel each leave the run going; only Yes lets
   // the window close.
   std::vector<bool> allowed;
   op_.answers = {std::nullopt, std::string("No"), std::string("Cancel"), std::string("Yes")};
-  Timer closer(events_, kMicrosPerSecond, [&] { allowed.push_back(seq_.closeRequest()); });
+  Timer closer(events_, kMicrosPerSecond, [&] { allowed.push_back(seq_.mayClose()); });
   closer.setEnabled(true);
   EXPECT_EQ(Run({"NONSTOP", "WAITSECONDS 4", "WAITSECONDS 1"}), "");
   closer.setEnabled(false);
   EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
   EXPECT_DOUBLE_EQ(Elapsed(), 5.0);
   EXPECT_TRUE(op_.messages.empty());
-  EXPECT_FALSE(op_.controls.stopEnabled);
+  EXPECT_FALSE(op_.stopAllowed);
   ASSERT_GE(op_.questions.size(), 4u);
   EXPECT_EQ(op_.questions[0].text,
             "This application should not be  stopped\rDo you want to stop it ?");

@@ -65,6 +65,7 @@ class CommandTest : public ::testing::Test {
     RegisterCompanionCommands(seq_, companion_);
     RegisterOperatorEntryCommands(seq_, &channels_);
     paths_.setDrive('c', dir_ + "/c");
+    op_.watch(seq_.runEvents());
   }
 
   // Writes a file (CR LF line ends) under the temporary folder; returns its path.
@@ -79,7 +80,7 @@ class CommandTest : public ::testing::Test {
   std::string Run(const std::vector<std::string>& lines) {
     std::string error;
     EXPECT_TRUE(seq_.prepareFile(Write("main.wts", lines), &error)) << error;
-    seq_.pressRun();
+    seq_.start();
     return seq_.lastSequenceError();
   }
 

@@ -10,7 +10,7 @@ using Lines = std::vector<std::string>;
 class WaitsTest : public CommandTest {};
 
 TEST_F(WaitsTest, StopDuringAWaitEndsItAtTheNextEventCheck) {
-  Timer press(events_, 90 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  Timer press(events_, 90 * kMicrosPerSecond, [&] { seq_.stop(); });
   press.setEnabled(true);
   EXPECT_EQ(Run({"WAITSECONDS 3600", "WAITSECONDS 3600"}), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 90.0);

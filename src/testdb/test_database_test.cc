@@ -64,7 +64,7 @@ class TestDatabaseTest : public ::testing::Test {
     const std::string path = folder_.Write("seq.wts", lines);
     std::string error;
     EXPECT_TRUE(seq_.prepareFile(path, &error)) << error;
-    seq_.pressRun();
+    seq_.start();
     return seq_.lastSequenceError();
   }
 

@@ -56,7 +56,7 @@ inline LinkRun RunSequenceOver(
   EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
   std::unique_ptr<Timer> hook;
   if (duringRun) hook = duringRun(events);
-  seq.pressRun();
+  seq.start();
   trace.setOutput(nullptr);
   std::string traced;
   localFiles().readFile(tracePath, traced, nullptr);

@@ -62,7 +62,7 @@ class ChannelCommands {
   void imsFileSpec(const CommandLine& cmd) {
     std::string file(trim(cmd.arg1));
     if (file.empty()) {
-      FileDialog dialog;
+      FileChoice dialog;
       dialog.title = kTextSelectImsTitle;
       dialog.defaultExtension = "ims";
       dialog.fileName = "*.ims";

@@ -63,7 +63,7 @@ class ChannelCommandsTest : public ::testing::Test {
     EXPECT_TRUE(seq_.prepareFile(path_, &error)) << error;
     recorder_->sent.clear();
     runStart_ = clock_.now();
-    seq_.pressRun();
+    seq_.start();
     return seq_.lastSequenceError();
   }
   double Elapsed() const { return static_cast<double>(clock_.now() - runStart_) / 1e6; }
@@ -121,7 +121,7 @@ TEST_F(ChannelCommandsTest, WaitGoesOnThroughErrReadingsAndEndsOnStopOrTimeout) 
   fix.setEnabled(false);
 
   // Stop ends the wait at the next turn.
-  Timer stop(events_, 90 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  Timer stop(events_, 90 * kMicrosPerSecond, [&] { seq_.stop(); });
   stop.setEnabled(true);
   EXPECT_EQ(Run({"WAIT TEMP2 > 1000", "SEND TEMP2, 1"}), "");
   EXPECT_NEAR(Elapsed(), 90.0, 0.1001);
@@ -139,7 +139,7 @@ TEST_F(ChannelCommandsTest, ATimeoutThatFiredInsideAWaitIsSpentAndRunsItsDefine)
   // a failure rather than a hang.
   int lines = 0;
   seq_.addBetweenLinesCheck([&](Sequencer& s) -> std::optional<std::string> {
-    if (++lines > 1000) s.pressStop();
+    if (++lines > 1000) s.stop();
     return std::nullopt;
   });
   // The time-out fires inside the first WAIT; behind the label neither the
@@ -239,7 +239,7 @@ TEST_F(ChannelCommandsTest, FaultsBecomeSequenceErrorsOrEndTheWaitAsDocumented) 
   // a write asks for its REP again and again until Stop ends the run.
   EXPECT_EQ(Run({"WAIT STUCK = 4", "SEND TEMP2, 6"}), "");
   EXPECT_EQ(Read("TEMP2"), "6");
-  Timer stop(events_, 300 * kMicrosPerSecond, [&] { seq_.pressStop(); });
+  Timer stop(events_, 300 * kMicrosPerSecond, [&] { seq_.stop(); });
   stop.setEnabled(true);
   EXPECT_EQ(Run({"SEND STUCK, 1", "SEND TEMP2, 7"}), "");
   stop.setEnabled(false);
@@ -267,7 +267,7 @@ TEST_F(ChannelCommandsTest, TheSetupFileMayBeChosenByTheOperator) {
   files_.put(path_, "IMSFILESPEC\r\nIMSFILESPEC\r\nSEND TEMP2, 8\r\n");
   std::string error;
   ASSERT_TRUE(seq_.prepareFile(path_, &error));
-  seq_.pressRun();
+  seq_.start();
   EXPECT_EQ(seq_.lastSequenceError(), "");
   EXPECT_EQ(Read("TEMP2"), "8");
 

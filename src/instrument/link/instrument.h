@@ -4,6 +4,7 @@
 // that a program links only the backends it uses.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,6 +46,10 @@ class Instrument {
   // error set when it did not.
   bool writeOutput(std::string_view channel, std::string_view value);
   bool lastOutputStatus() const { return lastOutputStatus_; }
+  // Called with each output value that went through (the engine publishes
+  // it as a run event).
+  using OutputWatcher = std::function<void(std::string_view channel, std::string_view value)>;
+  void watchOutputs(OutputWatcher watcher) { outputWatcher_ = std::move(watcher); }
 
   // A WAIT on a condition compared after `seconds` of waiting.
   void recordWaitDuration(float seconds) { lastWaitDuration_ = seconds; }
@@ -62,6 +67,7 @@ class Instrument {
   bool open_ = false;
   float lastWaitDuration_ = 0;
   bool lastOutputStatus_ = true;
+  OutputWatcher outputWatcher_;
 };
 
 }  // namespace tavrix

@@ -111,7 +111,7 @@ TEST(WaitAlarm, HoldsUntilTheAlarmThenUntilNoAlarm) {
 TEST(WaitAlarm, EndsOnStopAndOnTheSequenceTimeOut) {
   {
     OutputRun run;
-    Timer stop(run.events(), 3'000'000, [&] { run.seq().pressStop(); });
+    Timer stop(run.events(), 3'000'000, [&] { run.seq().stop(); });
     stop.setEnabled(true);
     run.run({"WAITALARM LEAK", "SEND OUT1, 1"});
     EXPECT_TRUE(run.writes().empty());
@@ -138,7 +138,7 @@ TEST(WaitAlarm, EndsOnStopAndOnTheSequenceTimeOut) {
     std::string rig(kOutputRig);
     rig += "D 3 NOTREADY=30000\n  30001 E=1 M=A N=DEAD\n";
     OutputRun run;
-    Timer stop(run.events(), 200 * kMicrosPerSecond, [&] { run.seq().pressStop(); });
+    Timer stop(run.events(), 200 * kMicrosPerSecond, [&] { run.seq().stop(); });
     stop.setEnabled(true);
     EXPECT_EQ(run.run({"WAITNOALARM", "SEND OUT1, 1"}, rig), "");
     EXPECT_TRUE(run.writes("OUT1").empty());

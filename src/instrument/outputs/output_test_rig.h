@@ -94,7 +94,7 @@ class OutputRun {
     files_.put(base + ".wts", text);
     std::string error;
     EXPECT_TRUE(seq_.prepareFile(base + ".wts", &error)) << error;
-    seq_.pressRun();
+    seq_.start();
     return seq_.lastSequenceError();
   }
 

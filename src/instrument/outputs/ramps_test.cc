@@ -124,7 +124,7 @@ TEST(Ramp, BadInputIsReportedAndWritesNothing) {
 
 TEST(Ramp, StopEndsTheRampAtItsNextWait) {
   OutputRun run;
-  Timer stop(run.events(), 1'200'000, [&] { run.seq().pressStop(); });
+  Timer stop(run.events(), 1'200'000, [&] { run.seq().stop(); });
   stop.setEnabled(true);
   run.run({"RAMP OUT1, 0 TO 10 OVER 5 IN 10", "SEND DIG1, 1"});
   EXPECT_EQ(run.writes("OUT1"), Writes("OUT1", {{0, " 0"}, {0.5, " 1"}, {1, " 2"}}));

@@ -152,7 +152,7 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
     server = std::make_unique<ServerThread>(port);
   });
   kill.setEnabled(true);
-  seq.pressRun();
+  seq.start();
   kill.setEnabled(false);
   EXPECT_EQ(seq.lastSequenceError(), "IML error - unable to talk to device: 1");
   EXPECT_EQ(server->port(), port);
@@ -160,7 +160,7 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
   // The new server has a fresh rig: the next run loads the setup into it and
   // both writes arrive.
   ASSERT_TRUE(seq.prepareFile(sequence, &error)) << error;
-  seq.pressRun();
+  seq.start();
   EXPECT_EQ(seq.lastSequenceError(), "");
   std::string value;
   ASSERT_TRUE(instrument->channels().ReadChannel("HEATER", value));

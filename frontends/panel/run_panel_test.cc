@@ -1,0 +1,143 @@
+// The run panel against a real engine on a virtual clock: the controls of
+// a free run, a stepped run and a NONSTOP run, seen by two panels subscribed
+// to the same engine; and the start-up command line.
+#include "panel/run_panel.h"
+
+#include <gtest/gtest.h>
+
+#include "engine/engine.h"
+#include "sequencer/recording_operator.h"
+
+namespace tavrix {
+namespace {
+
+constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
+
+class RunPanelTest : public ::testing::Test {
+ protected:
+  RunPanelTest() {
+    auto files = std::make_unique<MemoryFileSystem>("/data");
+    files_ = files.get();
+    EngineConfig config;
+    config.clock = std::make_unique<VirtualClock>(kStart);
+    config.files = std::move(files);
+    config.op = &op_;
+    engine_ = BuildEngine(std::move(config));
+    first_ = engine_->subscribe([this](const RunEvent& e) { Take(e); });
+    second_ = engine_->subscribe([this](const RunEvent& e) { other_.apply(e); });
+  }
+
+  void Take(const RunEvent& event) {
+    panel_.apply(event);
+    if (onEvent) onEvent(event);
+  }
+
+  void Prepare(const std::string& text) {
+    files_->put("/data/main.wts", text);
+    engine_->prepare("/data/main.wts");
+    engine_->events().processPendingEvents();
+  }
+
+  RecordingOperator op_;
+  MemoryFileSystem* files_ = nullptr;
+  std::unique_ptr<Engine> engine_;
+  RunPanel panel_;
+  RunPanel other_;
+  std::function<void(const RunEvent&)> onEvent;
+  RunEventBus::Subscription first_;
+  RunEventBus::Subscription second_;
+};
+
+TEST_F(RunPanelTest, AFreeRunLocksTheFileItemsAndFreesRunAtItsEnd) {
+  Prepare("WAITSECONDS 2\r\nWAITSECONDS 3\r\n");
+  EXPECT_TRUE(panel_.controls().runEnabled);
+  EXPECT_FALSE(panel_.controls().stepEnabled);
+  EXPECT_TRUE(panel_.controls().singleStepEnabled);
+  EXPECT_FALSE(panel_.running());
+  EXPECT_EQ(panel_.fileName(), "/data/main.wts");
+
+  std::vector<RunControls> during;
+  onEvent = [&](const RunEvent& e) {
+    if (e.kind == RunEventKind::kLine) during.push_back(panel_.controls());
+  };
+  engine_->start();
+  engine_->events().processPendingEvents();
+  ASSERT_EQ(during.size(), 2u);
+  for (const RunControls& c : during) {
+    EXPECT_FALSE(c.runEnabled);
+    EXPECT_TRUE(c.stopEnabled);
+    EXPECT_FALSE(c.singleStepEnabled);
+    EXPECT_FALSE(c.fileMenuEnabled);
+  }
+  EXPECT_TRUE(panel_.controls().runEnabled);
+  EXPECT_FALSE(panel_.controls().stopEnabled);
+  EXPECT_TRUE(panel_.controls().fileMenuEnabled);
+  EXPECT_EQ(panel_.status(), "Stopped");
+  EXPECT_EQ(panel_.lineNumber(), 2);
+  // The second front end saw the very same run.
+  EXPECT_EQ(other_.controls(), panel_.controls());
+  EXPECT_EQ(other_.status(), panel_.status());
+}
+
+TEST_F(RunPanelTest, TheSingleStepBoxStepsUntilRunFreesTheRun) {
+  Prepare("WAITSECONDS 1\r\nWAITSECONDS 2\r\nWAITSECONDS 4\r\n");
+  // Ticking the box without a run asks the engine for a stepped run;
+  // clearing it asks nothing.
+  EXPECT_FALSE(panel_.tickSingleStep(false));
+  EXPECT_FALSE(panel_.controls().singleStepTicked);
+  ASSERT_TRUE(panel_.tickSingleStep(true));
+
+  std::vector<RunControls> atHold;
+  onEvent = [&](const RunEvent& e) {
+    if (e.kind != RunEventKind::kHold) return;
+    atHold.push_back(panel_.controls());
+    EXPECT_TRUE(panel_.held());
+    if (atHold.size() == 1) engine_->step();
+    if (atHold.size() == 2) engine_->start();  // Run: on freely from here
+  };
+  engine_->startStepping();
+  engine_->events().processPendingEvents();
+  ASSERT_EQ(atHold.size(), 2u);
+  for (const RunControls& c : atHold) {
+    EXPECT_TRUE(c.runEnabled && c.stopEnabled && c.stepEnabled && c.skipEnabled);
+    EXPECT_TRUE(c.singleStepTicked);
+    EXPECT_FALSE(c.singleStepEnabled);
+    EXPECT_FALSE(c.fileMenuEnabled);
+  }
+  EXPECT_FALSE(panel_.held());
+  EXPECT_FALSE(panel_.controls().singleStepTicked);
+  EXPECT_TRUE(panel_.controls().runEnabled);
+  EXPECT_FALSE(panel_.controls().stopEnabled || panel_.controls().stepEnabled ||
+               panel_.controls().skipEnabled);
+  EXPECT_TRUE(panel_.controls().singleStepEnabled);
+  EXPECT_EQ(other_.controls(), panel_.controls());
+}
+
+TEST_F(RunPanelTest, NonStopTakesStopAwayForTheRun) {
+  Prepare("NONSTOP\r\nWAITSECONDS 1\r\n");
+  bool stopDuringWait = true;
+  onEvent = [&](const RunEvent& e) {
+    if (e.kind == RunEventKind::kLine && e.line == 2)
+      stopDuringWait = panel_.controls().stopEnabled;
+  };
+  engine_->start();
+  engine_->events().processPendingEvents();
+  EXPECT_FALSE(stopDuringWait);
+  EXPECT_TRUE(panel_.controls().runEnabled);
+}
+
+TEST(StartCommandLine, TakesTheFileQuotedOrNotAndTheAutomaticStart) {
+  const StartCommandLine quoted = ParseStartCommandLine("\"/seq/a b.wts\" /a");
+  EXPECT_EQ(quoted.file, "/seq/a b.wts");
+  EXPECT_TRUE(quoted.autoStart);
+  const StartCommandLine plain = ParseStartCommandLine("  /seq/a.wts /A  ");
+  EXPECT_EQ(plain.file, "/seq/a.wts");
+  EXPECT_TRUE(plain.autoStart);
+  const StartCommandLine named = ParseStartCommandLine("/seq/b.wts");
+  EXPECT_EQ(named.file, "/seq/b.wts");
+  EXPECT_FALSE(named.autoStart);
+  EXPECT_EQ(ParseStartCommandLine("").file, "");
+}
+
+}  // namespace
+}  // namespace tavrix
