@@ -6,13 +6,15 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "bench_support.h"
+#include "common/file_system.h"
 #include "engine/engine.h"
 #include "resultsdb/results_recorder.h"
-#include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
 #include "timing.h"
 
@@ -30,11 +32,13 @@ StoredUut BenchUut(int n, int checks = 20) {
   return u;
 }
 
-// UUTs a second written straight into `spec`, in batches of 64.
-double StoreRate(const StoreSpec& spec, int count) {
+// UUTs a second written straight into `spec`, in batches of 64; `setup`
+// (when given) is run on the connection first.
+double StoreRate(const StoreSpec& spec, int count, const char* setup = nullptr) {
   std::string error;
   auto store = OpenResultsStore(spec, &error);
   if (!store) return 0;
+  if (setup && !store->connection().script(setup, &error)) return 0;
   std::vector<StoredUut> batch;
   const double start = WallSeconds();
   const double cpu = CpuSeconds();
@@ -54,22 +58,32 @@ double StoreRate(const StoreSpec& spec, int count) {
 
 // UUTs a second from the first submit until the queue is empty: the
 // journal write on the submitting thread, the store thread's batches.
-double RecorderRate(const StoreSpec& spec, const std::string& journal, int count, int offset) {
-  ResultsQueue queue(localFiles(), journal);
-  queue.open(nullptr);
-  ResultsRecorder recorder(queue, [spec](std::string* e) -> std::unique_ptr<ResultsStore> {
-    return OpenResultsStore(spec, e);
-  });
-  recorder.start();
+// `runs` runs at once share the journal (threads here, each with a queue and
+// a recorder of its own, as processes would have), `count` UUTs in all.
+double RecorderRate(const StoreSpec& spec, const std::string& journal, int count, int offset,
+                    int runs = 1) {
   const double start = WallSeconds();
-  for (int n = 0; n < count; ++n) {
-    StoredUut u = BenchUut(offset + n);
-    recorder.submit(u, nullptr);
+  std::vector<std::thread> threads;
+  std::atomic<bool> allDone{true};
+  for (int r = 0; r < runs; ++r) {
+    threads.emplace_back([&, r] {
+      ResultsQueue queue(localFiles(), journal, StoreKey(spec));
+      queue.open(nullptr);
+      ResultsRecorder recorder(queue, [spec](std::string* e) -> std::unique_ptr<ResultsStore> {
+        return OpenResultsStore(spec, e);
+      });
+      recorder.start();
+      for (int n = r; n < count; n += runs) {
+        StoredUut u = BenchUut(offset + n);
+        recorder.submit(u, nullptr);
+      }
+      if (!recorder.flush(std::chrono::minutes(10))) allDone = false;
+      recorder.stop();
+    });
   }
-  const bool done = recorder.flush(std::chrono::minutes(10));
+  for (auto& t : threads) t.join();
   const double took = WallSeconds() - start;
-  recorder.stop();
-  return done ? count / took : 0;
+  return allDone ? count / took : 0;
 }
 
 std::string Rate(double perSecond) {
@@ -79,9 +93,14 @@ std::string Rate(double perSecond) {
 const RegisterTiming kSqliteRate("resultsdb_sqlite", [] {
   testing::TempFolder folder;
   const StoreSpec spec{StoreSpec::Kind::kSqlite, folder.file("results.sqlite")};
+  const StoreSpec normal{StoreSpec::Kind::kSqlite, folder.file("normal.sqlite")};
   return Rows{{"Results store, file: 10,000 UUTs x 20 checks", Rate(StoreRate(spec, 10000))},
+              {"  the same with synchronous = NORMAL (no flush at each commit)",
+               Rate(StoreRate(normal, 10000, "PRAGMA synchronous = NORMAL"))},
               {"  1,000 through the queue (a disk flush each) and its thread",
-               Rate(RecorderRate(spec, folder.file("q.journal"), 1000, 10000))}};
+               Rate(RecorderRate(spec, folder.file("q.journal"), 1000, 10000))},
+              {"  1,000 through one journal shared by 4 runs at once",
+               Rate(RecorderRate(spec, folder.file("q.journal"), 1000, 20000, 4))}};
 });
 
 const RegisterTiming kPostgresRate("resultsdb_postgres", [] {

@@ -6,8 +6,12 @@
 
 #include "common/file_system.h"
 #include "common/paths.h"
+#include "common/trace.h"
 #include "instrument/link/instrument_settings.h"
+#include "resultsdb/postgres_connection.h"
 #include "resultsdb/results_import.h"
+#include "resultsdb/results_queue.h"
+#include "resultsdb/results_recorder.h"
 #include "resultsdb/results_store.h"
 #include "resultsdb/uut_capture.h"
 
@@ -21,8 +25,17 @@ using nlohmann::json;
 // table fits a terminal whatever the data.
 constexpr size_t kWidestColumn = 28;
 
+// Every cell as the store holds it, its control characters made visible (a
+// serial number or a refusal text may hold any byte). The last column is
+// shown whole: nothing follows it that it could push out of line.
 void PrintTable(std::FILE* out, const std::vector<std::string>& headers,
-                const std::vector<std::vector<std::string>>& rows) {
+                const std::vector<std::vector<std::string>>& rawRows) {
+  std::vector<std::vector<std::string>> rows;
+  rows.reserve(rawRows.size());
+  for (const auto& raw : rawRows) {
+    auto& row = rows.emplace_back();
+    for (const auto& cell : raw) row.push_back(visibleText(cell));
+  }
   std::vector<size_t> widths;
   for (const auto& h : headers) widths.push_back(h.size());
   for (const auto& row : rows) {
@@ -34,11 +47,9 @@ void PrintTable(std::FILE* out, const std::vector<std::string>& headers,
     std::string line;
     for (size_t c = 0; c < cells.size() && c < widths.size(); ++c) {
       std::string cell = cells[c];
-      for (char& ch : cell) {
-        if (ch == '\t' || ch == '\r' || ch == '\n') ch = ' ';
-      }
-      if (cell.size() > widths[c]) cell = cell.substr(0, widths[c] - 1) + "~";
-      if (c + 1 < cells.size()) cell.resize(widths[c], ' ');
+      const bool last = c + 1 == cells.size();
+      if (!last && cell.size() > widths[c]) cell = cell.substr(0, widths[c] - 1) + "~";
+      if (!last) cell.resize(widths[c], ' ');
       line += (c ? "  " : "") + cell;
     }
     while (!line.empty() && line.back() == ' ') line.pop_back();
@@ -105,8 +116,8 @@ std::string Percent(int passed, int tested) {
 }  // namespace
 
 ResultsCommands::ResultsCommands(CLI::App& app) {
-  results_ =
-      app.add_subcommand("results", "Query the results store: list, show, export, yield, import");
+  results_ = app.add_subcommand(
+      "results", "Query the results store: list, show, export, yield, import, queue");
   results_->require_subcommand(1);
   auto common = [this](CLI::App* c) {
     c->add_option("--store", options_.store,
@@ -146,6 +157,90 @@ ResultsCommands::ResultsCommands(CLI::App& app) {
   import_->add_option("FOLDER", options_.folder, "Folder of results files (.txt, .xml)")
       ->required();
   import_->add_option("--station", options_.station, "Station of the imported records");
+  queue_ = results_->add_subcommand(
+      "queue", "UUT records that wait in the data root's journal, and the store each waits for");
+  common(queue_);
+  queue_->add_flag("--retry", options_.retry, "Deliver what waits to its store now");
+}
+
+int ResultsCommands::runQueue(const std::optional<StoreSpec>& only, std::FILE* out,
+                              std::FILE* err) {
+  const ResultsOptions& o = options_;
+  const std::string root = defaultDataRoot();
+  const std::string journal = join(root, kQueueFileName);
+  const std::string defaultStore = StoreKey({StoreSpec::Kind::kSqlite, join(root, kStoreFileName)});
+  const std::string onlyKey = only ? StoreKey(*only) : "";
+  std::string error;
+  std::vector<QueuedRecord> records;
+  auto read = [&] {
+    records.clear();
+    if (!ResultsQueue::ReadAll(localFiles(), journal, defaultStore, records, &error)) return false;
+    if (!onlyKey.empty()) {
+      std::erase_if(records, [&](const QueuedRecord& r) { return r.store != onlyKey; });
+    }
+    return true;
+  };
+  if (!read()) {
+    std::fprintf(err, "tavrix-cli results: %s\n", error.c_str());
+    return kResultsFailed;
+  }
+  int status = kResultsDone;
+  if (o.retry) {
+    // Each store once, in the order its first record waits.
+    std::vector<std::string> stores;
+    for (const auto& r : records) {
+      if (!r.setAside && std::find(stores.begin(), stores.end(), r.store) == stores.end())
+        stores.push_back(r.store);
+    }
+    for (const auto& store : stores) {
+      StoreSpec spec;
+      if (only && onlyKey == store) {
+        spec = *only;  // as given: its password too
+      } else if (IsPostgresConninfo(store)) {
+        spec = {StoreSpec::Kind::kPostgres, store};
+      } else {
+        spec = {StoreSpec::Kind::kSqlite, store};
+      }
+      ResultsQueue queue(localFiles(), journal, store);
+      ResultsRecorder recorder(queue, [spec](std::string* e) -> std::unique_ptr<ResultsStore> {
+        return OpenResultsStore(spec, e);
+      });
+      const size_t written = recorder.drain();
+      const size_t left = queue.size();
+      std::fprintf(err, "tavrix-cli results: %zu UUT record%s delivered to %s\n", written,
+                   written == 1 ? "" : "s", visibleText(DescribeStoreSpec(spec)).c_str());
+      if (left > 0) {
+        std::fprintf(err, "tavrix-cli results: %zu still wait%s: %s\n", left, left == 1 ? "s" : "",
+                     visibleText(recorder.lastError()).c_str());
+        status = kResultsFailed;
+      }
+    }
+    if (!read()) {
+      std::fprintf(err, "tavrix-cli results: %s\n", error.c_str());
+      return kResultsFailed;
+    }
+  }
+  if (o.json) {
+    json array = json::array();
+    for (const auto& r : records) {
+      json j = {{"store", r.store},
+                {"key", r.uut.key},
+                {"serial", r.uut.serial},
+                {"ended", r.uut.endedAt},
+                {"state", r.setAside ? "set aside" : "waiting"}};
+      if (r.setAside) j["reason"] = r.reason;
+      array.push_back(j);
+    }
+    PrintJson(out, array);
+    return status;
+  }
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& r : records) {
+    rows.push_back(
+        {r.uut.endedAt, r.uut.serial, r.store, r.setAside ? "set aside: " + r.reason : "waiting"});
+  }
+  PrintTable(out, {"Ended", "Serial", "Store", "State"}, rows);
+  return status;
 }
 
 std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
@@ -178,14 +273,20 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
   if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), defaultDataRoot(), spec, &error)) {
     return usage(error);
   }
+  if (queue_->parsed()) {
+    // Every store's records unless one is named.
+    const bool named = o.store || !settings.resultsStore.empty();
+    if (named && spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
+    return runQueue(named ? std::optional<StoreSpec>(spec) : std::nullopt, out, err);
+  }
   if (spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
   std::unique_ptr<SqlResultsStore> store = OpenResultsStore(spec, &error);
   if (!store) {
-    std::fprintf(err, "tavrix-cli results: %s\n", error.c_str());
+    std::fprintf(err, "tavrix-cli results: %s\n", visibleText(error).c_str());
     return kResultsFailed;
   }
   auto failed = [&] {
-    std::fprintf(err, "tavrix-cli results: %s\n", error.c_str());
+    std::fprintf(err, "tavrix-cli results: %s\n", visibleText(error).c_str());
     return kResultsFailed;
   };
 
@@ -228,10 +329,13 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
                    "Serial_Number: %s\nResult: %s\nTest: %s (version %s)\nStation: %s\n"
                    "Sequence: %s\nDefinition: %s\nOperator(s): %s\nDescription: %s\n"
                    "Test date: %s\nStarted: %s\nEnded: %s\n\n",
-                   u.serial.c_str(), u.passed ? "PASS" : "FAIL", u.testTitle.c_str(),
-                   u.testVersion.c_str(), u.station.c_str(), u.sequenceFile.c_str(),
-                   u.testDefinition.c_str(), u.operators.c_str(), u.description.c_str(),
-                   u.testDate.substr(0, 10).c_str(), u.startedAt.c_str(), u.endedAt.c_str());
+                   visibleText(u.serial).c_str(), u.passed ? "PASS" : "FAIL",
+                   visibleText(u.testTitle).c_str(), visibleText(u.testVersion).c_str(),
+                   visibleText(u.station).c_str(), visibleText(u.sequenceFile).c_str(),
+                   visibleText(u.testDefinition).c_str(), visibleText(u.operators).c_str(),
+                   visibleText(u.description).c_str(),
+                   visibleText(u.testDate.substr(0, 10)).c_str(), visibleText(u.startedAt).c_str(),
+                   visibleText(u.endedAt).c_str());
       std::vector<std::vector<std::string>> rows;
       for (const auto& c : u.checks) {
         rows.push_back({std::to_string(c.step), std::to_string(c.row), c.kind, c.parameter,

@@ -6,6 +6,8 @@
 //   export    records with their checks as CSV or JSON
 //   yield     pass rate per test and station per day
 //   import    loads the details files of a results folder into the store
+//   queue     the records that wait in the data root's journal, and for
+//             which store; --retry delivers them
 #pragma once
 
 #include <cstdio>
@@ -21,7 +23,7 @@ namespace tavrix {
 // Exit statuses of `tavrix-cli results`.
 constexpr int kResultsDone = 0;
 constexpr int kResultsFailed = 1;  // the store cannot be opened or read; import skipped a file;
-                                   // show found no UUT
+                                   // show found no UUT; queue --retry left records waiting
 constexpr int kResultsUsage = 2;
 
 struct ResultsOptions {
@@ -38,7 +40,10 @@ struct ResultsOptions {
   bool csv = false;
   std::string output;  // export: a file instead of standard output
   std::string folder;  // import
+  bool retry = false;  // queue
 };
+
+struct StoreSpec;
 
 class ResultsCommands {
  public:
@@ -47,6 +52,9 @@ class ResultsCommands {
   std::optional<int> run(std::FILE* out, std::FILE* err);
 
  private:
+  // `results queue`: what waits (for `only`, or for every store).
+  int runQueue(const std::optional<StoreSpec>& only, std::FILE* out, std::FILE* err);
+
   ResultsOptions options_;
   CLI::App* results_;
   CLI::App* list_;
@@ -54,6 +62,7 @@ class ResultsCommands {
   CLI::App* export_;
   CLI::App* yield_;
   CLI::App* import_;
+  CLI::App* queue_;
 };
 
 }  // namespace tavrix

@@ -3,14 +3,17 @@
 #include "results_commands.h"
 
 #include <gmock/gmock.h>
-#include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "cli_test_support.h"
 #include "common/file_system.h"
 #include "resultsdb/results_queue.h"
+#include "resultsdb/results_store.h"
 
 namespace tavrix {
 namespace {
@@ -133,14 +136,97 @@ TEST_F(ResultsCliTest, AServerThatCannotBeReachedNeitherEndsTheRunNorLosesItsRec
   const std::string trace = Read("trace.jsonl");
   EXPECT_THAT(trace, HasSubstr("\"ev\":\"results_store\""));
   EXPECT_THAT(trace, Not(HasSubstr(secret)));
-  ResultsQueue queue(localFiles(), Path("home/results-queue.journal"));
+  ResultsQueue queue(localFiles(), Path("home/results-queue.journal"),
+                     StoreKey({StoreSpec::Kind::kPostgres, unreachable}));
   ASSERT_TRUE(queue.open(nullptr));
   EXPECT_EQ(queue.size(), 2u);
 
-  // The next run, with a store it can reach, sends them first.
+  // The next run, with another store, leaves them for the server they were
+  // made for.
   ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
   ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
-  EXPECT_EQ(json::parse(out_).size(), 4u);
+  EXPECT_EQ(json::parse(out_).size(), 2u);
+  EXPECT_EQ(queue.size(), 2u);
+
+  // `results queue` tells what waits and for which store; --retry tries it.
+  ASSERT_EQ(Cli({"results", "queue", "--json"}), kResultsDone) << err_;
+  const json waiting = json::parse(out_);
+  ASSERT_EQ(waiting.size(), 2u);
+  EXPECT_THAT(waiting[0]["store"].get<std::string>(), HasSubstr("user=plant"));
+  EXPECT_EQ(waiting[0]["state"], "waiting");
+  EXPECT_THAT(out_, Not(HasSubstr(secret)));
+  EXPECT_EQ(Cli({"results", "queue", "--retry"}), kResultsFailed);
+  EXPECT_THAT(err_, HasSubstr("2 still wait"));
+  EXPECT_THAT(out_, HasSubstr("waiting"));
+  EXPECT_EQ(queue.size(), 2u);
+  EXPECT_EQ(Cli({"results", "queue", "--store", "sqlite"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, Not(HasSubstr("waiting")));
+
+  // A record its store refused is shown with the reason and not sent again.
+  ASSERT_TRUE(
+      queue.setAside(waiting[0]["key"].get<std::string>(), "value out of range: \x1b[2J", nullptr));
+  EXPECT_EQ(Cli({"results", "queue"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("set aside: value out of range: \\x1B[2J"));
+  EXPECT_THAT(out_, HasSubstr("waiting"));
+  EXPECT_EQ(queue.size(), 1u);
+}
+
+TEST_F(ResultsCliTest, AJournalThatCannotBeWrittenIsReportedAsLossUnlessTheStoreTakesTheRecords) {
+  // A folder where the journal would be: it can be neither read nor written.
+  std::filesystem::create_directories(Path("home/results-queue.journal"));
+  File("not a folder", "");
+  ASSERT_EQ(RunExample({"--results-store", "sqlite:" + Path("not a folder/results.sqlite")}),
+            kExitOutputLost)
+      << err_;
+  EXPECT_THAT(err_, HasSubstr("2 UUT records are lost to "));
+  EXPECT_THAT(err_, HasSubstr("the results files still hold them: "));
+  EXPECT_THAT(err_, HasSubstr("SN_1234_261115_144035.txt"));
+  EXPECT_THAT(err_, Not(HasSubstr("UUT records wait in")));
+
+  // The store in reach, the records go to it from memory: nothing is lost.
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  EXPECT_THAT(err_, Not(HasSubstr("are lost to")));
+  ASSERT_EQ(Cli({"results", "list", "--json"}), kResultsDone) << err_;
+  EXPECT_EQ(json::parse(out_).size(), 2u);
+}
+
+TEST_F(ResultsCliTest, OutputsThatAreNotRegularFilesAreWrittenIntoAndAFullStandardOutputFails) {
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  // A full standard output is an error for every command that prints.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"tavrix-cli", "results", "list"},
+        std::vector<std::string>{"tavrix-cli", "results", "export", "--json"},
+        std::vector<std::string>{"tavrix-cli", "results", "yield"},
+        std::vector<std::string>{"tavrix-cli", "--help"}}) {
+    std::FILE* full = std::fopen("/dev/full", "w");
+    ASSERT_NE(full, nullptr);
+    Captured err;
+    EXPECT_EQ(TavrixCliMain(args, nullptr, full, err.stream()), 1) << args[1];
+    std::fclose(full);
+    EXPECT_THAT(err.take(), HasSubstr("tavrix-cli: cannot write standard output")) << args[1];
+  }
+
+  // A link to a device, and a FIFO, are written into and stay what they are.
+  const std::string link = Path("to-null.csv");
+  std::filesystem::create_symlink("/dev/null", link);
+  ASSERT_EQ(Cli({"results", "export", "--csv", "--output", link}), kResultsDone) << err_;
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+  const std::string fifo = Path("export.fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  std::string received;
+  std::thread reader([&] {
+    std::ifstream in(fifo, std::ios::binary);
+    received.assign(std::istreambuf_iterator<char>(in), {});
+  });
+  const int status = Cli({"results", "export", "--json", "--output", fifo});
+  reader.join();
+  EXPECT_EQ(status, kResultsDone) << err_;
+  EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+  EXPECT_EQ(json::parse(received).size(), 2u);
+  // A regular file is still replaced whole.
+  ASSERT_EQ(Cli({"results", "export", "--csv", "--output", Path("all.csv")}), kResultsDone);
+  EXPECT_TRUE(std::filesystem::is_regular_file(Path("all.csv")));
 }
 
 }  // namespace

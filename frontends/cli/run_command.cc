@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -363,19 +365,21 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     reason = engine.run();
     limit = limits.reached();
   }
+  size_t recordsLost = 0;
   if (ResultsFeed* feed = engine.resultsFeed()) {
     // What the store has not taken after a while waits in the journal for
-    // the next run; it never changes how the run ended.
+    // the next run; only records that the journal could not hold are lost.
     std::string problem;
     if (!feed->finish(std::chrono::seconds(10), &problem))
       std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
+    recordsLost = feed->lost();
   }
   if (reason == EndReason::kLimit)
     std::fprintf(err, "tavrix-cli: %s ended the run\n", limit.c_str());
   int status = ExitStatusFor(reason);
   if (status == kExitOk && engine.testDatabase().anyUutFailed()) status = kExitUutFailed;
   const auto losses = engine.files().losses();
-  if (!losses.empty()) {
+  if (!losses.empty() || recordsLost > 0) {
     for (const auto& loss : losses) {
       std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n",
                    static_cast<long long>(loss.writes), loss.writes == 1 ? "" : "s",
@@ -430,6 +434,9 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
 }
 
 namespace {
+int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                std::FILE* err);
+
 // "tavrix-cli 7.0 (commit 0123456789ab)": what --version shows.
 std::string VersionText() {
   return std::string("tavrix-cli ") + BuildVersion() + " (commit " + BuildCommit() + ")";
@@ -438,6 +445,23 @@ std::string VersionText() {
 
 int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                   std::FILE* err) {
+  const int status = CommandMain(args, in, out, err);
+  // What a command printed must have arrived: a full disk or a closed pipe
+  // behind standard output is a failure of the command, not a success.
+  errno = 0;
+  const bool flushed = out == nullptr || std::fflush(out) == 0;
+  if (out != nullptr && (!flushed || std::ferror(out))) {
+    const int why = errno;
+    std::fprintf(err, "tavrix-cli: cannot write standard output%s%s\n", why ? ": " : "",
+                 why ? std::strerror(why) : "");
+    return status == kExitOk ? 1 : status;
+  }
+  return status;
+}
+
+namespace {
+int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   app.set_version_flag("--version", VersionText(), "Show the version and the commit it was built from");
@@ -552,5 +576,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
   return kExitUsage;
 }
+
+}  // namespace
 
 }  // namespace tavrix

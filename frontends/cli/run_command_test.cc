@@ -1,4 +1,3 @@
-#include "cli_test_support.h"
 #include "run_command.h"
 
 #include <gtest/gtest.h>
@@ -7,13 +6,19 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
+#include "cli_test_support.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 
@@ -307,6 +312,78 @@ TEST_F(CliTest, AClosedTerminalStopsTheRun) {
   ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), kExitStopped);
   EXPECT_NE(trace.find("\"ev\":\"end\",\"reason\":\"abort\",\"code\":3"), std::string::npos) << trace;
+}
+
+// With a person at the terminal, SIGTERM or SIGINT while one of the
+// commands that ask for a value or a choice waits ends the question and the
+// run at once; nobody has to type an answer first.
+TEST_F(CliTest, AStopEndsTheQuestionsOfTheCommandsAtTheTerminal) {
+  const std::string rig = File("rig.ims",
+                               "D 1 MONITORS=2\r\n  10001 E=1 M=A N=HEATER U=% V=0\r\n"
+                               "  10002 E=1 M=A N=OVEN U=degC V=20\r\n");
+  const std::vector<std::pair<std::string, int>> cases = {
+      {"ENTERSEND Heater power?, HEATER\r\nSEND HEATER, 99\r\n", SIGTERM},
+      {"SELECTMENU Pick a step, A, B\r\nA:\r\nSEND HEATER, 99\r\nB:\r\n", SIGINT},
+      {"DOWITHSHOW Watch the oven, OVEN\r\nSEND HEATER, 99\r\n", SIGTERM},
+      {"MANUALADJUST HEATER, 5, Set the heater\r\nSEND HEATER, 99\r\n", SIGINT}};
+  for (const auto& [text, signal] : cases) {
+    SCOPED_TRACE(text);
+    const std::string seq = File("ask.wts", text);
+    int master = -1;
+    int slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      dup2(slave, 0);
+      dup2(out[1], 1);
+      dup2(out[1], 2);  // the question is asked there
+      close(master);
+      close(out[0]);
+      close(out[1]);
+      execl(TAVRIX_CLI_PATH, "tavrix-cli", "run", "--virtual-time", "--setup", rig.c_str(),
+            "--trace", "-", seq.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(slave);
+    close(out[1]);
+    std::string shown;
+    bool sent = false;
+    bool stuck = false;
+    char buf[512];
+    for (;;) {
+      // The bound only keeps a question that stays open from hanging the
+      // test; an answer is never typed.
+      pollfd p{out[0], POLLIN, 0};
+      if (::poll(&p, 1, 30000) != 1) {
+        stuck = true;
+        kill(child, SIGKILL);
+        break;
+      }
+      const ssize_t n = read(out[0], buf, sizeof buf);
+      if (n <= 0) break;
+      shown.append(buf, static_cast<size_t>(n));
+      // The question is shown and waits for its answer: Stop.
+      if (!sent && shown.find("\n> ") != std::string::npos) {
+        sent = true;
+        ASSERT_EQ(kill(child, signal), 0);
+      }
+    }
+    close(out[0]);
+    close(master);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_FALSE(stuck) << "the question stayed open after the stop: " << shown;
+    EXPECT_TRUE(sent) << shown;
+    ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), kExitStopped) << shown;
+    EXPECT_NE(shown.find("\"ev\":\"end\",\"reason\":\"abort\",\"code\":3"), std::string::npos)
+        << shown;
+    // The command did not act on an answer, and the run went no further.
+    EXPECT_EQ(shown.find("99"), std::string::npos) << shown;
+  }
 }
 
 }  // namespace

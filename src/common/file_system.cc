@@ -120,6 +120,10 @@ class LocalInputFile final : public InputFile {
     const int err = platform::readSome(file_, bytes, size, got);
     return err == 0 || fail(error, "Cannot read", path_, err);
   }
+  bool skipTo(uint64_t offset, uint64_t, std::string* error) override {
+    const int err = platform::seekFile(file_, offset);
+    return err == 0 || fail(error, "Cannot read", path_, err);
+  }
 
  private:
   FileHandle file_;
@@ -135,6 +139,23 @@ void forgetTemp(const std::string& temp) {
   std::lock_guard guard(gTempMutex);
   gPendingTemps.erase(temp);
 }
+
+// The rewrite of something that is not a regular file: written straight
+// into, never renamed over.
+class LocalWriteInto final : public AtomicFile {
+ public:
+  LocalWriteInto(FileHandle file, std::string path) : file_(file), path_(std::move(path)) {}
+  ~LocalWriteInto() override { platform::closeFile(file_); }
+  bool write(std::string_view bytes, std::string* error) override {
+    const int err = platform::writeAll(file_, bytes.data(), bytes.size());
+    return err == 0 || fail(error, "Cannot write", path_, err);
+  }
+  bool commit(std::string*) override { return true; }
+
+ private:
+  FileHandle file_;
+  std::string path_;
+};
 
 class LocalAtomicFile final : public AtomicFile {
  public:
@@ -221,6 +242,20 @@ class LocalFolderLock final : public FileLock {
 };
 
 }  // namespace
+
+bool InputFile::skipTo(uint64_t offset, uint64_t readSoFar, std::string* error) {
+  char buf[4096];
+  while (readSoFar < offset) {
+    size_t got = 0;
+    if (!read(buf, static_cast<size_t>(std::min<uint64_t>(sizeof buf, offset - readSoFar)), got,
+              error)) {
+      return false;
+    }
+    if (got == 0) break;
+    readSoFar += got;
+  }
+  return true;
+}
 
 void removeUnfinishedRewrites() {
   std::lock_guard guard(gTempMutex);
@@ -309,6 +344,19 @@ std::unique_ptr<InputFile> LocalFileSystem::openInput(const std::string& path,
 
 std::unique_ptr<AtomicFile> LocalFileSystem::rewrite(const std::string& path, std::string* error) {
   static std::atomic<unsigned> counter{0};
+  PathInfo target;
+  if (platform::pathInfo(path, target) == 0 && target.kind == PathKind::kOther) {
+    // Not a regular file: a device, a FIFO, standard output through a link.
+    // Renaming over it would replace the system's node with a file of ours;
+    // what is written goes into it instead.
+    FileHandle file = kNoFile;
+    const int err = platform::openFile(path, OpenMode::kCreateOrTruncate, file);
+    if (err != 0) {
+      fail(error, "Cannot write", path, err);
+      return nullptr;
+    }
+    return std::make_unique<LocalWriteInto>(file, path);
+  }
   removeStaleTemps(path);
   const std::string folder = folderPrefixOf(path);
   std::string temp;

@@ -37,6 +37,9 @@ class InputFile {
   virtual uint64_t size() const = 0;
   // Reads up to `size` bytes into `bytes`; `got` is 0 at the end of the file.
   virtual bool read(void* bytes, size_t size, size_t& got, std::string* error) = 0;
+  // Goes on reading from `offset` bytes after the start of a file that has
+  // only been read from its start so far, that far or less.
+  virtual bool skipTo(uint64_t offset, uint64_t readSoFar, std::string* error);
 };
 
 // A file being written under a temporary name beside its target. commit()
@@ -82,8 +85,10 @@ class FileSystem {
   virtual std::unique_ptr<InputFile> openInput(const std::string& path, std::string* error) const = 0;
 
   // Starts an atomic rewrite of `path`. A replaced file keeps its
-  // permissions. A temporary file of an earlier writer of the same target
-  // that was killed outright is removed first.
+  // permissions. A path that names something other than a regular file (a
+  // device, a FIFO, standard output through a link) is never replaced: what
+  // is written goes into it, and commit() has nothing more to do. A temporary file of an earlier
+  // writer of the same target that was killed outright is removed first.
   virtual std::unique_ptr<AtomicFile> rewrite(const std::string& path, std::string* error) = 0;
   // Replaces the file by `bytes` in one atomic rewrite.
   bool writeAtomically(const std::string& path, std::string_view bytes, std::string* error);

@@ -1,7 +1,7 @@
 #include "common/trace.h"
 
 #include <cinttypes>
-
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
 namespace tavrix {
@@ -130,6 +130,30 @@ Trace::Event& Trace::Event::field(std::string_view name, std::nullopt_t) {
   key(name);
   line_ += "null";
   return *this;
+}
+
+std::string visibleText(std::string_view raw) {
+  const std::string text = utf8FromSequenceText(raw);
+  std::string out;
+  out.reserve(text.size());
+  auto escape = [&](unsigned value) {
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "\\x%02X", value);
+    out += buf;
+  };
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c < 0x20 || c == 0x7F) {
+      escape(c);
+    } else if (c == 0xC2 && i + 1 < text.size() &&
+               static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+               static_cast<unsigned char>(text[i + 1]) <= 0x9F) {
+      escape(static_cast<unsigned char>(text[++i]));  // a C1 control
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
 }
 
 }  // namespace tavrix

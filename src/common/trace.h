@@ -73,6 +73,12 @@ class Trace {
 // written in (its five unassigned bytes as the C1 control of that value).
 std::string utf8FromSequenceText(std::string_view text);
 
+// `text` fit to print on a terminal, as it came from a peer, a store or a
+// file: converted as utf8FromSequenceText does, and every control character
+// (C0, DEL and C1; tab, line end and escape included) written as "\xNN"
+// so that it can neither move the cursor nor forge a line.
+std::string visibleText(std::string_view text);
+
 // JSON string literal of `text` (quotes included), converted to UTF-8 as
 // utf8FromSequenceText does, so that every line is valid UTF-8 JSON.
 std::string jsonString(std::string_view text);

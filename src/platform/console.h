@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace tavrix::platform {
 
@@ -31,6 +32,32 @@ class StopRequests {
   ~StopRequests();
   StopRequests(const StopRequests&) = delete;
   StopRequests& operator=(const StopRequests&) = delete;
+
+  struct State;
+
+ private:
+  std::unique_ptr<State> state_;
+};
+
+// Lines typed at a terminal, read in a way that another thread can cut
+// short: a question that the program closes (the run was stopped) stops
+// waiting for its answer at once. On Windows a read under way cannot be cut
+// short; there cancel() takes effect at the next line.
+class LineReader {
+ public:
+  explicit LineReader(std::FILE* stream);
+  ~LineReader();
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
+
+  enum class Result { kLine, kEnd, kCancelled };
+  // The next line, without its line end.
+  Result readLine(std::string& line);
+  // Ends the readLine() under way with kCancelled, or the next one when none
+  // is under way.
+  void cancel();
+  // Forgets a cancel() that no readLine() has taken.
+  void clear();
 
   struct State;
 

@@ -32,6 +32,8 @@ int writeAll(FileHandle file, const void* bytes, size_t size);
 // Flushes the file's data to the disk.
 int syncFile(FileHandle file);
 int truncateFile(FileHandle file, uint64_t size);
+// Moves the read position of `file` to `offset` bytes from its start.
+int seekFile(FileHandle file, uint64_t offset);
 
 enum class PathKind { kMissing, kFile, kFolder, kOther };
 

@@ -2,6 +2,7 @@
 
 #include <libpq-fe.h>
 
+#include <string_view>
 #include <vector>
 
 namespace tavrix {
@@ -105,6 +106,11 @@ class PostgresConnection : public SqlConnection {
   bool check(PGresult* result, std::string* error) {
     const ExecStatusType status = result ? PQresultStatus(result) : PGRES_FATAL_ERROR;
     if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) return true;
+    // Data exceptions (class 22) and integrity violations (class 23) are
+    // about the values sent; anything else is about the server or the link.
+    const char* state = result ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+    refusedContent_ = state != nullptr && (std::string_view(state).substr(0, 2) == "22" ||
+                                           std::string_view(state).substr(0, 2) == "23");
     if (error) {
       *error = describe() + ": " +
                Scrub(Trimmed(result ? PQresultErrorMessage(result) : PQerrorMessage(conn_)),

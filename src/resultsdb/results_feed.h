@@ -5,8 +5,10 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "resultsdb/results_queue.h"
 #include "resultsdb/results_recorder.h"
@@ -40,9 +42,13 @@ class ResultsFeed {
   ResultsFeed& operator=(const ResultsFeed&) = delete;
 
   // The end of the feed: no more UUTs are taken; waits at most `limit` for
-  // the store to take what waits, and notes in the trace what is left. False when records still
-  // wait, with `problem` saying how many, where and why.
+  // the store to take the records of this run (trying again meanwhile), and
+  // notes in the trace what is left. False when records still wait, with
+  // `problem` saying how many, where and why, or that records the journal
+  // could not hold are lost (lost() then counts them).
   bool finish(std::chrono::milliseconds limit, std::string* problem);
+  // Records of this run that neither the journal nor the store holds.
+  size_t lost() const { return queue_.unjournaled().size(); }
 
   // The store, fit to show (no password).
   std::string storeName() const { return DescribeStoreSpec(spec_); }
@@ -55,8 +61,14 @@ class ResultsFeed {
   StoreSpec spec_;
   TestDatabase& testDatabase_;
   Sequencer& sequencer_;
+  // A virtual-time run times its store's retries on a virtual clock of the
+  // feed's own, so the end-of-run wait costs no real time and the run's own
+  // clock is never moved by the store thread.
+  std::unique_ptr<Clock> clock_;
   ResultsQueue queue_;
   ResultsRecorder recorder_;
+  // The results files of each record the journal could not take, by key.
+  std::shared_ptr<std::map<std::string, std::vector<std::string>>> unqueuedFiles_;
 };
 
 }  // namespace tavrix

@@ -1,9 +1,15 @@
 #include "resultsdb/results_queue.h"
 
+#include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
+#include <random>
+#include <unordered_map>
 
 #include "common/file_system.h"
+#include "common/paths.h"
+#include "common/trace.h"
+#include "resultsdb/results_store.h"
 
 namespace tavrix {
 
@@ -32,7 +38,24 @@ std::string QueueError(const std::string& error) { return "results queue: " + er
 
 }  // namespace
 
-std::string StoredUutToJson(const StoredUut& uut) {
+StoredUut Utf8Record(const StoredUut& in) {
+  StoredUut uut = in;
+  for (std::string* f : {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition,
+                         &uut.testTitle, &uut.testVersion, &uut.serial, &uut.testDate,
+                         &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt}) {
+    *f = utf8FromSequenceText(*f);
+  }
+  for (auto& c : uut.checks) {
+    for (std::string* f :
+         {&c.kind, &c.parameter, &c.channel, &c.value, &c.units, &c.lower, &c.upper, &c.message}) {
+      *f = utf8FromSequenceText(*f);
+    }
+  }
+  return uut;
+}
+
+std::string StoredUutToJson(const StoredUut& original) {
+  const StoredUut uut = Utf8Record(original);
   json checks = json::array();
   for (const auto& c : uut.checks) {
     checks.push_back({{"step", c.step},
@@ -61,8 +84,8 @@ std::string StoredUutToJson(const StoredUut& uut) {
                   {"ended_at", uut.endedAt},
                   {"passed", uut.passed},
                   {"checks", checks}};
-  // Text that is not valid UTF-8 (a description typed in another code page)
-  // is kept byte for byte as far as the JSON allows.
+  // Text that was not UTF-8 (a description typed in another code page) was
+  // converted above, as the store will convert it.
   return j.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
@@ -121,47 +144,166 @@ bool ResultsQueue::ParseEntryLine(std::string_view line, std::string& json) {
   return true;
 }
 
-bool ResultsQueue::open(std::string* error) {
-  std::lock_guard lock(mutex_);
-  pending_.clear();
-  if (files_.info(path_).kind != FileKind::kMissing) {
-    std::string text;
-    std::string readError;
-    if (!files_.readFile(path_, text, &readError)) {
+ResultsQueue::ResultsQueue(FileSystem& files, std::string path, std::string store)
+    : files_(files), path_(std::move(path)), store_(std::move(store)) {
+  if (store_.empty()) store_ = join(parentFolder(path_), kStoreFileName);
+}
+
+std::unique_ptr<FileLock> ResultsQueue::lockJournal(std::string* error) const {
+  // The lock is the data root folder's, which must be there to be locked.
+  const std::string folder = parentFolder(path_);
+  if (!files_.isFolder(folder) && !files_.makeFolders(folder, error)) return nullptr;
+  return files_.lock(path_, error);
+}
+
+bool ResultsQueue::readLocked(std::string* error) const {
+  Journal& j = journal_;
+  const FileInfo info = files_.info(path_);
+  if (info.kind == FileKind::kMissing) {
+    j = Journal{};
+    j.valid = true;
+    return true;
+  }
+  std::string readError;
+  const auto in = files_.openInput(path_, &readError);
+  if (!in) {
+    if (error) *error = QueueError(readError);
+    return false;
+  }
+  auto readUpTo = [&](uint64_t count, std::string& into) {
+    char buf[65536];
+    while (into.size() < count) {
+      size_t got = 0;
+      const size_t want = static_cast<size_t>(std::min<uint64_t>(sizeof buf, count - into.size()));
+      if (!in->read(buf, want, got, &readError)) return false;
+      if (got == 0) break;
+      into.append(buf, got);
+    }
+    return true;
+  };
+  // Appends leave what was read before as it was; a rewrite is a new file
+  // (another identity) that starts with a line of its own. Only then is the
+  // whole journal read again.
+  constexpr uint64_t kHead = 256;
+  std::string head;
+  bool more = j.valid && j.consumed > 0 && info.device == j.device && info.inode == j.inode &&
+              info.size >= j.consumed;
+  uint64_t readSoFar = 0;
+  if (more) {
+    if (!readUpTo(std::min(kHead, j.consumed), head)) {
       if (error) *error = QueueError(readError);
       return false;
     }
-    std::string body;
-    for (size_t start = 0; start < text.size();) {
-      size_t end = text.find('\n', start);
-      if (end == std::string::npos) end = text.size();
-      const std::string_view line(text.data() + start, end - start);
-      start = end + 1;
-      // The last line of a journal cut off by a crash has no line end; it
-      // fails its checksum (or, if whole, was written in full).
-      if (!ParseEntryLine(line, body)) continue;
-      const json j = json::parse(body, nullptr, false);
-      if (!j.is_object()) continue;
-      if (j.contains("done")) {
-        const std::string key = j["done"].is_string() ? j["done"].get<std::string>() : "";
-        for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-          if (it->key == key) {
-            pending_.erase(it);
-            break;
-          }
-        }
-        continue;
-      }
-      StoredUut uut;
-      if (j.contains("uut") && StoredUutFromJson(j["uut"].dump(), uut)) {
-        pending_.push_back(std::move(uut));
-      }
-    }
+    readSoFar = head.size();
+    more = head == j.head;
   }
-  return rewrite(error);
+  if (!more) {
+    j = Journal{};
+    if (readSoFar > 0 && !in->skipTo(0, 0, &readError)) {
+      // A file read from its start can always go back there by reopening.
+      const auto again = files_.openInput(path_, &readError);
+      if (!again) {
+        if (error) *error = QueueError(readError);
+        return false;
+      }
+      return readLocked(error);
+    }
+    readSoFar = 0;
+  }
+  std::string text;
+  if ((more && !in->skipTo(j.consumed, readSoFar, &readError)) ||
+      !readUpTo(info.size - (more ? j.consumed : 0), text)) {
+    j.valid = false;
+    if (error) *error = QueueError(readError);
+    return false;
+  }
+  j.device = info.device;
+  j.inode = info.inode;
+  // Lines are taken up to the last line end: a line without one is an
+  // append still under way or cut off, read again next time.
+  const size_t whole = text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1;
+  if (!more) j.head = text.substr(0, std::min<size_t>(kHead, whole));
+  j.consumed += whole;
+  j.valid = true;
+  const std::string defaultStore = join(parentFolder(path_), kStoreFileName);
+  std::string body;
+  for (size_t start = 0; start < whole;) {
+    const size_t end = text.find('\n', start);
+    const std::string_view line(text.data() + start, end - start);
+    start = end + 1;
+    ++j.lines;
+    if (!ParseEntryLine(line, body)) continue;
+    const json e = json::parse(body, nullptr, false);
+    if (!e.is_object()) continue;
+    const auto keyOf = [&](const char* field) {
+      return e[field].is_string() ? e[field].get<std::string>() : std::string();
+    };
+    if (e.contains("done")) {
+      auto it = j.byKey.find(keyOf("done"));
+      if (it != j.byKey.end()) {
+        j.gone[it->second] = true;
+        ++j.goneCount;
+        j.byKey.erase(it);
+      }
+      continue;
+    }
+    if (e.contains("aside")) {
+      auto it = j.byKey.find(keyOf("aside"));
+      if (it != j.byKey.end()) {
+        QueuedRecord& r = j.records[it->second];
+        r.setAside = true;
+        r.reason = e.contains("reason") && e["reason"].is_string() ? e["reason"].get<std::string>()
+                                                                   : std::string();
+      }
+      continue;
+    }
+    QueuedRecord record;
+    if (!e.contains("uut") || !StoredUutFromJson(e["uut"].dump(), record.uut)) continue;
+    // A record appended twice (its writer died before it knew the first
+    // landed) waits once.
+    if (j.byKey.count(record.uut.key)) continue;
+    record.store = e.contains("store") && e["store"].is_string() ? e["store"].get<std::string>()
+                                                                 : defaultStore;
+    j.byKey.emplace(record.uut.key, j.records.size());
+    j.records.push_back(std::move(record));
+    j.gone.push_back(false);
+  }
+  return true;
 }
 
-bool ResultsQueue::appendLine(const std::string& line, std::string* error) {
+bool ResultsQueue::open(std::string* error) {
+  std::lock_guard lock(mutex_);
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  journal_.valid = false;
+  if (!readLocked(error)) return false;
+  if (journal_.records.empty() && journal_.lines == 0) return true;
+  return rewriteLocked(error);
+}
+
+bool ResultsQueue::ReadAll(FileSystem& files, const std::string& path,
+                           const std::string& defaultStore, std::vector<QueuedRecord>& out,
+                           std::string* error) {
+  ResultsQueue queue(files, path, defaultStore);
+  std::string lockError;
+  const auto held = queue.lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  if (!queue.readLocked(error)) return false;
+  out.clear();
+  for (size_t i = 0; i < queue.journal_.records.size(); ++i) {
+    if (!queue.journal_.gone[i]) out.push_back(std::move(queue.journal_.records[i]));
+  }
+  return true;
+}
+
+bool ResultsQueue::appendLocked(const std::string& lines, std::string* error) {
   std::string fsError;
   const std::string folder = parentFolder(path_);
   if (!files_.isFolder(folder) && !files_.makeFolders(folder, &fsError)) {
@@ -170,22 +312,28 @@ bool ResultsQueue::appendLine(const std::string& line, std::string* error) {
   }
   // The append lands whole or not at all, and is on the disk when it
   // returns.
-  if (!files_.append(path_, line, &fsError)) {
+  if (!files_.append(path_, lines, &fsError)) {
     if (error) *error = QueueError(fsError);
     return false;
   }
-  ++linesInFile_;
   return true;
 }
 
-bool ResultsQueue::rewrite(std::string* error) {
+bool ResultsQueue::rewriteLocked(std::string* error) {
   std::string text;
-  for (const auto& uut : pending_) {
-    text += EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}");
+  for (size_t i = 0; i < journal_.records.size(); ++i) {
+    if (journal_.gone[i]) continue;
+    const QueuedRecord& r = journal_.records[i];
+    text += RecordLine(r.uut, r.store);
+    if (r.setAside) text += EntryLine(json({{"aside", r.uut.key}, {"reason", r.reason}}).dump());
   }
-  if (text.empty() && files_.info(path_).kind == FileKind::kMissing) {
-    linesInFile_ = 0;
-    return true;
+  journal_.valid = false;
+  if (text.empty() && files_.info(path_).kind == FileKind::kMissing) return true;
+  // A rewritten journal starts with a line of its own, so a reader that knew
+  // the file before can tell it is not the same one.
+  if (!text.empty()) {
+    static thread_local std::mt19937_64 random{std::random_device{}()};
+    text.insert(0, EntryLine(json({{"journal", std::to_string(random())}}).dump()));
   }
   std::string fsError;
   const std::string folder = parentFolder(path_);
@@ -194,38 +342,145 @@ bool ResultsQueue::rewrite(std::string* error) {
     if (error) *error = QueueError(fsError);
     return false;
   }
-  linesInFile_ = pending_.size();
   return true;
+}
+
+bool ResultsQueue::compactLocked(std::string* error) {
+  if (!readLocked(error)) return false;
+  const size_t kept = journal_.records.size() - journal_.goneCount;
+  size_t waiting = 0;
+  for (size_t i = 0; i < journal_.records.size(); ++i) {
+    waiting += journal_.gone[i] || journal_.records[i].setAside ? 0 : 1;
+  }
+  // An acknowledgement that is lost only makes the record be sent again,
+  // which its key makes harmless.
+  if ((waiting == 0 && journal_.lines > kept) || journal_.lines > 4 * kept + 1000) {
+    return rewriteLocked(error);
+  }
+  return true;
+}
+
+bool ResultsQueue::waitsHere(size_t i) const {
+  const QueuedRecord& r = journal_.records[i];
+  return !journal_.gone[i] && !r.setAside && r.store == store_ && finished_.count(r.uut.key) == 0;
+}
+
+std::string ResultsQueue::RecordLine(const StoredUut& uut, const std::string& store) {
+  return EntryLine(
+      json({{"store", store}}).dump().insert(1, "\"uut\":" + StoredUutToJson(uut) + ","));
 }
 
 bool ResultsQueue::append(const StoredUut& uut, std::string* error) {
   std::lock_guard lock(mutex_);
-  pending_.push_back(uut);
-  return appendLine(EntryLine("{\"uut\":" + StoredUutToJson(uut) + "}"), error);
+  own_.insert(uut.key);
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+  } else if (appendLocked(RecordLine(uut, store_), error)) {
+    return true;
+  }
+  unjournaled_.push_back(uut);
+  return false;
 }
 
-std::vector<StoredUut> ResultsQueue::front(size_t count) const {
+std::vector<StoredUut> ResultsQueue::front(size_t count, std::string* error) const {
   std::lock_guard lock(mutex_);
-  count = std::min(count, pending_.size());
-  return {pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(count)};
+  std::vector<StoredUut> out;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+  } else if (readLocked(error)) {
+    for (size_t i = 0; i < journal_.records.size() && out.size() < count; ++i) {
+      if (waitsHere(i)) out.push_back(journal_.records[i].uut);
+    }
+  }
+  for (const auto& u : unjournaled_) {
+    if (out.size() >= count) break;
+    if (finished_.count(u.key) == 0) out.push_back(u);
+  }
+  return out;
 }
 
-bool ResultsQueue::acknowledge(size_t count, std::string* error) {
+bool ResultsQueue::acknowledge(const std::vector<std::string>& keys, std::string* error) {
   std::lock_guard lock(mutex_);
   std::string lines;
-  for (size_t i = 0; i < count && !pending_.empty(); ++i) {
-    lines += EntryLine(json({{"done", pending_.front().key}}).dump());
-    pending_.pop_front();
+  for (const auto& key : keys) {
+    finished_.insert(key);
+    own_.erase(key);
+    auto it = std::find_if(unjournaled_.begin(), unjournaled_.end(),
+                           [&](const StoredUut& u) { return u.key == key; });
+    if (it != unjournaled_.end()) {
+      unjournaled_.erase(it);
+      continue;
+    }
+    lines += EntryLine(json({{"done", key}}).dump());
   }
-  // An acknowledgement that is lost only makes the record be sent again,
-  // which its key makes harmless.
-  if (pending_.empty() || linesInFile_ > 4 * pending_.size() + 1000) return rewrite(error);
-  return appendLine(lines, error);
+  if (lines.empty()) return true;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  return appendLocked(lines, error) && compactLocked(error);
+}
+
+bool ResultsQueue::setAside(const std::string& key, const std::string& reason, std::string* error) {
+  std::lock_guard lock(mutex_);
+  finished_.insert(key);
+  own_.erase(key);
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held) {
+    if (error) *error = QueueError(lockError);
+    return false;
+  }
+  auto it = std::find_if(unjournaled_.begin(), unjournaled_.end(),
+                         [&](const StoredUut& u) { return u.key == key; });
+  if (it != unjournaled_.end()) {
+    // Kept in the journal, with the reason, if it can be written now.
+    if (!appendLocked(RecordLine(*it, store_), error)) return false;
+    unjournaled_.erase(it);
+  }
+  return appendLocked(EntryLine(json({{"aside", key}, {"reason", reason}}).dump()), error);
 }
 
 size_t ResultsQueue::size() const {
   std::lock_guard lock(mutex_);
-  return pending_.size();
+  size_t n = 0;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (held && readLocked(nullptr)) {
+    for (size_t i = 0; i < journal_.records.size(); ++i) n += waitsHere(i) ? 1 : 0;
+  }
+  for (const auto& u : unjournaled_) n += finished_.count(u.key) ? 0 : 1;
+  return n;
+}
+
+size_t ResultsQueue::ownWaiting() const {
+  std::lock_guard lock(mutex_);
+  if (own_.empty()) return 0;
+  size_t n = 0;
+  std::string lockError;
+  const auto held = lockJournal(&lockError);
+  if (!held || !readLocked(nullptr)) return own_.size();
+  for (const auto& key : own_) {
+    auto it = journal_.byKey.find(key);
+    n += it != journal_.byKey.end() && waitsHere(it->second) ? 1 : 0;
+  }
+  for (const auto& u : unjournaled_) n += finished_.count(u.key) ? 0 : 1;
+  return n;
+}
+
+std::vector<StoredUut> ResultsQueue::unjournaled() const {
+  std::lock_guard lock(mutex_);
+  std::vector<StoredUut> out;
+  for (const auto& u : unjournaled_) {
+    if (finished_.count(u.key) == 0) out.push_back(u);
+  }
+  return out;
 }
 
 }  // namespace tavrix

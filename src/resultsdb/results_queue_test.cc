@@ -37,7 +37,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
       u.description = "line one\r\nline two\ttab, \xE9t\xE9";  // not UTF-8
       ASSERT_TRUE(queue.append(u, &error)) << error;
     }
-    ASSERT_TRUE(queue.acknowledge(1, &error)) << error;
+    ASSERT_TRUE(queue.acknowledge({"a"}, &error)) << error;
   }
   ResultsQueue reopened(localFiles(), path);
   std::string error;
@@ -49,7 +49,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
 
   // Drained, the journal is replaced by an empty one, with no temporary
   // file left beside it.
-  ASSERT_TRUE(reopened.acknowledge(2, &error));
+  ASSERT_TRUE(reopened.acknowledge({"b", "c"}, &error));
   EXPECT_EQ(Slurp(path), "");
   EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 }
@@ -80,8 +80,55 @@ TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
   ResultsQueue again(localFiles(), path);
   ASSERT_TRUE(again.open(&error));
   EXPECT_EQ(again.size(), 1u);
-  std::string json;
-  EXPECT_TRUE(ResultsQueue::ParseEntryLine(Slurp(path).substr(0, Slurp(path).size() - 1), json));
+  const std::string rewritten = Slurp(path);
+  ASSERT_EQ(rewritten.back(), '\n');
+  for (size_t start = 0, end; (end = rewritten.find('\n', start)) != std::string::npos;
+       start = end + 1) {
+    std::string json;
+    EXPECT_TRUE(ResultsQueue::ParseEntryLine(rewritten.substr(start, end - start), json));
+  }
+}
+
+TEST(ResultsQueue, ARecordWaitsForTheStoreItWasMadeForAndNoOther) {
+  testing::TempFolder folder;
+  const std::string path = folder.file("results-queue.journal");
+  // A journal of an earlier version names no store: its record is for the
+  // database file beside it.
+  {
+    std::ofstream(path, std::ios::binary) << ResultsQueue::EntryLine(
+        "{\"uut\":" + StoredUutToJson(SampleUut("old", "0", "2026-11-14 10:00:00")) + "}");
+  }
+  ResultsQueue file(localFiles(), path, "/plant/results.sqlite");
+  ResultsQueue server(localFiles(), path, "host=db dbname=results user=rig");
+  ResultsQueue beside(localFiles(), path);
+  std::string error;
+  ASSERT_TRUE(file.open(&error)) << error;
+  ASSERT_TRUE(server.open(&error)) << error;
+  ASSERT_TRUE(file.append(SampleUut("f1", "1", "2026-11-15 10:00:00"), &error)) << error;
+  ASSERT_TRUE(server.append(SampleUut("s1", "2", "2026-11-15 10:00:00"), &error)) << error;
+  ASSERT_TRUE(file.append(SampleUut("f2", "3", "2026-11-15 10:00:00"), &error)) << error;
+  EXPECT_THAT(Keys(file.front(10)), ::testing::ElementsAre("f1", "f2"));
+  EXPECT_THAT(Keys(server.front(10)), ::testing::ElementsAre("s1"));
+  EXPECT_THAT(Keys(beside.front(10)), ::testing::ElementsAre("old"));
+  EXPECT_EQ(file.ownWaiting(), 2u);
+  EXPECT_EQ(beside.ownWaiting(), 0u);
+
+  // The file's records taken, the server's still waits, and another run of
+  // the same store sees what is left, not a copy of its own.
+  ASSERT_TRUE(file.acknowledge({"f1", "f2"}, &error)) << error;
+  EXPECT_EQ(file.size(), 0u);
+  EXPECT_EQ(file.ownWaiting(), 0u);
+  ResultsQueue again(localFiles(), path, "host=db dbname=results user=rig");
+  ASSERT_TRUE(again.open(&error)) << error;
+  EXPECT_THAT(Keys(again.front(10)), ::testing::ElementsAre("s1"));
+  ASSERT_TRUE(again.acknowledge({"s1"}, &error)) << error;
+  EXPECT_EQ(server.size(), 0u);
+  EXPECT_EQ(server.ownWaiting(), 0u);  // taken by the other run
+  std::vector<QueuedRecord> all;
+  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), path, "", all, &error)) << error;
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].uut.key, "old");
+  EXPECT_EQ(all[0].store, folder.file("results.sqlite"));
 }
 
 }  // namespace

@@ -14,15 +14,18 @@ void ResultsRecorder::start() {
   {
     std::lock_guard lock(mutex_);
     stopping_ = false;
+    work_ = true;  // records of earlier runs may wait
   }
   thread_ = std::thread([this] { loop(); });
 }
 
 bool ResultsRecorder::submit(const StoredUut& uut, std::string* error) {
   const bool ok = queue_.append(uut, error);
-  // Taken and let go so that the store thread is either before its check of
-  // the queue or already waiting: the wake-up cannot fall between the two.
-  { std::lock_guard lock(mutex_); }
+  {
+    std::lock_guard lock(mutex_);
+    work_ = true;
+    kicked_ = true;
+  }
   wake_.notify_one();
   return ok;
 }
@@ -30,29 +33,58 @@ bool ResultsRecorder::submit(const StoredUut& uut, std::string* error) {
 size_t ResultsRecorder::drain() {
   std::lock_guard drainLock(drainMutex_);
   size_t written = 0;
-  for (;;) {
-    const std::vector<StoredUut> batch = queue_.front(batchSize);
-    if (batch.empty()) break;
-    std::string error;
-    if (!store_) store_ = opener_(&error);
-    const bool stored = store_ && store_->record(batch, &error);
-    // After a failure the connection may be in any state: open afresh.
-    if (!stored) store_.reset();
+  bool failed = false;
+  std::string error;
+  std::string journalError;
+  auto acknowledge = [&](const std::vector<StoredUut>& taken) {
+    std::vector<std::string> keys;
+    for (const auto& u : taken) keys.push_back(u.key);
     // A record that the store has taken but whose acknowledgement did not
     // reach the journal is sent again later, and its key makes that harmless.
-    std::string ackError;
-    if (stored && !queue_.acknowledge(batch.size(), &ackError)) error = ackError;
-    std::lock_guard lock(mutex_);
-    if (!stored) {
-      lastError_ = error;
-      ++failures_;
-      progress_.notify_all();
+    std::string e;
+    if (!queue_.acknowledge(keys, &e)) journalError = e;
+    written += taken.size();
+  };
+  for (;;) {
+    const std::vector<StoredUut> batch = queue_.front(batchSize, &journalError);
+    if (batch.empty()) break;
+    if (!store_) store_ = opener_(&error);
+    if (!store_) {
+      failed = true;
       break;
     }
-    written += batch.size();
-    lastError_ = error;
-    progress_.notify_all();
+    if (store_->record(batch, &error)) {
+      acknowledge(batch);
+      continue;
+    }
+    if (!store_->refusedContent()) {
+      // After a failure the connection may be in any state: open afresh.
+      store_.reset();
+      failed = true;
+      break;
+    }
+    // Something in the batch was refused: each record alone finds which.
+    for (const auto& uut : batch) {
+      std::string oneError;
+      if (store_->record({uut}, &oneError)) {
+        acknowledge({uut});
+      } else if (store_->refusedContent()) {
+        std::string e;
+        if (!queue_.setAside(uut.key, oneError, &e)) journalError = e;
+      } else {
+        store_.reset();
+        error = oneError;
+        failed = true;
+        break;
+      }
+    }
+    if (failed) break;
   }
+  std::lock_guard lock(mutex_);
+  lastError_ = failed ? error : journalError;
+  if (failed) ++failures_;
+  ++drains_;
+  progress_.notify_all();
   return written;
 }
 
@@ -62,26 +94,57 @@ void ResultsRecorder::loop() {
   platform::lowerThisThreadPriority();
   std::unique_lock lock(mutex_);
   while (!stopping_) {
-    if (queue_.size() == 0) {
-      wake_.wait(lock, [this] { return stopping_ || queue_.size() > 0; });
+    if (!work_) {
+      wake_.wait(lock, [this] { return stopping_ || work_; });
       continue;
     }
+    work_ = false;
+    kicked_ = false;  // a kick from here on asks for another try
     const unsigned long failuresBefore = failures_;
     lock.unlock();
     drain();
     lock.lock();
     if (failures_ != failuresBefore) {
-      wake_.wait_for(lock, retryDelay, [this] { return stopping_; });
+      // What waits is tried again after the delay, however it was woken.
+      work_ = true;
+      if (clock_->isVirtual()) {
+        // No real time passes on a virtual clock: the next try waits for a
+        // submit, or for a turn of flush().
+        wake_.wait(lock, [this] { return stopping_ || kicked_; });
+      }
+      if (stopping_) break;
+      const Micros delay =
+          std::chrono::duration_cast<std::chrono::microseconds>(retryDelay).count();
+      clock_->idleUntil(
+          clock_->now() + delay, wake_, lock, [this] { return stopping_; }, false);
     }
   }
 }
 
 bool ResultsRecorder::flush(std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
-  const unsigned long failuresBefore = failures_;
-  progress_.wait_for(lock, limit,
-                     [&] { return queue_.size() == 0 || failures_ != failuresBefore; });
-  return queue_.size() == 0;
+  const Micros deadline =
+      clock_->now() + std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
+  bool empty = false;
+  for (;;) {
+    lock.unlock();
+    const size_t waiting = queue_.ownWaiting();
+    lock.lock();
+    if (waiting == 0) {
+      empty = true;
+      break;
+    }
+    if (stopping_ || clock_->now() >= deadline) break;
+    work_ = true;
+    kicked_ = true;
+    wake_.notify_all();
+    const unsigned long seen = drains_;
+    // Woken by the store thread's next try; on a virtual clock its retry
+    // delays move the time on towards the deadline.
+    clock_->idleUntil(
+        deadline, progress_, lock, [&] { return drains_ != seen || stopping_; }, true);
+  }
+  return empty;
 }
 
 void ResultsRecorder::stop() {

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -13,9 +14,13 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
 
-#include "resultsdb/sqlite_connection.h"
 #include "common/file_system.h"
+#include "resultsdb/sqlite_connection.h"
 #include "resultsdb/store_test_support.h"
 
 namespace tavrix {
@@ -34,6 +39,7 @@ class FakeStore : public ResultsStore {
     std::mutex mutex;
     std::vector<std::string> keys;
     int failuresLeft = 0;
+    std::set<std::string> refuse;  // keys whose records hold what the store refuses
   };
   explicit FakeStore(Shared& shared) : shared_(shared) {}
   bool record(const std::vector<StoredUut>& batch, std::string* error) override {
@@ -44,9 +50,18 @@ class FakeStore : public ResultsStore {
       *error = "the store is down";
       return false;
     }
+    refused_ = false;
+    for (const auto& u : batch) {
+      if (shared_.refuse.count(u.key)) {
+        refused_ = true;
+        *error = "value out of range in " + u.key;
+        return false;
+      }
+    }
     for (const auto& u : batch) shared_.keys.push_back(u.key);
     return true;
   }
+  bool refusedContent() const override { return refused_; }
   bool list(const UutFilter&, std::vector<StoredUut>&, std::string*) override { return true; }
   bool fetch(const UutFilter&, std::vector<StoredUut>&, std::string*) override { return true; }
   bool yield(const UutFilter&, std::vector<YieldRow>&, std::string*) override { return true; }
@@ -54,6 +69,7 @@ class FakeStore : public ResultsStore {
 
  private:
   Shared& shared_;
+  bool refused_ = false;
 };
 
 class RecorderTest : public ::testing::Test {
@@ -163,6 +179,89 @@ TEST_F(RecorderTest, AStoreThatFailsOrCannotBeReachedLeavesTheQueueWhole) {
   EXPECT_EQ(recorder.lastError(), "");
   EXPECT_THAT(shared.keys, ElementsAre("a", "b", "c"));
   EXPECT_EQ(JournalHolds(queue.path()), 0u);
+}
+
+TEST_F(RecorderTest, ARecordRefusedForWhatItHoldsIsSetAsideAndTheEndOfRunWaitKeepsTrying) {
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  Queue(queue, {"a", "b", "c", "d"});
+  FakeStore::Shared shared;
+  shared.refuse = {"b"};
+  shared.failuresLeft = 3;  // the store is down for the first three tries
+  ResultsRecorder recorder(queue,
+                           [&](std::string*) { return std::make_unique<FakeStore>(shared); });
+  recorder.retryDelay = std::chrono::milliseconds(0);
+  recorder.start();
+  std::string error;
+  ASSERT_TRUE(recorder.submit(SampleUut("e", "e", "2026-11-15 10:00:00"), &error)) << error;
+  // The wait goes on past failed tries until the records are in.
+  ASSERT_TRUE(recorder.flush(std::chrono::seconds(60)));
+  recorder.stop();
+  {
+    std::lock_guard lock(shared.mutex);
+    EXPECT_THAT(shared.keys, ElementsAre("a", "c", "d", "e"));
+  }
+  // b stays in the journal with the store's reason, and is not sent again.
+  std::vector<QueuedRecord> records;
+  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), queue.path(), "", records, &error)) << error;
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].uut.key, "b");
+  EXPECT_TRUE(records[0].setAside);
+  EXPECT_EQ(records[0].reason, "value out of range in b");
+  EXPECT_EQ(recorder.drain(), 0u);
+  EXPECT_EQ(queue.size(), 0u);
+}
+
+TEST_F(RecorderTest, TheEndOfRunWaitTriesAgainEveryDelayUntilItsLimit) {
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  std::string error;
+  ASSERT_TRUE(queue.open(&error)) << error;
+  FakeStore::Shared shared;
+  shared.failuresLeft = 1000;
+  ResultsRecorder recorder(queue,
+                           [&](std::string*) { return std::make_unique<FakeStore>(shared); });
+  VirtualClock clock(0);
+  recorder.setClock(clock);
+  recorder.start();
+  ASSERT_TRUE(recorder.submit(SampleUut("a", "a", "2026-11-15 10:00:00"), &error));
+  EXPECT_FALSE(recorder.flush(std::chrono::seconds(10)));
+  const int tries = [&] {
+    std::lock_guard lock(shared.mutex);
+    return 1000 - shared.failuresLeft;
+  }();
+  // A try at once and one every 2 s: the wait lasted its 10 s, no more.
+  EXPECT_GE(clock.now(), 10'000'000);
+  EXPECT_LE(clock.now(), 12'000'000);
+  EXPECT_GE(tries, 5);
+  EXPECT_LE(tries, 8);
+  {
+    std::lock_guard lock(shared.mutex);
+    shared.failuresLeft = 0;
+  }
+  EXPECT_TRUE(recorder.flush(std::chrono::seconds(10)));
+  recorder.stop();
+  EXPECT_THAT(shared.keys, ElementsAre("a"));
+}
+
+TEST_F(RecorderTest, ARecordTheJournalCannotHoldIsStillOfferedToTheStoreAndCountedUntilTaken) {
+  MemoryFileSystem memory;
+  ResultsQueue queue(memory, "/data/q.journal");
+  std::string error;
+  ASSERT_TRUE(queue.open(&error)) << error;
+  ASSERT_TRUE(queue.append(SampleUut("a", "a", "2026-11-15 10:00:00"), &error));
+  memory.failWrite(1, MemoryFileSystem::Fault::kNoSpace);
+  EXPECT_FALSE(queue.append(SampleUut("b", "b", "2026-11-15 10:00:00"), &error));
+  ASSERT_EQ(queue.unjournaled().size(), 1u);
+  EXPECT_EQ(queue.ownWaiting(), 2u);
+  FakeStore::Shared shared;
+  shared.failuresLeft = 1;
+  ResultsRecorder recorder(queue,
+                           [&](std::string*) { return std::make_unique<FakeStore>(shared); });
+  EXPECT_EQ(recorder.drain(), 0u);
+  EXPECT_EQ(queue.unjournaled().size(), 1u);
+  EXPECT_EQ(recorder.drain(), 2u);
+  EXPECT_THAT(shared.keys, ElementsAre("a", "b"));
+  EXPECT_TRUE(queue.unjournaled().empty());
+  EXPECT_EQ(queue.ownWaiting(), 0u);
 }
 
 TEST_F(RecorderTest, ALockedDatabaseFileKeepsTheRecordsQueued) {
@@ -298,6 +397,178 @@ TEST_F(RecorderTest, AServerKilledInTheMiddleOfABatchLosesNothingAndDuplicatesNo
   EXPECT_EQ(recorder.drain(), 5u);
   EXPECT_THAT(StoredKeys(spec), ElementsAre("a", "b", "c", "d", "e"));
   EXPECT_EQ(JournalHolds(queue.path()), 0u);
+}
+
+TEST_F(RecorderTest, AServerRefusingOneRecordTakesTheOthersAndTheRefusalIsKeptWithItsReason) {
+  std::string reason;
+  if (testing::SharedServer(&reason) == nullptr) GTEST_SKIP() << reason;
+  const StoreSpec spec{StoreSpec::Kind::kPostgres, testing::FreshPostgresDatabase()};
+  ASSERT_FALSE(spec.target.empty());
+  ResultsQueue queue(localFiles(), folder_.file("q.journal"), StoreKey(spec));
+  std::string error;
+  ASSERT_TRUE(queue.open(&error)) << error;
+  for (const char* key : {"a", "b", "c"}) {
+    StoredUut u = SampleUut(key, key, "2026-11-15 10:00:00");
+    u.description = "caf\xE9";
+    if (std::string(key) == "b") u.checks[0].value = "1e400";  // beyond a double
+    ASSERT_TRUE(queue.append(u, &error)) << error;
+  }
+  ResultsRecorder recorder(queue, [&](std::string* e) -> std::unique_ptr<ResultsStore> {
+    return OpenResultsStore(spec, e);
+  });
+  EXPECT_EQ(recorder.drain(), 2u);
+  EXPECT_THAT(StoredKeys(spec), ElementsAre("a", "c"));
+  EXPECT_EQ(queue.size(), 0u);
+  std::vector<QueuedRecord> records;
+  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), queue.path(), "", records, &error)) << error;
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_TRUE(records[0].setAside);
+  EXPECT_THAT(records[0].reason, HasSubstr("out of range"));
+}
+
+// Many runs of one data root at once, each queueing its UUTs while the
+// database is held by another client and then delivering, with a third of
+// them killed outright at a moment of their own: every record that a run
+// was told is queued reaches the store it was made for exactly once, and
+// the records of another store stay queued, untouched.
+TEST_F(RecorderTest, RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHoweverTheyEnd) {
+  const std::string db = folder_.file("results.sqlite");
+  const StoreSpec spec{StoreSpec::Kind::kSqlite, db};
+  const StoreSpec elsewhere{StoreSpec::Kind::kSqlite, folder_.file("no folder/x/other.sqlite")};
+  std::filesystem::create_directory(folder_.file("no folder"));
+  std::ofstream(folder_.file("no folder/x")) << "a file where a folder would be";
+  const std::string journal = folder_.file("results-queue.journal");
+  std::string error;
+  ASSERT_TRUE(OpenResultsStore(spec, &error)) << error;
+  auto holder = OpenSqlite(db, {}, &error);
+  ASSERT_TRUE(holder && holder->script("BEGIN EXCLUSIVE", &error)) << error;
+
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  constexpr int kRuns = 24;
+  constexpr int kUuts = 10;
+  std::map<pid_t, int> runs;
+  // Runs whose number is 2 mod 3 are killed after their third UUT; runs
+  // 0..11 start while the database is held, 12..23 after it is freed.
+  auto startRun = [&](int run) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ::close(fds[0]);
+      const StoreSpec& mine = run % 4 == 3 ? elsewhere : spec;
+      ResultsQueue q(localFiles(), journal, StoreKey(mine));
+      if (!q.open(nullptr)) _exit(3);
+      ResultsRecorder recorder(q, [mine](std::string* e) -> std::unique_ptr<ResultsStore> {
+        return OpenResultsStore(mine, e, 0);
+      });
+      recorder.retryDelay = std::chrono::milliseconds(2);
+      recorder.start();
+      for (int u = 0; u < kUuts; ++u) {
+        const std::string key = "r" + std::to_string(run) + "-" + std::to_string(u);
+        if (!recorder.submit(SampleUut(key, key, "2026-11-15 10:00:00", 2), nullptr)) _exit(4);
+        const std::string line = key + "\n";
+        if (::write(fds[1], line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+          _exit(5);
+      }
+      const bool delivers = run >= kRuns / 2 && run % 4 != 3;
+      recorder.flush(std::chrono::milliseconds(delivers ? 60000 : 0));
+      recorder.stop();
+      _exit(0);
+    }
+    runs[pid] = run;
+  };
+  for (int run = 0; run < kRuns / 2; ++run) startRun(run);
+
+  std::set<std::string> queued;  // a run was told its record is queued
+  std::map<int, int> told;       // by run
+  std::string pending;
+  auto readSome = [&]() {
+    char buf[4096];
+    const ssize_t n = ::read(fds[0], buf, sizeof buf);
+    if (n <= 0) return false;
+    pending.append(buf, static_cast<size_t>(n));
+    for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
+      const std::string key = pending.substr(0, end);
+      queued.insert(key);
+      const int run = std::stoi(key.substr(1));
+      if (++told[run] == 3 && run % 3 == 2) {
+        for (const auto& [pid, r] : runs) {
+          if (r == run) ::kill(pid, SIGKILL);
+        }
+      }
+    }
+    return true;
+  };
+  auto reap = [&](bool all) {
+    for (;;) {
+      int status = 0;
+      const pid_t pid = ::waitpid(-1, &status, all ? 0 : WNOHANG);
+      if (pid <= 0) return;
+      const int run = runs[pid];
+      if (run % 3 == 2) {
+        EXPECT_TRUE(WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
+      } else {
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "run " << run;
+      }
+      runs.erase(pid);
+      if (runs.empty()) return;
+    }
+  };
+  // The first half queue while the database is held. (A run that failed
+  // early would leave fewer lines; the bound on the wait only keeps such a
+  // fault from hanging the test.)
+  for (int idle = 0; queued.size() < (kRuns / 2) * 3 && idle < 60;) {
+    pollfd p{fds[0], POLLIN, 0};
+    if (::poll(&p, 1, 1000) == 1) {
+      ASSERT_TRUE(readSome());
+    } else {
+      ++idle;
+    }
+  }
+  ASSERT_GE(queued.size(), static_cast<size_t>((kRuns / 2) * 3));
+  ASSERT_TRUE(holder->script("ROLLBACK", &error)) << error;
+  holder.reset();
+  for (int run = kRuns / 2; run < kRuns; ++run) startRun(run);
+  ::close(fds[1]);
+  while (readSome()) {
+  }
+  reap(true);
+  ::close(fds[0]);
+
+  // Whoever comes next delivers what the killed runs left.
+  ResultsQueue last(localFiles(), journal, StoreKey(spec));
+  ASSERT_TRUE(last.open(&error)) << error;
+  ResultsRecorder recorder(last, SqliteOpener(db, 5000));
+  recorder.drain();
+  EXPECT_EQ(last.size(), 0u) << recorder.lastError();
+
+  const std::vector<std::string> stored = StoredKeys(spec);
+  const std::set<std::string> storedSet(stored.begin(), stored.end());
+  EXPECT_EQ(storedSet.size(), stored.size());  // none twice
+  std::vector<QueuedRecord> left;
+  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), journal, "", left, &error)) << error;
+  std::set<std::string> waiting;
+  for (const auto& r : left) {
+    EXPECT_EQ(r.store, StoreKey(elsewhere)) << r.uut.key;
+    EXPECT_FALSE(r.setAside);
+    waiting.insert(r.uut.key);
+  }
+  EXPECT_EQ(waiting.size(), left.size());
+  for (const auto& key : queued) {
+    const int run = std::stoi(key.substr(1));
+    if (run % 4 == 3) {
+      EXPECT_TRUE(waiting.count(key)) << key << " of another store is lost";
+      EXPECT_FALSE(storedSet.count(key)) << key << " went to the wrong store";
+    } else {
+      EXPECT_TRUE(storedSet.count(key)) << key << " is lost";
+    }
+  }
+  // Nothing arrived that no run made.
+  for (const auto& key : stored) {
+    const int run = std::stoi(key.substr(1));
+    EXPECT_NE(run % 4, 3) << key;
+    EXPECT_LT(std::stoi(key.substr(key.find('-') + 1)), kUuts);
+  }
+  EXPECT_GE(queued.size(), static_cast<size_t>(kRuns * 3));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "resultsdb/results_store.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 
 #include "common/civil_time.h"
@@ -130,7 +131,10 @@ bool SqlResultsStore::migrate(std::string* error) {
   return true;
 }
 
-bool SqlResultsStore::recordOne(const StoredUut& uut, std::string* error) {
+bool SqlResultsStore::recordOne(const StoredUut& original, std::string* error) {
+  // Text that is not UTF-8 is converted as the trace's text is, so a server
+  // that wants UTF-8 takes it and the file database holds the same.
+  const StoredUut uut = Utf8Record(original);
   int failed = 0;
   for (const auto& c : uut.checks) failed += c.passed ? 0 : 1;
   static const std::string insertUut = [] {
@@ -177,6 +181,8 @@ bool SqlResultsStore::recordOne(const StoredUut& uut, std::string* error) {
   }
   return true;
 }
+
+bool SqlResultsStore::refusedContent() const { return connection_->refusedContent(); }
 
 bool SqlResultsStore::record(const std::vector<StoredUut>& batch, std::string* error) {
   if (batch.empty()) return true;
@@ -325,6 +331,13 @@ std::unique_ptr<SqlResultsStore> OpenResultsStore(const StoreSpec& spec, std::st
   auto store = std::make_unique<SqlResultsStore>(std::move(connection));
   if (!store->migrate(error)) return nullptr;
   return store;
+}
+
+std::string StoreKey(const StoreSpec& spec) {
+  if (spec.kind != StoreSpec::Kind::kSqlite) return DescribeStoreSpec(spec);
+  std::error_code ec;
+  const auto absolute = std::filesystem::absolute(spec.target, ec);
+  return ec ? spec.target : absolute.lexically_normal().string();
 }
 
 bool NormaliseDateBound(const std::string& text, bool upper, std::string& out) {

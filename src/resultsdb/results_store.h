@@ -50,6 +50,10 @@ class ResultsStore {
   virtual bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) = 0;
   // Where the store is, fit to show.
   virtual std::string describe() const = 0;
+  // True when the last record() failed because the store refused what a
+  // record holds (a value out of its range), not because it could not be
+  // reached or written: sending the same record again will fail again.
+  virtual bool refusedContent() const { return false; }
 };
 
 // One schema migration: applied in order of number, each once.
@@ -74,6 +78,7 @@ class SqlResultsStore : public ResultsStore {
   bool fetch(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) override;
   std::string describe() const override { return connection_->describe(); }
+  bool refusedContent() const override;
 
   SqlConnection& connection() { return *connection_; }
   // Called after each record of a batch is sent and before the commit; the
@@ -98,6 +103,9 @@ bool ParseStoreSpec(const std::string& spec, const std::string& dataRoot, StoreS
                     std::string* error);
 // The store named fit to show: a connection string without its password.
 std::string DescribeStoreSpec(const StoreSpec& spec);
+// The store as the queue's journal names it: the database file's absolute
+// path, or the connection string without its password.
+std::string StoreKey(const StoreSpec& spec);
 
 inline constexpr std::string_view kStoreFileName = "results.sqlite";
 

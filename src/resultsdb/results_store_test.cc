@@ -188,6 +188,46 @@ TEST_P(StoreTest, ManyStationsWriteAtOnce) {
   for (const auto& row : yield) EXPECT_EQ(row.tested, kRecords);
 }
 
+TEST_P(StoreTest, TextThatIsNotUtf8IsConvertedAndAValueOutOfRangeIsRefusedForItsContent) {
+  auto store = Open();
+  ASSERT_TRUE(store);
+  StoredUut typed = SampleUut("k1", "caf\xE9-1", "2026-11-15 09:00:00", 2);
+  typed.description =
+      "caf\xE9 \x80 5\xB0"
+      "C";  // typed in Windows-1252
+  typed.checks[1].message = "\xB1 2";
+  std::string error;
+  ASSERT_TRUE(store->record({typed}, &error)) << error;
+  std::vector<StoredUut> fetched;
+  ASSERT_TRUE(store->fetch({}, fetched, &error)) << error;
+  ASSERT_EQ(fetched.size(), 1u);
+  // As the trace converts it, in both back ends.
+  EXPECT_EQ(fetched[0].serial, "caf\u00E9-1");
+  EXPECT_EQ(fetched[0].description, "caf\u00E9 \u20AC 5\u00B0C");
+  EXPECT_EQ(fetched[0].checks[1].message, "\u00B1 2");
+
+  // A connection that fails for what it was given says so; one that fails
+  // for the state of the store does not.
+  EXPECT_FALSE(store->refusedContent());
+  StoredUut huge = SampleUut("k2", "2", "2026-11-15 09:00:00", 1);
+  huge.checks[0].value = "1e400";
+  const bool taken = store->record({huge}, &error);
+  if (GetParam() == "postgresql") {
+    EXPECT_FALSE(taken);
+    EXPECT_TRUE(store->refusedContent()) << error;
+  }
+}
+
+TEST(SqliteStore, ACommitIsOnTheDiskBeforeItReturns) {
+  testing::TempFolder folder;
+  std::string error;
+  auto store = OpenResultsStore({StoreSpec::Kind::kSqlite, folder.file("results.sqlite")}, &error);
+  ASSERT_TRUE(store) << error;
+  SqlRows rows;
+  ASSERT_TRUE(store->connection().exec("PRAGMA synchronous", {}, &rows, nullptr, &error));
+  EXPECT_EQ(rows.at(0).at(0), "2");  // FULL: the log is flushed at every commit
+}
+
 INSTANTIATE_TEST_SUITE_P(BackEnds, StoreTest, ::testing::Values("sqlite", "postgresql"),
                          [](const auto& info) { return info.param; });
 

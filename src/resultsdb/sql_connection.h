@@ -41,6 +41,13 @@ class SqlConnection {
   virtual bool beginExclusive(std::string* error) = 0;
   // Where the connection goes, fit to show: never a password.
   virtual std::string describe() const = 0;
+  // True when the last statement that failed was refused for the data it
+  // was given (a value out of range, a constraint), not for the state of the
+  // connection or the database.
+  bool refusedContent() const { return refusedContent_; }
+
+ protected:
+  bool refusedContent_ = false;
 };
 
 }  // namespace tavrix

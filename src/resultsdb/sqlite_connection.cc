@@ -79,6 +79,7 @@ class SqliteConnection : public SqlConnection {
     if (sqlite3_exec(db_, std::string(sql).c_str(), nullptr, nullptr, &message) == SQLITE_OK) {
       return true;
     }
+    refusedContent_ = false;
     if (error) *error = describe() + ": " + (message ? message : sqlite3_errmsg(db_));
     sqlite3_free(message);
     return false;
@@ -105,6 +106,9 @@ class SqliteConnection : public SqlConnection {
   }
 
   bool fail(sqlite3_stmt* stmt, std::string* error) {
+    const int code = sqlite3_errcode(db_);
+    refusedContent_ = code == SQLITE_TOOBIG || code == SQLITE_CONSTRAINT ||
+                      code == SQLITE_MISMATCH || code == SQLITE_RANGE;
     if (error) *error = describe() + ": " + sqlite3_errmsg(db_);
     sqlite3_reset(stmt);
     sqlite3_clear_bindings(stmt);
@@ -136,10 +140,12 @@ std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, const SqliteO
   sqlite3_busy_timeout(db, options.busyTimeoutMs);
   sqlite3_extended_result_codes(db, 0);
   auto connection = std::make_unique<SqliteConnection>(db, path);
-  // A write-ahead log lets readers work beside the writer; a commit is
-  // durable in the log, which is what a power cut needs.
+  // A write-ahead log lets readers work beside the writer. With FULL the
+  // log is flushed to the disk at every commit, so a commit that returned
+  // survives a power cut; NORMAL would flush it only at checkpoints, and the
+  // last commits could vanish while the queue's journal says they were taken.
   const char* setup = options.readOnly ? "PRAGMA foreign_keys = ON"
-                                       : "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
+                                       : "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; "
                                          "PRAGMA wal_autocheckpoint = 4000; "
                                          "PRAGMA foreign_keys = ON";
   if (!connection->script(setup, error)) return nullptr;

@@ -50,4 +50,9 @@ struct StoredUut {
   bool operator==(const StoredUut&) const = default;
 };
 
+// `uut` with every text converted to UTF-8 as the trace converts text:
+// valid UTF-8 stays, any other byte is taken as a Windows-1252 character.
+// Both back ends and the journal keep the converted text.
+StoredUut Utf8Record(const StoredUut& uut);
+
 }  // namespace tavrix

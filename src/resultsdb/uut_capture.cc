@@ -1,6 +1,7 @@
 #include "resultsdb/uut_capture.h"
 
 #include <cstdio>
+#include <memory>
 #include <random>
 
 #include "platform/process.h"
@@ -57,12 +58,19 @@ std::string DefaultStationName() {
   return name.empty() ? "station" : name;
 }
 
-void CaptureUuts(TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecorder& recorder,
-                 std::string station, std::function<void(const std::string&)> report) {
+void CaptureUuts(
+    TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecorder& recorder,
+    std::string station, std::function<void(const std::string&)> report,
+    std::function<void(const StoredUut&, const std::vector<std::string>& files)> unqueued) {
+  // The results files of the UUT that ends, told just before uutEnded.
+  auto files = std::make_shared<std::vector<std::string>>();
+  testDatabase.addUutFinishedHook(
+      [files](const UutRecord&, const std::vector<std::string>& written) { *files = written; });
   testDatabase.uutEnded = [&sequencer, &recorder, station = std::move(station),
-                           report = std::move(report), reported = false](
-                              const TestDefinition& definition, const std::string& detailsPath,
-                              const UutRecord& uut, Micros ended) mutable {
+                           report = std::move(report), unqueued = std::move(unqueued), files,
+                           reported = false](const TestDefinition& definition,
+                                             const std::string& detailsPath, const UutRecord& uut,
+                                             Micros ended) mutable {
     StoredUut record =
         MakeStoredUut(definition, detailsPath, uut, ended, station, sequencer.sequenceFileName());
     record.key = NewUutKey(record);
@@ -73,9 +81,12 @@ void CaptureUuts(TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecord
       event.field("serial", record.serial).field("key", record.key).field("queued", queued);
       if (!queued) event.field("error", error);
     }
+    if (!queued && unqueued) unqueued(record, *files);
     if (!queued && !reported && report) {
       reported = true;
-      report("the results store's queue cannot be written (the record waits in memory): " + error);
+      report(error +
+             "; records wait in memory and are lost if the store does not take them before the "
+             "run ends");
     }
   };
 }

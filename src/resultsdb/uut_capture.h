@@ -28,8 +28,11 @@ std::string DefaultStationName();
 
 // Plugs `recorder` into the end of every UUT of `testDatabase`. A record
 // that cannot be queued durably is reported once in the trace and on
-// `report` (which may be empty); the run goes on.
-void CaptureUuts(TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecorder& recorder,
-                 std::string station, std::function<void(const std::string&)> report);
+// `report` (which may be empty), and told to `unqueued` (which may be empty)
+// with the results files that hold it; the run goes on.
+void CaptureUuts(
+    TestDatabase& testDatabase, Sequencer& sequencer, ResultsRecorder& recorder,
+    std::string station, std::function<void(const std::string&)> report,
+    std::function<void(const StoredUut&, const std::vector<std::string>& files)> unqueued = {});
 
 }  // namespace tavrix

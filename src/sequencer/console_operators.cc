@@ -94,12 +94,26 @@ void ScriptedOperator::showMessage(std::string_view title, std::string_view text
   PrintMessageBox(out_, title, text);
 }
 
+TerminalOperator::TerminalOperator(std::FILE* in, std::FILE* out)
+    : out_(out), lines_(std::make_unique<platform::LineReader>(in)) {}
+
 TerminalOperator::~TerminalOperator() {
+  lines_->cancel();
   if (reader_.joinable()) reader_.join();
+}
+
+void TerminalOperator::closeQuestion() {
+  std::lock_guard lock(mutex_);
+  if (!open_) return;
+  open_ = false;
+  lines_->cancel();
+  std::fprintf(out_, "\n");
+  std::fflush(out_);
 }
 
 void TerminalOperator::ask(const Question& question, std::function<void(Answer)> answered) {
   if (reader_.joinable()) reader_.join();
+  lines_->clear();
   std::string text;
   for (char c : question.text) text += c == '\r' ? '\n' : c;
   std::fprintf(out_, "\n%s\n", text.c_str());
@@ -112,22 +126,36 @@ void TerminalOperator::ask(const Question& question, std::function<void(Answer)>
     std::fprintf(out_, "\n> ");
   }
   std::fflush(out_);
+  {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+  }
   reader_ = std::thread([this, question, answered = std::move(answered)] {
-    char buffer[4096];
+    // The answer goes out unless the question was closed meanwhile.
+    auto give = [&](Answer answer) {
+      {
+        std::lock_guard lock(mutex_);
+        if (!open_) return;
+        open_ = false;
+      }
+      answered(std::move(answer));
+    };
     for (;;) {
-      if (std::fgets(buffer, sizeof buffer, in_) == nullptr) {
-        answered(std::nullopt);
+      std::string line;
+      const auto got = lines_->readLine(line);
+      if (got == platform::LineReader::Result::kCancelled) return;
+      if (got == platform::LineReader::Result::kEnd) {
+        give(std::nullopt);
         return;
       }
-      std::string line(buffer);
       while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
       if (question.buttons.empty()) {
-        answered(line);
+        give(line);
         return;
       }
       const std::string button = MatchAnswer(question, line);
       if (!button.empty()) {
-        answered(button);
+        give(button);
         return;
       }
       std::fprintf(out_, "Please answer with one of the buttons.\n> ");

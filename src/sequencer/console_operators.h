@@ -3,8 +3,6 @@
 // to the error stream.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -12,6 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "common/file_system.h"
+#include "platform/console.h"
 #include "sequencer/answers_file.h"
 #include "sequencer/operator.h"
 
@@ -44,19 +44,23 @@ class ScriptedOperator : public Operator {
 
 // Asks at the terminal: the question, its buttons numbered, and a line of
 // input naming a button by caption (any case) or by number. Input is read on
-// a thread of its own, so timers keep running while the person thinks.
+// a thread of its own, so timers keep running while the person thinks. A
+// question the engine closes (the run was stopped) stops waiting at once.
 class TerminalOperator : public Operator {
  public:
-  TerminalOperator(std::FILE* in, std::FILE* out) : in_(in), out_(out) {}
+  TerminalOperator(std::FILE* in, std::FILE* out);
   ~TerminalOperator() override;
   void ask(const Question& question, std::function<void(Answer)> answered) override;
+  void closeQuestion() override;
   bool isPerson() const override { return true; }
   std::string unansweredReason() const override { return "the terminal input was closed"; }
   void showMessage(std::string_view title, std::string_view text) override;
 
  private:
-  std::FILE* in_;
   std::FILE* out_;
+  std::unique_ptr<platform::LineReader> lines_;
+  std::mutex mutex_;
+  bool open_ = false;  // a question waits for its answer
   std::thread reader_;
 };
 

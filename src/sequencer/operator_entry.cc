@@ -59,6 +59,12 @@ bool WriteOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view com
   return false;
 }
 
+// These questions end their wait when Stop is requested, whoever asks them
+// (a window closes them itself; a terminal is told to).
+std::function<bool()> StopCloses(Sequencer& seq) {
+  return [&seq] { return seq.stopRequested(); };
+}
+
 void EnterSend(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
   const std::string channel(trim(cmd.arg2));
   if (channel.empty()) {
@@ -69,7 +75,7 @@ void EnterSend(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) 
   Question question;
   question.kind = "ENTERSEND";
   question.text = cmd.arg1;  // no buttons: the answer is the text typed
-  const Answer answer = seq.ask(question);
+  const Answer answer = seq.ask(question, StopCloses(seq), "");
   if (!answer || seq.stopRequested()) return;
   WriteOrReport(*channels, seq, "EnterSend", channel, trim(*answer));
 }
@@ -102,7 +108,7 @@ void SelectMenu(Sequencer& seq, const MenuCommand& menu) {
   question.kind = "SELECTMENU";
   question.text = menu.prompt;
   question.buttons = menu.choices;
-  const Answer answer = seq.ask(question);
+  const Answer answer = seq.ask(question, StopCloses(seq), "");
   if (!answer || seq.stopRequested()) return;
   seq.searchLabel(*answer);
 }
@@ -143,7 +149,8 @@ void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd)
     question.text = cmd.arg1;
     question.buttons = label.empty() ? std::vector<std::string>{"Continue"}
                                      : std::vector<std::string>{"OK", "Cancel"};
-    answer = seq.ask(question, [&] { return readFailed; }, "Cancel");
+    answer = seq.ask(
+        question, [&] { return readFailed || seq.stopRequested(); }, "Cancel");
   }
   if (!answer || seq.stopRequested()) return;
   if (*answer == "Cancel" && !label.empty()) seq.searchLabel(label);
@@ -170,7 +177,7 @@ void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cm
     question.kind = "MANUALADJUST";
     question.text = message + " (" + channel + " =" + numberText(leadingNumber(value)) + ")";
     question.buttons = {"Up", "Down", "Done"};
-    const Answer answer = seq.ask(question);
+    const Answer answer = seq.ask(question, StopCloses(seq), "Done");
     if (!answer || *answer == "Done" || WaitInterrupted(seq)) return;
     if (!seq.mayAskAgain(question, "only Done ends the adjustment")) return;
     const double next = leadingNumber(value) + (*answer == "Up" ? step : -step);

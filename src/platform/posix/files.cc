@@ -96,6 +96,10 @@ int truncateFile(FileHandle file, uint64_t size) {
   return ::ftruncate(static_cast<int>(file), static_cast<off_t>(size)) == 0 ? 0 : errno;
 }
 
+int seekFile(FileHandle file, uint64_t offset) {
+  return ::lseek(static_cast<int>(file), static_cast<off_t>(offset), SEEK_SET) >= 0 ? 0 : errno;
+}
+
 int pathInfo(const std::string& path, PathInfo& info) {
   info = PathInfo{};
   struct stat st {};

@@ -93,4 +93,42 @@ StopRequests::~StopRequests() {
   SetEvent(h.finished);
 }
 
+struct LineReader::State {
+  std::FILE* stream = nullptr;
+  std::mutex mutex;
+  bool cancelled = false;
+};
+
+LineReader::LineReader(std::FILE* stream) : state_(std::make_unique<State>()) {
+  state_->stream = stream;
+}
+
+LineReader::~LineReader() = default;
+
+LineReader::Result LineReader::readLine(std::string& line) {
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->cancelled) {
+      state_->cancelled = false;
+      return Result::kCancelled;
+    }
+  }
+  char buffer[4096];
+  if (state_->stream == nullptr || std::fgets(buffer, sizeof buffer, state_->stream) == nullptr)
+    return Result::kEnd;
+  line = buffer;
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  return Result::kLine;
+}
+
+void LineReader::cancel() {
+  std::lock_guard lock(state_->mutex);
+  state_->cancelled = true;
+}
+
+void LineReader::clear() {
+  std::lock_guard lock(state_->mutex);
+  state_->cancelled = false;
+}
+
 }  // namespace tavrix::platform

@@ -106,6 +106,12 @@ int writeAll(FileHandle file, const void* bytes, size_t size) {
 
 int syncFile(FileHandle file) { return FlushFileBuffers(asHandle(file)) ? 0 : lastErrorNumber(); }
 
+int seekFile(FileHandle file, uint64_t offset) {
+  LARGE_INTEGER to{};
+  to.QuadPart = static_cast<LONGLONG>(offset);
+  return SetFilePointerEx(asHandle(file), to, nullptr, FILE_BEGIN) ? 0 : lastErrorNumber();
+}
+
 int truncateFile(FileHandle file, uint64_t size) {
   FILE_END_OF_FILE_INFO end{};
   end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
