@@ -29,7 +29,7 @@ SelectMenuDialog::SelectMenuDialog(const Question& question, std::function<void(
   layout->addWidget(Prompt(question, "laMenuPrompt"));
   lbMenu_ = new QListWidget;
   lbMenu_->setObjectName("lbMenu");
-  for (const auto& choice : question.buttons) lbMenu_->addItem(Text(choice));
+  for (const auto& choice : question.choices) lbMenu_->addItem(Text(choice));
   lbMenu_->setCurrentRow(0);
   layout->addWidget(lbMenu_);
   auto* ok = new QPushButton(tr("OK"));
@@ -127,7 +127,7 @@ void ChannelDisplayDialog::ask(const Question& question, std::function<void(Answ
     delete item->widget();
     delete item;
   }
-  for (const auto& caption : question.buttons) {
+  for (const auto& caption : question.choices) {
     auto* b = new QPushButton(Text(caption));
     b->setObjectName(QString::fromStdString("answer_" + caption));
     buttons_->addWidget(b);

@@ -43,7 +43,7 @@ enum class RunEventKind {
   // The sequence time-out count-down: `number` seconds left.
   kTimeout,
   // A question opened: `title` who asks (its kind), `text` the question,
-  // `items` the buttons.
+  // `items` the answers offered.
   kPrompt,
   // The question closed: `title` its kind, `text` the question, `answer`
   // the answer (none when no answer could come).

@@ -328,7 +328,7 @@ bool Sequencer::mayClose() {
   question.kind = "QUESTION";
   question.title = kCloseQuestionTitle;
   question.text = kCloseQuestionText;
-  question.buttons = {"Yes", "No", "Cancel"};
+  question.choices = {"Yes", "No", "Cancel"};
   // Only an explicit Yes closes: a question that gets no answer, or any
   // other answer, leaves the run going.
   const Answer answer = awaitAnswer(question, {}, {}).answer;
@@ -444,7 +444,7 @@ Sequencer::AnswerWait Sequencer::awaitAnswer(const Question& question,
     prompt.kind = RunEventKind::kPrompt;
     prompt.title = question.kind;
     prompt.text = question.text;
-    prompt.items = question.buttons;
+    prompt.items = question.choices;
     publish(std::move(prompt));
     std::optional<EventLoop::OutsideWait> person;
     if (operator_.isPerson()) person.emplace(events_);

@@ -16,8 +16,10 @@ namespace {
 // TAVRIX_RIG_DIR as the library's own directory.
 struct Rig {
   SystemClock clock;
+  // The library is a program of its own: the machine's files are its files.
   SimLink link{clock,
-               std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : ""};
+               std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : "",
+               localFiles()};
   std::mutex mutex;
 };
 

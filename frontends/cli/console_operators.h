@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "sequencer/answers_file.h"
+#include "answers_file.h"
 #include "sequencer/operator.h"
 
 namespace tavrix {
