@@ -8,6 +8,7 @@
 #include <set>
 #include <thread>
 
+#include "build_version.h"
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
 #include "crypt_commands.h"
@@ -424,10 +425,18 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
   return RunRigServer(std::move(serving), err, stop);
 }
 
+namespace {
+// "tavrix-cli 7.0 (commit 0123456789ab)": what --version shows.
+std::string VersionText() {
+  return std::string("tavrix-cli ") + BuildVersion() + " (commit " + BuildCommit() + ")";
+}
+}  // namespace
+
 int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                   std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", VersionText(), "Show the version and the commit it was built from");
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
   runCommand->add_flag("--virtual-time", run.virtualTime,
@@ -508,6 +517,9 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
     return kExitOk;
   } catch (const CLI::CallForAllHelp&) {
     std::fputs(app.help("", CLI::AppFormatMode::All).c_str(), out);
+    return kExitOk;
+  } catch (const CLI::CallForVersion& e) {
+    std::fprintf(out, "%s\n", e.what());
     return kExitOk;
   } catch (const CLI::ParseError& e) {
     std::fprintf(err, "tavrix-cli: %s\nRun 'tavrix-cli --help' for usage.\n", e.what());

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <signal.h>
 #include <sys/wait.h>
@@ -47,6 +48,15 @@ TEST_F(CliTest, TraceOfAVirtualTimeRun) {
       R"({"t":3600.000,"ev":"end","reason":"eof","code":0})",
   };
   EXPECT_EQ(TraceLines(), expected);
+}
+
+TEST_F(CliTest, VersionNamesTheReleaseAndTheCommit) {
+  EXPECT_EQ(Cli({"--version"}), kExitOk);
+  EXPECT_TRUE(std::regex_match(out_, std::regex("tavrix-cli " TAVRIX_EXPECTED_VERSION
+                                                " \\(commit ([0-9a-f]{12}|unknown)(\\+changes)?\\)\n")))
+      << out_;
+  // A subcommand cannot stand in for the version, nor the version for it.
+  EXPECT_EQ(Cli({"run", "--version"}), kExitUsage);
 }
 
 TEST_F(CliTest, ExitStatusTellsHowTheRunEnded) {

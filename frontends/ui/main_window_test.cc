@@ -916,6 +916,7 @@ class MainWindowTest : public QObject {
     Find<QAction>(w, "mbAbout")->trigger();
     QTRY_VERIFY(Find<QDialog>(w, "frmAbout")->isVisible());
     QCOMPARE(Find<QLabel>(w, "laProduct")->text(), w.windowTitle());
+    QVERIFY(Find<QLabel>(w, "laVersion")->text().startsWith("Version " TAVRIX_EXPECTED_VERSION ", commit "));
   }
 
   void endTavrixClosesTheWindowAfterTheRun() {
