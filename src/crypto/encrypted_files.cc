@@ -46,9 +46,8 @@ CounterpartName counterpart(std::string_view name, bool fromEncrypted) {
 }
 
 // Runs one file through the cipher; `failed` is the message's opening.
-bool runFile(FileSystem& files, const std::string& in, const std::string& out,
-             std::string_view key, std::string* error, bool decrypt,
-             const std::function<void(int)>& progress) {
+bool runFile(FileSystem& files, const std::string& in, const std::string& out, std::string_view key,
+             std::string* error, bool decrypt, const std::function<void(int)>& progress) {
   const std::string_view failed = decrypt ? kMsgFailedToDecrypt : kMsgFailedToEncrypt;
   auto report = [&](std::string_view reason) {
     if (error != nullptr) *error = std::string(failed) + in + ": " + std::string(reason);
@@ -88,13 +87,15 @@ CounterpartName encryptedCounterpart(std::string_view plainName) {
   return counterpart(plainName, false);
 }
 
-bool decryptFile(FileSystem& files, const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress) {
+bool decryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress) {
   return runFile(files, in, out, key, error, true, progress);
 }
 
-bool encryptFile(FileSystem& files, const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress) {
+bool encryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress) {
   return runFile(files, in, out, key, error, false, progress);
 }
 

@@ -76,13 +76,15 @@ CounterpartName encryptedCounterpart(std::string_view plainName);
 // left. On failure returns false and, when `error` is not null, a message
 // that starts with "Failed to decrypt " and the input path.
 // `progress`, when given, receives whole percents as TeaCipher's Progress does.
-bool decryptFile(FileSystem& files, const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress = {});
+bool decryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress = {});
 
 // Encrypts the plain file `in` with `key` into `out` (empty: the encrypted
 // counterpart of `in`), in the same way. Messages start with
 // "Failed to encrypt ".
-bool encryptFile(FileSystem& files, const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress = {});
+bool encryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress = {});
 
 }  // namespace tavrix

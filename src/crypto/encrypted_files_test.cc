@@ -109,9 +109,11 @@ TEST(EncryptedFiles, EncryptThenDecryptNextToTheSource) {
   ASSERT_TRUE(frame);
   writeFile(folder.file("LOG.WLE"), *frame);
   std::string error;
-  ASSERT_TRUE(decryptFile(localFiles(), folder.file("LOG.WLE"), "", kDefaultUtilityKey, &error)) << error;
+  ASSERT_TRUE(decryptFile(localFiles(), folder.file("LOG.WLE"), "", kDefaultUtilityKey, &error))
+      << error;
   EXPECT_EQ(readFile(folder.file("LOG.wl")), "1,2,3\r\n");
-  ASSERT_TRUE(decryptFile(localFiles(), folder.file("LOG.WLE"), folder.file("copy"), "OSKIRA", &error));
+  ASSERT_TRUE(
+      decryptFile(localFiles(), folder.file("LOG.WLE"), folder.file("copy"), "OSKIRA", &error));
   EXPECT_EQ(readFile(folder.file("copy")), "1,2,3\r\n");
 }
 
@@ -140,9 +142,11 @@ TEST(EncryptedFiles, FailuresExplainThemselvesAndLeaveNoPartialOutput) {
   EXPECT_THAT(error, HasSubstr("No such file or directory"));
 
   // A folder that cannot be written to.
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("a.wte"), folder.file("missing/a.wts"), "OSKIRA", &error));
+  EXPECT_FALSE(decryptFile(localFiles(), folder.file("a.wte"), folder.file("missing/a.wts"),
+                           "OSKIRA", &error));
   EXPECT_THAT(error, HasSubstr("cannot write file " + folder.file("missing/a.wts")));
-  EXPECT_FALSE(encryptFile(localFiles(), folder.file("a.wts"), folder.file("missing/a.wte"), "OSKIRA", &error));
+  EXPECT_FALSE(encryptFile(localFiles(), folder.file("a.wts"), folder.file("missing/a.wte"),
+                           "OSKIRA", &error));
   EXPECT_THAT(error, StartsWith("Failed to encrypt " + folder.file("a.wts")));
 
   // No output name can be made for an unknown extension.

@@ -313,8 +313,8 @@ bool TeaCipher::DecryptByte(std::vector<uint8_t>& data, std::optional<std::strin
 }
 
 std::optional<std::string> TeaCipher::EncryptString(std::string_view text,
-                                                 std::optional<std::string_view> key,
-                                                 bool OutputInHex) {
+                                                    std::optional<std::string_view> key,
+                                                    bool OutputInHex) {
   std::vector<uint8_t> bytes(text.begin(), text.end());
   if (!EncryptByte(bytes, key)) return std::nullopt;
   if (OutputInHex) return toHex(bytes);
@@ -322,8 +322,8 @@ std::optional<std::string> TeaCipher::EncryptString(std::string_view text,
 }
 
 std::optional<std::string> TeaCipher::DecryptString(std::string_view text,
-                                                 std::optional<std::string_view> key,
-                                                 bool IsTextInHex) {
+                                                    std::optional<std::string_view> key,
+                                                    bool IsTextInHex) {
   std::vector<uint8_t> bytes =
       IsTextInHex ? fromHex(text) : std::vector<uint8_t>(text.begin(), text.end());
   if (!DecryptByte(bytes, key)) return std::nullopt;
@@ -331,7 +331,7 @@ std::optional<std::string> TeaCipher::DecryptString(std::string_view text,
 }
 
 void TeaCipher::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressMeter* meter,
-                         uint64_t position) {
+                            uint64_t position) {
   const TeaKey key = key_;
   for (size_t pos = 0; pos + kBlock <= size; pos += kBlock) {
     if (meter != nullptr) meter->at(position + pos);
@@ -351,7 +351,7 @@ void TeaCipher::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgre
 // The file members stream: a frame is built or taken apart one chunk of
 // blocks at a time, so memory stays at one chunk whatever the file's size.
 bool TeaCipher::EncryptFile(const std::string& source, const std::string& target,
-                         std::optional<std::string_view> key) {
+                            std::optional<std::string_view> key) {
   error_ = {};
   if (key) Key(*key);
   std::string reason;
@@ -393,7 +393,7 @@ bool TeaCipher::EncryptFile(const std::string& source, const std::string& target
 }
 
 bool TeaCipher::DecryptFile(const std::string& source, const std::string& target,
-                         std::optional<std::string_view> key) {
+                            std::optional<std::string_view> key) {
   error_ = {};
   if (key) Key(*key);
   std::string reason;

@@ -27,7 +27,8 @@ namespace {
 // WAITSTREAMER asks the streamer this often whether it is ready.
 constexpr Micros kStreamerPollInterval = kMicrosPerSecond;
 
-bool Need(RunContext& seq, std::string_view value, std::string_view command, std::string_view what) {
+bool Need(RunContext& seq, std::string_view value, std::string_view command,
+          std::string_view what) {
   if (!trim(value).empty()) return true;
   seq.reportSequenceError(std::string(command) + " - no " + std::string(what) + " given");
   return false;

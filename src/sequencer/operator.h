@@ -21,7 +21,8 @@ struct Question {
   std::string title;  // window title, where the question has one
   std::string text;
   std::vector<std::string> choices;  // the answers offered, as shown
-  // The answer may carry entry fields after the choice, each after a '|': "Accept|serial=1234|date=15-11-2026".
+  // The answer may carry entry fields after the choice, each after a '|':
+  // "Accept|serial=1234|date=15-11-2026".
   bool fieldsAfterChoice = false;
 };
 

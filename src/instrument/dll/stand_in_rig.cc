@@ -17,8 +17,7 @@ namespace {
 struct Rig {
   SystemClock clock;
   // The library is a program of its own: the machine's files are its files.
-  SimLink link{clock,
-               std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : "",
+  SimLink link{clock, std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : "",
                localFiles()};
   std::mutex mutex;
 };
