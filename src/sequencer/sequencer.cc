@@ -196,7 +196,7 @@ void Sequencer::dispatchLine(std::string& line) {
   line.erase(0, blanks == std::string::npos ? line.size() : blanks);
 
   showCurrentCommand(line);
-  {
+  if (linesHeard()) {
     RunEvent event;
     event.kind = RunEventKind::kLine;
     event.line = lineNumber_;
@@ -525,7 +525,7 @@ void Sequencer::setStopAllowed(bool allowed) {
 }
 
 void Sequencer::showCurrentCommand(std::string_view text) {
-  publish(RunEventKind::kCommand, std::string(text));
+  if (runEvents_.subscribers() > 1) publish(RunEventKind::kCommand, std::string(text));
 }
 
 void Sequencer::setStatus(std::string_view status) {

@@ -317,6 +317,9 @@ class Sequencer : public RunContext {
   bool readNextLine(std::string& line);
   void setStatus(std::string_view status);
   void publish(RunEventKind kind, std::string text = {});
+  // Whether anyone hears the line and command display events: the trace
+  // writes them, or a front end listens besides it.
+  bool linesHeard() const { return trace_.enabled() || runEvents_.subscribers() > 1; }
   void secondsTick();
   // Writes the run events that the trace records.
   void traceEvent(const RunEvent& event);
