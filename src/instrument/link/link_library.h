@@ -58,6 +58,7 @@ struct SetupLoad {
 };
 
 class EventLoop;
+class Trace;
 
 class LinkLibrary {
  public:
@@ -68,6 +69,13 @@ class LinkLibrary {
   // the loop, as the run's other waits do. The link layer gives it before
   // the first call.
   virtual void useEventLoop(EventLoop& /*events*/) {}
+  // The run's trace, for a library with something to record of its own
+  // (what its devices say they are). The link layer gives it with the loop.
+  virtual void useTrace(Trace& /*trace*/) {}
+  // A setup the library brings itself (its own file): the instrument loads
+  // it when the link opens and no setup has been loaded yet. Empty when the
+  // channel table comes from a setup file that the run chooses.
+  virtual std::string ownSetup() const { return {}; }
 
   // --- The instrument link library ------------------------------------------
   // Fills in `handle`.
@@ -83,6 +91,10 @@ class LinkLibrary {
   // length), followed by a NUL when it fits; the rest is left as it was.
   // 17: not ready yet, poll again.
   virtual int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) = 0;
+  // Whether getReply writes nothing but the reply and its NUL (WriteBuffer
+  // does that), so that the link layer need not look at the rest of the
+  // buffer. A vendor library may write anything anywhere: false.
+  virtual bool writesOnlyTheReply() const { return false; }
   virtual int32_t abortReply(int16_t handle, int16_t device) = 0;
   virtual int32_t millisecondCount() = 0;
   // Why the link last failed to reach its far end, in the system's words
