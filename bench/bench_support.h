@@ -18,7 +18,7 @@ namespace tavrix::bench {
 class QuietOperator : public Operator {
  public:
   void ask(const Question& q, std::function<void(Answer)> answered) override {
-    answered(q.buttons.empty() ? std::string() : q.buttons.front());
+    answered(q.choices.empty() ? std::string() : q.choices.front());
   }
   void showMessage(std::string_view, std::string_view) override {}
 };

@@ -130,10 +130,11 @@ void BM_TeaBlocks(benchmark::State& state) {
 }
 BENCHMARK(BM_TeaBlocks);
 
-// clsTEA::EncryptByte: the frame built around the data, progress counted.
+// TeaCipher::EncryptByte: the frame built around the data, progress counted.
 void BM_TeaEncryptByte(benchmark::State& state) {
   const std::vector<uint8_t> plain = Sample(kBufferBytes);
-  tavrix::clsTEA tea([] { return 0.5; });
+  tavrix::TeaCipher tea([] { return 0.5; });
+  tea.useFiles(tavrix::localFiles());
   tea.Key("OSKIRA");
   std::vector<uint8_t> data;
   for (auto _ : state) {
@@ -147,7 +148,8 @@ BENCHMARK(BM_TeaEncryptByte);
 
 void BM_TeaDecryptByte(benchmark::State& state) {
   std::vector<uint8_t> frame = Sample(kBufferBytes);
-  tavrix::clsTEA tea([] { return 0.5; });
+  tavrix::TeaCipher tea([] { return 0.5; });
+  tea.useFiles(tavrix::localFiles());
   tea.Key("OSKIRA");
   tea.EncryptByte(frame);
   std::vector<uint8_t> data;
@@ -189,7 +191,8 @@ void BM_TeaDecryptFile(benchmark::State& state) {
     }
     std::fclose(out);
   }
-  tavrix::clsTEA tea;
+  tavrix::TeaCipher tea;
+  tea.useFiles(tavrix::localFiles());
   if (!tea.EncryptFile(plain, sealed, "OSKIRA")) state.SkipWithError("encryption failed");
   std::filesystem::remove(plain);
   long peak = 0;

@@ -70,7 +70,7 @@ BENCHMARK(BM_SendLinesInProcessRig)->Unit(benchmark::kMillisecond);
 void BM_SendExchangeOnThePort(benchmark::State& state) {
   const std::string rig = WriteRig();
   SystemClock clock;
-  SimLink sim(clock);
+  SimLink sim(clock, "", localFiles());
   int16_t handle = 0;
   sim.openInterface(handle);
   SetupLoad load;
@@ -137,7 +137,7 @@ void LoopbackExchanges(benchmark::State& state, bool bridged) {
   }
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });
-  TcpLink link(clock, "127.0.0.1", server.port());
+  TcpLink link(clock, "127.0.0.1", server.port(), localFiles());
   if (bridged) link.setKey(key);
   int16_t handle = 0;
   SetupLoad load;

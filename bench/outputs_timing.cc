@@ -27,7 +27,7 @@ class TimedLink final : public LinkLibrary {
     Micros checked = 0;  // the "REP" reply that closed the write
     int32_t counter = 0;
   };
-  TimedLink(const Clock& clock) : clock_(clock), sim_(clock) {}
+  TimedLink(const Clock& clock) : clock_(clock), sim_(clock, "", localFiles()) {}
   std::vector<Exchange> writes;
 
   int32_t openInterface(int16_t& h) override { return sim_.openInterface(h); }

@@ -66,13 +66,13 @@ END {
   row("Calculated channels: a simulated week of examples/calc_day", per("BM_SimulatedWeekOfTheDayExample", 1e6, "%.2f s"))
   tea = num("BM_TeaEncryptByte", "bytes_per_second") / 1e6
   ref = num("BM_ReferenceEncipher", "bytes_per_second") / 1e6
-  row("TEA encryption, clsTEA (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
+  row("TEA encryption, TeaCipher (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
   row("TEA encryption, plain reference loop", ref > 0 ? sprintf("%.1f MB/s", ref) : "not measured")
-  row("TEA encryption: clsTEA speed / reference loop speed", ratio(tea, ref))
+  row("TEA encryption: TeaCipher speed / reference loop speed", ratio(tea, ref))
   tea = num("BM_TeaDecryptByte", "bytes_per_second") / 1e6
   ref = num("BM_ReferenceDecipher", "bytes_per_second") / 1e6
-  row("TEA decryption, clsTEA (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
-  row("TEA decryption: clsTEA speed / reference loop speed", ratio(tea, ref))
+  row("TEA decryption, TeaCipher (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")
+  row("TEA decryption: TeaCipher speed / reference loop speed", ratio(tea, ref))
   if (has("BM_TeaDecryptFile", "peak_rss_MiB"))
     row(sprintf("TEA file decryption (%d MiB): speed, peak memory", num("BM_TeaDecryptFile", "file_MiB")),
         sprintf("%.0f MB/s, %.0f MiB", num("BM_TeaDecryptFile", "bytes_per_second") / 1e6,

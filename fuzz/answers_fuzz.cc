@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "sequencer/console_operators.h"
+#include "cli/console_operators.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;

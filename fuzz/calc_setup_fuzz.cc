@@ -18,6 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   rig.values = {{"T1", "20.5"}, {"T2", " 3"}, {"OUT", "0"}, {"R1", "0"}};
   CalcPorts ports;
   ports.channels = &rig;
+  ports.files = &localFiles();
   ports.showMessage = [](std::string_view) {};
   ports.companion = [](std::string_view, std::string_view, std::string_view, std::string*) {
     return true;

@@ -35,6 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   rig.values = {{"T1", "20.5"}, {"T2", "ERROR"}, {"P", "-3e2"}, {"EMPTY", ""}};
   CalcPorts ports;
   ports.channels = &rig;
+  ports.files = &localFiles();
   ports.showMessage = [](std::string_view) {};
   ports.userValue = [](std::string_view channel, double& value) {
     value = static_cast<double>(channel.size());

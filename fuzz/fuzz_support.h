@@ -51,7 +51,7 @@ class FuzzOperator : public Operator {
   std::function<void()> onTooManyLines;
   int lines = 0;
   void ask(const Question& q, std::function<void(Answer)> answered) override {
-    answered(q.buttons.empty() ? std::string("x") : q.buttons.front());
+    answered(q.choices.empty() ? std::string("x") : q.choices.front());
   }
   void showMessage(std::string_view, std::string_view) override {}
   // Counts the lines of `bus` and ends the run after too many.

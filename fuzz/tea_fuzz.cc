@@ -9,7 +9,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;
-  clsTEA tea([] { return 0.25; });
+  TeaCipher tea([] { return 0.25; });
   std::vector<uint8_t> frame(data, data + size);
   const std::vector<uint8_t> original = frame;
   if (!tea.DecryptByte(frame, kDefaultUtilityKey)) {

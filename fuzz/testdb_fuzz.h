@@ -45,6 +45,7 @@ inline void ReadDefinitionWith(DefinitionFile which, const uint8_t* data, size_t
   paths.setDrive('c', dir);
   DefinitionReadOptions options;
   options.paths = &paths;
+  options.files = &tavrix::localFiles();
   options.currentDirectory = "c:\\work";
   options.showMessage = [](const std::string&) {};
   TestDefinition definition;

@@ -6,9 +6,9 @@
 #include <memory>
 #include <thread>
 
+#include "console_operators.h"
 #include "crypto/encrypted_files.h"
 #include "platform/console.h"
-#include "sequencer/console_operators.h"
 
 namespace tavrix {
 
@@ -79,7 +79,7 @@ bool ConfirmOverwrite(const CryptOptions& options, const std::string& destinatio
   question.kind = kOverwriteKind;
   question.title = kOverwriteTitle;
   question.text = overwriteQuestion(destination);
-  question.buttons = {"Yes", "No"};
+  question.choices = {"Yes", "No"};
   std::promise<Answer> promise;
   std::future<Answer> answer = promise.get_future();
   op->ask(question, [&promise](Answer a) { promise.set_value(std::move(a)); });
@@ -114,9 +114,10 @@ int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FI
   ProgressBar bar(err, decrypt ? "Decrypting" : "Encrypting", options.file);
   std::string error;
   const std::string_view key = options.key ? std::string_view(*options.key) : kDefaultUtilityKey;
-  const bool ok = decrypt
-                      ? decryptFile(options.file, name.destination, key, &error, bar.callback())
-                      : encryptFile(options.file, name.destination, key, &error, bar.callback());
+  const bool ok =
+      decrypt
+          ? decryptFile(localFiles(), options.file, name.destination, key, &error, bar.callback())
+          : encryptFile(localFiles(), options.file, name.destination, key, &error, bar.callback());
   if (!ok) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kCryptFailed;

@@ -29,7 +29,8 @@ class CryptCliTest : public CliTestBase {
   }
   // An encrypted file made with `key`.
   std::string Sealed(const std::string& name, const std::string& plain, std::string_view key) {
-    clsTEA tea;
+    TeaCipher tea;
+    tea.useFiles(localFiles());
     const std::string source = File("source.tmp", plain);
     EXPECT_TRUE(tea.EncryptFile(source, Path(name), key));
     localFiles().remove(source, nullptr);
@@ -99,7 +100,8 @@ TEST_F(CryptCliTest, EncryptThenDecryptWithAKey) {
   File("seq.wts", "STOP\r\n");
   EXPECT_EQ(Cli({"encrypt", Path("seq.wts"), "--key", "secret"}), kCryptDone) << err_;
   EXPECT_EQ(out_, Path("seq.wte") + "\n");
-  clsTEA tea;
+  TeaCipher tea;
+  tea.useFiles(localFiles());
   ASSERT_TRUE(tea.DecryptFile(Path("seq.wte"), Path("back"), "secret"));
   EXPECT_EQ(Read("back"), "STOP\r\n");
   // Without --key the utility key is used, which decrypt takes.

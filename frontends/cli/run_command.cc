@@ -26,7 +26,7 @@
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
 #include "resultsdb/results_feed.h"
-#include "sequencer/console_operators.h"
+#include "console_operators.h"
 #include "sequencer/sequence_file.h"
 #include "simulated_devices.h"
 #include "terminal_view.h"

@@ -153,7 +153,7 @@ void TerminalView::ask(const Question& question, std::function<void(Answer)> ans
   clearStatus();
   if (live_ && !inner_.isPerson()) {
     std::string buttons;
-    for (const auto& b : question.buttons) buttons += (buttons.empty() ? " [" : "] [") + b;
+    for (const auto& b : question.choices) buttons += (buttons.empty() ? " [" : "] [") + b;
     if (!buttons.empty()) buttons += "]";
     print(clock() + "  ? " + OneLine(question.text) + buttons);
   }

@@ -36,7 +36,8 @@ CheckFailureDialog::CheckFailureDialog(const Question& question, std::function<v
   setObjectName("frmCheckFailure");
   setWindowTitle(question.title.empty() ? tr("Check Failure") : Text(question.title));
   for (size_t i = 0; i < kItems.size(); ++i)
-    captions_[i] = question.buttons.size() == kItems.size() ? question.buttons[i] : kItems[i].caption;
+    captions_[i] =
+        question.choices.size() == kItems.size() ? question.choices[i] : kItems[i].caption;
 
   auto* layout = new QVBoxLayout(this);
   auto* menuBar = new QMenuBar(this);

@@ -111,7 +111,7 @@ void DecryptDialog::decrypt() {
 }
 
 void DecryptDialog::decryptNow(const QString& source, const QString& destination) {
-  if (!decryptFile(Std(source), Std(destination), kDefaultUtilityKey, nullptr)) {
+  if (!decryptFile(localFiles(), Std(source), Std(destination), kDefaultUtilityKey, nullptr)) {
     laMessage_->clear();
     message(Text(kMsgFailedToDecrypt) + source);
     return;

@@ -23,7 +23,7 @@ std::string LoopbackLink(int port) {
 // Whether a rig server answers on the port (with the key, when there is one).
 bool Answers(int port, const std::string& keyFile) {
   SystemClock clock;
-  TcpLink link(clock, kLoopback, static_cast<uint16_t>(port));
+  TcpLink link(clock, kLoopback, static_cast<uint16_t>(port), localFiles());
   link.connectWaitMs = 500;
   if (!keyFile.empty()) {
     std::string key;

@@ -23,7 +23,7 @@ bool Opens(const std::string& link, const std::string& key = "") {
   const std::string address = link.substr(std::string("tcp://").size());
   const size_t colon = address.rfind(':');
   TcpLink tcp(clock, address.substr(0, colon),
-              static_cast<uint16_t>(std::stoi(address.substr(colon + 1))));
+              static_cast<uint16_t>(std::stoi(address.substr(colon + 1))), localFiles());
   tcp.setKey(key);
   int16_t handle = 0;
   return tcp.openInterface(handle) == link_result::kOk;

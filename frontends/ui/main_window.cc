@@ -716,7 +716,7 @@ void MainWindow::openPanel(const Question& question, std::function<void(Answer)>
     palette.setColor(QPalette::Window, kWarningColour);
     frOKcancel_->setPalette(palette);
   }
-  const auto& captions = question.buttons;
+  const auto& captions = question.choices;
   pbOKcancelOK_->setText(captions.empty() ? tr("OK") : Text(captions[0]));
   pbOKcancelCancel_->setVisible(captions.size() != 1);
   if (captions.size() > 1) pbOKcancelCancel_->setText(Text(captions[1]));
@@ -751,7 +751,7 @@ void MainWindow::answerPanel(int button) {
   restorePanel();
   auto answered = std::move(panelAnswered_);
   panelAnswered_ = nullptr;
-  const auto& buttons = panelQuestion_.buttons;
+  const auto& buttons = panelQuestion_.choices;
   static const char* const kDesign[] = {"OK", "Cancel", "Shutdown"};
   answered(static_cast<size_t>(button) < buttons.size() ? buttons[static_cast<size_t>(button)]
                                                         : std::string(kDesign[button]));
@@ -763,10 +763,10 @@ void MainWindow::answerQuestionBox(const Question& question, std::function<void(
   box->setObjectName("questionBox");
   box->setAttribute(Qt::WA_DeleteOnClose);
   auto pressed = std::make_shared<std::vector<std::pair<QAbstractButton*, std::string>>>();
-  for (size_t i = 0; i < question.buttons.size(); ++i) {
-    QPushButton* b = box->addButton(Text(question.buttons[i]), QMessageBox::ActionRole);
-    b->setObjectName(QString::fromStdString("answer_" + question.buttons[i]));
-    pressed->emplace_back(b, question.buttons[i]);
+  for (size_t i = 0; i < question.choices.size(); ++i) {
+    QPushButton* b = box->addButton(Text(question.choices[i]), QMessageBox::ActionRole);
+    b->setObjectName(QString::fromStdString("answer_" + question.choices[i]));
+    pressed->emplace_back(b, question.choices[i]);
     // A question's second button is its default, as in the close question.
     if (i == 1) box->setDefaultButton(b);
   }

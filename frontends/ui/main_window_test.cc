@@ -1173,7 +1173,7 @@ class MainWindowTest : public QObject {
     const std::string base = "PUMP";
     const std::string plainText = "WAITSECONDS 5\r\nSTOP\r\n";
     Write(base + ".wts", plainText);
-    QVERIFY(encryptFile(base + ".wts", "", kDefaultUtilityKey, nullptr));
+    QVERIFY(encryptFile(localFiles(), base + ".wts", "", kDefaultUtilityKey, nullptr));
     std::filesystem::rename(base + ".wte", base + ".WTE");
     Write(base + ".wts", "old");
 

@@ -29,7 +29,7 @@ SelectMenuDialog::SelectMenuDialog(const Question& question, std::function<void(
   layout->addWidget(Prompt(question, "laMenuPrompt"));
   lbMenu_ = new QListWidget;
   lbMenu_->setObjectName("lbMenu");
-  for (const auto& choice : question.buttons) lbMenu_->addItem(Text(choice));
+  for (const auto& choice : question.choices) lbMenu_->addItem(Text(choice));
   lbMenu_->setCurrentRow(0);
   layout->addWidget(lbMenu_);
   // The arrow keys move in the list as soon as the window opens.
@@ -133,7 +133,7 @@ void ChannelDisplayDialog::ask(const Question& question, std::function<void(Answ
     delete item->widget();
     delete item;
   }
-  for (const auto& caption : question.buttons) {
+  for (const auto& caption : question.choices) {
     auto* b = new QPushButton(Text(caption));
     b->setObjectName(QString::fromStdString("answer_" + caption));
     // The answers change outputs (Up, Down): none is pressed by Enter.

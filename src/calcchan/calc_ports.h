@@ -64,8 +64,9 @@ struct CalcPorts {
   // The door to the setup, waveform, summary and alarm files; the machine's
   // own when not given.
   FileSystem* files = nullptr;
-  FileSystem& fileSystem() const { return files != nullptr ? *files : localFiles(); }
-  // A message box with an OK button, after which work goes on.
+  // Set by whoever builds the ports; every file goes through it.
+  FileSystem& fileSystem() const { return *files; }
+  // A message the operator acknowledges, after which work goes on.
   std::function<void(std::string_view)> showMessage;
   CompanionExecute companion;
   // A file specification as written in sequence and setup files

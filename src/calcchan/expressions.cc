@@ -101,7 +101,8 @@ Waveform* Analyser::findWaveform(std::string_view name) {
   for (auto& w : waveforms_) {
     if (sameName(w.name, name)) return &w;
   }
-  if (waveformFolder_.empty() || name.empty() || name.find_first_of("/\\") != std::string_view::npos) {
+  if (files_ == nullptr || waveformFolder_.empty() || name.empty() ||
+      name.find_first_of("/\\") != std::string_view::npos) {
     return nullptr;
   }
   // File names are matched without regard to case, as names are.
@@ -119,6 +120,10 @@ Waveform* Analyser::findWaveform(std::string_view name) {
 }
 
 bool Analyser::loadWaveform(std::string_view name, const std::string& path, std::string* error) {
+  if (files_ == nullptr) {
+    if (error != nullptr) *error = "no waveform folder is set";
+    return false;
+  }
   std::vector<std::string> lines;
   if (!readTextLines(*files_, path, lines, error)) return false;
   Waveform wave;

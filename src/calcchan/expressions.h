@@ -94,7 +94,8 @@ class Analyser {
   AnalysisResult result_;
   std::vector<NamedResult> results_;
   std::vector<Waveform> waveforms_;
-  const FileSystem* files_ = &localFiles();
+  // None until setWaveformFolder: no waveform can be loaded.
+  const FileSystem* files_ = nullptr;
   std::string waveformFolder_;
 };
 

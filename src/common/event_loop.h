@@ -1,5 +1,5 @@
 // The engine's event loop: the one place where "pending events are
-// processed". Tasks posted from any thread (button presses, answers, a stop
+// processed". Tasks posted from any thread (run commands, answers, a stop
 // signal) and timers run here, on the engine thread, whenever a command lets
 // events run. Waiting sleeps until the next timer is due or a task arrives;
 // with a virtual clock an idle wait jumps straight to the next due timer.

@@ -46,7 +46,7 @@ CounterpartName counterpart(std::string_view name, bool fromEncrypted) {
 }
 
 // Runs one file through the cipher; `failed` is the message's opening.
-bool runFile(const std::string& in, const std::string& out, std::string_view key,
+bool runFile(FileSystem& files, const std::string& in, const std::string& out, std::string_view key,
              std::string* error, bool decrypt, const std::function<void(int)>& progress) {
   const std::string_view failed = decrypt ? kMsgFailedToDecrypt : kMsgFailedToEncrypt;
   auto report = [&](std::string_view reason) {
@@ -61,7 +61,8 @@ bool runFile(const std::string& in, const std::string& out, std::string_view key
     }
     target = name.destination;
   }
-  clsTEA tea;
+  TeaCipher tea;
+  tea.useFiles(files);
   tea.Key(key);
   tea.Progress = progress;
   const bool ok = decrypt ? tea.DecryptFile(in, target) : tea.EncryptFile(in, target);
@@ -86,14 +87,16 @@ CounterpartName encryptedCounterpart(std::string_view plainName) {
   return counterpart(plainName, false);
 }
 
-bool decryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress) {
-  return runFile(in, out, key, error, true, progress);
+bool decryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress) {
+  return runFile(files, in, out, key, error, true, progress);
 }
 
-bool encryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress) {
-  return runFile(in, out, key, error, false, progress);
+bool encryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress) {
+  return runFile(files, in, out, key, error, false, progress);
 }
 
 }  // namespace tavrix

@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/file_system.h"
+
 namespace tavrix {
 
 // The key the decryption utility uses.
@@ -50,7 +52,7 @@ std::string overwriteQuestion(std::string_view destination);
 // a wrong split and an unrecognised extension, which is intended.
 struct CounterpartName {
   enum class Outcome {
-    kEmpty,          // no name: nothing to do (the decrypt button is disabled)
+    kEmpty,          // no name: nothing to do (decrypting is not offered)
     kNoExtension,    // no ".": nothing changes
     kNotRecognised,  // `message` is the text to show
     kRecognised,     // `source` and `destination` are set
@@ -68,19 +70,21 @@ CounterpartName plainCounterpart(std::string_view encryptedName);
 // The reverse, for a plain name (".wts", ".txt", ".xml", ".wl").
 CounterpartName encryptedCounterpart(std::string_view plainName);
 
-// Decrypts the file `in` with `key` into `out`; an empty `out` means the
+// Decrypts the file `in` with `key` into `out`, through `files`; an empty `out` means the
 // plain counterpart of `in`. An existing `out` is replaced, and only by a
 // complete file: on any failure `out` is as it was and no partial file is
 // left. On failure returns false and, when `error` is not null, a message
 // that starts with "Failed to decrypt " and the input path.
-// `progress`, when given, receives whole percents as clsTEA's Progress does.
-bool decryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress = {});
+// `progress`, when given, receives whole percents as TeaCipher's Progress does.
+bool decryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress = {});
 
 // Encrypts the plain file `in` with `key` into `out` (empty: the encrypted
 // counterpart of `in`), in the same way. Messages start with
 // "Failed to encrypt ".
-bool encryptFile(const std::string& in, const std::string& out, std::string_view key,
-                 std::string* error, const std::function<void(int)>& progress = {});
+bool encryptFile(FileSystem& files, const std::string& in, const std::string& out,
+                 std::string_view key, std::string* error,
+                 const std::function<void(int)>& progress = {});
 
 }  // namespace tavrix

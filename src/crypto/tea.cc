@@ -239,19 +239,19 @@ void teaDecipher(uint32_t& y, uint32_t& z, const TeaKey& k) {
   z = b;
 }
 
-clsTEA::clsTEA() = default;
+TeaCipher::TeaCipher() = default;
 
-clsTEA::clsTEA(RandomSource random) : random_(std::move(random)) {}
+TeaCipher::TeaCipher(RandomSource random) : random_(std::move(random)) {}
 
-void clsTEA::Key(std::string_view text) { key_ = teaKeyFromText(text); }
+void TeaCipher::Key(std::string_view text) { key_ = teaKeyFromText(text); }
 
-bool clsTEA::fail(uint32_t number, std::string description) {
+bool TeaCipher::fail(uint32_t number, std::string description) {
   error_.number = number;
   error_.description = std::move(description);
   return false;
 }
 
-uint32_t clsTEA::randomWord() {
+uint32_t TeaCipher::randomWord() {
   double r;
   if (random_) {
     r = random_();
@@ -269,14 +269,14 @@ uint32_t clsTEA::randomWord() {
   return static_cast<uint32_t>(std::floor(r * 2147483647.0));
 }
 
-void clsTEA::cipherBlocks(std::vector<uint8_t>& data, bool encipher, bool reportProgress) {
+void TeaCipher::cipherBlocks(std::vector<uint8_t>& data, bool encipher, bool reportProgress) {
   static const std::function<void(int)> kSilent;
   TeaProgressMeter meter(reportProgress ? Progress : kSilent, data.size());
   cipherRange(data.data(), data.size(), encipher, &meter, 0);
   meter.finish();
 }
 
-bool clsTEA::EncryptByte(std::vector<uint8_t>& data, std::optional<std::string_view> key) {
+bool TeaCipher::EncryptByte(std::vector<uint8_t>& data, std::optional<std::string_view> key) {
   error_ = {};
   if (key) Key(*key);
   const size_t n = data.size();
@@ -290,7 +290,7 @@ bool clsTEA::EncryptByte(std::vector<uint8_t>& data, std::optional<std::string_v
   return true;
 }
 
-bool clsTEA::DecryptByte(std::vector<uint8_t>& data, std::optional<std::string_view> key) {
+bool TeaCipher::DecryptByte(std::vector<uint8_t>& data, std::optional<std::string_view> key) {
   error_ = {};
   if (key) Key(*key);
   const size_t length = data.size();
@@ -312,26 +312,26 @@ bool clsTEA::DecryptByte(std::vector<uint8_t>& data, std::optional<std::string_v
   return true;
 }
 
-std::optional<std::string> clsTEA::EncryptString(std::string_view text,
-                                                 std::optional<std::string_view> key,
-                                                 bool OutputInHex) {
+std::optional<std::string> TeaCipher::EncryptString(std::string_view text,
+                                                    std::optional<std::string_view> key,
+                                                    bool OutputInHex) {
   std::vector<uint8_t> bytes(text.begin(), text.end());
   if (!EncryptByte(bytes, key)) return std::nullopt;
   if (OutputInHex) return toHex(bytes);
   return std::string(bytes.begin(), bytes.end());
 }
 
-std::optional<std::string> clsTEA::DecryptString(std::string_view text,
-                                                 std::optional<std::string_view> key,
-                                                 bool IsTextInHex) {
+std::optional<std::string> TeaCipher::DecryptString(std::string_view text,
+                                                    std::optional<std::string_view> key,
+                                                    bool IsTextInHex) {
   std::vector<uint8_t> bytes =
       IsTextInHex ? fromHex(text) : std::vector<uint8_t>(text.begin(), text.end());
   if (!DecryptByte(bytes, key)) return std::nullopt;
   return std::string(bytes.begin(), bytes.end());
 }
 
-void clsTEA::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressMeter* meter,
-                         uint64_t position) {
+void TeaCipher::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressMeter* meter,
+                            uint64_t position) {
   const TeaKey key = key_;
   for (size_t pos = 0; pos + kBlock <= size; pos += kBlock) {
     if (meter != nullptr) meter->at(position + pos);
@@ -350,11 +350,12 @@ void clsTEA::cipherRange(uint8_t* data, size_t size, bool encipher, TeaProgressM
 
 // The file members stream: a frame is built or taken apart one chunk of
 // blocks at a time, so memory stays at one chunk whatever the file's size.
-bool clsTEA::EncryptFile(const std::string& source, const std::string& target,
-                         std::optional<std::string_view> key) {
+bool TeaCipher::EncryptFile(const std::string& source, const std::string& target,
+                            std::optional<std::string_view> key) {
   error_ = {};
   if (key) Key(*key);
   std::string reason;
+  if (files_ == nullptr) return fail(kTeaErrFileRead, "no file system to read the file through");
   SourceFile in(*files_);
   if (!in.open(source, reason)) return fail(kTeaErrFileRead, reason);
   if (in.size() > kMaxPlaintext) return fail(kTeaErrTooLarge, "Data too large for TEA encryption");
@@ -391,11 +392,12 @@ bool clsTEA::EncryptFile(const std::string& source, const std::string& target,
   return true;
 }
 
-bool clsTEA::DecryptFile(const std::string& source, const std::string& target,
-                         std::optional<std::string_view> key) {
+bool TeaCipher::DecryptFile(const std::string& source, const std::string& target,
+                            std::optional<std::string_view> key) {
   error_ = {};
   if (key) Key(*key);
   std::string reason;
+  if (files_ == nullptr) return fail(kTeaErrFileRead, "no file system to read the file through");
   SourceFile in(*files_);
   if (!in.open(source, reason)) return fail(kTeaErrFileRead, reason);
   const uint64_t length = in.size();

@@ -51,19 +51,19 @@ struct TeaError {
 // Encryption and decryption of byte arrays, strings and files in the frame
 // format. Every call reports success by its result and leaves the reason of
 // a failure in LastError(); nothing is thrown.
-class clsTEA {
+class TeaCipher {
  public:
   // A uniform random number in [0, 1) for the frame's random word.
   using RandomSource = std::function<double()>;
 
   // Draws the random word from a generator re-seeded from the clock before
   // each encryption.
-  clsTEA();
+  TeaCipher();
   // Draws the random word from `random` (tests make frames reproducible).
-  explicit clsTEA(RandomSource random);
+  explicit TeaCipher(RandomSource random);
 
-  // The file system EncryptFile and DecryptFile go through (the machine's
-  // own until set).
+  // The file system EncryptFile and DecryptFile go through; without one
+  // they fail.
   void useFiles(FileSystem& files) { files_ = &files; }
 
   // Reads `source`, encrypts it as one frame and writes the frame to
@@ -124,7 +124,7 @@ class clsTEA {
   RandomSource random_;
   uint64_t encryptions_ = 0;
   TeaError error_;
-  FileSystem* files_ = &localFiles();
+  FileSystem* files_ = nullptr;
 };
 
 }  // namespace tavrix

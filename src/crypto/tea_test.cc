@@ -104,7 +104,8 @@ TEST(TeaFrame, LayoutMatchesPublishedVectors) {
   // Random word 0 and filler 0 make the first block all zeros; twelve bytes
   // of plaintext put 01..08 into the third block, so whole blocks of the
   // frame are the published vectors.
-  clsTEA tea([] { return 0.0; });
+  TeaCipher tea([] { return 0.0; });
+  tea.useFiles(localFiles());
   std::vector<uint8_t> data{0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8};
   ASSERT_TRUE(tea.EncryptByte(data, ""));
   ASSERT_EQ(data.size(), 24u);
@@ -127,13 +128,14 @@ TEST(TeaFrame, LayoutMatchesPublishedVectors) {
   EXPECT_EQ(bigEndianAt(data, 20), 0x878A81C0u);
 
   // Nothing to encrypt: header and four zero bytes, two all-zero blocks.
-  EXPECT_EQ(clsTEA([] { return 0.0; }).EncryptString("", "", true),
+  EXPECT_EQ(TeaCipher([] { return 0.0; }).EncryptString("", "", true),
             "41EA3A0A94BAA94041EA3A0A94BAA940");
 }
 
 TEST(TeaFrame, HeaderWordsLittleEndianAndZeroPadding) {
   const TeaKey key = teaKeyFromText("frame key");
-  clsTEA tea([] { return 0.5; });  // 0.5 x 2147483647 -> 1073741823 = 0x3FFFFFFF
+  TeaCipher tea([] { return 0.5; });
+  tea.useFiles(localFiles());  // 0.5 x 2147483647 -> 1073741823 = 0x3FFFFFFF
 
   std::vector<uint8_t> data = bytesOf("hello");
   ASSERT_TRUE(tea.EncryptByte(data, "frame key"));
@@ -162,7 +164,8 @@ TEST(TeaFrame, HeaderWordsLittleEndianAndZeroPadding) {
 TEST(TeaFrame, RandomWordMakesEachFrameDifferent) {
   std::vector<double> draws{0.25, 0.75};
   size_t next = 0;
-  clsTEA seeded([&] { return draws[next++ % draws.size()]; });
+  TeaCipher seeded([&] { return draws[next++ % draws.size()]; });
+  seeded.useFiles(localFiles());
   const auto first = seeded.EncryptString("same data", "k");
   const auto second = seeded.EncryptString("same data", "k");
   ASSERT_TRUE(first && second);
@@ -171,7 +174,8 @@ TEST(TeaFrame, RandomWordMakesEachFrameDifferent) {
   EXPECT_EQ(seeded.DecryptString(*second, "k"), "same data");
 
   // The clock-seeded default as well.
-  clsTEA clocked;
+  TeaCipher clocked;
+  clocked.useFiles(localFiles());
   const auto a = clocked.EncryptString("same data", "k");
   const auto b = clocked.EncryptString("same data", "k");
   ASSERT_TRUE(a && b);
@@ -181,7 +185,8 @@ TEST(TeaFrame, RandomWordMakesEachFrameDifferent) {
 }
 
 TEST(TeaRoundTrip, BytesAndStringsOfEverySize) {
-  clsTEA tea;
+  TeaCipher tea;
+  tea.useFiles(localFiles());
   tea.Key("round trip key");
   for (size_t n : {0, 1, 7, 8, 9, 1000}) {
     const std::vector<uint8_t> original = sample(n);
@@ -209,7 +214,8 @@ TEST(TeaRoundTrip, BytesAndStringsOfEverySize) {
 }
 
 TEST(TeaHex, UpperCaseDigitPairsAndLenientReading) {
-  clsTEA tea([] { return 0.0; });
+  TeaCipher tea([] { return 0.0; });
+  tea.useFiles(localFiles());
   const auto hex = tea.EncryptString("Hex text", "hex key", true);
   ASSERT_TRUE(hex);
   EXPECT_EQ(hex->size(), 48u);
@@ -231,7 +237,8 @@ TEST(TeaHex, UpperCaseDigitPairsAndLenientReading) {
 }
 
 TEST(TeaDecrypt, BadSizeDescriptorIsReportedAndLeavesDataAlone) {
-  clsTEA tea([] { return 0.0; });
+  TeaCipher tea([] { return 0.0; });
+  tea.useFiles(localFiles());
   std::vector<uint8_t> frame = sample(30);
   ASSERT_TRUE(tea.EncryptByte(frame, "right key"));
 
@@ -281,7 +288,8 @@ TEST(TeaDecrypt, BadSizeDescriptorIsReportedAndLeavesDataAlone) {
 
 TEST(TeaProgress, PercentsAtThresholdsEndingWithHundred) {
   std::vector<int> seen;
-  clsTEA tea([] { return 0.0; });
+  TeaCipher tea([] { return 0.0; });
+  tea.useFiles(localFiles());
   tea.Progress = [&](int percent) { seen.push_back(percent); };
 
   std::vector<uint8_t> data;  // a 16-byte frame: blocks at 0 and 8
@@ -340,7 +348,8 @@ bool exists(const std::string& path) { return localFiles().info(path).kind != Fi
 
 TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   TempFolder folder;
-  clsTEA tea;
+  TeaCipher tea;
+  tea.useFiles(localFiles());
   for (size_t n : {0, 1, 7, 8, 9, 1000}) {
     const std::string plain = folder.file("plain" + std::to_string(n));
     const std::string sealed = folder.file("sealed" + std::to_string(n));
@@ -389,10 +398,12 @@ TEST(TeaFiles, StreamedFramesMatchTheByteFramesAcrossChunkEdges) {
     writeFile(plain, sample(n));
     std::vector<int> fileProgress;
     std::vector<int> byteProgress;
-    clsTEA streamed([] { return 0.25; });
+    TeaCipher streamed([] { return 0.25; });
+    streamed.useFiles(localFiles());
     streamed.Progress = [&](int p) { fileProgress.push_back(p); };
     ASSERT_TRUE(streamed.EncryptFile(plain, folder.file("sealed"), "chunk key"));
-    clsTEA whole([] { return 0.25; });
+    TeaCipher whole([] { return 0.25; });
+    whole.useFiles(localFiles());
     whole.Progress = [&](int p) { byteProgress.push_back(p); };
     std::vector<uint8_t> frame = sample(n);
     ASSERT_TRUE(whole.EncryptByte(frame, "chunk key"));
@@ -410,7 +421,8 @@ TEST(TeaFiles, StreamedFramesMatchTheByteFramesAcrossChunkEdges) {
 
 TEST(TeaFiles, DamagedFramesGiveTheSizeDescriptorErrorAndNoFile) {
   TempFolder folder;
-  clsTEA tea([] { return 0.5; });
+  TeaCipher tea([] { return 0.5; });
+  tea.useFiles(localFiles());
   std::vector<uint8_t> frame = sample(100);
   ASSERT_TRUE(tea.EncryptByte(frame, "k"));
 

@@ -162,7 +162,8 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend),
                                              paths_);
   instrument_->watchOutputs([this](std::string_view channel, std::string_view value) {
-    if (!sequencer_.runEvents().hasSubscribers()) return;
+    // Only front ends hear output values; the trace writer does not.
+    if (sequencer_.runEvents().subscribers() < 2) return;
     RunEvent event;
     event.kind = RunEventKind::kOutput;
     event.title = channel;

@@ -4,7 +4,7 @@
 //   INDEXLOGGERFILE logger window title[, index file number]
 //   INDEXSAVE580 source folder, extension[, index file number]
 // The index file number counts the INDEXINIT commands of the run from 1
-// (empty gives 1). Their messages have an OK button only; the sequence goes
+// (empty gives 1). Their messages are only acknowledged; the sequence goes
 // on after them.
 #pragma once
 

@@ -29,7 +29,7 @@ KeyStroke Key(NamedKey key, bool shift = false, bool ctrl = false, bool alt = fa
 }
 
 TEST(KeyString, ModifiersHoldForTheNextKeyOrGroup) {
-  // The logger's new-file dialog: Alt+D, Alt+N, Delete, the name, Enter.
+  // The logger's new-file window: Alt+D, Alt+N, Delete, the name, Enter.
   EXPECT_EQ(Strokes("%D%N{DEL}R7~"),
             (std::vector<KeyStroke>{Char('D', false, false, true), Char('N', false, false, true),
                                     Key(NamedKey::kDelete), Char('R'), Char('7'),

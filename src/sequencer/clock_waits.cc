@@ -101,7 +101,7 @@ Parsed<RandomWaitCommand> ParseWaitRandom(const CommandLine& cmd) {
   return RandomWaitCommand{low, high};
 }
 
-void WaitRandom(ClockWaitState& state, Sequencer& seq, const RandomWaitCommand& cmd) {
+void WaitRandom(ClockWaitState& state, RunContext& seq, const RandomWaitCommand& cmd) {
   const double low = cmd.low;
   const double high = cmd.high;
   const double seconds = low == high ? low : std::min(high, low + (high - low) * state.uniform());
@@ -123,7 +123,7 @@ Parsed<TimeOfDayCommand> ParseWaitTimeOfDay(const CommandLine& cmd) {
   return TimeOfDayCommand{*seconds};
 }
 
-void WaitTimeOfDay(ClockWaitState&, Sequencer& seq, const TimeOfDayCommand& cmd) {
+void WaitTimeOfDay(ClockWaitState&, RunContext& seq, const TimeOfDayCommand& cmd) {
   const Micros now = seq.clock().now();
   const Micros midnight = now - static_cast<Micros>(secondsSinceMidnight(now) * kMicrosPerSecond);
   Micros due = midnight + cmd.seconds * kMicrosPerSecond;
@@ -154,7 +154,7 @@ Parsed<DateTimeCommand> ParseWaitDateTime(const CommandLine& cmd) {
   return DateTimeCommand{*day + *seconds * kMicrosPerSecond};
 }
 
-void WaitDateTime(ClockWaitState&, Sequencer& seq, const DateTimeCommand& cmd) {
+void WaitDateTime(ClockWaitState&, RunContext& seq, const DateTimeCommand& cmd) {
   WaitForInstant(seq, cmd.due, "waitdatetime");
 }
 
@@ -166,7 +166,7 @@ const Keyword<DateTimeCommand> kWaitDateTime{"WAITDATETIME", kFamily, ParseWaitD
 template <class Command>
 std::function<void(Sequencer&, const Command&)> WithState(std::shared_ptr<ClockWaitState> state,
                                                           void (*handler)(ClockWaitState&,
-                                                                          Sequencer&,
+                                                                          RunContext&,
                                                                           const Command&)) {
   return [state, handler](Sequencer& s, const Command& c) { handler(*state, s, c); };
 }

@@ -27,22 +27,23 @@ namespace {
 // WAITSTREAMER asks the streamer this often whether it is ready.
 constexpr Micros kStreamerPollInterval = kMicrosPerSecond;
 
-bool Need(Sequencer& seq, std::string_view value, std::string_view command, std::string_view what) {
+bool Need(RunContext& seq, std::string_view value, std::string_view command,
+          std::string_view what) {
   if (!trim(value).empty()) return true;
   seq.reportSequenceError(std::string(command) + " - no " + std::string(what) + " given");
   return false;
 }
 
-void Report(Sequencer& seq, std::string_view command, const std::string& error) {
+void Report(RunContext& seq, std::string_view command, const std::string& error) {
   seq.reportSequenceError(std::string(command) + " - " + error);
 }
 
-void Iconise(Sequencer& seq, const CommandLine&) {
+void Iconise(RunContext& seq, const CommandLine&) {
   if (seq.trace().enabled()) seq.trace().event("iconise");
   seq.operatorPort().minimiseWindow();
 }
 
-void AppLoad(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+void AppLoad(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!Need(seq, cmd.arg1, "AppLoad", "program")) return;
   std::string commandLine(trim(cmd.arg1));
   std::string arguments(trim(cmd.arg2));
@@ -52,7 +53,7 @@ void AppLoad(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
   if (!companion.start(commandLine, &error)) Report(seq, "AppLoad", "cannot start " + commandLine + ": " + error);
 }
 
-void SendKeys(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+void SendKeys(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!Need(seq, cmd.arg1, "SendKeys", "window title") || !Need(seq, cmd.arg2, "SendKeys", "keys")) return;
   std::string keys = cmd.arg2;
   if (!cmd.arg3.empty()) keys += "," + cmd.arg3;
@@ -60,13 +61,13 @@ void SendKeys(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
   if (!companion.sendKeys(trim(cmd.arg1), keys, &error)) Report(seq, "SendKeys", error);
 }
 
-void LinkPoke(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+void LinkPoke(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!Need(seq, cmd.arg1, "LinkPoke", "DDE topic") || !Need(seq, cmd.arg2, "LinkPoke", "DDE item")) return;
   std::string error;
   if (!companion.poke(trim(cmd.arg1), trim(cmd.arg2), cmd.arg3, &error)) Report(seq, "LinkPoke", error);
 }
 
-void LinkExecute(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+void LinkExecute(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!Need(seq, cmd.arg1, "LinkExecute", "DDE topic") ||
       !Need(seq, cmd.arg3, "LinkExecute", "command")) {
     return;
@@ -77,7 +78,7 @@ void LinkExecute(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
   }
 }
 
-void StartStreamer(Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+void StartStreamer(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!Need(seq, cmd.arg1, "StartStreamer", "data file")) return;
   std::string error;
   if (!companion.execute(kStreamerTopic, kStreamerItem, std::string(kStreamerCollect) + std::string(trim(cmd.arg1)),
@@ -87,7 +88,7 @@ void StartStreamer(Companion& companion, Sequencer& seq, const CommandLine& cmd)
   }
 }
 
-void WaitStreamer(Companion& companion, Sequencer& seq, const CommandLine&) {
+void WaitStreamer(Companion& companion, RunContext& seq, const CommandLine&) {
   PollUntil(seq, kStreamerPollInterval, [&] {
     std::string error;
     const auto status = companion.request(kStreamerTopic, kStreamerItem, &error);
@@ -118,7 +119,7 @@ std::vector<KeywordEntry> CompanionKeywords() {
 
 void RegisterCompanionCommands(Sequencer& seq, Companion& companion) {
   Companion* port = &companion;
-  auto bind = [port](void (*handler)(Companion&, Sequencer&, const CommandLine&)) {
+  auto bind = [port](void (*handler)(Companion&, RunContext&, const CommandLine&)) {
     return [port, handler](Sequencer& s, const CommandLine& c) { handler(*port, s, c); };
   };
   auto& d = seq.dispatcher();

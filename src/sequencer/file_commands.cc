@@ -36,11 +36,11 @@ struct FileState {
   std::set<std::pair<std::string, std::string>> logged;  // LOGONCE (file, text) this run
 };
 
-std::string Local(Sequencer& seq, std::string_view written) {
+std::string Local(RunContext& seq, std::string_view written) {
   return seq.paths().toLocal(trim(written));
 }
 
-void CopyFile(FileState&, Sequencer& seq, const CommandLine& cmd) {
+void CopyFile(FileState&, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty() || trim(cmd.arg2).empty()) {
     seq.reportSequenceError("CopyFile - a source and a destination file are needed");
     return;
@@ -62,7 +62,7 @@ void CopyFile(FileState&, Sequencer& seq, const CommandLine& cmd) {
   }
 }
 
-void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
+void FileDelete(FileState&, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty()) {
     seq.reportSequenceError("FileDelete - no file given");
     return;
@@ -99,7 +99,7 @@ void FileDelete(FileState&, Sequencer& seq, const CommandLine& cmd) {
   }
 }
 
-void LogOnce(FileState& state, Sequencer& seq, const CommandLine& cmd) {
+void LogOnce(FileState& state, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty()) {
     seq.reportSequenceError("LogOnce - no log file given");
     return;
@@ -116,7 +116,7 @@ void LogOnce(FileState& state, Sequencer& seq, const CommandLine& cmd) {
   }
 }
 
-void Wait580(FileState&, Sequencer& seq, const CommandLine& cmd) {
+void Wait580(FileState&, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty()) {
     seq.reportSequenceError("Wait580 - no recorder folder given");
     return;
@@ -145,7 +145,7 @@ std::vector<KeywordEntry> FileCommandKeywords() {
 
 void RegisterFileCommands(Sequencer& seq) {
   auto state = std::make_shared<FileState>();
-  auto bind = [state](void (*handler)(FileState&, Sequencer&, const CommandLine&)) {
+  auto bind = [state](void (*handler)(FileState&, RunContext&, const CommandLine&)) {
     return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
   };
   auto& d = seq.dispatcher();

@@ -14,19 +14,19 @@
 
 namespace tavrix {
 
-// A question: the operator answers by pressing one of the buttons (or, for
+// A question: the operator answers by picking one of the choices (or, for
 // questions with an entry field, by typing a text).
 struct Question {
   std::string kind;   // who asks: "CONTINUEOK", "ENTEROKCANCEL", "QUESTION", ...
   std::string title;  // window title, where the question has one
   std::string text;
-  std::vector<std::string> buttons;  // the answers offered, as shown
-  // The answer may carry the window's entry fields after the button's
-  // caption, each after a '|': "Accept|serial=1234|date=15-11-2026".
-  bool fieldsAfterButton = false;
+  std::vector<std::string> choices;  // the answers offered, as shown
+  // The answer may carry entry fields after the choice, each after a '|':
+  // "Accept|serial=1234|date=15-11-2026".
+  bool fieldsAfterChoice = false;
 };
 
-// The caption of the button pressed (or the text entered); std::nullopt
+// The choice picked (or the text entered); std::nullopt
 // when no answer can ever come (scripted answers exhausted, input closed).
 using Answer = std::optional<std::string>;
 

@@ -36,13 +36,13 @@ namespace {
 constexpr Micros kShowInterval = kMicrosPerSecond;
 constexpr std::string_view kTextDisplayUnreadable = "Unable to read from channel: ";
 
-bool HaveChannels(ChannelAccess* channels, Sequencer& seq, std::string_view keyword) {
+bool HaveChannels(ChannelAccess* channels, RunContext& seq, std::string_view keyword) {
   if (channels) return true;
   seq.reportSequenceError(Dispatcher::notAvailableText(keyword));
   return false;
 }
 
-bool ReadOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view command,
+bool ReadOrReport(ChannelAccess& channels, RunContext& seq, std::string_view command,
                   std::string_view channel, std::string& value) {
   std::string error;
   if (channels.read(channel, value, &error)) return true;
@@ -50,7 +50,7 @@ bool ReadOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view comm
   return false;
 }
 
-bool WriteOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view command,
+bool WriteOrReport(ChannelAccess& channels, RunContext& seq, std::string_view command,
                    std::string_view channel, std::string_view value) {
   std::string error;
   if (channels.write(channel, value, &error)) return true;
@@ -61,11 +61,11 @@ bool WriteOrReport(ChannelAccess& channels, Sequencer& seq, std::string_view com
 
 // These questions end their wait when Stop is requested, whoever asks them
 // (a window closes them itself; a terminal is told to).
-std::function<bool()> StopCloses(Sequencer& seq) {
+std::function<bool()> StopCloses(RunContext& seq) {
   return [&seq] { return seq.stopRequested(); };
 }
 
-void EnterSend(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
+void EnterSend(ChannelAccess* channels, RunContext& seq, const CommandLine& cmd) {
   const std::string channel(trim(cmd.arg2));
   if (channel.empty()) {
     seq.reportSequenceError("EnterSend - no channel given");
@@ -74,13 +74,13 @@ void EnterSend(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) 
   if (!HaveChannels(channels, seq, "ENTERSEND")) return;
   Question question;
   question.kind = "ENTERSEND";
-  question.text = cmd.arg1;  // no buttons: the answer is the text typed
+  question.text = cmd.arg1;  // no choices: the answer is the text typed
   const Answer answer = seq.ask(question, StopCloses(seq), "");
   if (!answer || seq.stopRequested()) return;
   WriteOrReport(*channels, seq, "EnterSend", channel, trim(*answer));
 }
 
-// SELECTMENU prompt, choice[, choice...]: each choice is a button and the
+// SELECTMENU prompt, choice[, choice...]: each choice is an answer offered and the
 // label that the answer jumps to.
 struct MenuCommand {
   std::string prompt;
@@ -103,17 +103,17 @@ Parsed<MenuCommand> ParseSelectMenu(const CommandLine& cmd) {
   return menu;
 }
 
-void SelectMenu(Sequencer& seq, const MenuCommand& menu) {
+void SelectMenu(RunContext& seq, const MenuCommand& menu) {
   Question question;
   question.kind = "SELECTMENU";
   question.text = menu.prompt;
-  question.buttons = menu.choices;
+  question.choices = menu.choices;
   const Answer answer = seq.ask(question, StopCloses(seq), "");
   if (!answer || seq.stopRequested()) return;
   seq.searchLabel(*answer);
 }
 
-void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
+void DoWithShow(ChannelAccess* channels, RunContext& seq, const CommandLine& cmd) {
   const std::string channel(trim(cmd.arg2));
   if (channel.empty()) {
     seq.reportSequenceError("DoWithShow - no channel given");
@@ -147,7 +147,7 @@ void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd)
     Question question;
     question.kind = "DOWITHSHOW";
     question.text = cmd.arg1;
-    question.buttons = label.empty() ? std::vector<std::string>{"Continue"}
+    question.choices = label.empty() ? std::vector<std::string>{"Continue"}
                                      : std::vector<std::string>{"OK", "Cancel"};
     answer = seq.ask(
         question, [&] { return readFailed || seq.stopRequested(); }, "Cancel");
@@ -156,7 +156,7 @@ void DoWithShow(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd)
   if (*answer == "Cancel" && !label.empty()) seq.searchLabel(label);
 }
 
-void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cmd) {
+void ManualAdjust(ChannelAccess* channels, RunContext& seq, const CommandLine& cmd) {
   const std::string channel(trim(cmd.arg1));
   const double step = leadingNumber(cmd.arg2);
   if (channel.empty()) {
@@ -176,7 +176,7 @@ void ManualAdjust(ChannelAccess* channels, Sequencer& seq, const CommandLine& cm
     Question question;
     question.kind = "MANUALADJUST";
     question.text = message + " (" + channel + " =" + numberText(leadingNumber(value)) + ")";
-    question.buttons = {"Up", "Down", "Done"};
+    question.choices = {"Up", "Down", "Done"};
     const Answer answer = seq.ask(question, StopCloses(seq), "Done");
     if (!answer || *answer == "Done" || WaitInterrupted(seq)) return;
     if (!seq.mayAskAgain(question, "only Done ends the adjustment")) return;
@@ -198,7 +198,7 @@ std::vector<KeywordEntry> OperatorEntryKeywords() {
 }
 
 void RegisterOperatorEntryCommands(Sequencer& seq, ChannelAccess* channels) {
-  auto bind = [channels](void (*handler)(ChannelAccess*, Sequencer&, const CommandLine&)) {
+  auto bind = [channels](void (*handler)(ChannelAccess*, RunContext&, const CommandLine&)) {
     return [channels, handler](Sequencer& s, const CommandLine& c) { handler(channels, s, c); };
   };
   auto& d = seq.dispatcher();

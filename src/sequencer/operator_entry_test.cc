@@ -17,7 +17,7 @@ TEST_F(OperatorEntryTest, EnterSendWritesWhatTheOperatorTyped) {
   EXPECT_EQ(channels_.writes, (Lines{"SETPOINT=42.5"}));
   ASSERT_EQ(op_.questions.size(), 1u);
   EXPECT_EQ(op_.questions[0].kind, "ENTERSEND");
-  EXPECT_TRUE(op_.questions[0].buttons.empty());
+  EXPECT_TRUE(op_.questions[0].choices.empty());
   op_.answers = {std::string("1")};
   EXPECT_EQ(Run({"ENTERSEND Value, NOSUCH"}), "EnterSend - cannot write 1 to NOSUCH: no such channel");
   EXPECT_EQ(Run({"ENTERSEND Value"}), "EnterSend - no channel given");
@@ -27,7 +27,7 @@ TEST_F(OperatorEntryTest, EnterSendWritesWhatTheOperatorTyped) {
 TEST_F(OperatorEntryTest, SelectMenuJumpsToTheChosenLabel) {
   op_.answers = {std::string("COLD")};
   EXPECT_EQ(Run({"SELECTMENU Which test?, HOT, COLD, SOAK", "STOP", "HOT:", "STOP", "COLD:", "WAITRANDOM 2, 2"}), "");
-  EXPECT_EQ(op_.questions.back().buttons, (Lines{"HOT", "COLD", "SOAK"}));
+  EXPECT_EQ(op_.questions.back().choices, (Lines{"HOT", "COLD", "SOAK"}));
   EXPECT_DOUBLE_EQ(Elapsed(), 2.0);
   op_.answers = {std::string("SOAK")};
   EXPECT_EQ(Run({"SELECTMENU Which test?, HOT, SOAK"}), "Label SOAK: does not exist");
@@ -38,12 +38,12 @@ TEST_F(OperatorEntryTest, DoWithShowShowsTheChannelUntilAnswered) {
   channels_.values["T1"] = "20";
   op_.answers = {std::string("Cancel")};
   EXPECT_EQ(Run({"DOWITHSHOW Open the valve, T1, CLOSED", "STOP", "CLOSED:", "WAITRANDOM 1, 1"}), "");
-  EXPECT_EQ(op_.questions.back().buttons, (Lines{"OK", "Cancel"}));
+  EXPECT_EQ(op_.questions.back().choices, (Lines{"OK", "Cancel"}));
   EXPECT_EQ(op_.channelValues.front(), "T1=20");
   EXPECT_DOUBLE_EQ(Elapsed(), 1.0);
   op_.answers = {std::string("Continue")};
   EXPECT_EQ(Run({"DOWITHSHOW Look, T1"}), "");
-  EXPECT_EQ(op_.questions.back().buttons, (Lines{"Continue"}));
+  EXPECT_EQ(op_.questions.back().choices, (Lines{"Continue"}));
 }
 
 TEST_F(OperatorEntryTest, DoWithShowClosesAsCancelWhenTheChannelCannotBeRead) {
@@ -78,7 +78,7 @@ TEST_F(OperatorEntryTest, ManualAdjustStepsTheOutputUntilDone) {
   EXPECT_EQ(Run({"MANUALADJUST VALVE, 2.5, Set the flow"}), "");
   EXPECT_EQ(channels_.writes, (Lines{"VALVE= 12.5", "VALVE= 15", "VALVE= 12.5"}));
   EXPECT_EQ(op_.questions.front().text, "Set the flow (VALVE = 10)");
-  EXPECT_EQ(op_.questions.front().buttons, (Lines{"Up", "Down", "Done"}));
+  EXPECT_EQ(op_.questions.front().choices, (Lines{"Up", "Down", "Done"}));
   EXPECT_EQ(Run({"MANUALADJUST VALVE, 0"}), "Invalid parameter - 0 - for a ManualAdjust statement");
   EXPECT_EQ(Run({"MANUALADJUST NONE, 1"}), "ManualAdjust - cannot read NONE: no such channel");
 }

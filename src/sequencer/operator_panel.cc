@@ -12,26 +12,26 @@ namespace {
 
 constexpr std::string_view kHelpEnd = "[END]";
 
-void ContinueOk(Sequencer& seq, const CommandLine& cmd) {
+void ContinueOk(RunContext& seq, const CommandLine& cmd) {
   Question question;
   question.kind = "CONTINUEOK";
   question.text = cmd.arg1;
-  question.buttons = {"Continue"};
+  question.choices = {"Continue"};
   seq.ask(question);
 }
 
-void EnterOkCancel(Sequencer& seq, const CommandLine& cmd) {
+void EnterOkCancel(RunContext& seq, const CommandLine& cmd) {
   Question question;
   question.kind = "ENTEROKCANCEL";
   question.text = cmd.arg1;
-  question.buttons = {"OK", "Cancel"};
+  question.choices = {"OK", "Cancel"};
   const Answer answer = seq.ask(question);
   if (!answer || *answer == "OK") return;
   seq.searchLabel(cmd.arg2);
 }
 
 // Lines up to the first one that begins "[END]" make the help text.
-void HelpText(Sequencer& seq, const CommandLine&) {
+void HelpText(RunContext& seq, const CommandLine&) {
   std::string text;
   std::string line;
   bool first = true;

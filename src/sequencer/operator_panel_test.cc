@@ -17,9 +17,9 @@ TEST_F(OperatorPanelTest, OperatorPanelQuestions) {
             "");
   ASSERT_EQ(op_.questions.size(), 5u);
   EXPECT_EQ(op_.questions[0].text, "");
-  EXPECT_EQ(op_.questions[0].buttons, (std::vector<std::string>{"Continue"}));
+  EXPECT_EQ(op_.questions[0].choices, (std::vector<std::string>{"Continue"}));
   // After a CONTINUEOK the panel again offers OK and Cancel.
-  EXPECT_EQ(op_.questions[1].buttons, (std::vector<std::string>{"OK", "Cancel"}));
+  EXPECT_EQ(op_.questions[1].choices, (std::vector<std::string>{"OK", "Cancel"}));
   // OK never looked at the missing label; Cancel with an empty label
   // searched for ":" and went back behind "LATER:".
   EXPECT_DOUBLE_EQ(Elapsed(), 2.0);

@@ -63,12 +63,15 @@ void RunEventBus::Subscription::reset() {
     std::lock_guard guard(entry_->calling);
     entry_->active = false;
   }
+  --*entry_->count;
   entry_.reset();
 }
 
 RunEventBus::Subscription RunEventBus::subscribe(Handler handler) {
   auto entry = std::make_shared<Subscription::Entry>();
   entry->handler = std::move(handler);
+  entry->count = count_;
+  ++*count_;
   std::lock_guard guard(mutex_);
   auto entries = std::make_shared<Entries>(*entries_);
   entries->push_back(entry);
@@ -101,16 +104,6 @@ void RunEventBus::prune() {
     if (entry->active) entries->push_back(entry);
   }
   entries_ = std::move(entries);
-}
-
-bool RunEventBus::hasSubscribers() const {
-  std::shared_ptr<const Entries> entries;
-  {
-    std::lock_guard guard(mutex_);
-    entries = entries_;
-  }
-  return std::any_of(entries->begin(), entries->end(),
-                     [](const auto& entry) { return entry->active.load(); });
 }
 
 }  // namespace tavrix

@@ -43,7 +43,7 @@ enum class RunEventKind {
   // The sequence time-out count-down: `number` seconds left.
   kTimeout,
   // A question opened: `title` who asks (its kind), `text` the question,
-  // `items` the buttons.
+  // `items` the answers offered.
   kPrompt,
   // The question closed: `title` its kind, `text` the question, `answer`
   // the answer (none when no answer could come).
@@ -115,8 +115,9 @@ class RunEventBus {
 
   [[nodiscard]] Subscription subscribe(Handler handler);
   void publish(const RunEvent& event);
-  // Whether anyone listens (lets a publisher skip building an event).
-  bool hasSubscribers() const;
+  // How many subscriptions are held now (lets a publisher skip building an
+  // event nobody hears).
+  int subscribers() const { return count_->load(std::memory_order_relaxed); }
 
  private:
   using Entries = std::vector<std::shared_ptr<Subscription::Entry>>;
@@ -126,12 +127,14 @@ class RunEventBus {
   mutable std::mutex mutex_;
   // Replaced, never changed, so that publish() takes it with one copy.
   std::shared_ptr<const Entries> entries_ = std::make_shared<const Entries>();
+  std::shared_ptr<std::atomic<int>> count_ = std::make_shared<std::atomic<int>>(0);
 };
 
 struct RunEventBus::Subscription::Entry {
   std::recursive_mutex calling;  // held while the handler runs
   Handler handler;
   std::atomic<bool> active{true};
+  std::shared_ptr<std::atomic<int>> count;  // the bus's count of subscriptions
 };
 
 }  // namespace tavrix

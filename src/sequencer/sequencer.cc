@@ -196,7 +196,7 @@ void Sequencer::dispatchLine(std::string& line) {
   line.erase(0, blanks == std::string::npos ? line.size() : blanks);
 
   showCurrentCommand(line);
-  {
+  if (linesHeard()) {
     RunEvent event;
     event.kind = RunEventKind::kLine;
     event.line = lineNumber_;
@@ -331,7 +331,7 @@ bool Sequencer::mayClose() {
   question.kind = "QUESTION";
   question.title = kCloseQuestionTitle;
   question.text = kCloseQuestionText;
-  question.buttons = {"Yes", "No", "Cancel"};
+  question.choices = {"Yes", "No", "Cancel"};
   // Only an explicit Yes closes: a question that gets no answer, or any
   // other answer, leaves the run going.
   const Answer answer = awaitAnswer(question, {}, {}).answer;
@@ -447,7 +447,7 @@ Sequencer::AnswerWait Sequencer::awaitAnswer(const Question& question,
     prompt.kind = RunEventKind::kPrompt;
     prompt.title = question.kind;
     prompt.text = question.text;
-    prompt.items = question.buttons;
+    prompt.items = question.choices;
     publish(std::move(prompt));
     std::optional<EventLoop::OutsideWait> person;
     if (operator_.isPerson()) person.emplace(events_);
@@ -528,7 +528,7 @@ void Sequencer::setStopAllowed(bool allowed) {
 }
 
 void Sequencer::showCurrentCommand(std::string_view text) {
-  publish(RunEventKind::kCommand, std::string(text));
+  if (runEvents_.subscribers() > 1) publish(RunEventKind::kCommand, std::string(text));
 }
 
 void Sequencer::setStatus(std::string_view status) {

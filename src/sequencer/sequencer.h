@@ -21,6 +21,7 @@
 #include "common/trace.h"
 #include "sequencer/dispatcher.h"
 #include "sequencer/operator.h"
+#include "sequencer/run_context.h"
 #include "sequencer/run_events.h"
 #include "sequencer/sequence_file.h"
 
@@ -48,23 +49,6 @@ struct RunFlags {
 // ends the program (STARTCALCULATEDCHANNELS with a setup that cannot load).
 enum class EndReason { kNone, kEndOfFile, kStop, kError, kAbort, kUnload, kLimit };
 
-// When a wait ends early, in the variants that waits really differ by. Every
-// variant ends on a pending jump or a pending time-out action.
-enum class WaitRule {
-  // Only then: WAITSECONDS, whose delay timer stop() switches off,
-  // and the top of a channel poll.
-  kJumpOrTimeout,
-  // Also on Stop: the timed waits (WAITRANDOM, WAITTIMEOFDAY, WAITDATETIME,
-  // MANUALADJUST between questions).
-  kInterrupted,
-  // Also when the run ends after the current line: outputs in progress,
-  // file and streamer polls, and the alarm waits.
-  kRunEnding,
-  // Also once the sequence time-out has run out: the sleep between two
-  // readings of a channel or alarm poll, which then takes the time-out's
-  // action itself.
-  kPollSleep,
-};
 // "eof", "stop", "error" (also for kUnload: it ends the program after a
 // message, as an error does), "abort", "limit" (a limit of the front end on
 // the run's length).
@@ -82,19 +66,19 @@ inline constexpr std::string_view kStatusReady = "Ready";
 inline constexpr std::string_view kStatusRunning = "Running";
 inline constexpr std::string_view kStatusStopped = "Stopped";
 
-class Sequencer {
+class Sequencer : public RunContext {
  public:
   // `files` is the door to every file the run reads and writes, `paths` the
   // drive map through which paths written on Windows reach them.
   Sequencer(EventLoop& events, Operator& op, Trace& trace, FileSystem& files, const PathMap& paths);
-  ~Sequencer();
+  ~Sequencer() override;
   Sequencer(const Sequencer&) = delete;
   Sequencer& operator=(const Sequencer&) = delete;
 
-  EventLoop& events() { return events_; }
-  Clock& clock() { return events_.clock(); }
-  Operator& operatorPort() { return operator_; }
-  Trace& trace() { return trace_; }
+  EventLoop& events() override { return events_; }
+  Clock& clock() override { return events_.clock(); }
+  Operator& operatorPort() override { return operator_; }
+  Trace& trace() override { return trace_; }
   Dispatcher& dispatcher() { return dispatcher_; }
   // The run's flags, to look at; they change only through the operations
   // and run commands below.
@@ -102,15 +86,15 @@ class Sequencer {
 
   // --- The run state as handlers see it ------------------------------------
   // Whether a wait of the given kind ends now.
-  bool waitEnds(WaitRule rule) const;
-  bool stopRequested() const { return flags_.stopRequested; }
+  bool waitEnds(WaitRule rule) const override;
+  bool stopRequested() const override { return flags_.stopRequested; }
   // The run ends after the current line (STOP, a sequence error).
-  bool endRequested() const { return flags_.endRequested; }
+  bool endRequested() const override { return flags_.endRequested; }
   // The run is ending: Stop was pressed or the run ends after this line.
   // Work that would only delay the end (more questions, more checks) stops.
-  bool runEnding() const { return flags_.stopRequested || flags_.endRequested; }
+  bool runEnding() const override { return flags_.stopRequested || flags_.endRequested; }
   // The sequence time-out has run out and its action is not yet pending.
-  bool timeoutExpired() const { return flags_.timeoutExpired; }
+  bool timeoutExpired() const override { return flags_.timeoutExpired; }
   // The time-out's action is pending: the run loop takes it next.
   bool timeoutPending() const { return flags_.timeoutPending; }
   // Makes the time-out's action pending: the run loop takes it before it
@@ -162,9 +146,9 @@ class Sequencer {
 
   // --- Services for command handlers ---------------------------------------
   // The sequence error report: a message box, then the run ends.
-  void reportSequenceError(std::string_view text);
+  void reportSequenceError(std::string_view text) override;
   // A message the operator acknowledges, after which work goes on.
-  void showMessage(std::string_view text);
+  void showMessage(std::string_view text) override;
   // The error display switch (SHOWERROROFF turns it off): sequence error
   // reports are then recorded but not shown in a box; they still end the run.
   void setErrorDisplay(bool shown) { errorDisplayOff_ = !shown; }
@@ -172,29 +156,30 @@ class Sequencer {
 
   // Searches the label as GOTO does. Reports "Label X: does not exist" and
   // returns false when there is none.
-  bool searchLabel(std::string_view label);
+  bool searchLabel(std::string_view label) override;
 
-  void processPendingEvents() { events_.processPendingEvents(); }
+  void processPendingEvents() override { events_.processPendingEvents(); }
   // Lets events run until `done()` is true. A wait that could never end (a
   // virtual clock with nothing left to happen) is reported as a sequence
   // error and returns false.
-  bool waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn = {});
+  bool waitUntil(const std::function<bool()>& done,
+                 const std::function<void()>& eachTurn = {}) override;
   // Asks the operator and waits for the answer, keeping the engine alive.
   // When no answer can come, reports that as a sequence error (the run
   // ends) and returns std::nullopt.
-  Answer ask(const Question& question);
+  Answer ask(const Question& question) override;
   // As ask(), but the engine closes the question itself, as if the answer
   // `closedAs` had been given, as soon as `closeNow()` answers true.
   Answer ask(const Question& question, const std::function<bool()>& closeNow,
-             std::string_view closedAs);
+             std::string_view closedAs) override;
   // Before `question` is asked again because of its last answer (`why`: "it
   // refuses the date ..." or "it asks for the check again"): false, with a
   // sequence error (the run ends), when the same answer would only come
   // again.
-  bool mayAskAgain(const Question& question, std::string_view why);
+  bool mayAskAgain(const Question& question, std::string_view why) override;
 
   // Examines the define table, as the waits do at every turn.
-  void examineDefineTable();
+  void examineDefineTable() override;
   // What a define entry does when examined, and how the timeout action runs
   // a define; set by the subsystem that owns the define commands.
   using ExamineDefines = std::function<void(Sequencer&)>;
@@ -213,7 +198,7 @@ class Sequencer {
   // they find the time-out expired: the time-out is spent, then its define
   // runs or its label is searched. False when no time-out was armed (the
   // stale expired flag is cleared and nothing else happens).
-  bool takeTimeoutActionNow();
+  bool takeTimeoutActionNow() override;
 
   const std::vector<DefineEntry>& defineTable() const { return defines_; }
   void addDefine(DefineEntry entry);
@@ -251,7 +236,7 @@ class Sequencer {
   void setStopAllowed(bool allowed);
 
   // Shows a text in the current command display (a wait's count-down).
-  void showCurrentCommand(std::string_view text);
+  void showCurrentCommand(std::string_view text) override;
 
   // Ends the run after the current line (STOP, a sequence error), and
   // remembers why unless a reason was already given.
@@ -269,13 +254,13 @@ class Sequencer {
   bool continueInFile(const std::string& path, int16_t linesToSkip, std::string* error);
 
   // The drive map through which paths written on Windows reach local files.
-  const PathMap& paths() const { return paths_; }
-  FileSystem& files() { return files_; }
+  const PathMap& paths() const override { return paths_; }
+  FileSystem& files() override { return files_; }
 
   // Reads the next line of a section that a handler reads itself (help
   // text, group ramps), counting it like any other line; false at the end of
   // the file or when the line count overflows (a sequence error).
-  bool readSectionLine(std::string& line) { return readNextLine(line); }
+  bool readSectionLine(std::string& line) override { return readNextLine(line); }
 
   // The run events: every dispatched line, status, question and answer,
   // message, hold and the end. Subscribe from any thread.
@@ -305,7 +290,7 @@ class Sequencer {
   void addBetweenLinesCheck(BetweenLinesCheck check) { betweenLines_.push_back(std::move(check)); }
 
   // The run status ("Ready", "Running", "Stopped").
-  const std::string& runStatus() const { return currentStatus_; }
+  const std::string& runStatus() const override { return currentStatus_; }
 
   EndReason endReason() const { return endReason_; }
   // The text of the last sequence error reported, if any.
@@ -332,6 +317,9 @@ class Sequencer {
   bool readNextLine(std::string& line);
   void setStatus(std::string_view status);
   void publish(RunEventKind kind, std::string text = {});
+  // Whether anyone hears the line and command display events: the trace
+  // writes them, or a front end listens besides it.
+  bool linesHeard() const { return trace_.enabled() || runEvents_.subscribers() > 1; }
   void secondsTick();
   // Writes the run events that the trace records.
   void traceEvent(const RunEvent& event);

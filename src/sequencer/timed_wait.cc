@@ -31,9 +31,9 @@ Micros NextRefresh(const EventLoop& loop, Micros due) {
 
 }  // namespace
 
-bool WaitInterrupted(const Sequencer& seq) { return seq.waitEnds(WaitRule::kInterrupted); }
+bool WaitInterrupted(const RunContext& seq) { return seq.waitEnds(WaitRule::kInterrupted); }
 
-bool WaitForInstant(Sequencer& seq, Micros due, std::string_view display) {
+bool WaitForInstant(RunContext& seq, Micros due, std::string_view display) {
   EventLoop& loop = seq.events();
   bool reached = loop.now() >= due;
   Timer timer(loop, kDisplayInterval, [&] {
@@ -54,7 +54,7 @@ bool WaitForInstant(Sequencer& seq, Micros due, std::string_view display) {
   return reached && !WaitInterrupted(seq);
 }
 
-bool PollUntil(Sequencer& seq, Micros interval, const std::function<PollResult()>& check) {
+bool PollUntil(RunContext& seq, Micros interval, const std::function<PollResult()>& check) {
   PollResult result = check();
   if (result != PollResult::kWaiting) return result == PollResult::kMet;
   Timer timer(seq.events(), interval, [&] {

@@ -13,7 +13,7 @@
 
 namespace tavrix {
 
-class Sequencer;
+class RunContext;
 
 // Whether a wait should end: its condition was met, it failed (the failure
 // has been reported), or it goes on.
@@ -22,14 +22,14 @@ enum class PollResult { kMet, kFailed, kWaiting };
 // Holds the run until `due`. `display` is shown in the current command
 // display followed by the remaining seconds. True when the instant came,
 // false when the wait was cut short.
-bool WaitForInstant(Sequencer& seq, Micros due, std::string_view display);
+bool WaitForInstant(RunContext& seq, Micros due, std::string_view display);
 
 // Calls `check` at once and then every `interval` until it answers kMet or
 // kFailed. True when the condition was met; false when it failed or the
 // wait was cut short.
-bool PollUntil(Sequencer& seq, Micros interval, const std::function<PollResult()>& check);
+bool PollUntil(RunContext& seq, Micros interval, const std::function<PollResult()>& check);
 
 // True when Stop, a jump or a time-out action is pending.
-bool WaitInterrupted(const Sequencer& seq);
+bool WaitInterrupted(const RunContext& seq);
 
 }  // namespace tavrix

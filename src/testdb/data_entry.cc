@@ -56,14 +56,14 @@ std::optional<Micros> ParseEntryDate(std::string_view text) {
 DataEntryAnswer ParseDataEntryAnswer(std::string_view answer, Micros today) {
   DataEntryAnswer result;
   const size_t bar = answer.find('|');
-  const std::string_view button = trim(answer.substr(0, bar));
-  if (upperCase(button) == upperCase(kCancel)) {
+  const std::string_view choice = trim(answer.substr(0, bar));
+  if (upperCase(choice) == upperCase(kCancel)) {
     result.cancelled = true;
     return result;
   }
-  if (upperCase(button) != upperCase(kAccept)) {
+  if (upperCase(choice) != upperCase(kAccept)) {
     result.message = "The data entry answer must begin with Accept or Cancel, not \"" +
-                     std::string(button) + "\"";
+                     std::string(choice) + "\"";
     return result;
   }
   CivilTime day = toCivil(today);

@@ -1,7 +1,7 @@
 // The data-entry window's logic: the values that label a UUT's results, as
 // the operator accepts them. Headless, the window is one question of kind
-// DATAENTRY with the buttons Accept and Cancel; its answer carries the
-// fields after the button:
+// DATAENTRY with the choices Accept and Cancel; its answer carries the
+// fields after the choice:
 //   Accept|serial=1234|date=15-11-2026|operator=Ann Lee|description=Pump A
 // Fields come in any order; a missing date is today's, other missing fields
 // are empty.

@@ -2,7 +2,6 @@
 
 #include "common/text_conventions.h"
 #include "common/text_items.h"
-#include "crypto/vbtavrix.h"
 
 namespace tavrix {
 
@@ -52,7 +51,7 @@ class Reader {
                std::string_view columnsMessage, Section& out) {
     std::vector<std::string> lines;
     std::string error;
-    if (!readTextLines(options_.files ? *options_.files : localFiles(), local(vbtavrix::DecryptString(path)), lines, &error)) {
+    if (!readTextLines(*options_.files, local(path), lines, &error)) {
       return fault(std::string(kMsgCannotRead) + path + " (" + error + ")");
     }
     out = FindSection(lines, header);

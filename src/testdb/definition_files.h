@@ -81,12 +81,12 @@ struct TestDefinition {
 struct DefinitionReadOptions {
   // Maps the paths written in the files (and the details path) to local ones.
   const PathMap* paths = nullptr;
-  // The door to the files; the machine's own when not given.
+  // The door to the files (required).
   const FileSystem* files = nullptr;
   // The folder a details row without a results directory uses, as the Windows
   // form the results writer expects (it gets a "\" appended).
   std::string currentDirectory;
-  // The message box (OK button, no title) of a header fault.
+  // The message (acknowledged, no title) of a header fault.
   std::function<void(const std::string&)> showMessage;
 };
 

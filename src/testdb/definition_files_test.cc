@@ -24,6 +24,7 @@ class DefinitionFilesTest : public ::testing::Test {
  protected:
   DefinitionFilesTest() : paths_(folder_.path() + "/drives") {
     options_.paths = &paths_;
+    options_.files = &localFiles();
     options_.currentDirectory = "/work/here";
     options_.showMessage = [this](const std::string& text) { messages_.push_back(text); };
   }

@@ -5,7 +5,6 @@
 #include "common/text_conventions.h"
 #include "common/text_file.h"
 #include "common/text_items.h"
-#include "crypto/vbtavrix.h"
 #include "platform/files.h"
 
 namespace tavrix {
@@ -179,10 +178,8 @@ bool WriteTestResults(FileSystem& files, const TestDetails& details, const UutRe
                       std::string* error) {
   if (!settings.writeResults) return true;
   const ResultsNames names = BuildResultsNames(details, uut, settings, now);
-  const std::string summary = WithAllowedName(paths.toLocal(vbtavrix::EncryptString(names.summary)));
-  const std::string detailsFile = WithAllowedName(paths.toLocal(vbtavrix::EncryptString(names.details)));
-  vbtavrix::DecryptString(names.summary);
-  vbtavrix::DecryptString(names.details);
+  const std::string summary = WithAllowedName(paths.toLocal(names.summary));
+  const std::string detailsFile = WithAllowedName(paths.toLocal(names.details));
   const size_t slash = summary.rfind('/');
   if (slash != std::string::npos && slash != 0 && !files.makeFolders(summary.substr(0, slash), error)) {
     if (error) *error = "Cannot create the results directory of " + summary + ": " + *error;

@@ -58,7 +58,7 @@ std::optional<std::string> TestDatabase::askRepeatStep() {
   question.kind = kRepeatStepKind;
   question.title = kCheckFailureTitle;
   question.text = "Stage " + formatNumber(step_, "0");
-  question.buttons = {std::string(kRepeatLastStep), std::string(kContinueWithTest)};
+  question.choices = {std::string(kRepeatLastStep), std::string(kContinueWithTest)};
   return seq_.ask(question);
 }
 
@@ -172,15 +172,15 @@ void TestDatabase::valueFailed(const StageCheck& row, CheckEntry check) {
   const std::string alert = row.text9.empty() ? line : row.text9 + "\r" + line;
   // Accept or Cancel, the step's remaining rows are evaluated; the answer is
   // kept as the last alert answer.
-  askAlert(alert, AlertButtons::kAcceptCancel);
+  askAlert(alert, AlertChoices::kAcceptCancel);
 }
 
 int TestDatabase::askUutCheck(const std::string& text) {
   Question question;
   question.kind = kUutCheckKind;
-  question.title = kUutCheckCaption;
+  question.title = kUutCheckTitle;
   question.text = text;
-  question.buttons = {std::string(kPass), std::string(kFailAndRepeat),
+  question.choices = {std::string(kPass), std::string(kFailAndRepeat),
                       std::string(kFailAndContinue)};
   const Answer answer = seq_.ask(question);
   if (!answer) return 0;
@@ -198,20 +198,20 @@ int TestDatabase::askUutCheck(const std::string& text) {
   return kVerdictFail;
 }
 
-int TestDatabase::askAlert(const std::string& text, AlertButtons buttons) {
+int TestDatabase::askAlert(const std::string& text, AlertChoices choices) {
   Question question;
   question.kind = kAlertKind;
-  question.title = kAlertCaption;
+  question.title = kAlertTitle;
   question.text = text;
-  if (buttons == AlertButtons::kAcceptCancel) {
-    question.buttons = {std::string(kAccept), std::string(kCancel)};
+  if (choices == AlertChoices::kAcceptCancel) {
+    question.choices = {std::string(kAccept), std::string(kCancel)};
   } else {
-    question.buttons = {std::string(kPass), std::string(kFail), std::string(kRetry)};
+    question.choices = {std::string(kPass), std::string(kFail), std::string(kRetry)};
   }
   const Answer answer = seq_.ask(question);
   if (!answer) return 0;
-  for (size_t i = 0; i < question.buttons.size(); ++i) {
-    if (question.buttons[i] == *answer) lastAlert_ = static_cast<int>(i) + 1;
+  for (size_t i = 0; i < question.choices.size(); ++i) {
+    if (question.choices[i] == *answer) lastAlert_ = static_cast<int>(i) + 1;
   }
   return lastAlert_;
 }
@@ -223,7 +223,7 @@ int TestDatabase::askCheckFailure() {
   question.title = kCheckFailureTitle;
   question.text = "Stage " + formatNumber(step_, "0") + "\r" + collected_ + "\r" +
                   std::string(kCheckFailureKeys);
-  question.buttons = {std::string(kIgnore), std::string(kRepeat), std::string(kFailAndAbandon)};
+  question.choices = {std::string(kIgnore), std::string(kRepeat), std::string(kFailAndAbandon)};
   const Answer answer = seq_.ask(question);
   if (!answer) return 0;
   if (*answer == kRepeat) {

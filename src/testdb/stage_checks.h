@@ -22,7 +22,7 @@ inline constexpr std::string_view kValueFormat = "#0.00";
 
 // The UUT Check question.
 inline constexpr std::string_view kUutCheckKind = "UUTCHECK";
-inline constexpr std::string_view kUutCheckCaption = "UUT Check";
+inline constexpr std::string_view kUutCheckTitle = "UUT Check";
 inline constexpr std::string_view kPass = "Pass";
 inline constexpr std::string_view kFailAndRepeat = "Fail and Repeat";
 inline constexpr std::string_view kFailAndContinue = "Fail and Continue";
@@ -30,7 +30,7 @@ inline constexpr std::string_view kFailAndContinue = "Fail and Continue";
 // The Alert Message question, with either Accept and Cancel or Pass, Fail
 // and Retry.
 inline constexpr std::string_view kAlertKind = "ALERT";
-inline constexpr std::string_view kAlertCaption = "Alert Message";
+inline constexpr std::string_view kAlertTitle = "Alert Message";
 inline constexpr std::string_view kFail = "Fail";
 inline constexpr std::string_view kRetry = "Retry";
 

@@ -3,7 +3,6 @@
 #include <system_error>
 
 #include "common/text_conventions.h"
-#include "crypto/vbtavrix.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -61,8 +60,8 @@ bool TestDatabase::askDataEntry(DataEntry& entry) {
   question.title = kDataEntryTitle;
   question.text = "Serial Number, " + std::string(kDateLabel) + " " +
                   formatDate(now, "dd-mm-yyyy") + ", Operator(s), Description";
-  question.buttons = {std::string(kAccept), std::string(kCancel)};
-  question.fieldsAfterButton = true;
+  question.choices = {std::string(kAccept), std::string(kCancel)};
+  question.fieldsAfterChoice = true;
   for (;;) {
     const Answer answer = seq_.ask(question);
     if (!answer) return false;
@@ -142,8 +141,7 @@ void TestDatabase::FinishUut() {
                              error);
   } else if (results.writeResults) {
     const ResultsNames names = BuildResultsNames(definition_.details, uut_, results, now);
-    files = {paths_.toLocal(vbtavrix::EncryptString(names.summary)),
-             paths_.toLocal(vbtavrix::EncryptString(names.details))};
+    files = {paths_.toLocal(names.summary), paths_.toLocal(names.details)};
   }
   for (auto& hook : finishedHooks_) hook(uut_, files);
   if (uutEnded) uutEnded(definition_, detailsPath_, uut_, now);

@@ -95,7 +95,7 @@ class TestDatabase {
   size_t currentStageRow() const { return stageRow_; }
 
  private:
-  enum class AlertButtons { kAcceptCancel, kPassFailRetry };
+  enum class AlertChoices { kAcceptCancel, kPassFailRetry };
 
   bool askDataEntry(DataEntry& entry);
   void showPlainMessage(const std::string& text);
@@ -107,8 +107,8 @@ class TestDatabase {
   void valueFailed(const StageCheck& row, CheckEntry check);
   // Returns the verdict of the UUT Check question, 0 when unanswered.
   int askUutCheck(const std::string& text);
-  // Returns the button's number from 1, 0 when unanswered.
-  int askAlert(const std::string& text, AlertButtons buttons);
+  // Returns the choice's number from 1, 0 when unanswered.
+  int askAlert(const std::string& text, AlertChoices choices);
   int askCheckFailure();
   // "Repeat last test step" or "Continue with test"; std::nullopt unanswered.
   std::optional<std::string> askRepeatStep();

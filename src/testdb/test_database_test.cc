@@ -112,12 +112,12 @@ TEST_F(TestDatabaseTest, MeasureLimitsAreInclusiveAndFailuresAreAlerted) {
   EXPECT_THAT(Kinds(), ElementsAre("DATAENTRY", "ALERT", "ALERT", "CHECKFAILURE"));
   EXPECT_EQ(op_.questions[1].title, "Alert Message");
   EXPECT_EQ(op_.questions[1].text, "Look at gauge C\rC: Value: 2.01  Min: 1  Max: 2");
-  EXPECT_THAT(op_.questions[1].buttons, ElementsAre("Accept", "Cancel"));
+  EXPECT_THAT(op_.questions[1].choices, ElementsAre("Accept", "Cancel"));
   EXPECT_EQ(op_.questions[2].text, "D: Value: 3.00  Min: 1  Max: 2");
   EXPECT_EQ(op_.questions[3].text,
             "Stage 1\rC: Value: 2.01  Min: 1  Max: 2\rD: Value: 3.00  Min: 1  Max: 2\r"
             "F1: Ignore  F2 Repeat  F3: Fail and Abandon");
-  EXPECT_THAT(op_.questions[3].buttons, ElementsAre("Ignore", "Repeat", "Fail and Abandon"));
+  EXPECT_THAT(op_.questions[3].choices, ElementsAre("Ignore", "Repeat", "Fail and Abandon"));
   EXPECT_EQ(db_.checkVerdict(), kVerdictPass);
   EXPECT_TRUE(db_.continueFlag());
   EXPECT_TRUE(db_.anyUutFailed());
@@ -201,11 +201,11 @@ TEST_F(TestDatabaseTest, ManualVerdictsAndTheContinueFlag) {
                                    "UUTCHECK", "UUTCHECK", "UUTCHECK", "REPEATSTEP"));
   EXPECT_EQ(op_.questions[1].title, "UUT Check");
   EXPECT_EQ(op_.questions[1].text, "Is the label straight?");
-  EXPECT_THAT(op_.questions[1].buttons,
+  EXPECT_THAT(op_.questions[1].choices,
               ElementsAre("Pass", "Fail and Repeat", "Fail and Continue"));
   EXPECT_EQ(op_.questions[2].text, "Un-Named");
   EXPECT_EQ(op_.questions[3].text, "Stage 2");
-  EXPECT_THAT(op_.questions[3].buttons, ElementsAre("Repeat last test step", "Continue with test"));
+  EXPECT_THAT(op_.questions[3].choices, ElementsAre("Repeat last test step", "Continue with test"));
   EXPECT_EQ(op_.questions[6].text, "Paint");
   EXPECT_EQ(op_.questions[8].text, "Stage 4");
   EXPECT_THAT(flags, ElementsAre(false, true));
@@ -286,7 +286,7 @@ TEST_F(TestDatabaseTest, DataEntryLoadsOncePerRunAndWritesEachUutOnce) {
   ASSERT_GE(op_.questions.size(), 1u);
   EXPECT_EQ(op_.questions[0].text,
             "Serial Number, Test Date: (dd-mm-yyyy) 15-11-2026, Operator(s), Description");
-  EXPECT_THAT(op_.questions[0].buttons, ElementsAre("Accept", "Cancel"));
+  EXPECT_THAT(op_.questions[0].choices, ElementsAre("Accept", "Cancel"));
   EXPECT_EQ(Summary(),
             "Test_Results\r\nTest_Name: Pump test\r\nDate: 15-11-2026\r\n"
             "Serial_Number\tResult\tDetails\tFailures\r\n" +

@@ -16,8 +16,9 @@ namespace {
 // TAVRIX_RIG_DIR as the library's own directory.
 struct Rig {
   SystemClock clock;
-  SimLink link{clock,
-               std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : ""};
+  // The library is a program of its own: the machine's files are its files.
+  SimLink link{clock, std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : "",
+               localFiles()};
   std::mutex mutex;
 };
 

@@ -62,13 +62,13 @@ class ChannelCommands {
   void imsFileSpec(const CommandLine& cmd) {
     std::string file(trim(cmd.arg1));
     if (file.empty()) {
-      FileChoice dialog;
-      dialog.title = kTextSelectImsTitle;
-      dialog.defaultExtension = "ims";
-      dialog.fileName = "*.ims";
-      dialog.filter = kTextImsFilter;
-      dialog.initialDirectory = seq_.files().currentFolder();
-      const auto chosen = seq_.operatorPort().chooseFile(dialog);
+      FileChoice choice;
+      choice.title = kTextSelectImsTitle;
+      choice.defaultExtension = "ims";
+      choice.fileName = "*.ims";
+      choice.filter = kTextImsFilter;
+      choice.initialDirectory = seq_.files().currentFolder();
+      const auto chosen = seq_.operatorPort().chooseFile(choice);
       if (!chosen) return;
       file = *chosen;
     }

@@ -274,7 +274,8 @@ TEST_F(ChannelCommandsTest, TheSetupFileMayBeChosenByTheOperator) {
   // Without hardware nothing is loaded or sent, and every channel reads "0".
   InstrumentSettings settings;
   settings.noHardware = true;
-  Instrument none(events_, trace_, settings, std::make_unique<SimLink>(clock_), paths_);
+  Instrument none(events_, trace_, settings, std::make_unique<SimLink>(clock_, "", localFiles()),
+                  paths_);
   std::string value;
   EXPECT_TRUE(none.selectSetupFile("/nonexistent.ims"));
   EXPECT_TRUE(none.channels().ReadChannel("ANY", value));

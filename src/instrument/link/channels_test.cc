@@ -53,7 +53,7 @@ struct ChannelsFixture : ::testing::Test {
 TEST(ChannelSummary, LinesBecomeChannelRecords) {
   VirtualClock clock{0};
   EventLoop events{clock};
-  SimLink sim{clock};
+  SimLink sim{clock, "", localFiles()};
   ImlLink link{sim, events, nullptr};
   Channels channels{link};
   channels.ReadSummary(

@@ -6,7 +6,7 @@
 
 namespace tavrix {
 
-bool OutputLinkReady(Sequencer& seq, Instrument& instrument) {
+bool OutputLinkReady(RunContext& seq, Instrument& instrument) {
   if (instrument.ensureOpen()) return true;
   seq.reportSequenceError(instrument.link().lastErrorText());
   return false;

@@ -9,11 +9,11 @@
 namespace tavrix {
 
 class Instrument;
-class Sequencer;
+class RunContext;
 
 // Opens the link for the first command that needs it; when it cannot be
 // opened, reports the link's error (the run ends) and returns false.
-bool OutputLinkReady(Sequencer& seq, Instrument& instrument);
+bool OutputLinkReady(RunContext& seq, Instrument& instrument);
 
 // Writes a number as the outputs do (a leading blank when not negative) and
 // keeps the write's flag as the last output status.

@@ -31,9 +31,9 @@ Micros ScheduledInstant(Micros start, double interval, int64_t k) {
   return start + std::llround(static_cast<double>(k) * interval * kMicrosPerSecond);
 }
 
-bool OutputInterrupted(const Sequencer& seq) { return seq.waitEnds(WaitRule::kRunEnding); }
+bool OutputInterrupted(const RunContext& seq) { return seq.waitEnds(WaitRule::kRunEnding); }
 
-bool OutputWait(Sequencer& seq, Micros wait) {
+bool OutputWait(RunContext& seq, Micros wait) {
   if (wait <= 0) return !OutputInterrupted(seq);
   bool due = false;
   Timer timer(seq.events(), wait, [&due] { due = true; });

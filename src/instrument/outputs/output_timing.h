@@ -10,7 +10,7 @@
 namespace tavrix {
 
 class LinkLibrary;
-class Sequencer;
+class RunContext;
 
 // The wait before an output's next write that is due at `due`: the whole
 // number of tenths of a second from `now` to `due`, rounded down, or 0 when
@@ -27,11 +27,11 @@ Micros ScheduledInstant(Micros start, double interval, int64_t k);
 // define table is examined at every turn, and the wait ends early when a
 // jump or a timeout action becomes pending or Stop is pressed. Returns true
 // when the whole wait passed, false when the run needs the command to end.
-bool OutputWait(Sequencer& seq, Micros wait);
+bool OutputWait(RunContext& seq, Micros wait);
 
 // True when the command in progress must end (Stop, a jump or a timeout
 // action is pending, or the run is ending).
-bool OutputInterrupted(const Sequencer& seq);
+bool OutputInterrupted(const RunContext& seq);
 
 // Holds the engine until the link library's millisecond counter has moved at
 // least `length` milliseconds past `start`, without letting events run: the

@@ -4,7 +4,7 @@
 //       sets the channel to "1" ("0" for LO) and, the given number of
 //       milliseconds (0-32000) after the command began, back to "0" ("1").
 //       The length is timed on the link library's millisecond counter with
-//       the engine held: no timer, button or display update runs during a
+//       the engine held: no timer, command or display update runs during a
 //       pulse. The run status label shows "Pulse Timing" in orange meanwhile.
 //   SINEOUT channel, AMPLITUDE a OFFSET o FREQUENCY f CYCLES c
 //           [MONITOR channel] [PEAK TO channel]

@@ -65,7 +65,7 @@ TEST(PulseOutput, FailedWritesToAChannelNotInTheTableDoNotStopThePulse) {
 TEST(WaitMilliseconds, CountsOnTheLinkCounterAcrossItsWrap) {
   // The counter is 32 bits wide: start 50 ms before it wraps.
   VirtualClock clock((int64_t{1} << 31) * 1000 - 50'000);
-  SimLink link(clock);
+  SimLink link(clock, "", localFiles());
   const int32_t start = link.millisecondCount();
   EXPECT_EQ(start, INT32_MAX - 49);
   WaitMilliseconds(link, clock, start, 120);

@@ -138,8 +138,8 @@ class RigModel {
 // The in-process rig behind the link library port, on the run's clock.
 class SimLink final : public LinkLibrary {
  public:
-  explicit SimLink(const Clock& clock, std::string dirPath = "",
-                   const FileSystem& files = localFiles());
+  // `files` holds the setup files and the data folder `dirPath`.
+  SimLink(const Clock& clock, std::string dirPath, const FileSystem& files);
   RigModel& model() { return model_; }
 
   int32_t openInterface(int16_t& handle) override;

@@ -164,7 +164,7 @@ RunResult RunOver(VirtualClock& clock, const std::string& link, const std::strin
 // The problem a TCP link reports when it does not open.
 std::string OpenProblem(uint16_t port, const std::string& key) {
   VirtualClock clock(kStart);
-  TcpLink link(clock, "127.0.0.1", port);
+  TcpLink link(clock, "127.0.0.1", port, localFiles());
   link.setKey(key);
   int16_t handle = 0;
   EXPECT_EQ(link.openInterface(handle), link_result::kLinkLost);
@@ -249,7 +249,7 @@ TEST(Bridge, OnlyALinkWithTheSameKeyIsServed) {
 
   // The right key opens the link.
   VirtualClock clock(kStart);
-  TcpLink link(clock, "127.0.0.1", bridge.port());
+  TcpLink link(clock, "127.0.0.1", bridge.port(), localFiles());
   link.setKey(key);
   int16_t handle = 0;
   EXPECT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
@@ -365,7 +365,7 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
   }
   Bridge library(KeyOf(keyFile), std::move(service));
   {
-    TcpLink link(libraryClock, "127.0.0.1", library.port());
+    TcpLink link(libraryClock, "127.0.0.1", library.port(), localFiles());
     link.setKey(KeyOf(keyFile));
     int16_t handle = 0;
     ASSERT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();

@@ -34,8 +34,7 @@ namespace tavrix {
 
 class TcpLink final : public LinkLibrary {
  public:
-  TcpLink(const Clock& clock, std::string host, uint16_t port,
-          const FileSystem& files = localFiles());
+  TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files);
   ~TcpLink() override;
   std::string connectionProblem() const override { return problem_; }
   // Without a run's loop the link waits on a loop of its own over the

@@ -234,7 +234,7 @@ TEST(TcpLink, WaitsForAResponseGoThroughTheRunsEventLoop) {
       if (closeTheLink) linkInUse->closeInterface(1);
     });
   });
-  TcpLink link(clock, "127.0.0.1", server.port());
+  TcpLink link(clock, "127.0.0.1", server.port(), localFiles());
   link.useEventLoop(events);
   linkInUse = &link;
   int16_t handle = 0;

@@ -25,7 +25,7 @@ std::string lastErrorText() {
 }  // namespace
 
 std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std::string& error) {
-  // No "cannot find the library" dialog box: the caller reports it.
+  // No "cannot find the library" message from the system: the caller reports it.
   const UINT previous = SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
   // A library named with its folder finds the libraries it needs in that
   // folder first, as a rig's vendor libraries expect.

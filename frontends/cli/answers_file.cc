@@ -1,4 +1,4 @@
-#include "sequencer/answers_file.h"
+#include "answers_file.h"
 
 #include <cctype>
 

@@ -1,4 +1,4 @@
-#include "sequencer/console_operators.h"
+#include "console_operators.h"
 
 #include <cstdlib>
 
@@ -17,25 +17,25 @@ void PrintMessageBox(std::FILE* out, std::string_view title, std::string_view te
 
 std::string MatchButton(const Question& question, std::string_view text) {
   const std::string_view wanted = trim(text);
-  for (const auto& caption : question.buttons) {
+  for (const auto& caption : question.choices) {
     if (caption == wanted) return caption;
   }
-  for (const auto& caption : question.buttons) {
+  for (const auto& caption : question.choices) {
     if (upperCase(caption) == upperCase(wanted)) return caption;
   }
   char* end = nullptr;
   const std::string digits(wanted);
   const long number = std::strtol(digits.c_str(), &end, 10);
   if (!digits.empty() && end != nullptr && *end == '\0' && number >= 1 &&
-      static_cast<size_t>(number) <= question.buttons.size()) {
-    return question.buttons[static_cast<size_t>(number) - 1];
+      static_cast<size_t>(number) <= question.choices.size()) {
+    return question.choices[static_cast<size_t>(number) - 1];
   }
   return {};
 }
 
 std::string MatchAnswer(const Question& question, std::string_view text) {
   const std::string button = MatchButton(question, text);
-  if (!button.empty() || !question.fieldsAfterButton) return button;
+  if (!button.empty() || !question.fieldsAfterChoice) return button;
   const size_t bar = text.find('|');
   if (bar == std::string_view::npos) return {};
   const std::string first = MatchButton(question, text.substr(0, bar));
@@ -66,14 +66,14 @@ void ScriptedOperator::ask(const Question& question, std::function<void(Answer)>
     answered(std::nullopt);
     return;
   }
-  if (question.buttons.empty()) {
+  if (question.choices.empty()) {
     answered(line->caption);  // a typed entry
     return;
   }
   const std::string button = MatchAnswer(question, line->caption);
   if (button.empty()) {
     std::string captions;
-    for (const auto& caption : question.buttons) captions += (captions.empty() ? "" : ", ") + caption;
+    for (const auto& caption : question.choices) captions += (captions.empty() ? "" : ", ") + caption;
     reason_ = "line " + std::to_string(line->number) + " of the answers file answers \"" +
               line->caption + "\", which is none of its buttons (" + captions + ")";
     answered(std::nullopt);
@@ -117,11 +117,11 @@ void TerminalOperator::ask(const Question& question, std::function<void(Answer)>
   std::string text;
   for (char c : question.text) text += c == '\r' ? '\n' : c;
   std::fprintf(out_, "\n%s\n", text.c_str());
-  if (question.buttons.empty()) {
+  if (question.choices.empty()) {
     std::fprintf(out_, "> ");
   } else {
-    for (size_t i = 0; i < question.buttons.size(); ++i) {
-      std::fprintf(out_, "  [%zu] %s", i + 1, question.buttons[i].c_str());
+    for (size_t i = 0; i < question.choices.size(); ++i) {
+      std::fprintf(out_, "  [%zu] %s", i + 1, question.choices[i].c_str());
     }
     std::fprintf(out_, "\n> ");
   }
@@ -149,7 +149,7 @@ void TerminalOperator::ask(const Question& question, std::function<void(Answer)>
         return;
       }
       while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-      if (question.buttons.empty()) {
+      if (question.choices.empty()) {
         give(line);
         return;
       }

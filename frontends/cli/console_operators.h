@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
+#include "answers_file.h"
 #include "common/file_system.h"
 #include "platform/console.h"
-#include "sequencer/answers_file.h"
 #include "sequencer/operator.h"
 
 namespace tavrix {

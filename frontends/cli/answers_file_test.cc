@@ -1,8 +1,8 @@
-#include "sequencer/answers_file.h"
+#include "answers_file.h"
 
 #include <gtest/gtest.h>
 
-#include "sequencer/console_operators.h"
+#include "console_operators.h"
 
 namespace tavrix {
 namespace {
@@ -59,7 +59,7 @@ TEST(ScriptedOperator, FieldsAfterTheButtonReachTheAskerWhole) {
                                          "ENTEROKCANCEL: OK|serial=14\n"),
                       nullptr);
   Question entry{"DATAENTRY", "", "Data?", {"Accept", "Cancel"}};
-  entry.fieldsAfterButton = true;
+  entry.fieldsAfterChoice = true;
   Answer got;
   op.ask(entry, [&](Answer a) { got = a; });
   EXPECT_EQ(got, "Accept|serial=12|operator=Ann Lee");
