@@ -21,7 +21,9 @@
 #include "platform/companion_programs.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
+#include "ctl_command.h"
 #include "results_commands.h"
+#include "run_control.h"
 #include "resultsdb/results_feed.h"
 #include "sequencer/console_operators.h"
 #include "sequencer/sequence_file.h"
@@ -345,6 +347,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
                  std::string(kBareLineFeedWarning).c_str());
   }
 
+  // Breakpoints and the control socket.
+  RunControl control(engine, err);
+  if (!control.setBreakpoints(options.breaks, options.breakIfs, &error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (options.controlSocket) control.openSocket(options.sequence);
+
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.
   if (!engine.feedResultsStore(&error)) {
@@ -481,6 +491,14 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                          "Where UUT records go besides the results files: sqlite (default), "
                          "sqlite:FILE, off, or a connection string");
   runCommand->add_option("--station", run.station, "This station's name in the UUT records");
+  runCommand->add_option("--break", run.breaks,
+                         "Hold the run before LINE or after LABEL, from hit N on with LINE:N "
+                         "(repeatable; see docs/run-control.md)");
+  runCommand->add_option("--break-if", run.breakIfs,
+                         "Hold the run when a channel condition such as \"T1 > 80\" turns true "
+                         "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
+  runCommand->add_flag("!--no-control-socket", run.controlSocket,
+                       "Open no control socket for tavrix-cli ctl");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
@@ -507,6 +525,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
 
   CryptCommands cryptCommands(app);
   ResultsCommands resultsCommands(app);
+  CtlCommand ctlCommand(app);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -528,6 +547,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
+  if (auto status = ctlCommand.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(rig, out, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
   return kExitUsage;
