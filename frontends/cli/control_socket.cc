@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -53,6 +54,8 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 
   bool open(const std::string& dataRoot, std::string* error) {
     const std::string runs = RunsFolder(dataRoot);
+    std::error_code ignored;
+    std::filesystem::create_directories(dataRoot, ignored);
     if (::mkdir(runs.c_str(), 0700) != 0 && errno != EEXIST) {
       *error = "cannot make " + runs + ": " + std::strerror(errno);
       return false;

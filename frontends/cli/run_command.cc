@@ -24,6 +24,7 @@
 #include "ctl_command.h"
 #include "results_commands.h"
 #include "run_control.h"
+#include "terminal_keys.h"
 #include "resultsdb/results_feed.h"
 #include "sequencer/console_operators.h"
 #include "sequencer/sequence_file.h"
@@ -270,7 +271,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The terminal view, unless the trace takes standard output.
   const bool traceToOut = options.trace && *options.trace == "-";
-  TerminalView view(*op, out, traceToOut ? err : out,
+  // On a terminal, keys drive the run (never while a question is answered).
+  TerminalKeys keys(*op);
+  const bool takeKeys = TerminalKeys::Available(in);
+  TerminalView view(takeKeys ? static_cast<Operator&>(keys) : *op, out, traceToOut ? err : out,
                     !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
   EngineConfig config;
   config.clock = std::move(clock);
@@ -354,6 +358,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
   if (options.controlSocket) control.openSocket(options.sequence);
+  if (takeKeys) control.takeKeys(keys, in, view);
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.

@@ -1,5 +1,7 @@
 #include "run_control.h"
 
+#include "terminal_keys.h"
+
 #ifndef _WIN32
 #include "control_socket.h"
 #endif
@@ -28,6 +30,7 @@ RunControl::RunControl(Engine& engine, std::FILE* err)
 }
 
 RunControl::~RunControl() {
+  if (keys_ != nullptr) keys_->stop();
   holds_.reset();
   socket_.reset();
 }
@@ -52,6 +55,11 @@ void RunControl::openSocket(const std::string& sequence) {
 #else
   (void)sequence;
 #endif
+}
+
+void RunControl::takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view) {
+  keys_ = &keys;
+  keys.start(in, engine_, breakpoints_, view);
 }
 
 std::string RunControl::runId() const {

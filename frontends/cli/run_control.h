@@ -14,6 +14,8 @@
 namespace tavrix {
 
 class ControlSocket;
+class TerminalKeys;
+class TerminalView;
 
 class RunControl {
  public:
@@ -30,6 +32,9 @@ class RunControl {
   // a socket that cannot be made is told to `err` and the run goes on.
   void openSocket(const std::string& sequence);
 
+  // Reads keys from the terminal `in` until the run control goes.
+  void takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view);
+
   Breakpoints& breakpoints() { return breakpoints_; }
   // Empty without a socket.
   std::string runId() const;
@@ -40,6 +45,7 @@ class RunControl {
   Breakpoints breakpoints_;
   std::unique_ptr<ControlSocket> socket_;
   RunEventBus::Subscription holds_;
+  TerminalKeys* keys_ = nullptr;
 };
 
 }  // namespace tavrix
