@@ -271,15 +271,16 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The terminal view, unless the trace takes standard output.
   const bool traceToOut = options.trace && *options.trace == "-";
-  // On a terminal, keys drive the run (never while a question is answered).
-  TerminalKeys keys(*op);
-  const bool takeKeys = TerminalKeys::Available(in);
-  TerminalView view(takeKeys ? static_cast<Operator&>(keys) : *op, out, traceToOut ? err : out,
+  TerminalView view(*op, out, traceToOut ? err : out,
                     !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
+  // On a terminal, keys drive the run; they stand before the view so that
+  // no key is read once a question is on its way to the screen.
+  TerminalKeys keys(view);
+  const bool takeKeys = TerminalKeys::Available(in);
   EngineConfig config;
   config.clock = std::move(clock);
   config.files = std::move(files);
-  config.op = &view;
+  config.op = takeKeys ? static_cast<Operator*>(&keys) : &view;
   config.resultsStore = EngineConfig::ResultsStore{
       options.resultsStore.value_or(settings.resultsStore),
       options.station.value_or(settings.station),

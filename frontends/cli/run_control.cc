@@ -1,6 +1,7 @@
 #include "run_control.h"
 
 #include "terminal_keys.h"
+#include "terminal_view.h"
 
 #ifndef _WIN32
 #include "control_socket.h"
@@ -17,7 +18,13 @@ RunControl::RunControl(Engine& engine, std::FILE* err)
     : engine_(engine), err_(err), breakpoints_(engine) {
   // Says which breakpoint held the run, and how to go on from elsewhere.
   holds_ = engine.subscribe([this](const RunEvent& event) {
-    if (event.kind != RunEventKind::kHold || event.title != "break") return;
+    if (event.kind != RunEventKind::kHold) return;
+    if (event.title != "break") {
+      // At the terminal the keys go on from here.
+      if (view_ != nullptr)
+        view_->note("held before line " + std::to_string(event.line) + " (" + event.title + ")");
+      return;
+    }
     std::string what = "breakpoint " + std::to_string(event.number);
     for (const Breakpoint& b : breakpoints_.list())
       if (b.id == event.number) what += " (" + DescribeBreakpoint(b) + ")";
@@ -59,6 +66,7 @@ void RunControl::openSocket(const std::string& sequence) {
 
 void RunControl::takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view) {
   keys_ = &keys;
+  view_ = &view;
   keys.start(in, engine_, breakpoints_, view);
 }
 

@@ -46,6 +46,7 @@ class RunControl {
   std::unique_ptr<ControlSocket> socket_;
   RunEventBus::Subscription holds_;
   TerminalKeys* keys_ = nullptr;
+  TerminalView* view_ = nullptr;
 };
 
 }  // namespace tavrix
