@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -132,6 +133,14 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 
   // Engine thread: keeps the status and hands the event to the followers.
   void runEvent(const RunEvent& event) {
+    // The common cases cost no lock: a line, the current command, an
+    // output's value, with nobody following.
+    if (followers_.load(std::memory_order_relaxed) == 0 &&
+        (event.kind == RunEventKind::kLine || event.kind == RunEventKind::kCommand ||
+         event.kind == RunEventKind::kTimeout || event.kind == RunEventKind::kOutput)) {
+      if (event.kind == RunEventKind::kLine) line_.store(event.line, std::memory_order_relaxed);
+      return;
+    }
     std::lock_guard guard(mutex_);
     switch (event.kind) {
       case RunEventKind::kStarted:
@@ -142,10 +151,10 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         state_ = "held";
         holdReason_ = event.title;
         holdId_ = event.number;
-        line_ = event.line;
+        line_.store(event.line, std::memory_order_relaxed);
         break;
       case RunEventKind::kLine:
-        line_ = event.line;
+        line_.store(event.line, std::memory_order_relaxed);
         break;
       case RunEventKind::kStatus:
         status_ = event.text;
@@ -157,9 +166,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
       default:
         break;
     }
-    bool any = false;
-    for (auto& [id, client] : clients_) any = any || client.events;
-    if (any) {
+    if (followers_.load(std::memory_order_relaxed) > 0) {
       const std::string line = RunEventJson(event, origin_) + "\n";
       for (auto& [id, client] : clients_) {
         if (!client.events) continue;
@@ -183,8 +190,9 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   std::string statusJson() const {
     std::string json = "{\"ok\":true,\"run\":" + jsonString(runId_) +
                        ",\"pid\":" + std::to_string(getpid()) +
-                       ",\"sequence\":" + jsonString(sequence_) + ",\"state\":" + jsonString(state_) +
-                       ",\"line\":" + std::to_string(line_) + ",\"status\":" + jsonString(status_);
+                       ",\"sequence\":" + jsonString(sequence_) +
+                       ",\"state\":" + jsonString(state_) +
+        ,\"line\":" + std::to_string(line_.load()) + ",\"status\":" + jsonString(status_);
     if (state_ == "held") {
       json += ",\"hold\":" + jsonString(holdReason_);
       if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);
@@ -220,6 +228,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
     }
     auto self = shared_from_this();
     if (r.cmd == "events") {
+      if (!client.events) ++followers_;
       client.events = true;
       client.out += kOk + "\n";
     } else if (r.cmd == "pause" || r.cmd == "resume" || r.cmd == "step" || r.cmd == "skip") {
@@ -279,7 +288,8 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
     }
     const bool condition = args[0] == "if";
     std::string spec;
-    for (size_t i = condition ? 1 : 0; i < args.size(); ++i) spec += (spec.empty() ? "" : " ") + args[i];
+    for (size_t i = condition ? 1 : 0; i < args.size(); ++i)
+      spec += (spec.empty() ? "" : " ") + args[i];
     const auto added = breakpoints_.add(spec, condition, &error);
     reply(id, added ? "{\"ok\":true,\"id\":" + std::to_string(*added) + "}" : Error(error));
   }
@@ -297,6 +307,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         for (auto it = clients_.begin(); it != clients_.end();) {
           Client& c = it->second;
           if (c.drop || (c.closeWhenFlushed && c.out.empty())) {
+            if (c.events) --followers_;
             ::close(c.fd);
             it = clients_.erase(it);
           } else {
@@ -412,7 +423,9 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   std::string status_;
   std::string holdReason_;
   int64_t holdId_ = 0;
-  int32_t line_ = 0;
+  std::atomic<int32_t> line_{0};
+  // Clients that follow the events (changed under the lock).
+  std::atomic<int> followers_{0};
   std::string endReason_;
 };
 

@@ -3,6 +3,8 @@
 // while another client follows its events; bad messages get an error reply
 // and leave the run alone; the socket goes with the run; a stale socket is
 // cleaned by `ctl list`; bad breakpoints end the command line at once.
+#include "control_socket.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,7 +13,6 @@
 #include <thread>
 
 #include "cli_test_support.h"
-#include "control_socket.h"
 #include "control_socket_address.h"
 #include "ctl_command.h"
 #include "run_command.h"
@@ -82,12 +83,12 @@ class ControlSocketTest : public CliTestBase {
 TEST_F(ControlSocketTest, ClientsLookStepSkipBreakAndResumeAHeldRunWhileOneFollowsIt) {
   const std::string setup = File("rig.ims", "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
   const std::string seq = File("main.wts",
-                               "SEND OUT, 5\r\n"       // 1
-                               "WAITSECONDS 10\r\n"    // 2
-                               "WAITSECONDS 10\r\n"    // 3
-                               "WAITSECONDS 10\r\n"    // 4
-                               "SEND OUT, 7\r\n"       // 5
-                               "WAITSECONDS 1\r\n");   // 6
+                               "SEND OUT, 5\r\n"      // 1
+                               "WAITSECONDS 10\r\n"   // 2
+                               "WAITSECONDS 10\r\n"   // 3
+                               "WAITSECONDS 10\r\n"   // 4
+                               "SEND OUT, 7\r\n"      // 5
+                               "WAITSECONDS 1\r\n");  // 6
   // The run tells on its standard error which breakpoint held it; the test
   // reads that through a pipe.
   int pipeFds[2];
@@ -113,7 +114,8 @@ TEST_F(ControlSocketTest, ClientsLookStepSkipBreakAndResumeAHeldRunWhileOneFollo
   const std::string socket = Home() + "/runs/" + id + "/control.sock";
   EXPECT_EQ(fs::status(socket).permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_EQ(fs::status(Home() + "/runs/" + id).permissions() & fs::perms::all, fs::perms::owner_all);
+  EXPECT_EQ(fs::status(Home() + "/runs/" + id).permissions() & fs::perms::all,
+            fs::perms::owner_all);
 
   RawClient follower(socket);
   follower.send("{\"cmd\":\"events\"}\n");

@@ -117,7 +117,8 @@ int List(const std::string& runs, std::FILE* out) {
     Connection connection(fd);
     std::string reply;
     if (!connection.send(ControlRequestJson({"status", {}})) || !connection.line(reply)) continue;
-    if (listed++ == 0) std::fprintf(out, "%-24s %-8s %6s  %s\n", "RUN", "STATE", "LINE", "SEQUENCE");
+    if (listed++ == 0)
+      std::fprintf(out, "%-24s %-8s %6s  %s\n", "RUN", "STATE", "LINE", "SEQUENCE");
     size_t at = reply.find("\"line\":");
     const std::string number =
         at == std::string::npos ? "" : reply.substr(at + 7, reply.find(',', at) - at - 7);

@@ -28,9 +28,7 @@ void TerminalKeys::ask(const Question& question, std::function<void(Answer)> ans
 
 #else
 
-bool TerminalKeys::Available(std::FILE* in) {
-  return in != nullptr && ::isatty(::fileno(in)) == 1;
-}
+bool TerminalKeys::Available(std::FILE* in) { return in != nullptr && ::isatty(::fileno(in)) == 1; }
 
 void TerminalKeys::start(std::FILE* in, Engine& engine, Breakpoints& breakpoints,
                          TerminalView& view) {

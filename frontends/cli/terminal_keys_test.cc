@@ -77,13 +77,13 @@ class TerminalKeysTest : public CliTestBase {};
 TEST_F(TerminalKeysTest, KeysWatchListStepSkipResumeAndStopButNeverAnswerAQuestion) {
   const std::string setup = File("rig.ims", "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
   const std::string seq = File("keys.wts",
-                               "SEND OUT, 5\r\n"                 // 1
-                               "WAITSECONDS 10\r\n"              // 2
-                               "WAITSECONDS 10\r\n"              // 3
-                               "WAITSECONDS 10\r\n"              // 4
-                               "ENTERSEND Set point, OUT\r\n"    // 5
-                               "WAITSECONDS 1\r\n"               // 6
-                               "WAITSECONDS 1\r\n");             // 7
+                               "SEND OUT, 5\r\n"               // 1
+                               "WAITSECONDS 10\r\n"            // 2
+                               "WAITSECONDS 10\r\n"            // 3
+                               "WAITSECONDS 10\r\n"            // 4
+                               "ENTERSEND Set point, OUT\r\n"  // 5
+                               "WAITSECONDS 1\r\n"             // 6
+                               "WAITSECONDS 1\r\n");           // 7
   ScriptedTerminal terminal({{"held before line 2", "w OUT\r"},
                              {"watch: OUT=5", "b"},
                              {"breakpoint 2: line 7", "s"},
@@ -94,10 +94,10 @@ TEST_F(TerminalKeysTest, KeysWatchListStepSkipResumeAndStopButNeverAnswerAQuesti
   std::FILE* in = terminal.Stream("r");
   std::FILE* out = terminal.Stream("w");
   std::FILE* err = terminal.Stream("w");
-  const int status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--setup", setup,
-                                    "--break", "2", "--break", "7", "--trace",
-                                    Path("keys.jsonl"), seq},
-                                   in, out, err);
+  const int status =
+      TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--setup", setup, "--break", "2",
+                     "--break", "7", "--trace", Path("keys.jsonl"), seq},
+                    in, out, err);
   // The terminal is left as it was found: lines and echo again.
   termios after{};
   ASSERT_EQ(tcgetattr(fileno(in), &after), 0);

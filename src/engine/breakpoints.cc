@@ -71,8 +71,7 @@ Breakpoints::Breakpoints(Engine& engine)
 
 Breakpoints::~Breakpoints() { subscription_.reset(); }
 
-std::optional<int64_t> Breakpoints::add(std::string_view spec, bool condition,
-                                        std::string* error) {
+std::optional<int64_t> Breakpoints::add(std::string_view spec, bool condition, std::string* error) {
   std::string problem;
   Breakpoint breakpoint;
   std::string_view rest = trim(spec);
@@ -86,9 +85,10 @@ std::optional<int64_t> Breakpoints::add(std::string_view spec, bool condition,
     const auto parsed = ParseChannelCondition(rest);
     const std::string_view value =
         parsed ? trim(rest.substr(rest.rfind(' ') + 1)) : std::string_view();
-    char* end = nullptr;
     const std::string valueText(value);
-    if (!parsed || valueText.empty() || (std::strtod(valueText.c_str(), &end), *end != '\0')) {
+    char* end = nullptr;
+    if (!valueText.empty()) static_cast<void>(std::strtod(valueText.c_str(), &end));
+    if (!parsed || valueText.empty() || end == nullptr || *end != '\0') {
       *error = "breakpoint \"" + breakpoint.spec +
                "\": a condition is CHANNEL OPERATOR NUMBER, separated by blanks, as in \"T1 > 80\"";
       return std::nullopt;
@@ -163,8 +163,7 @@ bool Breakpoints::conditionHolds(Breakpoint& breakpoint) {
   if (instrument == nullptr || !instrument->isOpen() ||
       !instrument->channels().ReadChannel(breakpoint.condition.channel, reading))
     return false;
-  return CompareReading(leadingNumber(reading), breakpoint.condition.op,
-                        breakpoint.condition.value)
+  return CompareReading(leadingNumber(reading), breakpoint.condition.op, breakpoint.condition.value)
       .value_or(false);
 }
 
