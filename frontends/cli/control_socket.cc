@@ -188,11 +188,10 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   }
 
   std::string statusJson() const {
-    std::string json = "{\"ok\":true,\"run\":" + jsonString(runId_) +
-                       ",\"pid\":" + std::to_string(getpid()) +
-                       ",\"sequence\":" + jsonString(sequence_) +
-                       ",\"state\":" + jsonString(state_) +
-        ,\"line\":" + std::to_string(line_.load()) + ",\"status\":" + jsonString(status_);
+    std::string json =
+        "{\"ok\":true,\"run\":" + jsonString(runId_) + ",\"pid\":" + std::to_string(getpid()) +
+        ",\"sequence\":" + jsonString(sequence_) + ",\"state\":" + jsonString(state_) +
+        ",\"line\":" + std::to_string(line_.load()) + ",\"status\":" + jsonString(status_);
     if (state_ == "held") {
       json += ",\"hold\":" + jsonString(holdReason_);
       if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);

@@ -239,7 +239,9 @@ TEST_F(ControlSocketTest, AStaleSocketIsCleanedByListAndBadBreakpointsEndTheRunA
   EXPECT_EQ(Ctl({"20200101-000000-1", "pause"}), 1);
   EXPECT_NE(ctlErr_.find("is not going"), std::string::npos);
   fs::create_directories(stale);
-  ASSERT_GE(ListenControlSocket(stale + "/control.sock", &error), 0);
+  const int again = ListenControlSocket(stale + "/control.sock", &error);
+  ASSERT_GE(again, 0) << error;
+  ::close(again);
   EXPECT_EQ(Ctl({"list"}), 0);
   EXPECT_EQ(ctlOut_, "no run is going\n");
   EXPECT_FALSE(fs::exists(stale));

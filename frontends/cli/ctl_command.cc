@@ -11,6 +11,7 @@
 #include "run_command.h"
 #ifndef _WIN32
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "control_socket.h"
@@ -114,6 +115,9 @@ int List(const std::string& runs, std::FILE* out) {
       if (errno == ECONNREFUSED || errno == ENOENT) Clean(folder);
       continue;
     }
+    // A run that does not answer within a while is left out of the list.
+    const timeval wait{5, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     Connection connection(fd);
     std::string reply;
     if (!connection.send(ControlRequestJson({"status", {}})) || !connection.line(reply)) continue;
