@@ -44,6 +44,10 @@ END {
   printf "| %-58s | %18s |\n", "measure", "figure"
   printf "|%s|%s|\n", "------------------------------------------------------------", "-------------------:"
   row("Free run (30,000 lines of labels and remarks)", rate("BM_FreeRunLines", "lines_per_s", "lines/s"))
+  row("Free run with the trace on", rate("BM_FreeRunLinesTraced", "lines_per_s", "lines/s"))
+  row("Soak loop (LOOPCHECK, WAITSECONDS 60, GOTO), virtual time",
+      rate("BM_SoakLoopWaitSeconds", "lines_per_s", "lines/s"))
+  row("Soak loop with the trace on", rate("BM_SoakLoopWaitSecondsTraced", "lines_per_s", "lines/s"))
   row("GOTO to the last label of 30,000 lines", per("BM_GotoLastLabel", 1, "%.2f us"))
   row("GOTO by reopening the file and scanning it (naive)", per("BM_GotoNaiveReopenAndScan", 1, "%.0f us"))
   row("GOTO: naive cost / our cost", ratio(micros("BM_GotoNaiveReopenAndScan"), micros("BM_GotoLastLabel")))
@@ -54,6 +58,8 @@ END {
   row("Exchange through the keyed link bridge (127.0.0.1)", rate("BM_BridgeLoopbackExchange", "exchanges_per_s", "/s"))
   row("Calculated channels: one pass over 1,000 rows", per("BM_CalcPass1000Rows", 1000, "%.3f ms"))
   row("Calculated channels: a simulated day of 50 rows", per("BM_SimulatedDay50Rows", 1e6, "%.2f s"))
+  row("Calculated channels: a simulated week of 50 rows", per("BM_SimulatedWeek50Rows", 1e6, "%.2f s"))
+  row("Calculated channels: a simulated week of examples/calc_day", per("BM_SimulatedWeekOfTheDayExample", 1e6, "%.2f s"))
   tea = num("BM_TeaEncryptByte", "bytes_per_second") / 1e6
   ref = num("BM_ReferenceEncipher", "bytes_per_second") / 1e6
   row("TEA encryption, clsTEA (1 MiB frame)", tea > 0 ? sprintf("%.1f MB/s", tea) : "not measured")

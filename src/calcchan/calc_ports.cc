@@ -17,6 +17,18 @@ bool InstrumentChannelPort::write(std::string_view name, std::string_view value)
   return instrument_.ensureOpen() && instrument_.channels().WriteChannel(name, value);
 }
 
+bool InstrumentChannelPort::read(std::string_view name, std::string& value, ChannelRef& ref) {
+  if (!instrument_.ensureOpen() || !instrument_.channels().ReadChannel(name, value, &ref)) {
+    value = "ERROR " + instrument_.link().lastErrorText();
+    return false;
+  }
+  return true;
+}
+
+bool InstrumentChannelPort::write(std::string_view name, std::string_view value, ChannelRef& ref) {
+  return instrument_.ensureOpen() && instrument_.channels().WriteChannel(name, value, &ref);
+}
+
 CompanionExecute TracingCompanion(Trace& trace) {
   return [&trace](std::string_view topic, std::string_view item, std::string_view text,
                   std::string*) {

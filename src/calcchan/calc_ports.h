@@ -4,11 +4,12 @@
 // programs' DDE execute, and the resolution of file specifications.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <functional>
 #include <string>
 #include <string_view>
+
+#include "common/file_system.h"
+#include "instrument/link/channels.h"
 
 namespace tavrix {
 
@@ -25,6 +26,14 @@ class CalcChannelPort {
   virtual bool read(std::string_view name, std::string& value) = 0;
   // False when the channel does not exist or is not enabled.
   virtual bool write(std::string_view name, std::string_view value) = 0;
+  // The same for a channel read or written on every pass: `ref` keeps the
+  // port's lookup of `name` (always the same name) from one call to the next.
+  virtual bool read(std::string_view name, std::string& value, ChannelRef& /*ref*/) {
+    return read(name, value);
+  }
+  virtual bool write(std::string_view name, std::string_view value, ChannelRef& /*ref*/) {
+    return write(name, value);
+  }
 };
 
 // The channel operations of an Instrument; the link is opened on first use.
@@ -33,6 +42,8 @@ class InstrumentChannelPort final : public CalcChannelPort {
   explicit InstrumentChannelPort(Instrument& instrument) : instrument_(instrument) {}
   bool read(std::string_view name, std::string& value) override;
   bool write(std::string_view name, std::string_view value) override;
+  bool read(std::string_view name, std::string& value, ChannelRef& ref) override;
+  bool write(std::string_view name, std::string_view value, ChannelRef& ref) override;
 
  private:
   Instrument& instrument_;

@@ -19,6 +19,22 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
+// Whether the upper-cased text contains `upperPart` (upper case already).
+bool containsUpperCased(std::string_view text, std::string_view upperPart) {
+  if (upperPart.size() > text.size()) return false;
+  for (size_t at = 0; at + upperPart.size() <= text.size(); ++at) {
+    size_t i = 0;
+    while (i < upperPart.size()) {
+      char c = text[at + i];
+      if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+      if (c != upperPart[i]) break;
+      ++i;
+    }
+    if (i == upperPart.size()) return true;
+  }
+  return false;
+}
+
 int16_t clampedCount(int32_t n) { return static_cast<int16_t>(std::min<int32_t>(n, INT16_MAX)); }
 
 int64_t dayNumber(Micros t) { return t >= 0 ? t / kMicrosPerDay : (t - kMicrosPerDay + 1) / kMicrosPerDay; }
@@ -59,6 +75,7 @@ bool CalcChannels::startCalculatedChannels(std::string_view fileSpec, std::strin
 }
 
 bool CalcChannels::load(std::string_view fileSpec) {
+  plan_.clear();
   if (!LoadCalcChannelSetup(fileSpec, state_, ports_, events_.now())) return false;
   timer_.setEnabled(false);
   analyser_.clear();
@@ -107,47 +124,64 @@ void CalcChannels::runPass() {
   }
   lastPassTime_ = state_.passTime;
 
+  if (plan_.size() != state_.table.size()) makePlan();
   // Rows may not be added or removed during a pass; index, not iterate.
   for (size_t i = 1; i < state_.table.size(); ++i) {
     CalcChannel& row = state_.table[i];
-    const std::string& type = row.type;
-    if (type == calc_type::kLoggerOnOff) {
-      loggerSwitch(row);
+    RowPlan& plan = plan_[i];
+    if (plan.kind == RowKind::kLoggerOnOff) {
+      loggerSwitch(row, plan);
       continue;
     }
-    if (type == calc_type::kCremAvg) {
-      cremAverage(row);
+    if (plan.kind == RowKind::kCremAvg) {
+      cremAverage(row, plan);
       continue;
     }
     if (!state_.setupLoaded) continue;
-    if (type == calc_type::kFormula) {
-      formula(row);
-    } else if (type == calc_type::kRefer) {
-      refer(row);
-    } else if (type == calc_type::kReferStp) {
-      referStp(row);
-    } else if (type == calc_type::kAverage) {
-      average(row);
-    } else if (type == calc_type::kCheck95 || type == calc_type::kCheck95B) {
-      check95(row);
-    } else if (type == calc_type::kDaily) {
-      daily(row);
-    } else if (type == calc_type::kHiAlarm) {
-      alarm(row, true);
-    } else if (type == calc_type::kLoAlarm) {
-      alarm(row, false);
-    } else if (type == calc_type::kScale) {
-      scale(row);
-    } else if (type == calc_type::kReport) {
-      report(row);
-    } else if (type == calc_type::kMinimum) {
-      minimum(row);
-    } else if (type == calc_type::kHiSwitch) {
-      switchRow(row, true);
-    } else if (type == calc_type::kLoSwitch) {
-      switchRow(row, false);
+    switch (plan.kind) {
+      case RowKind::kFormula:
+        formula(row, plan);
+        break;
+      case RowKind::kRefer:
+        refer(row, plan);
+        break;
+      case RowKind::kReferStp:
+        referStp(row, plan);
+        break;
+      case RowKind::kAverage:
+        average(row, plan);
+        break;
+      case RowKind::kCheck95:
+        check95(row, plan);
+        break;
+      case RowKind::kDaily:
+        daily(row, plan);
+        break;
+      case RowKind::kHiAlarm:
+        alarm(row, plan, true);
+        break;
+      case RowKind::kLoAlarm:
+        alarm(row, plan, false);
+        break;
+      case RowKind::kScale:
+        scale(row, plan);
+        break;
+      case RowKind::kReport:
+        report(row, plan);
+        break;
+      case RowKind::kMinimum:
+        minimum(row, plan);
+        break;
+      case RowKind::kHiSwitch:
+        switchRow(row, plan, true);
+        break;
+      case RowKind::kLoSwitch:
+        switchRow(row, plan, false);
+        break;
+      // MAXIMUM: no action, by design.
+      default:
+        break;
     }
-    // MAXIMUM: no action, by design.
   }
   if (state_.setupLoaded) state_.firstPassPending = false;
   state_.busy = false;
@@ -157,30 +191,30 @@ void CalcChannels::runPass() {
 
 bool CalcChannels::analysing() {
   std::string value;
-  if (!ports_.channels->read(state_.summaryPrefix + std::string(kAnalyseSuffix), value)) return false;
+  if (!ports_.channels->read(analyseName_, value, analyseRef_)) return false;
   return leadingNumber(value) > 0.5;
 }
 
-bool CalcChannels::readSource(const std::string& source, std::string_view guard, std::string& reading) {
-  if (!trim(guard).empty()) {
+bool CalcChannels::readSource(ChannelRef& ref, const std::string& source, bool guarded,
+                              std::string& reading) {
+  if (guarded) {
     if (analysing()) return false;
-    ports_.channels->read(source, reading);
+    ports_.channels->read(source, reading, ref);
     if (analysing()) return false;
   } else {
-    ports_.channels->read(source, reading);
+    ports_.channels->read(source, reading, ref);
   }
-  const std::string upper = upperCase(reading);
-  return !contains(upper, "ERROR") && !contains(upper, "UNAVAILABLE");
+  return !containsUpperCased(reading, "ERROR") && !containsUpperCased(reading, "UNAVAILABLE");
 }
 
-void CalcChannels::writeDirect(const std::string& name, std::string_view text) {
-  if (!ports_.channels->write(name, text)) {
+void CalcChannels::writeDirect(ChannelRef& ref, const std::string& name, std::string_view text) {
+  if (!ports_.channels->write(name, text, ref)) {
     ports_.showMessage(std::string(kTextChannelNamePrefix) + name + std::string(kTextChannelNameSuffix));
   }
 }
 
-void CalcChannels::publish(const std::string& name, std::string_view text) {
-  writeDirect(name, contains(text, "Error") ? kTextUnavailable : text);
+void CalcChannels::publish(ChannelRef& ref, const std::string& name, std::string_view text) {
+  writeDirect(ref, name, contains(text, "Error") ? kTextUnavailable : text);
 }
 
 void CalcChannels::sendToLoggers(std::string_view command) {
@@ -206,16 +240,18 @@ void CalcChannels::endCremSessions(Micros now) {
 
 // --- The types ----------------------------------------------------------------
 
-void CalcChannels::formula(CalcChannel& row) {
-  const std::string result = analyser_.EvaluateMacroLine(row.newName + "=" + row.source);
-  if (!result.empty()) writeDirect(row.newName, result);
+void CalcChannels::formula(CalcChannel& row, RowPlan& plan) {
+  // The macro line is put together in a buffer kept from pass to pass.
+  macroLine_.assign(row.newName).append(1, '=').append(row.source);
+  const std::string result = analyser_.EvaluateMacroLine(macroLine_);
+  if (!result.empty()) writeDirect(plan.resultRef, row.newName, result);
 }
 
-void CalcChannels::loggerSwitch(CalcChannel& row) {
+void CalcChannels::loggerSwitch(CalcChannel& row, RowPlan& plan) {
   std::string reading;
   // Guarded like every other row by PARAM2, although for this type it also
   // names folder B: during an analysis cycle the switch cannot be read.
-  if (!readSource(row.source, row.param2, reading)) {
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
     ports_.showMessage(std::string(kTextUnableToReadChannel) + row.source);
     return;
   }
@@ -239,41 +275,40 @@ void CalcChannels::loggerSwitch(CalcChannel& row) {
   }
 }
 
-void CalcChannels::refer(CalcChannel& row) {
+void CalcChannels::refer(CalcChannel& row, RowPlan& plan) {
   std::string reading;
   std::string oxygen;
-  const std::string oxygenName =
-      row.param2.empty() ? state_.summaryPrefix + std::string(kOxygenSuffix) : std::string(kOxygenChannel);
-  if (!readSource(row.source, row.param2, reading) || !readSource(oxygenName, row.param2, oxygen)) {
-    publish(row.newName, kTextUnavailable);
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading) ||
+      !readSource(plan.oxygenRef, plan.oxygenName, plan.guarded, oxygen)) {
+    publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   const double x = leadingNumber(reading);
-  const double o = leadingNumber(oxygen) + leadingNumber(row.param1);
+  const double o = leadingNumber(oxygen) + plan.param1;
   const double result = o > 11.0 ? x * (20.9 - 11.0) / (20.9 - o) : x;
-  publish(row.newName, formatNumber(result, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(result, "#.00"));
 }
 
-void CalcChannels::referStp(CalcChannel& row) {
+void CalcChannels::referStp(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) {
-    publish(row.newName, kTextUnavailable);
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
+    publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   const double x = leadingNumber(reading);
-  publish(row.newName, formatNumber(x * (leadingNumber(row.param1) + 273) / 273, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(x * (plan.param1 + 273) / 273, "#.00"));
 }
 
-void CalcChannels::average(CalcChannel& row) {
+void CalcChannels::average(CalcChannel& row, RowPlan& plan) {
   row.flags = 0;
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   row.total += leadingNumber(reading);
   ++row.passes;
   row.counter = clampedCount(row.passes);
   const Micros now = state_.passTime;
   if (now - row.dueTime >= 0) {
-    const Micros period = checkedMicros(leadingNumber(row.param1) * kMicrosPerHour).value_or(0);
+    const Micros period = plan.period;
     if (period > 0) {
       row.dueTime += ((now - row.dueTime) / period + 1) * period;
     } else {
@@ -286,86 +321,137 @@ void CalcChannels::average(CalcChannel& row) {
     row.counter = 0;
     row.passes = 0;
   }
-  publish(row.newName, row.armed ? std::string(kTextNotAvailable) : formatNumber(row.periodResult, "#.00"));
+  publish(plan.resultRef, row.newName,
+          row.armed ? std::string(kTextNotAvailable) : formatNumber(row.periodResult, "#.00"));
 }
 
-void CalcChannels::check95(CalcChannel& row) {
-  const CalcChannel* avg = nullptr;
-  for (size_t i = 1; i < state_.table.size(); ++i) {
-    const CalcChannel& r = state_.table[i];
-    if (r.type == calc_type::kAverage && r.newName == row.source) {
-      avg = &r;
-      break;
+void CalcChannels::makePlan() {
+  const CalcChannelTable& table = state_.table;
+  analyseName_ = state_.summaryPrefix + std::string(kAnalyseSuffix);
+  analyseRef_ = ChannelRef{};
+  plan_.assign(table.size(), RowPlan{});
+  for (size_t i = 1; i < table.size(); ++i) {
+    const CalcChannel& row = table[i];
+    RowPlan& plan = plan_[i];
+    const std::string& type = row.type;
+    if (type == calc_type::kLoggerOnOff) {
+      plan.kind = RowKind::kLoggerOnOff;
+    } else if (type == calc_type::kCremAvg) {
+      plan.kind = RowKind::kCremAvg;
+    } else if (type == calc_type::kFormula) {
+      plan.kind = RowKind::kFormula;
+    } else if (type == calc_type::kRefer) {
+      plan.kind = RowKind::kRefer;
+    } else if (type == calc_type::kReferStp) {
+      plan.kind = RowKind::kReferStp;
+    } else if (type == calc_type::kAverage) {
+      plan.kind = RowKind::kAverage;
+    } else if (type == calc_type::kCheck95 || type == calc_type::kCheck95B) {
+      plan.kind = RowKind::kCheck95;
+    } else if (type == calc_type::kDaily) {
+      plan.kind = RowKind::kDaily;
+    } else if (type == calc_type::kHiAlarm) {
+      plan.kind = RowKind::kHiAlarm;
+    } else if (type == calc_type::kLoAlarm) {
+      plan.kind = RowKind::kLoAlarm;
+    } else if (type == calc_type::kScale) {
+      plan.kind = RowKind::kScale;
+    } else if (type == calc_type::kReport) {
+      plan.kind = RowKind::kReport;
+    } else if (type == calc_type::kMinimum) {
+      plan.kind = RowKind::kMinimum;
+    } else if (type == calc_type::kHiSwitch) {
+      plan.kind = RowKind::kHiSwitch;
+    } else if (type == calc_type::kLoSwitch) {
+      plan.kind = RowKind::kLoSwitch;
+    }
+    plan.guarded = !trim(row.param2).empty();
+    plan.param1 = leadingNumber(row.param1);
+    plan.param2 = leadingNumber(row.param2);
+    plan.period = checkedMicros(plan.param1 * kMicrosPerHour).value_or(0);
+    plan.oxygenName = row.param2.empty() ? state_.summaryPrefix + std::string(kOxygenSuffix)
+                                         : std::string(kOxygenChannel);
+    plan.reportKnown = ParseReportCondition(row.param1, plan.reportOperator, plan.reportLimit);
+    if (plan.kind == RowKind::kCheck95) {
+      for (size_t j = 1; j < table.size(); ++j) {
+        if (table[j].type == calc_type::kAverage && table[j].newName == row.source) {
+          plan.averageRow = j;
+          break;
+        }
+      }
     }
   }
+}
+
+void CalcChannels::check95(CalcChannel& row, RowPlan& plan) {
+  const CalcChannel* avg = plan.averageRow == 0 ? nullptr : &state_.table[plan.averageRow];
   if (avg == nullptr || !avg->flags) return;
   row.total += 1;
   state_.dayList.push_back({static_cast<float>(avg->periodResult),
                             static_cast<int16_t>(std::min<double>(row.total, INT16_MAX)),
                             row.newName});
-  if (AboveLimit(avg->periodResult, leadingNumber(row.param1)) && row.counter < INT16_MAX)
-    ++row.counter;
-  publish(row.newName, formatNumber(row.counter, "#0"));
+  if (AboveLimit(avg->periodResult, plan.param1) && row.counter < INT16_MAX) ++row.counter;
+  publish(plan.resultRef, row.newName, formatNumber(row.counter, "#0"));
 }
 
-void CalcChannels::daily(CalcChannel& row) {
+void CalcChannels::daily(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   row.total += leadingNumber(reading);
   ++row.passes;
   row.counter = clampedCount(row.passes);
-  publish(row.newName, formatNumber(row.total / static_cast<double>(row.passes), "#.00"));
+  publish(plan.resultRef, row.newName,
+          formatNumber(row.total / static_cast<double>(row.passes), "#.00"));
 }
 
-void CalcChannels::alarm(CalcChannel& row, bool high) {
+void CalcChannels::alarm(CalcChannel& row, RowPlan& plan, bool high) {
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) {
-    publish(row.newName, kTextUnavailable);
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
+    publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   ++row.passes;
   if (contains(reading, kTextNotAvailable)) {
-    publish(row.newName, kTextNotAvailable);
+    publish(plan.resultRef, row.newName, kTextNotAvailable);
     return;
   }
   const double x = leadingNumber(reading);
-  const double limit = leadingNumber(row.param1);
+  const double limit = plan.param1;
   if (high ? x > limit : x < limit) {
     row.total += 1;
-    publish(row.newName, kTextAlarm);
+    publish(plan.resultRef, row.newName, kTextAlarm);
   } else {
-    publish(row.newName, kTextOk);
+    publish(plan.resultRef, row.newName, kTextOk);
   }
 }
 
-void CalcChannels::scale(CalcChannel& row) {
+void CalcChannels::scale(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, "", reading)) return;
-  const double result = leadingNumber(reading) * leadingNumber(row.param1) + leadingNumber(row.param2);
-  publish(row.newName, formatNumber(result, "#0.00"));
+  if (!readSource(plan.sourceRef, row.source, false, reading)) return;
+  const double result = leadingNumber(reading) * plan.param1 + plan.param2;
+  publish(plan.resultRef, row.newName, formatNumber(result, "#0.00"));
 }
 
-void CalcChannels::report(CalcChannel& row) {
-  std::string op;
-  double limit = 0;
-  if (!ParseReportCondition(row.param1, op, limit)) {
-    ports_.showMessage(std::string(kTextReportType) + "\r" + std::string(kTextUnrecognisedOperator) + op);
+void CalcChannels::report(CalcChannel& row, RowPlan& plan) {
+  if (!plan.reportKnown) {
+    ports_.showMessage(std::string(kTextReportType) + "\r" +
+                       std::string(kTextUnrecognisedOperator) + plan.reportOperator);
     return;
   }
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   const double x = leadingNumber(reading);
-  if (CompareByOperator(x, op, limit)) {
+  if (CompareByOperator(x, plan.reportOperator, plan.reportLimit)) {
     if (!row.flags) AppendAlarmReport(state_, row, x, state_.passTime, ports_);
     row.flags = -1;
-    publish(row.newName, kTextAlarm);
+    publish(plan.resultRef, row.newName, kTextAlarm);
   } else {
     row.flags = 0;
-    publish(row.newName, kTextOk);
+    publish(plan.resultRef, row.newName, kTextOk);
   }
 }
 
-void CalcChannels::cremAverage(CalcChannel& row) {
+void CalcChannels::cremAverage(CalcChannel& row, RowPlan& plan) {
   if (!state_.setupLoaded) {
     if (row.armed) {
       AppendCremReport(state_, row, state_.passTime, ports_);
@@ -380,18 +466,18 @@ void CalcChannels::cremAverage(CalcChannel& row) {
     row.passes = 0;
   }
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   ++row.passes;
   row.periodResult += (leadingNumber(reading) - row.periodResult) / row.passes;
-  publish(row.newName, formatNumber(row.periodResult, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(row.periodResult, "#.00"));
 }
 
-void CalcChannels::minimum(CalcChannel& row) {
+void CalcChannels::minimum(CalcChannel& row, RowPlan& plan) {
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   const bool first = state_.firstPassPending || row.passes == 0;
   if (contains(reading, kTextNotAvailable)) {
-    publish(row.newName, kTextNotAvailable);
+    publish(plan.resultRef, row.newName, kTextNotAvailable);
     if (first) {
       row.total = kNoMinimum;
       row.passes = 0;
@@ -401,16 +487,16 @@ void CalcChannels::minimum(CalcChannel& row) {
   const double x = leadingNumber(reading);
   if (first || x < row.total) row.total = x;
   ++row.passes;
-  publish(row.newName, formatNumber(x, "#.00"));
+  publish(plan.resultRef, row.newName, formatNumber(x, "#.00"));
 }
 
-void CalcChannels::switchRow(CalcChannel& row, bool high) {
+void CalcChannels::switchRow(CalcChannel& row, RowPlan& plan, bool high) {
   std::string reading;
-  if (!readSource(row.source, row.param2, reading)) return;
+  if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   if (contains(reading, kTextNotAvailable)) return;
   const double x = leadingNumber(reading);
-  const double limit = leadingNumber(row.param1);
-  publish(row.newName, (high ? x > limit : x < limit) ? "0" : "1");
+  const double limit = plan.param1;
+  publish(plan.resultRef, row.newName, (high ? x > limit : x < limit) ? "0" : "1");
 }
 
 }  // namespace tavrix

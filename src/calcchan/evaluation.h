@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "calcchan/calc_ports.h"
 #include "calcchan/calc_table.h"
@@ -64,26 +65,65 @@ class CalcChannels {
   void runPass();
 
  private:
+  // What a row's texts say, found once for the table as loaded (every load
+  // empties the plan; the first pass after it makes it again), so that a
+  // pass neither compares type names nor converts the same parameters again.
+  enum class RowKind : uint8_t {
+    kNone,  // MAXIMUM: no action
+    kFormula,
+    kLoggerOnOff,
+    kRefer,
+    kReferStp,
+    kAverage,
+    kCheck95,  // CHECK 95 and CHECK 95B
+    kDaily,
+    kHiAlarm,
+    kLoAlarm,
+    kScale,
+    kReport,
+    kCremAvg,
+    kMinimum,
+    kHiSwitch,
+    kLoSwitch,
+  };
+  struct RowPlan {
+    RowKind kind = RowKind::kNone;
+    bool guarded = false;      // PARAM2 is not blank
+    double param1 = 0;         // PARAM1's leading number
+    double param2 = 0;         // PARAM2's leading number
+    Micros period = 0;         // AVERAGE: PARAM1 hours
+    size_t averageRow = 0;     // CHECK 95/95B: the first AVERAGE row named SOURCE (0: none)
+    std::string oxygenName;    // REFER: the oxygen channel
+    bool reportKnown = false;  // REPORT: PARAM1's condition
+    std::string reportOperator;
+    double reportLimit = 0;
+    // The channels read and written, looked up once (see ChannelRef).
+    ChannelRef sourceRef;
+    ChannelRef oxygenRef;
+    ChannelRef resultRef;
+  };
+  void makePlan();
+
   bool analysing();
-  bool readSource(const std::string& source, std::string_view guard, std::string& reading);
-  void publish(const std::string& name, std::string_view text);
-  void writeDirect(const std::string& name, std::string_view text);
+  bool readSource(ChannelRef& ref, const std::string& source, bool guarded, std::string& reading);
+  void publish(ChannelRef& ref, const std::string& name, std::string_view text);
+  void writeDirect(ChannelRef& ref, const std::string& name, std::string_view text);
   void sendToLoggers(std::string_view command);
   void endCremSessions(Micros now);
 
-  void formula(CalcChannel& row);
-  void loggerSwitch(CalcChannel& row);
-  void refer(CalcChannel& row);
-  void referStp(CalcChannel& row);
-  void average(CalcChannel& row);
-  void check95(CalcChannel& row);
-  void daily(CalcChannel& row);
-  void alarm(CalcChannel& row, bool high);
-  void scale(CalcChannel& row);
-  void report(CalcChannel& row);
-  void cremAverage(CalcChannel& row);
-  void minimum(CalcChannel& row);
-  void switchRow(CalcChannel& row, bool high);
+  void formula(CalcChannel& row, RowPlan& plan);
+  void loggerSwitch(CalcChannel& row, RowPlan& plan);
+  void refer(CalcChannel& row, RowPlan& plan);
+  void referStp(CalcChannel& row, RowPlan& plan);
+  void average(CalcChannel& row, RowPlan& plan);
+  void check95(CalcChannel& row, RowPlan& plan);
+  void daily(CalcChannel& row, RowPlan& plan);
+  void alarm(CalcChannel& row, RowPlan& plan, bool high);
+  void scale(CalcChannel& row, RowPlan& plan);
+  void report(CalcChannel& row, RowPlan& plan);
+  void cremAverage(CalcChannel& row, RowPlan& plan);
+  void minimum(CalcChannel& row, RowPlan& plan);
+  void switchRow(CalcChannel& row, RowPlan& plan, bool high);
 
   EventLoop& events_;
   CalcPorts ports_;
@@ -91,6 +131,10 @@ class CalcChannels {
   Analyser analyser_;
   Timer timer_;
   Micros lastPassTime_ = 0;
+  std::string macroLine_;
+  std::vector<RowPlan> plan_;
+  std::string analyseName_;  // <prefix>_ANALYSE
+  ChannelRef analyseRef_;
 };
 
 // A REPORT condition: "op limit", op one of = <= >= <> > <. Returns false for

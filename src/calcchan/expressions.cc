@@ -14,7 +14,16 @@ namespace {
 // Deeper nesting than this is refused rather than risking the stack.
 constexpr int kMaxDepth = 400;
 
-bool sameName(std::string_view a, std::string_view b) { return upperCase(a) == upperCase(b); }
+// Names compare with the ASCII letters upper-cased, as upperCase does.
+char upperAscii(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
+bool sameName(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (upperAscii(a[i]) != upperAscii(b[i])) return false;
+  }
+  return true;
+}
 
 bool isOperator(char c) { return c == '*' || c == '/' || c == '+' || c == '-'; }
 

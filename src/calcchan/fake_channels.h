@@ -22,6 +22,8 @@ class FakeChannels final : public CalcChannelPort {
   const Clock* clock = nullptr;
   std::vector<Micros> writeTimes;
 
+  using CalcChannelPort::read;
+  using CalcChannelPort::write;
   bool read(std::string_view name, std::string& value) override {
     ++reads;
     const auto it = values.find(name);

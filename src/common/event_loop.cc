@@ -11,6 +11,7 @@ void EventLoop::post(Task task) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     tasks_.push_back(std::move(task));
+    tasksWaiting_.store(true, std::memory_order_release);
   }
   cv_.notify_all();
 }
@@ -18,15 +19,48 @@ void EventLoop::post(Task task) {
 bool EventLoop::takeTasks(std::deque<Task>& out) {
   std::lock_guard<std::mutex> lock(mutex_);
   out.swap(tasks_);
+  tasksWaiting_.store(false, std::memory_order_relaxed);
   return !out.empty();
 }
 
 void EventLoop::processPendingEvents() {
-  std::deque<Task> batch;
-  if (takeTasks(batch)) {
-    for (auto& task : batch) task();
+  if (tasksWaiting_.load(std::memory_order_acquire)) {
+    std::deque<Task> batch;
+    if (takeTasks(batch)) {
+      for (auto& task : batch) task();
+    }
   }
-  fireDueTimers();
+  if (clock_.now() >= dueBound_) fireDueTimers();
+}
+
+namespace {
+
+// A timer's due instant as far as the next due instant goes: kNever while it
+// is disabled or ticking.
+Micros counted(bool enabled, bool ticking, Micros due) {
+  return enabled && !ticking ? due : Clock::kNever;
+}
+
+}  // namespace
+
+void EventLoop::dueChanging(Micros before, Micros after) {
+  if (after < dueBound_) {
+    // Earlier than every other timer: exactly the next due instant.
+    dueBound_ = after;
+    dueBoundExact_ = true;
+    return;
+  }
+  // The timer that made the bound may be the one that moves away.
+  if (before != Clock::kNever && before <= dueBound_) dueBoundExact_ = false;
+}
+
+void EventLoop::refreshDueBound() const {
+  Micros next = Clock::kNever;
+  for (const auto& [id, timer] : timers_) {
+    if (timer->enabled && !timer->ticking) next = std::min(next, timer->due);
+  }
+  dueBound_ = next;
+  dueBoundExact_ = true;
 }
 
 void EventLoop::fireDueTimers() {
@@ -35,6 +69,10 @@ void EventLoop::fireDueTimers() {
   std::vector<std::shared_ptr<TimerState>> due;
   for (auto& [id, timer] : timers_) {
     if (timer->enabled && !timer->ticking && timer->due <= now) due.push_back(timer);
+  }
+  if (due.empty()) {
+    refreshDueBound();
+    return;
   }
   // Timers due at the same instant tick in the order they were made, so
   // runs repeat exactly.
@@ -46,19 +84,20 @@ void EventLoop::fireDueTimers() {
     const Micros interval = std::max<Micros>(timer->interval, 1);
     Micros next = timer->due + interval;
     if (next <= now) next += ((now - next) / interval + 1) * interval;
+    // While it ticks the timer does not count for the next due instant.
+    dueChanging(timer->due, Clock::kNever);
     timer->due = next;
     timer->ticking = true;
     timer->tick();
     timer->ticking = false;
+    dueChanging(Clock::kNever, counted(timer->enabled, false, timer->due));
   }
+  refreshDueBound();
 }
 
 Micros EventLoop::nextDue() const {
-  Micros next = Clock::kNever;
-  for (const auto& [id, timer] : timers_) {
-    if (timer->enabled && !timer->ticking) next = std::min(next, timer->due);
-  }
-  return next;
+  if (!dueBoundExact_) refreshDueBound();
+  return dueBound_;
 }
 
 bool EventLoop::waitUntil(const std::function<bool()>& done,
@@ -107,24 +146,36 @@ EventLoop::TimerId EventLoop::addTimer(Task tick) {
 void EventLoop::removeTimer(TimerId id) {
   auto it = timers_.find(id);
   if (it == timers_.end()) return;
+  TimerState& timer = *it->second;
+  dueChanging(counted(timer.enabled, timer.ticking, timer.due), Clock::kNever);
   // A tick in progress may still hold the state among the due timers; it
   // must not tick once its owner is gone.
-  it->second->enabled = false;
+  timer.enabled = false;
   timers_.erase(it);
 }
 
-void EventLoop::setTimerInterval(TimerId id, Micros interval) {
+template <class Change>
+void EventLoop::changeTimer(TimerId id, Change change) {
   auto it = timers_.find(id);
   if (it == timers_.end()) return;
-  it->second->interval = interval;
-  if (it->second->enabled) it->second->due = clock_.now() + interval;
+  TimerState& timer = *it->second;
+  const Micros before = counted(timer.enabled, timer.ticking, timer.due);
+  change(timer);
+  dueChanging(before, counted(timer.enabled, timer.ticking, timer.due));
+}
+
+void EventLoop::setTimerInterval(TimerId id, Micros interval) {
+  changeTimer(id, [&](TimerState& timer) {
+    timer.interval = interval;
+    if (timer.enabled) timer.due = clock_.now() + interval;
+  });
 }
 
 void EventLoop::setTimerEnabled(TimerId id, bool enabled) {
-  auto it = timers_.find(id);
-  if (it == timers_.end()) return;
-  if (enabled && !it->second->enabled) it->second->due = clock_.now() + it->second->interval;
-  it->second->enabled = enabled;
+  changeTimer(id, [&](TimerState& timer) {
+    if (enabled && !timer.enabled) timer.due = clock_.now() + timer.interval;
+    timer.enabled = enabled;
+  });
 }
 
 bool EventLoop::timerEnabled(TimerId id) const {
@@ -133,10 +184,10 @@ bool EventLoop::timerEnabled(TimerId id) const {
 }
 
 void EventLoop::setTimerDue(TimerId id, Micros due) {
-  auto it = timers_.find(id);
-  if (it == timers_.end()) return;
-  it->second->enabled = true;
-  it->second->due = due;
+  changeTimer(id, [&](TimerState& timer) {
+    timer.enabled = true;
+    timer.due = due;
+  });
 }
 
 Timer::Timer(EventLoop& loop, Micros interval, EventLoop::Task tick)

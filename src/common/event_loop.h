@@ -5,6 +5,7 @@
 // with a virtual clock an idle wait jumps straight to the next due timer.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -83,14 +84,31 @@ class EventLoop {
 
   bool takeTasks(std::deque<Task>& out);
   void fireDueTimers();
+  // A timer's due instant or its enabled or ticking state is about to change
+  // from `before` (kNever: it did not count) to `after`.
+  void dueChanging(Micros before, Micros after);
+  // Applies `change` to a timer's state and keeps the bound below right.
+  template <class Change>
+  void changeTimer(TimerId id, Change change);
+  // Makes dueBound_ the exact next due instant.
+  void refreshDueBound() const;
 
   Clock& clock_;
   mutable std::mutex mutex_;
   std::condition_variable cv_;
   std::deque<Task> tasks_;
+  // Whether tasks_ may hold something: read without the lock, so that a turn
+  // with nothing posted takes no lock.
+  std::atomic<bool> tasksWaiting_{false};
   int outsideWaits_ = 0;
   std::map<TimerId, std::shared_ptr<TimerState>> timers_;
   TimerId nextTimerId_ = 1;
+  // No enabled timer that is not ticking falls due before dueBound_; when
+  // dueBoundExact_ one falls due exactly then (kNever: none). A turn with
+  // nothing due compares the clock with it instead of looking at every timer,
+  // and a virtual wait finds the instant to jump to the same way.
+  mutable Micros dueBound_ = Clock::kNever;
+  mutable bool dueBoundExact_ = true;
 };
 
 // A timer owned by a component, in the manner of a window's timer control:

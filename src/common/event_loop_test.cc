@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace tavrix {
@@ -220,6 +222,107 @@ TEST(EventLoop, ATimerRemovedByAnotherTickDoesNotTick) {
   clock.advanceBy(kSecond);
   loop.processPendingEvents();
   EXPECT_EQ(ticks, 1);
+}
+
+// A turn with nothing due only compares the clock with the next due instant,
+// which every change of a timer must keep right: a random run of changes and
+// turns against a plain model of the timers.
+TEST(EventLoop, TheNextDueInstantFollowsEveryChangeOfTheTimers) {
+  VirtualClock clock(kStart);
+  EventLoop loop(clock);
+  struct Model {
+    bool enabled = false;
+    Micros interval = kSecond;
+    Micros due = 0;
+    int made = 0;  // timers due together tick in the order they were made
+  };
+  constexpr int kTimers = 6;
+  int madeSoFar = 0;
+  std::vector<Model> model(kTimers);
+  std::vector<std::unique_ptr<Timer>> timers(kTimers);
+  std::vector<int> ticked;
+  auto make = [&](int i) {
+    timers[i] =
+        std::make_unique<Timer>(loop, model[i].interval, [&ticked, i] { ticked.push_back(i); });
+    model[i].enabled = false;
+    model[i].made = ++madeSoFar;
+  };
+  for (int i = 0; i < kTimers; ++i) make(i);
+  uint64_t state = 99;
+  auto next = [&state](uint64_t n) {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return (state >> 33) % n;
+  };
+  for (int step = 0; step < 20000; ++step) {
+    const int i = static_cast<int>(next(kTimers));
+    Model& m = model[i];
+    const Micros now = clock.now();
+    switch (next(7)) {
+      case 0:
+        timers[i]->setEnabled(true);
+        if (!m.enabled) m.due = now + m.interval;
+        m.enabled = true;
+        break;
+      case 1:
+        timers[i]->setEnabled(false);
+        m.enabled = false;
+        break;
+      case 2:
+        m.interval = static_cast<Micros>(1 + next(3 * kSecond));
+        timers[i]->setInterval(m.interval);
+        if (m.enabled) m.due = now + m.interval;
+        break;
+      case 3:
+        m.due = now + static_cast<Micros>(next(2 * kSecond)) - kSecond / 2;
+        m.enabled = true;
+        timers[i]->setDue(m.due);
+        break;
+      case 4:
+        timers[i].reset();
+        m = Model{};
+        make(i);
+        break;
+      default: {
+        clock.advanceBy(static_cast<Micros>(next(kSecond)));
+        const Micros at = clock.now();
+        std::vector<std::tuple<Micros, int, int>> due;
+        for (int t = 0; t < kTimers; ++t) {
+          if (model[t].enabled && model[t].due <= at)
+            due.push_back({model[t].due, model[t].made, t});
+        }
+        std::sort(due.begin(), due.end());
+        std::vector<int> expected;
+        for (const auto& [when, made, t] : due) {
+          expected.push_back(t);
+          Micros n = model[t].due + model[t].interval;
+          if (n <= at) n += ((at - n) / model[t].interval + 1) * model[t].interval;
+          model[t].due = n;
+        }
+        ticked.clear();
+        loop.processPendingEvents();
+        ASSERT_EQ(ticked, expected) << "step " << step;
+      }
+    }
+    Micros soonest = Clock::kNever;
+    for (const Model& t : model) {
+      if (t.enabled) soonest = std::min(soonest, t.due);
+    }
+    ASSERT_EQ(loop.nextDue(), soonest) << "step " << step;
+  }
+
+  // A tick that brings another timer forward: a turn inside the tick runs it.
+  int laterTicks = 0;
+  Timer brought(loop, 10 * kSecond, [&] { ++laterTicks; });
+  brought.setEnabled(true);
+  Timer bringer(loop, kSecond, [&] {
+    brought.setDue(clock.now());
+    loop.processPendingEvents();
+  });
+  for (auto& t : timers) t.reset();
+  bringer.setEnabled(true);
+  clock.advanceBy(kSecond);
+  loop.processPendingEvents();
+  EXPECT_EQ(laterTicks, 1);
 }
 
 }  // namespace

@@ -62,9 +62,53 @@ std::string runtimeNumberText(double value, int significantDigits) {
   return (negative ? "-" : " ") + s;
 }
 
+// The usual number: blanks, a sign, at most 15 digits with at most one
+// point, then a character that cannot continue it (no blank, no exponent).
+// At most 15 digits are an exact double, and so is a power of ten up to
+// 10^22: one division rounds correctly, as the library's conversion does.
+// False for anything else, which the full reading takes.
+constexpr int kExactDigits = 15;
+constexpr double kPowersOfTen[kExactDigits + 1] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                   1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
+bool plainDecimal(std::string_view text, double& value) {
+  size_t i = 0;
+  while (i < text.size() && isNumberBlank(text[i])) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+    negative = text[i] == '-';
+    ++i;
+  }
+  uint64_t mantissa = 0;
+  int digitCount = 0;
+  int fractionDigits = 0;
+  bool point = false;
+  for (; i < text.size(); ++i) {
+    const char c = text[i];
+    if (isDigit(c)) {
+      if (++digitCount > kExactDigits) return false;
+      mantissa = mantissa * 10 + static_cast<uint64_t>(c - '0');
+      fractionDigits += point ? 1 : 0;
+    } else if (c == '.' && !point) {
+      point = true;
+    } else {
+      break;
+    }
+  }
+  if (digitCount == 0) return false;
+  if (i < text.size()) {
+    const char c = text[i];
+    if (isNumberBlank(c) || c == 'e' || c == 'E' || c == 'd' || c == 'D') return false;
+  }
+  value = static_cast<double>(mantissa) / kPowersOfTen[fractionDigits];
+  if (negative) value = -value;
+  return true;
+}
+
 }  // namespace
 
 double leadingNumber(std::string_view text) {
+  if (double value = 0; plainDecimal(text, value)) return value;
   size_t i = 0;
   while (i < text.size() && isNumberBlank(text[i])) ++i;
   if (i + 1 < text.size() && text[i] == '&') {

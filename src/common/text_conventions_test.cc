@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <string>
 
 namespace tavrix {
 namespace {
@@ -51,6 +54,37 @@ TEST(LeadingNumber, ReadsExponentsWithEOrD) {
   EXPECT_EQ(leadingNumber("1e-400"), 0);
   EXPECT_TRUE(std::isinf(leadingNumber("1e400")));
   EXPECT_LT(leadingNumber("-1e400"), 0);
+}
+
+// Plain decimals of up to 15 digits are converted without the library; the
+// value must be the correctly rounded one all the same, to the last bit.
+TEST(LeadingNumber, PlainDecimalsGiveTheCorrectlyRoundedValue) {
+  uint64_t state = 12345;
+  auto next = [&state] {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return state >> 33;
+  };
+  for (int n = 0; n < 200000; ++n) {
+    const int digits = 1 + static_cast<int>(next() % 17);
+    const int pointAt = static_cast<int>(next() % (digits + 1));
+    std::string text = next() % 2 ? "-" : "";
+    for (int d = 0; d < digits; ++d) {
+      if (d == pointAt) text += '.';
+      text += static_cast<char>('0' + next() % 10);
+    }
+    // What follows the number: nothing, text, a separator, blanks before
+    // text, or an exponent (which the library reads).
+    static const char* const kAfter[] = {"", "abc", ",5", " V", "e2", "D-3", "  "};
+    text += kAfter[next() % 7];
+    std::string forLibrary = text;
+    if (const size_t d = forLibrary.find('D'); d != std::string::npos) forLibrary[d] = 'e';
+    const double expected = std::strtod(forLibrary.c_str(), nullptr);
+    const double got = leadingNumber(text);
+    ASSERT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << text << " " << got << " " << expected;
+  }
+  EXPECT_EQ(leadingNumber("0.30000000000000004"), 0.30000000000000004);
+  EXPECT_EQ(leadingNumber("9007199254740993"), 9007199254740992.0);  // 16 digits: the library's
+  EXPECT_TRUE(std::signbit(leadingNumber("-0.0")));
 }
 
 TEST(LeadingNumber, ReadsHexadecimalAndOctal) {

@@ -1,5 +1,6 @@
 #include "instrument/link/channels.h"
 
+#include <atomic>
 #include <cstdio>
 
 #include "common/text_conventions.h"
@@ -15,12 +16,40 @@ std::string fixed13(std::string_view text) {
 
 const ChannelRecord* Channels::lookup(std::string_view name) const {
   if (!indexed_) {
-    index_.clear();
-    for (size_t i = 0; i < records_.size(); ++i) index_.try_emplace(records_[i].name, i);
+    index_.clear(records_.size());
+    for (size_t i = 0; i < records_.size(); ++i) index_.add(records_[i].name, i);
     indexed_ = true;
   }
-  const auto found = index_.find(name);
-  return found == index_.end() ? nullptr : &records_[found->second];
+  // The first record of that name, as a scan from the start would find.
+  const ChannelRecord* found = nullptr;
+  index_.find(name, [&](size_t i, unsigned) {
+    if (records_[i].name != name) return false;
+    found = &records_[i];
+    return true;
+  });
+  return found;
+}
+
+void Channels::changed() {
+  static std::atomic<uint64_t> generations{0};
+  indexed_ = false;
+  generation_ = ++generations;
+}
+
+const ChannelRecord* Channels::lookup(std::string_view name, ChannelRef* ref) const {
+  if (ref == nullptr) return lookup(name);
+  if (ref->generation != generation_ || generation_ == 0) {
+    ref->record = lookup(name);
+    ref->generation = generation_;
+  }
+  return static_cast<const ChannelRecord*>(ref->record);
+}
+
+bool Channels::findEnabled(std::string_view name, ChannelRef* ref, int16_t& device) const {
+  const ChannelRecord* record = lookup(name, ref);
+  if (record == nullptr) return false;
+  device = record->device;
+  return record->enabled;
 }
 
 void Channels::recordNameError(std::string_view name) {
@@ -42,13 +71,13 @@ bool Channels::FindEnabledChannel(std::string_view name, int16_t& device) const 
   return record->enabled;
 }
 
-bool Channels::ReadChannel(std::string_view name, std::string& value) {
+bool Channels::ReadChannel(std::string_view name, std::string& value, ChannelRef* ref) {
   if (link_.noHardware()) {
     value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
     return true;
   }
   int16_t device = 0;
-  if (!FindEnabledChannel(name, device)) {
+  if (!findEnabled(name, ref, device)) {
     recordNameError(name);
     return false;
   }
@@ -65,9 +94,9 @@ bool Channels::ReadChannel(std::string_view name, std::string& value) {
   return true;
 }
 
-bool Channels::WriteChannel(std::string_view name, std::string_view value) {
+bool Channels::WriteChannel(std::string_view name, std::string_view value, ChannelRef* ref) {
   int16_t device = 0;
-  if (!FindEnabledChannel(name, device)) {
+  if (!findEnabled(name, ref, device)) {
     recordNameError(name);
     return false;
   }

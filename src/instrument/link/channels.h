@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "common/name_index.h"
 #include "instrument/link/iml_link.h"
 
 namespace tavrix {
@@ -40,6 +41,13 @@ struct ChannelRecord {
   bool enabled = false;
 };
 
+// A channel looked up once for the reads and writes of it that follow: it
+// is looked up again only after the channel table changed.
+struct ChannelRef {
+  uint64_t generation = 0;       // the table it was looked up in; 0: not yet
+  const void* record = nullptr;  // the record found (nullptr: none)
+};
+
 class Channels {
  public:
   explicit Channels(ImlLink& link) : link_(link) {}
@@ -58,8 +66,10 @@ class Channels {
   // --- Operations ----------------------------------------------------------
   bool FindChannel(std::string_view name, int16_t& device) const;
   bool FindEnabledChannel(std::string_view name, int16_t& device) const;
-  bool ReadChannel(std::string_view name, std::string& value);
-  bool WriteChannel(std::string_view name, std::string_view value);
+  // With `ref`, the name is looked up only when the table changed since
+  // `ref` was last filled for it.
+  bool ReadChannel(std::string_view name, std::string& value, ChannelRef* ref = nullptr);
+  bool WriteChannel(std::string_view name, std::string_view value, ChannelRef* ref = nullptr);
   bool DefineChannel(std::string_view name, std::string_view settings);
   bool EscapeChannel(std::string_view name, std::string_view settings);
   bool RezeroChannel(std::string_view name);
@@ -74,16 +84,21 @@ class Channels {
 
  private:
   const ChannelRecord* lookup(std::string_view name) const;
-  // Any change of the records or their names drops the name index.
-  void changed() { indexed_ = false; }
+  const ChannelRecord* lookup(std::string_view name, ChannelRef* ref) const;
+  bool findEnabled(std::string_view name, ChannelRef* ref, int16_t& device) const;
+  // Any change of the records or their names drops the name index and the
+  // references looked up before it. Generations are unique to the process,
+  // so a reference filled by another table never matches this one.
+  void changed();
   void recordNameError(std::string_view name);
 
   ImlLink& link_;
   std::vector<ChannelRecord> records_;
-  // Name -> index of the first record of that name, built on the first
-  // lookup after a change: a lookup finds what a scan from index 0 finds.
-  mutable std::unordered_map<std::string, size_t, StringHash, std::equal_to<>> index_;
+  // The records by name, built on the first lookup after a change: a lookup
+  // finds what a scan from index 0 finds.
+  mutable NameIndex index_;
   mutable bool indexed_ = false;
+  uint64_t generation_ = 0;
   std::vector<std::string> definitions_;
   std::array<bool, 100> present_{};
   int16_t highestDevice_ = -1;

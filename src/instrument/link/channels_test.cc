@@ -146,6 +146,48 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
   EXPECT_TRUE(recorder.sent.empty());
 }
 
+// A reference keeps a lookup from one read or write to the next, and looks
+// again whenever the channel table changed: it always finds what a lookup of
+// the name would find.
+TEST_F(ChannelsFixture, AReferenceFollowsEveryChangeOfTheChannelTable) {
+  ChannelRef heater;
+  ChannelRef monitor;
+  std::string value;
+  EXPECT_TRUE(channels.WriteChannel("HEATER", "5", &heater));
+  EXPECT_TRUE(channels.ReadChannel("HEATER", value, &heater));
+  EXPECT_EQ(value, "5");
+  EXPECT_FALSE(channels.ReadChannel("MON1", value, &monitor));  // not yet
+
+  // A new table holds it; one without it: gone again.
+  channels.ReadSummary("  10001 E=1 M=A N=HEATER\r\n  10002 E=1 M=A N=MON1\r\n");
+  recorder.sent.clear();
+  channels.ReadChannel("MON1", value, &monitor);
+  ASSERT_FALSE(recorder.sent.empty());
+  EXPECT_EQ(recorder.sent.front(), "1: REA MON1");
+  EXPECT_TRUE(channels.WriteChannel("HEATER", "6", &heater));
+  channels.ReadSummary("  10001 E=1 M=A N=HEATER\r\n");
+  recorder.sent.clear();
+  EXPECT_FALSE(channels.ReadChannel("MON1", value, &monitor));
+  EXPECT_TRUE(recorder.sent.empty());
+
+  // A new table puts HEATER on device 3 and disables it on device 1.
+  channels.ReadSummary("  10001 E=0 M=A N=OLDHEATER\r\n  30001 E=1 M=A N=HEATER\r\n");
+  recorder.sent.clear();
+  EXPECT_FALSE(channels.WriteChannel("HEATER", "7", &heater));  // device 3 takes nothing
+  ASSERT_FALSE(recorder.sent.empty());
+  EXPECT_EQ(recorder.sent.front(), "3: WRI HEATER 7");
+
+  // A reference filled by another table is not taken for this one's.
+  Channels other(link);
+  other.ReadSummary("  10001 E=1 M=A N=HEATER\r\n");
+  recorder.sent.clear();
+  EXPECT_TRUE(other.WriteChannel("HEATER", "8", &heater));
+  EXPECT_EQ(recorder.sent.front(), "1: WRI HEATER 8");
+  recorder.sent.clear();
+  EXPECT_FALSE(channels.WriteChannel("HEATER", "9", &heater));
+  EXPECT_EQ(recorder.sent.front(), "3: WRI HEATER 9");
+}
+
 TEST_F(ChannelsFixture, RezeroMakesTheChannelReadZero) {
   ASSERT_TRUE(channels.DefineChannel("TEMP1", "O=1"));
   recorder.sent.clear();

@@ -1,6 +1,8 @@
 #include "instrument/link/iml_link.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "common/text_conventions.h"
 
@@ -76,22 +78,30 @@ bool ImlLink::CloseLink() {
 }
 
 bool ImlLink::IMLSendCommand(int16_t device, std::string_view command, bool waitFlag) {
-  commandBuffer_.assign(command.substr(0, kCommandBufferLength));
-  if (commandBuffer_.size() < kCommandBufferLength) commandBuffer_.push_back('\0');
-  commandBuffer_.resize(kCommandBufferLength, ' ');
-  // A nested exchange may reuse the buffer while this one waits.
-  const std::string buffer = commandBuffer_;
+  // The command, a NUL when it fits, then blanks. On the stack: a nested
+  // exchange may send its own command while this one waits.
+  char bufferBytes[kCommandBufferLength];
+  const size_t length = std::min(command.size(), kCommandBufferLength);
+  std::memcpy(bufferBytes, command.data(), length);
+  if (length < kCommandBufferLength) {
+    bufferBytes[length] = '\0';
+    std::memset(bufferBytes + length + 1, ' ', kCommandBufferLength - length - 1);
+  }
+  const std::string_view buffer(bufferBytes, kCommandBufferLength);
 
   linkTimedOut_ = false;
   int32_t result = link_result::kNotReady;
   const Micros start = events_.now();
   const bool timed = options_.useReplyTimeout;
+  // Before the first try no time has passed since `start`.
+  bool tried = false;
   while (result == link_result::kNotReady) {
-    if (timed && ElapsedSeconds(start) > options_.replyTimeoutSecs) {
+    if (timed && (tried ? ElapsedSeconds(start) : 0.0f) > options_.replyTimeoutSecs) {
       linkTimedOut_ = true;
       break;
     }
     letEventsRun();
+    tried = true;
     result = library_.sendCommand(imlHandle_, device, buffer, waitFlag);
     if (result != link_result::kNotReady) break;
     if (abandoned()) {
@@ -123,12 +133,19 @@ bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
   linkTimedOut_ = false;
   int32_t result = link_result::kNotReady;
   const Micros start = events_.now();
-  std::string buffer;
+  // The link's reply buffer is kept from one exchange to the next. An
+  // exchange that runs while this one waits (a timer's, or one during a
+  // library call that lets events run) takes a buffer of its own.
+  ReplyBuffer nestedBuffer;
+  const bool outermost = !replyBufferInUse_;
+  ReplyBuffer& buffer = outermost ? replyBuffer_ : nestedBuffer;
+  replyBufferInUse_ = true;
   bool givenUp = false;
   while ((result == link_result::kNotReady || result == link_result::kPending) && !givenUp) {
     letEventsRun();
-    buffer.assign(kReplyBufferLength, ' ');
-    result = library_.getReply(imlHandle_, device, buffer, true);
+    buffer.blank();
+    result = library_.getReply(imlHandle_, device, buffer.bytes, true);
+    buffer.dirty = kReplyBufferLength;
     ++polls;
     ++polls_;
     if (result == link_result::kNotReady) {
@@ -142,11 +159,13 @@ bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
         waitPoll();
       }
     } else if (result == link_result::kOk) {
-      reply.append(trimRight(buffer));
+      reply.append(buffer.text(library_.writesOnlyTheReply()));
     } else if (result == link_result::kPending) {
       waitPoll();
     }
   }
+
+  if (outermost) replyBufferInUse_ = false;
 
   if (trace_ != nullptr && trace_->enabled() && device >= 0 && device < 100 &&
       pendingTrace_[device]) {
@@ -164,6 +183,34 @@ bool ImlLink::IMLGetReply(int16_t device, std::string& reply) {
   if (!options_.ignoreLinkErrors)
     recordError(kErrReceive, std::string(kTextReceive) + numberText(result));
   return false;
+}
+
+void ReplyBuffer::blank() {
+  if (bytes.size() != kReplyBufferLength) {
+    bytes.assign(kReplyBufferLength, ' ');
+  } else {
+    std::memset(bytes.data(), ' ', dirty);
+  }
+  dirty = 0;
+}
+
+std::string_view ReplyBuffer::text(bool onlyTheReply) {
+  // The buffer was all blanks. The usual reply is a text and a NUL at its
+  // start with the blanks after it untouched: the text up to the last
+  // non-blank is then the text and its NUL, and only those need blanking
+  // again. Anything else is trimmed the slow way and blanked whole.
+  const std::string_view buffer = bytes;
+  dirty = kReplyBufferLength;
+  if (buffer.size() != kReplyBufferLength) return trimRight(buffer);
+  const void* nul = std::memchr(buffer.data(), '\0', buffer.size());
+  if (nul == nullptr) return trimRight(buffer);
+  const size_t end = static_cast<size_t>(static_cast<const char*>(nul) - buffer.data()) + 1;
+  static const std::string kBlanks(kReplyBufferLength, ' ');
+  if (!onlyTheReply && std::memcmp(buffer.data() + end, kBlanks.data(), buffer.size() - end) != 0) {
+    return trimRight(buffer);
+  }
+  dirty = end;
+  return buffer.substr(0, end);
 }
 
 bool ImlLink::IMLSendReceive(int16_t device, std::string_view command, std::string& reply) {

@@ -65,6 +65,18 @@ struct LinkOptions {
   Micros pollInterval = kDefaultPollInterval;
 };
 
+// A reply buffer that is made all blanks before each poll by blanking only
+// what the last reply may have written.
+struct ReplyBuffer {
+  std::string bytes;
+  size_t dirty = 0;  // the first `dirty` bytes may not be blanks
+  // Makes `bytes` kReplyBufferLength blanks.
+  void blank();
+  // The reply the library wrote into the blanks, trailing blanks removed.
+  // `onlyTheReply`: the library wrote nothing after the reply's NUL.
+  std::string_view text(bool onlyTheReply);
+};
+
 class ImlLink {
  public:
   ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace, LinkOptions options = {});
@@ -150,7 +162,8 @@ class ImlLink {
   int16_t lastErrorNumber_ = 0;
   std::string lastErrorText_;
   std::string setupName_;
-  std::string commandBuffer_;
+  ReplyBuffer replyBuffer_;
+  bool replyBufferInUse_ = false;
   int64_t polls_ = 0;
   // The command sent with the wait flag to each device whose reply has not
   // been fetched yet (only while the trace is on).

@@ -50,11 +50,17 @@ class FakeLibrary : public LinkLibrary {
   }
   int32_t getReply(int16_t, int16_t device, std::string& buffer, bool) override {
     ++replyPolls;
+    if (writeRaw) return writeRaw(device, buffer);
     std::string text;
     const int32_t result = onReply(device, text);
     if (result == 0) WriteBuffer(buffer, text);
     return result;
   }
+  bool writesOnlyTheReply() const override { return onlyTheReply; }
+  // When set, replaces onReply and writes into the buffer as it likes, as a
+  // vendor library may.
+  std::function<int32_t(int16_t device, std::string& buffer)> writeRaw;
+  bool onlyTheReply = false;
   int32_t abortReply(int16_t, int16_t device) override {
     calls.push_back("abort " + std::to_string(device));
     return 0;
@@ -276,6 +282,74 @@ TEST_F(LinkFixture, SendReceiveAndTheRepCheck) {
   EXPECT_EQ(link.lastErrorText(), "IML error - unable to talk to device: 4");
   EXPECT_GE(sends, 30);
   EXPECT_LT(clock.now() - start, 1001 * kMicrosPerSecond);
+}
+
+// The reply buffer is kept from one exchange to the next and blanked only
+// where a reply wrote: whatever a library leaves in it, each reply reads as
+// if the buffer had been all blanks, and nothing of an earlier reply shows.
+TEST_F(LinkFixture, EachReplyReadsAsIfTheBufferWereFreshlyBlanked) {
+  auto ask = [&](int16_t device) {
+    std::string reply;
+    EXPECT_TRUE(link.IMLGetReply(device, reply));
+    return reply;
+  };
+  for (const bool onlyTheReply : {false, true}) {
+    SCOPED_TRACE(onlyTheReply ? "a library that writes only the reply" : "any library");
+    library.onlyTheReply = onlyTheReply;
+    library.writeRaw = nullptr;
+    library.onReply = [](int16_t, std::string& text) {
+      text = "a reply of some length, longer than the next";
+      return 0;
+    };
+    EXPECT_EQ(ask(1), std::string("a reply of some length, longer than the next") + '\0');
+    library.onReply = [](int16_t, std::string& text) {
+      text = "7  ";
+      return 0;
+    };
+    EXPECT_EQ(ask(1), std::string("7  ") + '\0');
+    // A reply that fills the whole buffer has no NUL and loses its blanks.
+    library.onReply = [](int16_t, std::string& text) {
+      text = std::string(kReplyBufferLength - 3, 'x') + "   ";
+      return 0;
+    };
+    EXPECT_EQ(ask(1), std::string(kReplyBufferLength - 3, 'x'));
+    EXPECT_EQ(ask(1), std::string(kReplyBufferLength - 3, 'x'));
+    library.onReply = [](int16_t, std::string& text) {
+      text = "5";
+      return 0;
+    };
+    EXPECT_EQ(ask(1), std::string("5") + '\0');
+  }
+  // A vendor library that writes after the NUL: the reply runs to its last
+  // non-blank, and the next reply shows none of it.
+  library.onlyTheReply = false;
+  library.writeRaw = [](int16_t, std::string& buffer) {
+    buffer.replace(0, 9, std::string("12.5\0xyz ", 9));
+    buffer.replace(100, 3, "end");
+    return 0;
+  };
+  EXPECT_EQ(ask(1), std::string("12.5\0xyz", 8) + std::string(92, ' ') + "end");
+  library.writeRaw = nullptr;
+  EXPECT_EQ(ask(1), std::string("5") + '\0');
+  // A library that lets events run inside its call while a timer exchanges
+  // with another device: each gets its own reply.
+  std::string inner;
+  Timer display(events, 1, [&] {
+    std::string value;
+    if (link.IMLSendCommand(2, "REA T2", true) && link.IMLGetReply(2, value)) inner = value;
+  });
+  library.writeRaw = [&](int16_t device, std::string& buffer) {
+    if (device == 1) {
+      display.setEnabled(true);
+      clock.advanceBy(1);
+      events.processPendingEvents();
+      display.setEnabled(false);
+    }
+    WriteBuffer(buffer, device == 1 ? "outer" : "the inner reply, longer than the outer");
+    return 0;
+  };
+  EXPECT_EQ(ask(1), std::string("outer") + '\0');
+  EXPECT_EQ(inner, std::string("the inner reply, longer than the outer") + '\0');
 }
 
 TEST_F(LinkFixture, WaitsLetTimersRunAndExchangesMayNest) {

@@ -83,6 +83,10 @@ class LinkLibrary {
   // length), followed by a NUL when it fits; the rest is left as it was.
   // 17: not ready yet, poll again.
   virtual int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) = 0;
+  // Whether getReply writes nothing but the reply and its NUL (WriteBuffer
+  // does that), so that the link layer need not look at the rest of the
+  // buffer. A vendor library may write anything anywhere: false.
+  virtual bool writesOnlyTheReply() const { return false; }
   virtual int32_t abortReply(int16_t handle, int16_t device) = 0;
   virtual int32_t millisecondCount() = 0;
   // Why the link last failed to reach its far end, in the system's words

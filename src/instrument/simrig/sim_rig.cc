@@ -253,32 +253,40 @@ void RigModel::load(RigSetup setup) {
   lastAdvance_ = 0;
 }
 
-const std::vector<size_t>* RigModel::indexed(std::string_view key) {
+template <class Visit>
+bool RigModel::visitIndexed(std::string_view key, Visit&& visit) {
   if (!indexValid_) {
-    index_.clear();
+    index_.clear(setup_.channels.size() * 2);
     for (size_t i = 0; i < setup_.channels.size(); ++i) {
       const SimChannel& c = setup_.channels[i];
-      index_[c.name].push_back(i);
-      if (c.hardwareText != c.name) index_[c.hardwareText].push_back(i);
+      index_.add(c.name, i, 0);
+      if (c.hardwareText != c.name) index_.add(c.hardwareText, i, 1);
     }
     indexValid_ = true;
   }
-  const auto found = index_.find(std::string(key));
-  return found == index_.end() ? nullptr : &found->second;
+  return index_.find(key, [&](size_t i, unsigned tag) {
+    const SimChannel& c = setup_.channels[i];
+    return (tag == 0 ? c.name : c.hardwareText) == key && visit(i);
+  });
 }
 
 SimChannel* RigModel::find(int device, std::string_view nameOrHardware) {
-  if (const auto* list = indexed(nameOrHardware)) {
-    for (size_t i : *list) {
-      if (setup_.channels[i].device == device) return &setup_.channels[i];
-    }
-  }
-  return nullptr;
+  SimChannel* found = nullptr;
+  visitIndexed(nameOrHardware, [&](size_t i) {
+    if (setup_.channels[i].device != device) return false;
+    found = &setup_.channels[i];
+    return true;
+  });
+  return found;
 }
 
 SimChannel* RigModel::findAnyDevice(std::string_view name) {
-  const auto* list = indexed(name);
-  return list == nullptr || list->empty() ? nullptr : &setup_.channels[list->front()];
+  SimChannel* found = nullptr;
+  visitIndexed(name, [&](size_t i) {
+    found = &setup_.channels[i];
+    return true;
+  });
+  return found;
 }
 
 double RigModel::followTarget(const SimChannel& channel) {
@@ -366,7 +374,22 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   advance(now);
   command = trim(command);
   const size_t blank = command.find(' ');
-  const std::string word = upperCase(command.substr(0, blank));
+  // The command word upper-cased; the usual short one without a copy on
+  // the heap.
+  const std::string_view written = command.substr(0, blank);
+  char shortWord[8];
+  std::string longWord;
+  std::string_view word;
+  if (written.size() <= sizeof shortWord) {
+    for (size_t i = 0; i < written.size(); ++i) {
+      const char c = written[i];
+      shortWord[i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    }
+    word = std::string_view(shortWord, written.size());
+  } else {
+    longWord = upperCase(written);
+    word = longWord;
+  }
   const std::string_view rest =
       blank == std::string_view::npos ? std::string_view{} : trimLeft(command.substr(blank + 1));
   if (word == "REP") return state.report;

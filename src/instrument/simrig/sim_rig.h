@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "common/clock.h"
+#include "common/name_index.h"
 #include "instrument/link/link_library.h"
 
 namespace tavrix {
@@ -120,9 +121,11 @@ class RigModel {
   std::string activeAlarms(int device, Micros now, int& count);
 
   // Channels by name and by hardware text, in table order; rebuilt after
-  // any change of the table or of a name.
-  const std::vector<size_t>* indexed(std::string_view key);
-  std::unordered_map<std::string, std::vector<size_t>> index_;
+  // any change of the table or of a name. Calls visit(position) for each
+  // channel of that name or hardware text until it returns true.
+  template <class Visit>
+  bool visitIndexed(std::string_view key, Visit&& visit);
+  NameIndex index_;
   bool indexValid_ = false;
 
   RigSetup setup_;
@@ -144,6 +147,7 @@ class SimLink final : public LinkLibrary {
   int32_t interfaceVersion(int16_t handle, std::string& text) override;
   int32_t sendCommand(int16_t handle, int16_t device, std::string_view command, bool wait) override;
   int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) override;
+  bool writesOnlyTheReply() const override { return true; }
   int32_t abortReply(int16_t handle, int16_t device) override;
   int32_t millisecondCount() override;
   int32_t dirPath(std::string& path) override;

@@ -57,6 +57,7 @@ class TcpLink final : public LinkLibrary {
   int32_t interfaceVersion(int16_t handle, std::string& text) override;
   int32_t sendCommand(int16_t handle, int16_t device, std::string_view command, bool wait) override;
   int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) override;
+  bool writesOnlyTheReply() const override { return true; }
   int32_t abortReply(int16_t handle, int16_t device) override;
   int32_t millisecondCount() override;
   int32_t dirPath(std::string& path) override;

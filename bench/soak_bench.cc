@@ -1,0 +1,99 @@
+// The run engine in the shape of an endurance soak, on the virtual clock: a
+// loop of LOOPCHECK, WAITSECONDS 60 and GOTO turned 1,000,000 times (goal:
+// at least 1,000,000 lines a second), and what the trace costs: the free run
+// and the soak loop with the trace on, next to the same runs without it.
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <vector>
+
+#include "bench_support.h"
+#include "engine/engine.h"
+
+namespace tavrix::bench {
+namespace {
+
+constexpr int kSoakTurns = 1'000'000;
+constexpr int kLinesPerTurn = 3;  // LOOPCHECK, WAITSECONDS, GOTO
+
+// A trace output that only counts what it is given: the cost measured is
+// the trace's own, not the disk's.
+class CountingOutput final : public OutputFile {
+ public:
+  explicit CountingOutput(int64_t& bytes) : bytes_(bytes) {}
+  bool write(std::string_view bytes, std::string*) override {
+    bytes_ += static_cast<int64_t>(bytes.size());
+    return true;
+  }
+
+ private:
+  int64_t& bytes_;
+};
+
+std::vector<std::string> SoakLoop(int turns) {
+  return {"AGAIN:",         "LOOPCHECK " + std::to_string(turns - 1) + ", DONE",
+          "WAITSECONDS 60", "GOTO AGAIN",
+          "DONE:",          "STOP"};
+}
+
+void RunSoakLoop(benchmark::State& state, bool traced) {
+  const std::string path = WriteSequence(SoakLoop(kSoakTurns));
+  int64_t traceBytes = 0;
+  for (auto _ : state) {
+    QuietOperator op;
+    auto clock = std::make_unique<VirtualClock>(0);
+    VirtualClock& virtualClock = *clock;
+    const auto built = MakeBenchEngine(std::move(clock), op);
+    Engine& engine = *built;
+    if (traced) engine.trace().setOutput(std::make_unique<CountingOutput>(traceBytes));
+    std::string error;
+    if (!engine.sequencer().prepareFile(path, &error)) {
+      state.SkipWithError(error.c_str());
+      break;
+    }
+    engine.sequencer().start();
+    engine.trace().setOutput(nullptr);
+    if (!engine.sequencer().lastSequenceError().empty()) {
+      state.SkipWithError(engine.sequencer().lastSequenceError().c_str());
+      break;
+    }
+    // Every turn waited its minute.
+    if (virtualClock.now() < static_cast<Micros>(kSoakTurns - 1) * 60 * kMicrosPerSecond) {
+      state.SkipWithError("the loop did not wait its minutes");
+      break;
+    }
+  }
+  state.counters["lines_per_s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * kSoakTurns * kLinesPerTurn,
+                         benchmark::Counter::kIsRate);
+  if (traced)
+    state.counters["trace_MiB"] = static_cast<double>(traceBytes) / state.iterations() / (1 << 20);
+  std::remove(path.c_str());
+}
+
+void BM_SoakLoopWaitSeconds(benchmark::State& state) { RunSoakLoop(state, false); }
+BENCHMARK(BM_SoakLoopWaitSeconds)->Unit(benchmark::kSecond)->Iterations(1);
+
+void BM_SoakLoopWaitSecondsTraced(benchmark::State& state) { RunSoakLoop(state, true); }
+BENCHMARK(BM_SoakLoopWaitSecondsTraced)->Unit(benchmark::kSecond)->Iterations(1);
+
+void BM_FreeRunLinesTraced(benchmark::State& state) {
+  const std::string path = WriteSequence(LabelsAndWords());
+  QuietOperator op;
+  const auto built = MakeBenchEngine(std::make_unique<VirtualClock>(0), op);
+  Engine& engine = *built;
+  int64_t traceBytes = 0;
+  engine.trace().setOutput(std::make_unique<CountingOutput>(traceBytes));
+  std::string error;
+  engine.sequencer().prepareFile(path, &error);
+  for (auto _ : state) engine.sequencer().start();
+  engine.trace().setOutput(nullptr);
+  state.counters["lines_per_s"] = benchmark::Counter(
+      static_cast<double>(state.iterations()) * 30000, benchmark::Counter::kIsRate);
+  std::remove(path.c_str());
+}
+BENCHMARK(BM_FreeRunLinesTraced)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace tavrix::bench
