@@ -7,7 +7,7 @@ set(TAVRIX_HOST_INCLUDE /usr/include CACHE PATH "Where the header-only libraries
 
 set(_shim ${CMAKE_BINARY_DIR}/host-headers)
 file(MAKE_DIRECTORY ${_shim})
-foreach(dir CLI nlohmann)
+foreach(dir CLI nlohmann toml++)
   if(EXISTS ${TAVRIX_HOST_INCLUDE}/${dir} AND NOT EXISTS ${_shim}/${dir})
     file(CREATE_LINK ${TAVRIX_HOST_INCLUDE}/${dir} ${_shim}/${dir} SYMBOLIC)
   endif()

@@ -9,6 +9,11 @@
 #include "common/paths.h"
 #include "common/text_conventions.h"
 #include "engine/keyword_catalogue.h"
+#include "instrument/iomap/io_map.h"
+#include "instrument/iomap/map_link.h"
+#include "instrument/link/channel_commands.h"
+#include "instrument/outputs/load_maintenance.h"
+#include "instrument/outputs/pulse_sine.h"
 #include "instrument/outputs/ramps.h"
 #include "platform/files.h"
 #include "sequencer/dispatcher.h"
@@ -107,8 +112,9 @@ std::optional<std::string> NearKeyword(std::string_view word) {
 
 class Linter {
  public:
-  Linter(const std::string& path, const PathMap& paths, std::vector<LintMessage>& out)
-      : path_(path), paths_(paths), out_(out) {}
+  Linter(const std::string& path, const PathMap& paths, std::vector<LintMessage>& out,
+         const IoMap* map)
+      : path_(path), paths_(paths), out_(out), map_(map) {}
 
   bool run(std::string* error) {
     bool bareLineFeeds = false;
@@ -194,7 +200,79 @@ class Linter {
       }
     }
     if (w == "DOWITHSHOW" && !trim(c.arg3).empty()) needLabel(line, c.arg3);
+    if (map_ != nullptr) checkChannels(line);
     return i;
+  }
+
+  enum class Use { kRead, kWrite, kName };
+
+  // A channel a line names, against the I/O map.
+  void channel(const Line& line, std::string_view name, Use use) {
+    const std::string n(trim(name));
+    if (n.empty()) return;
+    const MapChannel* c = map_->find(n);
+    if (c == nullptr) {
+      error(line, "Channel " + n + " is not in the I/O map " + map_->path);
+    } else if (use == Use::kWrite && !c->writable()) {
+      error(line, line.command.word + " writes " + n + ", which the I/O map makes read-only");
+    } else if (use == Use::kRead && !c->readable()) {
+      error(line, line.command.word + " reads " + n + ", which the I/O map makes write-only");
+    }
+  }
+
+  void checkChannels(const Line& line) {
+    const CommandLine& c = line.command;
+    const std::string& w = c.word;
+    if (w == "SEND" || w == "SENDSMC" || w == "PULSEOUTPUT" || w == "INCREMENTLOOPCOUNT") {
+      channel(line, c.arg1, Use::kWrite);
+    } else if (w == "REZERO") {
+      channel(line, c.arg1, Use::kRead);
+    } else if (w == "IMLDEF" || w == "IMLESC" || w == "KILLMONITOR") {
+      channel(line, c.arg1, Use::kName);
+    } else if (w == "CHECK" || w == "WAIT") {
+      if (const auto condition = ParseChannelCondition(c.arg1))
+        channel(line, condition->channel, Use::kRead);
+    } else if (w == "RAMP") {
+      const auto ramp = ParseRampLine(c, false);
+      if (ramp.ok()) channel(line, ramp->channel, Use::kWrite);
+    } else if (w == "SINEOUT") {
+      channel(line, c.arg1, Use::kWrite);
+      if (const auto sine = ParseSineSetup(c.arg2)) {
+        channel(line, sine->monitor, Use::kRead);
+        channel(line, sine->peakTo, Use::kWrite);
+      }
+    } else if (w == "MT_MAINTAIN" || w == "MT_RAMP") {
+      std::string text = c.arg1;
+      if (!c.arg2.empty() || !c.arg3.empty()) text += "," + c.arg2;
+      if (!c.arg3.empty()) text += "," + c.arg3;
+      std::string why;
+      if (w == "MT_MAINTAIN") {
+        if (const auto setup = ParseMaintainSetup(text, why)) {
+          channel(line, setup->loadChannel, Use::kRead);
+          channel(line, setup->outputChannel, Use::kWrite);
+        }
+        return;
+      }
+      // MT_RAMP: the ramp, then "AT load USING output".
+      std::string rest;
+      if (!ParseRampSetup(text, false, why, &rest)) return;
+      const std::string upper = upperCase(rest);
+      const auto after = [&](std::string_view keyword, size_t from, size_t& end) {
+        const size_t at = upper.find(keyword, from);
+        if (at == std::string::npos) return std::string();
+        size_t begin = at + keyword.size();
+        while (begin < rest.size() && rest[begin] == ' ') ++begin;
+        end = rest.find(' ', begin);
+        if (end == std::string::npos) end = rest.size();
+        return rest.substr(begin, end - begin);
+      };
+      size_t end = 0;
+      const std::string load = after("AT", 0, end);
+      const std::string output = load.empty() ? std::string() : after("USING", end, end);
+      if (output.empty()) return;
+      channel(line, load, Use::kRead);
+      channel(line, output, Use::kWrite);
+    }
   }
 
   void checkChain(const Line& line) {
@@ -227,7 +305,11 @@ class Linter {
         return j;
       }
       const auto ramp = ParseRampLine(lines_[j].command, true);
-      if (!ramp.ok()) error(lines_[j], ramp.message());
+      if (!ramp.ok()) {
+        error(lines_[j], ramp.message());
+      } else if (map_ != nullptr) {
+        channel(lines_[j], ramp->channel, Use::kWrite);
+      }
     }
     if (group) {
       error(start, "[GROUPRAMPS] block has no [END]");
@@ -240,6 +322,7 @@ class Linter {
   const std::string& path_;
   const PathMap& paths_;
   std::vector<LintMessage>& out_;
+  const IoMap* map_;
   std::vector<Line> lines_;
   std::vector<std::string> upper_;
   std::set<std::string> defines_;
@@ -248,24 +331,44 @@ class Linter {
 }  // namespace
 
 bool LintSequenceFile(const std::string& path, const PathMap& paths,
-                      std::vector<LintMessage>& messages, std::string* readError) {
-  return Linter(path, paths, messages).run(readError);
+                      std::vector<LintMessage>& messages, std::string* readError,
+                      const IoMap* map) {
+  return Linter(path, paths, messages, map).run(readError);
 }
 
-CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files) {
+CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files, std::string* link) {
   CLI::App* lint = app.add_subcommand("lint", "Check sequence files without running them");
   lint->add_option("SEQUENCE", files, "The sequence files")->required();
+  if (link != nullptr) {
+    lint->add_option("--link", *link,
+                     "map:FILE: also check the channels the lines name against an I/O map");
+  }
   return lint;
 }
 
-int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err) {
+int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err,
+            const std::string& link) {
   const PathMap paths(defaultDataRoot());
+  IoMap map;
+  const IoMap* checkedMap = nullptr;
+  if (!link.empty()) {
+    if (link.rfind(std::string(kLinkMapPrefix), 0) != 0) {
+      std::fprintf(err, "tavrix-cli: lint checks channels against an I/O map: --link map:FILE\n");
+      return 2;
+    }
+    std::string why;
+    if (!LoadIoMapFile(localFiles(), link.substr(kLinkMapPrefix.size()), map, why)) {
+      std::fprintf(err, "tavrix-cli: %s\n", why.c_str());
+      return 2;
+    }
+    checkedMap = &map;
+  }
   bool errors = false;
   bool unreadable = false;
   for (const auto& file : files) {
     std::vector<LintMessage> messages;
     std::string readError;
-    if (!LintSequenceFile(file, paths, messages, &readError)) {
+    if (!LintSequenceFile(file, paths, messages, &readError, checkedMap)) {
       std::fprintf(err, "tavrix-cli: %s\n", readError.c_str());
       unreadable = true;
       continue;

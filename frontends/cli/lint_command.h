@@ -17,6 +17,7 @@ class App;
 namespace tavrix {
 
 class PathMap;
+struct IoMap;
 
 struct LintMessage {
   int line = 0;  // from 1; 0 for the file as a whole
@@ -25,14 +26,21 @@ struct LintMessage {
 };
 
 // Lints one sequence file. False, with `readError`, when it cannot be read.
-bool LintSequenceFile(const std::string& path, const PathMap& paths, std::vector<LintMessage>& messages,
-                      std::string* readError);
+// With an I/O map, lines that name a channel the map lacks, write a channel
+// the map cannot write or read one it cannot read are errors too.
+bool LintSequenceFile(const std::string& path, const PathMap& paths,
+                      std::vector<LintMessage>& messages, std::string* readError,
+                      const IoMap* map = nullptr);
 
-// Adds the `lint` subcommand; its files are collected into `files`.
-CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files);
+// Adds the `lint` subcommand; its files are collected into `files`, and
+// the link of its --link option (map:FILE) into `link` when given.
+CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files,
+                         std::string* link = nullptr);
 
 // Lints the files and prints the messages to `out`. Returns 0 when there is
-// no error, 1 when there are errors, 2 when a file cannot be read.
-int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err);
+// no error, 1 when there are errors, 2 when a file (or the map) cannot be
+// read.
+int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err,
+            const std::string& link = {});
 
 }  // namespace tavrix

@@ -14,6 +14,7 @@
 #include "crypt_commands.h"
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/iomap/map_link.h"
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
@@ -28,6 +29,7 @@
 #include "resultsdb/results_feed.h"
 #include "sequencer/console_operators.h"
 #include "sequencer/sequence_file.h"
+#include "simulated_devices.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -419,6 +421,8 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
     std::fprintf(out, "tavrix-cli rig: wrote a new key to %s\n", options.newKey->c_str());
     return kExitOk;
   }
+  if (options.simulate)
+    return ServeSimulatedDevice(*options.simulate, options.listen, out, err, stop);
   RigServing serving;
   serving.listen = options.listen;
   serving.setupFile = options.setup;
@@ -474,8 +478,10 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
       ->check(CLI::IsMember({"record", "programs"}));
   runCommand->add_option("--setup", run.setup,
                          "Hardware setup (.ims) to load before the first line");
-  runCommand->add_option("--link", run.link,
-                         "The instrument link: sim (default), dll (Windows) or tcp://HOST:PORT");
+  runCommand->add_option(
+      "--link", run.link,
+      "The instrument link: sim (default), dll (Windows), tcp://HOST:PORT or map:FILE (an I/O map "
+      "of Modbus and SCPI devices)");
   runCommand->add_option("--link-key", run.linkKey,
                          "Key file for a rig server that asks for a key (tcp:// links)");
   runCommand->add_option("--reply-timeout", run.replyTimeout,
@@ -516,9 +522,22 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   rigCommand->add_option("--setup", rig.setup, "The simulated rig's setup file (.ims)");
   rigCommand
       ->add_option("--link", rig.link,
-                   "What to serve: sim (the simulated rig, default) or dll (the rig PC's "
-                   "libraries, 32-bit Windows build)")
-      ->check(CLI::IsMember({"sim", "dll"}));
+                   "What to serve: sim (the simulated rig, default), dll (the rig PC's "
+                   "libraries, 32-bit Windows build) or map:FILE (the devices of an I/O map)")
+      ->check(CLI::Validator(
+          [](std::string& value) -> std::string {
+            if (value == "sim" || value == "dll" ||
+                value.rfind(std::string(kLinkMapPrefix), 0) == 0) {
+              return {};
+            }
+            return "sim, dll or map:FILE";
+          },
+          "sim|dll|map:FILE"));
+  rigCommand
+      ->add_option("--simulate", rig.simulate,
+                   "Serve a simulated device on --listen instead: modbus (an oven, Modbus TCP) or "
+                   "scpi (a power supply, SCPI on a raw socket)")
+      ->check(CLI::IsMember({"modbus", "scpi"}));
   rigCommand->add_option("--key", rig.key,
                          "Key file: clients must prove they hold the same key (--link-key)");
   rigCommand->add_option("--new-key", rig.newKey,
@@ -527,7 +546,8 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
                          "Settings file: where the dll link finds its libraries");
 
   std::vector<std::string> lintFiles;
-  CLI::App* lintCommand = AddLintCommand(app, lintFiles);
+  std::string lintLink;
+  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink);
 
   CryptCommands cryptCommands(app);
   ResultsCommands resultsCommands(app);
@@ -555,7 +575,7 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
   if (auto status = resultsCommands.run(out, err)) return *status;
   if (auto status = ctlCommand.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(rig, out, err);
-  if (lintCommand->parsed()) return RunLint(lintFiles, out, err);
+  if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
   return kExitUsage;
 }
 

@@ -72,7 +72,10 @@ struct RunOptions {
 struct RigOptions {
   std::string listen = "127.0.0.1:5025";
   std::string setup;
-  std::string link = "sim";  // what is served: "sim" or "dll"
+  std::string link = "sim";  // what is served: "sim", "dll" or "map:FILE"
+  // Serve a simulated device instead of a link: "modbus" (an oven) or
+  // "scpi" (a power supply), for maps of the examples and the tests.
+  std::optional<std::string> simulate;
   std::optional<std::string> key;
   std::optional<std::string> newKey;  // only make a key file
   std::optional<std::string> instrumentSettings;

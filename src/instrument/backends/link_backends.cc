@@ -1,6 +1,7 @@
 #include "instrument/backends/link_backends.h"
 
 #include "instrument/dll/dll_link.h"
+#include "instrument/iomap/map_link.h"
 #include "instrument/simrig/sim_rig.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/tcp_link.h"
@@ -32,6 +33,9 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
     }
     return link;
   }
+  if (linkSpec == kLinkMap || linkSpec.substr(0, kLinkMapPrefix.size()) == kLinkMapPrefix) {
+    return MakeMapLink(linkSpec, settings.ioMap, clock, files, error);
+  }
   if (linkSpec == kLinkDll) {
     std::string why;
     auto link = MakeDllLink(settings, why);
@@ -39,7 +43,7 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
     return link;
   }
   if (error) {
-    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim, dll or tcp://HOST:PORT";
+    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim, dll, tcp://HOST:PORT or map:FILE";
   }
   return nullptr;
 }

@@ -1,6 +1,7 @@
 // The link library backends a link spec can name: "sim" (or nothing) for the
 // simulated rig built into the program, "tcp://HOST:PORT" for a rig server,
-// "dll" for the rig PC's own link libraries (Windows).
+// "dll" for the rig PC's own link libraries (Windows), "map:FILE" (or "map"
+// with the settings' io_map) for the Modbus and SCPI devices of an I/O map.
 // Programs that offer every backend link this library; the engine alone
 // knows only the simulated rig.
 #pragma once

@@ -20,7 +20,7 @@ TEST(LinkBackends, LinkSpecsNameTheBackend) {
   EXPECT_EQ(MakeInstrument(events, trace, {}, "tcp://nohost", files, paths, &error), nullptr);
   EXPECT_EQ(error, "the link \"tcp://nohost\" is not tcp://HOST:PORT");
   EXPECT_EQ(MakeInstrument(events, trace, {}, "serial:1", files, paths, &error), nullptr);
-  EXPECT_EQ(error, "unknown link \"serial:1\": use sim, dll or tcp://HOST:PORT");
+  EXPECT_EQ(error, "unknown link \"serial:1\": use sim, dll, tcp://HOST:PORT or map:FILE");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace tavrix {
 ImlLink::ImlLink(LinkLibrary& library, EventLoop& events, Trace* trace, LinkOptions options)
     : library_(library), events_(events), trace_(trace), options_(options) {
   library_.useEventLoop(events_);
+  if (trace_ != nullptr) library_.useTrace(*trace_);
 }
 
 void ImlLink::recordError(int16_t number, std::string text) {

@@ -22,6 +22,12 @@ Instrument::~Instrument() {
 bool Instrument::ensureOpen() {
   if (open_ || link_.noHardware()) return true;
   open_ = link_.OpenLink();
+  // A library that brings its own channel table (an I/O map) loads it with
+  // the link, unless a setup was loaded already.
+  if (open_ && link_.setupName().empty() && !backend_->ownSetup().empty()) {
+    open_ = channels_.LoadSetup(backend_->ownSetup());
+    if (!open_) link_.CloseLink();
+  }
   return open_;
 }
 

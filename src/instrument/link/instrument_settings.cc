@@ -65,6 +65,8 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     link = std::string(value);
   } else if (k == "link_key") {
     linkKeyFile = std::string(value);
+  } else if (k == "io_map") {
+    ioMap = std::string(value);
   } else if (k == "bridge_program") {
     bridgeProgram = std::string(value);
   } else if (k == "bridge_port") {

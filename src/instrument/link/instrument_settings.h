@@ -31,10 +31,13 @@ struct InstrumentSettings {
   std::string linkLibraryName = "commslib.dll";
   std::string setupLibraryName = "imslib.dll";
   // The link a program uses when its command line names none: "sim", "dll"
-  // or "tcp://HOST:PORT" ("" for the program's own default).
+  // "tcp://HOST:PORT", "map" (the I/O map in io_map) or "map:FILE" ("" for
+  // the program's own default).
   std::string link;
   // The key file for a rig server that asks for a key ("" for none).
   std::string linkKeyFile;
+  // The I/O map of the "map" link ("" for none; docs/io-map.md).
+  std::string ioMap;
   // The window's link bridge, started when the window cannot load the "dll"
   // link itself: the 32-bit tavrix-cli ("" for tavrix-cli32.exe beside the
   // window) and the loopback port it listens on.

@@ -58,6 +58,7 @@ struct SetupLoad {
 };
 
 class EventLoop;
+class Trace;
 
 class LinkLibrary {
  public:
@@ -68,6 +69,13 @@ class LinkLibrary {
   // the loop, as the run's other waits do. The link layer gives it before
   // the first call.
   virtual void useEventLoop(EventLoop& /*events*/) {}
+  // The run's trace, for a library with something to record of its own
+  // (what its devices say they are). The link layer gives it with the loop.
+  virtual void useTrace(Trace& /*trace*/) {}
+  // A setup the library brings itself (its own file): the instrument loads
+  // it when the link opens and no setup has been loaded yet. Empty when the
+  // channel table comes from a setup file that the run chooses.
+  virtual std::string ownSetup() const { return {}; }
 
   // --- The instrument link library ------------------------------------------
   // Fills in `handle`.
