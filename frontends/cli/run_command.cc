@@ -24,7 +24,10 @@
 #include "platform/companion_programs.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
+#include "ctl_command.h"
 #include "results_commands.h"
+#include "run_control.h"
+#include "terminal_keys.h"
 #include "resultsdb/results_feed.h"
 #include "console_operators.h"
 #include "sequencer/sequence_file.h"
@@ -274,10 +277,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   const bool traceToOut = options.trace && *options.trace == "-";
   TerminalView view(*op, out, traceToOut ? err : out,
                     !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
+  // On a terminal, keys drive the run; they stand before the view so that
+  // no key is read once a question is on its way to the screen.
+  TerminalKeys keys(view);
+  const bool takeKeys = TerminalKeys::Available(in);
   EngineConfig config;
   config.clock = std::move(clock);
   config.files = std::move(files);
-  config.op = &view;
+  config.op = takeKeys ? static_cast<Operator*>(&keys) : &view;
   config.resultsStore = EngineConfig::ResultsStore{
       options.resultsStore.value_or(settings.resultsStore),
       options.station.value_or(settings.station),
@@ -348,6 +355,15 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
                  std::string(kBareLineFeedWarning).c_str());
   }
+
+  // Breakpoints and the control socket.
+  RunControl control(engine, err);
+  if (!control.setBreakpoints(options.breaks, options.breakIfs, &error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (options.controlSocket) control.openSocket(options.sequence);
+  if (takeKeys) control.takeKeys(keys, in, view);
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.
@@ -511,6 +527,14 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                          "Where UUT records go besides the results files: sqlite (default), "
                          "sqlite:FILE, off, or a connection string");
   runCommand->add_option("--station", run.station, "This station's name in the UUT records");
+  runCommand->add_option("--break", run.breaks,
+                         "Hold the run before LINE or after LABEL, from hit N on with LINE:N "
+                         "(repeatable; see docs/run-control.md)");
+  runCommand->add_option("--break-if", run.breakIfs,
+                         "Hold the run when a channel condition such as \"T1 > 80\" turns true "
+                         "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
+  runCommand->add_flag("!--no-control-socket", run.controlSocket,
+                       "Open no control socket for tavrix-cli ctl");
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
 
   RigOptions rig;
@@ -551,6 +575,7 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
 
   CryptCommands cryptCommands(app);
   ResultsCommands resultsCommands(app);
+  CtlCommand ctlCommand(app);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -572,6 +597,7 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   if (runCommand->parsed()) return RunSequence(run, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
+  if (auto status = ctlCommand.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(rig, out, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
   return kExitUsage;

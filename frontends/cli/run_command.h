@@ -60,6 +60,12 @@ struct RunOptions {
   // Lines run on a virtual clock without it moving before the warning that
   // the run loops without a wait (tests lower it).
   int64_t loopWarningLines = kLoopWarningLines;
+  // Breakpoints: a line or label with an optional hit count ("120:3"), and
+  // channel conditions ("T1 > 80"); see docs/run-control.md.
+  std::vector<std::string> breaks;
+  std::vector<std::string> breakIfs;
+  // The control socket in the data root's runs/ folder (on by default).
+  bool controlSocket = true;
 };
 
 // `tavrix-cli rig`: serves the simulated rig, or another link, over TCP.

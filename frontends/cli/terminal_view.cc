@@ -118,8 +118,30 @@ void TerminalView::print(const std::string& text) {
   drawStatus(true);
 }
 
+void TerminalView::note(const std::string& text) {
+  if (live_) {
+    print(clock() + "  " + text);
+  } else {
+    std::fprintf(summary_, "%s\n", text.c_str());
+    std::fflush(summary_);
+  }
+}
+
+void TerminalView::setWatchLine(std::string text) {
+  watchLine_ = std::move(text);
+  if (!live_) {
+    if (!watchLine_.empty()) note(watchLine_);
+    return;
+  }
+  clearStatus();
+  drawStatus(true);
+}
+
 void TerminalView::clearStatus() {
   if (!statusShown_) return;
+  // The watch line under the status goes first.
+  if (watchShown_) std::fputs("\x1b[1B\r\x1b[K\x1b[1A", out_);
+  watchShown_ = false;
   std::fputs(kEraseLine, out_);
   std::fflush(out_);
   statusShown_ = false;
@@ -145,6 +167,13 @@ void TerminalView::drawStatus(bool force) {
   const size_t room = static_cast<size_t>(width() - 1);
   if (status.size() > room) status.resize(room);
   std::fprintf(out_, "%s%s", kEraseLine, status.c_str());
+  if (!watchLine_.empty()) {
+    std::string watch = watchLine_;
+    if (watch.size() > room) watch.resize(room);
+    // Below the status; the cursor goes back to the status line's end.
+    std::fprintf(out_, "\n%s%s\x1b[1A\r\x1b[%zuC", kEraseLine, watch.c_str(), status.size());
+    watchShown_ = true;
+  }
   std::fflush(out_);
   statusShown_ = true;
 }

@@ -41,6 +41,11 @@ class TerminalView : public Operator {
   void detach();
   // A file the run writes besides the results files (the trace).
   void addFileWritten(std::string path) { files_.push_back(std::move(path)); }
+  // Engine thread: a line that stays, above the live status (what a key
+  // asked for).
+  void note(const std::string& text);
+  // Engine thread: the watch line shown under the live status ("" for none).
+  void setWatchLine(std::string text);
   // Clears the live status and writes the summary.
   void finish(EndReason reason, int exitStatus);
 
@@ -77,6 +82,8 @@ class TerminalView : public Operator {
   std::unique_ptr<Timer> redraw_;
 
   bool statusShown_ = false;
+  std::string watchLine_;
+  bool watchShown_ = false;
   std::atomic<bool> asking_{false};
   std::chrono::steady_clock::time_point lastDraw_{};
   uint64_t lines_ = 0;

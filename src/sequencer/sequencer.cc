@@ -157,6 +157,7 @@ void Sequencer::runLoop() {
   flags_.running = false;
   flags_.singleStepMode = false;
   pausedFromOutside_ = false;
+  holdReason_.clear();
   publish(RunEventKind::kEnd, EndReasonName(endReason_));
 }
 
@@ -210,6 +211,10 @@ void Sequencer::dispatchLine(std::string& line) {
     hold.kind = RunEventKind::kHold;
     hold.line = lineNumber_;
     hold.text = line;
+    hold.title = holdReason_.empty() ? "step" : holdReason_;
+    hold.number = holdReason_ == "break" ? holdBreakpoint_ : 0;
+    holdReason_.clear();
+    holdBreakpoint_ = 0;
     publish(std::move(hold));
     // Only a person, or the front end that paused the run, can release the
     // hold.
@@ -268,7 +273,20 @@ void Sequencer::pause() {
   flags_.singleStepMode = true;
   flags_.singleStepHold = true;
   pausedFromOutside_ = true;
+  holdReason_ = "pause";
   publish(RunEventKind::kPaused);
+}
+
+void Sequencer::holdForBreakpoint(int64_t id) {
+  if (!flags_.running || runEnding()) return;
+  if (!flags_.singleStepMode) {
+    flags_.singleStepMode = true;
+    flags_.singleStepHold = true;
+    publish(RunEventKind::kPaused);
+  }
+  pausedFromOutside_ = true;
+  holdReason_ = "break";
+  holdBreakpoint_ = id;
 }
 
 void Sequencer::resume() {
@@ -557,6 +575,15 @@ void Sequencer::traceEvent(const RunEvent& event) {
       break;
     case RunEventKind::kStatus:
       trace_.event("status").field("text", event.text);
+      break;
+    case RunEventKind::kHold: {
+      auto traced = trace_.event("hold");
+      traced.field("n", static_cast<int>(event.line)).field("reason", event.title);
+      if (event.title == "break") traced.field("id", event.number);
+      break;
+    }
+    case RunEventKind::kRelease:
+      trace_.event("resume").field("by", event.text);
       break;
     case RunEventKind::kMessage: {
       auto traced = trace_.event("message");

@@ -132,6 +132,9 @@ class Sequencer : public RunContext {
   // From the next line on, the run holds before each line as stepping does;
   // outputs in progress, alarms and calculated channels go on.
   void pause();
+  // As pause(), for a breakpoint: the hold that follows says that breakpoint
+  // `id` held the run (its reason "break"), also when the run was stepping.
+  void holdForBreakpoint(int64_t id);
   // A held run goes on freely from the held line.
   void resume();
   // Runs the held line, then holds before the next.
@@ -335,6 +338,10 @@ class Sequencer : public RunContext {
   std::string releasedBy_;
   // The hold waits for someone outside: a pause came from a front end.
   bool pausedFromOutside_ = false;
+  // Why the next hold holds ("pause", "break"; empty: stepping) and the
+  // breakpoint that asked for it.
+  std::string holdReason_;
+  int64_t holdBreakpoint_ = 0;
   RunEventBus runEvents_;
   RunEventBus::Subscription traceWriter_;
   SequenceFile file_;

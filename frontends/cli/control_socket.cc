@@ -1,0 +1,448 @@
+#include "control_socket.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "common/checked_numbers.h"
+#include "common/trace.h"
+#include "control_protocol.h"
+#include "control_socket_address.h"
+
+namespace tavrix {
+
+std::string RunsFolder(const std::string& dataRoot) { return dataRoot + "/runs"; }
+
+namespace {
+
+std::string Error(const std::string& text) {
+  return "{\"ok\":false,\"error\":" + jsonString(text) + "}";
+}
+const std::string kOk = "{\"ok\":true}";
+
+// "20261126-021500-4711": the local time the run started and its process.
+std::string NewRunId() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &local);
+  return std::string(text) + "-" + std::to_string(getpid());
+}
+
+}  // namespace
+
+class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::Impl> {
+ public:
+  Impl(Engine& engine, Breakpoints& breakpoints, std::string sequence, int64_t origin)
+      : engine_(engine),
+        breakpoints_(breakpoints),
+        sequence_(std::move(sequence)),
+        origin_(origin) {}
+
+  bool open(const std::string& dataRoot, std::string* error) {
+    const std::string runs = RunsFolder(dataRoot);
+    std::error_code ignored;
+    std::filesystem::create_directories(dataRoot, ignored);
+    if (::mkdir(runs.c_str(), 0700) != 0 && errno != EEXIST) {
+      *error = "cannot make " + runs + ": " + std::strerror(errno);
+      return false;
+    }
+    const std::string base = NewRunId();
+    for (int n = 1;; ++n) {
+      runId_ = n == 1 ? base : base + "-" + std::to_string(n);
+      dir_ = runs + "/" + runId_;
+      if (::mkdir(dir_.c_str(), 0700) == 0) break;
+      if (errno != EEXIST || n > 100) {
+        *error = "cannot make " + dir_ + ": " + std::strerror(errno);
+        dir_.clear();
+        return false;
+      }
+    }
+    path_ = dir_ + "/control.sock";
+    listen_ = ListenControlSocket(path_, error);
+    if (listen_ < 0) return false;
+    if (::pipe(wake_) != 0) {
+      *error = std::string("cannot make a pipe: ") + std::strerror(errno);
+      return false;
+    }
+    ::fcntl(wake_[0], F_SETFL, O_NONBLOCK);
+    ::fcntl(wake_[1], F_SETFL, O_NONBLOCK);
+    auto self = shared_from_this();
+    subscription_ = engine_.subscribe([self](const RunEvent& event) { self->runEvent(event); });
+    thread_ = std::thread([self] { self->serve(); });
+    return true;
+  }
+
+  // Stops serving: the clients get what is left for them (for a moment),
+  // then the socket and its folder go.
+  void close() {
+    subscription_.reset();
+    {
+      std::lock_guard guard(mutex_);
+      stopping_ = true;
+    }
+    wake();
+    if (thread_.joinable()) thread_.join();
+    std::lock_guard guard(mutex_);
+    for (auto& [id, client] : clients_) ::close(client.fd);
+    clients_.clear();
+    if (listen_ >= 0) ::close(listen_);
+    listen_ = -1;
+    for (int& fd : wake_) {
+      if (fd >= 0) ::close(fd);
+      fd = -1;
+    }
+    if (!path_.empty()) ::unlink(path_.c_str());
+    if (!dir_.empty()) ::rmdir(dir_.c_str());
+  }
+
+  const std::string& runId() const { return runId_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  struct Client {
+    int fd = -1;
+    std::string in;
+    std::string out;
+    bool events = false;
+    bool closeWhenFlushed = false;
+    bool drop = false;
+    bool readClosed = false;
+  };
+
+  void wake() {
+    if (wake_[1] >= 0) {
+      const char c = 1;
+      [[maybe_unused]] const ssize_t n = ::write(wake_[1], &c, 1);
+    }
+  }
+
+  // Engine thread: keeps the status and hands the event to the followers.
+  void runEvent(const RunEvent& event) {
+    // The common cases cost no lock: a line, the current command, an
+    // output's value, with nobody following.
+    if (followers_.load(std::memory_order_relaxed) == 0 &&
+        (event.kind == RunEventKind::kLine || event.kind == RunEventKind::kCommand ||
+         event.kind == RunEventKind::kTimeout || event.kind == RunEventKind::kOutput)) {
+      if (event.kind == RunEventKind::kLine) line_.store(event.line, std::memory_order_relaxed);
+      return;
+    }
+    std::lock_guard guard(mutex_);
+    switch (event.kind) {
+      case RunEventKind::kStarted:
+      case RunEventKind::kRelease:
+        state_ = "running";
+        break;
+      case RunEventKind::kHold:
+        state_ = "held";
+        holdReason_ = event.title;
+        holdId_ = event.number;
+        line_.store(event.line, std::memory_order_relaxed);
+        break;
+      case RunEventKind::kLine:
+        line_.store(event.line, std::memory_order_relaxed);
+        break;
+      case RunEventKind::kStatus:
+        status_ = event.text;
+        break;
+      case RunEventKind::kEnd:
+        state_ = "ended";
+        endReason_ = event.text;
+        break;
+      default:
+        break;
+    }
+    if (followers_.load(std::memory_order_relaxed) > 0) {
+      const std::string line = RunEventJson(event, origin_) + "\n";
+      for (auto& [id, client] : clients_) {
+        if (!client.events) continue;
+        client.out += line;
+        if (client.out.size() > kControlClientBacklog) client.drop = true;
+        if (event.kind == RunEventKind::kEnd) client.closeWhenFlushed = true;
+      }
+      wake();
+    }
+  }
+
+  // Any thread: queues a reply for client `id` if it is still there.
+  void reply(int id, const std::string& line) {
+    std::lock_guard guard(mutex_);
+    const auto it = clients_.find(id);
+    if (it == clients_.end()) return;
+    it->second.out += line + "\n";
+    wake();
+  }
+
+  std::string statusJson() const {
+    std::string json =
+        "{\"ok\":true,\"run\":" + jsonString(runId_) + ",\"pid\":" + std::to_string(getpid()) +
+        ",\"sequence\":" + jsonString(sequence_) + ",\"state\":" + jsonString(state_) +
+        ",\"line\":" + std::to_string(line_.load()) + ",\"status\":" + jsonString(status_);
+    if (state_ == "held") {
+      json += ",\"hold\":" + jsonString(holdReason_);
+      if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);
+    }
+    if (state_ == "ended") json += ",\"end\":" + jsonString(endReason_);
+    json += ",\"breakpoints\":[";
+    bool first = true;
+    for (const Breakpoint& b : breakpoints_.list()) {
+      if (!first) json += ',';
+      first = false;
+      json += "{\"id\":" + std::to_string(b.id) + ",\"spec\":" + jsonString(b.spec) +
+              ",\"what\":" + jsonString(DescribeBreakpoint(b)) + "}";
+    }
+    return json + "]}";
+  }
+
+  // Server thread, under the lock: answers one request line.
+  void request(int id, Client& client, const std::string& line) {
+    std::string error;
+    const auto parsed = ParseControlRequest(line, &error);
+    if (!parsed) {
+      client.out += Error(error) + "\n";
+      return;
+    }
+    const ControlRequest& r = *parsed;
+    if (r.cmd == "status") {
+      client.out += statusJson() + "\n";
+      return;
+    }
+    if (state_ == "ended") {
+      client.out += Error("the run has ended (" + endReason_ + ")") + "\n";
+      return;
+    }
+    auto self = shared_from_this();
+    if (r.cmd == "events") {
+      if (!client.events) ++followers_;
+      client.events = true;
+      client.out += kOk + "\n";
+    } else if (r.cmd == "pause" || r.cmd == "resume" || r.cmd == "step" || r.cmd == "skip") {
+      if (r.cmd == "pause") engine_.pause();
+      if (r.cmd == "resume") engine_.resume();
+      if (r.cmd == "step") engine_.step();
+      if (r.cmd == "skip") engine_.skip();
+      client.out += kOk + "\n";
+    } else if (r.cmd == "stop") {
+      engine_.close([self, id](bool closed) {
+        self->reply(id, closed ? kOk : Error("the run goes on: it may not be stopped (NONSTOP)"));
+      });
+    } else if (r.cmd == "break") {
+      engine_.post([self, id, args = r.args](Engine&) { self->breakCommand(id, args); });
+    } else if (r.cmd == "watch") {
+      if (r.args.empty()) {
+        client.out += Error("watch wants one or more channel names") + "\n";
+        return;
+      }
+      engine_.post([self, id, channels = r.args](Engine& engine) {
+        Instrument* instrument = engine.instrument();
+        std::string json = "{\"ok\":true,\"values\":{";
+        for (size_t i = 0; i < channels.size(); ++i) {
+          std::string value;
+          const bool read = instrument != nullptr && instrument->isOpen() &&
+                            instrument->channels().ReadChannel(channels[i], value);
+          if (i > 0) json += ',';
+          json += jsonString(channels[i]) + ":" + (read ? jsonString(value) : "null");
+        }
+        self->reply(id, json + "}}");
+      });
+    } else {
+      client.out += Error("unknown command \"" + r.cmd +
+                          "\" (status, pause, resume, step, skip, stop, break, watch, events)") +
+                    "\n";
+    }
+  }
+
+  // Engine thread: "break" lists, "break SPEC" and "break if CONDITION" set,
+  // "break clear ID" clears.
+  void breakCommand(int id, const std::vector<std::string>& args) {
+    std::string error;
+    if (args.empty() || (args.size() == 1 && args[0] == "list")) {
+      std::lock_guard guard(mutex_);
+      const std::string status = statusJson();
+      const auto it = clients_.find(id);
+      if (it != clients_.end()) it->second.out += status + "\n";
+      wake();
+      return;
+    }
+    if (args[0] == "clear") {
+      const auto number = args.size() == 2 ? parseWholeNumber(args[1]) : std::nullopt;
+      if (!number) return reply(id, Error("break clear wants a breakpoint's id"));
+      if (!breakpoints_.remove(*number))
+        return reply(id, Error("there is no breakpoint " + args[1]));
+      return reply(id, kOk);
+    }
+    const bool condition = args[0] == "if";
+    std::string spec;
+    for (size_t i = condition ? 1 : 0; i < args.size(); ++i)
+      spec += (spec.empty() ? "" : " ") + args[i];
+    const auto added = breakpoints_.add(spec, condition, &error);
+    reply(id, added ? "{\"ok\":true,\"id\":" + std::to_string(*added) + "}" : Error(error));
+  }
+
+  void serve() {
+    std::chrono::steady_clock::time_point stopBy{};
+    for (;;) {
+      std::vector<pollfd> fds;
+      std::vector<int> ids;
+      {
+        std::lock_guard guard(mutex_);
+        if (stopping_ && stopBy == std::chrono::steady_clock::time_point{})
+          stopBy = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        // Clients done with, or that fell too far behind, go.
+        for (auto it = clients_.begin(); it != clients_.end();) {
+          Client& c = it->second;
+          if (c.drop || (c.closeWhenFlushed && c.out.empty())) {
+            if (c.events) --followers_;
+            ::close(c.fd);
+            it = clients_.erase(it);
+          } else {
+            ++it;
+          }
+        }
+        bool pending = false;
+        for (auto& [id, c] : clients_) pending = pending || !c.out.empty();
+        if (stopping_ && (!pending || std::chrono::steady_clock::now() >= stopBy)) return;
+        fds.push_back({wake_[0], POLLIN, 0});
+        fds.push_back({listen_, static_cast<short>(stopping_ ? 0 : POLLIN), 0});
+        for (auto& [id, c] : clients_) {
+          short want = stopping_ || c.readClosed ? 0 : POLLIN;
+          if (!c.out.empty()) want |= POLLOUT;
+          fds.push_back({c.fd, want, 0});
+          ids.push_back(id);
+        }
+      }
+      if (::poll(fds.data(), fds.size(), stopping_ ? 100 : -1) < 0 && errno != EINTR) return;
+      char drain[256];
+      while (::read(wake_[0], drain, sizeof drain) > 0) {
+      }
+      if (fds[1].revents & POLLIN) {
+        const int fd = ::accept(listen_, nullptr, nullptr);
+        if (fd >= 0) {
+          ::fcntl(fd, F_SETFL, O_NONBLOCK);
+          ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+          std::lock_guard guard(mutex_);
+          clients_[nextClient_++].fd = fd;
+        }
+      }
+      std::lock_guard guard(mutex_);
+      for (size_t i = 0; i < ids.size(); ++i) {
+        const auto it = clients_.find(ids[i]);
+        if (it == clients_.end()) continue;
+        Client& c = it->second;
+        const short got = fds[i + 2].revents;
+        if ((got & (POLLIN | POLLHUP | POLLERR)) && !c.readClosed) readFrom(ids[i], c);
+        if ((got & (POLLHUP | POLLERR)) && c.readClosed && !(got & POLLOUT)) c.drop = true;
+        if ((got & POLLOUT) && !c.out.empty()) {
+          const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
+          if (n > 0) {
+            c.out.erase(0, static_cast<size_t>(n));
+          } else if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            c.drop = true;
+          }
+        }
+      }
+    }
+  }
+
+  // Under the lock: reads what the client sent and answers each whole line.
+  void readFrom(int id, Client& c) {
+    char buf[8192];
+    for (;;) {
+      const ssize_t n = ::recv(c.fd, buf, sizeof buf, 0);
+      if (n == 0) {
+        // The client sent all it will; it may still read its replies.
+        if (c.out.empty() && !c.events) c.drop = true;
+        c.closeWhenFlushed = !c.events;
+        shutdownRead(c);
+        return;
+      }
+      if (n < 0) {
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) c.drop = true;
+        return;
+      }
+      c.in.append(buf, static_cast<size_t>(n));
+      size_t start = 0;
+      for (size_t end; (end = c.in.find('\n', start)) != std::string::npos; start = end + 1) {
+        std::string line = c.in.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.size() > kControlMessageLimit) {
+          oversized(c);
+          return;
+        }
+        if (!line.empty()) request(id, c, line);
+      }
+      c.in.erase(0, start);
+      if (c.in.size() > kControlMessageLimit) {
+        oversized(c);
+        return;
+      }
+    }
+  }
+
+  void oversized(Client& c) {
+    c.in.clear();
+    c.out += Error("a message may hold at most 65536 bytes") + "\n";
+    c.closeWhenFlushed = true;
+    shutdownRead(c);
+  }
+  static void shutdownRead(Client& c) {
+    ::shutdown(c.fd, SHUT_RD);
+    c.readClosed = true;
+  }
+
+  Engine& engine_;
+  Breakpoints& breakpoints_;
+  std::string sequence_;
+  int64_t origin_;
+  std::string runId_, dir_, path_;
+  int listen_ = -1;
+  int wake_[2] = {-1, -1};
+  std::thread thread_;
+  RunEventBus::Subscription subscription_;
+
+  mutable std::mutex mutex_;
+  std::map<int, Client> clients_;
+  int nextClient_ = 1;
+  bool stopping_ = false;
+  std::string state_ = "ready";
+  std::string status_;
+  std::string holdReason_;
+  int64_t holdId_ = 0;
+  std::atomic<int32_t> line_{0};
+  // Clients that follow the events (changed under the lock).
+  std::atomic<int> followers_{0};
+  std::string endReason_;
+};
+
+std::unique_ptr<ControlSocket> ControlSocket::Open(Engine& engine, Breakpoints& breakpoints,
+                                                   const std::string& dataRoot,
+                                                   const std::string& sequence, int64_t origin,
+                                                   std::string* error) {
+  auto impl = std::make_shared<Impl>(engine, breakpoints, sequence, origin);
+  if (!impl->open(dataRoot, error)) {
+    impl->close();
+    return nullptr;
+  }
+  return std::unique_ptr<ControlSocket>(new ControlSocket(std::move(impl)));
+}
+
+ControlSocket::ControlSocket(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+ControlSocket::~ControlSocket() { impl_->close(); }
+const std::string& ControlSocket::runId() const { return impl_->runId(); }
+const std::string& ControlSocket::path() const { return impl_->path(); }
+
+}  // namespace tavrix

@@ -1,0 +1,207 @@
+#include "ctl_command.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "common/paths.h"
+#include "control_protocol.h"
+#include "run_command.h"
+#ifndef _WIN32
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "control_socket.h"
+#include "control_socket_address.h"
+#endif
+
+namespace tavrix {
+
+CtlCommand::CtlCommand(CLI::App& app) {
+  command_ = app.add_subcommand(
+      "ctl",
+      "Control a run of this user on this machine: ctl list | ctl RUN status|pause|resume|step|"
+      "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|events");
+  command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
+      ->required();
+  command_->allow_extras();
+}
+
+std::optional<int> CtlCommand::run(std::FILE* out, std::FILE* err) {
+  if (!command_->parsed()) return std::nullopt;
+  std::vector<std::string> words = words_;
+  for (const std::string& extra : command_->remaining()) words.push_back(extra);
+  return RunCtl(defaultDataRoot(), words, out, err);
+}
+
+#ifdef _WIN32
+
+int RunCtl(const std::string&, const std::vector<std::string>&, std::FILE*, std::FILE* err) {
+  std::fprintf(err,
+               "tavrix-cli ctl: this Windows build has no control socket; control a run from its "
+               "window or its terminal\n");
+  return kExitSequenceError;
+}
+
+#else
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A connection to one run's socket that sends requests and reads lines.
+class Connection {
+ public:
+  explicit Connection(int fd) : fd_(fd) {}
+  ~Connection() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool send(const std::string& line) {
+    const std::string text = line + "\n";
+    size_t sent = 0;
+    while (sent < text.size()) {
+      const ssize_t n = ::send(fd_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      sent += static_cast<size_t>(n);
+    }
+    return true;
+  }
+  // The next line; false when the run closed the connection.
+  bool line(std::string& text) {
+    for (;;) {
+      const size_t end = buffer_.find('\n');
+      if (end != std::string::npos) {
+        text = buffer_.substr(0, end);
+        buffer_.erase(0, end + 1);
+        return true;
+      }
+      char chunk[8192];
+      const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      buffer_.append(chunk, static_cast<size_t>(n));
+    }
+  }
+
+ private:
+  int fd_;
+  std::string buffer_;
+};
+
+std::string Socket(const fs::path& runFolder) { return (runFolder / "control.sock").string(); }
+
+// Removes what a run that is gone left behind.
+void Clean(const fs::path& runFolder) {
+  std::error_code ignored;
+  fs::remove(runFolder / "control.sock", ignored);
+  fs::remove(runFolder, ignored);  // only when nothing else is in it
+}
+
+int List(const std::string& runs, std::FILE* out) {
+  std::error_code error;
+  std::vector<fs::path> folders;
+  for (fs::directory_iterator it(runs, error), end; !error && it != end; it.increment(error))
+    if (it->is_directory(error)) folders.push_back(it->path());
+  std::sort(folders.begin(), folders.end());
+  int listed = 0;
+  for (const fs::path& folder : folders) {
+    if (!fs::exists(folder / "control.sock", error)) continue;
+    const int fd = ConnectControlSocket(Socket(folder));
+    if (fd < 0) {
+      if (errno == ECONNREFUSED || errno == ENOENT) Clean(folder);
+      continue;
+    }
+    // A run that does not answer within a while is left out of the list.
+    const timeval wait{5, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    Connection connection(fd);
+    std::string reply;
+    if (!connection.send(ControlRequestJson({"status", {}})) || !connection.line(reply)) continue;
+    if (listed++ == 0)
+      std::fprintf(out, "%-24s %-8s %6s  %s\n", "RUN", "STATE", "LINE", "SEQUENCE");
+    size_t at = reply.find("\"line\":");
+    const std::string number =
+        at == std::string::npos ? "" : reply.substr(at + 7, reply.find(',', at) - at - 7);
+    std::fprintf(out, "%-24s %-8s %6s  %s\n", folder.filename().string().c_str(),
+                 JsonStringField(reply, "state").value_or("?").c_str(), number.c_str(),
+                 JsonStringField(reply, "sequence").value_or("").c_str());
+  }
+  if (listed == 0) std::fprintf(out, "no run is going\n");
+  return kExitOk;
+}
+
+// The folder of run `run`: its id, or the process id that ends it.
+std::optional<fs::path> FindRun(const std::string& runs, const std::string& run) {
+  std::error_code error;
+  if (run.empty() || run.find('/') != std::string::npos || run == "." || run == "..")
+    return std::nullopt;
+  if (fs::is_directory(fs::path(runs) / run, error)) return fs::path(runs) / run;
+  std::optional<fs::path> found;
+  for (fs::directory_iterator it(runs, error), end; !error && it != end; it.increment(error)) {
+    const std::string name = it->path().filename().string();
+    if (name.size() > run.size() && name.compare(name.size() - run.size(), run.size(), run) == 0 &&
+        name[name.size() - run.size() - 1] == '-') {
+      if (found) return std::nullopt;  // not one run
+      found = it->path();
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, std::FILE* out,
+           std::FILE* err) {
+  const std::string runs = RunsFolder(dataRoot);
+  if (words.size() == 1 && words[0] == "list") return List(runs, out);
+  if (words.size() < 2) {
+    std::fprintf(err,
+                 "tavrix-cli ctl: give 'list', or a run and a command: status, pause, resume, "
+                 "step, skip, stop, break, watch, events\n");
+    return kExitUsage;
+  }
+  const std::string& run = words[0];
+  const auto gone = [&] {
+    std::fprintf(err,
+                 "tavrix-cli ctl: run %s is not going (it has ended, or never ran here); "
+                 "'tavrix-cli ctl list' shows the runs\n",
+                 run.c_str());
+    return kExitSequenceError;
+  };
+  const auto folder = FindRun(runs, run);
+  if (!folder) return gone();
+  const int fd = ConnectControlSocket(Socket(*folder));
+  if (fd < 0) {
+    if (errno == ECONNREFUSED || errno == ENOENT) Clean(*folder);
+    return gone();
+  }
+  Connection connection(fd);
+  ControlRequest request{words[1], {words.begin() + 2, words.end()}};
+  std::string reply;
+  if (!connection.send(ControlRequestJson(request)) || !connection.line(reply)) {
+    std::fprintf(err, "tavrix-cli ctl: run %s ended before it answered\n", run.c_str());
+    return kExitSequenceError;
+  }
+  if (reply.rfind("{\"ok\":false", 0) == 0) {
+    std::fprintf(err, "tavrix-cli ctl: %s\n",
+                 JsonStringField(reply, "error").value_or(reply).c_str());
+    return kExitSequenceError;
+  }
+  std::fprintf(out, "%s\n", reply.c_str());
+  if (request.cmd == "events") {
+    std::fflush(out);
+    for (std::string line; connection.line(line);) {
+      std::fprintf(out, "%s\n", line.c_str());
+      std::fflush(out);
+    }
+  }
+  return kExitOk;
+}
+
+#endif
+
+}  // namespace tavrix

@@ -1,0 +1,32 @@
+// `tavrix-cli ctl`: lists this user's runs on this machine and sends a run
+// commands through its control socket (see control_socket.h).
+#pragma once
+
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace tavrix {
+
+class CtlCommand {
+ public:
+  explicit CtlCommand(CLI::App& app);
+  // The exit status when `ctl` was given: 0, 1 (no such run, the run has
+  // ended, or it refused the command), 2 (bad usage).
+  std::optional<int> run(std::FILE* out, std::FILE* err);
+
+ private:
+  CLI::App* command_;
+  std::vector<std::string> words_;
+};
+
+// `ctl list` and `ctl RUN COMMAND ARGS...` with the runs of `dataRoot`.
+int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, std::FILE* out,
+           std::FILE* err);
+
+}  // namespace tavrix

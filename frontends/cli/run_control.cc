@@ -1,0 +1,80 @@
+#include "run_control.h"
+
+#include "terminal_keys.h"
+#include "terminal_view.h"
+
+#ifndef _WIN32
+#include "control_socket.h"
+#endif
+
+namespace tavrix {
+
+#ifdef _WIN32
+// This build has no control socket; the class is only named.
+class ControlSocket {};
+#endif
+
+RunControl::RunControl(Engine& engine, std::FILE* err)
+    : engine_(engine), err_(err), breakpoints_(engine) {
+  // Says which breakpoint held the run, and how to go on from elsewhere.
+  holds_ = engine.subscribe([this](const RunEvent& event) {
+    if (event.kind != RunEventKind::kHold) return;
+    if (event.title != "break") {
+      // At the terminal the keys go on from here.
+      if (view_ != nullptr)
+        view_->note("held before line " + std::to_string(event.line) + " (" + event.title + ")");
+      return;
+    }
+    std::string what = "breakpoint " + std::to_string(event.number);
+    for (const Breakpoint& b : breakpoints_.list())
+      if (b.id == event.number) what += " (" + DescribeBreakpoint(b) + ")";
+    const std::string id = runId();
+    std::fprintf(err_, "tavrix-cli: held before line %d by %s%s\n", static_cast<int>(event.line),
+                 what.c_str(),
+                 id.empty() ? "" : ("; go on with: tavrix-cli ctl " + id + " resume").c_str());
+    std::fflush(err_);
+  });
+}
+
+RunControl::~RunControl() {
+  if (keys_ != nullptr) keys_->stop();
+  holds_.reset();
+  socket_.reset();
+}
+
+bool RunControl::setBreakpoints(const std::vector<std::string>& lines,
+                                const std::vector<std::string>& conditions, std::string* error) {
+  for (const std::string& spec : lines)
+    if (!breakpoints_.add(spec, false, error)) return false;
+  for (const std::string& spec : conditions)
+    if (!breakpoints_.add(spec, true, error)) return false;
+  return true;
+}
+
+void RunControl::openSocket(const std::string& sequence) {
+#ifndef _WIN32
+  std::string error;
+  socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(), sequence,
+                                engine_.clock().now(), &error);
+  if (!socket_)
+    std::fprintf(err_, "tavrix-cli: warning: no control socket (the run goes on): %s\n",
+                 error.c_str());
+#else
+  (void)sequence;
+#endif
+}
+
+void RunControl::takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view) {
+  keys_ = &keys;
+  view_ = &view;
+  keys.start(in, engine_, breakpoints_, view);
+}
+
+std::string RunControl::runId() const {
+#ifndef _WIN32
+  if (socket_) return socket_->runId();
+#endif
+  return {};
+}
+
+}  // namespace tavrix
