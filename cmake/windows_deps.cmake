@@ -42,9 +42,9 @@ add_compile_definitions(UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WIN
 #                                       a forked child
 #   resultsdb/results_queue_test.cc     shares the store tests' POSIX helpers
 #   engine/engine_commands_test.cc,     lay out their in-memory data roots with
-#   engine/calc_day_test.cc             Linux paths (/data/c/corvane), where a
-#                                       Windows build maps the drive to the
+#   engine/calc_day_test.cc,            Linux paths (/data/c/corvane), where a
+#   engine/breakpoints_test.cc          Windows build maps the drive to the
 #                                       drive itself
 set(TAVRIX_POSIX_ONLY_TESTS common/text_file_test.cc common/file_system_test.cc
     testdb/results_files_process_test.cc instrument/tcp/rig_server_test.cc resultsdb/results_queue_test.cc
-    engine/engine_commands_test.cc engine/calc_day_test.cc)
+    engine/engine_commands_test.cc engine/calc_day_test.cc engine/breakpoints_test.cc)

@@ -1,5 +1,6 @@
 #include "common/text_conventions.h"
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -261,9 +262,10 @@ size_t writeGeneral(double value, int significantDigits, char* out) {
   uint64_t r = 0;
   int x = 0;
   if (value == 0 || !roundedDigits(value, significantDigits, r, x)) {
-    const auto end =
-        std::to_chars(out, out + 32, value, std::chars_format::general, significantDigits);
-    return static_cast<size_t>(end.ptr - out);
+    // The C library's own text, as every number had before: the runtimes
+    // differ on a NaN's sign ("-nan" on Linux, "nan" on Windows).
+    const int length = std::snprintf(out, 32, "%.*g", significantDigits, value);
+    return length < 0 ? 0 : std::min<size_t>(static_cast<size_t>(length), 31);
   }
   char digits[16];
   int n = significantDigits;
