@@ -30,7 +30,7 @@ struct Breakpoint {
   Kind kind = Kind::kLine;
   // As given: "120", "120:3", "HEAT", "T1 > 80:2".
   std::string spec;
-  // The spec without its hit count: the line, label or condition.
+  // What was asked for, without its hit count: the line, label or condition.
   std::string target;
   // The line before which it holds (line and label breakpoints).
   int32_t line = 0;
