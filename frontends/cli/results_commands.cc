@@ -9,6 +9,7 @@
 #include "common/trace.h"
 #include "instrument/link/instrument_settings.h"
 #include "resultsdb/postgres_connection.h"
+#include "resultsdb/results_analytics.h"
 #include "resultsdb/results_import.h"
 #include "resultsdb/results_queue.h"
 #include "resultsdb/results_recorder.h"
@@ -117,7 +118,8 @@ std::string Percent(int passed, int tested) {
 
 ResultsCommands::ResultsCommands(CLI::App& app) {
   results_ = app.add_subcommand(
-      "results", "Query the results store: list, show, export, yield, import, queue");
+      "results",
+      "Query the results store: list, show, export, yield, cpk, top-failures, import, queue");
   results_->require_subcommand(1);
   auto common = [this](CLI::App* c) {
     c->add_option("--store", options_.store,
@@ -152,6 +154,26 @@ ResultsCommands::ResultsCommands(CLI::App& app) {
   yield_ = results_->add_subcommand("yield", "Pass rate per test and station per day");
   common(yield_);
   filters(yield_);
+  yield_->add_flag("--first-pass", options_.firstPass,
+                   "Also the first-pass yield (each serial number's first test of a title) and "
+                   "the serial numbers tested more than once");
+  cpk_ = results_->add_subcommand(
+      "cpk", "Mean, standard deviation and Cp/Cpk, Pp/Ppk of one check's readings");
+  common(cpk_);
+  filters(cpk_);
+  cpk_->add_option("CHECK", options_.check, "The check's parameter name")->required();
+  cpk_->add_option("--step", options_.step,
+                   "Only the check at this stage (a name checked at several stages may have "
+                   "other limits at each)")
+      ->check(CLI::PositiveNumber);
+  cpk_->add_option("--limit", options_.limit, "Only the newest this many readings (0: all)")
+      ->check(CLI::NonNegativeNumber);
+  topFailures_ = results_->add_subcommand("top-failures", "The checks that failed most");
+  common(topFailures_);
+  filters(topFailures_);
+  topFailures_
+      ->add_option("--limit", options_.limit, "At most this many checks (default 10; 0: all)")
+      ->check(CLI::NonNegativeNumber);
   import_ = results_->add_subcommand("import", "Load the details files of a results folder");
   common(import_);
   import_->add_option("FOLDER", options_.folder, "Folder of results files (.txt, .xml)")
@@ -263,7 +285,9 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
   if (!o.to.empty() && !NormaliseDateBound(o.to, true, filter.to)) {
     return usage("--to wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.to + "\"");
   }
-  if (list_->parsed()) filter.limit = o.limit;
+  if (list_->parsed()) filter.limit = o.limit.value_or(50);
+  if (cpk_->parsed()) filter.limit = o.limit.value_or(0);
+  if (topFailures_->parsed()) filter.limit = o.limit.value_or(10);
 
   std::string error;
   InstrumentSettings settings;
@@ -397,25 +421,140 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
   if (yield_->parsed()) {
     std::vector<YieldRow> rows;
     if (!store->yield(filter, rows, &error)) return failed();
+    std::vector<RetestRow> retests;
+    if (o.firstPass && !Retests(*store, filter, retests, &error)) return failed();
     if (o.json) {
       json array = json::array();
       for (const auto& r : rows) {
-        array.push_back({{"day", r.day},
-                         {"test", r.test},
-                         {"station", r.station},
-                         {"tested", r.tested},
-                         {"passed", r.passed},
-                         {"yield", r.tested ? static_cast<double>(r.passed) / r.tested : 0.0}});
+        json j = {{"day", r.day},
+                  {"test", r.test},
+                  {"station", r.station},
+                  {"tested", r.tested},
+                  {"passed", r.passed},
+                  {"yield", r.tested ? static_cast<double>(r.passed) / r.tested : 0.0}};
+        if (o.firstPass) {
+          j["first_tested"] = r.firstTested;
+          j["first_passed"] = r.firstPassed;
+          j["first_pass_yield"] =
+              r.firstTested ? static_cast<double>(r.firstPassed) / r.firstTested : 0.0;
+          j["retests"] = r.tested - r.firstTested;
+        }
+        array.push_back(j);
       }
-      PrintJson(out, array);
+      if (!o.firstPass) {
+        PrintJson(out, array);
+        return kResultsDone;
+      }
+      json serials = json::array();
+      for (const auto& r : retests) {
+        serials.push_back(
+            {{"serial", r.serial}, {"test", r.test}, {"tests", r.tests}, {"passed", r.passed}});
+      }
+      PrintJson(out, {{"yield", array}, {"retested", serials}});
       return kResultsDone;
     }
     std::vector<std::vector<std::string>> table;
     for (const auto& r : rows) {
       table.push_back({r.day, r.test, r.station, std::to_string(r.tested), std::to_string(r.passed),
                        Percent(r.passed, r.tested)});
+      if (o.firstPass) {
+        table.back().insert(table.back().end(),
+                            {std::to_string(r.firstTested), std::to_string(r.firstPassed),
+                             r.firstTested ? Percent(r.firstPassed, r.firstTested) : "-",
+                             std::to_string(r.tested - r.firstTested)});
+      }
     }
-    PrintTable(out, {"Day", "Test", "Station", "Tested", "Passed", "Yield"}, table);
+    if (!o.firstPass) {
+      PrintTable(out, {"Day", "Test", "Station", "Tested", "Passed", "Yield"}, table);
+      return kResultsDone;
+    }
+    PrintTable(out,
+               {"Day", "Test", "Station", "Tested", "Passed", "Yield", "First", "First passed",
+                "First-pass yield", "Retests"},
+               table);
+    int extra = 0;
+    for (const auto& r : retests) extra += r.tests - 1;
+    std::fprintf(out, "\n%zu serial number%s tested more than once (%d retest%s)\n", retests.size(),
+                 retests.size() == 1 ? "" : "s", extra, extra == 1 ? "" : "s");
+    return kResultsDone;
+  }
+
+  if (cpk_->parsed()) {
+    std::vector<CheckReading> readings;
+    if (!CheckReadings(*store, o.check, o.step, filter, readings, &error)) return failed();
+    if (readings.empty()) {
+      std::fprintf(err, "tavrix-cli results: no numeric reading of check \"%s\" in %s\n",
+                   visibleText(o.check).c_str(), store->describe().c_str());
+      return kResultsFailed;
+    }
+    const CheckStatistics s = ComputeCheckStatistics(readings);
+    auto number = [](const std::optional<double>& v) -> json {
+      return v ? json(*v) : json(nullptr);
+    };
+    if (o.json) {
+      PrintJson(out, {{"check", o.check},
+                      {"step", o.step},
+                      {"readings", s.count},
+                      {"failed", s.failed},
+                      {"mean", s.mean},
+                      {"std_dev", s.stdDev},
+                      {"sigma_within", s.sigmaWithin},
+                      {"min", s.minimum},
+                      {"max", s.maximum},
+                      {"lower", number(s.lower)},
+                      {"upper", number(s.upper)},
+                      {"limits_varied", s.limitsVaried},
+                      {"cp", number(s.cp)},
+                      {"cpk", number(s.cpk)},
+                      {"pp", number(s.pp)},
+                      {"ppk", number(s.ppk)}});
+      return kResultsDone;
+    }
+    auto text = [](const std::optional<double>& v) {
+      if (!v) return std::string("-");
+      char buf[32];
+      std::snprintf(buf, sizeof buf, "%.3f", *v);
+      return std::string(buf);
+    };
+    auto g = [](double v) {
+      char buf[32];
+      std::snprintf(buf, sizeof buf, "%.6g", v);
+      return std::string(buf);
+    };
+    std::fprintf(out,
+                 "Check: %s\nReadings: %zu (%zu failed), %s to %s\nLimits: %s to %s%s\n"
+                 "Mean: %s\nStd dev: %s (overall), %s (within)\nMin: %s  Max: %s\n"
+                 "Cp: %s  Cpk: %s\nPp: %s  Ppk: %s\n",
+                 visibleText(o.check).c_str(), s.count, s.failed, readings.front().endedAt.c_str(),
+                 readings.back().endedAt.c_str(), text(s.lower).c_str(), text(s.upper).c_str(),
+                 s.limitsVaried ? " (older readings had other limits)" : "", g(s.mean).c_str(),
+                 g(s.stdDev).c_str(), g(s.sigmaWithin).c_str(), g(s.minimum).c_str(),
+                 g(s.maximum).c_str(), text(s.cp).c_str(), text(s.cpk).c_str(), text(s.pp).c_str(),
+                 text(s.ppk).c_str());
+    return kResultsDone;
+  }
+
+  if (topFailures_->parsed()) {
+    std::vector<FailureRow> rows;
+    if (!TopFailures(*store, filter, rows, &error)) return failed();
+    if (o.json) {
+      json array = json::array();
+      for (const auto& r : rows) {
+        array.push_back({{"test", r.test},
+                         {"step", r.step},
+                         {"check", r.parameter},
+                         {"failed", r.failed},
+                         {"checked", r.checked}});
+      }
+      PrintJson(out, array);
+      return kResultsDone;
+    }
+    std::vector<std::vector<std::string>> table;
+    for (const auto& r : rows) {
+      table.push_back({r.test, std::to_string(r.step), r.parameter, std::to_string(r.failed),
+                       std::to_string(r.checked), Percent(r.failed, r.checked)});
+    }
+    PrintTable(out, {"Test", "Stage", "Check", "Failed", "Checked", "Failure rate"}, table);
     return kResultsDone;
   }
 

@@ -4,7 +4,10 @@
 //             verdict and date range
 //   show      one serial number's UUTs with their stage checks
 //   export    records with their checks as CSV or JSON
-//   yield     pass rate per test and station per day
+//   yield     pass rate per test and station per day (--first-pass: the
+//             first tests of each serial number alone, and the retests)
+//   cpk       mean, spread and capability of one check's readings
+//   top-failures  the checks that failed most
 //   import    loads the details files of a results folder into the store
 //   queue     the records that wait in the data root's journal, and for
 //             which store; --retry delivers them
@@ -35,12 +38,15 @@ struct ResultsOptions {
   std::string verdict;
   std::string from;
   std::string to;
-  int limit = 50;
+  std::optional<int> limit;  // list: 50 unless given; 0 all
   bool json = false;
   bool csv = false;
   std::string output;  // export: a file instead of standard output
   std::string folder;  // import
   bool retry = false;  // queue
+  bool firstPass = false;  // yield
+  std::string check;       // cpk
+  int step = 0;            // cpk: the check at this stage only
 };
 
 struct StoreSpec;
@@ -61,6 +67,8 @@ class ResultsCommands {
   CLI::App* show_;
   CLI::App* export_;
   CLI::App* yield_;
+  CLI::App* cpk_;
+  CLI::App* topFailures_;
   CLI::App* import_;
   CLI::App* queue_;
 };

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -102,6 +103,90 @@ TEST_F(ResultsCliTest, TheExampleRunLeavesItsUutsInTheFilesAndTheStoreForEveryQu
   EXPECT_EQ(yield[0]["day"], "2026-11-15");
   EXPECT_EQ(yield[0]["tested"], 2);
   EXPECT_EQ(yield[0]["passed"], 1);
+}
+
+TEST_F(ResultsCliTest, FirstPassYieldCpkAndTopFailuresOfTwoDaysOfRuns) {
+  ASSERT_EQ(RunExample(), kExitUutFailed) << err_;
+  // The same two pumps again the next day on another rig: both are retests.
+  std::vector<std::string> again = {"run",
+                                    "--virtual-time",
+                                    "--start",
+                                    "2026-11-16 09:00:00",
+                                    "--setup",
+                                    "examples/rig.ims",
+                                    "--answers",
+                                    "examples/uut_test.answers",
+                                    "--station",
+                                    "rig-8",
+                                    "examples/uut_test.wts"};
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir_);
+  ASSERT_EQ(Cli(again), kExitUutFailed) << err_;
+  std::filesystem::current_path(before);
+
+  ASSERT_EQ(Cli({"results", "yield", "--first-pass", "--json"}), kResultsDone) << err_;
+  const json yield = json::parse(out_);
+  ASSERT_EQ(yield["yield"].size(), 2u);
+  EXPECT_EQ(yield["yield"][0]["day"], "2026-11-16");
+  EXPECT_EQ(yield["yield"][0]["tested"], 2);
+  EXPECT_EQ(yield["yield"][0]["first_tested"], 0);
+  EXPECT_EQ(yield["yield"][0]["retests"], 2);
+  EXPECT_EQ(yield["yield"][1]["first_tested"], 2);
+  EXPECT_EQ(yield["yield"][1]["first_passed"], 1);
+  EXPECT_DOUBLE_EQ(yield["yield"][1]["first_pass_yield"].get<double>(), 0.5);
+  ASSERT_EQ(yield["retested"].size(), 2u);
+  EXPECT_EQ(yield["retested"][0]["tests"], 2);
+  ASSERT_EQ(Cli({"results", "yield", "--first-pass"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("First-pass yield"));
+  EXPECT_THAT(out_, HasSubstr("2 serial numbers tested more than once (2 retests)"));
+
+  // Cpk of the fan speed against a value worked out here from the exported
+  // readings, in the order the units ended.
+  ASSERT_EQ(Cli({"results", "export", "--json"}), kResultsDone) << err_;
+  const json all = json::parse(out_);
+  std::vector<double> fan;
+  for (auto u = all.rbegin(); u != all.rend(); ++u) {
+    for (const auto& c : (*u)["checks"]) {
+      if (c["parameter"] == "Fan speed") fan.push_back(std::stod(c["value"].get<std::string>()));
+    }
+  }
+  ASSERT_GE(fan.size(), 3u);
+  double mean = 0;
+  for (double v : fan) mean += v / fan.size();
+  double ranges = 0;
+  for (size_t i = 1; i < fan.size(); ++i) ranges += std::fabs(fan[i] - fan[i - 1]);
+  ASSERT_EQ(Cli({"results", "cpk", "Fan speed", "--json"}), kResultsDone) << err_;
+  const json cpk = json::parse(out_);
+  EXPECT_EQ(cpk["readings"], fan.size());
+  EXPECT_NEAR(cpk["mean"].get<double>(), mean, 1e-9);
+  EXPECT_EQ(cpk["lower"], 1150.0);
+  EXPECT_EQ(cpk["upper"], 1250.0);
+  const double within = ranges / (fan.size() - 1) / 1.128;
+  if (within > 0) {
+    EXPECT_NEAR(cpk["cpk"].get<double>(), std::min(1250 - mean, mean - 1150) / (3 * within), 1e-9);
+  } else {
+    EXPECT_TRUE(cpk["cpk"].is_null());
+  }
+  ASSERT_EQ(Cli({"results", "cpk", "Fan speed"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("Limits: 1150.000 to 1250.000"));
+  // One name checked at two stages against other limits.
+  ASSERT_EQ(Cli({"results", "cpk", "OVEN-AMBIENT", "--json"}), kResultsDone) << err_;
+  EXPECT_EQ(json::parse(out_)["limits_varied"], true);
+  ASSERT_EQ(Cli({"results", "cpk", "OVEN-AMBIENT", "--step", "2", "--json"}), kResultsDone);
+  EXPECT_EQ(json::parse(out_)["limits_varied"], false);
+  EXPECT_EQ(json::parse(out_)["upper"], 3.0);
+  EXPECT_EQ(Cli({"results", "cpk", "No such check"}), kResultsFailed);
+  EXPECT_THAT(err_, HasSubstr("no numeric reading of check \"No such check\""));
+
+  ASSERT_EQ(Cli({"results", "top-failures", "--json"}), kResultsDone) << err_;
+  const json top = json::parse(out_);
+  ASSERT_EQ(top.size(), 1u);
+  EXPECT_EQ(top[0]["check"], "OVEN-AMBIENT");
+  EXPECT_EQ(top[0]["step"], 2);
+  EXPECT_EQ(top[0]["failed"], 2);
+  EXPECT_EQ(top[0]["checked"], 4);
+  ASSERT_EQ(Cli({"results", "top-failures", "--station", "rig-7"}), kResultsDone) << err_;
+  EXPECT_THAT(out_, HasSubstr("OVEN-AMBIENT  1       2"));
 }
 
 TEST_F(ResultsCliTest, ImportTakesAFolderOnceAndSkipsABadFileWhole) {

@@ -57,13 +57,25 @@ StoredUut UutFromRow(const std::vector<std::string>& row) {
   return uut;
 }
 
-// The WHERE clause of a filter, its parameters numbered from 1.
+std::string Limit(const UutFilter& filter) {
+  if (filter.limit <= 0) return "";
+  std::string sql = " LIMIT " + std::to_string(filter.limit);
+  if (filter.offset > 0) sql += " OFFSET " + std::to_string(filter.offset);
+  return sql;
+}
+
 std::string Where(const UutFilter& filter, SqlParams& params) {
+  return UutFilterSql(filter, params, " WHERE ");
+}
+
+}  // namespace
+
+std::string UutFilterSql(const UutFilter& filter, SqlParams& params, const char* lead) {
   std::string where;
   auto add = [&](const std::string& value, const char* condition) {
     if (value.empty()) return;
     params.push_back(value);
-    where += where.empty() ? " WHERE " : " AND ";
+    where += where.empty() ? lead : " AND ";
     where += std::string(condition) + " $" + std::to_string(params.size());
   };
   add(filter.serial, "serial =");
@@ -72,14 +84,20 @@ std::string Where(const UutFilter& filter, SqlParams& params) {
   add(filter.verdict, "verdict =");
   add(filter.from, "ended_at >=");
   add(filter.to, "ended_at <=");
+  add(filter.key, "uut_key =");
   return where;
 }
 
-std::string Limit(const UutFilter& filter) {
-  return filter.limit > 0 ? " LIMIT " + std::to_string(filter.limit) : "";
+bool SqlResultsStore::count(const UutFilter& filter, long& out, std::string* error) {
+  SqlParams params;
+  SqlRows rows;
+  if (!connection_->exec("SELECT COUNT(*) FROM uut" + Where(filter, params), params, &rows, nullptr,
+                         error)) {
+    return false;
+  }
+  out = rows.empty() ? 0 : std::atol(rows[0][0].c_str());
+  return true;
 }
-
-}  // namespace
 
 const std::vector<Migration>& SchemaMigrations() { return kMigrations; }
 
@@ -254,19 +272,28 @@ bool SqlResultsStore::fetch(const UutFilter& filter, std::vector<StoredUut>& out
 
 bool SqlResultsStore::yield(const UutFilter& filter, std::vector<YieldRow>& out,
                             std::string* error) {
+  // A UUT is its serial number's first test of a title when no record of
+  // the same serial and title ended before it (the key settles a tie); the
+  // serial number's index makes that a lookup per record.
   SqlParams params;
   const std::string sql =
       "SELECT substr(ended_at, 1, 10) AS day, test_title, station, COUNT(*), SUM(CASE WHEN "
-      "verdict = 'PASS' THEN 1 ELSE 0 END) FROM uut" +
+      "verdict = 'PASS' THEN 1 ELSE 0 END), SUM(first), SUM(CASE WHEN verdict = 'PASS' THEN first "
+      "ELSE 0 END) FROM (SELECT ended_at, test_title, station, verdict, CASE WHEN EXISTS (SELECT 1 "
+      "FROM uut p WHERE p.serial = u.serial AND p.test_title = u.test_title AND (p.ended_at < "
+      "u.ended_at OR (p.ended_at = u.ended_at AND p.uut_key < u.uut_key))) THEN 0 ELSE 1 END AS "
+      "first FROM uut u" +
       Where(filter, params) +
-      " GROUP BY substr(ended_at, 1, 10), test_title, station ORDER BY day DESC, test_title, "
+      ") t GROUP BY substr(ended_at, 1, 10), test_title, station ORDER BY day DESC, test_title, "
       "station" +
       Limit(filter);
   SqlRows rows;
   if (!connection_->exec(sql, params, &rows, nullptr, error)) return false;
   out.clear();
-  for (const auto& row : rows)
-    out.push_back({row[0], row[1], row[2], Number(row[3]), Number(row[4])});
+  for (const auto& row : rows) {
+    out.push_back(
+        {row[0], row[1], row[2], Number(row[3]), Number(row[4]), Number(row[5]), Number(row[6])});
+  }
   return true;
 }
 

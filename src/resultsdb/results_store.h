@@ -23,8 +23,15 @@ struct UutFilter {
   std::string verdict;  // "PASS" or "FAIL"
   std::string from;     // "YYYY-MM-DD[ HH:MM:SS]", by the time the UUT ended
   std::string to;       // inclusive; a day alone means to its end
+  std::string key;      // one record by its key
   int limit = 0;        // 0: all
+  int offset = 0;       // records passed over before the first taken (with a limit)
 };
+
+// The WHERE clause of `filter` over the uut table's own column names,
+// introduced by `lead` (" WHERE " or " AND "), its parameters appended to
+// `params` and numbered after those already there; empty for no filter.
+std::string UutFilterSql(const UutFilter& filter, SqlParams& params, const char* lead = " WHERE ");
 
 // Pass rate of one test on one station on one day.
 struct YieldRow {
@@ -33,6 +40,10 @@ struct YieldRow {
   std::string station;
   int tested = 0;
   int passed = 0;
+  // Of those, the UUTs that were their serial number's first test of that
+  // test title (whenever it ran), and how many of them passed.
+  int firstTested = 0;
+  int firstPassed = 0;
 };
 
 // Interface to the store. Abstract so the recorder can be tested against a
@@ -77,6 +88,8 @@ class SqlResultsStore : public ResultsStore {
   bool list(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool fetch(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) override;
+  // How many records the filter takes (its limit and offset left aside).
+  bool count(const UutFilter& filter, long& out, std::string* error);
   std::string describe() const override { return connection_->describe(); }
   bool refusedContent() const override;
 
