@@ -13,7 +13,9 @@
 #include "build_version.h"
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
+#include "console_operators.h"
 #include "crypt_commands.h"
+#include "ctl_command.h"
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/iomap/map_link.h"
@@ -24,14 +26,13 @@
 #include "platform/companion_programs.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
-#include "ctl_command.h"
 #include "results_commands.h"
-#include "run_control.h"
-#include "terminal_keys.h"
 #include "resultsdb/results_feed.h"
-#include "console_operators.h"
+#include "run_control.h"
 #include "sequencer/sequence_file.h"
+#include "serve_command.h"
 #include "simulated_devices.h"
+#include "terminal_keys.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -576,6 +577,7 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   CryptCommands cryptCommands(app);
   ResultsCommands resultsCommands(app);
   CtlCommand ctlCommand(app);
+  ServeCommand serveCommand(app);
 
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
@@ -598,6 +600,7 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
   if (auto status = ctlCommand.run(out, err)) return *status;
+  if (auto status = serveCommand.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(rig, out, err);
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
   return kExitUsage;
