@@ -42,8 +42,8 @@ bool CheckReadings(SqlResultsStore& store, const std::string& parameter, int ste
   }
   const std::string records = Records(filter, params);
   std::string sql =
-      "SELECT u.ended_at, u.serial, u.uut_key, u.station, c.reading, c.lower_limit, "
-      "c.upper_limit, c.result FROM stage_check c JOIN " +
+      "SELECT u.ended_at, u.serial, c.reading, c.lower_limit, c.upper_limit, c.result FROM "
+      "stage_check c JOIN " +
       records + " u ON u.uut_key = c.uut_key WHERE c.parameter = $1" + stage +
       " AND c.reading IS NOT NULL ORDER BY u.ended_at DESC, u.uut_key DESC, c.position DESC";
   if (filter.limit > 0) sql += " LIMIT " + std::to_string(filter.limit);
@@ -56,12 +56,10 @@ bool CheckReadings(SqlResultsStore& store, const std::string& parameter, int ste
     CheckReading r;
     r.endedAt = row[0];
     r.serial = row[1];
-    r.uutKey = row[2];
-    r.station = row[3];
-    r.value = std::strtod(row[4].c_str(), nullptr);
-    r.lower = row[5];
-    r.upper = row[6];
-    r.passed = row[7] == "Pass";
+    r.value = std::strtod(row[2].c_str(), nullptr);
+    r.lower = row[3];
+    r.upper = row[4];
+    r.passed = row[5] == "Pass";
     out.push_back(std::move(r));
   }
   return true;
@@ -72,14 +70,11 @@ CheckStatistics ComputeCheckStatistics(const std::vector<CheckReading>& readings
   s.count = readings.size();
   if (readings.empty()) return s;
   // The limits of the newest reading that has any.
-  for (auto it = readings.rbegin(); it != readings.rend(); ++it) {
-    const auto lower = LimitValue(it->lower);
-    const auto upper = LimitValue(it->upper);
-    if (lower || upper) {
-      s.lower = lower;
-      s.upper = upper;
-      break;
-    }
+  const CheckReading* limits = nullptr;
+  for (auto it = readings.rbegin(); it != readings.rend() && !limits; ++it) {
+    s.lower = LimitValue(it->lower);
+    s.upper = LimitValue(it->upper);
+    if (s.lower || s.upper) limits = &*it;
   }
   // Welford's running mean and sum of squares: no loss of precision when
   // the readings sit far from zero.
@@ -96,7 +91,10 @@ CheckStatistics ComputeCheckStatistics(const std::vector<CheckReading>& readings
     s.maximum = std::max(s.maximum, r.value);
     if (!r.passed) ++s.failed;
     if (i > 0) movingRanges += std::fabs(r.value - readings[i - 1].value);
-    if ((s.lower || s.upper) && (LimitValue(r.lower) != s.lower || LimitValue(r.upper) != s.upper))
+    // Limits written as the newest's are the same; others are compared by
+    // value ("5" and "5.0" are one limit).
+    if (limits && !s.limitsVaried && (r.lower != limits->lower || r.upper != limits->upper) &&
+        (LimitValue(r.lower) != s.lower || LimitValue(r.upper) != s.upper))
       s.limitsVaried = true;
   }
   s.mean = mean;

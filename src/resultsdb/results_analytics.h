@@ -17,8 +17,6 @@ namespace tavrix {
 struct CheckReading {
   std::string endedAt;
   std::string serial;
-  std::string uutKey;
-  std::string station;
   double value = 0;
   std::string lower;  // the limits as the check recorded them
   std::string upper;
