@@ -132,6 +132,8 @@ ResultsCommands::ResultsCommands(CLI::App& app) {
   auto filters = [this](CLI::App* c) {
     c->add_option("--serial", options_.serial, "Only this serial number");
     c->add_option("--station", options_.station, "Only this station");
+    c->add_option("--socket", options_.socket,
+                  "Only this socket of a station of several (station NAME/SOCKET)");
     c->add_option("--test", options_.test, "Only this test title");
     c->add_option("--verdict", options_.verdict, "Only PASS or FAIL")
         ->check(CLI::IsMember({"PASS", "FAIL"}, CLI::ignore_case));
@@ -277,6 +279,7 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
   UutFilter filter;
   filter.serial = o.serial;
   filter.station = import_->parsed() ? "" : o.station;
+  filter.socket = o.socket;
   filter.test = o.test;
   filter.verdict = o.verdict;
   if (!o.from.empty() && !NormaliseDateBound(o.from, false, filter.from)) {

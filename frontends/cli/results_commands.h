@@ -34,6 +34,7 @@ struct ResultsOptions {
   std::optional<std::string> settings;
   std::string serial;
   std::string station;
+  std::string socket;
   std::string test;
   std::string verdict;
   std::string from;

@@ -69,6 +69,7 @@ UutFilter FilterOf(const Query& q) {
   UutFilter f;
   f.serial = Param(q, "serial");
   f.station = Param(q, "station");
+  f.socket = Param(q, "socket");
   f.test = Param(q, "test");
   f.verdict = Param(q, "verdict");
   std::transform(f.verdict.begin(), f.verdict.end(), f.verdict.begin(), ::toupper);
@@ -99,7 +100,7 @@ int WholeParam(const Query& q, const std::string& name, int otherwise, int lowes
 // The query of a filter, to carry it into links.
 std::string FilterQuery(const Query& q) {
   std::string out;
-  for (const char* name : {"serial", "station", "test", "verdict", "from", "to"}) {
+  for (const char* name : {"serial", "station", "socket", "test", "verdict", "from", "to"}) {
     const std::string v = Param(q, name);
     if (v.empty()) continue;
     out += (out.empty() ? "" : "&") + std::string(name) + "=" + Url(v);
@@ -109,9 +110,10 @@ std::string FilterQuery(const Query& q) {
 
 std::string SearchForm(const Query& q, const std::string& action, bool withVerdict) {
   std::string form = "<form class=\"search\" method=\"get\" action=\"" + action + "\">";
-  for (const auto& [name, label] : {std::pair{"serial", "Serial"}, std::pair{"test", "Test"},
-                                    std::pair{"station", "Station"}}) {
-    form += std::string("<label>") + label + " <input name=\"" + name + "\" size=\"12\" value=\"" +
+  for (const auto& [name, label] :
+       {std::pair{"serial", "Serial"}, std::pair{"test", "Test"}, std::pair{"station", "Station"},
+        std::pair{"socket", "Socket"}}) {
+    form += std::string("<label>") + label + " <input name=\"" + name + "\" size=\"10\" value=\"" +
             Html(Param(q, name)) + "\"></label> ";
   }
   if (withVerdict) {
@@ -522,10 +524,16 @@ class Server::Impl {
     struct Sum {
       int tested = 0, passed = 0, firstTested = 0, firstPassed = 0;
     };
-    std::map<std::string, Sum> byDay, byTest, byStation;
+    // A station of several sockets records each under "NAME/SOCKET": its
+    // units count for the station NAME, and for the socket.
+    std::map<std::string, Sum> byDay, byTest, byStation, bySocket;
     Sum all;
+    Sum none;
     for (const auto& r : rows) {
-      for (Sum* s : {&byDay[r.day], &byTest[r.test], &byStation[r.station], &all}) {
+      const size_t slash = r.station.find('/');
+      Sum& socket = slash == std::string::npos ? none : bySocket[r.station];
+      for (Sum* s : {&byDay[r.day], &byTest[r.test], &byStation[r.station.substr(0, slash)],
+                     &socket, &all}) {
         s->tested += r.tested;
         s->passed += r.passed;
         s->firstTested += r.firstTested;
@@ -560,6 +568,7 @@ class Server::Impl {
     section("day", byDay, true);
     section("test", byTest, false);
     section("station", byStation, false);
+    if (!bySocket.empty()) section("socket", bySocket, false);
 
     // The checks failing most in the last seven days that have results,
     // unless the query names the days.

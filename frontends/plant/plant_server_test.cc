@@ -149,7 +149,7 @@ TEST_P(PlantPagesTest, UnitsSearchUnitPageCsvAnalyticsAndBadRequests) {
     ASSERT_FALSE(store.empty());
   }
   RunExample("2026-11-15 14:30:05", "rig-7", store);
-  RunExample("2026-11-16 09:00:00", "rig-8", store);
+  RunExample("2026-11-16 09:00:00", "LINE3/S2", store);
   Start(Options(store));
 
   std::string page = Get("/units");
@@ -166,6 +166,11 @@ TEST_P(PlantPagesTest, UnitsSearchUnitPageCsvAnalyticsAndBadRequests) {
   EXPECT_THAT(page, HasSubstr("1 units, 1 to 1 shown"));
   page = Get("/units?serial=1234&from=2026-11-16&to=2026-11-16");
   EXPECT_THAT(page, HasSubstr("1 units"));
+  // A socket of a station of several.
+  page = Get("/units?socket=S2");
+  EXPECT_THAT(page, HasSubstr("2 units, 1 to 2 shown"));
+  EXPECT_THAT(page, HasSubstr("<td>LINE3/S2</td>"));
+  EXPECT_THAT(Get("/units?socket=S"), HasSubstr("0 units."));
   page = Get("/units?test=Pump%20test&serial=nobody");
   EXPECT_THAT(page, HasSubstr("0 units."));
 
@@ -190,6 +195,10 @@ TEST_P(PlantPagesTest, UnitsSearchUnitPageCsvAnalyticsAndBadRequests) {
   page = Get("/analytics");
   EXPECT_THAT(page, HasSubstr("4 units tested, yield 50.0%, first-pass yield 50.0%, 2 retests."));
   EXPECT_THAT(page, HasSubstr("<svg"));
+  EXPECT_THAT(page, HasSubstr("<h2>Yield per socket</h2>"));
+  EXPECT_THAT(page, HasSubstr("<tr><td>LINE3/S2</td><td>2</td><td>1</td><td>50.0%</td><td>-</td>"
+                              "<td>2</td></tr>"));
+  EXPECT_THAT(page, HasSubstr("<tr><td>LINE3</td><td>2</td>"));
   EXPECT_THAT(page, HasSubstr("step=2&test=Pump%20test\">OVEN-AMBIENT</a></td><td>2</td><td>4"));
   page = Get("/check?name=Fan%20speed&step=3&test=Pump%20test");
   EXPECT_THAT(page, HasSubstr("<td id=\"mean\">"));

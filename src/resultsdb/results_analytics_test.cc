@@ -231,6 +231,22 @@ TEST_P(AnalyticsTest, FirstPassYieldRetestsAndTopFailures) {
   ASSERT_TRUE(store_->list(page, listed, &error)) << error;
   ASSERT_EQ(listed.size(), 2u);  // the two oldest
   EXPECT_EQ(listed[1].key, "k1");
+  // The sockets of a station of several are in its records' station name.
+  StoredUut s1 = SampleUut("s1", "Q1", "2026-11-12 00:00:00", 1);
+  s1.station = "LINE3/S1";
+  StoredUut s2 = SampleUut("s2", "Q2", "2026-11-12 00:01:00", 1);
+  s2.station = "LINE3/S_";
+  StoredUut s3 = SampleUut("s3", "Q3", "2026-11-12 00:02:00", 1);
+  s3.station = "LINE3/S2";
+  ASSERT_TRUE(store_->record({s1, s2, s3}, &error)) << error;
+  UutFilter socket;
+  socket.socket = "S_";
+  ASSERT_TRUE(store_->list(socket, listed, &error)) << error;
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0].key, "s2");
+  socket.socket = "S1";
+  ASSERT_TRUE(store_->count(socket, count, &error)) << error;
+  EXPECT_EQ(count, 1);
   UutFilter byKey;
   byKey.key = "k4";
   ASSERT_TRUE(store_->fetch(byKey, listed, &error)) << error;

@@ -85,6 +85,18 @@ std::string UutFilterSql(const UutFilter& filter, SqlParams& params, const char*
   add(filter.from, "ended_at >=");
   add(filter.to, "ended_at <=");
   add(filter.key, "uut_key =");
+  if (!filter.socket.empty()) {
+    // The station's name ends in "/SOCKET"; the socket's name is taken as
+    // written, its wildcard characters too.
+    std::string pattern = "%/";
+    for (char c : filter.socket) {
+      if (c == '%' || c == '_' || c == '\\') pattern += '\\';
+      pattern += c;
+    }
+    params.push_back(pattern);
+    where += where.empty() ? lead : " AND ";
+    where += "station LIKE $" + std::to_string(params.size()) + " ESCAPE '\\'";
+  }
   return where;
 }
 

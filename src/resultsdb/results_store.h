@@ -19,6 +19,7 @@ namespace tavrix {
 struct UutFilter {
   std::string serial;
   std::string station;
+  std::string socket;   // the socket of a station of several: station "NAME/SOCKET"
   std::string test;     // the test title
   std::string verdict;  // "PASS" or "FAIL"
   std::string from;     // "YYYY-MM-DD[ HH:MM:SS]", by the time the UUT ended
