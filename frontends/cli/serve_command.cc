@@ -6,6 +6,7 @@
 #include "common/paths.h"
 #include "instrument/link/instrument_settings.h"
 #include "resultsdb/results_store.h"
+#include "resultsdb/uut_capture.h"
 #include "run_command.h"
 #ifndef _WIN32
 #include <pthread.h>
@@ -35,6 +36,9 @@ ServeCommand::ServeCommand(CLI::App& app) {
                        "Key file whose token viewers send (bearer token or the login form)");
   command_->add_option("--control-token-file", options_.controlTokenFile,
                        "Key file of the token that may stop, pause and resume runs");
+  command_->add_option("--station", options_.station,
+                       "With a plant's database server: the name this station publishes its runs "
+                       "under, for the plant page (default: the host name)");
   command_->add_flag("--allow-control", options_.allowControl,
                      "Let a control token stop, pause and resume runs from the live page");
 }
@@ -72,6 +76,9 @@ std::optional<int> ServeCommand::run(std::FILE* out, std::FILE* err) {
   options.tokenFile = o.tokenFile;
   options.controlTokenFile = o.controlTokenFile;
   options.allowControl = o.allowControl;
+  // With a plant's server every station that serves publishes its runs.
+  if (options.store.kind == StoreSpec::Kind::kPostgres)
+    options.station = o.station.empty() ? DefaultStationName() : o.station;
 
   // Interrupts are taken by this thread alone, so the server's threads run
   // undisturbed and it stops cleanly.

@@ -325,6 +325,8 @@ TEST_F(PlantBrowserTest, EveryPageLoadsCleanlyAndTheLivePageFollowsARun) {
   o.runsFolder = RunsFolder(dir_ + "/home");
   o.auditLog = dir_ + "/home/plant-audit.log";
   o.liveScanMs = 50;
+  o.station = "LINE3";
+  o.publishSeconds = 1;
   auto server = Server::Start(o, &error);
   ASSERT_TRUE(server) << error;
   const std::string base = "http://127.0.0.1:" + std::to_string(server->port());
@@ -429,6 +431,17 @@ TEST_F(PlantBrowserTest, EveryPageLoadsCleanlyAndTheLivePageFollowsARun) {
   };
   ASSERT_TRUE(until("2").is_number());
   shoot("plant-live");
+  EXPECT_THAT(browser.takeErrors(), ::testing::IsEmpty());
+
+  // The plant page: this station, publishing the held run.
+  ASSERT_TRUE(server->publishNow(&error)) << error;
+  browser.navigate(base + "/plant");
+  EXPECT_EQ(browser.evaluate("document.querySelector('#station-LINE3 td.state-held') !== null"),
+            true);
+  shoot("plant-stations");
+  EXPECT_THAT(browser.takeErrors(), ::testing::IsEmpty());
+  browser.navigate(base + "/live");
+  ASSERT_TRUE(until("2").is_number());
   const auto stepped = std::chrono::duration_cast<std::chrono::milliseconds>(
                            std::chrono::system_clock::now().time_since_epoch())
                            .count();

@@ -86,8 +86,9 @@ std::string Page(std::string_view title, std::string_view section, std::string_v
       "<link rel=\"icon\" href=\"data:,\"><title>" +
       Html(title) + " - tavrix plant view</title><style>" + std::string(kStyle) +
       "</style></head><body><header><strong>tavrix plant view</strong>";
-  for (const auto& [href, name] : {std::pair{"/live", "Live"}, std::pair{"/units", "Results"},
-                                   std::pair{"/analytics", "Analytics"}}) {
+  for (const auto& [href, name] :
+       {std::pair{"/live", "Live"}, std::pair{"/plant", "Plant"}, std::pair{"/units", "Results"},
+        std::pair{"/analytics", "Analytics"}}) {
     page += std::string("<a href=\"") + href + "\"" + (section == name ? " class=\"on\"" : "") +
             ">" + name + "</a>";
   }

@@ -21,6 +21,7 @@
 #include "live_monitor.h"
 #include "plant_html.h"
 #include "resultsdb/results_analytics.h"
+#include "resultsdb/station_status.h"
 
 namespace tavrix::plant {
 
@@ -322,16 +323,56 @@ class Server::Impl {
     }
     monitor_ = std::make_unique<LiveMonitor>(options_.runsFolder, options_.liveScanMs);
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    if (!options_.station.empty()) publisher_ = std::thread([this] { publishLoop(); });
     return true;
   }
 
+  // The station's runs into the store, for the plant page of every station.
+  bool publish(std::string* error) {
+    json runs = json::array();
+    const json snapshot = monitor_->snapshot();
+    for (const auto& run : snapshot["runs"]) {
+      json brief = json::object();
+      for (const char* key :
+           {"id", "sequence", "socket", "state", "line", "last_serial", "last_verdict", "end"}) {
+        if (run.contains(key)) brief[key] = run[key];
+      }
+      runs.push_back(brief);
+    }
+    try {
+      Lease store(*this);
+      if (!PublishStationStatus(*store, {options_.station, ScriptJson(runs), options_.now()},
+                                error)) {
+        store.fail(error ? *error : "");
+      }
+    } catch (const StoreFailure& failure) {
+      if (error) *error = failure.what;
+      return false;
+    }
+    return true;
+  }
+
+  void publishLoop() {
+    std::unique_lock lock(waitMutex_);
+    while (!stopped_) {
+      lock.unlock();
+      publish(nullptr);  // a store that is away now is tried again next time
+      lock.lock();
+      waitCv_.wait_for(lock, std::chrono::seconds(options_.publishSeconds),
+                       [&] { return stopped_.load(); });
+    }
+  }
+
   void stop() {
-    if (stopped_.exchange(true)) return;
+    {
+      std::lock_guard guard(waitMutex_);
+      if (stopped_.exchange(true)) return;
+      waitCv_.notify_all();
+    }
+    if (publisher_.joinable()) publisher_.join();
     if (monitor_) monitor_->stop();
     if (server_) server_->stop();
     if (thread_.joinable()) thread_.join();
-    std::lock_guard guard(waitMutex_);
-    waitCv_.notify_all();
   }
 
   void wait() {
@@ -349,6 +390,7 @@ class Server::Impl {
       if (path == "/analytics") return analytics(q);
       if (path == "/check") return check(q);
       if (path == "/live") return live(false, "");
+      if (path == "/plant") return plant();
       if (path == "/live.json") return {200, "application/json", ScriptJson(monitor_->snapshot())};
       return ErrorPage(404, "There is no page " + path + " here.");
     } catch (const BadInput& bad) {
@@ -662,6 +704,54 @@ class Server::Impl {
     return {200, "text/html; charset=utf-8", Page("Check " + name, "Analytics", body)};
   }
 
+  // Every station that publishes into the store, and its runs; the page
+  // reloads itself every few seconds.
+  Reply plant() {
+    Lease store(*this);
+    std::string error;
+    std::vector<StationStatus> stations;
+    if (!ReadStationStatus(*store, stations, &error)) store.fail(error);
+    const long long now = options_.now();
+    std::string body =
+        "<p>Each station that serves its plant view into this store publishes its runs every "
+        "few seconds; one silent for " +
+        std::to_string(kStationOfflineSeconds) + " s is offline.</p>";
+    if (stations.empty()) body += "<p>No station publishes its runs into this store.</p>";
+    body += "<div class=\"cards\" id=\"stations\">";
+    for (const auto& st : stations) {
+      const long long silent = now - st.heartbeat;
+      const bool offline = silent > kStationOfflineSeconds;
+      body += "<div class=\"card\" id=\"station-" + Html(st.station) + "\"><h2>" +
+              Html(st.station) + "</h2><p class=\"" +
+              (offline ? "state-offline\">offline (silent " + std::to_string(silent) + " s)"
+                       : "state-running\">online") +
+              "</p>";
+      const json runs = json::parse(st.runs, nullptr, false);
+      if (!offline && runs.is_array()) {
+        body += runs.empty() ? "<p>No run is going.</p>"
+                             : "<table><tr><th>Run</th><th>Socket</th><th>State</th><th>Line</th>"
+                               "<th>Unit</th></tr>";
+        for (const auto& r : runs) {
+          auto text = [&](const char* key) {
+            const auto it = r.find(key);
+            if (it == r.end() || it->is_null()) return std::string();
+            return it->is_string() ? it->get<std::string>() : it->dump();
+          };
+          body += "<tr><td>" + Html(text("id")) + "</td><td>" + Html(text("socket")) +
+                  "</td><td class=\"state-" + Html(text("state")) + "\">" + Html(text("state")) +
+                  "</td><td>" + Html(text("line")) + "</td><td>" + Html(text("last_serial")) + " " +
+                  Html(text("last_verdict")) + "</td></tr>";
+        }
+        if (!runs.empty()) body += "</table>";
+      }
+      body += "</div>";
+    }
+    body += "</div>";
+    Reply reply{200, "text/html; charset=utf-8", Page("Plant", "Plant", body)};
+    reply.body.insert(reply.body.find("<title>"), "<meta http-equiv=\"refresh\" content=\"5\">");
+    return reply;
+  }
+
   Reply live(bool control, const std::string& csrf) {
     const json snap = monitor_->snapshot();
     std::string body =
@@ -813,7 +903,8 @@ class Server::Impl {
         handler(req, res, p);
       };
     };
-    for (const char* path : {"/", "/units", "/unit", "/analytics", "/check", "/live.json"}) {
+    for (const char* path :
+         {"/", "/units", "/unit", "/analytics", "/check", "/live.json", "/plant"}) {
       s.Get(path, guarded([this, path](const httplib::Request& req, httplib::Response& res,
                                        const Principal&) { Send(res, page(path, QueryOf(req))); }));
     }
@@ -975,6 +1066,7 @@ class Server::Impl {
   std::unique_ptr<httplib::Server> server_;
   std::unique_ptr<LiveMonitor> monitor_;
   std::thread thread_;
+  std::thread publisher_;
   int port_ = 0;
   bool tls_ = false;
   std::atomic<bool> stopped_{false};
@@ -1005,6 +1097,7 @@ int Server::port() const { return impl_->port(); }
 bool Server::tls() const { return impl_->tls(); }
 void Server::stop() { impl_->stop(); }
 void Server::wait() { impl_->wait(); }
+bool Server::publishNow(std::string* error) { return impl_->publish(error); }
 Reply Server::page(const std::string& path, const Query& query) { return impl_->page(path, query); }
 
 }  // namespace tavrix::plant

@@ -30,6 +30,10 @@ struct ServerOptions {
   bool allowControl = false;
   int liveScanMs = 250;
   int sessionSeconds = 8 * 3600;  // how long a login's cookie holds
+  // When set, the station's runs are published into the store under this
+  // name every `publishSeconds`, for the plant page of every station.
+  std::string station;
+  int publishSeconds = 5;
   // Seconds since the epoch; the system's clock unless a test sets it.
   std::function<long long()> now;
 };
@@ -61,6 +65,9 @@ class Server {
   void stop();
   // Blocks until stop() or a signal handler's stop.
   void wait();
+  // Publishes the station's runs now (the server does so every few
+  // seconds by itself); false with a message.
+  bool publishNow(std::string* error);
 
   // A read-only page by path and query, as the server would send it to a
   // viewer (for measurements without a network in between).

@@ -21,6 +21,7 @@
 #include "cli_test_support.h"
 #include "control_socket.h"
 #include "instrument/tcp/link_key.h"
+#include "resultsdb/station_status.h"
 #include "resultsdb/store_test_support.h"
 
 namespace tavrix::plant {
@@ -334,6 +335,47 @@ TEST_F(PlantServerTest, TokensCookiesAndWhereItListens) {
                       "application/x-www-form-urlencoded");
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 403);
+}
+
+TEST_P(PlantPagesTest, StationsPublishTheirRunsAndOneSilentForThirtySecondsIsOffline) {
+  std::string store;
+  if (GetParam() == "postgresql") {
+    std::string reason;
+    if (testing::SharedServer(&reason) == nullptr) GTEST_SKIP() << reason;
+    store = testing::FreshPostgresDatabase();
+    ASSERT_FALSE(store.empty());
+  }
+  fs::create_directories(Home());
+  ServerOptions o = Options(store);
+  o.station = "LINE3";
+  o.publishSeconds = 3600;  // the test publishes itself
+  Start(o);
+  EXPECT_THAT(Get("/plant"), HasSubstr("http-equiv=\"refresh\""));
+  std::string error;
+  ASSERT_TRUE(server_->publishNow(&error)) << error;
+  {
+    // Two other stations: one heard from 30 s ago, one 31 s ago.
+    auto direct = OpenResultsStore(o.store, &error);
+    ASSERT_TRUE(direct) << error;
+    ASSERT_TRUE(PublishStationStatus(
+        *direct, {"rig-a", R"([{"id":"r1","socket":"S1","state":"held","line":12}])", now_ - 30},
+        &error))
+        << error;
+    ASSERT_TRUE(PublishStationStatus(*direct, {"rig-b", "[]", now_ - 31}, &error)) << error;
+  }
+  std::string page = Get("/plant");
+  EXPECT_THAT(page, HasSubstr("<h2>LINE3</h2><p class=\"state-running\">online</p><p>No run is "
+                              "going.</p>"));
+  EXPECT_THAT(page, HasSubstr("<h2>rig-a</h2><p class=\"state-running\">online</p>"));
+  EXPECT_THAT(page, HasSubstr("<td>r1</td><td>S1</td><td class=\"state-held\">held</td><td>12"));
+  EXPECT_THAT(page, HasSubstr("<h2>rig-b</h2><p class=\"state-offline\">offline (silent 31 s)"));
+  // Publishing again replaces the station's row; time goes on for the rest.
+  now_ += 10;
+  ASSERT_TRUE(server_->publishNow(&error)) << error;
+  page = Get("/plant");
+  EXPECT_EQ(Count(page, "<h2>LINE3</h2>"), 1u);
+  EXPECT_THAT(page, HasSubstr("<h2>LINE3</h2><p class=\"state-running\">online"));
+  EXPECT_THAT(page, HasSubstr("<h2>rig-a</h2><p class=\"state-offline\">offline (silent 40 s)"));
 }
 
 // Follows /live/events on a thread of its own and keeps what arrived.
