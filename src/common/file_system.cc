@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/files.h"
+#include "platform/private_file.h"
 
 namespace tavrix {
 
@@ -389,6 +390,15 @@ std::unique_ptr<AtomicFile> LocalFileSystem::rewrite(const std::string& path, st
   if (platform::pathInfo(path, old) == 0 && old.kind != PathKind::kMissing)
     platform::copyPermissions(old, file);
   return std::make_unique<LocalAtomicFile>(file, temp, path);
+}
+
+bool LocalFileSystem::createPrivate(const std::string& path, std::string* error) {
+  if (info(path).kind != FileKind::kMissing) return true;
+  const std::string why = platform::writeNewPrivateFile(path, "");
+  // Another process may have made it meanwhile.
+  if (why.empty() || info(path).kind != FileKind::kMissing) return true;
+  if (error) *error = "Cannot create \"" + path + "\": " + why;
+  return false;
 }
 
 bool LocalFileSystem::append(const std::string& path, std::string_view bytes, std::string* error) {

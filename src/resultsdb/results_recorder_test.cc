@@ -301,7 +301,9 @@ TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   ::chmod(db.c_str(), 0444);
   ::chmod(folder_.path().c_str(), 0555);
   // Root writes whatever the file's mode says, so the write is tried by an
-  // account that the mode binds.
+  // account that the mode binds; it stands in for the journal's owner, so
+  // it may read the journal (which is made for its owner alone).
+  ::chmod(queue.path().c_str(), 0644);
   const passwd* account = ::geteuid() == 0 ? ::getpwnam("nobody") : nullptr;
   if (::geteuid() == 0 && account == nullptr) GTEST_SKIP() << "no unprivileged account";
   const int status = InChild(
