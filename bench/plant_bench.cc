@@ -2,8 +2,8 @@
 // units of ten checks, one of them a measured flow on every unit): the unit
 // list (first page, and filtered), one unit's page, a check's page with its
 // Cpk, charts and all over 100,000 readings, the Cpk figures alone, and the
-// live page. The store is a database file, filled once before the first
-// measurement.
+// live page, and the plant page of 50 stations of eight sockets each. The
+// store is a database file, filled once before the first measurement.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -14,6 +14,7 @@
 #include "plant_server.h"
 #include "resultsdb/results_analytics.h"
 #include "resultsdb/results_store.h"
+#include "resultsdb/station_status.h"
 
 namespace {
 
@@ -72,11 +73,28 @@ struct PlantStore {
         batch.clear();
       }
     }
+    // Fifty stations of the plant, each with eight sockets' runs.
+    for (int st = 0; st < 50; ++st) {
+      std::string runs = "[";
+      for (int r = 0; r < 8; ++r) {
+        runs += std::string(r ? "," : "") + "{\"id\":\"run-" + std::to_string(r) +
+                "\",\"socket\":\"S" + std::to_string(r + 1) +
+                "\",\"state\":\"running\",\"line\":" + std::to_string(10 + r) +
+                ",\"last_serial\":\"SN" + std::to_string(st * 100 + r) +
+                "\",\"last_verdict\":\"PASS\"}";
+      }
+      if (!PublishStationStatus(*store, {"line-" + std::to_string(st), runs + "]", 1800000000},
+                                &error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        std::abort();
+      }
+    }
     plant::ServerOptions options;
     options.listen = "127.0.0.1:0";
     options.store = spec;
     options.runsFolder = folder.path() + "/runs";
     options.auditLog = folder.path() + "/audit.log";
+    options.now = [] { return 1800000010LL; };
     server = plant::Server::Start(options, &error);
     if (!server) {
       std::fprintf(stderr, "%s\n", error.c_str());
@@ -113,6 +131,7 @@ void BM_PlantCheckPage100k(benchmark::State& state) {
   Page(state, "/check", {{"name", "Flow"}, {"step", "1"}});
 }
 void BM_PlantLivePage(benchmark::State& state) { Page(state, "/live", {}); }
+void BM_PlantStationsPage(benchmark::State& state) { Page(state, "/plant", {}); }
 
 void BM_PlantCpk100k(benchmark::State& state) {
   PlantStore& s = Store();
@@ -134,5 +153,6 @@ BENCHMARK(BM_PlantUnitPage)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantCpk100k)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantCheckPage100k)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantLivePage)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlantStationsPage)->Unit(benchmark::kMillisecond);
 
 }  // namespace
