@@ -52,7 +52,8 @@ if(TAVRIX_HELP2MAN AND TARGET tavrix-cli AND NOT CMAKE_CROSSCOMPILING)
       "tavrix-cli-rig|serve the simulated rig or a rig's link libraries over TCP|rig"
       "tavrix-cli-decrypt|turn enciphered files back into plain files|decrypt"
       "tavrix-cli-encrypt|encipher plain files|encrypt"
-      "tavrix-cli-results|query, export and import the results database|results")
+      "tavrix-cli-results|query, export and import the results database|results"
+      "tavrix-cli-serve|serve live runs, results and analytics to a web browser|serve")
     string(REPLACE "|" ";" parts "${entry}")
     list(GET parts 0 page)
     list(GET parts 1 summary)

@@ -10,6 +10,9 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -376,6 +379,69 @@ TEST_P(PlantPagesTest, StationsPublishTheirRunsAndOneSilentForThirtySecondsIsOff
   EXPECT_EQ(Count(page, "<h2>LINE3</h2>"), 1u);
   EXPECT_THAT(page, HasSubstr("<h2>LINE3</h2><p class=\"state-running\">online"));
   EXPECT_THAT(page, HasSubstr("<h2>rig-a</h2><p class=\"state-offline\">offline (silent 40 s)"));
+}
+
+// A self-signed certificate for 127.0.0.1 and its key, as PEM files.
+bool WriteCertificate(const std::string& certFile, const std::string& keyFile) {
+  EVP_PKEY* key = EVP_RSA_gen(2048);
+  X509* cert = X509_new();
+  if (!key || !cert) return false;
+  ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert), 0);
+  X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
+  X509_set_pubkey(cert, key);
+  X509_NAME* name = X509_get_subject_name(cert);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+  X509_set_issuer_name(cert, name);
+  bool ok = X509_sign(cert, key, EVP_sha256()) > 0;
+  FILE* c = std::fopen(certFile.c_str(), "w");
+  FILE* k = std::fopen(keyFile.c_str(), "w");
+  ok = ok && c && k && PEM_write_X509(c, cert) &&
+       PEM_write_PrivateKey(k, key, nullptr, nullptr, 0, nullptr, nullptr);
+  if (c) std::fclose(c);
+  if (k) std::fclose(k);
+  X509_free(cert);
+  EVP_PKEY_free(key);
+  return ok;
+}
+
+TEST_F(PlantServerTest, OverTlsTheTokenIsNeededAndTheCookieIsSecure) {
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  ASSERT_TRUE(WriteCertificate(Path("cert.pem"), Path("key.pem")));
+  ServerOptions o = Options();
+  o.tlsCert = Path("cert.pem");
+  o.tlsKey = Path("key.pem");
+  o.tokenFile = Path("viewer.key");
+  const std::string viewer = Key("viewer.key");
+  std::string error;
+  // A key that is not the certificate's is refused.
+  ServerOptions wrong = o;
+  wrong.tlsKey = Path("viewer.key");
+  EXPECT_FALSE(Server::Start(wrong, &error));
+  EXPECT_THAT(error, HasSubstr("cannot use the certificate"));
+
+  auto server = Server::Start(o, &error);
+  ASSERT_TRUE(server) << error;
+  EXPECT_TRUE(server->tls());
+  httplib::SSLClient tls("127.0.0.1", server->port());
+  tls.enable_server_certificate_verification(false);
+  auto res = tls.Get("/units");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 401);
+  res = tls.Get("/units", {{"Authorization", "Bearer " + viewer}});
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_THAT(res->body, HasSubstr("2 units"));
+  res = tls.Post("/login", "token=" + viewer, "application/x-www-form-urlencoded");
+  ASSERT_TRUE(res);
+  EXPECT_THAT(res->get_header_value("Set-Cookie"), HasSubstr("; Secure"));
+  // Plain HTTP gets no page.
+  httplib::Client plain("127.0.0.1", server->port());
+  plain.set_read_timeout(5);
+  res = plain.Get("/units", {{"Authorization", "Bearer " + viewer}});
+  EXPECT_TRUE(!res || res->status != 200);
+  server->stop();
 }
 
 // Follows /live/events on a thread of its own and keeps what arrived.
