@@ -78,9 +78,15 @@ class Browser {
       *error = "no pipe";
       return false;
     }
-    const std::string profileArg = "--user-data-dir=" + profile;
+    const std::string profileArg = "--user-data-dir=" + profile + "/data";
+    // The browser's temporary files go into the profile's folder, which
+    // goes with the test's.
+    const std::string temporary = profile + "/tmp";
+    std::error_code ec;
+    std::filesystem::create_directories(temporary, ec);
     pid_ = ::fork();
     if (pid_ == 0) {
+      ::setenv("TMPDIR", temporary.c_str(), 1);
       ::dup2(toBrowser[0], 3);
       ::dup2(fromBrowser[1], 4);
       for (int fd = 5; fd < 1024; ++fd) ::close(fd);
