@@ -84,9 +84,16 @@ class Browser {
     const std::string temporary = profile + "/tmp";
     std::error_code ec;
     std::filesystem::create_directories(temporary, ec);
+    // The child's environment is made before the fork: between fork and
+    // exec a process with threads may only make system calls.
+    std::vector<std::string> environment = {"TMPDIR=" + temporary};
+    for (char** e = environ; *e != nullptr; ++e)
+      if (std::string_view(*e).rfind("TMPDIR=", 0) != 0) environment.emplace_back(*e);
+    std::vector<char*> envp;
+    for (auto& e : environment) envp.push_back(e.data());
+    envp.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ == 0) {
-      ::setenv("TMPDIR", temporary.c_str(), 1);
       ::dup2(toBrowser[0], 3);
       ::dup2(fromBrowser[1], 4);
       for (int fd = 5; fd < 1024; ++fd) ::close(fd);
@@ -112,7 +119,7 @@ class Browser {
                             profileArg.c_str(),
                             "about:blank",
                             nullptr};
-      ::execv(binary.c_str(), const_cast<char**>(args));
+      ::execve(binary.c_str(), const_cast<char**>(args), envp.data());
       ::_exit(127);
     }
     ::close(toBrowser[0]);
