@@ -28,6 +28,7 @@
 #include "platform/timer_resolution.h"
 #include "ctl_command.h"
 #include "results_commands.h"
+#include "answer_relay.h"
 #include "serve_command.h"
 #include "run_control.h"
 #include "shell_session.h"
@@ -289,7 +290,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   EngineConfig config;
   config.clock = std::move(clock);
   config.files = std::move(files);
-  config.op = takeKeys ? static_cast<Operator*>(&keys) : &view;
+  // Questions may also be answered through the control socket.
+  AnswerRelay answers(takeKeys ? static_cast<Operator&>(keys) : view);
+  config.op = &answers;
   config.resultsStore = EngineConfig::ResultsStore{
       options.resultsStore.value_or(settings.resultsStore),
       options.station.value_or(settings.station),
@@ -385,6 +388,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
+  control.setAnswers(answers);
   if (options.controlSocket) control.openSocket(options.sequence);
   if (takeKeys) control.takeKeys(keys, in, view);
 
