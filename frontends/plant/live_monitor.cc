@@ -295,7 +295,8 @@ void LiveMonitor::follow(const std::string& id, int fd) {
   finish(true);
 }
 
-bool LiveMonitor::control(const std::string& id, const std::string& cmd, std::string& reply,
+bool LiveMonitor::control(const std::string& id, const std::string& cmd,
+                          const std::vector<std::string>& args, std::string& reply,
                           std::string* error) const {
   {
     std::lock_guard guard(mutex_);
@@ -311,7 +312,7 @@ bool LiveMonitor::control(const std::string& id, const std::string& cmd, std::st
   }
   std::string buffer;
   const bool ok =
-      SendLine(fd, ControlRequestJson({cmd, {}})) && ReadSocketLine(fd, buffer, reply, 10000);
+      SendLine(fd, ControlRequestJson({cmd, args})) && ReadSocketLine(fd, buffer, reply, 10000);
   ::close(fd);
   if (!ok && error) *error = "run " + id + " did not answer";
   return ok;

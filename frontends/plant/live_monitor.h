@@ -52,8 +52,8 @@ class LiveMonitor {
 
   // Sends one control request to run `id` and gives its reply line; false
   // with a message when the run is not there or did not answer.
-  bool control(const std::string& id, const std::string& cmd, std::string& reply,
-               std::string* error) const;
+  bool control(const std::string& id, const std::string& cmd, const std::vector<std::string>& args,
+               std::string& reply, std::string* error) const;
 
   void stop();
 

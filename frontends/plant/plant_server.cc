@@ -203,13 +203,15 @@ function draw(snap) {
     for (const text of run.messages) { const d = document.createElement('div'); d.className = 'msg'; d.textContent = text; m.appendChild(d); }
     if (run.end) { const d = document.createElement('div'); d.textContent = 'ended: ' + run.end; m.appendChild(d); }
     if (window.tavrixControl && run.state !== 'ended') {
-      for (const action of ['pause', 'resume', 'stop']) {
+      const button = (action, caption, answer) => {
         const f = document.createElement('form'); f.method = 'post'; f.action = '/control';
-        for (const [k, v] of [['run', run.id], ['action', action], ['csrf', window.tavrixControl]]) {
+        for (const [k, v] of [['run', run.id], ['action', action], ['answer', answer], ['csrf', window.tavrixControl]]) {
           const i = document.createElement('input'); i.type = 'hidden'; i.name = k; i.value = v; f.appendChild(i);
         }
-        const b = document.createElement('button'); b.textContent = action; f.appendChild(b); f.style.display = 'inline'; m.appendChild(f);
-      }
+        const b = document.createElement('button'); b.textContent = caption; f.appendChild(b); f.style.display = 'inline'; m.appendChild(f);
+      };
+      if (run.prompt) for (const item of run.prompt.items) button('answer', item, item);
+      for (const action of ['pause', 'resume', 'stop']) button(action, action, '');
     }
   }
   document.body.dataset.version = snap.version;
@@ -954,8 +956,12 @@ class Server::Impl {
   void control(const httplib::Request& req, httplib::Response& res, const Principal& p) {
     const std::string run = req.get_param_value("run");
     const std::string action = req.get_param_value("action");
+    // An answer to the question the run waits on: the caption of one of its
+    // buttons (for a data entry with its fields, "Accept|serial=1234").
+    const std::string answer = req.get_param_value("answer");
+    const std::string what = action == "answer" ? "answer " + answer : action;
     auto refuse = [&](int status, const std::string& why) {
-      audit(req, p, run, action, "refused: " + why);
+      audit(req, p, run, what, "refused: " + why);
       Send(res, ErrorPage(status, why));
     };
     if (!options_.allowControl)
@@ -963,16 +969,20 @@ class Server::Impl {
     if (!p.control) return refuse(403, "This token may not control runs.");
     if (p.byCookie && (!SameSite(req) || !SameProof(req.get_param_value("csrf"), p.csrf)))
       return refuse(403, "A control request from another site is refused.");
-    if (action != "stop" && action != "pause" && action != "resume")
-      return refuse(400, "The action is stop, pause or resume.");
+    if (action != "stop" && action != "pause" && action != "resume" && action != "answer")
+      return refuse(400, "The action is stop, pause, resume or answer.");
+    if (action == "answer" && (answer.empty() || answer.size() > kLongestParameter))
+      return refuse(400, "An answer is the caption of one of the question's buttons.");
     if (run.empty() || run.size() > kLongestParameter || run.find('/') != std::string::npos ||
         run == "." || run == "..")
       return refuse(400, "The run is named by its id.");
     std::string reply;
     std::string error;
-    if (!monitor_->control(run, action, reply, &error)) return refuse(409, error);
+    std::vector<std::string> args;
+    if (action == "answer") args.push_back(answer);
+    if (!monitor_->control(run, action, args, reply, &error)) return refuse(409, error);
     const bool ok = reply.rfind("{\"ok\":true", 0) == 0;
-    audit(req, p, run, action, ok ? "done" : "refused by the run: " + reply);
+    audit(req, p, run, what, ok ? "done" : "refused by the run: " + reply);
     if (!ok) return Send(res, ErrorPage(409, "The run refused: " + reply));
     if (p.byCookie) return res.set_redirect("/live", 303);
     res.set_content(reply + "\n", "application/json");

@@ -565,6 +565,9 @@ TEST_F(PlantServerTest, TheLivePageFollowsAHeldRunAndOnlyAControlTokenFromThisSi
   httplib::Headers noOrigin = cookie;
   EXPECT_EQ(post(noOrigin, "run=" + id + "&action=pause&csrf=" + csrf), 403);
   EXPECT_EQ(post(sameSite, "run=" + id + "&action=pause&csrf=" + csrf), 303);
+  // An answer goes to the run, which says no question of it waits here.
+  EXPECT_EQ(post(asControl, "run=" + id + "&action=answer"), 400);
+  EXPECT_EQ(post(asControl, "run=" + id + "&action=answer&answer=Continue"), 409);
 
   // Resume from the page: the run leaves its hold and runs to its end,
   // which the stream shows.
@@ -577,7 +580,8 @@ TEST_F(PlantServerTest, TheLivePageFollowsAHeldRunAndOnlyAControlTokenFromThisSi
   // Every control action, refused or done, is in the audit log.
   std::string audit;
   ASSERT_TRUE(localFiles().readFile(Home() + "/plant-audit.log", audit, nullptr));
-  EXPECT_EQ(Count(audit, "\n"), 9u) << audit;
+  EXPECT_EQ(Count(audit, "\n"), 11u) << audit;
+  EXPECT_THAT(audit, HasSubstr("\tanswer Continue\trefused by the run: "));
   EXPECT_THAT(audit, HasSubstr("viewer token\t127.0.0.1\t" + id +
                                "\tstep\trefused: This token may not control runs."));
   EXPECT_THAT(audit,
