@@ -32,6 +32,7 @@
 #include "console_operators.h"
 #include "sequencer/sequence_file.h"
 #include "simulated_devices.h"
+#include "station_run.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -196,6 +197,12 @@ class StopBridge {
 }  // namespace
 
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  if (options.station && NamesStationFile(*options.station))
+    return RunStation(options, *options.station, in, out, err);
+  if (options.sequence.empty()) {
+    std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
+    return kExitUsage;
+  }
   // Taken before any thread of the run starts (the results store's writer,
   // the terminal view), so that a stop request never ends the process
   // before the results are written.
@@ -526,7 +533,9 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   runCommand->add_option("--results-store", run.resultsStore,
                          "Where UUT records go besides the results files: sqlite (default), "
                          "sqlite:FILE, off, or a connection string");
-  runCommand->add_option("--station", run.station, "This station's name in the UUT records");
+  runCommand->add_option("--station", run.station,
+                         "This station's name in the UUT records, or a station file (.toml) whose "
+                         "test sockets all run at once (see docs/stations.md)");
   runCommand->add_option("--break", run.breaks,
                          "Hold the run before LINE or after LABEL, from hit N on with LINE:N "
                          "(repeatable; see docs/run-control.md)");
@@ -535,7 +544,8 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                          "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
   runCommand->add_flag("!--no-control-socket", run.controlSocket,
                        "Open no control socket for tavrix-cli ctl");
-  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
+  runCommand->add_option("SEQUENCE", run.sequence,
+                         "The sequence file (with a station file: every socket's sequence)");
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand(
@@ -571,7 +581,8 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
 
   std::vector<std::string> lintFiles;
   std::string lintLink;
-  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink);
+  std::string lintStation;
+  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink, &lintStation);
 
   CryptCommands cryptCommands(app);
   ResultsCommands resultsCommands(app);
@@ -599,6 +610,12 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   if (auto status = resultsCommands.run(out, err)) return *status;
   if (auto status = ctlCommand.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(rig, out, err);
+  if (lintCommand->parsed() && !lintStation.empty())
+    return LintStation(lintStation, lintFiles, out, err);
+  if (lintCommand->parsed() && lintFiles.empty()) {
+    std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
+    return kExitUsage;
+  }
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
   return kExitUsage;
 }

@@ -1,0 +1,481 @@
+#include "station_run.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "common/civil_time.h"
+#include "console_operators.h"
+#include "engine/engine.h"
+#include "instrument/backends/link_backends.h"
+#include "instrument/link/instrument.h"
+#include "instrument/link/instrument_settings.h"
+#include "lint_command.h"
+#include "platform/console.h"
+#include "resultsdb/results_feed.h"
+#include "resultsdb/uut_capture.h"
+#include "run_control.h"
+#include "station_file.h"
+#include "station_link.h"
+#include "station_time.h"
+#include "terminal_view.h"
+
+namespace tavrix {
+
+namespace {
+
+int Rank(int status) {
+  switch (status) {
+    case kExitUsage:
+      return 6;
+    case kExitSequenceError:
+      return 5;
+    case kExitStopped:
+      return 4;
+    case kExitOutputLost:
+      return 3;
+    case kExitLimit:
+      return 2;
+    case kExitUutFailed:
+      return 1;
+    default:
+      return 0;
+  }
+}
+
+// What one socket shows: its line on a terminal and its part of the summary.
+struct SocketRow {
+  std::string name;
+  std::string state = "waiting";
+  int line = 0;
+  std::string command;
+  std::string serial;
+  std::string verdict;
+  int passed = 0;
+  int failed = 0;
+  std::optional<int> status;
+  std::string reason;
+};
+
+// The station's terminal view: one line per socket, redrawn in place on a
+// terminal, with each socket's messages and questions above it, its name in
+// front. Elsewhere only the messages and the summary. Called from every
+// socket's thread.
+class StationView {
+ public:
+  StationView(const std::vector<std::string>& names, std::FILE* out, bool live)
+      : out_(out), live_(live) {
+    for (const auto& name : names) {
+      SocketRow row;
+      row.name = name;
+      rows_.push_back(std::move(row));
+    }
+  }
+
+  void print(size_t socket, const std::string& text) {
+    std::lock_guard guard(mutex_);
+    clear();
+    std::string body;
+    for (char c : text) {
+      body += c == '\r' ? '\n' : c;
+      if (c == '\n' || c == '\r') body += rows_[socket].name + ": ";
+    }
+    std::fprintf(out_, "%s: %s\n", rows_[socket].name.c_str(), body.c_str());
+    draw();
+  }
+
+  void event(size_t socket, const RunEvent& event) {
+    std::lock_guard guard(mutex_);
+    SocketRow& row = rows_[socket];
+    switch (event.kind) {
+      case RunEventKind::kLine:
+        row.line = event.line;
+        row.command = event.text;
+        break;
+      case RunEventKind::kCommand:
+        row.command = event.text;
+        break;
+      case RunEventKind::kStatus:
+        row.state = event.text;
+        break;
+      case RunEventKind::kHold:
+        row.state = "Held";
+        break;
+      case RunEventKind::kPrompt:
+        row.state = "Asking";
+        break;
+      case RunEventKind::kAnswer:
+        row.state = "Running";
+        break;
+      case RunEventKind::kUut:
+        row.serial = event.title;
+        row.verdict = event.flag ? "PASS" : "FAIL";
+        ++(event.flag ? row.passed : row.failed);
+        break;
+      default:
+        return;
+    }
+    if (!live_) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - drawn_ < std::chrono::milliseconds(100)) return;
+    clear();
+    draw();
+  }
+
+  void ended(size_t socket, int status, const std::string& reason) {
+    std::lock_guard guard(mutex_);
+    rows_[socket].status = status;
+    rows_[socket].reason = reason;
+    rows_[socket].state = "Ended";
+    if (!live_) return;
+    clear();
+    draw();
+  }
+
+  void finish(int status) {
+    std::lock_guard guard(mutex_);
+    clear();
+    live_ = false;
+    for (const SocketRow& row : rows_) {
+      std::fprintf(out_, "%s: ended by %s: exit status %d", row.name.c_str(), row.reason.c_str(),
+                   row.status.value_or(kExitUsage));
+      if (row.passed + row.failed > 0)
+        std::fprintf(out_, "; UUTs: %d passed, %d failed", row.passed, row.failed);
+      std::fprintf(out_, "\n");
+    }
+    std::fprintf(out_, "Station: exit status %d (the worst of its sockets')\n", status);
+    std::fflush(out_);
+  }
+
+ private:
+  void clear() {
+    if (!live_ || drawnLines_ == 0) return;
+    std::fprintf(out_, "\x1b[%dA\x1b[J", drawnLines_);
+    drawnLines_ = 0;
+  }
+  void draw() {
+    if (!live_) {
+      std::fflush(out_);
+      return;
+    }
+    for (const SocketRow& row : rows_) {
+      std::string serial = row.serial.empty() ? "-" : row.serial;
+      std::string verdict = row.status            ? "exit " + std::to_string(*row.status)
+                            : row.verdict.empty() ? "RUNNING"
+                                                  : row.verdict;
+      std::string command = row.command.substr(0, 40);
+      std::fprintf(out_, "%-8s %-8s %5d  %-40s %-12s %s\n", row.name.c_str(), row.state.c_str(),
+                   row.line, command.c_str(), serial.c_str(), verdict.c_str());
+    }
+    drawnLines_ = static_cast<int>(rows_.size());
+    drawn_ = std::chrono::steady_clock::now();
+    std::fflush(out_);
+  }
+
+  std::mutex mutex_;
+  std::FILE* out_;
+  bool live_;
+  std::vector<SocketRow> rows_;
+  int drawnLines_ = 0;
+  std::chrono::steady_clock::time_point drawn_{};
+};
+
+// A socket's operator: the answers file's (or none), with what it shows
+// and asks told on the station view under the socket's name.
+class SocketOperator final : public Operator {
+ public:
+  SocketOperator(std::unique_ptr<Operator> inner, StationView& view, size_t socket)
+      : inner_(std::move(inner)), view_(view), socket_(socket) {}
+
+  void ask(const Question& question, std::function<void(Answer)> answered) override {
+    view_.print(socket_, "[" + question.kind + "] " + question.text);
+    inner_->ask(question, [this, answered = std::move(answered)](Answer answer) {
+      if (answer) view_.print(socket_, "  answered: " + *answer);
+      answered(std::move(answer));
+    });
+  }
+  void closeQuestion() override { inner_->closeQuestion(); }
+  std::string unansweredReason() const override { return inner_->unansweredReason(); }
+  bool mayAskAgain(const Question& question, std::string_view why) override {
+    return inner_->mayAskAgain(question, why);
+  }
+  bool isPerson() const override { return inner_->isPerson(); }
+  void showMessage(std::string_view title, std::string_view text) override {
+    view_.print(socket_, "[" + std::string(title) + "] " + std::string(text));
+  }
+
+ private:
+  std::unique_ptr<Operator> inner_;
+  StationView& view_;
+  size_t socket_;
+};
+
+int ExitStatusOf(EndReason reason) {
+  switch (reason) {
+    case EndReason::kEndOfFile:
+    case EndReason::kStop:
+      return kExitOk;
+    case EndReason::kError:
+    case EndReason::kUnload:
+      return kExitSequenceError;
+    case EndReason::kLimit:
+      return kExitLimit;
+    default:
+      return kExitStopped;
+  }
+}
+
+// "trace.jsonl" for socket S2: "trace.S2.jsonl".
+std::string SocketTracePath(const std::string& path, const std::string& socket) {
+  const size_t slash = path.find_last_of("/\\");
+  const size_t dot = path.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
+      dot == (slash == std::string::npos ? 0 : slash + 1))
+    return path + "." + socket;
+  return path.substr(0, dot) + "." + socket + path.substr(dot);
+}
+
+struct StationShared {
+  StationShared(const RunOptions& o, const Station& s, InstrumentSettings i, std::string root,
+                StationView& v, std::FILE* e)
+      : options(o),
+        station(s),
+        settings(std::move(i)),
+        dataRoot(std::move(root)),
+        view(v),
+        err(e) {}
+  const RunOptions& options;
+  const Station& station;
+  InstrumentSettings settings;
+  std::string dataRoot;
+  StationView& view;
+  std::FILE* err;
+  std::mutex errMutex;
+  StationTime* time = nullptr;  // on a virtual clock
+  DeviceGate gate;
+  std::unique_ptr<SharedBackend> simRig;  // the simulated rig, one for all
+
+  void report(const std::string& socket, const std::string& text) {
+    std::lock_guard guard(errMutex);
+    std::fprintf(err, "tavrix-cli: %s: %s\n", socket.c_str(), text.c_str());
+    std::fflush(err);
+  }
+};
+
+// Runs socket `index` to its end on the calling thread; its exit status.
+int RunSocket(StationShared& shared, size_t index) {
+  const Station& station = shared.station;
+  const StationSocket& socket = station.sockets[index];
+  const RunOptions& options = shared.options;
+  const auto fail = [&](const std::string& text) {
+    shared.report(socket.name, text);
+    shared.view.ended(index, kExitUsage, "an error before its run");
+    return kExitUsage;
+  };
+
+  auto files = std::make_unique<LocalFileSystem>(shared.dataRoot);
+  std::string error;
+  std::unique_ptr<Operator> inner =
+      MakeConsoleOperator(*files, station.answersOf(socket), nullptr, nullptr, &error);
+  if (!inner) return fail(error);
+  SocketOperator op(std::move(inner), shared.view, index);
+
+  EngineConfig config;
+  if (shared.time != nullptr) {
+    config.clock = shared.time->clockFor(index);
+  } else {
+    config.clock = std::make_unique<SystemClock>();
+  }
+  config.files = std::move(files);
+  config.op = &op;
+  const std::string stationName = station.name.empty() ? DefaultStationName() : station.name;
+  config.resultsStore = EngineConfig::ResultsStore{
+      options.resultsStore.value_or(shared.settings.resultsStore), stationName + "/" + socket.name,
+      [&shared, name = socket.name](const std::string& text) { shared.report(name, text); }};
+  config.settings = shared.settings;
+  config.link = station.linkOf(socket);
+  const int id = static_cast<int>(index);
+  config.linkFactory = [&shared, id](std::string_view spec, const Clock& clock,
+                                     const InstrumentSettings& settings, const FileSystem& files,
+                                     std::string* why) -> std::unique_ptr<LinkLibrary> {
+    if (shared.simRig) return std::make_unique<SocketLink>(id, shared.gate, *shared.simRig);
+    auto own = MakeLinkLibrary(spec, clock, settings, files, why);
+    if (!own) return nullptr;
+    return std::make_unique<SocketLink>(id, shared.gate, std::move(own));
+  };
+  config.channelMap = SocketChannelMap(station, index);
+  config.xmlResultsFiles = options.results == "xml";
+  config.writeResultsFiles = options.results != "off";
+  config.companionAnswers = options.companionAnswers;
+  EngineBuildError problem;
+  const std::unique_ptr<Engine> engine = BuildEngine(std::move(config), &problem);
+  if (!engine) return fail(problem.text);
+  if (const std::string& folder = station.resultsOf(socket); !folder.empty())
+    engine->testDatabase().results.dataDirectory = folder;
+  engine->files().onFirstLoss([&shared, &socket](const WatchedFileSystem::Loss& loss) {
+    shared.report(socket.name, "output lost: " + loss.firstError);
+  });
+  if (options.trace) {
+    const std::string path = SocketTracePath(*options.trace, socket.name);
+    auto file = engine->files().create(path, nullptr);
+    if (file == nullptr) return fail("cannot write the trace file " + path);
+    engine->trace().setOutput(std::move(file));
+  }
+  engine->trace().setOrigin(engine->clock().now());
+
+  Instrument* instrument = engine->instrument();
+  if (!instrument->ensureOpen())
+    return fail("cannot open the instrument link: " + instrument->link().lastErrorText());
+  if (!station.setup.empty() && !instrument->selectSetupFile(station.setup)) {
+    return fail("cannot load the setup " + station.setup + ": " +
+                instrument->link().lastErrorText());
+  }
+  Sequencer& seq = engine->sequencer();
+  const std::string& sequence = station.sequenceOf(socket);
+  if (!seq.prepareFile(sequence, &error)) return fail(error);
+
+  RunControl control(*engine, shared.err);
+  if (options.controlSocket) control.openSocket(sequence, socket.name);
+  if (!engine->feedResultsStore(&error)) return fail("--results-store: " + error);
+
+  EndReason reason;
+  {
+    auto events = engine->subscribe(
+        [&shared, index](const RunEvent& event) { shared.view.event(index, event); });
+    reason = engine->run();
+  }
+  size_t recordsLost = 0;
+  if (ResultsFeed* feed = engine->resultsFeed()) {
+    std::string why;
+    if (!feed->finish(std::chrono::seconds(10), &why)) shared.report(socket.name, why);
+    recordsLost = feed->lost();
+  }
+  int status = ExitStatusOf(reason);
+  if (status == kExitOk && engine->testDatabase().anyUutFailed()) status = kExitUutFailed;
+  const auto losses = engine->files().losses();
+  if ((!losses.empty() || recordsLost > 0) && (status == kExitOk || status == kExitUutFailed))
+    status = kExitOutputLost;
+  if (engine->trace().enabled())
+    engine->trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
+  shared.view.ended(index, status, EndReasonName(reason));
+  return status;
+}
+
+}  // namespace
+
+int LintStation(const std::string& stationFile, const std::vector<std::string>& sequences,
+                std::FILE* out, std::FILE* err) {
+  if (sequences.size() > 1) {
+    std::fprintf(err, "tavrix-cli: lint --station takes at most one SEQUENCE\n");
+    return kExitUsage;
+  }
+  LocalFileSystem files(defaultDataRoot());
+  Station station;
+  std::string error;
+  const std::optional<std::string> sequence =
+      sequences.empty() ? std::nullopt : std::optional<std::string>(sequences[0]);
+  if (!LoadStationFile(files, stationFile, station, error, sequence)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  std::vector<std::string> linted;
+  for (const auto& socket : station.sockets) {
+    const std::string& path = station.sequenceOf(socket);
+    if (std::find(linted.begin(), linted.end(), path) == linted.end()) linted.push_back(path);
+  }
+  const int status = RunLint(linted, out, err);
+  if (status == 0) {
+    std::fprintf(out, "%s: %zu socket%s ready\n", stationFile.c_str(), station.sockets.size(),
+                 station.sockets.size() == 1 ? "" : "s");
+  }
+  return status;
+}
+
+int WorseExitStatus(int a, int b) { return Rank(b) > Rank(a) ? b : a; }
+
+bool NamesStationFile(const std::string& value) {
+  return value.size() > 5 && value.compare(value.size() - 5, 5, ".toml") == 0;
+}
+
+int RunStation(const RunOptions& options, const std::string& stationFile, std::FILE* in,
+               std::FILE* out, std::FILE* err) {
+  (void)in;
+  LocalFileSystem files(defaultDataRoot());
+  Station station;
+  std::string error;
+  const std::optional<std::string> sequence =
+      options.sequence.empty() ? std::nullopt : std::optional<std::string>(options.sequence);
+  if (!LoadStationFile(files, stationFile, station, error, sequence)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (options.trace && *options.trace == "-") {
+    std::fprintf(err, "tavrix-cli: a station writes one trace file per socket: --trace FILE\n");
+    return kExitUsage;
+  }
+  InstrumentSettings settings;
+  if (options.instrumentSettings &&
+      !LoadInstrumentSettings(files, *options.instrumentSettings, settings, error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (options.replyTimeout) {
+    settings.useReplyTimeout = true;
+    settings.replyTimeoutSecs = *options.replyTimeout;
+  }
+  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
+
+  std::unique_ptr<StationTime> time;
+  std::unique_ptr<Clock> rigClock;
+  if (options.virtualTime) {
+    Micros start = SystemClock().now();
+    if (options.start) {
+      const auto parsed = parseDateTime(*options.start);
+      if (!parsed) {
+        std::fprintf(err, "tavrix-cli: --start wants \"YYYY-MM-DD HH:MM:SS\", not \"%s\"\n",
+                     options.start->c_str());
+        return kExitUsage;
+      }
+      start = *parsed;
+    }
+    time = std::make_unique<StationTime>(start, station.sockets.size());
+    rigClock = time->sharedClock();
+  } else {
+    rigClock = std::make_unique<SystemClock>();
+  }
+
+  std::vector<std::string> names;
+  for (const auto& s : station.sockets) names.push_back(s.name);
+  StationView view(names, out, !options.quiet && TerminalView::IsTerminal(out));
+  StationShared shared(options, station, settings, files.dataRoot(), view, err);
+  shared.time = time.get();
+  if (station.link == kLinkSim) {
+    auto rig = MakeLinkLibrary(station.link, *rigClock, settings, files, &error);
+    if (!rig) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    shared.simRig = std::make_unique<SharedBackend>(std::move(rig));
+  }
+
+  std::vector<int> statuses(station.sockets.size(), kExitUsage);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < station.sockets.size(); ++i) {
+    threads.emplace_back([&, i] {
+      if (time) time->enter(i);
+      statuses[i] = RunSocket(shared, i);
+      if (time) time->leave(i);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  int status = kExitOk;
+  for (const int s : statuses) status = WorseExitStatus(status, s);
+  view.finish(status);
+  return status;
+}
+
+}  // namespace tavrix
