@@ -51,6 +51,7 @@ class Reader {
       const std::string_view k = key.str();
       if (k == "sequence") {
         s.sequence = path(node, where, k);
+        s.sequenceLine = lineOf(node);
       } else if (k == "answers") {
         s.answers = path(node, where, k);
       } else if (k == "link") {
@@ -208,7 +209,7 @@ bool CheckStation(const FileSystem& files, const Station& station, std::string& 
     }
     std::string text;
     if (!readTextFile(files, sequence, text, &problem)) {
-      error = fail(station, s.line, where(s),
+      error = fail(station, s.sequence.empty() ? s.line : s.sequenceLine, where(s),
                    "cannot read the sequence " + sequence + ": " + readFailureReason(problem));
       return false;
     }
@@ -222,20 +223,6 @@ bool CheckStation(const FileSystem& files, const Station& station, std::string& 
       error = fail(station, s.line, where(s),
                    "the sockets of a station share one link: set \"link\" for the station");
       return false;
-    }
-  }
-  // Names the sockets share in the mapping: identical prefixes, one
-  // socket's table target that another's prefix or table claims.
-  for (size_t i = 0; i < station.sockets.size(); ++i) {
-    const StationSocket& a = station.sockets[i];
-    for (size_t j = 0; j < i; ++j) {
-      const StationSocket& b = station.sockets[j];
-      if (b.name == a.name) {
-        error = fail(
-            station, a.line, where(a),
-            "a second socket of this name (the first is on line " + std::to_string(b.line) + ")");
-        return false;
-      }
     }
   }
   std::vector<std::string> channels;

@@ -96,12 +96,6 @@ bool Channels::ownChannel(std::string_view name) const {
   return !map_.prefix.empty() && lookup(map_.prefix + std::string(name)) != nullptr;
 }
 
-bool Channels::checkOutputChannel(std::string_view name) {
-  if (ownChannel(name)) return true;
-  link_.recordError(kErrChannelName, "Channel " + std::string(name) + std::string(kTextSharedOutput));
-  return false;
-}
-
 bool Channels::FindChannel(std::string_view name, int16_t& device) const {
   const ChannelRecord* record = lookup(name);
   if (record == nullptr) return false;

@@ -113,8 +113,6 @@ class Channels {
   // without a map). Outputs that run on their own (ramps, pulses, sines,
   // load maintenance) write only such channels.
   bool ownChannel(std::string_view name) const;
-  // False, with the link's error set, when `name` is shared by the sockets.
-  bool checkOutputChannel(std::string_view name);
 
  private:
   const ChannelRecord* lookup(std::string_view name) const;

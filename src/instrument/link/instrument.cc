@@ -40,8 +40,7 @@ bool Instrument::selectSetupFile(std::string_view path) {
 }
 
 bool Instrument::writeOutput(std::string_view channel, std::string_view value) {
-  lastOutputStatus_ =
-      channels_.checkOutputChannel(channel) && channels_.WriteChannel(channel, value);
+  lastOutputStatus_ = channels_.WriteChannel(channel, value);
   if (lastOutputStatus_ && outputWatcher_) outputWatcher_(channel, value);
   return lastOutputStatus_;
 }
