@@ -199,10 +199,6 @@ class StopBridge {
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
   if (options.station && NamesStationFile(*options.station))
     return RunStation(options, *options.station, in, out, err);
-  if (options.sequence.empty()) {
-    std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
-    return kExitUsage;
-  }
   // Taken before any thread of the run starts (the results store's writer,
   // the terminal view), so that a stop request never ends the process
   // before the results are written.
@@ -483,6 +479,15 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
 }
 
 namespace {
+// Whether the command line gives `--station` a station file.
+bool NamesStationFileIn(const std::vector<std::string>& args) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--station" && i + 1 < args.size() && NamesStationFile(args[i + 1])) return true;
+    if (args[i].rfind("--station=", 0) == 0 && NamesStationFile(args[i].substr(10))) return true;
+  }
+  return false;
+}
+
 int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                 std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
@@ -544,8 +549,11 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                          "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
   runCommand->add_flag("!--no-control-socket", run.controlSocket,
                        "Open no control socket for tavrix-cli ctl");
-  runCommand->add_option("SEQUENCE", run.sequence,
-                         "The sequence file (with a station file: every socket's sequence)");
+  CLI::Option* sequence = runCommand->add_option(
+      "SEQUENCE", run.sequence, "The sequence file (with a station file: every socket's sequence)");
+  // Required unless a station file names the sockets' sequences. Required, a
+  // positional is kept from the repeatable options before it (--break 1 FILE).
+  if (!NamesStationFileIn(args)) sequence->required();
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand(

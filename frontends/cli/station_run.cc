@@ -259,6 +259,32 @@ struct StationShared {
   DeviceGate gate;
   std::unique_ptr<SharedBackend> simRig;  // the simulated rig, one for all
 
+  // Stop requests (Ctrl+C, SIGTERM, a closed terminal) reach every socket
+  // whose engine is running, as the window's close request does.
+  std::mutex enginesMutex;
+  std::vector<Engine*> engines;
+  bool stopping = false;
+  void attach(Engine* engine) {
+    std::lock_guard guard(enginesMutex);
+    engines.push_back(engine);
+    if (stopping) requestStop(*engine);
+  }
+  void detach(Engine* engine) {
+    std::lock_guard guard(enginesMutex);
+    engines.erase(std::remove(engines.begin(), engines.end(), engine), engines.end());
+  }
+  void stopAll() {
+    std::lock_guard guard(enginesMutex);
+    stopping = true;
+    for (Engine* engine : engines) requestStop(*engine);
+  }
+  static void requestStop(Engine& engine) {
+    engine.post([](Engine& e) {
+      Sequencer& seq = e.sequencer();
+      if (seq.flags().running && seq.mayClose()) seq.requestAbort();
+    });
+  }
+
   void report(const std::string& socket, const std::string& text) {
     std::lock_guard guard(errMutex);
     std::fprintf(err, "tavrix-cli: %s: %s\n", socket.c_str(), text.c_str());
@@ -346,7 +372,9 @@ int RunSocket(StationShared& shared, size_t index) {
   {
     auto events = engine->subscribe(
         [&shared, index](const RunEvent& event) { shared.view.event(index, event); });
+    shared.attach(engine.get());
     reason = engine->run();
+    shared.detach(engine.get());
   }
   size_t recordsLost = 0;
   if (ResultsFeed* feed = engine->resultsFeed()) {
@@ -462,6 +490,7 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
     shared.simRig = std::make_unique<SharedBackend>(std::move(rig));
   }
 
+  const platform::StopRequests stopRequests([&shared](int) { shared.stopAll(); });
   std::vector<int> statuses(station.sockets.size(), kExitUsage);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < station.sockets.size(); ++i) {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <mutex>
 #include <thread>
 
@@ -161,6 +162,42 @@ TEST_F(StationTest, ADryRunIsTheSameEveryTime) {
   // Both ran on one clock: S2's heater went on 3 s in, while S1 waited.
   EXPECT_THAT(first2, HasSubstr("{\"t\":3.000,\"ev\":\"iml\",\"dev\":2,\"cmd\":\"WRI S2_HEATER 80\""));
 }
+
+#ifndef _WIN32  // the Windows builds have no results store
+TEST_F(StationTest, EachUutRecordNamesItsSocket) {
+  const std::string t = "\t";
+  File("details.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nOven test" + t + t +
+                          "1" + t + t + Path("fields.txt") + t + Path("stages.txt") + t +
+                          Path("results") + "\r\n");
+  File("fields.txt", "TEST SEQUENCE - FIELD NAMES\r\nField Name\r\n");
+  File("stages.txt",
+       "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
+       "1\tMEASURE\tHEATER\t\t30\t50\tHeater\t%\r\n");
+  File("uut.wts", "DB_DATAENTRY " + Path("details.txt") +
+                      "\r\nSEND HEATER, 40\r\nDB_STAGECHECK 1\r\nSTOP\r\n");
+  File("s1.answers", "DATAENTRY: Accept|serial=101|operator=Ann Lee|description=Oven\n");
+  File("s2.answers", "DATAENTRY: Accept|serial=202|operator=Ann Lee|description=Oven\n");
+  File("station.toml",
+       "name = \"LINE3\"\nsetup = \"rig.ims\"\nsequence = \"uut.wts\"\n"
+       "[socket.S1]\nprefix = \"S1_\"\nanswers = \"s1.answers\"\n"
+       "[socket.S2]\nprefix = \"S2_\"\nanswers = \"s2.answers\"\n");
+  ASSERT_EQ(Cli({"run", "--virtual-time", "--no-control-socket", "--station", Path("station.toml")}),
+            kExitOk)
+      << err_;
+  ASSERT_EQ(Cli({"results", "list"}), 0) << err_;
+  EXPECT_THAT(out_, testing::ContainsRegex("LINE3/S1 .*101 .*PASS"));
+  EXPECT_THAT(out_, testing::ContainsRegex("LINE3/S2 .*202 .*PASS"));
+  // Each socket's stage check read the heater of its own socket (40 %), so
+  // both passed; the sockets' files share the day's summary.
+  std::string summary;
+  for (const auto& entry : std::filesystem::directory_iterator(Path("results"))) {
+    if (entry.path().filename().string().rfind("Oven test_", 0) == 0)
+      localFiles().readFile(entry.path().string(), summary, nullptr);
+  }
+  EXPECT_THAT(summary, HasSubstr("101\tPASS"));
+  EXPECT_THAT(summary, HasSubstr("202\tPASS"));
+}
+#endif
 
 // A loop of its own for each socket, on the station's clock; each socket
 // writes where it is, and waits its own time, three times.
