@@ -194,8 +194,8 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         "{\"ok\":true,\"run\":" + jsonString(runId_) + ",\"pid\":" + std::to_string(getpid()) +
         ",\"sequence\":" + jsonString(sequence_) +
         (testSocket_.empty() ? "" : ",\"socket\":" + jsonString(testSocket_)) +
-        ",\"state\":" + jsonString(state_) +
-        ",\"line\":" + std::to_string(line_.load()) + ",\"status\":" + jsonString(status_);
+        ",\"state\":" + jsonString(state_) + ",\"line\":" + std::to_string(line_.load()) +
+        ",\"status\":" + jsonString(status_);
     if (state_ == "held") {
       json += ",\"hold\":" + jsonString(holdReason_);
       if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);

@@ -32,8 +32,8 @@ namespace tavrix {
 
 struct StationSocket {
   std::string name;
-  int line = 0;                        // where its table starts
-  std::string sequence;                // empty: the station's
+  int line = 0;          // where its table starts
+  std::string sequence;  // empty: the station's
   int sequenceLine = 0;
   std::optional<std::string> answers;  // unset: the station's
   std::string link;                    // empty: the station's

@@ -44,10 +44,17 @@ class StationTest : public CliTestBase {
   }
 
   int RunStation(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {"run",          "--virtual-time", "--start",
-                                     "2026-11-15 08:00:00", "--no-control-socket",
-                                     "--results-store", "off", "--trace", Path("t.jsonl"),
-                                     "--station",    Path("station.toml")};
+    std::vector<std::string> args = {"run",
+                                     "--virtual-time",
+                                     "--start",
+                                     "2026-11-15 08:00:00",
+                                     "--no-control-socket",
+                                     "--results-store",
+                                     "off",
+                                     "--trace",
+                                     Path("t.jsonl"),
+                                     "--station",
+                                     Path("station.toml")};
     args.insert(args.end(), extra.begin(), extra.end());
     return Cli(args);
   }
@@ -160,7 +167,8 @@ TEST_F(StationTest, ADryRunIsTheSameEveryTime) {
   EXPECT_EQ(Trace("S1"), first1);
   EXPECT_EQ(Trace("S2"), first2);
   // Both ran on one clock: S2's heater went on 3 s in, while S1 waited.
-  EXPECT_THAT(first2, HasSubstr("{\"t\":3.000,\"ev\":\"iml\",\"dev\":2,\"cmd\":\"WRI S2_HEATER 80\""));
+  EXPECT_THAT(first2,
+              HasSubstr("{\"t\":3.000,\"ev\":\"iml\",\"dev\":2,\"cmd\":\"WRI S2_HEATER 80\""));
 }
 
 #ifndef _WIN32  // the Windows builds have no results store
@@ -181,8 +189,9 @@ TEST_F(StationTest, EachUutRecordNamesItsSocket) {
        "name = \"LINE3\"\nsetup = \"rig.ims\"\nsequence = \"uut.wts\"\n"
        "[socket.S1]\nprefix = \"S1_\"\nanswers = \"s1.answers\"\n"
        "[socket.S2]\nprefix = \"S2_\"\nanswers = \"s2.answers\"\n");
-  ASSERT_EQ(Cli({"run", "--virtual-time", "--no-control-socket", "--station", Path("station.toml")}),
-            kExitOk)
+  ASSERT_EQ(
+      Cli({"run", "--virtual-time", "--no-control-socket", "--station", Path("station.toml")}),
+      kExitOk)
       << err_;
   ASSERT_EQ(Cli({"results", "list"}), 0) << err_;
   EXPECT_THAT(out_, testing::ContainsRegex("LINE3/S1 .*101 .*PASS"));
@@ -215,7 +224,8 @@ TEST(StationTimeTest, SocketsTakeTurnsOnOneClockInAFixedOrder) {
       for (int k = 0; k < 3; ++k) {
         {
           std::lock_guard guard(mutex);
-          log.push_back(std::to_string(i) + "@" + std::to_string((clock->now() - start) / 1'000'000));
+          log.push_back(std::to_string(i) + "@" +
+                        std::to_string((clock->now() - start) / 1'000'000));
         }
         bool due = false;
         Timer timer(loop, static_cast<Micros>(i + 1) * 10'000'000, [&due] { due = true; });
@@ -300,8 +310,7 @@ TEST(SharedLinkTest, OneExchangePerDeviceInTheOrderAsked) {
   EXPECT_EQ(c.sendCommand(1, 5, "REA Z", true), 0);
   c.abortReply(1, 5);
   EXPECT_EQ(b.sendCommand(1, 5, "REA Y", true), 0);
-  EXPECT_EQ(backend.sent,
-            (std::vector<std::string>{"5:REA X", "6:REA W", "5:REA Z", "5:REA Y"}));
+  EXPECT_EQ(backend.sent, (std::vector<std::string>{"5:REA X", "6:REA W", "5:REA Z", "5:REA Y"}));
   // A socket whose link goes lets go of what it held.
   b.closeInterface(1);
   EXPECT_EQ(a.sendCommand(1, 5, "REA V", true), 0);
