@@ -77,7 +77,7 @@ bool StationTime::onThread(size_t socket) const {
 void StationTime::enter(size_t socket) {
   std::unique_lock lock(mutex_);
   threads_[socket].store(std::this_thread::get_id());
-  cv_.wait(lock, [&] { return turn_ == socket; });
+  slots_[socket].turn.wait(lock, [&] { return turn_ == socket; });
   slots_[socket].state = Slot::kRunning;
 }
 
@@ -104,7 +104,7 @@ void StationTime::handOn(size_t from) {
       const size_t j = (from + k) % n;
       if (ready(slots_[j])) {
         turn_ = j;
-        cv_.notify_all();
+        slots_[j].turn.notify_one();
         return;
       }
     }
@@ -116,7 +116,7 @@ void StationTime::handOn(size_t from) {
       // Every socket is done or waits for a person: whoever waits looks
       // again now and then.
       turn_ = kNobody;
-      cv_.notify_all();
+      for (Slot& slot : slots_) slot.turn.notify_one();
       return;
     }
     advanceTo(next);
@@ -141,10 +141,10 @@ bool StationTime::idle(size_t socket, Micros due, std::unique_lock<std::mutex>& 
     handOn(socket);
     while (turn_ != socket) {
       if (turn_ == kNobody) {
-        cv_.wait_for(lock, kPersonPoll);
+        slot.turn.wait_for(lock, kPersonPoll);
         if (turn_ == kNobody) handOn(socket);
       } else {
-        cv_.wait(lock);
+        slot.turn.wait(lock);
       }
     }
     slot.state = Slot::kRunning;

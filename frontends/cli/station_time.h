@@ -50,6 +50,9 @@ class StationTime {
     bool outside = false;
     const std::function<bool()>* woken = nullptr;
     std::mutex* loopMutex = nullptr;
+    // Woken when the turn is the slot's (one each, so that a turn wakes one
+    // thread, not all).
+    std::condition_variable turn;
   };
   static constexpr size_t kNobody = static_cast<size_t>(-1);
 
@@ -65,7 +68,6 @@ class StationTime {
 
   std::atomic<Micros> now_;
   mutable std::mutex mutex_;
-  std::condition_variable cv_;
   std::vector<Slot> slots_;
   // Each socket's thread while it takes turns.
   std::unique_ptr<std::atomic<std::thread::id>[]> threads_;
