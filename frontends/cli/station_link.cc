@@ -1,10 +1,15 @@
 #include "station_link.h"
 
 #include <algorithm>
+#include <thread>
+
+#include "common/event_loop.h"
 
 namespace tavrix {
 
 namespace {
+// How often a socket looks whether another socket's load of the setup is done.
+constexpr Micros kLoadPoll = 10'000;
 bool validDevice(int16_t device) { return device >= 0 && device < 100; }
 }  // namespace
 
@@ -56,24 +61,19 @@ int32_t SharedBackend::close(int16_t handle) {
 }
 
 int32_t SharedBackend::load(const std::string& path, int32_t second, SetupLoad& load) {
-  std::lock_guard guard(mutex_);
-  if (!loadedPath_.empty() && path == loadedPath_) {
-    load = loaded_;
-    return link_result::kOk;
-  }
-  const int32_t result = backend_->loadAndLockSetup(path, second, load);
-  if (result == link_result::kOk) {
-    loadedPath_ = path;
-    loaded_ = load;
-  }
-  return result;
+  // The simulated rig loads without waiting: no other load is ever under way.
+  return *setup_.tryLoad(path, load, [&](SetupLoad& setup) {
+    std::lock_guard guard(mutex_);
+    return backend_->loadAndLockSetup(path, second, setup);
+  });
 }
 
 SocketLink::SocketLink(int socket, DeviceGate& gate, SharedBackend& shared)
     : socket_(socket), gate_(gate), shared_(&shared), backend_(shared.library()) {}
 
-SocketLink::SocketLink(int socket, DeviceGate& gate, std::unique_ptr<LinkLibrary> own)
-    : socket_(socket), gate_(gate), own_(std::move(own)), backend_(*own_) {}
+SocketLink::SocketLink(int socket, DeviceGate& gate, SetupOnce& setup,
+                       std::unique_ptr<LinkLibrary> own)
+    : socket_(socket), gate_(gate), setup_(&setup), own_(std::move(own)), backend_(*own_) {}
 
 SocketLink::~SocketLink() { gate_.forget(socket_); }
 
@@ -85,6 +85,7 @@ auto SocketLink::locked(Call call) const {
 }
 
 void SocketLink::useEventLoop(EventLoop& events) {
+  events_ = &events;
   // A shared backend waits for nothing outside the program.
   if (shared_ == nullptr) backend_.useEventLoop(events);
 }
@@ -146,7 +147,19 @@ int32_t SocketLink::setupLibVersion(std::string& text) {
 }
 int32_t SocketLink::loadAndLockSetup(const std::string& path, int32_t second, SetupLoad& load) {
   if (shared_ != nullptr) return shared_->load(path, second, load);
-  return backend_.loadAndLockSetup(path, second, load);
+  for (;;) {
+    const auto result = setup_->tryLoad(
+        path, load, [&](SetupLoad& setup) { return backend_.loadAndLockSetup(path, second, setup); });
+    if (result) return *result;
+    if (events_ == nullptr) {
+      std::this_thread::yield();
+      continue;
+    }
+    bool due = false;
+    Timer poll(*events_, kLoadPoll, [&due] { due = true; });
+    poll.setEnabled(true);
+    events_->waitUntil([&due] { return due; });
+  }
 }
 int32_t SocketLink::unlockSetup(std::string_view setupName, int16_t handle) {
   // The setup stays locked while another socket uses it.

@@ -11,6 +11,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "instrument/link/link_library.h"
@@ -35,6 +36,40 @@ class DeviceGate {
   Device devices_[100];
 };
 
+// A setup loaded once for all the sockets: loading it again would restart
+// the rig the others use. Each socket gets the first load's channel table.
+class SetupOnce {
+ public:
+  // The load, or nothing while another socket's load of it is under way
+  // (which may wait for a rig server: the caller waits through its own
+  // event loop and asks again, so that it never blocks the others).
+  template <class Load>
+  std::optional<int32_t> tryLoad(const std::string& path, SetupLoad& setup, Load doLoad) {
+    std::unique_lock lock(mutex_);
+    if (!path_.empty() && path == path_) {
+      setup = loaded_;
+      return link_result::kOk;
+    }
+    if (loading_) return std::nullopt;
+    loading_ = true;
+    lock.unlock();
+    const int32_t result = doLoad(setup);
+    lock.lock();
+    loading_ = false;
+    if (result == link_result::kOk) {
+      path_ = path;
+      loaded_ = setup;
+    }
+    return result;
+  }
+
+ private:
+  std::mutex mutex_;
+  bool loading_ = false;
+  std::string path_;
+  SetupLoad loaded_;
+};
+
 // One backend for several sockets: calls are made one at a time; the link
 // is opened by the first socket and closed by the last; a setup loaded
 // once is not loaded again (loading restarts a simulated rig).
@@ -53,16 +88,16 @@ class SharedBackend {
   std::mutex mutex_;
   int opened_ = 0;
   int16_t handle_ = 0;
-  std::string loadedPath_;
-  SetupLoad loaded_;
+  SetupOnce setup_;
 };
 
 class SocketLink final : public LinkLibrary {
  public:
   // Over a backend shared with other sockets ...
   SocketLink(int socket, DeviceGate& gate, SharedBackend& shared);
-  // ... or over a backend of its own.
-  SocketLink(int socket, DeviceGate& gate, std::unique_ptr<LinkLibrary> own);
+  // ... or over a backend of its own (a connection to a rig server that the
+  // other sockets reach over connections of their own).
+  SocketLink(int socket, DeviceGate& gate, SetupOnce& setup, std::unique_ptr<LinkLibrary> own);
   ~SocketLink() override;
 
   void useEventLoop(EventLoop& events) override;
@@ -91,6 +126,8 @@ class SocketLink final : public LinkLibrary {
   int socket_;
   DeviceGate& gate_;
   SharedBackend* shared_ = nullptr;
+  SetupOnce* setup_ = nullptr;
+  EventLoop* events_ = nullptr;
   std::unique_ptr<LinkLibrary> own_;
   LinkLibrary& backend_;
 };

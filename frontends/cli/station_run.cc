@@ -257,6 +257,7 @@ struct StationShared {
   std::mutex errMutex;
   StationTime* time = nullptr;  // on a virtual clock
   DeviceGate gate;
+  SetupOnce setup;
   std::unique_ptr<SharedBackend> simRig;  // the simulated rig, one for all
 
   // Stop requests (Ctrl+C, SIGTERM, a closed terminal) reach every socket
@@ -331,7 +332,7 @@ int RunSocket(StationShared& shared, size_t index) {
     if (shared.simRig) return std::make_unique<SocketLink>(id, shared.gate, *shared.simRig);
     auto own = MakeLinkLibrary(spec, clock, settings, files, why);
     if (!own) return nullptr;
-    return std::make_unique<SocketLink>(id, shared.gate, std::move(own));
+    return std::make_unique<SocketLink>(id, shared.gate, shared.setup, std::move(own));
   };
   config.channelMap = SocketChannelMap(station, index);
   config.xmlResultsFiles = options.results == "xml";

@@ -4,12 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 #include <thread>
 
 #include "cli_test_support.h"
 #include "common/event_loop.h"
+#include "instrument/tcp/rig_server.h"
 #include "station_link.h"
 #include "station_run.h"
 #include "station_time.h"
@@ -169,6 +171,31 @@ TEST_F(StationTest, ADryRunIsTheSameEveryTime) {
   // Both ran on one clock: S2's heater went on 3 s in, while S1 waited.
   EXPECT_THAT(first2,
               HasSubstr("{\"t\":3.000,\"ev\":\"iml\",\"dev\":2,\"cmd\":\"WRI S2_HEATER 80\""));
+}
+
+TEST_F(StationTest, OverARigServerEachSocketRunsAsOnTheSimulatedRig) {
+  File("a.wts", "SEND HEATER, 40\r\nWAIT OVEN > 50\r\nWAITSECONDS 7\r\nWAIT AMBIENT > 20\r\nSTOP\r\n");
+  File("b.wts", "WAITSECONDS 3\r\nSEND HEATER, 80\r\nWAIT OVEN > 60\r\nSTOP\r\n");
+  const std::string sockets =
+      "[socket.S1]\nprefix = \"S1_\"\nsequence = \"a.wts\"\n"
+      "[socket.S2]\nprefix = \"S2_\"\nsequence = \"b.wts\"\n";
+  Station(sockets);
+  ASSERT_EQ(RunStation(), kExitOk) << err_;
+  const std::string sim1 = Trace("S1");
+  const std::string sim2 = Trace("S2");
+  RigServer server;
+  std::string error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  std::atomic<bool> stop{false};
+  std::thread serving([&] { server.serve(stop); });
+  // Each socket has a connection of its own; the setup is loaded once, so
+  // neither restarts the rig under the other, and their order is the same.
+  Station("link = \"tcp://127.0.0.1:" + std::to_string(server.port()) + "\"\n" + sockets);
+  EXPECT_EQ(RunStation(), kExitOk) << err_;
+  EXPECT_EQ(Trace("S1"), sim1);
+  EXPECT_EQ(Trace("S2"), sim2);
+  stop = true;
+  serving.join();
 }
 
 #ifndef _WIN32  // the Windows builds have no results store

@@ -30,7 +30,10 @@ class StationTime::SocketClock final : public Clock {
   bool isVirtual() const override { return true; }
   bool idleUntil(Micros due, std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
                  const std::function<bool()>& woken, bool outside) override {
-    if (time_.onThread(socket_)) return time_.idle(socket_, due, lock, woken, outside);
+    // A wait for something outside the program (a rig server's response)
+    // keeps the turn, as a plain virtual clock keeps its time: so the order
+    // of the sockets' exchanges does not hang on how fast it answers.
+    if (time_.onThread(socket_) && !outside) return time_.idle(socket_, due, lock, woken, false);
     return PlainIdle(due, cv, lock, woken, outside, [this](Micros t) { time_.advanceTo(t); });
   }
 

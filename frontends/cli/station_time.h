@@ -3,7 +3,8 @@
 // a socket runs until it idles (a wait, a poll of the link, an operator
 // question), then the next socket in station order whose wait is over runs.
 // When every socket idles, the clock jumps to the earliest instant one of
-// them waits for. So a dry run of many sockets takes no real time and the
+// them waits for. A wait for something outside the program (a rig server's
+// response) keeps the turn. So a dry run of many sockets takes no real time and the
 // order of their exchanges with the rig is the same on every run.
 #pragma once
 
