@@ -148,8 +148,9 @@ int32_t SocketLink::setupLibVersion(std::string& text) {
 int32_t SocketLink::loadAndLockSetup(const std::string& path, int32_t second, SetupLoad& load) {
   if (shared_ != nullptr) return shared_->load(path, second, load);
   for (;;) {
-    const auto result = setup_->tryLoad(
-        path, load, [&](SetupLoad& setup) { return backend_.loadAndLockSetup(path, second, setup); });
+    const auto result = setup_->tryLoad(path, load, [&](SetupLoad& setup) {
+      return backend_.loadAndLockSetup(path, second, setup);
+    });
     if (result) return *result;
     if (events_ == nullptr) {
       std::this_thread::yield();

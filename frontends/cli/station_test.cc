@@ -174,7 +174,8 @@ TEST_F(StationTest, ADryRunIsTheSameEveryTime) {
 }
 
 TEST_F(StationTest, OverARigServerEachSocketRunsAsOnTheSimulatedRig) {
-  File("a.wts", "SEND HEATER, 40\r\nWAIT OVEN > 50\r\nWAITSECONDS 7\r\nWAIT AMBIENT > 20\r\nSTOP\r\n");
+  File("a.wts",
+       "SEND HEATER, 40\r\nWAIT OVEN > 50\r\nWAITSECONDS 7\r\nWAIT AMBIENT > 20\r\nSTOP\r\n");
   File("b.wts", "WAITSECONDS 3\r\nSEND HEATER, 80\r\nWAIT OVEN > 60\r\nSTOP\r\n");
   const std::string sockets =
       "[socket.S1]\nprefix = \"S1_\"\nsequence = \"a.wts\"\n"
