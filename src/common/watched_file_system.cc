@@ -93,6 +93,14 @@ bool WatchedFileSystem::append(const std::string& path, std::string_view bytes, 
   return false;
 }
 
+bool WatchedFileSystem::createPrivate(const std::string& path, std::string* error) {
+  std::string why;
+  if (inner_.createPrivate(path, &why)) return true;
+  recordLoss(path, why);
+  if (error) *error = why;
+  return false;
+}
+
 std::unique_ptr<OutputFile> WatchedFileSystem::create(const std::string& path, std::string* error) {
   auto inner = inner_.create(path, error);
   if (!inner) return nullptr;
