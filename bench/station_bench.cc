@@ -9,6 +9,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -16,8 +17,10 @@
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "engine/engine.h"
+#include "instrument/backends/link_backends.h"
 #include "instrument/link/instrument.h"
 #include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/rig_server.h"
 #include "platform/files.h"
 #include "run_command.h"
 #include "station_link.h"
@@ -146,7 +149,7 @@ void BM_SharedLinkExchanges(benchmark::State& state) {
   SystemClock rigClock;
   LocalFileSystem files(folder.dir);
   SharedBackend shared(std::make_unique<SimLink>(rigClock, folder.dir, files));
-  DeviceGate gate;
+  DeviceGate gate(true);
   int64_t total = 0;
   for (auto _ : state) {
     std::atomic<int64_t> exchanges{0};
@@ -188,6 +191,88 @@ BENCHMARK(BM_SharedLinkExchanges)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(2);
+
+// Sixteen sockets, each on a connection of its own to one rig server on
+// loopback and reading a channel of its own device (arg 1 = 0) or all the
+// same device (arg 1 = 1): exchanges a second, and the longest one exchange
+// took (a socket's worst wait for the link).
+void BM_SharedRigServerExchanges(benchmark::State& state) {
+  StationFolder folder;
+  const int sockets = static_cast<int>(state.range(0));
+  const bool oneDevice = state.range(1) == 1;
+  {
+    std::ofstream rig(folder.dir + "/rig16.ims", std::ios::binary);
+    for (int i = 1; i <= 16; ++i) {
+      rig << "D " << i << "\n  " << i << "0001 E=1 M=A N=S" << i << "_OVEN U=degC V=20\n";
+    }
+  }
+  RigServer server;
+  std::string error;
+  if (!server.listen("127.0.0.1:0", error)) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  std::atomic<bool> serverStop{false};
+  std::thread serving([&] { server.serve(serverStop); });
+  const std::string link = "tcp://127.0.0.1:" + std::to_string(server.port());
+  DeviceGate gate(true);
+  SetupOnce setup;
+  int64_t total = 0;
+  double worst = 0;
+  for (auto _ : state) {
+    std::atomic<int64_t> exchanges{0};
+    std::atomic<bool> stop{false};
+    std::mutex worstMutex;
+    std::vector<std::thread> threads;
+    for (int s = 0; s < sockets; ++s) {
+      threads.emplace_back([&, s] {
+        SystemClock clock;
+        EventLoop events(clock);
+        Trace trace(clock);
+        PathMap paths(folder.dir);
+        InstrumentSettings settings;
+        LocalFileSystem files(folder.dir);
+        std::string why;
+        auto own = MakeLinkLibrary(link, clock, settings, files, &why);
+        if (!own) return;
+        Instrument instrument(events, trace, settings,
+                              std::make_unique<SocketLink>(s, gate, setup, std::move(own)), paths);
+        if (!instrument.ensureOpen() || !instrument.selectSetupFile(folder.dir + "/rig16.ims"))
+          return;
+        const std::string channel = "S" + std::to_string(oneDevice ? 1 : s + 1) + "_OVEN";
+        std::string value;
+        int64_t mine = 0;
+        double myWorst = 0;
+        while (!stop.load(std::memory_order_relaxed)) {
+          const auto began = std::chrono::steady_clock::now();
+          if (instrument.channels().ReadChannel(channel, value)) ++mine;
+          myWorst = std::max(
+              myWorst,
+              std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
+        }
+        exchanges += mine;
+        std::lock_guard guard(worstMutex);
+        worst = std::max(worst, myWorst);
+      });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    stop = true;
+    for (auto& t : threads) t.join();
+    total += exchanges.load();
+  }
+  serverStop = true;
+  serving.join();
+  state.counters["exchanges/s"] =
+      benchmark::Counter(static_cast<double>(total), benchmark::Counter::kIsRate);
+  state.counters["worst_wait_ms"] = worst * 1000;
+}
+BENCHMARK(BM_SharedRigServerExchanges)
+    ->Args({1, 0})
+    ->Args({16, 0})
+    ->Args({16, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
 
 }  // namespace
 }  // namespace tavrix::bench

@@ -1,6 +1,7 @@
 #include "station_link.h"
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
 
 #include "common/event_loop.h"
@@ -10,36 +11,48 @@ namespace tavrix {
 namespace {
 // How often a socket looks whether another socket's load of the setup is done.
 constexpr Micros kLoadPoll = 10'000;
+// How long a socket on the system's clock waits for a busy device before its
+// own events run again.
+constexpr auto kTurnWait = std::chrono::milliseconds(20);
 bool validDevice(int16_t device) { return device >= 0 && device < 100; }
 }  // namespace
 
 bool DeviceGate::take(int socket, int16_t device) {
   if (!validDevice(device)) return true;
-  std::lock_guard guard(mutex_);
+  std::unique_lock lock(mutex_);
   Device& d = devices_[device];
   if (d.holder == socket) return true;
-  if (d.holder < 0 && (d.waiting.empty() || d.waiting.front() == socket)) {
-    if (!d.waiting.empty()) d.waiting.pop_front();
-    d.holder = socket;
-    return true;
+  if (!mayTake(d, socket)) {
+    if (std::find(d.waiting.begin(), d.waiting.end(), socket) == d.waiting.end())
+      d.waiting.push_back(socket);
+    // A while, then the socket's own events run before it asks again.
+    if (!wait_ || !freed_.wait_for(lock, kTurnWait, [&] { return mayTake(d, socket); }))
+      return false;
   }
-  if (std::find(d.waiting.begin(), d.waiting.end(), socket) == d.waiting.end())
-    d.waiting.push_back(socket);
-  return false;
+  if (!d.waiting.empty() && d.waiting.front() == socket) d.waiting.pop_front();
+  d.holder = socket;
+  return true;
 }
 
 void DeviceGate::give(int socket, int16_t device) {
   if (!validDevice(device)) return;
-  std::lock_guard guard(mutex_);
-  if (devices_[device].holder == socket) devices_[device].holder = -1;
+  {
+    std::lock_guard guard(mutex_);
+    if (devices_[device].holder != socket) return;
+    devices_[device].holder = -1;
+  }
+  if (wait_) freed_.notify_all();
 }
 
 void DeviceGate::forget(int socket) {
-  std::lock_guard guard(mutex_);
-  for (Device& d : devices_) {
-    if (d.holder == socket) d.holder = -1;
-    d.waiting.erase(std::remove(d.waiting.begin(), d.waiting.end(), socket), d.waiting.end());
+  {
+    std::lock_guard guard(mutex_);
+    for (Device& d : devices_) {
+      if (d.holder == socket) d.holder = -1;
+      d.waiting.erase(std::remove(d.waiting.begin(), d.waiting.end(), socket), d.waiting.end());
+    }
   }
+  if (wait_) freed_.notify_all();
 }
 
 int32_t SharedBackend::open(int16_t& handle) {

@@ -8,6 +8,7 @@
 // channels); a link to a rig server gives each socket a connection of its own.
 #pragma once
 
+#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -20,6 +21,10 @@ namespace tavrix {
 
 class DeviceGate {
  public:
+  // `wait`: a socket that finds its device busy waits for its turn a while
+  // (its thread is its own: on the system's clock). Without it, it is told
+  // at once (sockets that take turns on one virtual clock must never block).
+  explicit DeviceGate(bool wait = false) : wait_(wait) {}
   // Whether `socket` may exchange with `device` now; queues it when not.
   bool take(int socket, int16_t device);
   // `socket`'s exchange with `device` is over.
@@ -32,7 +37,13 @@ class DeviceGate {
     int holder = -1;
     std::deque<int> waiting;
   };
+  bool mayTake(const Device& d, int socket) const {
+    return d.holder < 0 && (d.waiting.empty() || d.waiting.front() == socket);
+  }
+
+  const bool wait_;
   std::mutex mutex_;
+  std::condition_variable freed_;
   Device devices_[100];
 };
 
