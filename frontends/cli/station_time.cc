@@ -131,6 +131,8 @@ bool StationTime::idle(size_t socket, Micros due, std::unique_lock<std::mutex>& 
   if (woken()) return true;
   // Nothing can end this wait: as on a plain virtual clock, say so at once.
   if (due == Clock::kNever && !outside) return false;
+  // A wait that is over already keeps the turn.
+  if (due <= now_.load() && !outside) return true;
   std::mutex* loopMutex = loopLock.mutex();
   loopLock.unlock();
   {
