@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -126,6 +128,15 @@ class StationView {
     draw();
   }
 
+  // While a person is asked something at the terminal, the lines are not
+  // redrawn (the question stands where they would be).
+  void pause(bool paused) {
+    std::lock_guard guard(mutex_);
+    if (paused) clear();
+    paused_ = paused;
+    if (!paused) draw();
+  }
+
   void ended(size_t socket, int status, const std::string& reason) {
     std::lock_guard guard(mutex_);
     rows_[socket].status = status;
@@ -153,12 +164,12 @@ class StationView {
 
  private:
   void clear() {
-    if (!live_ || drawnLines_ == 0) return;
+    if (!live_ || paused_ || drawnLines_ == 0) return;
     std::fprintf(out_, "\x1b[%dA\x1b[J", drawnLines_);
     drawnLines_ = 0;
   }
   void draw() {
-    if (!live_) {
+    if (!live_ || paused_) {
       std::fflush(out_);
       return;
     }
@@ -179,6 +190,7 @@ class StationView {
   std::mutex mutex_;
   std::FILE* out_;
   bool live_;
+  bool paused_ = false;
   std::vector<SocketRow> rows_;
   int drawnLines_ = 0;
   std::chrono::steady_clock::time_point drawn_{};
@@ -192,7 +204,8 @@ class SocketOperator final : public Operator {
       : inner_(std::move(inner)), view_(view), socket_(socket) {}
 
   void ask(const Question& question, std::function<void(Answer)> answered) override {
-    view_.print(socket_, "[" + question.kind + "] " + question.text);
+    // A person sees the question itself, under the socket's name.
+    if (!inner_->isPerson()) view_.print(socket_, "[" + question.kind + "] " + question.text);
     inner_->ask(question, [this, answered = std::move(answered)](Answer answer) {
       if (answer) view_.print(socket_, "  answered: " + *answer);
       answered(std::move(answer));
@@ -212,6 +225,110 @@ class SocketOperator final : public Operator {
   std::unique_ptr<Operator> inner_;
   StationView& view_;
   size_t socket_;
+};
+
+// Questions of sockets without an answers file, put to the person at the
+// terminal one at a time, in the order asked, each under its socket's name.
+// A thread of its own hands them to the terminal, so that an answer (given
+// on the terminal's reader thread) never waits for the next question.
+class QuestionDesk {
+ public:
+  QuestionDesk(std::FILE* in, std::FILE* out, StationView& view) : terminal_(in, out), view_(view) {
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~QuestionDesk() {
+    {
+      std::lock_guard guard(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  QuestionDesk(const QuestionDesk&) = delete;
+  QuestionDesk& operator=(const QuestionDesk&) = delete;
+
+  void ask(size_t socket, Question question, std::function<void(Answer)> answered) {
+    std::lock_guard guard(mutex_);
+    queue_.push_back({socket, std::move(question), std::move(answered)});
+    changed_.notify_all();
+  }
+  // The socket's question is withdrawn (its run was stopped).
+  void close(size_t socket) {
+    std::unique_lock lock(mutex_);
+    queue_.erase(std::remove_if(queue_.begin(), queue_.end(),
+                                [&](const Item& item) { return item.socket == socket; }),
+                 queue_.end());
+    if (active_ && *active_ == socket) {
+      active_.reset();
+      lock.unlock();
+      terminal_.closeQuestion();
+      view_.pause(false);
+      changed_.notify_all();
+    }
+  }
+
+ private:
+  struct Item {
+    size_t socket;
+    Question question;
+    std::function<void(Answer)> answered;
+  };
+
+  void serve() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [&] { return stopping_ || (!active_ && !queue_.empty()); });
+      if (stopping_) return;
+      Item item = std::move(queue_.front());
+      queue_.pop_front();
+      active_ = item.socket;
+      const auto answered = std::move(item.answered);
+      const size_t socket = item.socket;
+      lock.unlock();
+      view_.pause(true);
+      terminal_.ask(item.question, [this, socket, answered](Answer answer) {
+        {
+          std::lock_guard guard(mutex_);
+          if (!active_ || *active_ != socket) return;
+          active_.reset();
+        }
+        changed_.notify_all();
+        view_.pause(false);
+        answered(std::move(answer));
+      });
+      lock.lock();
+    }
+  }
+
+  TerminalOperator terminal_;
+  StationView& view_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Item> queue_;
+  std::optional<size_t> active_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+// A socket's questions, put to the person at the terminal.
+class DeskOperator final : public Operator {
+ public:
+  DeskOperator(QuestionDesk& desk, size_t socket, std::string name)
+      : desk_(desk), socket_(socket), name_(std::move(name)) {}
+  void ask(const Question& question, std::function<void(Answer)> answered) override {
+    Question shown = question;
+    shown.text = name_ + ": " + question.text;
+    desk_.ask(socket_, std::move(shown), std::move(answered));
+  }
+  void closeQuestion() override { desk_.close(socket_); }
+  bool isPerson() const override { return true; }
+  std::string unansweredReason() const override { return "the terminal input was closed"; }
+  void showMessage(std::string_view, std::string_view) override {}
+
+ private:
+  QuestionDesk& desk_;
+  size_t socket_;
+  std::string name_;
 };
 
 int ExitStatusOf(EndReason reason) {
@@ -259,6 +376,8 @@ struct StationShared {
   DeviceGate gate;
   SetupOnce setup;
   std::unique_ptr<SharedBackend> simRig;  // the simulated rig, one for all
+  // Where sockets without an answers file ask, when the input is a terminal.
+  std::unique_ptr<QuestionDesk> desk;
 
   // Stop requests (Ctrl+C, SIGTERM, a closed terminal) reach every socket
   // whose engine is running, as the window's close request does.
@@ -306,9 +425,13 @@ int RunSocket(StationShared& shared, size_t index) {
 
   auto files = std::make_unique<LocalFileSystem>(shared.dataRoot);
   std::string error;
-  std::unique_ptr<Operator> inner =
-      MakeConsoleOperator(*files, station.answersOf(socket), nullptr, nullptr, &error);
-  if (!inner) return fail(error);
+  std::unique_ptr<Operator> inner;
+  if (!station.answersOf(socket) && shared.desk) {
+    inner = std::make_unique<DeskOperator>(*shared.desk, index, socket.name);
+  } else {
+    inner = MakeConsoleOperator(*files, station.answersOf(socket), nullptr, nullptr, &error);
+    if (!inner) return fail(error);
+  }
   SocketOperator op(std::move(inner), shared.view, index);
 
   EngineConfig config;
@@ -432,7 +555,6 @@ bool NamesStationFile(const std::string& value) {
 
 int RunStation(const RunOptions& options, const std::string& stationFile, std::FILE* in,
                std::FILE* out, std::FILE* err) {
-  (void)in;
   LocalFileSystem files(defaultDataRoot());
   Station station;
   std::string error;
@@ -491,7 +613,11 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
     shared.simRig = std::make_unique<SharedBackend>(std::move(rig));
   }
 
+  // Taken before any thread starts (the question desk, the sockets), so
+  // that a stop request reaches the sockets rather than ending the process.
   const platform::StopRequests stopRequests([&shared](int) { shared.stopAll(); });
+  if (in != nullptr && platform::isTerminal(in))
+    shared.desk = std::make_unique<QuestionDesk>(in, err, view);
   std::vector<int> statuses(station.sockets.size(), kExitUsage);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < station.sockets.size(); ++i) {

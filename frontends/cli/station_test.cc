@@ -10,6 +10,14 @@
 #include <thread>
 
 #include "cli_test_support.h"
+
+#ifndef _WIN32
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 #include "common/event_loop.h"
 #include "instrument/tcp/rig_server.h"
 #include "station_link.h"
@@ -199,6 +207,85 @@ TEST_F(StationTest, OverARigServerEachSocketRunsAsOnTheSimulatedRig) {
   EXPECT_EQ(Trace("S2"), sim2);
   stop = true;
   serving.join();
+}
+
+// A person at the terminal answers the sockets' questions one at a time,
+// each under its socket's name; Ctrl+C stops every socket.
+TEST_F(StationTest, APersonAnswersEachSocketAtTheTerminal) {
+  // A menu, whose question a stop closes (a message box it does not).
+  File("ask.wts", "SELECTMENU Unit fitted?, A, B\r\nA:\r\nSEND HEATER, 5\r\nSTOP\r\nB:\r\n");
+  Station(
+      "[socket.S1]\nprefix = \"S1_\"\nsequence = \"ask.wts\"\n"
+      "[socket.S2]\nprefix = \"S2_\"\nsequence = \"ask.wts\"\n");
+  for (const bool interrupt : {false, true}) {
+    SCOPED_TRACE(interrupt ? "Ctrl+C" : "answered");
+    int master = -1;
+    int slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      dup2(slave, 0);
+      dup2(out[1], 1);
+      dup2(out[1], 2);
+      close(master);
+      close(out[0]);
+      close(out[1]);
+      execl(TAVRIX_CLI_PATH, "tavrix-cli", "run", "--virtual-time", "--no-control-socket",
+            "--results-store", "off", "--station", Path("station.toml").c_str(),
+            static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(slave);
+    close(out[1]);
+    std::string shown;
+    size_t asked = 0;
+    char buf[512];
+    for (;;) {
+      // The bound only keeps a question that stays open from hanging the test.
+      pollfd p{out[0], POLLIN, 0};
+      if (::poll(&p, 1, 30000) != 1) {
+        kill(child, SIGKILL);
+        ADD_FAILURE() << "stuck: " << shown;
+        break;
+      }
+      const ssize_t n = read(out[0], buf, sizeof buf);
+      if (n <= 0) break;
+      shown.append(buf, static_cast<size_t>(n));
+      size_t prompts = 0;
+      for (size_t at = shown.find("\n> "); at != std::string::npos; at = shown.find("\n> ", at + 1))
+        ++prompts;
+      if (prompts > asked) {
+        asked = prompts;
+        if (interrupt) {
+          ASSERT_EQ(kill(child, SIGINT), 0);
+        } else {
+          ASSERT_EQ(write(master, "1\n", 2), 2);
+        }
+      }
+    }
+    close(out[0]);
+    close(master);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << shown;
+    if (interrupt) {
+      EXPECT_EQ(WEXITSTATUS(status), kExitStopped) << shown;
+      EXPECT_EQ(asked, 1u) << shown;
+      EXPECT_THAT(shown, HasSubstr("S1: ended by abort: exit status 3"));
+      EXPECT_THAT(shown, HasSubstr("S2: ended by abort: exit status 3"));
+    } else {
+      EXPECT_EQ(WEXITSTATUS(status), kExitOk) << shown;
+      const size_t first = shown.find("S1: Unit fitted?");
+      const size_t second = shown.find("S2: Unit fitted?");
+      ASSERT_NE(first, std::string::npos) << shown;
+      ASSERT_NE(second, std::string::npos) << shown;
+      EXPECT_LT(first, second) << "in station order, one at a time";
+      EXPECT_THAT(shown, HasSubstr("S2: ended by stop: exit status 0"));
+    }
+  }
 }
 
 TEST_F(StationTest, EachUutRecordNamesItsSocket) {
