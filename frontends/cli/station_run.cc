@@ -384,10 +384,12 @@ struct StationShared {
   std::mutex enginesMutex;
   std::vector<Engine*> engines;
   bool stopping = false;
-  void attach(Engine* engine) {
+  // False when a stop request came first: the socket does not start.
+  bool attach(Engine* engine) {
     std::lock_guard guard(enginesMutex);
+    if (stopping) return false;
     engines.push_back(engine);
-    if (stopping) requestStop(*engine);
+    return true;
   }
   void detach(Engine* engine) {
     std::lock_guard guard(enginesMutex);
@@ -496,9 +498,12 @@ int RunSocket(StationShared& shared, size_t index) {
   {
     auto events = engine->subscribe(
         [&shared, index](const RunEvent& event) { shared.view.event(index, event); });
-    shared.attach(engine.get());
-    reason = engine->run();
-    shared.detach(engine.get());
+    if (shared.attach(engine.get())) {
+      reason = engine->run();
+      shared.detach(engine.get());
+    } else {
+      reason = EndReason::kAbort;
+    }
   }
   size_t recordsLost = 0;
   if (ResultsFeed* feed = engine->resultsFeed()) {
