@@ -569,6 +569,21 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
+  // What a station file says for each socket, or what runs for one only.
+  const std::pair<bool, const char*> refused[] = {
+      {options.setup.has_value(), "--setup: the station file's \"setup\" names the rig's setup"},
+      {!options.link.empty(), "--link: the station file's \"link\" names the link"},
+      {options.answers.has_value(), "--answers: the station file's \"answers\" name them"},
+      {options.noHardware, "--no-hardware runs no station"},
+      {!options.breaks.empty() || !options.breakIfs.empty(),
+       "--break and --break-if hold one run, not a station's"},
+      {options.stopAfter || options.maxLines, "--stop-after and --max-lines limit one run"}};
+  for (const auto& [given, why] : refused) {
+    if (given) {
+      std::fprintf(err, "tavrix-cli: %s\n", why);
+      return kExitUsage;
+    }
+  }
   if (options.trace && *options.trace == "-") {
     std::fprintf(err, "tavrix-cli: a station writes one trace file per socket: --trace FILE\n");
     return kExitUsage;

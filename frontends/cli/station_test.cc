@@ -110,6 +110,13 @@ TEST_F(StationTest, AStationFileThatCannotBeUsedStartsNothing) {
     EXPECT_EQ(Cli({"lint", "--station", Path("station.toml")}), kExitUsage);
     EXPECT_EQ(err_, runError) << "lint says what run says";
   }
+  // What the station file says, or what holds one run, is not given again.
+  Station(both);
+  for (const auto& extra : std::vector<std::vector<std::string>>{
+           {"--setup", Path("rig.ims")}, {"--break", "1"}, {"--max-lines", "5"}}) {
+    EXPECT_EQ(RunStation(extra), kExitUsage) << extra[0];
+    EXPECT_THAT(err_, HasSubstr(extra[0]));
+  }
   // A station without a sequence for every socket.
   File("station.toml", "setup = \"rig.ims\"\n[socket.S1]\nprefix = \"S1_\"\n");
   EXPECT_EQ(RunStation(), kExitUsage);
