@@ -66,6 +66,9 @@ struct RunOptions {
   std::vector<std::string> breakIfs;
   // The control socket in the data root's runs/ folder (on by default).
   bool controlSocket = true;
+  // `tavrix-cli shell`: the lines come from the input, one at a time, in
+  // place of a sequence file (frontends/cli/shell_session.h).
+  bool shell = false;
 };
 
 // `tavrix-cli rig`: serves the simulated rig, or another link, over TCP.
