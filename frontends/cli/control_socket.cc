@@ -47,10 +47,12 @@ std::string NewRunId() {
 
 class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::Impl> {
  public:
-  Impl(Engine& engine, Breakpoints& breakpoints, std::string sequence, int64_t origin)
+  Impl(Engine& engine, Breakpoints& breakpoints, std::string sequence, int64_t origin,
+       std::string testSocket)
       : engine_(engine),
         breakpoints_(breakpoints),
         sequence_(std::move(sequence)),
+        testSocket_(std::move(testSocket)),
         origin_(origin) {}
 
   bool open(const std::string& dataRoot, std::string* error) {
@@ -191,8 +193,10 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   std::string statusJson() const {
     std::string json =
         "{\"ok\":true,\"run\":" + jsonString(runId_) + ",\"pid\":" + std::to_string(getpid()) +
-        ",\"sequence\":" + jsonString(sequence_) + ",\"state\":" + jsonString(state_) +
-        ",\"line\":" + std::to_string(line_.load()) + ",\"status\":" + jsonString(status_);
+        ",\"sequence\":" + jsonString(sequence_) +
+        (testSocket_.empty() ? "" : ",\"socket\":" + jsonString(testSocket_)) +
+        ",\"state\":" + jsonString(state_) + ",\"line\":" + std::to_string(line_.load()) +
+        ",\"status\":" + jsonString(status_);
     if (state_ == "held") {
       json += ",\"hold\":" + jsonString(holdReason_);
       if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);
@@ -432,6 +436,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   Engine& engine_;
   Breakpoints& breakpoints_;
   std::string sequence_;
+  std::string testSocket_;
   int64_t origin_;
   std::string runId_, dir_, path_;
   int listen_ = -1;
@@ -457,8 +462,9 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 std::unique_ptr<ControlSocket> ControlSocket::Open(Engine& engine, Breakpoints& breakpoints,
                                                    const std::string& dataRoot,
                                                    const std::string& sequence, int64_t origin,
-                                                   std::string* error) {
-  auto impl = std::make_shared<Impl>(engine, breakpoints, sequence, origin);
+                                                   std::string* error,
+                                                   const std::string& testSocket) {
+  auto impl = std::make_shared<Impl>(engine, breakpoints, sequence, origin, testSocket);
   if (!impl->open(dataRoot, error)) {
     impl->close();
     return nullptr;

@@ -27,11 +27,13 @@ class ControlSocket {
  public:
   // Listens for `engine`'s run under a new run id in RunsFolder(dataRoot);
   // nullptr with a message when the socket cannot be made. `origin` is
-  // where the events' "t" counts from.
+  // where the events' "t" counts from. `testSocket`, when not empty, names
+  // the station's test socket the run belongs to (its status tells it).
   static std::unique_ptr<ControlSocket> Open(Engine& engine, Breakpoints& breakpoints,
                                              const std::string& dataRoot,
                                              const std::string& sequence, int64_t origin,
-                                             std::string* error);
+                                             std::string* error,
+                                             const std::string& testSocket = {});
   ~ControlSocket();
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;

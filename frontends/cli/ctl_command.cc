@@ -126,9 +126,13 @@ int List(const std::string& runs, std::FILE* out) {
     size_t at = reply.find("\"line\":");
     const std::string number =
         at == std::string::npos ? "" : reply.substr(at + 7, reply.find(',', at) - at - 7);
+    // A test socket's run names its socket before its sequence.
+    const auto testSocket = JsonStringField(reply, "socket");
+    const std::string sequence = (testSocket ? "[" + *testSocket + "] " : std::string()) +
+                                 JsonStringField(reply, "sequence").value_or("");
     std::fprintf(out, "%-24s %-8s %6s  %s\n", folder.filename().string().c_str(),
                  JsonStringField(reply, "state").value_or("?").c_str(), number.c_str(),
-                 JsonStringField(reply, "sequence").value_or("").c_str());
+                 sequence.c_str());
   }
   if (listed == 0) std::fprintf(out, "no run is going\n");
   return kExitOk;

@@ -336,9 +336,16 @@ bool LintSequenceFile(const std::string& path, const PathMap& paths,
   return Linter(path, paths, messages, map).run(readError);
 }
 
-CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files, std::string* link) {
+CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files, std::string* link,
+                         std::string* station) {
   CLI::App* lint = app.add_subcommand("lint", "Check sequence files without running them");
-  lint->add_option("SEQUENCE", files, "The sequence files")->required();
+  CLI::Option* sequences = lint->add_option("SEQUENCE", files, "The sequence files");
+  if (station != nullptr) {
+    lint->add_option("--station", *station,
+                     "A station file (.toml): check it, and its sockets' sequences");
+  } else {
+    sequences->required();
+  }
   if (link != nullptr) {
     lint->add_option("--link", *link,
                      "map:FILE: also check the channels the lines name against an I/O map");

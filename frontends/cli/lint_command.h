@@ -32,10 +32,11 @@ bool LintSequenceFile(const std::string& path, const PathMap& paths,
                       std::vector<LintMessage>& messages, std::string* readError,
                       const IoMap* map = nullptr);
 
-// Adds the `lint` subcommand; its files are collected into `files`, and
-// the link of its --link option (map:FILE) into `link` when given.
+// Adds the `lint` subcommand; its files are collected into `files`, the
+// link of its --link option (map:FILE) into `link` and the station file of
+// its --station option into `station`, when given.
 CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files,
-                         std::string* link = nullptr);
+                         std::string* link = nullptr, std::string* station = nullptr);
 
 // Lints the files and prints the messages to `out`. Returns 0 when there is
 // no error, 1 when there are errors, 2 when a file (or the map) cannot be

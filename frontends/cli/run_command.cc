@@ -37,6 +37,7 @@
 #include "console_operators.h"
 #include "sequencer/sequence_file.h"
 #include "simulated_devices.h"
+#include "station_run.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -201,6 +202,8 @@ class StopBridge {
 }  // namespace
 
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+  if (options.station && NamesStationFile(*options.station))
+    return RunStation(options, *options.station, in, out, err);
   // Taken before any thread of the run starts (the results store's writer,
   // the terminal view), so that a stop request never ends the process
   // before the results are written.
@@ -509,6 +512,15 @@ int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE
 }
 
 namespace {
+// Whether the command line gives `--station` a station file.
+bool NamesStationFileIn(const std::vector<std::string>& args) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--station" && i + 1 < args.size() && NamesStationFile(args[i + 1])) return true;
+    if (args[i].rfind("--station=", 0) == 0 && NamesStationFile(args[i].substr(10))) return true;
+  }
+  return false;
+}
+
 int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
                 std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
@@ -559,7 +571,9 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   runCommand->add_option("--results-store", run.resultsStore,
                          "Where UUT records go besides the results files: sqlite (default), "
                          "sqlite:FILE, off, or a connection string");
-  runCommand->add_option("--station", run.station, "This station's name in the UUT records");
+  runCommand->add_option("--station", run.station,
+                         "This station's name in the UUT records, or a station file (.toml) whose "
+                         "test sockets all run at once (see docs/stations.md)");
   runCommand->add_option("--break", run.breaks,
                          "Hold the run before LINE or after LABEL, from hit N on with LINE:N "
                          "(repeatable; see docs/run-control.md)");
@@ -568,7 +582,11 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                          "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
   runCommand->add_flag("!--no-control-socket", run.controlSocket,
                        "Open no control socket for tavrix-cli ctl");
-  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
+  CLI::Option* sequence = runCommand->add_option(
+      "SEQUENCE", run.sequence, "The sequence file (with a station file: every socket's sequence)");
+  // Required unless a station file names the sockets' sequences. Required, a
+  // positional is kept from the repeatable options before it (--break 1 FILE).
+  if (!NamesStationFileIn(args)) sequence->required();
 
   RunOptions shell;
   shell.shell = true;
@@ -628,7 +646,8 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
 
   std::vector<std::string> lintFiles;
   std::string lintLink;
-  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink);
+  std::string lintStation;
+  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink, &lintStation);
 
   CryptCommands cryptCommands(app);
   ResultsCommands resultsCommands(app);
@@ -659,6 +678,12 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   if (auto status = ctlCommand.run(out, err)) return *status;
   if (auto status = serveCommand.run(out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(rig, out, err);
+  if (lintCommand->parsed() && !lintStation.empty())
+    return LintStation(lintStation, lintFiles, out, err);
+  if (lintCommand->parsed() && lintFiles.empty()) {
+    std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
+    return kExitUsage;
+  }
   if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
   return kExitUsage;
 }

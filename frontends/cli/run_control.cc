@@ -51,17 +51,18 @@ bool RunControl::setBreakpoints(const std::vector<std::string>& lines,
   return true;
 }
 
-void RunControl::openSocket(const std::string& sequence) {
+void RunControl::openSocket(const std::string& sequence, const std::string& testSocket) {
 #ifndef _WIN32
   std::string error;
   socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(), sequence,
-                                engine_.clock().now(), &error);
+                                engine_.clock().now(), &error, testSocket);
   if (socket_ && answers_ != nullptr) socket_->setAnswers(answers_);
   if (!socket_)
     std::fprintf(err_, "tavrix-cli: warning: no control socket (the run goes on): %s\n",
                  error.c_str());
 #else
   (void)sequence;
+  (void)testSocket;
 #endif
 }
 

@@ -31,7 +31,8 @@ class RunControl {
                       const std::vector<std::string>& conditions, std::string* error);
   // Opens the control socket in the data root (where the system has one);
   // a socket that cannot be made is told to `err` and the run goes on.
-  void openSocket(const std::string& sequence);
+  // `testSocket` names the station's test socket the run belongs to.
+  void openSocket(const std::string& sequence, const std::string& testSocket = {});
 
   // Questions may be answered through the socket (ctl RUN answer CAPTION).
   void setAnswers(AnswerRelay& relay);

@@ -38,6 +38,7 @@ std::unique_ptr<Engine> BuildEngine(EngineConfig config, EngineBuildError* error
     engine->linkFactory_ = std::move(config.linkFactory);
     if (!engine->attachInstrument(std::move(config.settings), *config.link, &problem))
       return fail(EnginePart::kLink, problem);
+    engine->instrument_->channels().setNameMap(std::move(config.channelMap));
   }
   return engine;
 }

@@ -15,6 +15,7 @@
 
 #include "common/clock.h"
 #include "common/file_system.h"
+#include "instrument/link/channels.h"
 #include "instrument/link/instrument_settings.h"
 #include "instrument/link/link_library.h"
 #include "sequencer/operator.h"
@@ -41,6 +42,9 @@ struct EngineConfig {
   InstrumentSettings settings;
   std::optional<std::string> link;
   LinkFactory linkFactory;
+  // A test socket's channel names (engine's channels, outputs and
+  // calculated channels alike): see ChannelNameMap. Empty: the rig's names.
+  ChannelNameMap channelMap;
 
   // The results store fed with every UUT that ends (results_store setting;
   // see docs/results-database.md). Fed from Engine::feedResultsStore(), so

@@ -1,5 +1,6 @@
 #include "instrument/link/channels.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 
@@ -57,6 +58,44 @@ void Channels::recordNameError(std::string_view name) {
                                          std::string(kTextChannelNameSuffix));
 }
 
+bool ChannelNameMap::foreign(std::string_view rigName) const {
+  if (otherChannels.count(rigName) != 0) return true;
+  return std::any_of(otherPrefixes.begin(), otherPrefixes.end(),
+                     [&](const std::string& p) { return rigName.substr(0, p.size()) == p; });
+}
+
+void Channels::setNameMap(ChannelNameMap map) {
+  map_ = std::move(map);
+  mapped_ = !map_.empty();
+}
+
+bool Channels::toRig(std::string_view& name, std::string& storage) {
+  if (!mapped_) return true;
+  if (const auto it = map_.table.find(name); it != map_.table.end()) {
+    name = it->second;
+    return true;
+  }
+  if (!map_.prefix.empty()) {
+    storage = map_.prefix;
+    storage += name;
+    if (lookup(storage) != nullptr) {
+      name = storage;
+      return true;
+    }
+  }
+  if (map_.foreign(name)) {
+    recordNameError(name);
+    return false;
+  }
+  return true;
+}
+
+bool Channels::ownChannel(std::string_view name) const {
+  if (!mapped_) return true;
+  if (map_.table.count(name) != 0) return true;
+  return !map_.prefix.empty() && lookup(map_.prefix + std::string(name)) != nullptr;
+}
+
 bool Channels::FindChannel(std::string_view name, int16_t& device) const {
   const ChannelRecord* record = lookup(name);
   if (record == nullptr) return false;
@@ -76,9 +115,12 @@ bool Channels::ReadChannel(std::string_view name, std::string& value, ChannelRef
     value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
     return true;
   }
+  std::string rigName;
+  const std::string_view asked = name;
+  if (!toRig(name, rigName)) return false;
   int16_t device = 0;
   if (!findEnabled(name, ref, device)) {
-    recordNameError(name);
+    recordNameError(asked);
     return false;
   }
   std::string command = "REA ";
@@ -95,9 +137,12 @@ bool Channels::ReadChannel(std::string_view name, std::string& value, ChannelRef
 }
 
 bool Channels::WriteChannel(std::string_view name, std::string_view value, ChannelRef* ref) {
+  std::string rigName;
+  const std::string_view asked = name;
+  if (!toRig(name, rigName)) return false;
   int16_t device = 0;
   if (!findEnabled(name, ref, device)) {
-    recordNameError(name);
+    recordNameError(asked);
     return false;
   }
   std::string command = "WRI ";
@@ -107,6 +152,18 @@ bool Channels::WriteChannel(std::string_view name, std::string_view value, Chann
 }
 
 bool Channels::DefineChannel(std::string_view name, std::string_view settings) {
+  std::string rigName;
+  const std::string_view asked = name;
+  if (!toRig(name, rigName)) return false;
+  int16_t device = 0;
+  if (!FindChannel(name, device)) {
+    recordNameError(asked);
+    return false;
+  }
+  return defineRig(name, settings);
+}
+
+bool Channels::defineRig(std::string_view name, std::string_view settings) {
   int16_t device = 0;
   if (!FindChannel(name, device)) {
     recordNameError(name);
@@ -119,9 +176,12 @@ bool Channels::DefineChannel(std::string_view name, std::string_view settings) {
 }
 
 bool Channels::EscapeChannel(std::string_view name, std::string_view settings) {
+  std::string rigName;
+  const std::string_view asked = name;
+  if (!toRig(name, rigName)) return false;
   int16_t device = 0;
   if (!FindChannel(name, device)) {
-    recordNameError(name);
+    recordNameError(asked);
     return false;
   }
   std::string command = "ESC ";
@@ -131,9 +191,12 @@ bool Channels::EscapeChannel(std::string_view name, std::string_view settings) {
 }
 
 bool Channels::RezeroChannel(std::string_view name) {
+  std::string rigName;
+  const std::string_view asked = name;
+  if (!toRig(name, rigName)) return false;
   int16_t device = 0;
   if (!FindEnabledChannel(name, device)) {
-    recordNameError(name);
+    recordNameError(asked);
     return false;
   }
   std::string reading;
@@ -151,7 +214,7 @@ bool Channels::RezeroChannel(std::string_view name) {
         from, blank == std::string::npos ? std::string::npos : blank - from));
   }
   const std::string newOffset(trimLeft(numberText(offset - present)));
-  return DefineChannel(name, "O=" + newOffset);
+  return defineRig(name, "O=" + newOffset);
 }
 
 bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_view name,
@@ -205,9 +268,12 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
 }
 
 bool Channels::ClearMonitorChannel(std::string_view name) {
+  std::string rigName;
+  const std::string_view asked = name;
+  if (!toRig(name, rigName)) return false;
   int16_t device = 0;
   if (!FindChannel(name, device)) {
-    recordNameError(name);
+    recordNameError(asked);
     return false;
   }
   link_.IMLSendCommand(device, "CLEAR " + std::string(name), false);

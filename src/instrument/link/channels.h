@@ -9,6 +9,8 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -48,6 +50,27 @@ struct ChannelRef {
   const void* record = nullptr;  // the record found (nullptr: none)
 };
 
+// How one test socket's channel names reach the rig: a name in the table is
+// the rig's channel it names; with a prefix, HEATER is the rig's
+// "<prefix>HEATER" when the rig has that channel. Other names are the rig's
+// own and shared by every socket, except the channels other sockets own,
+// which a socket does not see at all.
+struct ChannelNameMap {
+  std::string prefix;
+  std::map<std::string, std::string, std::less<>> table;
+  std::vector<std::string> otherPrefixes;
+  std::set<std::string, std::less<>> otherChannels;
+
+  bool empty() const {
+    return prefix.empty() && table.empty() && otherPrefixes.empty() && otherChannels.empty();
+  }
+  // Whether `rigName` belongs to another socket.
+  bool foreign(std::string_view rigName) const;
+};
+
+inline constexpr std::string_view kTextSharedOutput =
+    " is shared by the station's sockets: a socket's outputs write only its own channels";
+
 class Channels {
  public:
   explicit Channels(ImlLink& link) : link_(link) {}
@@ -82,6 +105,15 @@ class Channels {
   // Rebuilds the tables from a setup summary's text.
   void ReadSummary(std::string_view summary);
 
+  // --- Test sockets ----------------------------------------------------------
+  // From now on every operation takes names through `map`.
+  void setNameMap(ChannelNameMap map);
+  bool hasNameMap() const { return mapped_; }
+  // Whether `name` reaches a channel of this socket's own (always true
+  // without a map). Outputs that run on their own (ramps, pulses, sines,
+  // load maintenance) write only such channels.
+  bool ownChannel(std::string_view name) const;
+
  private:
   const ChannelRecord* lookup(std::string_view name) const;
   const ChannelRecord* lookup(std::string_view name, ChannelRef* ref) const;
@@ -91,6 +123,10 @@ class Channels {
   // so a reference filled by another table never matches this one.
   void changed();
   void recordNameError(std::string_view name);
+  // Turns a sequence's name into the rig's (in `storage` when it is new).
+  // False, with the name error recorded, for another socket's channel.
+  bool toRig(std::string_view& name, std::string& storage);
+  bool defineRig(std::string_view rigName, std::string_view settings);
 
   ImlLink& link_;
   std::vector<ChannelRecord> records_;
@@ -103,6 +139,8 @@ class Channels {
   std::array<bool, 100> present_{};
   int16_t highestDevice_ = -1;
   std::string lastReading_;
+  bool mapped_ = false;
+  ChannelNameMap map_;
 };
 
 // The hexadecimal text that SENDSMC writes for a controller command, or

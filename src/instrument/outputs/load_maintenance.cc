@@ -103,6 +103,7 @@ class Maintainer {
   bool start() {
     if (!OutputLinkReady(seq_, ins_)) return false;
     std::string value;
+    if (!OutputChannelOwned(seq_, ins_, setup_.outputChannel)) return false;
     if (!ins_.channels().ReadChannel(setup_.outputChannel, value)) {
       seq_.reportSequenceError(std::string(kTextAbortMaintain) + setup_.outputChannel);
       return false;

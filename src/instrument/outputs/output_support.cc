@@ -12,6 +12,12 @@ bool OutputLinkReady(RunContext& seq, Instrument& instrument) {
   return false;
 }
 
+bool OutputChannelOwned(RunContext& seq, Instrument& instrument, std::string_view channel) {
+  if (instrument.channels().ownChannel(channel)) return true;
+  seq.reportSequenceError("Channel " + std::string(channel) + std::string(kTextSharedOutput));
+  return false;
+}
+
 bool WriteOutputValue(Instrument& instrument, std::string_view channel, double value) {
   return instrument.writeOutput(channel, numberText(value));
 }

@@ -67,7 +67,7 @@ void PulseOutput(Sequencer& seq, Instrument& instrument, const PulseCommand& cmd
   const std::string& channel = cmd.channel;
   const char* first = cmd.first;
   const char* second = cmd.second;
-  if (!OutputLinkReady(seq, instrument)) return;
+  if (!OutputLinkReady(seq, instrument) || !OutputChannelOwned(seq, instrument, channel)) return;
 
   Operator& op = seq.operatorPort();
   const std::string saved = seq.runStatus();
@@ -104,7 +104,7 @@ void SineOut(Sequencer& seq, Instrument& instrument, const SineCommand& cmd) {
   const SineSetup& setup = cmd.setup;
   // A write that fails (a channel not in the table included) is kept as the
   // last output status and the output goes on.
-  if (!OutputLinkReady(seq, instrument)) return;
+  if (!OutputLinkReady(seq, instrument) || !OutputChannelOwned(seq, instrument, channel)) return;
 
   const double n = setup.pointsPerCycle();
   std::optional<double> highest;

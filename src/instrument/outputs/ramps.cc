@@ -119,6 +119,9 @@ bool CheckAndRun(Sequencer& seq, Instrument& instrument, const std::vector<RampS
   // No channel is looked up beforehand: a write that fails, to a channel not
   // in the table too, is kept as the last output status and the ramp goes on.
   if (!OutputLinkReady(seq, instrument)) return false;
+  for (const RampSetup& ramp : ramps) {
+    if (!OutputChannelOwned(seq, instrument, ramp.channel)) return false;
+  }
   return RunRamps(seq, instrument, ramps);
 }
 

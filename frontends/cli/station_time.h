@@ -1,0 +1,78 @@
+// One virtual clock for all the test sockets of a station. Each socket's
+// engine runs on a thread of its own, but only one of them runs at a time:
+// a socket runs until it idles (a wait, a poll of the link, an operator
+// question), then the next socket in station order whose wait is over runs.
+// When every socket idles, the clock jumps to the earliest instant one of
+// them waits for. A wait for something outside the program (a rig server's
+// response) keeps the turn. So a dry run of many sockets takes no real time and the
+// order of their exchanges with the rig is the same on every run.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "common/clock.h"
+
+namespace tavrix {
+
+class StationTime {
+ public:
+  StationTime(Micros start, size_t sockets);
+  StationTime(const StationTime&) = delete;
+  StationTime& operator=(const StationTime&) = delete;
+
+  Micros now() const { return now_.load(); }
+
+  // The clock of socket `socket`'s engine. Idle waits on the socket's own
+  // thread (the one that called enter()) take turns; on any other thread
+  // they behave as a plain virtual clock's.
+  std::unique_ptr<Clock> clockFor(size_t socket);
+  // A clock that reads the station's time, for what the sockets share (the
+  // simulated rig); its idle waits are those of a plain virtual clock.
+  std::unique_ptr<Clock> sharedClock();
+
+  // The calling thread becomes socket `socket`'s thread and waits for its
+  // first turn. Sockets take their first turns in station order.
+  void enter(size_t socket);
+  // The socket's run is over: it takes no more turns.
+  void leave(size_t socket);
+
+ private:
+  class SocketClock;
+  class SharedClock;
+  struct Slot {
+    enum State { kNew, kRunning, kIdle, kDone } state = kNew;
+    Micros due = Clock::kNever;
+    bool outside = false;
+    const std::function<bool()>* woken = nullptr;
+    std::mutex* loopMutex = nullptr;
+    // Woken when the turn is the slot's (one each, so that a turn wakes one
+    // thread, not all).
+    std::condition_variable turn;
+  };
+  static constexpr size_t kNobody = static_cast<size_t>(-1);
+
+  bool idle(size_t socket, Micros due, std::unique_lock<std::mutex>& loopLock,
+            const std::function<bool()>& woken, bool outside);
+  bool onThread(size_t socket) const;
+  // Under mutex_: gives the turn to the next socket that may run, moving
+  // the clock on when none may; kNobody when all are done or wait for a
+  // person.
+  void handOn(size_t from);
+  bool ready(Slot& slot) const;
+  void advanceTo(Micros t);
+
+  std::atomic<Micros> now_;
+  mutable std::mutex mutex_;
+  std::vector<Slot> slots_;
+  // Each socket's thread while it takes turns.
+  std::unique_ptr<std::atomic<std::thread::id>[]> threads_;
+  size_t turn_ = 0;
+};
+
+}  // namespace tavrix
