@@ -240,7 +240,7 @@ void LiveMonitor::scanLoop() {
       f->fd = ConnectControlSocket(socket);
       if (f->fd < 0) continue;  // gone meanwhile, or a socket nobody serves
       followers_[id] = f;
-      f->thread = std::thread([this, id, fd = f->fd] { follow(id, fd); });
+      f->thread = std::thread([this, run = id, fd = f->fd] { follow(run, fd); });
     }
     cv_.wait_for(lock, std::chrono::milliseconds(scanMs_), [&] { return stopping_; });
   }

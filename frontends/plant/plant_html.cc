@@ -167,7 +167,10 @@ std::string HLine(double y, const char* colour, const std::string& label) {
 
 std::string ValuesChart(const std::vector<CheckReading>& readings, std::optional<double> lower,
                         std::optional<double> upper) {
-  const auto [low, high] = Range(readings, lower, upper);
+  // Named values, not a structured binding: the lambdas below capture them.
+  const auto range = Range(readings, lower, upper);
+  const double low = range.first;
+  const double high = range.second;
   const double plotW = kWidth - kLeft - kRight;
   const double plotH = kHeight - kTop - kBottom;
   auto y = [&](double v) { return kTop + plotH * (high - v) / (high - low); };
@@ -206,7 +209,10 @@ std::string ValuesChart(const std::vector<CheckReading>& readings, std::optional
 
 std::string Histogram(const std::vector<CheckReading>& readings, std::optional<double> lower,
                       std::optional<double> upper, int bins) {
-  const auto [low, high] = Range(readings, lower, upper);
+  // Named values, not a structured binding: the lambdas below capture them.
+  const auto range = Range(readings, lower, upper);
+  const double low = range.first;
+  const double high = range.second;
   std::vector<size_t> counts(static_cast<size_t>(bins), 0);
   for (const auto& r : readings) {
     int b = static_cast<int>((r.value - low) / (high - low) * bins);
