@@ -7,6 +7,7 @@
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_rig.h"
 #include "resultsdb/results_feed.h"
+#include "engine/run_checkpoints.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {
@@ -52,7 +53,8 @@ Engine::Engine(EngineConfig& config)
       trace_(*clock_),
       companion_(&trace_),
       sequencer_(events_, *config.op, trace_, files_, paths_),
-      testDatabase_(sequencer_, paths_) {
+      testDatabase_(sequencer_, paths_),
+      safeState_(config.settings.safeStateSequence) {
   RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -82,6 +83,10 @@ class Channels {
   // Rebuilds the tables from a setup summary's text.
   void ReadSummary(std::string_view summary);
 
+  // The last value written to each channel that took it, by name as
+  // written: what a run that goes on after an abrupt end writes again.
+  const std::map<std::string, std::string, std::less<>>& written() const { return written_; }
+
  private:
   const ChannelRecord* lookup(std::string_view name) const;
   const ChannelRecord* lookup(std::string_view name, ChannelRef* ref) const;
@@ -93,6 +98,7 @@ class Channels {
   void recordNameError(std::string_view name);
 
   ImlLink& link_;
+  std::map<std::string, std::string, std::less<>> written_;
   std::vector<ChannelRecord> records_;
   // The records by name, built on the first lookup after a change: a lookup
   // finds what a scan from index 0 finds.
