@@ -100,15 +100,15 @@ bool Engine::prepareResume(const std::string& path, bool force, ResumeReport* re
     if (instrument_) {
       if (!setup.empty() && !instrument_->selectSetupFile(setup)) {
         if (error)
-          *error = "the setup " + setup + " of the run cannot be selected: " +
-                   instrument_->link().lastErrorText();
+          *error = "the setup " + setup +
+                   " of the run cannot be selected: " + instrument_->link().lastErrorText();
         return false;
       }
       for (const auto& [channel, value] : checkpoint.at("outputs").items()) {
         if (!instrument_->channels().WriteChannel(channel, value.get<std::string>())) {
           done.warnings.push_back("the output " + channel + " could not be set to " +
-                                  value.get<std::string>() + " again: " +
-                                  instrument_->link().lastErrorText());
+                                  value.get<std::string>() +
+                                  " again: " + instrument_->link().lastErrorText());
         }
       }
     }
@@ -118,7 +118,8 @@ bool Engine::prepareResume(const std::string& path, bool force, ResumeReport* re
       if (error) *error = problem;
       return false;
     }
-    if (!sequencer_.operatorPort().restoreAnswersUsed(checkpoint.at("answers").get<std::string>())) {
+    if (!sequencer_.operatorPort().restoreAnswersUsed(
+            checkpoint.at("answers").get<std::string>())) {
       if (error) *error = "the answers used by the run do not fit the answers file given";
       return false;
     }
@@ -140,8 +141,8 @@ bool Engine::prepareResume(const std::string& path, bool force, ResumeReport* re
   done.resumedAt = clock_->now();
   done.gap = done.resumedAt - done.taken;
   testDatabase_.noteOnOpenUut("the test went on at " + isoDateTime(done.resumedAt) +
-                              " after a gap of " + GapText(done.gap) +
-                              " (checkpoint taken at " + isoDateTime(done.taken) + ")");
+                              " after a gap of " + GapText(done.gap) + " (checkpoint taken at " +
+                              isoDateTime(done.taken) + ")");
   if (trace_.enabled()) {
     trace_.event("resume")
         .field("run", done.run)

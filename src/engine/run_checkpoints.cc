@@ -80,7 +80,8 @@ bool ReadCheckpoint(const FileSystem& files, const std::string& path, nlohmann::
   if (version != kCheckpointVersion)
     return fail("was written in checkpoint format version " + std::to_string(version) +
                 "; this program reads version " + std::to_string(kCheckpointVersion));
-  if (fields < 4 || end == std::string::npos) return fail("is cut short (its first line is incomplete)");
+  if (fields < 4 || end == std::string::npos)
+    return fail("is cut short (its first line is incomplete)");
   const std::string_view body = std::string_view(bytes).substr(end + 1);
   if (body.size() < length)
     return fail("is cut short (" + std::to_string(body.size()) + " of " + std::to_string(length) +
@@ -134,9 +135,9 @@ bool FindInterruptedRun(const FileSystem& files, const std::string& run, Interru
                         std::string* error) {
   const auto runs = ListInterruptedRuns(files);
   for (const auto& candidate : runs) {
-    if (run.empty() ? candidate.problem.empty()
-                    : (candidate.name == run || candidate.path == run ||
-                       baseName(candidate.path) == run)) {
+    if (run.empty()
+            ? candidate.problem.empty()
+            : (candidate.name == run || candidate.path == run || baseName(candidate.path) == run)) {
       found = candidate;
       return true;
     }
@@ -188,10 +189,11 @@ RunCheckpoints::RunCheckpoints(Engine& engine)
   // that a run that goes on never writes them again. The line in progress
   // (the next data entry) is run again from the start, which finds no UUT
   // to finish.
-  engine.testDatabase().addUutFinishedHook([this](const UutRecord&, const std::vector<std::string>&) {
-    engine_.sequencer().markLineRerunnable();
-    request(true);
-  });
+  engine.testDatabase().addUutFinishedHook(
+      [this](const UutRecord&, const std::vector<std::string>&) {
+        engine_.sequencer().markLineRerunnable();
+        request(true);
+      });
   // Whatever ends a run removes its checkpoint (after the last UUT is
   // written, which is a run-end hook of its own registered before this).
   seq.addRunEndHook([this] { endRun(); });
@@ -220,8 +222,8 @@ void RunCheckpoints::startRun() {
     const std::string name = RunName(now, seq.sequenceFileName());
     path_ = join(RunsFolder(engine_.files()), name + std::string(kCheckpointExtension));
     for (int n = 2; engine_.files().info(path_).kind != FileKind::kMissing; ++n)
-      path_ = join(RunsFolder(engine_.files()), name + "-" + std::to_string(n) +
-                                                    std::string(kCheckpointExtension));
+      path_ = join(RunsFolder(engine_.files()),
+                   name + "-" + std::to_string(n) + std::string(kCheckpointExtension));
   }
   adopted_ = false;
   std::string bytes;
@@ -344,7 +346,8 @@ bool RunCheckpoints::write() {
                              std::to_string(body.size()) + " " + ContentHash(body) + "\n";
   std::string error;
   auto out = files.rewrite(path_, &error);
-  const bool ok = out && out->write(header, &error) && out->write(body, &error) && out->commit(&error);
+  const bool ok =
+      out && out->write(header, &error) && out->write(body, &error) && out->commit(&error);
   lastWrite_ = now;
   dirty_ = false;
   arm(now + kCheckpointEvery);

@@ -76,8 +76,7 @@ bool FindInterruptedRun(const FileSystem& files, const std::string& run, Interru
 
 // Moves a checkpoint to runs/discarded/, where it is kept for a week, and
 // removes discarded ones older than that (by their modification time).
-bool DiscardCheckpoint(FileSystem& files, const std::string& path, Micros now,
-                       std::string* error);
+bool DiscardCheckpoint(FileSystem& files, const std::string& path, Micros now, std::string* error);
 
 // Keeps the checkpoint of an engine's runs: takes one when the run enters a
 // timed wait, when a UUT record changes, and at least every 10 s of run
