@@ -6,7 +6,10 @@
 #include <cstring>
 #include <filesystem>
 
+#include "common/civil_time.h"
+#include "common/file_system.h"
 #include "common/paths.h"
+#include "engine/run_checkpoints.h"
 #include "control_protocol.h"
 #include "run_command.h"
 #ifndef _WIN32
@@ -23,7 +26,8 @@ namespace tavrix {
 CtlCommand::CtlCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "ctl",
-      "Control a run of this user on this machine: ctl list | ctl RUN status|pause|resume|step|"
+      "Control a run of this user on this machine: ctl list [--interrupted] | ctl RUN "
+      "status|pause|resume|step|"
       "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|events");
   command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
       ->required();
@@ -34,7 +38,29 @@ std::optional<int> CtlCommand::run(std::FILE* out, std::FILE* err) {
   if (!command_->parsed()) return std::nullopt;
   std::vector<std::string> words = words_;
   for (const std::string& extra : command_->remaining()) words.push_back(extra);
+  if (words.size() == 2 && words[0] == "list" && words[1] == "--interrupted") {
+    const LocalFileSystem files(defaultDataRoot());
+    return ListInterrupted(files, out);
+  }
   return RunCtl(defaultDataRoot(), words, out, err);
+}
+
+int ListInterrupted(const FileSystem& files, std::FILE* out) {
+  const auto runs = ListInterruptedRuns(files);
+  if (runs.empty()) {
+    std::fprintf(out, "no interrupted run\n");
+    return kExitOk;
+  }
+  std::fprintf(out, "RUN\tCHECKPOINT\tSEQUENCE\tLINE\tUUT\n");
+  for (const auto& run : runs) {
+    if (!run.problem.empty()) {
+      std::fprintf(out, "%s\tunusable: %s\n", run.name.c_str(), run.problem.c_str());
+      continue;
+    }
+    std::fprintf(out, "%s\t%s\t%s\t%d\t%s\n", run.name.c_str(), isoDateTime(run.taken).c_str(),
+                 run.file.c_str(), run.line, run.serial.empty() ? "-" : run.serial.c_str());
+  }
+  return kExitOk;
 }
 
 #ifdef _WIN32

@@ -28,6 +28,7 @@
 #include "common/civil_time.h"
 #include "common/file_system.h"
 #include "common/text_file.h"
+#include "common/text_items.h"
 #include "console_operators.h"
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
@@ -82,6 +83,8 @@ class Station {
     config.settings.driveMap = scenario.drives;
     config.link = "sim";
     engine_ = BuildEngine(std::move(config));
+    // A disk in memory takes every checkpoint the run clock asks for.
+    engine_->keepCheckpoints().setLeastRealGap({});
     engine_->keepCheckpoints().onWritten = [this](const std::string&) {
       rigAtCheckpoint_ = rig().model();
     };
@@ -302,6 +305,282 @@ TEST(ResumeKill, ASoakWithCalculatedChannelsKilledAtRandomMomentsEndsAsTheUnbrok
   ASSERT_NE(month, unbroken.files.end());
   EXPECT_NE(month->second.find("\r\n01\t"), std::string::npos) << month->second;
   for (const auto& crash : crashes) ExpectSame(Resume(scenario, crash), unbroken, crash.when);
+}
+
+}  // namespace
+}  // namespace tavrix
+
+// --- tavrix-cli run --resume ---------------------------------------------------
+
+namespace tavrix {
+namespace {
+
+class ResumeCli : public CliTestBase {
+ protected:
+  ResumeCli() {
+    const std::string t = "\t";
+    File("details.txt", "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test" + t + t +
+                            "1" + t + t + Path("fields.txt") + t + Path("stages.txt") + t +
+                            Path("results") + "\r\n");
+    File("fields.txt", "TEST SEQUENCE - FIELD NAMES\r\nField Name\r\n");
+    File("stages.txt",
+         "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
+         "1\tMEASURE\tPRESS\t\t-0.5\t0.5\tPressure\tbar\r\n"
+         "2\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n");
+    sequence_ = File("test.wts", "NEXT:\r\nDB_DATAENTRY " + Path("details.txt") +
+                                     "\r\nDB_STAGECHECK 1\r\nWAITSECONDS 600\r\n"
+                                     "DB_STAGECHECK 2\r\nINCREMENTLOOPCOUNT\r\nGOTO NEXT\r\n");
+    answers_ = File("test.answers",
+                    "DATAENTRY: Accept|serial=1|operator=Ann Lee|description=Pump A\n"
+                    "UUTCHECK: Pass\n"
+                    "DATAENTRY: Accept|serial=2|operator=Ann Lee|description=Pump B\n"
+                    "UUTCHECK: Fail and Continue\n"
+                    "DATAENTRY: Cancel\n");
+  }
+
+  std::vector<std::string> RunArgs() const {
+    return {"run",      "--virtual-time",        "--no-hardware",   "--answers",
+            answers_,   "--no-control-socket",  "--results-store", "off"};
+  }
+
+  // The results folder's files, and the folder emptied.
+  Files TakeResults() {
+    Files found;
+    std::vector<std::string> names;
+    localFiles().list(Path("results"), names, nullptr);
+    for (const auto& name : names) {
+      std::string bytes;
+      localFiles().readFile(Path("results/" + name), bytes, nullptr);
+      std::string kept;
+      for (const auto& line : splitLines(bytes)) {
+        if (line.rfind("Resumed: ", 0) != 0) kept += line + "\r\n";
+      }
+      found[name] = kept;
+      localFiles().remove(Path("results/" + name), nullptr);
+    }
+    return found;
+  }
+
+  std::string Home() const { return Path("home"); }
+  std::string RunsDir() const { return Path("home/runs"); }
+
+  // Starts the run in a child process, as tavrix-cli run does, which kills
+  // itself with SIGKILL after dispatched line `line` (counted from 1) or at
+  // run time `at` after the start.
+  void RunAndKill(int64_t line, Micros at) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      std::FILE* messages = std::tmpfile();
+      std::string error;
+      auto answers = AnswersFile::load(localFiles(), answers_, &error);
+      if (!answers) _exit(10);
+      ScriptedOperator op(std::move(*answers), messages);
+      EngineConfig config;
+      config.clock = std::make_unique<VirtualClock>(kStart);
+      config.files = std::make_unique<LocalFileSystem>(Home());
+      config.op = &op;
+      config.settings.noHardware = true;
+      config.link = "sim";
+      auto engine = BuildEngine(std::move(config));
+      if (!engine || !engine->instrument()->ensureOpen()) _exit(11);
+      // Every checkpoint the run clock asks for, as a real-time run would take.
+      engine->keepCheckpoints().setLeastRealGap({});
+      int64_t lines = 0;
+      engine->sequencer().addLineHook([&](int16_t) {
+        if (++lines == line) ::raise(SIGKILL);
+      });
+      Timer kill(engine->events(), kMicrosPerSecond, [] { ::raise(SIGKILL); });
+      if (at > 0) kill.setDue(kStart + at);
+      if (!engine->sequencer().prepareFile(sequence_, &error)) _exit(12);
+      engine->run();
+      _exit(13);  // the run ended before the kill
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+        << "the child ended with " << status;
+  }
+
+  static constexpr Micros kStart = 1'763'197'200LL * kMicrosPerSecond;  // 2025-11-15 09:00:00
+  std::string sequence_;
+  std::string answers_;
+};
+
+TEST_F(ResumeCli, AKilledRunGoesOnFromItsCheckpointAndEndsAsAnUnbrokenRun) {
+  std::vector<std::string> args = RunArgs();
+  args.insert(args.end(), {"--start", isoDateTime(kStart), sequence_});
+  ASSERT_EQ(Cli(args), kExitUutFailed) << err_;
+  const Files unbroken = TakeResults();
+  ASSERT_EQ(unbroken.size(), 3u);
+  EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
+  EXPECT_EQ(out_, "no interrupted run\n");
+
+  // Killed after a data entry, in a stage check's line, in a wait and just
+  // before the end.
+  const std::vector<std::pair<int64_t, Micros>> kills = {
+      {3, 0}, {5, 0}, {0, 300 * kMicrosPerSecond}, {0, 900 * kMicrosPerSecond}, {13, 0}};
+  for (const auto& [line, at] : kills) {
+    const std::string when = "line " + std::to_string(line) + " at " + std::to_string(at);
+    RunAndKill(line, at);
+    EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
+    EXPECT_NE(out_.find("\t" + sequence_ + "\t"), std::string::npos) << when << out_;
+    std::vector<std::string> resume = RunArgs();
+    resume.push_back("--resume");
+    EXPECT_EQ(Cli(resume), kExitUutFailed) << when << err_;
+    EXPECT_NE(err_.find("gap 0 h 00 min 00 s"), std::string::npos) << when << err_;
+    EXPECT_EQ(TakeResults(), unbroken) << when;
+    // The run ended: its checkpoint is gone.
+    EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
+    EXPECT_EQ(out_, "no interrupted run\n") << when;
+  }
+}
+
+TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
+  // Killed inside the first unit's wait; the run goes on two days and an
+  // hour after its last checkpoint.
+  RunAndKill(0, 305 * kMicrosPerSecond);
+  const LocalFileSystem home(Home());
+  InterruptedRun run;
+  std::string error;
+  ASSERT_TRUE(FindInterruptedRun(home, "", run, &error)) << error;
+  const Micros taken = run.taken;
+  EXPECT_GT(taken, kStart + 290 * kMicrosPerSecond);
+  EXPECT_LE(taken, kStart + 305 * kMicrosPerSecond);
+  // --start takes whole seconds: the next one after two days and an hour.
+  const Micros later =
+      (taken / kMicrosPerSecond + 2 * 86400 + 3600 + 1) * kMicrosPerSecond;
+  std::vector<std::string> args = RunArgs();
+  args.insert(args.end(),
+              {"--resume", "--start", isoDateTime(later), "--trace", Path("trace.jsonl")});
+  EXPECT_EQ(Cli(args), kExitUutFailed) << err_;
+  EXPECT_NE(err_.find("gap 2 d 01 h 00 min 00 s"), std::string::npos) << err_;
+  std::string trace;
+  ASSERT_TRUE(localFiles().readFile(Path("trace.jsonl"), trace, nullptr));
+  const size_t resume = trace.find("\"ev\":\"resume\"");
+  ASSERT_NE(resume, std::string::npos) << trace.substr(0, 2000);
+  EXPECT_NE(trace.find("\"gap\":176400", resume), std::string::npos) << trace.substr(resume, 300);
+  // The wait went on with the time it had left: the first unit ended then,
+  // and only its results say that it was resumed.
+  std::vector<std::string> names;
+  localFiles().list(Path("results"), names, nullptr);
+  const std::string first =
+      "SN_1_" + formatDate(kStart + (600 + 2 * 86400 + 3600) * kMicrosPerSecond, "yymmdd_hhmmss") +
+      ".txt";
+  ASSERT_NE(std::find(names.begin(), names.end(), first), names.end()) << first;
+  int notes = 0;
+  for (const auto& name : names) {
+    std::string bytes;
+    localFiles().readFile(Path("results/" + name), bytes, nullptr);
+    if (bytes.find("Resumed: ") == std::string::npos) continue;
+    ++notes;
+    EXPECT_EQ(name, first);
+    EXPECT_NE(bytes.find("Resumed: the test went on at " + isoDateTime(later) +
+                         " after a gap of 2 d 01 h 00 min 00 s (checkpoint taken at " +
+                         isoDateTime(taken) + ")"),
+              std::string::npos)
+        << bytes;
+  }
+  EXPECT_EQ(notes, 1);
+}
+
+TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept) {
+  RunAndKill(0, 305 * kMicrosPerSecond);
+  std::vector<std::string> names;
+  ASSERT_TRUE(localFiles().list(RunsDir(), names, nullptr));
+  std::string checkpoint;
+  for (const auto& name : names) {
+    if (name.find(".checkpoint") != std::string::npos) checkpoint = Path("home/runs/" + name);
+  }
+  ASSERT_FALSE(checkpoint.empty());
+  std::string good;
+  ASSERT_TRUE(localFiles().readFile(checkpoint, good, nullptr));
+  std::vector<std::string> resume = RunArgs();
+  resume.push_back("--resume");
+
+  const size_t body = good.find('\n') + 1;
+  std::string damaged = good;
+  damaged[body + damaged.size() / 2 - body / 2] ^= 0x01;
+  std::string otherVersion = good;
+  otherVersion.replace(otherVersion.find(" 1 "), 3, " 7 ");
+  for (const auto& [bytes, message] :
+       std::vector<std::pair<std::string, std::string>>{
+           {good.substr(0, good.size() - 40), "is cut short"},
+           {good.substr(0, body / 2), "is cut short"},
+           {damaged, "is damaged"},
+           {otherVersion, "checkpoint format version 7; this program reads version 1"},
+           {"{}", "is not a run checkpoint"}}) {
+    ASSERT_TRUE(localFiles().writeAtomically(checkpoint, bytes, nullptr));
+    const std::string named = "run " + names.front();
+    EXPECT_EQ(Cli(resume), kExitUsage) << message;
+    EXPECT_NE(err_.find(message), std::string::npos) << err_;
+    std::string after;
+    ASSERT_TRUE(localFiles().readFile(checkpoint, after, nullptr));
+    EXPECT_EQ(after, bytes) << "the checkpoint was touched: " << message;
+    // The listing tells why it cannot be used.
+    EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
+    EXPECT_NE(out_.find("unusable: the checkpoint " + checkpoint), std::string::npos) << out_;
+  }
+
+  // A sequence file changed since the checkpoint: refused, naming the file,
+  // unless forced.
+  ASSERT_TRUE(localFiles().writeAtomically(checkpoint, good, nullptr));
+  File("test.wts", "NEXT:\r\nDB_DATAENTRY " + Path("details.txt") +
+                       "\r\nDB_STAGECHECK 1\r\nWAITSECONDS 601\r\n"
+                       "DB_STAGECHECK 2\r\nINCREMENTLOOPCOUNT\r\nGOTO NEXT\r\n");
+  EXPECT_EQ(Cli(resume), kExitUsage);
+  EXPECT_NE(err_.find("the sequence file " + sequence_ + " has changed"), std::string::npos)
+      << err_;
+  std::string after;
+  ASSERT_TRUE(localFiles().readFile(checkpoint, after, nullptr));
+  EXPECT_EQ(after, good);
+  resume.push_back("--force");
+  EXPECT_EQ(Cli(resume), kExitUutFailed) << err_;
+  EXPECT_NE(err_.find("warning: the sequence file changed"), std::string::npos) << err_;
+  EXPECT_FALSE(localFiles().isFile(checkpoint));
+}
+
+TEST_F(ResumeCli, TheSafeStateSequenceRunsBeforeAResumeAndAfterAnAbnormalEnd) {
+  const std::string safe = File("safe.wts", "SEND HEATER, 0\r\n");
+  const std::string settings = File("rig.cfg", "safe_state = " + safe + "\r\n");
+  const std::string rig = std::string(TAVRIX_SOURCE_DIR) + "/examples/rig.ims";
+  // A run that ends in a sequence error leaves the heater off.
+  const std::string broken = File("broken.wts", "SEND HEATER, 77\r\nGOTO NOWHERE\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-control-socket", "--results-store", "off",
+                 "--setup", rig, "--instrument-settings", settings, "--trace", Path("t1.jsonl"),
+                 broken}),
+            kExitSequenceError);
+  EXPECT_NE(err_.find("the safe-state sequence " + safe + " ran"), std::string::npos) << err_;
+  std::string trace;
+  ASSERT_TRUE(localFiles().readFile(Path("t1.jsonl"), trace, nullptr));
+  const size_t sent = trace.find("WRI HEATER 77");
+  const size_t safed = trace.find("WRI HEATER 0");
+  EXPECT_NE(sent, std::string::npos);
+  EXPECT_NE(safed, std::string::npos);
+  EXPECT_GT(safed, sent);
+  // A run that ends normally does not run it.
+  const std::string fine = File("fine.wts", "SEND HEATER, 5\r\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-control-socket", "--results-store", "off",
+                 "--setup", rig, "--instrument-settings", settings, fine}),
+            kExitOk);
+  EXPECT_EQ(err_.find("safe-state"), std::string::npos) << err_;
+
+  // Before a resume it runs first; one that fails (the heater is not there
+  // without the rig) refuses the resume, and the run can go on later.
+  RunAndKill(0, 305 * kMicrosPerSecond);
+  std::vector<std::string> resume = RunArgs();
+  resume.insert(resume.end(), {"--instrument-settings", settings, "--resume"});
+  EXPECT_EQ(Cli(resume), kExitUsage) << err_;
+  EXPECT_NE(err_.find("the safe-state sequence " + safe + " did not end normally"),
+            std::string::npos)
+      << err_;
+  const std::string calm = File("calm.wts", "RESETLOOPCOUNT 0\r\n");
+  resume[resume.size() - 2] = File("calm.cfg", "safe_state = " + calm + "\r\n");
+  EXPECT_EQ(Cli(resume), kExitUutFailed) << err_;
+  const size_t ran = err_.find("the safe-state sequence " + calm + " ran");
+  EXPECT_NE(ran, std::string::npos) << err_;
+  EXPECT_LT(ran, err_.find("resuming run")) << err_;
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "common/civil_time.h"
 #include "crypt_commands.h"
 #include "engine/engine.h"
+#include "engine/run_checkpoints.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/iomap/map_link.h"
 #include "instrument/link/instrument.h"
@@ -88,9 +89,14 @@ class RunLimits {
       });
       stopTimer_->setEnabled(true);
     }
-    seq.addLineHook([this](int16_t line) { lineDispatched(line); });
+    // The hook stays with the sequencer after this goes (a safe-state run
+    // follows): it then does nothing.
+    seq.addLineHook([this, alive = alive_](int16_t line) {
+      if (*alive) lineDispatched(line);
+    });
   }
   ~RunLimits() {
+    *alive_ = false;
     if (stopTimer_) stopTimer_->setEnabled(false);
   }
 
@@ -132,6 +138,7 @@ class RunLimits {
   }
 
   Engine& engine_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   std::optional<int64_t> maxLines_;
   int64_t loopWarningLines_;
   std::FILE* err_;
@@ -201,9 +208,25 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   // before the results are written.
   StopRelay stopRelay;
   const platform::StopRequests stopRequests([&stopRelay](int) { stopRelay.request(); });
+  // The run to go on with: found, and its checkpoint read, before anything
+  // else, so that a checkpoint that cannot be used is told at once and left
+  // as it is.
+  InterruptedRun interrupted;
+  if (options.resume) {
+    const LocalFileSystem probe(defaultDataRoot());
+    std::string problem;
+    nlohmann::json checkpoint;
+    if (!FindInterruptedRun(probe, options.resumeRun, interrupted, &problem) ||
+        !ReadCheckpoint(probe, interrupted.path, checkpoint, &problem)) {
+      std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
+      return kExitUsage;
+    }
+    interrupted.taken = checkpoint.value("taken", Micros{0});
+  }
   std::unique_ptr<Clock> clock;
   if (options.virtualTime) {
-    Micros start = SystemClock().now();
+    // A resumed run's virtual clock goes on from its checkpoint.
+    Micros start = options.resume ? interrupted.taken : SystemClock().now();
     if (options.start) {
       const auto parsed = parseDateTime(*options.start);
       if (!parsed) {
@@ -347,13 +370,36 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
-  if (!seq.prepareFile(options.sequence, &error)) {
-    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
-  }
-  if (seq.sequenceHasBareLineFeeds()) {
-    std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
-                 std::string(kBareLineFeedWarning).c_str());
+  // Every run keeps a checkpoint in the data root, which goes when it ends.
+  engine.keepCheckpoints();
+  if (options.resume) {
+    ResumeReport report;
+    if (!engine.prepareResume(interrupted.path, options.force, &report, &error)) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    if (report.safeStateRan) {
+      std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
+                   engine.safeStateSequence().c_str());
+    }
+    if (report.sequenceChanged) {
+      std::fprintf(err, "tavrix-cli: warning: the sequence file changed since the checkpoint\n");
+    }
+    for (const auto& warning : report.warnings) std::fprintf(err, "tavrix-cli: warning: %s\n", warning.c_str());
+    std::fprintf(err,
+                 "tavrix-cli: resuming run %s of %s after line %d%s%s: checkpoint of %s, gap %s\n",
+                 report.run.c_str(), report.sequence.c_str(), report.line,
+                 report.serial.empty() ? "" : ", UUT ", report.serial.c_str(),
+                 isoDateTime(report.taken).c_str(), GapText(report.gap).c_str());
+  } else {
+    if (!seq.prepareFile(options.sequence, &error)) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    if (seq.sequenceHasBareLineFeeds()) {
+      std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
+                   std::string(kBareLineFeedWarning).c_str());
+    }
   }
 
   // Breakpoints and the control socket.
@@ -362,7 +408,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
-  if (options.controlSocket) control.openSocket(options.sequence);
+  if (options.controlSocket) control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
   if (takeKeys) control.takeKeys(keys, in, view);
 
   // The results store: records wait in a journal in the data root and are
@@ -378,8 +424,19 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
                      options.loopWarningLines, err);
     StopBridge stops(stopRelay, engine);
-    reason = engine.run();
+    reason = options.resume ? engine.runResumed() : engine.run();
     limit = limits.reached();
+  }
+  // After an abnormal end the rig is put in its safe state.
+  if (reason == EndReason::kAbort || reason == EndReason::kError || reason == EndReason::kUnload ||
+      reason == EndReason::kLimit) {
+    bool ran = false;
+    if (!engine.runSafeState(&ran, &error)) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    } else if (ran) {
+      std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
+                   engine.safeStateSequence().c_str());
+    }
   }
   size_t recordsLost = 0;
   if (ResultsFeed* feed = engine.resultsFeed()) {
@@ -535,7 +592,15 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                          "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
   runCommand->add_flag("!--no-control-socket", run.controlSocket,
                        "Open no control socket for tavrix-cli ctl");
-  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file")->required();
+  CLI::Option* resumeOption =
+      runCommand
+          ->add_option("--resume", run.resumeRun,
+                       "Go on with an interrupted run (RUN: its name from 'tavrix-cli ctl list "
+                       "--interrupted'; the latest when left out) instead of starting SEQUENCE")
+          ->expected(0, 1);
+  runCommand->add_flag("--force", run.force,
+                       "With --resume: go on although the sequence file changed since the checkpoint");
+  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file");
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand(
@@ -594,7 +659,19 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
     std::fprintf(err, "tavrix-cli: %s\nRun 'tavrix-cli --help' for usage.\n", e.what());
     return kExitUsage;
   }
-  if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  if (runCommand->parsed()) {
+    run.resume = resumeOption->count() > 0;
+    if (run.resume == !run.sequence.empty()) {
+      std::fprintf(err, "tavrix-cli: run wants %s\nRun 'tavrix-cli --help' for usage.\n",
+                   run.resume ? "either --resume or a SEQUENCE, not both" : "a SEQUENCE");
+      return kExitUsage;
+    }
+    if (run.force && !run.resume) {
+      std::fprintf(err, "tavrix-cli: --force goes with --resume\n");
+      return kExitUsage;
+    }
+    return RunSequence(run, in, out, err);
+  }
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
   if (auto status = ctlCommand.run(out, err)) return *status;

@@ -235,7 +235,7 @@ void RunCheckpoints::startRun() {
   uutSignature_ = -1;
   dirty_ = true;
   lastWrite_ = now - kCheckpointEvery;
-  write();
+  write(true);
 }
 
 void RunCheckpoints::endRun() {
@@ -270,7 +270,7 @@ void RunCheckpoints::request(bool urgent) {
   if (!running_) return;
   const Micros now = engine_.clock().now();
   if (urgent || now - lastWrite_ >= kCheckpointAtMostEvery) {
-    write();
+    write(urgent);
     return;
   }
   dirty_ = true;
@@ -289,14 +289,17 @@ void RunCheckpoints::writeNow() {
   if (running_) write();
 }
 
-bool RunCheckpoints::write() {
+bool RunCheckpoints::write(bool urgent) {
   Sequencer& seq = engine_.sequencer();
-  if (!seq.atResumableMoment()) {
-    // Taken at the end of the line in progress.
+  const auto realNow = std::chrono::steady_clock::now();
+  if (!seq.atResumableMoment() ||
+      (!urgent && leastRealGap_.count() > 0 && realNow - lastRealWrite_ < leastRealGap_)) {
+    // Taken at the end of the line in progress, or later.
     dirty_ = true;
     arm(engine_.clock().now() + kCheckpointEvery);
     return false;
   }
+  lastRealWrite_ = realNow;
   WatchedFileSystem& files = engine_.files();
   const Micros now = engine_.clock().now();
   nlohmann::json c;

@@ -10,6 +10,7 @@
 // hex, so a file cut short or damaged is told as such rather than read.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -104,13 +105,19 @@ class RunCheckpoints {
   // Takes a checkpoint now, if the run is at a moment it can go on from.
   void writeNow();
 
+  // Besides the run clock's limits, checkpoints other than those of an
+  // ended UUT are at least this much of the process's own time apart (a
+  // virtual clock may pass days in a second; every checkpoint is written
+  // through to the disk). 0: no such limit (a disk in memory).
+  void setLeastRealGap(std::chrono::steady_clock::duration gap) { leastRealGap_ = gap; }
+
  private:
   void runEvent(const RunEvent& event);
   void afterLine();
   void timerTick();
   void request(bool urgent);
   void arm(Micros due);
-  bool write();
+  bool write(bool urgent = false);
   void startRun();
   void endRun();
 
@@ -130,6 +137,8 @@ class RunCheckpoints {
   int64_t uutSignature_ = -1;
   std::set<std::string> appended_;
   bool adopted_ = false;
+  std::chrono::steady_clock::duration leastRealGap_ = std::chrono::milliseconds(250);
+  std::chrono::steady_clock::time_point lastRealWrite_{};
 };
 
 }  // namespace tavrix
