@@ -280,6 +280,36 @@ Scenario Soak() {
   return s;
 }
 
+// A loop through a chained file with a sequence time-out that fires inside
+// a wait of the chained file, a time count and LOGONCE lines.
+Scenario Flow() {
+  Scenario s;
+  s.files["/seq/main.wts"] = joinLines(
+      {"ONTIMEOUT 3000, LATE", "STARTTIMECOUNT", "TOP:", "CHAIN /seq/sub.wts",
+       "LOGONCE /data/log.txt, back", "LOOPCHECK 11, DONE", "GOTO TOP", "DONE:",
+       "AFTERTIMECOUNT 1, HOURS, LONG", "STOP", "LONG:", "LOGONCE /data/log.txt, long", "STOP"});
+  s.files["/seq/sub.wts"] = joinLines({"WAITSECONDS 200", "WAITRANDOM 200, 200", "RETURN", "LATE:",
+                                       "LOGONCE /data/log.txt, late", "RETURN"});
+  s.sequence = "/seq/main.wts";
+  s.start = *parseDateTime("2026-03-01 08:00:00");
+  return s;
+}
+
+TEST(ResumeKill, AChainedLoopWithATimeOutKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
+  const Scenario scenario = Flow();
+  std::vector<Crash> crashes;
+  const Outcome unbroken = RunUnbroken(scenario, Kills(40), crashes, 4800 * kMicrosPerSecond);
+  EXPECT_EQ(unbroken.error, "");
+  EXPECT_EQ(unbroken.loopCount, 12);
+  const auto log = unbroken.files.find("/data/log.txt");
+  ASSERT_NE(log, unbroken.files.end());
+  // The time-out fired once, inside a wait of the chained file.
+  EXPECT_NE(log->second.find("\tback\r\n"), std::string::npos) << log->second;
+  EXPECT_NE(log->second.find("\tlate\r\n"), std::string::npos) << log->second;
+  EXPECT_NE(log->second.find("\tlong\r\n"), std::string::npos) << log->second;
+  for (const auto& crash : crashes) ExpectSame(Resume(scenario, crash), unbroken, crash.when);
+}
+
 TEST(ResumeKill, ThePumpTestKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
   const Scenario scenario = PumpTest();
   std::vector<Crash> crashes;

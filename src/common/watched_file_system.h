@@ -56,6 +56,11 @@ class WatchedFileSystem final : public FileSystem {
   // run that goes on from a checkpoint cuts them back to their length then.
   std::vector<std::string> appendedFiles() const;
   void clearAppended();
+  // Called on the appending thread before the first append to a file since
+  // the last clearAppended(), with the file's path.
+  void beforeFirstAppend(std::function<void(const std::string&)> hook) {
+    beforeFirstAppend_ = std::move(hook);
+  }
   // Records a failed write of `path` (also used by the wrappers).
   void recordLoss(const std::string& path, const std::string& error);
 
@@ -64,6 +69,7 @@ class WatchedFileSystem final : public FileSystem {
   mutable std::mutex mutex_;
   std::vector<Loss> losses_;
   std::set<std::string, std::less<>> appended_;
+  std::function<void(const std::string&)> beforeFirstAppend_;
   std::function<void(const Loss&)> onFirstLoss_;
 };
 

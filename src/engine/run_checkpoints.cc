@@ -194,6 +194,7 @@ RunCheckpoints::RunCheckpoints(Engine& engine)
         engine_.sequencer().markLineRerunnable();
         request(true);
       });
+  engine.files().beforeFirstAppend([this](const std::string& path) { firstAppend(path); });
   // Whatever ends a run removes its checkpoint (after the last UUT is
   // written, which is a run-end hook of its own registered before this).
   seq.addRunEndHook([this] { endRun(); });
@@ -238,8 +239,24 @@ void RunCheckpoints::startRun() {
   write(true);
 }
 
+void RunCheckpoints::firstAppend(const std::string& path) {
+  if (!running_ || appended_.count(path) || !last_.is_object()) return;
+  appended_.insert(path);
+  const FileInfo info = engine_.files().info(path);
+  last_["appended"][path] = info.kind == FileKind::kFile ? info.size : 0;
+  const std::string body = last_.dump(1);
+  const std::string header = std::string(kCheckpointMagic) + " " +
+                             std::to_string(kCheckpointVersion) + " " +
+                             std::to_string(body.size()) + " " + ContentHash(body) + "\n";
+  std::string error;
+  auto out = engine_.files().rewrite(path_, &error);
+  if (!(out && out->write(header, &error) && out->write(body, &error) && out->commit(&error)))
+    problem_ = error;
+}
+
 void RunCheckpoints::endRun() {
   running_ = false;
+  last_ = nlohmann::json();
   timer_.setEnabled(false);
   if (!path_.empty()) engine_.files().remove(path_, nullptr);
   path_.clear();
@@ -344,6 +361,7 @@ bool RunCheckpoints::write(bool urgent) {
   c["state"] = std::move(state);
 
   const std::string body = c.dump(1);
+  last_ = std::move(c);
   const std::string header = std::string(kCheckpointMagic) + " " +
                              std::to_string(kCheckpointVersion) + " " +
                              std::to_string(body.size()) + " " + ContentHash(body) + "\n";

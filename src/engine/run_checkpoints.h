@@ -119,6 +119,10 @@ class RunCheckpoints {
   void arm(Micros due);
   bool write(bool urgent = false);
   void startRun();
+  // A file the run appends to for the first time since the last checkpoint:
+  // that checkpoint is written again with the file's length, so that a
+  // resume from it cuts the file back too.
+  void firstAppend(const std::string& path);
   void endRun();
 
   Engine& engine_;
@@ -137,6 +141,7 @@ class RunCheckpoints {
   int64_t uutSignature_ = -1;
   std::set<std::string> appended_;
   bool adopted_ = false;
+  nlohmann::json last_;  // the checkpoint written last
   std::chrono::steady_clock::duration leastRealGap_ = std::chrono::milliseconds(250);
   std::chrono::steady_clock::time_point lastRealWrite_{};
 };
