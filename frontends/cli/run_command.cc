@@ -600,7 +600,13 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
           ->expected(0, 1);
   runCommand->add_flag("--force", run.force,
                        "With --resume: go on although the sequence file changed since the checkpoint");
-  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file");
+  // SEQUENCE is wanted unless a run goes on (which is told before the
+  // parse, so that options taking several values leave SEQUENCE alone).
+  const bool resuming = std::any_of(args.begin(), args.end(), [](const std::string& arg) {
+    return arg == "--resume" || arg.rfind("--resume=", 0) == 0;
+  });
+  runCommand->add_option("SEQUENCE", run.sequence, "The sequence file (not with --resume)")
+      ->required(!resuming);
 
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand(
