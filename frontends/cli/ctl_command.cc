@@ -9,8 +9,8 @@
 #include "common/civil_time.h"
 #include "common/file_system.h"
 #include "common/paths.h"
-#include "engine/run_checkpoints.h"
 #include "control_protocol.h"
+#include "engine/run_checkpoints.h"
 #include "run_command.h"
 #ifndef _WIN32
 #include <sys/socket.h>

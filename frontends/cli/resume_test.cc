@@ -284,12 +284,13 @@ Scenario Soak() {
 // a wait of the chained file, a time count and LOGONCE lines.
 Scenario Flow() {
   Scenario s;
-  s.files["/seq/main.wts"] = joinLines(
-      {"ONTIMEOUT 3000, LATE", "STARTTIMECOUNT", "TOP:", "CHAIN /seq/sub.wts",
-       "LOGONCE /data/log.txt, back", "LOOPCHECK 11, DONE", "GOTO TOP", "DONE:",
-       "AFTERTIMECOUNT 1, HOURS, LONG", "STOP", "LONG:", "LOGONCE /data/log.txt, long", "STOP"});
-  s.files["/seq/sub.wts"] = joinLines({"WAITSECONDS 200", "WAITRANDOM 200, 200", "RETURN", "LATE:",
-                                       "LOGONCE /data/log.txt, late", "RETURN"});
+  s.files["/seq/main.wts"] =
+      joinLines({"ONTIMEOUT 3000, LATE", "STARTTIMECOUNT", "TOP:", "CHAIN /seq/sub.wts",
+                 "LOGONCE /data/log.txt, back", "LOOPCHECK 11, DONE", "GOTO TOP",
+                 "DONE:", "AFTERTIMECOUNT 1, HOURS, LONG", "STOP",
+                 "LONG:", "LOGONCE /data/log.txt, long", "STOP"});
+  s.files["/seq/sub.wts"] = joinLines({"WAITSECONDS 200", "WAITRANDOM 200, 200", "RETURN",
+                                       "LATE:", "LOGONCE /data/log.txt, late", "RETURN"});
   s.sequence = "/seq/main.wts";
   s.start = *parseDateTime("2026-03-01 08:00:00");
   return s;
@@ -369,8 +370,8 @@ class ResumeCli : public CliTestBase {
   }
 
   std::vector<std::string> RunArgs() const {
-    return {"run",      "--virtual-time",        "--no-hardware",   "--answers",
-            answers_,   "--no-control-socket",  "--results-store", "off"};
+    return {"run",    "--virtual-time",      "--no-hardware",   "--answers",
+            answers_, "--no-control-socket", "--results-store", "off"};
   }
 
   // The results folder's files, and the folder emptied.
@@ -479,8 +480,7 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
   EXPECT_GT(taken, kStart + 290 * kMicrosPerSecond);
   EXPECT_LE(taken, kStart + 305 * kMicrosPerSecond);
   // --start takes whole seconds: the next one after two days and an hour.
-  const Micros later =
-      (taken / kMicrosPerSecond + 2 * 86400 + 3600 + 1) * kMicrosPerSecond;
+  const Micros later = (taken / kMicrosPerSecond + 2 * 86400 + 3600 + 1) * kMicrosPerSecond;
   std::vector<std::string> args = RunArgs();
   args.insert(args.end(),
               {"--resume", "--start", isoDateTime(later), "--trace", Path("trace.jsonl")});
@@ -534,15 +534,13 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
   damaged[body + damaged.size() / 2 - body / 2] ^= 0x01;
   std::string otherVersion = good;
   otherVersion.replace(otherVersion.find(" 1 "), 3, " 7 ");
-  for (const auto& [bytes, message] :
-       std::vector<std::pair<std::string, std::string>>{
+  for (const auto& [bytes, message] : std::vector<std::pair<std::string, std::string>>{
            {good.substr(0, good.size() - 40), "is cut short"},
            {good.substr(0, body / 2), "is cut short"},
            {damaged, "is damaged"},
            {otherVersion, "checkpoint format version 7; this program reads version 1"},
            {"{}", "is not a run checkpoint"}}) {
     ASSERT_TRUE(localFiles().writeAtomically(checkpoint, bytes, nullptr));
-    const std::string named = "run " + names.front();
     EXPECT_EQ(Cli(resume), kExitUsage) << message;
     EXPECT_NE(err_.find(message), std::string::npos) << err_;
     std::string after;
@@ -577,10 +575,10 @@ TEST_F(ResumeCli, TheSafeStateSequenceRunsBeforeAResumeAndAfterAnAbnormalEnd) {
   const std::string rig = std::string(TAVRIX_SOURCE_DIR) + "/examples/rig.ims";
   // A run that ends in a sequence error leaves the heater off.
   const std::string broken = File("broken.wts", "SEND HEATER, 77\r\nGOTO NOWHERE\r\n");
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-control-socket", "--results-store", "off",
-                 "--setup", rig, "--instrument-settings", settings, "--trace", Path("t1.jsonl"),
-                 broken}),
-            kExitSequenceError);
+  EXPECT_EQ(
+      Cli({"run", "--virtual-time", "--no-control-socket", "--results-store", "off", "--setup", rig,
+           "--instrument-settings", settings, "--trace", Path("t1.jsonl"), broken}),
+      kExitSequenceError);
   EXPECT_NE(err_.find("the safe-state sequence " + safe + " ran"), std::string::npos) << err_;
   std::string trace;
   ASSERT_TRUE(localFiles().readFile(Path("t1.jsonl"), trace, nullptr));

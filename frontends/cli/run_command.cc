@@ -13,7 +13,9 @@
 #include "build_version.h"
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
+#include "console_operators.h"
 #include "crypt_commands.h"
+#include "ctl_command.h"
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
 #include "instrument/backends/link_backends.h"
@@ -25,14 +27,12 @@
 #include "platform/companion_programs.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
-#include "ctl_command.h"
 #include "results_commands.h"
-#include "run_control.h"
-#include "terminal_keys.h"
 #include "resultsdb/results_feed.h"
-#include "console_operators.h"
+#include "run_control.h"
 #include "sequencer/sequence_file.h"
 #include "simulated_devices.h"
+#include "terminal_keys.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -385,7 +385,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     if (report.sequenceChanged) {
       std::fprintf(err, "tavrix-cli: warning: the sequence file changed since the checkpoint\n");
     }
-    for (const auto& warning : report.warnings) std::fprintf(err, "tavrix-cli: warning: %s\n", warning.c_str());
+    for (const auto& warning : report.warnings)
+      std::fprintf(err, "tavrix-cli: warning: %s\n", warning.c_str());
     std::fprintf(err,
                  "tavrix-cli: resuming run %s of %s after line %d%s%s: checkpoint of %s, gap %s\n",
                  report.run.c_str(), report.sequence.c_str(), report.line,
@@ -408,7 +409,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
-  if (options.controlSocket) control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
+  if (options.controlSocket)
+    control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
   if (takeKeys) control.takeKeys(keys, in, view);
 
   // The results store: records wait in a journal in the data root and are
@@ -598,8 +600,9 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                        "Go on with an interrupted run (RUN: its name from 'tavrix-cli ctl list "
                        "--interrupted'; the latest when left out) instead of starting SEQUENCE")
           ->expected(0, 1);
-  runCommand->add_flag("--force", run.force,
-                       "With --resume: go on although the sequence file changed since the checkpoint");
+  runCommand->add_flag(
+      "--force", run.force,
+      "With --resume: go on although the sequence file changed since the checkpoint");
   // SEQUENCE is wanted unless a run goes on (which is told before the
   // parse, so that options taking several values leave SEQUENCE alone).
   const bool resuming = std::any_of(args.begin(), args.end(), [](const std::string& arg) {

@@ -1,10 +1,9 @@
 #include "calcchan/evaluation.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "calcchan/setup_file.h"
 #include "calcchan/summary_files.h"

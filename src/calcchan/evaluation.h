@@ -5,11 +5,10 @@
 // writes it, as text, to the channel named NewName.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "calcchan/calc_ports.h"
 #include "calcchan/calc_table.h"

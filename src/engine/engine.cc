@@ -2,12 +2,12 @@
 
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
+#include "engine/run_checkpoints.h"
 #include "indexing/indexing_commands.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_rig.h"
 #include "resultsdb/results_feed.h"
-#include "engine/run_checkpoints.h"
 #include "sequencer/core_commands.h"
 
 namespace tavrix {

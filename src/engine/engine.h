@@ -46,7 +46,7 @@ struct ResumeReport {
   Micros resumedAt = 0;  // ... and when the run went on
   Micros gap = 0;
   bool safeStateRan = false;
-  bool sequenceChanged = false;  // went on with --force over a changed file
+  bool sequenceChanged = false;       // went on with --force over a changed file
   std::vector<std::string> warnings;  // outputs that could not be written again
 };
 
@@ -137,8 +137,7 @@ class Engine {
   // the run had written, and restores the run state. False with a message
   // when it cannot; the checkpoint is then left as it is. runResumed() goes
   // on with the run.
-  bool prepareResume(const std::string& path, bool force, ResumeReport* report,
-                     std::string* error);
+  bool prepareResume(const std::string& path, bool force, ResumeReport* report, std::string* error);
   EndReason runResumed();
   // Runs the safe-state sequence of the settings, if they name one; `ran`
   // tells whether it did. False with a message when it cannot be run.

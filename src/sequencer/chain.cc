@@ -9,9 +9,8 @@
 
 #include "sequencer/chain.h"
 
-#include <nlohmann/json.hpp>
-
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "common/text_conventions.h"

@@ -16,10 +16,9 @@
 
 #include "sequencer/defines.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "common/text_conventions.h"
 #include "sequencer/sequencer.h"

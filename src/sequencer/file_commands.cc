@@ -13,10 +13,9 @@
 
 #include "sequencer/file_commands.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "common/text_conventions.h"

@@ -12,9 +12,8 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <optional>
-
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "common/text_conventions.h"
 #include "sequencer/sequencer.h"

@@ -78,15 +78,16 @@ void TestDatabase::saveState(nlohmann::json& part) const {
   uut["testVersion"] = uut_.testVersion;
   uut["passed"] = uut_.passed;
   json failures = json::array();
-  for (const auto& f : uut_.failures) failures.push_back({f.stage, f.parameter, f.message, f.value});
+  for (const auto& f : uut_.failures)
+    failures.push_back({f.stage, f.parameter, f.message, f.value});
   uut["failures"] = std::move(failures);
   json checks = json::array();
   for (size_t i = 0; i < uut_.checks.size(); ++i) {
     const CheckEntry& c = uut_.checks[i];
     const UutRecord::CheckOrigin origin =
         i < uut_.checkOrigins.size() ? uut_.checkOrigins[i] : UutRecord::CheckOrigin{};
-    checks.push_back({c.parameter, c.channel, c.value, c.units, c.lower, c.upper, c.stage,
-                      c.passed, c.failureText, origin.row, origin.kind});
+    checks.push_back({c.parameter, c.channel, c.value, c.units, c.lower, c.upper, c.stage, c.passed,
+                      c.failureText, origin.row, origin.kind});
   }
   uut["checks"] = std::move(checks);
   uut["resumeNotes"] = uut_.resumeNotes;
