@@ -26,7 +26,8 @@ namespace tavrix {
 CtlCommand::CtlCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "ctl",
-      "Control a run of this user on this machine: ctl list [--interrupted] | ctl RUN "
+      "Control a run of this user on this machine: ctl list [--interrupted] | ctl discard RUN | "
+      "ctl RUN "
       "status|pause|resume|step|"
       "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|events");
   command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
@@ -42,7 +43,24 @@ std::optional<int> CtlCommand::run(std::FILE* out, std::FILE* err) {
     const LocalFileSystem files(defaultDataRoot());
     return ListInterrupted(files, out);
   }
+  if (words.size() == 2 && words[0] == "discard") {
+    LocalFileSystem files(defaultDataRoot());
+    return DiscardInterrupted(files, words[1], out, err);
+  }
   return RunCtl(defaultDataRoot(), words, out, err);
+}
+
+int DiscardInterrupted(FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err) {
+  InterruptedRun found;
+  std::string error;
+  if (!FindInterruptedRun(files, run, found, &error) ||
+      !DiscardCheckpoint(files, found.path, SystemClock().now(), &error)) {
+    std::fprintf(err, "tavrix-cli ctl: %s\n", error.c_str());
+    return kExitSequenceError;
+  }
+  std::fprintf(out, "discarded %s: kept in %s for a week\n", found.name.c_str(),
+               DiscardedFolder(files).c_str());
+  return kExitOk;
 }
 
 int ListInterrupted(const FileSystem& files, std::FILE* out) {

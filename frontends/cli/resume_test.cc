@@ -567,6 +567,18 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
   EXPECT_EQ(Cli(resume), kExitUutFailed) << err_;
   EXPECT_NE(err_.find("warning: the sequence file changed"), std::string::npos) << err_;
   EXPECT_FALSE(localFiles().isFile(checkpoint));
+
+  // A run that is not to go on is discarded: kept aside, no longer listed.
+  RunAndKill(0, 305 * kMicrosPerSecond);
+  EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
+  const std::string name = out_.substr(out_.find('\n') + 1, out_.find('\t', out_.find('\n')) -
+                                                                 out_.find('\n') - 1);
+  EXPECT_EQ(Cli({"ctl", "discard", name}), kExitOk) << err_;
+  EXPECT_TRUE(localFiles().isFile(Path("home/runs/discarded/" + name + ".checkpoint")));
+  EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
+  EXPECT_EQ(out_, "no interrupted run\n");
+  EXPECT_EQ(Cli(resume), kExitUsage);
+  EXPECT_NE(err_.find("no interrupted run to resume"), std::string::npos) << err_;
 }
 
 TEST_F(ResumeCli, TheSafeStateSequenceRunsBeforeAResumeAndAfterAnAbnormalEnd) {

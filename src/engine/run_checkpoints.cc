@@ -168,6 +168,7 @@ bool DiscardCheckpoint(FileSystem& files, const std::string& path, Micros now, s
   std::vector<std::string> names;
   if (files.list(folder, names, nullptr)) {
     for (const auto& name : names) {
+      if (name == baseName(path)) continue;
       const std::string old = join(folder, name);
       const FileInfo info = files.info(old);
       if (info.kind == FileKind::kFile && info.modifiedNs / 1000 < now - kDiscardedKeptFor)
