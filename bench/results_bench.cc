@@ -36,6 +36,9 @@ class NoLocks final : public FileSystem {
   bool append(const std::string& p, std::string_view b, std::string* e) override {
     return inner_.append(p, b, e);
   }
+  bool createPrivate(const std::string& p, std::string* e) override {
+    return inner_.createPrivate(p, e);
+  }
   bool truncate(const std::string& p, uint64_t s, std::string* e) override {
     return inner_.truncate(p, s, e);
   }

@@ -422,25 +422,41 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
   // import
   const std::string station = o.station.empty() ? DefaultStationName() : o.station;
   if (!localFiles().isFolder(o.folder)) return usage("no folder " + o.folder);
-  const ImportScan scan = ScanResultsFolder(localFiles(), o.folder, station);
-  for (const auto& p : scan.problems) {
-    std::fprintf(err, "tavrix-cli results: %s line %d: %s; the file is skipped\n", p.file.c_str(),
-                 p.line, p.reason.c_str());
+  ImportScan scan = ScanResultsFolder(localFiles(), o.folder, station);
+  // Each file is loaded in a transaction of its own: a value the store
+  // refuses skips its file, named, and the others are loaded.
+  size_t loaded = 0;
+  for (const ImportedFile& f : scan.files) {
+    const std::vector<StoredUut> batch(scan.uuts.begin() + static_cast<long>(f.first),
+                                       scan.uuts.begin() + static_cast<long>(f.first + f.count));
+    if (store->record(batch, &error)) {
+      loaded += batch.size();
+      continue;
+    }
+    --scan.detailsFiles;
+    constexpr size_t kShown = 300;
+    scan.problems.push_back({f.name, 0,
+                             "the results store refused it: " + error.substr(0, kShown) +
+                                 (error.size() > kShown ? "..." : "")});
   }
-  if (!store->record(scan.uuts, &error)) return failed();
+  for (const auto& p : scan.problems) {
+    const std::string where = p.line > 0 ? " line " + std::to_string(p.line) : "";
+    std::fprintf(err, "tavrix-cli results: %s%s: %s; the file is skipped\n",
+                 visibleText(p.file).c_str(), where.c_str(), visibleText(p.reason).c_str());
+  }
   if (o.json) {
     json problems = json::array();
     for (const auto& p : scan.problems) {
       problems.push_back({{"file", p.file}, {"line", p.line}, {"reason", p.reason}});
     }
-    PrintJson(out, {{"uuts", scan.uuts.size()},
+    PrintJson(out, {{"uuts", loaded},
                     {"details_files", scan.detailsFiles},
                     {"summary_files", scan.summaryFiles},
                     {"skipped", problems}});
   } else {
     std::fprintf(out,
                  "%zu UUTs from %d details files (%d summary files passed over, %zu skipped)\n",
-                 scan.uuts.size(), scan.detailsFiles, scan.summaryFiles, scan.problems.size());
+                 loaded, scan.detailsFiles, scan.summaryFiles, scan.problems.size());
   }
   return scan.problems.empty() ? kResultsDone : kResultsFailed;
 }

@@ -13,6 +13,8 @@
 #include "build_version.h"
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
+#include "common/file_system.h"
+#include "common/paths.h"
 #include "console_operators.h"
 #include "crypt_commands.h"
 #include "ctl_command.h"
@@ -28,6 +30,7 @@
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
+#include "shell_session.h"
 #include "resultsdb/results_feed.h"
 #include "run_control.h"
 #include "sequencer/sequence_file.h"
@@ -299,11 +302,12 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   // The terminal view, unless the trace takes standard output.
   const bool traceToOut = options.trace && *options.trace == "-";
   TerminalView view(*op, out, traceToOut ? err : out,
-                    !traceToOut && !options.quiet && TerminalView::IsTerminal(out));
+                    !traceToOut && !options.quiet && !options.shell &&
+                        TerminalView::IsTerminal(out));
   // On a terminal, keys drive the run; they stand before the view so that
   // no key is read once a question is on its way to the screen.
   TerminalKeys keys(view);
-  const bool takeKeys = TerminalKeys::Available(in);
+  const bool takeKeys = !options.shell && TerminalKeys::Available(in);
   EngineConfig config;
   config.clock = std::move(clock);
   config.files = std::move(files);
@@ -370,8 +374,14 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
-  // Every run keeps a checkpoint in the data root, which goes when it ends.
-  engine.keepCheckpoints();
+  // Every run keeps a checkpoint in the data root, which goes when it ends
+  // (not the shell's, whose lines come from its input).
+  if (!options.shell) engine.keepCheckpoints();
+  // The shell's run goes round a sequence of its own, kept in a folder of
+  // its own for as long as the shell runs.
+  std::optional<ScratchFolder> shellFolder;
+  std::string sequence = options.sequence;
+  std::optional<ShellSession> shell;
   if (options.resume) {
     ResumeReport report;
     if (!engine.prepareResume(interrupted.path, options.force, &report, &error)) {
@@ -393,9 +403,22 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
                  report.serial.empty() ? "" : ", UUT ", report.serial.c_str(),
                  isoDateTime(report.taken).c_str(), GapText(report.gap).c_str());
   } else {
-    if (!seq.prepareFile(options.sequence, &error)) {
+    if (options.shell) {
+      shellFolder.emplace();
+      sequence = shellFolder->file("shell.wts");
+      if (!localFiles().writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
+        std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+        return kExitUsage;
+      }
+    }
+    if (!seq.prepareFile(sequence, &error)) {
       std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
       return kExitUsage;
+    }
+    if (options.shell) {
+      shell.emplace(engine, in, out, TerminalView::IsTerminal(in),
+                    join(engine.files().dataRoot(), "shell-history"));
+      shell->attach();
     }
     if (seq.sequenceHasBareLineFeeds()) {
       std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
@@ -427,6 +450,12 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
                      options.loopWarningLines, err);
     StopBridge stops(stopRelay, engine);
     reason = options.resume ? engine.runResumed() : engine.run();
+    // In the shell a line that is a sequence error ends that run only: the
+    // shell goes on with the next line, and ends with the status of the
+    // first that failed.
+    const EndReason first = reason;
+    while (shell && reason == EndReason::kError && shell->wantsAnotherRun()) reason = engine.run();
+    if (shell && first == EndReason::kError) reason = first;
     limit = limits.reached();
   }
   // After an abnormal end the rig is put in its safe state.
@@ -611,6 +640,30 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   runCommand->add_option("SEQUENCE", run.sequence, "The sequence file (not with --resume)")
       ->required(!resuming);
 
+  RunOptions shell;
+  shell.shell = true;
+  shell.companions = run.companions;
+  CLI::App* shellCommand = app.add_subcommand(
+      "shell", "Run each line typed on the rig at once (.read CH, .channels, .watch CH, "
+               ".trace FILE, .quit)");
+  shellCommand->add_option("--setup", shell.setup, "Hardware setup (.ims) to load first");
+  shellCommand->add_option("--link", shell.link,
+                           "The instrument link: sim (default), dll (Windows), tcp://HOST:PORT or "
+                           "map:FILE");
+  shellCommand->add_option("--link-key", shell.linkKey,
+                           "Key file for a rig server that asks for one (tcp:// links)");
+  shellCommand->add_option("--instrument-settings", shell.instrumentSettings,
+                           "Settings file of the instrument link (key = value)");
+  shellCommand->add_option("--answers", shell.answers, "File of scripted operator answers");
+  shellCommand->add_flag("--virtual-time", shell.virtualTime,
+                         "Run on a virtual clock: waits take no real time");
+  shellCommand->add_option("--trace", shell.trace,
+                           "Write a JSON-lines trace to FILE from the start");
+  shellCommand->add_option("--results-store", shell.resultsStore,
+                           "Where UUT records go besides the results files");
+  shell.results = "text";
+  shell.controlSocket = false;
+
   RigOptions rig;
   CLI::App* rigCommand = app.add_subcommand(
       "rig", "Serve the simulated rig, or the rig PC's link libraries, over TCP (tcp:// links)");
@@ -681,6 +734,7 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
     }
     return RunSequence(run, in, out, err);
   }
+  if (shellCommand->parsed()) return RunSequence(shell, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;
   if (auto status = ctlCommand.run(out, err)) return *status;

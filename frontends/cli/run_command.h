@@ -71,6 +71,9 @@ struct RunOptions {
   bool resume = false;
   std::string resumeRun;
   bool force = false;
+  // `tavrix-cli shell`: the lines come from the input, one at a time, in
+  // place of a sequence file (frontends/cli/shell_session.h).
+  bool shell = false;
 };
 
 // `tavrix-cli rig`: serves the simulated rig, or another link, over TCP.

@@ -19,6 +19,7 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
+#include <QScreen>
 #include <QTabWidget>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -92,6 +93,82 @@ void Save(QWidget& w, const QString& dir, const char* name) {
   std::printf("%s\n", qPrintable(path));
 }
 
+// The whole screen, for a scene of more than one window.
+void SaveScreen(const QString& dir, const char* name) {
+  Settle();
+  const QString path = dir + "/" + name + ".png";
+  QRect shown;
+  for (QWidget* top : QApplication::topLevelWidgets())
+    if (top->isVisible()) shown = shown.united(top->frameGeometry());
+  const QPixmap shot = QGuiApplication::primaryScreen()->grabWindow(0, shown.x(), shown.y(),
+                                                                    shown.width(), shown.height());
+  if (shot.isNull() || !shot.save(path)) {
+    std::printf("%s: no screen to grab on this platform\n", name);
+    return;
+  }
+  std::printf("%s\n", qPrintable(path));
+}
+
+QWidget* TopLevel(const char* name) {
+  for (QWidget* top : QApplication::topLevelWidgets())
+    if (top->isVisible() && top->objectName() == name) return top;
+  return nullptr;
+}
+
+// A pump on test against the example test database: the data entry as the
+// operator fills it, the unit tile while the pump is tested and once it has
+// passed, and the UUT check brought up over the report window.
+int UnitScenes(const QString& dir) {
+  QTemporaryDir temp;
+  const QString testdb = temp.path() + "/examples/testdb";
+  QDir().mkpath(testdb);
+  for (const char* file : {"pump_details.txt", "pump_fields.txt", "pump_stages.txt"})
+    QFile::copy(QString(TAVRIX_SOURCE_DIR "/examples/testdb/") + file, testdb + "/" + file);
+  const QString before = QDir::currentPath();
+  QDir::setCurrent(temp.path());  // the definition names its files from here
+  const std::string seq = Sequence(temp, "pump.wts",
+      {"SEND FAN, 1200", "DB_DATAENTRY examples\\testdb\\pump_details.txt, DONE", "WAITSECONDS 3",
+       "DB_STAGECHECK 1", "DB_STAGECHECK 2", "WAITSECONDS 600", "DONE:", "STOP"});
+  int status = 0;
+  {
+    MainWindow w(RigEngine, seq);
+    w.show();
+    WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
+    Find<QPushButton>(w, "pbRun")->click();
+    QWidget* entry = nullptr;
+    WaitFor([&] { return (entry = TopLevel("frmDataEntry")) != nullptr; });
+    if (entry == nullptr) qFatal("no data entry");
+    Find<QLineEdit>(*entry, "ebOperator")->setText("A. Lee");
+    Find<QLineEdit>(*entry, "ebDescription")->setText("Pump, 2 kW");
+    auto* serial = Find<QLineEdit>(*entry, "ebSerialNum");
+    serial->setText("PX-20417");
+    entry->activateWindow();
+    serial->setFocus();
+    Save(*entry, dir, "data-entry");
+    Find<QPushButton>(*entry, "pbAccept")->click();
+
+    auto* state = Find<QLabel>(w, "laUnitState");
+    WaitFor([&] { return state->isVisible() && state->text() == "TESTING"; });
+    w.openReportWindow();
+    WaitFor([&] { return TopLevel("frmReport") != nullptr; });
+    WaitFor([&] { return Find<QWidget>(w, "frOKcancel")->isVisible(); });
+    SaveScreen(dir, "question-over-report");
+    if (QWidget* report = TopLevel("frmReport")) report->close();
+    Find<QPushButton>(w, "pbOKcancelOK")->click();
+    WaitFor([&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds 600"); });
+    Save(w, dir, "unit-testing");
+    Find<QPushButton>(w, "pbStop")->click();
+    if (!WaitFor([&] { return state->text() == "PASS"; })) {
+      std::printf("unit-passed: the tile did not show PASS (%s)\n", qPrintable(state->text()));
+      status = 1;
+    } else {
+      Save(w, dir, "unit-passed");
+    }
+  }
+  QDir::setCurrent(before);
+  return status;
+}
+
 int Screenshots(const QString& dir) {
   QDir().mkpath(dir);
   QTemporaryDir temp;
@@ -139,13 +216,6 @@ int Screenshots(const QString& dir) {
   Save(*chart, dir, "chart");
   chart->close();
 #endif
-
-  DataEntryDialog entry({"DATAENTRY", "Data Entry", "", {}}, QDate(2026, 11, 15), [](Answer) {}, &w);
-  Find<QLineEdit>(entry, "ebSerialNum")->setText("PX-20417");
-  Find<QLineEdit>(entry, "ebOperator")->setText("A. Lee");
-  Find<QLineEdit>(entry, "ebDescription")->setText("Pump, 2 kW");
-  entry.show();
-  Save(entry, dir, "data-entry");
 
   CheckFailureDialog failure({"CHECKFAILURE", "Check Failure",
                               "Stage 3\rFlow  Value: 3.00  Min: 1  Max: 2\rF1: Ignore  F2 Repeat  F3: Fail and Abandon",
@@ -234,7 +304,10 @@ int Measure() {
 int main(int argc, char** argv) {
   QApplication app(argc, argv);
   const QStringList args = app.arguments();
-  if (args.size() >= 3 && args[1] == "screenshots") return tavrix::Screenshots(args[2]);
+  if (args.size() >= 3 && args[1] == "screenshots") {
+    const int status = tavrix::Screenshots(args[2]);
+    return status != 0 ? status : tavrix::UnitScenes(args[2]);
+  }
   if (args.size() >= 2 && args[1] == "measure") return tavrix::Measure();
   std::fprintf(stderr, "usage: ui_showcase screenshots DIR | measure\n");
   return 2;

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/files.h"
+#include "platform/private_file.h"
 
 namespace tavrix {
 
@@ -69,19 +70,29 @@ std::string appendMarkerOf(const std::string& path) {
 // A marker left behind means the process that wrote it died in the middle of
 // that append (the kernel may stop a large write at a page boundary when the
 // process is killed): the file is cut back to its length before that append.
-void finishInterruptedAppend(const std::string& marker, FileHandle file, uint64_t& size) {
+// The marker names the file it was written for (device and node); a marker
+// of a file since replaced by a rewrite says nothing of the new one.
+std::string appendMarkerText(uint64_t size, const PathInfo& file) {
+  return std::to_string(static_cast<unsigned long long>(size)) + " " +
+         std::to_string(static_cast<unsigned long long>(file.device)) + " " +
+         std::to_string(static_cast<unsigned long long>(file.inode)) + "\n";
+}
+
+void finishInterruptedAppend(const std::string& marker, FileHandle file, const PathInfo& info,
+                             uint64_t& size) {
   FileHandle in = kNoFile;
   if (platform::openFile(marker, OpenMode::kRead, in) != 0) return;
-  char text[32] = {};
+  char text[80] = {};
   size_t n = 0;
   platform::readSome(in, text, sizeof text - 1, n);
   platform::closeFile(in);
-  char* end = nullptr;
-  const long long before = n > 0 ? std::strtoll(text, &end, 10) : -1;
-  if (end != nullptr && *end == '\n' && before >= 0 && static_cast<uint64_t>(before) < size &&
-      platform::truncateFile(file, static_cast<uint64_t>(before)) == 0) {
-    size = static_cast<uint64_t>(before);
-  }
+  unsigned long long before = 0;
+  unsigned long long device = 0;
+  unsigned long long inode = 0;
+  // A marker of an earlier version holds the length alone.
+  const int fields = n > 0 ? std::sscanf(text, "%llu %llu %llu", &before, &device, &inode) : 0;
+  const bool same = fields == 1 || (fields == 3 && device == info.device && inode == info.inode);
+  if (same && before < size && platform::truncateFile(file, before) == 0) size = before;
   platform::removeFile(marker);
 }
 
@@ -185,6 +196,9 @@ class LocalAtomicFile final : public AtomicFile {
     if (err != 0) return fail(error, "Cannot write", path_, err);
     forgetTemp(temp_);
     temp_.clear();
+    // An append to the file this one replaced that was cut off is of no
+    // concern any more.
+    platform::removeFile(appendMarkerOf(path_));
     // Make the rename itself durable; a failure here no longer loses data.
     platform::syncFolder(parentFolder(path_));
     return true;
@@ -378,6 +392,15 @@ std::unique_ptr<AtomicFile> LocalFileSystem::rewrite(const std::string& path, st
   return std::make_unique<LocalAtomicFile>(file, temp, path);
 }
 
+bool LocalFileSystem::createPrivate(const std::string& path, std::string* error) {
+  if (info(path).kind != FileKind::kMissing) return true;
+  const std::string why = platform::writeNewPrivateFile(path, "");
+  // Another process may have made it meanwhile.
+  if (why.empty() || info(path).kind != FileKind::kMissing) return true;
+  if (error) *error = "Cannot create \"" + path + "\": " + why;
+  return false;
+}
+
 bool LocalFileSystem::append(const std::string& path, std::string_view bytes, std::string* error) {
   FileHandle file = kNoFile;
   int err = platform::openFile(path, OpenMode::kAppend, file);
@@ -390,14 +413,14 @@ bool LocalFileSystem::append(const std::string& path, std::string_view bytes, st
   }
   const std::string marker = appendMarkerOf(path);
   uint64_t size = before.size;
-  finishInterruptedAppend(marker, file, size);
+  finishInterruptedAppend(marker, file, before, size);
   bool marked = false;
   if (!bytes.empty()) {
     // Where the file cannot have a marker beside it, the append goes on
     // without one.
     FileHandle out = kNoFile;
     if (platform::openFile(marker, OpenMode::kCreateOrTruncate, out) == 0) {
-      marked = writeAll(out, std::to_string(static_cast<unsigned long long>(size)) + "\n") == 0;
+      marked = writeAll(out, appendMarkerText(size, before)) == 0;
       platform::closeFile(out);
       if (!marked) platform::removeFile(marker);
     }

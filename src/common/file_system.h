@@ -99,6 +99,11 @@ class FileSystem {
   virtual bool append(const std::string& path, std::string_view bytes, std::string* error) = 0;
   // Cuts the file back to `size` bytes.
   virtual bool truncate(const std::string& path, uint64_t size, std::string* error) = 0;
+  // Creates `path` empty, for its owner alone to read and write (a results
+  // database, its journal); a file that is there already is left as it is.
+  virtual bool createPrivate(const std::string& path, std::string* error) {
+    return append(path, "", error);
+  }
 
   // Creates or empties `path` for writing from its start.
   virtual std::unique_ptr<OutputFile> create(const std::string& path, std::string* error) = 0;
@@ -133,6 +138,7 @@ class LocalFileSystem final : public FileSystem {
   std::unique_ptr<AtomicFile> rewrite(const std::string& path, std::string* error) override;
   bool append(const std::string& path, std::string_view bytes, std::string* error) override;
   bool truncate(const std::string& path, uint64_t size, std::string* error) override;
+  bool createPrivate(const std::string& path, std::string* error) override;
   std::unique_ptr<OutputFile> create(const std::string& path, std::string* error) override;
   bool list(const std::string& folder, std::vector<std::string>& names,
             std::string* error) const override;

@@ -204,6 +204,42 @@ TEST_F(TextFileTest, AWriterKilledWhileAppendingLeavesOnlyWholeRecords) {
   EXPECT_EQ(folderEntries(dir_), std::vector<std::string>{"results.txt"});
 }
 
+// What a writer killed in the middle of an append leaves beside the file (a
+// marker holding the file's length before the append, and the file's
+// identity) cuts back only that file: a rewrite of the file since, or a file
+// put in its place, keeps everything it holds.
+TEST_F(TextFileTest, AnAppendCutOffByAKillCutsBackOnlyTheFileItWasMadeOn) {
+  const std::string path = dir_ + "/journal.txt";
+  const std::string marker = dir_ + "/.journal.txt.appending";
+  auto leaveMarker = [&](const std::string& text) {
+    ASSERT_TRUE(files_.writeAtomically(marker, text, nullptr));
+  };
+  auto identity = [&] {
+    struct stat st {};
+    EXPECT_EQ(stat(path.c_str(), &st), 0);
+    return std::to_string(st.st_dev) + " " + std::to_string(st.st_ino);
+  };
+
+  // The killed writer's half line goes.
+  ASSERT_TRUE(files_.writeAtomically(path, "one\ntwo\nhalf a li", nullptr));
+  leaveMarker("8 " + identity() + "\n");
+  ASSERT_TRUE(files_.append(path, "three\n", nullptr));
+  EXPECT_EQ(contents(path), "one\ntwo\nthree\n");
+
+  // The file was rewritten after the writer died: the marker is gone with
+  // the old file, and the new one is kept whole.
+  leaveMarker("4 " + identity() + "\n");
+  ASSERT_TRUE(files_.writeAtomically(path, "rewritten, with what still waits\n", nullptr));
+  ASSERT_TRUE(files_.append(path, "four\n", nullptr));
+  EXPECT_EQ(contents(path), "rewritten, with what still waits\nfour\n");
+
+  // A marker of some other file (another node) leaves this one alone.
+  leaveMarker("4 0 0\n");
+  ASSERT_TRUE(files_.append(path, "five\n", nullptr));
+  EXPECT_EQ(contents(path), "rewritten, with what still waits\nfour\nfive\n");
+  EXPECT_EQ(folderEntries(dir_), std::vector<std::string>{"journal.txt"});
+}
+
 }  // namespace
 }  // namespace tavrix
 

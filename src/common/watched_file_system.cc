@@ -112,6 +112,14 @@ void WatchedFileSystem::clearAppended() {
   appended_.clear();
 }
 
+bool WatchedFileSystem::createPrivate(const std::string& path, std::string* error) {
+  std::string why;
+  if (inner_.createPrivate(path, &why)) return true;
+  recordLoss(path, why);
+  if (error) *error = why;
+  return false;
+}
+
 std::unique_ptr<OutputFile> WatchedFileSystem::create(const std::string& path, std::string* error) {
   auto inner = inner_.create(path, error);
   if (!inner) return nullptr;

@@ -38,6 +38,7 @@ class WatchedFileSystem final : public FileSystem {
   }
   std::unique_ptr<AtomicFile> rewrite(const std::string& path, std::string* error) override;
   bool append(const std::string& path, std::string_view bytes, std::string* error) override;
+  bool createPrivate(const std::string& path, std::string* error) override;
   bool truncate(const std::string& path, uint64_t size, std::string* error) override {
     return inner_.truncate(path, size, error);
   }

@@ -2,6 +2,8 @@
 
 #include <libpq-fe.h>
 
+#include <algorithm>
+#include <cctype>
 #include <string_view>
 #include <vector>
 
@@ -40,13 +42,55 @@ Conninfo ParseConninfo(const std::string& conninfo) {
   return result;
 }
 
-std::string Scrub(std::string text, const std::string& secret) {
-  if (secret.empty()) return text;
-  for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at)) {
-    text.replace(at, secret.size(), "***");
+}  // namespace
+
+std::string MaskPassword(std::string text, const std::string& password) {
+  // The value of every password field ("password=..." with or without
+  // quotes) and the password part of a URL's "user:password@".
+  auto lower = [](std::string t) {
+    for (char& c : t) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return t;
+  };
+  for (size_t at = lower(text).find("password="); at != std::string::npos;
+       at = lower(text).find("password=", at)) {
+    const size_t from = at + 9;
+    size_t to = from;
+    if (to < text.size() && text[to] == '\'') {
+      for (++to; to < text.size() && text[to] != '\''; ++to) {
+        if (text[to] == '\\') ++to;
+      }
+      to = std::min(text.size(), to + 1);
+    } else {
+      while (to < text.size() && !std::isspace(static_cast<unsigned char>(text[to])) &&
+             text[to] != '"' && text[to] != '&') {
+        ++to;
+      }
+    }
+    text.replace(from, to - from, "***");
+    at = from + 3;
+  }
+  for (size_t scheme = text.find("://"); scheme != std::string::npos;
+       scheme = text.find("://", scheme + 3)) {
+    const size_t start = scheme + 3;
+    const size_t end = text.find_first_of("/?# \t\n\"'", start);
+    const size_t atSign = text.rfind('@', end == std::string::npos ? text.size() : end);
+    if (atSign == std::string::npos || atSign < start) continue;
+    const size_t colon = text.find(':', start);
+    if (colon == std::string::npos || colon > atSign) continue;
+    text.replace(colon + 1, atSign - colon - 1, "***");
+  }
+  // The password quoted some other way is masked where it cannot be taken
+  // for a word of the message: a short one is left, as masking it would
+  // show where it stands in the words around it.
+  if (password.size() >= 8) {
+    for (size_t at = text.find(password); at != std::string::npos; at = text.find(password, at)) {
+      text.replace(at, password.size(), "***");
+    }
   }
   return text;
 }
+
+namespace {
 
 std::string Trimmed(const char* message) {
   std::string text = message ? message : "";
@@ -113,7 +157,7 @@ class PostgresConnection : public SqlConnection {
                                            std::string_view(state).substr(0, 2) == "23");
     if (error) {
       *error = describe() + ": " +
-               Scrub(Trimmed(result ? PQresultErrorMessage(result) : PQerrorMessage(conn_)),
+               MaskPassword(Trimmed(result ? PQresultErrorMessage(result) : PQerrorMessage(conn_)),
                      info_.password);
     }
     return false;
@@ -149,7 +193,7 @@ std::unique_ptr<SqlConnection> OpenPostgres(const std::string& conninfo, std::st
   if (conn == nullptr || PQstatus(conn) != CONNECTION_OK) {
     if (error) {
       *error = "the results server " + info.shown + ": " +
-               Scrub(Trimmed(conn ? PQerrorMessage(conn) : "out of memory"), info.password);
+               MaskPassword(Trimmed(conn ? PQerrorMessage(conn) : "out of memory"), info.password);
     }
     PQfinish(conn);
     return nullptr;

@@ -18,6 +18,11 @@ std::unique_ptr<SqlConnection> OpenPostgres(const std::string& conninfo, std::st
 // read is not shown at all.
 std::string RedactConninfo(const std::string& conninfo);
 
+// A message of the server's library with the password masked: the value of
+// each password field and of a URL's "user:password@" (never the password's
+// text wherever it happens to appear, which would give a short one away).
+std::string MaskPassword(std::string text, const std::string& password);
+
 // True when `spec` names a server rather than a database file.
 bool IsPostgresConninfo(const std::string& spec);
 

@@ -2,12 +2,17 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <optional>
+#include <set>
 #include <sstream>
 
 #include "common/civil_time.h"
 #include "common/file_system.h"
 #include "common/paths.h"
+#include "common/text_file.h"
+#include "common/trace.h"
+#include "platform/keyed_hash.h"
 
 namespace tavrix {
 
@@ -42,6 +47,14 @@ bool AllDigits(std::string_view text) {
   });
 }
 
+// A value of the file as a message quotes it: printable, and cut short, so
+// that a message never carries a whole file.
+std::string Quoted(std::string_view text) {
+  constexpr size_t kShown = 60;
+  const std::string shown = visibleText(text.substr(0, kShown));
+  return "\"" + shown + (text.size() > kShown ? "...\"" : "\"");
+}
+
 // "dd-mm-yyyy" as "yyyy-mm-dd".
 std::optional<std::string> IsoDay(std::string_view date) {
   if (date.size() != 10 || date[2] != '-' || date[5] != '-' || !AllDigits(date.substr(0, 2)) ||
@@ -54,14 +67,21 @@ std::optional<std::string> IsoDay(std::string_view date) {
   return iso;
 }
 
-// The time of day that a details file's name carries ("SN_7_261115_143005"),
-// or midnight.
-std::string TimeOfDay(const std::string& name) {
+// The time of day that a details file's name carries ("SN_7_261115_143005"):
+// midnight when the name carries none, nothing when what it carries is no
+// time of day ("SN_7_261115_999999").
+std::optional<std::string> TimeOfDay(const std::string& name, std::string& reason) {
   std::string stem = baseName(name);
   if (const size_t dot = stem.rfind('.'); dot != std::string::npos && dot > 0) stem.resize(dot);
   if (stem.size() >= 7 && stem[stem.size() - 7] == '_' && AllDigits(stem.substr(stem.size() - 6))) {
     const std::string t = stem.substr(stem.size() - 6);
-    return t.substr(0, 2) + ":" + t.substr(2, 2) + ":" + t.substr(4, 2);
+    const std::string time = t.substr(0, 2) + ":" + t.substr(2, 2) + ":" + t.substr(4, 2);
+    if (std::stoi(t.substr(0, 2)) > 23 || std::stoi(t.substr(2, 2)) > 59 ||
+        std::stoi(t.substr(4, 2)) > 59) {
+      reason = "the time " + Quoted(time) + " in the file's name is not a time of day";
+      return std::nullopt;
+    }
+    return time;
   }
   return "00:00:00";
 }
@@ -107,17 +127,17 @@ class Cursor {
   bool blameTaken_ = false;
 };
 
-bool ParseTextDetails(Cursor& in, const std::string& name, const std::string& station,
+bool ParseTextDetails(Cursor& in, const std::string& time, const std::string& station,
                       std::vector<StoredUut>& uuts, std::string& reason) {
   std::string date;
   if (!in.expect("Test_Details Date=", &date, reason)) return false;
   const auto day = IsoDay(date);
   if (!day) {
-    reason = "the date \"" + date + "\" is not dd-mm-yyyy";
+    reason = "the date " + Quoted(date) + " is not dd-mm-yyyy";
     in.blameTaken();
     return false;
   }
-  const std::string ended = *day + " " + TimeOfDay(name);
+  const std::string ended = *day + " " + time;
   while (!in.onlyBlankLeft()) {
     StoredUut uut;
     std::string ignored, result;
@@ -136,7 +156,7 @@ bool ParseTextDetails(Cursor& in, const std::string& name, const std::string& st
     }
     if (!in.expect("Result: ", &result, reason)) return false;
     if (result != kVerdictPassText && result != kVerdictFailText) {
-      reason = "the result \"" + result + "\" is neither PASS nor FAIL";
+      reason = "the result " + Quoted(result) + " is neither PASS nor FAIL";
       in.blameTaken();
       return false;
     }
@@ -154,7 +174,13 @@ bool ParseTextDetails(Cursor& in, const std::string& name, const std::string& st
         return false;
       }
       StoredCheck c;
-      c.step = std::atoi(f[0].c_str());
+      const char* first = f[0].data();
+      const char* last = first + f[0].size();
+      const auto parsed = std::from_chars(first, last, c.step);
+      if (parsed.ec != std::errc() || parsed.ptr != last) {
+        reason = "the stage number " + Quoted(f[0]) + " is out of range";
+        return false;
+      }
       c.parameter = f[1];
       c.channel = f[2];
       c.value = f[3];
@@ -197,17 +223,17 @@ bool Element(Cursor& in, std::string_view open, std::string_view close, std::str
   return true;
 }
 
-bool ParseXmlDetails(Cursor& in, const std::string& name, const std::string& station,
+bool ParseXmlDetails(Cursor& in, const std::string& time, const std::string& station,
                      std::vector<StoredUut>& uuts, std::string& reason) {
   std::string date;
   if (!Element(in, "<Test_Details Date='", "'>", date, reason)) return false;
   const auto day = IsoDay(date);
   if (!day) {
-    reason = "the date \"" + date + "\" is not dd-mm-yyyy";
+    reason = "the date " + Quoted(date) + " is not dd-mm-yyyy";
     in.blameTaken();
     return false;
   }
-  const std::string ended = *day + " " + TimeOfDay(name);
+  const std::string ended = *day + " " + time;
   for (;;) {
     if (in.atEnd()) {
       reason = "the file ends before \"</Test_Details>\"";
@@ -229,7 +255,7 @@ bool ParseXmlDetails(Cursor& in, const std::string& name, const std::string& sta
       return false;
     }
     if (result != kVerdictPassText && result != kVerdictFailText) {
-      reason = "the result \"" + result + "\" is neither PASS nor FAIL";
+      reason = "the result " + Quoted(result) + " is neither PASS nor FAIL";
       in.blameTaken();
       return false;
     }
@@ -276,20 +302,51 @@ bool ParseXmlDetails(Cursor& in, const std::string& name, const std::string& sta
 
 }  // namespace
 
+std::string ContentKey(std::string_view text) {
+  platform::Sha256Mac mac{};
+  if (!platform::hmacSha256("tavrix results import", text, mac)) return {};
+  static const char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (uint8_t b : mac) {
+    hex += kHex[b >> 4];
+    hex += kHex[b & 15];
+  }
+  return hex;
+}
+
 bool ParseDetailsFile(const std::string& name, const std::string& text, const std::string& station,
                       std::vector<StoredUut>& out, ImportProblem& problem) {
+  // A NUL would cut a serial number or a value short where it is stored.
+  if (const size_t nul = text.find('\0'); nul != std::string::npos) {
+    const int line = 1 + static_cast<int>(std::count(text.begin(), text.begin() + nul, '\n'));
+    problem = {name, line, "a NUL character in the line"};
+    return false;
+  }
+  // Records are known by what the file holds, not by where it lies: the
+  // same file imported again, from another folder or under another name,
+  // is loaded once.
+  const std::string key = ContentKey(text);
+  if (key.empty()) {
+    problem = {name, 0, "the system's hash function failed"};
+    return false;
+  }
+  std::string reason;
+  const auto time = TimeOfDay(name, reason);
+  if (!time) {
+    problem = {name, 0, reason};
+    return false;
+  }
   Cursor in(Lines(text));
   std::vector<StoredUut> uuts;
-  std::string reason;
   const bool xml = !in.atEnd() && in.peek().rfind("<Test_Details", 0) == 0;
-  const bool ok = xml ? ParseXmlDetails(in, name, station, uuts, reason)
-                      : ParseTextDetails(in, name, station, uuts, reason);
+  const bool ok = xml ? ParseXmlDetails(in, *time, station, uuts, reason)
+                      : ParseTextDetails(in, *time, station, uuts, reason);
   if (!ok) {
     problem = {name, in.line(), reason};
     return false;
   }
   for (size_t i = 0; i < uuts.size(); ++i) {
-    uuts[i].key = "import/" + name + "/" + std::to_string(i + 1);
+    uuts[i].key = "import/" + key + "/" + std::to_string(i + 1);
     out.push_back(std::move(uuts[i]));
   }
   return true;
@@ -305,23 +362,46 @@ bool IsResultsFileName(const std::string& name) {
 }
 
 // The results files below `folder`, each as the names of the folders down to
-// it and its own name, in the order of those names.
+// it and its own name, in the order of those names. A folder or file reached
+// again through a link (a link to a folder above it, two links to one file)
+// is taken once.
 void FindResultsFiles(const FileSystem& files, const std::string& folder,
                       std::vector<std::string>& below, std::vector<std::vector<std::string>>& found,
-                      std::string& error) {
+                      std::set<std::pair<uint64_t, uint64_t>>& seen, std::string& error) {
   std::vector<std::string> names;
   if (!files.list(folder, names, &error)) return;
+  std::sort(names.begin(), names.end());
   for (const auto& name : names) {
     const std::string path = join(folder, name);
-    const FileKind kind = files.info(path).kind;
+    const FileInfo info = files.info(path);
+    const bool known = info.device != 0 || info.inode != 0;
+    if (info.kind != FileKind::kFolder && !(info.kind == FileKind::kFile && IsResultsFileName(name)))
+      continue;
+    if (known && !seen.insert({info.device, info.inode}).second) continue;
     below.push_back(name);
-    if (kind == FileKind::kFolder) {
-      FindResultsFiles(files, path, below, found, error);
-    } else if (kind == FileKind::kFile && IsResultsFileName(name)) {
+    if (info.kind == FileKind::kFolder) {
+      FindResultsFiles(files, path, below, found, seen, error);
+    } else {
       found.push_back(below);
     }
     below.pop_back();
   }
+}
+
+// Whether the file begins as a results file does, read from its first bytes
+// only: a large file of something else is not read.
+bool BeginsWith(const FileSystem& files, const std::string& path,
+                std::initializer_list<std::string_view> heads, std::string* error) {
+  const auto in = files.openInput(path, error);
+  if (!in) return false;
+  char buf[32];
+  size_t got = 0;
+  if (!in->read(buf, sizeof buf, got, error)) return false;
+  const std::string_view start(buf, got);
+  for (const auto head : heads) {
+    if (start.substr(0, head.size()) == head) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -331,8 +411,11 @@ ImportScan ScanResultsFolder(const FileSystem& files, const std::string& folder,
   ImportScan scan;
   std::vector<std::vector<std::string>> found;
   std::vector<std::string> below;
+  std::set<std::pair<uint64_t, uint64_t>> seen;
+  const FileInfo top = files.info(folder);
+  if (top.device != 0 || top.inode != 0) seen.insert({top.device, top.inode});
   std::string listError;
-  FindResultsFiles(files, folder, below, found, listError);
+  FindResultsFiles(files, folder, below, found, seen, listError);
   if (!listError.empty()) {
     scan.problems.push_back({folder, 0, "cannot read the folder: " + listError});
   }
@@ -340,22 +423,30 @@ ImportScan ScanResultsFolder(const FileSystem& files, const std::string& folder,
   for (const auto& parts : found) {
     std::string shown;
     for (const auto& part : parts) shown += (shown.empty() ? "" : "/") + part;
+    const std::string path = join(folder, shown);
+    std::string readError;
+    if (!BeginsWith(files, path, {"Test_Details", "<Test_Details", "Test_Results", "<Test_Results"},
+                    &readError)) {
+      scan.problems.push_back({shown, readError.empty() ? 1 : 0,
+                               readError.empty()
+                                   ? "not a results file (no \"Test_Details\" at its start)"
+                                   : "cannot read the file: " + readError});
+      continue;
+    }
     std::string text;
-    if (!files.readFile(join(folder, shown), text, nullptr)) {
-      scan.problems.push_back({shown, 0, "cannot read the file"});
+    if (!readTextFile(files, path, text, &readError)) {
+      scan.problems.push_back({shown, 0, readError});
       continue;
     }
     if (text.rfind("Test_Results", 0) == 0 || text.rfind("<Test_Results", 0) == 0) {
       ++scan.summaryFiles;
       continue;
     }
-    if (text.rfind("Test_Details", 0) != 0 && text.rfind("<Test_Details", 0) != 0) {
-      scan.problems.push_back({shown, 1, "not a results file (no \"Test_Details\" at its start)"});
-      continue;
-    }
     ImportProblem problem;
+    const size_t first = scan.uuts.size();
     if (ParseDetailsFile(shown, text, station, scan.uuts, problem)) {
       ++scan.detailsFiles;
+      scan.files.push_back({shown, first, scan.uuts.size() - first});
     } else {
       scan.problems.push_back(problem);
     }

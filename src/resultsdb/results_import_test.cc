@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "common/file_system.h"
@@ -114,6 +115,78 @@ TEST(ResultsImport, AFileThatCannotBeReadIsNamedWithItsLineAndSkippedWhole) {
   EXPECT_EQ(scan.problems[0].file, "SN_2_261115_000000.txt");
   EXPECT_EQ(scan.problems[0].line, 13);
   EXPECT_EQ(scan.problems[1].file, "notes.txt");
+}
+
+// Values a station never writes are refused with a message of bounded
+// length: a time of day past 23:59:59 in the name, a stage number beyond
+// the integers, a NUL (which would cut a serial short), a date line of
+// megabytes.
+TEST(ResultsImport, ValuesNoStationWritesAreRefusedWithAShortMessage) {
+  std::string hugeStage = kTextDetails;
+  hugeStage.replace(hugeStage.find("2\tPressure"), 1, "99999999999999999999");
+  std::string nul = kTextDetails;
+  nul.replace(nul.find("Serial_Number: 77") + 16, 0, std::string(1, '\0'));
+  const std::string hugeDate = "Test_Details Date=" + std::string(50 << 20, '7') + "\r\n";
+  struct Bad {
+    const char* name;
+    const std::string& text;
+    int line;
+    const char* reason;
+  };
+  const std::string good = kTextDetails;
+  for (const Bad& bad : std::vector<Bad>{
+           {"SN_1_261115_999999.txt", good, 0, "\"99:99:99\" in the file's name is not a time"},
+           {"SN_1_261115_000000.txt", hugeStage, 14, "stage number \"99999999999999999999\""},
+           {"SN_1_261115_000000.txt", nul, 7, "a NUL character"},
+           {"SN_1_261115_000000.txt", hugeDate, 1, "is not dd-mm-yyyy"}}) {
+    std::vector<StoredUut> uuts;
+    ImportProblem problem;
+    EXPECT_FALSE(ParseDetailsFile(bad.name, bad.text, "s", uuts, problem)) << bad.reason;
+    EXPECT_TRUE(uuts.empty());
+    EXPECT_EQ(problem.line, bad.line) << bad.reason;
+    EXPECT_THAT(problem.reason, HasSubstr(bad.reason));
+    EXPECT_LT(problem.reason.size(), 200u) << bad.reason;
+  }
+}
+
+// A folder is walked once however links loop back into it, a file is read
+// once however many links lead to it, and records are known by the file's
+// content: the same file imported from its folder and from the folder above
+// gives the same records. A large file is looked at only as far as its
+// first bytes, and one too large to be a results file is named and skipped.
+TEST(ResultsImport, LinksLargeFilesAndFoldersImportedTwiceLoadEachRecordOnce) {
+  testing::TempFolder folder;
+  const std::string sub = folder.file("station/2026");
+  std::filesystem::create_directories(sub);
+  std::ofstream(sub + "/SN_77_261115_143005.txt", std::ios::binary) << kTextDetails;
+  std::filesystem::create_directory_symlink(folder.file("station"), sub + "/up");
+  std::filesystem::create_directory_symlink(folder.file("station"), sub + "/up again");
+  std::filesystem::create_symlink(sub + "/SN_77_261115_143005.txt", sub + "/SN_77_copy.txt");
+  {
+    std::ofstream big(sub + "/video.txt", std::ios::binary);
+    big << "not a results file";
+  }
+  std::filesystem::resize_file(sub + "/video.txt", std::uintmax_t{700} << 20);  // sparse
+  {
+    std::ofstream big(sub + "/SN_9_261115_000000.txt", std::ios::binary);
+    big << "Test_Details Date=15-11-2026\r\n";
+  }
+  std::filesystem::resize_file(sub + "/SN_9_261115_000000.txt", std::uintmax_t{100} << 20);
+
+  const ImportScan below = ScanResultsFolder(localFiles(), sub, "s");
+  const ImportScan above = ScanResultsFolder(localFiles(), folder.path(), "s");
+  ASSERT_EQ(below.uuts.size(), 2u);
+  ASSERT_EQ(above.uuts.size(), 2u);
+  EXPECT_EQ(below.uuts[0].key, above.uuts[0].key);
+  EXPECT_EQ(below.uuts[1].key, above.uuts[1].key);
+  ASSERT_EQ(above.files.size(), 1u);
+  EXPECT_EQ(above.files[0].name, "station/2026/SN_77_261115_143005.txt");
+  EXPECT_EQ(above.files[0].count, 2u);
+  ASSERT_EQ(above.problems.size(), 2u);
+  EXPECT_EQ(above.problems[0].file, "station/2026/SN_9_261115_000000.txt");
+  EXPECT_THAT(above.problems[0].reason, HasSubstr("SN_9_261115_000000.txt"));
+  EXPECT_EQ(above.problems[1].file, "station/2026/video.txt");
+  EXPECT_THAT(above.problems[1].reason, HasSubstr("not a results file"));
 }
 
 }  // namespace

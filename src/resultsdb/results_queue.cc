@@ -310,9 +310,10 @@ bool ResultsQueue::appendLocked(const std::string& lines, std::string* error) {
     if (error) *error = QueueError(fsError);
     return false;
   }
-  // The append lands whole or not at all, and is on the disk when it
-  // returns.
-  if (!files_.append(path_, lines, &fsError)) {
+  // The journal holds the records of the plant's units: for its owner alone
+  // to read. The append lands whole or not at all, and is on the disk when
+  // it returns.
+  if (!files_.createPrivate(path_, &fsError) || !files_.append(path_, lines, &fsError)) {
     if (error) *error = QueueError(fsError);
     return false;
   }

@@ -301,7 +301,9 @@ TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   ::chmod(db.c_str(), 0444);
   ::chmod(folder_.path().c_str(), 0555);
   // Root writes whatever the file's mode says, so the write is tried by an
-  // account that the mode binds.
+  // account that the mode binds; it stands in for the journal's owner, so
+  // it may read the journal (which is made for its owner alone).
+  ::chmod(queue.path().c_str(), 0644);
   const passwd* account = ::geteuid() == 0 ? ::getpwnam("nobody") : nullptr;
   if (::geteuid() == 0 && account == nullptr) GTEST_SKIP() << "no unprivileged account";
   const int status = InChild(
@@ -431,12 +433,9 @@ TEST_F(RecorderTest, AServerRefusingOneRecordTakesTheOthersAndTheRefusalIsKeptWi
 // them killed outright at a moment of their own: every record that a run
 // was told is queued reaches the store it was made for exactly once, and
 // the records of another store stay queued, untouched.
-// Switched off: it still finds a record lost now and then (a run killed
-// after it was told its record is queued, "r20-0 is lost"), most runs when
-// the test program is run alone. The shared journal's fault is open; the
-// test stays as the check that its fix must pass.
-TEST_F(RecorderTest,
-       DISABLED_RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHoweverTheyEnd) {
+// (A run killed in the middle of an append, its marker then cutting back a
+// journal rewritten since, lost records here one run in ten.)
+TEST_F(RecorderTest, RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHoweverTheyEnd) {
   const std::string db = folder_.file("results.sqlite");
   const StoreSpec spec{StoreSpec::Kind::kSqlite, db};
   const StoreSpec elsewhere{StoreSpec::Kind::kSqlite, folder_.file("no folder/x/other.sqlite")};

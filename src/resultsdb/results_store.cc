@@ -95,6 +95,14 @@ int SqlResultsStore::schemaVersion(std::string* error) {
 }
 
 bool SqlResultsStore::migrate(std::string* error) {
+  const int known = kMigrations.empty() ? 0 : kMigrations.back().number;
+  // A store that is up to date is only read here, so that an account or a
+  // file that may only be read can be queried.
+  {
+    std::string ignored;
+    const int current = schemaVersion(&ignored);
+    if (current == known) return true;
+  }
   if (!connection_->beginExclusive(error)) return false;
   auto fail = [&] {
     connection_->script("ROLLBACK", nullptr);
@@ -107,7 +115,6 @@ bool SqlResultsStore::migrate(std::string* error) {
   }
   const int current = schemaVersion(error);
   if (current < 0) return fail();
-  const int known = kMigrations.empty() ? 0 : kMigrations.back().number;
   if (current > known) {
     if (error) {
       *error = describe() + " has schema version " + std::to_string(current) +

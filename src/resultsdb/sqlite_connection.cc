@@ -125,7 +125,12 @@ class SqliteConnection : public SqlConnection {
 std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, const SqliteOptions& options,
                                           std::string* error) {
   // SQLite opens the database file itself; its folder is made here.
-  if (!options.readOnly) localFiles().makeFolders(parentFolder(path), nullptr);
+  // A new database is for its owner alone to read, as is its journal; the
+  // database's log files take its permissions.
+  if (!options.readOnly) {
+    localFiles().makeFolders(parentFolder(path), nullptr);
+    localFiles().createPrivate(path, nullptr);
+  }
   sqlite3* db = nullptr;
   const int flags =
       (options.readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |

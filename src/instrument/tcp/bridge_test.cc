@@ -312,8 +312,90 @@ TEST(Bridge, NothingButTheKeyCheckGetsThroughBeforeIt) {
     bridge.advanceMs(kHandshakeTimeoutMs + 1);
     EXPECT_EQ(idle.line(), refusal);
     EXPECT_EQ(idle.line(), "<closed>");
-    EXPECT_NE(bridge.log().find("no key check within 10 seconds"), std::string::npos);
+    EXPECT_NE(bridge.log().find("no key check within 5 seconds"), std::string::npos);
   }
+}
+
+// Connections that never speak cannot lock a key holder out: they have a
+// share of their own, whose oldest make room for new ones. Beyond the
+// connections served, the link says the server's own reason.
+TEST(Bridge, SilentConnectionsNeverKeepAKeyHolderOut) {
+  const std::string key = KeyOf(NewKeyFile());
+  Bridge bridge(key);
+  std::vector<std::unique_ptr<RawClient>> silent;
+  for (size_t i = 0; i < kMaxClients + 8; ++i) {
+    silent.push_back(std::make_unique<RawClient>(bridge.port()));
+  }
+  for (size_t i = 0; i < kMaxClients + 8 - kMaxUnprovenClients; ++i) {
+    EXPECT_EQ(silent[i]->line(),
+              "0 37 =the rig server has too many connections waiting for the key check; the "
+              "connection is closed")
+        << i;
+  }
+  {
+    VirtualClock clock(kStart);
+    TcpLink link(clock, "127.0.0.1", bridge.port(), localFiles());
+    link.setKey(key);
+    int16_t handle = 0;
+    EXPECT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
+  }
+  EXPECT_NE(bridge.log().find(": too many connections waiting for the key check"),
+            std::string::npos);
+  silent.clear();
+
+  std::vector<std::unique_ptr<RawClient>> served;
+  for (size_t i = 0; i < kMaxClients; ++i) {
+    served.push_back(std::make_unique<RawClient>(bridge.port()));
+    PassKeyCheck(*served.back(), key);
+  }
+  EXPECT_EQ(OpenProblem(bridge.port(), key),
+            "the rig server at 127.0.0.1:" + std::to_string(bridge.port()) +
+                " closed the connection: the rig server serves at most 64 connections");
+  served.pop_back();
+  VirtualClock clock(kStart);
+  TcpLink link(clock, "127.0.0.1", bridge.port(), localFiles());
+  link.setKey(key);
+  int16_t handle = 0;
+  EXPECT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
+}
+
+// A peer that answers with a line that never ends is given up once the
+// line passes the bound, and what it sends is never read into memory
+// without end; what a peer says is shown with its control characters made
+// visible.
+TEST(TcpLink, APeerThatSendsALineWithoutEndIsGivenUp) {
+  uint16_t port = 0;
+  std::string error;
+  const platform::Socket listener = platform::listenTcp("127.0.0.1", port, error);
+  ASSERT_NE(listener, platform::kNoSocket) << error;
+  std::atomic<bool> done{false};
+  std::thread peer([&] {
+    for (int connection = 0; connection < 2; ++connection) {
+      std::vector<platform::Watch> ready{{listener, true, false}};
+      while (platform::waitSockets(ready, 100) == 0 && !done) {
+      }
+      const platform::Socket client = platform::acceptClient(listener);
+      if (client == platform::kNoSocket) return;
+      if (connection == 0) {
+        const std::string chunk(1 << 16, 'x');
+        while (!done && testing::SendAll(client, chunk)) {
+        }
+      } else {
+        testing::SendAll(client, "1 0 =\x1b[2Jforged\n");
+        char c = 0;
+        while (testing::ReadByte(client, c, 100) != testing::Read::kClosed && !done) {
+        }
+      }
+      platform::closeSocket(client);
+    }
+  });
+  EXPECT_EQ(OpenProblem(port, ""), "the rig server at 127.0.0.1:" + std::to_string(port) +
+                                       " sent a line longer than 8 MiB; the link is given up");
+  EXPECT_EQ(OpenProblem(port, ""), "no rig server answers at 127.0.0.1:" + std::to_string(port) +
+                                       " (it said \"\\x1B[2Jforged\")");
+  done = true;
+  peer.join();
+  platform::closeSocket(listener);
 }
 
 TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {

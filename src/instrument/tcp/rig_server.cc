@@ -1,5 +1,6 @@
 #include "instrument/tcp/rig_server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -152,7 +153,7 @@ std::string RigServer::answer(std::string_view line) {
   return reply(kUnknownRequest, "unknown request");
 }
 
-std::string RigServer::handshake(Client& c, std::string_view line) {
+std::string RigServer::handshake(Client& c, std::string_view line, bool full) {
   const auto refuse = [&](std::string_view toLog, std::string_view toClient) {
     tell("refused " + c.peer + ": " + std::string(toLog));
     c.closing = true;
@@ -174,6 +175,13 @@ std::string RigServer::handshake(Client& c, std::string_view line) {
     if (!SameProof(rest, LinkProof(key_, c.serverNonce, c.linkNonce))) {
       return refuse("its key is not this server's key",
                     "the bridge refused the key; the connection is closed");
+    }
+    if (full) {
+      tell("refused " + c.peer + ": " + std::to_string(kMaxClients) + " connections are served");
+      c.closing = true;
+      return "0 " + std::to_string(kRigTooManyClients) + " =" +
+             EscapeField("the rig server serves at most " + std::to_string(kMaxClients) +
+                         " connections");
     }
     c.trusted = true;
     return std::string(id) + " 0";
@@ -204,10 +212,24 @@ void RigServer::serve(const std::atomic<bool>& stop) {
       const platform::Socket socket = platform::acceptClient(listener_, &outOfHandles, &peer);
       if (socket != platform::kNoSocket && outOfHandles) {
         refuse(socket, kRigTooManyClients, "the rig server has no file descriptors left");
-      } else if (socket != platform::kNoSocket && clients.size() >= kMaxClients) {
+      } else if (socket != platform::kNoSocket && key_.empty() && clients.size() >= kMaxClients) {
         refuse(socket, kRigTooManyClients,
                "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
       } else if (socket != platform::kNoSocket) {
+        // With a key, a new connection joins those yet to pass the check;
+        // the oldest of them goes when their share is full.
+        const auto unproven = [](const Client& c) { return !c.trusted && !c.closing; };
+        if (!key_.empty() && static_cast<size_t>(std::count_if(clients.begin(), clients.end(),
+                                                               unproven)) >= kMaxUnprovenClients) {
+          Client& oldest = *std::find_if(clients.begin(), clients.end(), unproven);
+          tell("refused " + oldest.peer + ": too many connections waiting for the key check");
+          oldest.out += "0 " + std::to_string(kRigTooManyClients) + " =" +
+                        EscapeField("the rig server has too many connections waiting for the key "
+                                    "check; the connection is closed") +
+                        "\n";
+          oldest.in.clear();
+          oldest.closing = true;
+        }
         Client client;
         client.socket = socket;
         client.lastHeardMs = nowMs;
@@ -217,8 +239,11 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         clients.push_back(std::move(client));
       }
     }
+    size_t proven = static_cast<size_t>(
+        std::count_if(clients.begin(), clients.end(), [](const Client& c) { return c.trusted; }));
     for (size_t i = 0; i + 1 < watches.size() && i < clients.size(); ++i) {
       Client& c = clients[i];
+      const bool wasTrusted = c.trusted;
       bool closed = false;
       if (watches[i + 1].readable) {
         char chunk[8192];
@@ -245,11 +270,12 @@ void RigServer::serve(const std::atomic<bool>& stop) {
         c.out += line.size() > kMaxRequestBytes
                      ? "0 " + std::to_string(kRigRequestTooLong) + " =request line too long"
                  : c.trusted ? answer(line)
-                             : handshake(c, line);
+                             : handshake(c, line, proven >= kMaxClients);
         c.out += '\n';
         start = eol + 1;
       }
       c.in.erase(0, start);
+      if (c.trusted && !wasTrusted) ++proven;
       if (!c.closing && !c.trusted &&
           (c.in.size() > kMaxHandshakeBytes || nowMs - c.acceptedMs > kHandshakeTimeoutMs)) {
         c.out += "0 " + std::to_string(kRigKeyRefused) + " =" + EscapeField(kTextNeedsKey) + "\n";

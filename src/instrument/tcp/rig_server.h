@@ -35,8 +35,13 @@ inline constexpr int64_t kIdleTimeoutMs = 60LL * 60 * 1000;
 // A server with a key serves nobody before the key check (link_key.h): until
 // then a request line may hold at most kMaxHandshakeBytes, and a connection
 // that has not passed the check within kHandshakeTimeoutMs is dropped.
+// Connections that have not passed it have a share of their own,
+// kMaxUnprovenClients beside the kMaxClients that have; when it is full the
+// oldest of them makes room, so that connections that never speak cannot
+// keep a client with the key out.
 inline constexpr size_t kMaxHandshakeBytes = 512;
-inline constexpr int64_t kHandshakeTimeoutMs = 10'000;
+inline constexpr int64_t kHandshakeTimeoutMs = 5'000;
+inline constexpr size_t kMaxUnprovenClients = 16;
 
 class RigServer {
  public:
@@ -75,7 +80,8 @@ class RigServer {
   struct Client;
   // Answers a line of a client that has not passed the key check yet; marks
   // the client to be closed when it fails the check.
-  std::string handshake(Client& client, std::string_view line);
+  // `full`: kMaxClients connections have passed the key check already.
+  std::string handshake(Client& client, std::string_view line, bool full);
   void tell(const std::string& text) const {
     if (log_) log_(text);
   }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/text_file.h"
+#include "common/trace.h"
 #include "instrument/tcp/link_key.h"
 
 namespace tavrix {
@@ -81,7 +82,9 @@ void TcpLink::watchConnection(Watch& watch, platform::Socket socket) {
     bool closed = false;
     if (platform::waitSockets(ready, static_cast<int>(left)) > 0) {
       char chunk[4096];
-      for (;;) {
+      // What is read at one go is bounded, so that a peer that never stops
+      // sending is looked at before it fills the memory.
+      while (got.size() < kMaxResponseBytes) {
         const long n = platform::receiveSome(socket, chunk, sizeof chunk);
         if (n > 0) {
           got.append(chunk, static_cast<size_t>(n));
@@ -104,11 +107,20 @@ void TcpLink::watchConnection(Watch& watch, platform::Socket socket) {
         settled = true;
       } else if (response.id == 0 && response.code == kRigIdleClosed) {
         watch.idleNotice = true;
+      } else if (response.id == 0) {
+        watch.notice = visibleText(response.text.value_or("code " + std::to_string(response.code)));
+        settled = true;
       } else if (watch.waiting.erase(response.id) > 0) {
         // Responses to requests given up earlier are dropped.
         watch.answered[response.id] = std::move(response);
         settled = true;
       }
+    }
+    if (watch.inbox.size() > kMaxResponseBytes) {
+      watch.overlong = true;
+      watch.inbox.clear();
+      watch.inbox.shrink_to_fit();
+      closed = true;
     }
     if (closed || watch.quit) {
       watch.closed = true;
@@ -230,7 +242,8 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
   Watch& watch = *watch_;
   const uint64_t id = nextId_++;
   const std::string line = std::to_string(id) + " " + body + "\n";
-  const int64_t deadline = steadyMs() + waitMs;
+  // Whole milliseconds, rounded up: the wait is never shorter than asked.
+  const int64_t deadline = steadyMs() + waitMs + 1;
   {
     std::lock_guard<std::mutex> lock(watch.mutex);
     if (!watch.closed) watch.waiting[id] = deadline;
@@ -291,12 +304,18 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
     return Outcome::kOk;
   }
   if (watch.refusal) {
-    problem_ = "the bridge at " + address() + " refused the link: " + *watch.refusal;
+    problem_ = "the bridge at " + address() + " refused the link: " + visibleText(*watch.refusal);
     lock.unlock();
     disconnect();
     return Outcome::kLost;
   }
   if (watch.closed) {
+    if (watch.overlong) {
+      problem_ = "the rig server at " + address() + " sent a line longer than " +
+                 std::to_string(kMaxResponseBytes >> 20) + " MiB; the link is given up";
+    } else if (watch.notice) {
+      problem_ = "the rig server at " + address() + " closed the connection: " + *watch.notice;
+    }
     lock.unlock();
     disconnect();
     return Outcome::kLost;
@@ -319,7 +338,7 @@ int32_t TcpLink::openInterface(int16_t& handle) {
   if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
     if (problem_.empty() || socket_ != platform::kNoSocket) {
       problem_ = "no rig server answers at " + address() +
-                 (r.text ? " (it said \"" + *r.text + "\")" : "");
+                 (r.text ? " (it said \"" + visibleText(*r.text) + "\")" : "");
     }
     disconnect();
     return link_result::kLinkLost;

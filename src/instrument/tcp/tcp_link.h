@@ -67,6 +67,9 @@ class TcpLink final : public LinkLibrary {
 
  private:
   enum class Outcome { kOk, kNoAnswer, kLost };
+  // A response line is bounded as a request line is on the server: a peer
+  // that sends a line without end is given up, never read into memory.
+  static constexpr size_t kMaxResponseBytes = size_t{8} << 20;
   // What the watcher thread of a connection shares with the link.
   struct Watch {
     std::mutex mutex;
@@ -76,6 +79,10 @@ class TcpLink final : public LinkLibrary {
     std::set<uint64_t> expired;
     std::optional<std::string> refusal;  // the server refused the link (id 0)
     bool idleNotice = false;             // the server closes an idle connection
+    // Why the server closes the connection, when it says (too many clients,
+    // a request too long); or that it sent a line past kMaxResponseBytes.
+    std::optional<std::string> notice;
+    bool overlong = false;
     bool closed = false;
     bool quit = false;
     std::string inbox;

@@ -91,7 +91,7 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   const int one = 1;
   if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(fd, 8) != 0) {
+      ::listen(fd, SOMAXCONN) != 0) {
     error = std::strerror(errno);
     if (fd >= 0) ::close(fd);
     return kNoSocket;

@@ -137,7 +137,7 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   const BOOL one = TRUE;
   setsockopt(s, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&one), sizeof one);
   if (::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(s, 8) != 0) {
+      ::listen(s, SOMAXCONN) != 0) {
     error = lastSocketError();
     closesocket(s);
     return kNoSocket;
