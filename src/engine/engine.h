@@ -143,6 +143,11 @@ class Engine {
   // tells whether it did. False with a message when it cannot be run.
   bool runSafeState(bool* ran, std::string* error);
   const std::string& safeStateSequence() const { return safeState_; }
+  // After a run started by start() or startStepping() that ended abnormally
+  // (Stop, a sequence error): runs the safe-state sequence, says so to the
+  // operator, and prepares the run's file again. (tavrix-cli, which runs
+  // with run(), does the same itself.)
+  void makeSafeAfterAbnormalEnd();
 
   // A file specification as written in sequence files, as a local path: the
   // instrument settings' drive map, and for other drives "<data root>/<x>"

@@ -112,6 +112,8 @@ class Sequencer : public RunContext {
   // cannot be read as a sequence (missing, unreadable, not text).
   bool prepareFile(const std::string& path, std::string* error);
   const std::string& sequenceFileName() const { return fileName_; }
+  // The file prepared for running (the run's first file, whatever CHAIN did).
+  const std::string& preparedFileName() const { return preparedName_; }
   // Whether the file prepared last has lines that end in bare line feeds.
   bool sequenceHasBareLineFeeds() const { return file_.hasBareLineFeeds(); }
   // Lines read since the file was last opened (the number in error reports).
