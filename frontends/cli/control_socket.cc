@@ -112,6 +112,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 
   const std::string& runId() const { return runId_; }
   const std::string& path() const { return path_; }
+  void setAnswers(AnswerRelay* relay) { answers_.store(relay); }
 
  private:
   struct Client {
@@ -197,6 +198,15 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
       if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);
     }
     if (state_ == "ended") json += ",\"end\":" + jsonString(endReason_);
+    if (AnswerRelay* relay = answers_.load(); relay != nullptr && state_ != "ended") {
+      if (const auto question = relay->openQuestion()) {
+        json += ",\"question\":{\"kind\":" + jsonString(question->kind) +
+                ",\"text\":" + jsonString(question->text) + ",\"choices\":[";
+        for (size_t i = 0; i < question->choices.size(); ++i)
+          json += (i > 0 ? "," : "") + jsonString(question->choices[i]);
+        json += "]}";
+      }
+    }
     json += ",\"breakpoints\":[";
     bool first = true;
     for (const Breakpoint& b : breakpoints_.list()) {
@@ -259,9 +269,24 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         }
         self->reply(id, json + "}}");
       });
+    } else if (r.cmd == "answer") {
+      AnswerRelay* relay = answers_.load();
+      if (r.args.empty()) {
+        client.out += Error("answer wants the caption (or number) of an answer") + "\n";
+      } else if (relay == nullptr) {
+        client.out += Error("this run's questions are answered only where they are shown") + "\n";
+      } else {
+        std::string text;
+        for (const auto& word : r.args) text += (text.empty() ? "" : " ") + word;
+        engine_.post([self, id, relay, text](Engine&) {
+          std::string error;
+          self->reply(id, relay->answer(text, &error) ? kOk : Error(error));
+        });
+      }
     } else {
       client.out += Error("unknown command \"" + r.cmd +
-                          "\" (status, pause, resume, step, skip, stop, break, watch, events)") +
+                          "\" (status, pause, resume, step, skip, stop, break, watch, answer, "
+                          "events)") +
                     "\n";
     }
   }
@@ -420,6 +445,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   bool stopping_ = false;
   std::string state_ = "ready";
   std::string status_;
+  std::atomic<AnswerRelay*> answers_{nullptr};
   std::string holdReason_;
   int64_t holdId_ = 0;
   std::atomic<int32_t> line_{0};
@@ -444,5 +470,6 @@ ControlSocket::ControlSocket(std::shared_ptr<Impl> impl) : impl_(std::move(impl)
 ControlSocket::~ControlSocket() { impl_->close(); }
 const std::string& ControlSocket::runId() const { return impl_->runId(); }
 const std::string& ControlSocket::path() const { return impl_->path(); }
+void ControlSocket::setAnswers(AnswerRelay* relay) { impl_->setAnswers(relay); }
 
 }  // namespace tavrix

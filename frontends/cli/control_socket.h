@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "answer_relay.h"
 #include "engine/breakpoints.h"
 #include "engine/engine.h"
 
@@ -37,6 +38,9 @@ class ControlSocket {
 
   const std::string& runId() const;
   const std::string& path() const;
+  // Where "answer" gives its answers and "status" finds the open question;
+  // without it a run's questions are answered only where they are shown.
+  void setAnswers(AnswerRelay* relay);
 
   class Impl;
 

@@ -26,10 +26,15 @@ namespace tavrix {
 CtlCommand::CtlCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "ctl",
+<<<<<<< HEAD
       "Control a run of this user on this machine: ctl list [--interrupted] | ctl discard RUN | "
       "ctl RUN "
       "status|pause|resume|step|"
       "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|events");
+=======
+      "Control a run of this user on this machine: ctl list | ctl RUN status|pause|resume|step|"
+      "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|answer CAPTION|events");
+>>>>>>> main
   command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
       ->required();
   command_->allow_extras();
@@ -205,7 +210,7 @@ int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, s
   if (words.size() < 2) {
     std::fprintf(err,
                  "tavrix-cli ctl: give 'list', or a run and a command: status, pause, resume, "
-                 "step, skip, stop, break, watch, events\n");
+                 "step, skip, stop, break, watch, answer, events\n");
     return kExitUsage;
   }
   const std::string& run = words[0];

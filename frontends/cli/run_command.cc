@@ -30,6 +30,7 @@
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
+#include "answer_relay.h"
 #include "shell_session.h"
 #include "resultsdb/results_feed.h"
 #include "run_control.h"
@@ -311,7 +312,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   EngineConfig config;
   config.clock = std::move(clock);
   config.files = std::move(files);
-  config.op = takeKeys ? static_cast<Operator*>(&keys) : &view;
+  // Questions may also be answered through the control socket.
+  AnswerRelay answers(takeKeys ? static_cast<Operator&>(keys) : view);
+  config.op = &answers;
   config.resultsStore = EngineConfig::ResultsStore{
       options.resultsStore.value_or(settings.resultsStore),
       options.station.value_or(settings.station),
@@ -432,6 +435,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
+  control.setAnswers(answers);
   if (options.controlSocket)
     control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
   if (takeKeys) control.takeKeys(keys, in, view);

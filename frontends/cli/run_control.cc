@@ -56,11 +56,19 @@ void RunControl::openSocket(const std::string& sequence) {
   std::string error;
   socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(), sequence,
                                 engine_.clock().now(), &error);
+  if (socket_ && answers_ != nullptr) socket_->setAnswers(answers_);
   if (!socket_)
     std::fprintf(err_, "tavrix-cli: warning: no control socket (the run goes on): %s\n",
                  error.c_str());
 #else
   (void)sequence;
+#endif
+}
+
+void RunControl::setAnswers(AnswerRelay& relay) {
+  answers_ = &relay;
+#ifndef _WIN32
+  if (socket_) socket_->setAnswers(&relay);
 #endif
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_relay.h"
 #include "engine/breakpoints.h"
 #include "engine/engine.h"
 
@@ -32,6 +33,9 @@ class RunControl {
   // a socket that cannot be made is told to `err` and the run goes on.
   void openSocket(const std::string& sequence);
 
+  // Questions may be answered through the socket (ctl RUN answer CAPTION).
+  void setAnswers(AnswerRelay& relay);
+
   // Reads keys from the terminal `in` until the run control goes.
   void takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view);
 
@@ -47,6 +51,7 @@ class RunControl {
   RunEventBus::Subscription holds_;
   TerminalKeys* keys_ = nullptr;
   TerminalView* view_ = nullptr;
+  AnswerRelay* answers_ = nullptr;
 };
 
 }  // namespace tavrix

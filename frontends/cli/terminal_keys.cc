@@ -67,7 +67,8 @@ void TerminalKeys::start(std::FILE* in, Engine& engine, Breakpoints& breakpoints
 
 void TerminalKeys::stop() {
   events_.reset();
-  if (refresh_) refresh_->setEnabled(false);
+  // The timer goes now, while its engine is there: the keys outlive it.
+  refresh_.reset();
   {
     std::lock_guard guard(mutex_);
     stopping_ = true;
