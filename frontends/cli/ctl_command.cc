@@ -26,15 +26,9 @@ namespace tavrix {
 CtlCommand::CtlCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "ctl",
-<<<<<<< HEAD
       "Control a run of this user on this machine: ctl list [--interrupted] | ctl discard RUN | "
-      "ctl RUN "
-      "status|pause|resume|step|"
-      "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|events");
-=======
-      "Control a run of this user on this machine: ctl list | ctl RUN status|pause|resume|step|"
-      "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|answer CAPTION|events");
->>>>>>> main
+      "ctl RUN status|pause|resume|step|skip|stop|break [SPEC|if CONDITION|clear ID|list]|"
+      "watch CH...|answer CAPTION|events");
   command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
       ->required();
   command_->allow_extras();
