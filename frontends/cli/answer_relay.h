@@ -31,6 +31,10 @@ class AnswerRelay : public Operator {
   void ask(const Question& question, std::function<void(Answer)> answered) override;
   void closeQuestion() override;
   std::string unansweredReason() const override { return inner_.unansweredReason(); }
+  std::string answersUsed() const override { return inner_.answersUsed(); }
+  bool restoreAnswersUsed(std::string_view used) override {
+    return inner_.restoreAnswersUsed(used);
+  }
   bool mayAskAgain(const Question& question, std::string_view why) override {
     return inner_.mayAskAgain(question, why);
   }

@@ -69,4 +69,14 @@ const AnswersFile::Line* AnswersFile::take(std::string_view kind) {
   return nullptr;
 }
 
+bool AnswersFile::markUsed(int number) {
+  for (auto& line : lines_) {
+    if (line.number == number && !line.every) {
+      line.used = true;
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace tavrix

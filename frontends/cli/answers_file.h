@@ -38,6 +38,8 @@ class AnswersFile {
   const Line* take(std::string_view kind);
 
   const std::vector<Line>& lines() const { return lines_; }
+  // Marks the line with that number used; false when there is none.
+  bool markUsed(int number);
 
  private:
   std::vector<Line> lines_;

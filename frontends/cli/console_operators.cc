@@ -82,6 +82,30 @@ void ScriptedOperator::ask(const Question& question, std::function<void(Answer)>
   answered(button);
 }
 
+std::string ScriptedOperator::answersUsed() const {
+  std::string used;
+  for (const auto& line : answers_.lines()) {
+    if (!line.used) continue;
+    if (!used.empty()) used += ",";
+    used += std::to_string(line.number);
+  }
+  return used;
+}
+
+bool ScriptedOperator::restoreAnswersUsed(std::string_view used) {
+  size_t at = 0;
+  while (at < used.size()) {
+    size_t comma = used.find(',', at);
+    if (comma == std::string_view::npos) comma = used.size();
+    const std::string number(used.substr(at, comma - at));
+    char* end = nullptr;
+    const long n = std::strtol(number.c_str(), &end, 10);
+    if (number.empty() || *end != '\0' || !answers_.markUsed(static_cast<int>(n))) return false;
+    at = comma + 1;
+  }
+  return true;
+}
+
 bool ScriptedOperator::mayAskAgain(const Question& question, std::string_view why) {
   if (!last_ || !last_->every || lastKind_ != question.kind) return true;
   reason_ = "line " + std::to_string(last_->number) + " of the answers file answers \"" +

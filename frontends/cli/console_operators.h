@@ -32,6 +32,9 @@ class ScriptedOperator : public Operator {
   // it, or that it sends round again, would loop for ever.
   bool mayAskAgain(const Question& question, std::string_view why) override;
   void showMessage(std::string_view title, std::string_view text) override;
+  // The numbers of the lines used, comma separated.
+  std::string answersUsed() const override;
+  bool restoreAnswersUsed(std::string_view used) override;
 
  private:
   AnswersFile answers_;

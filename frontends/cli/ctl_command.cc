@@ -6,8 +6,11 @@
 #include <cstring>
 #include <filesystem>
 
+#include "common/civil_time.h"
+#include "common/file_system.h"
 #include "common/paths.h"
 #include "control_protocol.h"
+#include "engine/run_checkpoints.h"
 #include "run_command.h"
 #ifndef _WIN32
 #include <sys/socket.h>
@@ -23,8 +26,9 @@ namespace tavrix {
 CtlCommand::CtlCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "ctl",
-      "Control a run of this user on this machine: ctl list | ctl RUN status|pause|resume|step|"
-      "skip|stop|break [SPEC|if CONDITION|clear ID|list]|watch CH...|answer CAPTION|events");
+      "Control a run of this user on this machine: ctl list [--interrupted] | ctl discard RUN | "
+      "ctl RUN status|pause|resume|step|skip|stop|break [SPEC|if CONDITION|clear ID|list]|"
+      "watch CH...|answer CAPTION|events");
   command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
       ->required();
   command_->allow_extras();
@@ -34,7 +38,46 @@ std::optional<int> CtlCommand::run(std::FILE* out, std::FILE* err) {
   if (!command_->parsed()) return std::nullopt;
   std::vector<std::string> words = words_;
   for (const std::string& extra : command_->remaining()) words.push_back(extra);
+  if (words.size() == 2 && words[0] == "list" && words[1] == "--interrupted") {
+    const LocalFileSystem files(defaultDataRoot());
+    return ListInterrupted(files, out);
+  }
+  if (words.size() == 2 && words[0] == "discard") {
+    LocalFileSystem files(defaultDataRoot());
+    return DiscardInterrupted(files, words[1], out, err);
+  }
   return RunCtl(defaultDataRoot(), words, out, err);
+}
+
+int DiscardInterrupted(FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err) {
+  InterruptedRun found;
+  std::string error;
+  if (!FindInterruptedRun(files, run, found, &error) ||
+      !DiscardCheckpoint(files, found.path, SystemClock().now(), &error)) {
+    std::fprintf(err, "tavrix-cli ctl: %s\n", error.c_str());
+    return kExitSequenceError;
+  }
+  std::fprintf(out, "discarded %s: kept in %s for a week\n", found.name.c_str(),
+               DiscardedFolder(files).c_str());
+  return kExitOk;
+}
+
+int ListInterrupted(const FileSystem& files, std::FILE* out) {
+  const auto runs = ListInterruptedRuns(files);
+  if (runs.empty()) {
+    std::fprintf(out, "no interrupted run\n");
+    return kExitOk;
+  }
+  std::fprintf(out, "RUN\tCHECKPOINT\tSEQUENCE\tLINE\tUUT\n");
+  for (const auto& run : runs) {
+    if (!run.problem.empty()) {
+      std::fprintf(out, "%s\tunusable: %s\n", run.name.c_str(), run.problem.c_str());
+      continue;
+    }
+    std::fprintf(out, "%s\t%s\t%s\t%d\t%s\n", run.name.c_str(), isoDateTime(run.taken).c_str(),
+                 run.file.c_str(), run.line, run.serial.empty() ? "-" : run.serial.c_str());
+  }
+  return kExitOk;
 }
 
 #ifdef _WIN32

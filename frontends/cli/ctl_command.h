@@ -25,6 +25,16 @@ class CtlCommand {
   std::vector<std::string> words_;
 };
 
+class FileSystem;
+
+// `ctl list --interrupted`: the runs that ended abruptly and can go on
+// (tavrix-cli run --resume RUN), newest first, and the checkpoints that
+// cannot be used, with the reason.
+int ListInterrupted(const FileSystem& files, std::FILE* out);
+// `ctl discard RUN`: the run's checkpoint goes to runs/discarded/, where it
+// is kept for a week.
+int DiscardInterrupted(FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err);
+
 // `ctl list` and `ctl RUN COMMAND ARGS...` with the runs of `dataRoot`.
 int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, std::FILE* out,
            std::FILE* err);

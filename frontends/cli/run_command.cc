@@ -15,8 +15,11 @@
 #include "common/civil_time.h"
 #include "common/file_system.h"
 #include "common/paths.h"
+#include "console_operators.h"
 #include "crypt_commands.h"
+#include "ctl_command.h"
 #include "engine/engine.h"
+#include "engine/run_checkpoints.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/iomap/map_link.h"
 #include "instrument/link/instrument.h"
@@ -26,18 +29,16 @@
 #include "platform/companion_programs.h"
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
-#include "ctl_command.h"
 #include "results_commands.h"
 #include "answer_relay.h"
 #include "serve_command.h"
-#include "run_control.h"
 #include "shell_session.h"
-#include "terminal_keys.h"
 #include "resultsdb/results_feed.h"
-#include "console_operators.h"
+#include "run_control.h"
 #include "sequencer/sequence_file.h"
 #include "simulated_devices.h"
 #include "station_run.h"
+#include "terminal_keys.h"
 #include "terminal_view.h"
 
 namespace tavrix {
@@ -94,9 +95,14 @@ class RunLimits {
       });
       stopTimer_->setEnabled(true);
     }
-    seq.addLineHook([this](int16_t line) { lineDispatched(line); });
+    // The hook stays with the sequencer after this goes (a safe-state run
+    // follows): it then does nothing.
+    seq.addLineHook([this, alive = alive_](int16_t line) {
+      if (*alive) lineDispatched(line);
+    });
   }
   ~RunLimits() {
+    *alive_ = false;
     if (stopTimer_) stopTimer_->setEnabled(false);
   }
 
@@ -138,6 +144,7 @@ class RunLimits {
   }
 
   Engine& engine_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   std::optional<int64_t> maxLines_;
   int64_t loopWarningLines_;
   std::FILE* err_;
@@ -209,9 +216,25 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   // before the results are written.
   StopRelay stopRelay;
   const platform::StopRequests stopRequests([&stopRelay](int) { stopRelay.request(); });
+  // The run to go on with: found, and its checkpoint read, before anything
+  // else, so that a checkpoint that cannot be used is told at once and left
+  // as it is.
+  InterruptedRun interrupted;
+  if (options.resume) {
+    const LocalFileSystem probe(defaultDataRoot());
+    std::string problem;
+    nlohmann::json checkpoint;
+    if (!FindInterruptedRun(probe, options.resumeRun, interrupted, &problem) ||
+        !ReadCheckpoint(probe, interrupted.path, checkpoint, &problem)) {
+      std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
+      return kExitUsage;
+    }
+    interrupted.taken = checkpoint.value("taken", Micros{0});
+  }
   std::unique_ptr<Clock> clock;
   if (options.virtualTime) {
-    Micros start = SystemClock().now();
+    // A resumed run's virtual clock goes on from its checkpoint.
+    Micros start = options.resume ? interrupted.taken : SystemClock().now();
     if (options.start) {
       const auto parsed = parseDateTime(*options.start);
       if (!parsed) {
@@ -358,31 +381,56 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
 
+  // Every run keeps a checkpoint in the data root, which goes when it ends
+  // (not the shell's, whose lines come from its input).
+  if (!options.shell) engine.keepCheckpoints();
   // The shell's run goes round a sequence of its own, kept in a folder of
   // its own for as long as the shell runs.
   std::optional<ScratchFolder> shellFolder;
   std::string sequence = options.sequence;
-  if (options.shell) {
-    shellFolder.emplace();
-    sequence = shellFolder->file("shell.wts");
-    if (!localFiles().writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
+  std::optional<ShellSession> shell;
+  if (options.resume) {
+    ResumeReport report;
+    if (!engine.prepareResume(interrupted.path, options.force, &report, &error)) {
       std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
       return kExitUsage;
     }
-  }
-  if (!seq.prepareFile(sequence, &error)) {
-    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
-  }
-  std::optional<ShellSession> shell;
-  if (options.shell) {
-    shell.emplace(engine, in, out, TerminalView::IsTerminal(in),
-                  join(engine.files().dataRoot(), "shell-history"));
-    shell->attach();
-  }
-  if (seq.sequenceHasBareLineFeeds()) {
-    std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
-                 std::string(kBareLineFeedWarning).c_str());
+    if (report.safeStateRan) {
+      std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
+                   engine.safeStateSequence().c_str());
+    }
+    if (report.sequenceChanged) {
+      std::fprintf(err, "tavrix-cli: warning: the sequence file changed since the checkpoint\n");
+    }
+    for (const auto& warning : report.warnings)
+      std::fprintf(err, "tavrix-cli: warning: %s\n", warning.c_str());
+    std::fprintf(err,
+                 "tavrix-cli: resuming run %s of %s after line %d%s%s: checkpoint of %s, gap %s\n",
+                 report.run.c_str(), report.sequence.c_str(), report.line,
+                 report.serial.empty() ? "" : ", UUT ", report.serial.c_str(),
+                 isoDateTime(report.taken).c_str(), GapText(report.gap).c_str());
+  } else {
+    if (options.shell) {
+      shellFolder.emplace();
+      sequence = shellFolder->file("shell.wts");
+      if (!localFiles().writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
+        std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+        return kExitUsage;
+      }
+    }
+    if (!seq.prepareFile(sequence, &error)) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+      return kExitUsage;
+    }
+    if (options.shell) {
+      shell.emplace(engine, in, out, TerminalView::IsTerminal(in),
+                    join(engine.files().dataRoot(), "shell-history"));
+      shell->attach();
+    }
+    if (seq.sequenceHasBareLineFeeds()) {
+      std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
+                   std::string(kBareLineFeedWarning).c_str());
+    }
   }
 
   // Breakpoints and the control socket.
@@ -392,7 +440,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     return kExitUsage;
   }
   control.setAnswers(answers);
-  if (options.controlSocket) control.openSocket(options.sequence);
+  if (options.controlSocket)
+    control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
   if (takeKeys) control.takeKeys(keys, in, view);
 
   // The results store: records wait in a journal in the data root and are
@@ -408,7 +457,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
                      options.loopWarningLines, err);
     StopBridge stops(stopRelay, engine);
-    reason = engine.run();
+    reason = options.resume ? engine.runResumed() : engine.run();
     // In the shell a line that is a sequence error ends that run only: the
     // shell goes on with the next line, and ends with the status of the
     // first that failed.
@@ -416,6 +465,17 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     while (shell && reason == EndReason::kError && shell->wantsAnotherRun()) reason = engine.run();
     if (shell && first == EndReason::kError) reason = first;
     limit = limits.reached();
+  }
+  // After an abnormal end the rig is put in its safe state.
+  if (reason == EndReason::kAbort || reason == EndReason::kError || reason == EndReason::kUnload ||
+      reason == EndReason::kLimit) {
+    bool ran = false;
+    if (!engine.runSafeState(&ran, &error)) {
+      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    } else if (ran) {
+      std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
+                   engine.safeStateSequence().c_str());
+    }
   }
   size_t recordsLost = 0;
   if (ResultsFeed* feed = engine.resultsFeed()) {
@@ -582,11 +642,27 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                          "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
   runCommand->add_flag("!--no-control-socket", run.controlSocket,
                        "Open no control socket for tavrix-cli ctl");
+  CLI::Option* resumeOption =
+      runCommand
+          ->add_option("--resume", run.resumeRun,
+                       "Go on with an interrupted run (RUN: its name from 'tavrix-cli ctl list "
+                       "--interrupted'; the latest when left out) instead of starting SEQUENCE")
+          ->expected(0, 1);
+  runCommand->add_flag(
+      "--force", run.force,
+      "With --resume: go on although the sequence file changed since the checkpoint");
+  // SEQUENCE is wanted unless a run goes on (which is told before the
+  // parse, so that options taking several values leave SEQUENCE alone).
+  const bool resuming = std::any_of(args.begin(), args.end(), [](const std::string& arg) {
+    return arg == "--resume" || arg.rfind("--resume=", 0) == 0;
+  });
   CLI::Option* sequence = runCommand->add_option(
-      "SEQUENCE", run.sequence, "The sequence file (with a station file: every socket's sequence)");
-  // Required unless a station file names the sockets' sequences. Required, a
-  // positional is kept from the repeatable options before it (--break 1 FILE).
-  if (!NamesStationFileIn(args)) sequence->required();
+      "SEQUENCE", run.sequence,
+      "The sequence file (with a station file: every socket's sequence; not with --resume)");
+  // Required unless a station file names the sockets' sequences or a run
+  // goes on. Required, a positional is kept from the repeatable options
+  // before it (--break 1 FILE).
+  if (!NamesStationFileIn(args) && !resuming) sequence->required();
 
   RunOptions shell;
   shell.shell = true;
@@ -671,7 +747,19 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
     std::fprintf(err, "tavrix-cli: %s\nRun 'tavrix-cli --help' for usage.\n", e.what());
     return kExitUsage;
   }
-  if (runCommand->parsed()) return RunSequence(run, in, out, err);
+  if (runCommand->parsed()) {
+    run.resume = resumeOption->count() > 0;
+    if (run.resume == !run.sequence.empty()) {
+      std::fprintf(err, "tavrix-cli: run wants %s\nRun 'tavrix-cli --help' for usage.\n",
+                   run.resume ? "either --resume or a SEQUENCE, not both" : "a SEQUENCE");
+      return kExitUsage;
+    }
+    if (run.force && !run.resume) {
+      std::fprintf(err, "tavrix-cli: --force goes with --resume\n");
+      return kExitUsage;
+    }
+    return RunSequence(run, in, out, err);
+  }
   if (shellCommand->parsed()) return RunSequence(shell, in, out, err);
   if (auto status = cryptCommands.run(in, out, err)) return *status;
   if (auto status = resultsCommands.run(out, err)) return *status;

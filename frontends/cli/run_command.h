@@ -66,6 +66,11 @@ struct RunOptions {
   std::vector<std::string> breakIfs;
   // The control socket in the data root's runs/ folder (on by default).
   bool controlSocket = true;
+  // Go on with an interrupted run (its name; empty: the latest) instead of
+  // starting SEQUENCE; `force` goes on although its sequence file changed.
+  bool resume = false;
+  std::string resumeRun;
+  bool force = false;
   // `tavrix-cli shell`: the lines come from the input, one at a time, in
   // place of a sequence file (frontends/cli/shell_session.h).
   bool shell = false;

@@ -46,6 +46,10 @@ class TerminalKeys : public Operator {
     return inner_.mayAskAgain(question, why);
   }
   std::string unansweredReason() const override { return inner_.unansweredReason(); }
+  std::string answersUsed() const override { return inner_.answersUsed(); }
+  bool restoreAnswersUsed(std::string_view used) override {
+    return inner_.restoreAnswersUsed(used);
+  }
   bool isPerson() const override { return inner_.isPerson(); }
   void showMessage(std::string_view title, std::string_view text) override {
     inner_.showMessage(title, text);

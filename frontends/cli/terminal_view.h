@@ -56,6 +56,10 @@ class TerminalView : public Operator {
     return inner_.mayAskAgain(question, why);
   }
   std::string unansweredReason() const override { return inner_.unansweredReason(); }
+  std::string answersUsed() const override { return inner_.answersUsed(); }
+  bool restoreAnswersUsed(std::string_view used) override {
+    return inner_.restoreAnswersUsed(used);
+  }
   bool isPerson() const override { return inner_.isPerson(); }
   void showMessage(std::string_view title, std::string_view text) override;
   std::optional<std::string> chooseFile(const FileChoice& choice) override {

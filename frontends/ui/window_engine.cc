@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "engine/run_checkpoints.h"
 #include "instrument/backends/link_backends.h"
 #include "platform/companion_programs.h"
 
@@ -47,6 +48,8 @@ std::unique_ptr<Engine> MakeWindowEngine(Operator& op, const std::string& dataRo
   }
   std::string error;
   if (!engine->feedResultsStore(&error)) report("results store: " + error);
+  // Every run keeps a checkpoint in the data root until it ends.
+  engine->keepCheckpoints();
   if (engine->instrument() != nullptr) engine->instrument()->ensureOpen();
   return engine;
 }

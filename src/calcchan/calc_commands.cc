@@ -1,5 +1,7 @@
 #include "calcchan/calc_commands.h"
 
+#include <nlohmann/json.hpp>
+
 #include "calcchan/evaluation.h"
 #include "common/text_conventions.h"
 #include "sequencer/sequencer.h"
@@ -31,6 +33,11 @@ void RegisterCalcChannelCommands(Sequencer& sequencer, CalcChannels& calc) {
   d.bind(kCcStart, [&calc](Sequencer&, const CommandLine&) { calc.start(); });
   d.bind(kCcPause, [&calc](Sequencer&, const CommandLine&) { calc.pause(); });
   d.bind(kCcChangeLoggers, [&calc](Sequencer&, const CommandLine&) { calc.changeLoggers(); });
+  sequencer.addStatePart(
+      "calculatedChannels", [&calc](nlohmann::json& part) { calc.saveState(part); },
+      [&calc](const nlohmann::json& part, std::string* error) {
+        return calc.restoreState(part, error);
+      });
 }
 
 }  // namespace tavrix

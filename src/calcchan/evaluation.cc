@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "calcchan/setup_file.h"
 #include "calcchan/summary_files.h"
@@ -79,13 +80,17 @@ bool CalcChannels::load(std::string_view fileSpec) {
   if (!LoadCalcChannelSetup(fileSpec, state_, ports_, events_.now())) return false;
   timer_.setEnabled(false);
   analyser_.clear();
+  setupSpec_ = fileSpec;
   const std::string local = ports_.resolvePath ? ports_.resolvePath(fileSpec) : std::string(fileSpec);
   analyser_.setWaveformFolder(ports_.fileSystem(), local.find('/') == std::string::npos ? std::string(".") : parentFolder(local));
   lastPassTime_ = state_.loadDate;
   return true;
 }
 
-void CalcChannels::start() { timer_.setEnabled(true); }
+void CalcChannels::start() {
+  if (!timer_.enabled()) lastTickAt_ = events_.now();
+  timer_.setEnabled(true);
+}
 
 void CalcChannels::pause() { timer_.setEnabled(false); }
 
@@ -103,10 +108,12 @@ void CalcChannels::changeLoggers() {
     if (row.type == calc_type::kReport) row.flags = 0;
   }
   lastPassTime_ = now;
+  lastTickAt_ = now;
   timer_.setEnabled(true);
 }
 
 void CalcChannels::tick() {
+  lastTickAt_ = events_.now();
   --state_.ticksRemaining;
   if (state_.ticksRemaining < 1) {
     state_.ticksRemaining = state_.evaluationTickCount;
@@ -497,6 +504,103 @@ void CalcChannels::switchRow(CalcChannel& row, RowPlan& plan, bool high) {
   const double x = leadingNumber(reading);
   const double limit = plan.param1;
   publish(plan.resultRef, row.newName, (high ? x > limit : x < limit) ? "0" : "1");
+}
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+void CalcChannels::saveState(nlohmann::json& part) const {
+  using nlohmann::json;
+  const CalcState& s = state_;
+  json rows = json::array();
+  for (const auto& r : s.table) {
+    rows.push_back({r.type, r.source, r.newName, r.param1, r.param2, r.counter, r.armed, r.total,
+                    r.periodResult, r.dueTime, r.flags, r.passes});
+  }
+  part["table"] = std::move(rows);
+  json days = json::array();
+  for (const auto& d : s.dayList) days.push_back({d.value, d.epoch, d.channel});
+  part["dayList"] = std::move(days);
+  part["summary"] = {s.summaryPrefix, s.summaryFolderA, s.summaryFolderB};
+  part["dailyTrackingWanted"] = s.dailyTrackingWanted;
+  part["loadDate"] = s.loadDate;
+  part["firstPassPending"] = s.firstPassPending;
+  part["setupLoaded"] = s.setupLoaded;
+  part["loadStarted"] = s.loadStarted;
+  part["evaluationTickCount"] = s.evaluationTickCount;
+  part["ticksRemaining"] = s.ticksRemaining;
+  part["passTime"] = s.passTime;
+  part["logger"] = {s.loggerChanging, s.loggerState1, s.loggerState2, s.loggingSwitch};
+  part["lastPassTime"] = lastPassTime_;
+  part["timer"] = timer_.enabled();
+  part["lastTick"] = lastTickAt_;
+  part["setup"] = setupSpec_;
+}
+
+bool CalcChannels::restoreState(const nlohmann::json& part, std::string*) {
+  CalcState s;
+  s.table.clear();
+  for (const auto& r : part.at("table")) {
+    CalcChannel row;
+    row.type = r.at(0).get<std::string>();
+    row.source = r.at(1).get<std::string>();
+    row.newName = r.at(2).get<std::string>();
+    row.param1 = r.at(3).get<std::string>();
+    row.param2 = r.at(4).get<std::string>();
+    row.counter = r.at(5).get<int16_t>();
+    row.armed = r.at(6).get<bool>();
+    row.total = r.at(7).get<double>();
+    row.periodResult = r.at(8).get<double>();
+    row.dueTime = r.at(9).get<Micros>();
+    row.flags = r.at(10).get<int16_t>();
+    row.passes = r.at(11).get<int32_t>();
+    s.table.push_back(std::move(row));
+  }
+  if (s.table.empty()) s.table.resize(1);
+  for (const auto& d : part.at("dayList"))
+    s.dayList.push_back({d.at(0).get<float>(), d.at(1).get<int16_t>(), d.at(2).get<std::string>()});
+  const auto& summary = part.at("summary");
+  s.summaryPrefix = summary.at(0).get<std::string>();
+  s.summaryFolderA = summary.at(1).get<std::string>();
+  s.summaryFolderB = summary.at(2).get<std::string>();
+  s.dailyTrackingWanted = part.at("dailyTrackingWanted").get<bool>();
+  s.loadDate = part.at("loadDate").get<Micros>();
+  s.firstPassPending = part.at("firstPassPending").get<bool>();
+  s.setupLoaded = part.at("setupLoaded").get<bool>();
+  s.loadStarted = part.at("loadStarted").get<bool>();
+  s.evaluationTickCount = part.at("evaluationTickCount").get<int16_t>();
+  s.ticksRemaining = part.at("ticksRemaining").get<int16_t>();
+  s.passTime = part.at("passTime").get<Micros>();
+  const auto& logger = part.at("logger");
+  s.loggerChanging = logger.at(0).get<bool>();
+  s.loggerState1 = logger.at(1).get<int16_t>();
+  s.loggerState2 = logger.at(2).get<int16_t>();
+  s.loggingSwitch = logger.at(3).get<int>();
+  const Micros lastPass = part.at("lastPassTime").get<Micros>();
+  const bool running = part.at("timer").get<bool>();
+  const Micros lastTick = part.at("lastTick").get<Micros>();
+
+  state_ = std::move(s);
+  setupSpec_ = part.at("setup").get<std::string>();
+  if (!setupSpec_.empty()) {
+    const std::string local = ports_.resolvePath ? ports_.resolvePath(setupSpec_) : setupSpec_;
+    analyser_.clear();
+    analyser_.setWaveformFolder(ports_.fileSystem(), local.find('/') == std::string::npos
+                                                         ? std::string(".")
+                                                         : parentFolder(local));
+  }
+  lastPassTime_ = lastPass;
+  lastTickAt_ = lastTick;
+  plan_.clear();  // made again, with the channels looked up afresh, at the next pass
+  analyseName_ = state_.summaryPrefix + std::string(kAnalyseSuffix);
+  analyseRef_ = ChannelRef{};
+  timer_.setEnabled(false);
+  if (running) {
+    timer_.setEnabled(true);
+    timer_.setDue(lastTick + kCalcTimerInterval);
+  }
+  return true;
 }
 
 }  // namespace tavrix

@@ -5,6 +5,7 @@
 // writes it, as text, to the channel named NewName.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +64,13 @@ class CalcChannels {
   // benchmark).
   void tick();
   void runPass();
+
+  // The table with its counters, sums and due times, the day list, the
+  // logger switch and the evaluation timer, for a run that goes on later.
+  // A restored timer that was due long ago ticks once, as after any long
+  // pause: a period that ended in the gap is completed once.
+  void saveState(nlohmann::json& part) const;
+  bool restoreState(const nlohmann::json& part, std::string* error);
 
  private:
   // What a row's texts say, found once for the table as loaded (every load
@@ -131,6 +139,10 @@ class CalcChannels {
   Analyser analyser_;
   Timer timer_;
   Micros lastPassTime_ = 0;
+  // The evaluation timer's last tick (or when it was started): its next
+  // tick is one interval later.
+  Micros lastTickAt_ = 0;
+  std::string setupSpec_;  // the setup file loaded last, as the sequence named it
   std::string macroLine_;
   std::vector<RowPlan> plan_;
   std::string analyseName_;  // <prefix>_ANALYSE

@@ -87,10 +87,29 @@ std::unique_ptr<AtomicFile> WatchedFileSystem::rewrite(const std::string& path, 
 
 bool WatchedFileSystem::append(const std::string& path, std::string_view bytes, std::string* error) {
   std::string why;
+  bool first = false;
+  {
+    std::lock_guard guard(mutex_);
+    if (appended_.find(path) == appended_.end()) {
+      appended_.insert(path);
+      first = true;
+    }
+  }
+  if (first && beforeFirstAppend_) beforeFirstAppend_(path);
   if (inner_.append(path, bytes, &why)) return true;
   recordLoss(path, why);
   if (error) *error = why;
   return false;
+}
+
+std::vector<std::string> WatchedFileSystem::appendedFiles() const {
+  std::lock_guard guard(mutex_);
+  return {appended_.begin(), appended_.end()};
+}
+
+void WatchedFileSystem::clearAppended() {
+  std::lock_guard guard(mutex_);
+  appended_.clear();
 }
 
 bool WatchedFileSystem::createPrivate(const std::string& path, std::string* error) {

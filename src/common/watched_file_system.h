@@ -6,6 +6,8 @@
 
 #include <functional>
 #include <mutex>
+#include <set>
+#include <vector>
 
 #include "common/file_system.h"
 
@@ -51,6 +53,15 @@ class WatchedFileSystem final : public FileSystem {
   bool remove(const std::string& path, std::string* error) override { return inner_.remove(path, error); }
   std::unique_ptr<FileLock> lock(const std::string& path, std::string* error) override;
 
+  // The files appended to since the last clearAppended(), in name order: a
+  // run that goes on from a checkpoint cuts them back to their length then.
+  std::vector<std::string> appendedFiles() const;
+  void clearAppended();
+  // Called on the appending thread before the first append to a file since
+  // the last clearAppended(), with the file's path.
+  void beforeFirstAppend(std::function<void(const std::string&)> hook) {
+    beforeFirstAppend_ = std::move(hook);
+  }
   // Records a failed write of `path` (also used by the wrappers).
   void recordLoss(const std::string& path, const std::string& error);
 
@@ -58,6 +69,8 @@ class WatchedFileSystem final : public FileSystem {
   FileSystem& inner_;
   mutable std::mutex mutex_;
   std::vector<Loss> losses_;
+  std::set<std::string, std::less<>> appended_;
+  std::function<void(const std::string&)> beforeFirstAppend_;
   std::function<void(const Loss&)> onFirstLoss_;
 };
 

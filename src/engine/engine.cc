@@ -2,6 +2,7 @@
 
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
+#include "engine/run_checkpoints.h"
 #include "indexing/indexing_commands.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/outputs/output_commands.h"
@@ -53,7 +54,8 @@ Engine::Engine(EngineConfig& config)
       trace_(*clock_),
       companion_(&trace_),
       sequencer_(events_, *config.op, trace_, files_, paths_),
-      testDatabase_(sequencer_, paths_) {
+      testDatabase_(sequencer_, paths_),
+      safeState_(config.settings.safeStateSequence) {
   RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
@@ -86,10 +88,38 @@ void Engine::post(std::function<void(Engine&)> task) {
 }
 
 void Engine::start() {
-  post([](Engine& e) { e.sequencer_.start(); });
+  post([](Engine& e) {
+    const bool fresh = !e.sequencer_.flags().running;
+    e.sequencer_.start();
+    if (fresh) e.makeSafeAfterAbnormalEnd();
+  });
 }
 void Engine::startStepping() {
-  post([](Engine& e) { e.sequencer_.startStepping(); });
+  post([](Engine& e) {
+    const bool fresh = !e.sequencer_.flags().running;
+    e.sequencer_.startStepping();
+    if (fresh) e.makeSafeAfterAbnormalEnd();
+  });
+}
+
+void Engine::makeSafeAfterAbnormalEnd() {
+  const EndReason reason = sequencer_.endReason();
+  if (safeState_.empty() || reason == EndReason::kEndOfFile || reason == EndReason::kStop ||
+      reason == EndReason::kNone)
+    return;
+  const std::string file = sequencer_.preparedFileName();
+  bool ran = false;
+  std::string error;
+  const bool safe = runSafeState(&ran, &error);
+  // The run's own file is the one prepared again for the next Run.
+  std::string problem;
+  if (!file.empty()) sequencer_.prepareFile(file, &problem);
+  if (!safe) {
+    sequencer_.showMessage(error);
+  } else if (ran) {
+    sequencer_.showMessage("The run ended (" + std::string(EndReasonName(reason)) +
+                           "): the safe-state sequence " + safeState_ + " ran");
+  }
 }
 void Engine::stop() {
   post([](Engine& e) { e.sequencer_.stop(); });

@@ -34,7 +34,24 @@
 namespace tavrix {
 
 class ResultsFeed;
+class RunCheckpoints;
 
+// What a resume found and did, for the front end to tell.
+struct ResumeReport {
+  std::string run;       // the run's name
+  std::string sequence;  // the sequence file it was started with
+  int line = 0;          // the line it goes on after
+  std::string serial;    // the UUT in progress, empty when none
+  Micros taken = 0;      // the run clock when the checkpoint was taken
+  Micros resumedAt = 0;  // ... and when the run went on
+  Micros gap = 0;
+  bool safeStateRan = false;
+  bool sequenceChanged = false;       // went on with --force over a changed file
+  std::vector<std::string> warnings;  // outputs that could not be written again
+};
+
+// "2 h 05 min 03 s" for a gap.
+std::string GapText(Micros gap);
 class Engine {
  public:
   ~Engine();
@@ -110,6 +127,28 @@ class Engine {
   // Null unless a store is fed.
   ResultsFeed* resultsFeed() { return resultsFeed_.get(); }
 
+  // --- Checkpoints and resume (engine thread) ---------------------------------
+  // Keeps a checkpoint of every run from now on (data root, runs/).
+  RunCheckpoints& keepCheckpoints();
+  RunCheckpoints* checkpoints() { return checkpoints_.get(); }
+  // Gets ready to go on with the run of the checkpoint at `path`: checks
+  // that the sequence file is unchanged (unless `force`), runs the
+  // safe-state sequence, selects the run's setup again, writes the outputs
+  // the run had written, and restores the run state. False with a message
+  // when it cannot; the checkpoint is then left as it is. runResumed() goes
+  // on with the run.
+  bool prepareResume(const std::string& path, bool force, ResumeReport* report, std::string* error);
+  EndReason runResumed();
+  // Runs the safe-state sequence of the settings, if they name one; `ran`
+  // tells whether it did. False with a message when it cannot be run.
+  bool runSafeState(bool* ran, std::string* error);
+  const std::string& safeStateSequence() const { return safeState_; }
+  // After a run started by start() or startStepping() that ended abnormally
+  // (Stop, a sequence error): runs the safe-state sequence, says so to the
+  // operator, and prepares the run's file again. (tavrix-cli, which runs
+  // with run(), does the same itself.)
+  void makeSafeAfterAbnormalEnd();
+
   // A file specification as written in sequence files, as a local path: the
   // instrument settings' drive map, and for other drives "<data root>/<x>"
   // (see common/paths.h).
@@ -156,6 +195,8 @@ class Engine {
   InstrumentLoopCountOutput loopCountOutput_;
   std::unique_ptr<InstrumentChannelPort> calcChannelPort_;
   std::unique_ptr<CalcChannels> calc_;
+  std::string safeState_;
+  std::unique_ptr<RunCheckpoints> checkpoints_;
   // Last: it is unplugged from the test database before that goes.
   std::unique_ptr<ResultsFeed> resultsFeed_;
 };

@@ -10,6 +10,7 @@
 #include "sequencer/chain.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "common/text_conventions.h"
@@ -101,6 +102,20 @@ void RegisterChainCommands(Sequencer& seq) {
   d.bind(kReturn, [state](Sequencer& s, const CommandLine& c) { Return(*state, s, c); });
   seq.addPrepareHook([state] { state->stack.clear(); });
   seq.addStopHook([state] { state->stack.clear(); });
+  // Where each RETURN goes back to, for a run that goes on in a chained file.
+  seq.addStatePart(
+      "chain",
+      [state](nlohmann::json& part) {
+        auto stack = nlohmann::json::array();
+        for (const auto& at : state->stack) stack.push_back({at.file, at.line});
+        part["stack"] = std::move(stack);
+      },
+      [state](const nlohmann::json& part, std::string*) {
+        state->stack.clear();
+        for (const auto& at : part.at("stack"))
+          state->stack.push_back({at.at(0).get<std::string>(), at.at(1).get<int16_t>()});
+        return true;
+      });
 }
 
 }  // namespace tavrix

@@ -18,6 +18,7 @@
 
 #include <cmath>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "common/text_conventions.h"
 #include "sequencer/sequencer.h"
@@ -184,6 +185,20 @@ void RegisterDefineCommands(Sequencer& seq) {
   };
   seq.addPrepareHook(disarm);
   seq.addStopHook(disarm);
+  // The armed time-out and its target go on after a resume (its deadline is
+  // the sequencer's).
+  seq.addStatePart(
+      "timeout",
+      [state](nlohmann::json& part) {
+        part["armed"] = state->armed;
+        part["target"] = state->target;
+      },
+      [state](const nlohmann::json& part, std::string*) {
+        state->armed = part.at("armed").get<bool>();
+        state->target = part.at("target").get<std::string>();
+        state->depth = 0;
+        return true;
+      });
 }
 
 }  // namespace tavrix

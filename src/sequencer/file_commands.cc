@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "common/text_conventions.h"
@@ -155,6 +156,20 @@ void RegisterFileCommands(Sequencer& seq) {
   d.bind(kWait580, bind(Wait580));
   seq.addPrepareHook([state] { state->logged.clear(); });
   seq.addStopHook([state] { state->logged.clear(); });
+  // What LOGONCE has logged this run is logged no second time after a resume.
+  seq.addStatePart(
+      "logOnce",
+      [state](nlohmann::json& part) {
+        auto logged = nlohmann::json::array();
+        for (const auto& [file, text] : state->logged) logged.push_back({file, text});
+        part["logged"] = std::move(logged);
+      },
+      [state](const nlohmann::json& part, std::string*) {
+        state->logged.clear();
+        for (const auto& entry : part.at("logged"))
+          state->logged.insert({entry.at(0).get<std::string>(), entry.at(1).get<std::string>()});
+        return true;
+      });
 }
 
 }  // namespace tavrix

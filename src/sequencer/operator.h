@@ -61,6 +61,13 @@ class Operator {
   // answer would come again; unansweredReason() then says why.
   virtual bool mayAskAgain(const Question& /*question*/, std::string_view /*why*/) { return true; }
 
+  // Which scripted answers have been given, as a text that the same
+  // operator takes back when a run goes on after an abrupt end (empty: the
+  // operator keeps nothing of the kind).
+  virtual std::string answersUsed() const { return {}; }
+  // False when `used` does not fit this operator's answers.
+  virtual bool restoreAnswersUsed(std::string_view /*used*/) { return true; }
+
   // True when answers come from a person, so waiting for one must not let a
   // virtual clock race ahead.
   virtual bool isPerson() const { return false; }

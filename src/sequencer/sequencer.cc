@@ -1,6 +1,7 @@
 #include "sequencer/sequencer.h"
 
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "common/text_conventions.h"
 
@@ -122,6 +123,9 @@ void Sequencer::runLoop() {
   flags_.mustNotBeStopped = false;
   lineNumber_ = 0;
   if (!opened) reportSequenceError(error);
+  if (opened && resumeState_ && !applyResumeState(&error)) reportSequenceError(error);
+  resumeState_.reset();
+  for (auto& hook : runStartHooks_) hook();
 
   std::string line;
   bool fromCheck = false;  // the last command came from a between-lines check
@@ -142,7 +146,7 @@ void Sequencer::runLoop() {
     }
     fromCheck = false;
     if (!readNextLine(line)) break;
-    if (!flags_.stopRequested) dispatchLine(line);
+    if (!flags_.stopRequested) dispatchLine(line, true);
   }
   for (auto& hook : runEndHooks_) hook();
 
@@ -190,7 +194,7 @@ bool Sequencer::runBetweenLinesChecks() {
   return false;
 }
 
-void Sequencer::dispatchLine(std::string& line) {
+void Sequencer::dispatchLine(std::string& line, bool fromFile) {
   if (!line.empty() && line[0] == '\n') line.erase(0, 1);
   if (!line.empty() && line[0] == '\t') line.erase(0, 1);
   const size_t blanks = line.find_first_not_of(' ');
@@ -206,6 +210,11 @@ void Sequencer::dispatchLine(std::string& line) {
   }
   events_.processPendingEvents();
 
+  // Until it runs, a held line is run again by a run that goes on from here.
+  lineInProgress_ = fromFile;
+  lineFromFile_ = fromFile;
+  lineRerunnable_ = fromFile;
+  inTimedWait_ = false;
   if (flags_.singleStepMode) {
     RunEvent hold;
     hold.kind = RunEventKind::kHold;
@@ -226,13 +235,22 @@ void Sequencer::dispatchLine(std::string& line) {
     publish(RunEventKind::kRelease, releasedBy_);
     // A line held when Stop is pressed is not run: an output written after
     // the operator pressed Stop would endanger the rig and the person at it.
-    if (flags_.stopRequested) return;
+    if (flags_.stopRequested) {
+      lineInProgress_ = false;
+      return;
+    }
   }
 
   const CommandLine command = SplitCommandLine(line);
+  lineInProgress_ = true;
+  lineFromFile_ = fromFile;
+  lineRerunnable_ = false;
   events_.processPendingEvents();
   const int16_t number = lineNumber_;  // a jump moves it
   dispatcher_.run(*this, command);
+  resumedWaitLeft_.reset();
+  lineInProgress_ = false;
+  inTimedWait_ = false;
   for (auto& hook : lineHooks_) hook(number);
 }
 
@@ -354,6 +372,21 @@ bool Sequencer::mayClose() {
   // other answer, leaves the run going.
   const Answer answer = awaitAnswer(question, {}, {}).answer;
   return answer && *answer == "Yes";
+}
+
+void Sequencer::startResumed() {
+  if (flags_.running || fileName_.empty() || !resumeState_) return;
+  flags_.stopRequested = false;
+  const bool stepping = resumeState_->value("stepping", false);
+  RunEvent started;
+  started.kind = RunEventKind::kStarted;
+  started.text = fileName_;
+  started.flag = stepping;
+  publish(std::move(started));
+  setStatus(kStatusRunning);
+  flags_.singleStepMode = stepping;
+  flags_.singleStepHold = stepping;
+  runLoop();
 }
 
 void Sequencer::startAtNextSecond() {
@@ -603,6 +636,122 @@ void Sequencer::traceEvent(const RunEvent& event) {
     }
     default:
       break;
+  }
+}
+
+}  // namespace tavrix
+
+namespace tavrix {
+
+// --- The run state kept in a checkpoint -----------------------------------------
+
+void Sequencer::addStatePart(std::string name, StateSave save, StateRestore restore) {
+  stateParts_.push_back({std::move(name), std::move(save), std::move(restore)});
+}
+
+void Sequencer::enterTimedWait(Micros due) {
+  inTimedWait_ = lineInProgress_ && lineFromFile_;
+  timedWaitDue_ = due;
+  for (auto& hook : waitHooks_) hook();
+}
+
+void Sequencer::saveRunState(nlohmann::json& state) const {
+  using nlohmann::json;
+  const Micros now = events_.now();
+  // A line in progress that may be run again is read again: the file
+  // position is the line before it.
+  const bool again = lineInProgress_ && lineFromFile_ && (inTimedWait_ || lineRerunnable_);
+  state["file"] = fileName_;
+  state["prepared"] = preparedName_;
+  state["lines"] = again ? lineNumber_ - 1 : lineNumber_;
+  state["waitLeft"] = again && inTimedWait_ && timedWaitDue_ && *timedWaitDue_ != Clock::kNever
+                          ? json(std::max<Micros>(0, *timedWaitDue_ - now))
+                          : json(nullptr);
+  state["loopCount"] = loopCount_;
+  json defines = json::array();
+  for (const auto& entry : defines_) defines.push_back({entry.first, entry.second, entry.isChain});
+  state["defines"] = std::move(defines);
+  state["timeoutLeft"] = deadline_ ? json(*deadline_ - now) : json(nullptr);
+  state["timeoutSeconds"] = timeoutSeconds_;
+  state["timeoutExpired"] = flags_.timeoutExpired;
+  state["timeoutPending"] = flags_.timeoutPending;
+  state["jumpTarget"] = jumpTarget_;
+  state["jumpIsDefine"] = jumpTargetIsDefine_;
+  state["jumpPending"] = flags_.jumpPending && !flags_.stopRequested;
+  state["endRequested"] = flags_.endRequested;
+  state["endReason"] = static_cast<int>(endReason_);
+  state["stepping"] = flags_.singleStepMode;
+  state["errorDisplayOff"] = errorDisplayOff_;
+  state["mustNotBeStopped"] = flags_.mustNotBeStopped;
+  json parts = json::object();
+  for (const auto& part : stateParts_) {
+    json saved = json::object();
+    part.save(saved);
+    parts[part.name] = std::move(saved);
+  }
+  state["parts"] = std::move(parts);
+}
+
+bool Sequencer::restoreRunState(const nlohmann::json& state, std::string* error) {
+  try {
+    if (!state.is_object() || !state.contains("lines") || !state.contains("parts"))
+      throw std::runtime_error("the run state is incomplete");
+    const auto& parts = state.at("parts");
+    for (const auto& part : stateParts_) {
+      const auto found = parts.find(part.name);
+      if (found == parts.end()) continue;  // the subsystem was not in use
+      std::string problem;
+      if (!part.restore(*found, &problem)) {
+        if (error) *error = part.name + ": " + problem;
+        return false;
+      }
+    }
+    resumeState_ = std::make_unique<nlohmann::json>(state);
+    return true;
+  } catch (const std::exception& e) {
+    if (error) *error = std::string("the run state cannot be read: ") + e.what();
+    return false;
+  }
+}
+
+bool Sequencer::applyResumeState(std::string* error) {
+  try {
+    const nlohmann::json& state = *resumeState_;
+    const std::string file = state.at("file").get<std::string>();
+    const int lines = state.at("lines").get<int>();
+    if (lines < 0 || lines > INT16_MAX) throw std::runtime_error("a line number out of range");
+    if (!continueInFile(file, static_cast<int16_t>(lines), error)) return false;
+    if (lineNumber_ != lines) {
+      if (error) *error = "the file " + file + " is shorter than the line to go on at";
+      return false;
+    }
+    loopCount_ = state.at("loopCount").get<int32_t>();
+    defines_.clear();
+    for (const auto& entry : state.at("defines"))
+      defines_.push_back({entry.at(0).get<std::string>(), entry.at(1).get<std::string>(),
+                          entry.at(2).get<bool>()});
+    const auto& timeoutLeft = state.at("timeoutLeft");
+    if (!timeoutLeft.is_null()) setTimeoutDeadline(events_.now() + timeoutLeft.get<Micros>());
+    timeoutSeconds_ = state.value("timeoutSeconds", 0);
+    flags_.timeoutExpired = state.value("timeoutExpired", false);
+    flags_.timeoutPending = state.value("timeoutPending", false);
+    jumpTarget_ = state.value("jumpTarget", std::string());
+    jumpTargetIsDefine_ = state.value("jumpIsDefine", false);
+    flags_.jumpPending = state.value("jumpPending", false);
+    errorDisplayOff_ = state.value("errorDisplayOff", false);
+    flags_.mustNotBeStopped = state.value("mustNotBeStopped", false);
+    if (state.value("endRequested", false)) {
+      const int reason = state.value("endReason", 0);
+      requestEnd(reason >= 0 && reason <= static_cast<int>(EndReason::kLimit)
+                     ? static_cast<EndReason>(reason)
+                     : EndReason::kStop);
+    }
+    const auto& waitLeft = state.at("waitLeft");
+    if (!waitLeft.is_null()) resumedWaitLeft_ = waitLeft.get<Micros>();
+    return true;
+  } catch (const std::exception& e) {
+    if (error) *error = std::string("the run state cannot be read: ") + e.what();
+    return false;
   }
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -111,6 +112,8 @@ class Sequencer : public RunContext {
   // cannot be read as a sequence (missing, unreadable, not text).
   bool prepareFile(const std::string& path, std::string* error);
   const std::string& sequenceFileName() const { return fileName_; }
+  // The file prepared for running (the run's first file, whatever CHAIN did).
+  const std::string& preparedFileName() const { return preparedName_; }
   // Whether the file prepared last has lines that end in bare line feeds.
   bool sequenceHasBareLineFeeds() const { return file_.hasBareLineFeeds(); }
   // Lines read since the file was last opened (the number in error reports).
@@ -277,6 +280,10 @@ class Sequencer : public RunContext {
     lineHooks_.push_back(std::move(hook));
   }
 
+  // Hooks run when a run starts, before its first line (after the restored
+  // state of a resumed run is in place).
+  void addRunStartHook(std::function<void()> hook) { runStartHooks_.push_back(std::move(hook)); }
+
   // Hooks run by stop() (timers of long commands to switch off).
   void addStopHook(std::function<void()> hook) { stopHooks_.push_back(std::move(hook)); }
 
@@ -299,6 +306,48 @@ class Sequencer : public RunContext {
   // The text of the last sequence error reported, if any.
   const std::string& lastSequenceError() const { return lastError_; }
 
+  // --- The run state kept in a checkpoint ------------------------------------
+  // A subsystem with state of its own that a resumed run needs adds a part:
+  // `save` fills the part's object, `restore` takes it back (false, with a
+  // message, when the part cannot be used).
+  using StateSave = std::function<void(nlohmann::json& part)>;
+  using StateRestore = std::function<bool(const nlohmann::json& part, std::string* error)>;
+  void addStatePart(std::string name, StateSave save, StateRestore restore);
+  // Where the run is and what it has counted, with every part. A run that
+  // goes on from it carries on after the last line that ended, or runs the
+  // line in progress again when that line may be run again (see below).
+  void saveRunState(nlohmann::json& state) const;
+  // Takes a saved state back into the prepared file; the next
+  // startResumed() goes on from it. False, with a message, when the state
+  // does not fit (a part that cannot be restored, a file that cannot be
+  // read).
+  bool restoreRunState(const nlohmann::json& state, std::string* error);
+  // Runs the prepared file from the state restored last, and returns when
+  // the run ends.
+  void startResumed();
+
+  // Whether a state saved now can be gone on from: between two lines of the
+  // file, inside a timed wait of a line that is run again with the time it
+  // had left, or in a line that has said it may be run again.
+  bool atResumableMoment() const {
+    return !lineInProgress_ || (lineFromFile_ && (inTimedWait_ || lineRerunnable_));
+  }
+  // A timed wait of the line in progress started and is due at `due`; the
+  // wait hooks run. leaveTimedWait() when it is over.
+  void enterTimedWait(Micros due);
+  void leaveTimedWait() { inTimedWait_ = false; }
+  void addWaitHook(std::function<void()> hook) { waitHooks_.push_back(std::move(hook)); }
+  // The line in progress may be run again from here on (its work so far
+  // leaves nothing that running it again would repeat).
+  void markLineRerunnable() { lineRerunnable_ = lineInProgress_; }
+  // For the timed wait of the first line of a resumed run: the time it had
+  // left, once.
+  std::optional<Micros> takeResumedWaitLeft() {
+    auto left = resumedWaitLeft_;
+    resumedWaitLeft_.reset();
+    return left;
+  }
+
  private:
   void runLoop();
   // Runs the stored jump target as a define when it is one, else searches it
@@ -314,7 +363,9 @@ class Sequencer : public RunContext {
   };
   AnswerWait awaitAnswer(const Question& question, const std::function<bool()>& closeNow,
                          std::string_view closedAs);
-  void dispatchLine(std::string& line);
+  void dispatchLine(std::string& line, bool fromFile = false);
+  // Carries out the restored state at the start of a resumed run.
+  bool applyResumeState(std::string* error);
   // Dispatches the command of the first check that gives one; false if none.
   bool runBetweenLinesChecks();
   bool readNextLine(std::string& line);
@@ -355,6 +406,7 @@ class Sequencer : public RunContext {
   std::vector<std::function<void()>> prepareHooks_;
   std::vector<std::function<void()>> stopHooks_;
   std::vector<std::function<void()>> runEndHooks_;
+  std::vector<std::function<void()>> runStartHooks_;
   std::vector<std::function<void(int16_t)>> lineHooks_;
   std::vector<BetweenLinesCheck> betweenLines_;
   std::string currentStatus_;
@@ -367,6 +419,22 @@ class Sequencer : public RunContext {
   std::string jumpTarget_;
   bool jumpTargetIsDefine_ = false;
   int32_t loopCount_ = 0;
+
+  struct StatePart {
+    std::string name;
+    StateSave save;
+    StateRestore restore;
+  };
+  std::vector<StatePart> stateParts_;
+  std::vector<std::function<void()>> waitHooks_;
+  bool lineInProgress_ = false;
+  bool lineFromFile_ = false;
+  bool inTimedWait_ = false;
+  bool lineRerunnable_ = false;
+  std::optional<Micros> timedWaitDue_;
+  // The restored state the next startResumed() goes on from.
+  std::unique_ptr<nlohmann::json> resumeState_;
+  std::optional<Micros> resumedWaitLeft_;
 };
 
 }  // namespace tavrix

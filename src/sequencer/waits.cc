@@ -12,6 +12,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "common/text_conventions.h"
@@ -81,6 +82,9 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd
   const Micros start = seq.clock().now();
   state.waitStart = secondsSinceMidnight(start);
   state.waitLength = cmd.seconds;
+  // A run that goes on inside this wait waits only for the time it had left.
+  if (const auto left = seq.takeResumedWaitLeft())
+    state.waitLength = static_cast<double>(*left) / kMicrosPerSecond;
   const bool secondsTimerWasOn = seq.secondsTimerEnabled();
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(false);
 
@@ -95,6 +99,7 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd
   }
   state.armDelayTimer(start);
   state.delayRunning = true;
+  seq.enterTimedWait(state.due);
   seq.waitUntil(
       [&] { return !state.delayRunning || seq.waitEnds(WaitRule::kJumpOrTimeout); },
       [&] {
@@ -102,6 +107,7 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd
         const double passed = static_cast<double>(seq.clock().now() - start) / kMicrosPerSecond;
         seq.showCurrentCommand("waitseconds " + formatNumber(state.waitLength - passed, "#0.00"));
       });
+  seq.leaveTimedWait();
   state.delayRunning = false;
   state.delayTimer.setEnabled(false);
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(true);
@@ -186,6 +192,14 @@ void RegisterWaitCommands(Sequencer& seq) {
   d.bind(kAfterTimeCount, WithState(state, AfterTimeCount));
   seq.addPrepareHook([state] { state->timeCountStart = 0; });
   seq.addStopHook([state] { state->delayTimer.setEnabled(false); });
+  // The time count goes on across a resume: the time the program was down
+  // counts, as it does for a count that ran on.
+  seq.addStatePart(
+      "waits", [state](nlohmann::json& part) { part["timeCountStart"] = state->timeCountStart; },
+      [state](const nlohmann::json& part, std::string*) {
+        state->timeCountStart = part.value("timeCountStart", Micros{0});
+        return true;
+      });
 }
 
 }  // namespace tavrix

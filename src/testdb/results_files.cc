@@ -90,6 +90,7 @@ bool WriteTextDetails(FileSystem& files, const TestDetails& details, const UutRe
     line += c.passed ? std::string("Pass") : "Fail" + std::string(1, kTab) + c.failureText;
     lines.push_back(std::move(line));
   }
+  for (const auto& note : uut.resumeNotes) lines.push_back("Resumed: " + note);
   return appendLines(files, local, lines, error);
 }
 
@@ -136,6 +137,7 @@ bool WriteXmlDetails(FileSystem& files, const TestDetails& details, const UutRec
                     (c.passed ? "Pass" : "Fail") + "'/>");
   }
   lines.push_back("</Test_Data>");
+  for (const auto& note : uut.resumeNotes) lines.push_back("<Resumed>" + note + "</Resumed>");
   lines.push_back("</UUT>");
   lines.push_back("</Test>");
   lines.push_back("</Test_Details>");

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -94,11 +95,21 @@ class TestDatabase {
   int16_t currentStep() const { return step_; }
   size_t currentStageRow() const { return stageRow_; }
 
+  // Adds a note to the UUT in progress (a resume and its gap); its results
+  // files and its record carry it.
+  void noteOnOpenUut(std::string note) {
+    if (uutOpen_) uut_.resumeNotes.push_back(std::move(note));
+  }
+
  private:
   enum class AlertChoices { kAcceptCancel, kPassFailRetry };
 
   bool askDataEntry(DataEntry& entry);
   void showPlainMessage(const std::string& text);
+  // The state a resumed run needs: the open definition, the UUT in progress
+  // and the flags of the last checks.
+  void saveState(nlohmann::json& part) const;
+  bool restoreState(const nlohmann::json& part, std::string* error);
   void evaluateRow(const StageCheck& row);
   void manualRow(const StageCheck& row);
   void valueRow(const StageCheck& row, bool difference);

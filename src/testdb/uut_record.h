@@ -49,6 +49,9 @@ struct UutRecord {
     std::string kind;
   };
   std::vector<CheckOrigin> checkOrigins;
+  // One note for each time the test of this unit went on after the program
+  // had ended abruptly (when it went on and how long the gap was).
+  std::vector<std::string> resumeNotes;
 };
 
 }  // namespace tavrix

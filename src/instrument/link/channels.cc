@@ -148,7 +148,14 @@ bool Channels::WriteChannel(std::string_view name, std::string_view value, Chann
   std::string command = "WRI ";
   command.append(name).append(" ").append(value);
   link_.IMLSendCommand(device, command, false);
-  return link_.IMLCheckReply(device);
+  if (!link_.IMLCheckReply(device)) return false;
+  const auto known = written_.find(name);
+  if (known == written_.end()) {
+    written_.emplace(std::string(name), std::string(value));
+  } else {
+    known->second.assign(value);
+  }
+  return true;
 }
 
 bool Channels::DefineChannel(std::string_view name, std::string_view settings) {

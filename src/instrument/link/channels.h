@@ -114,6 +114,10 @@ class Channels {
   // load maintenance) write only such channels.
   bool ownChannel(std::string_view name) const;
 
+  // The last value written to each channel that took it, by name as
+  // written: what a run that goes on after an abrupt end writes again.
+  const std::map<std::string, std::string, std::less<>>& written() const { return written_; }
+
  private:
   const ChannelRecord* lookup(std::string_view name) const;
   const ChannelRecord* lookup(std::string_view name, ChannelRef* ref) const;
@@ -129,6 +133,7 @@ class Channels {
   bool defineRig(std::string_view rigName, std::string_view settings);
 
   ImlLink& link_;
+  std::map<std::string, std::string, std::less<>> written_;
   std::vector<ChannelRecord> records_;
   // The records by name, built on the first lookup after a change: a lookup
   // finds what a scan from index 0 finds.

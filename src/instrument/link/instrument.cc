@@ -35,6 +35,7 @@ bool Instrument::selectSetupFile(std::string_view path) {
   if (open_) link_.CloseLink();
   open_ = false;
   events_.processPendingEvents();
+  setupFile_ = path;
   if (!ensureOpen()) return false;
   return channels_.LoadSetup(paths_.toLocal(path));
 }

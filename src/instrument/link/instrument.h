@@ -40,6 +40,8 @@ class Instrument {
   // again and load the setup. `path` is written as in sequence files and is
   // mapped through the drive map. On failure the link's last error tells why.
   bool selectSetupFile(std::string_view path);
+  // The setup file chosen last, as written (empty: none was chosen).
+  const std::string& setupFile() const { return setupFile_; }
 
   // Writes one value of a ramp, a sine output or a pulse, and remembers
   // whether it went through (lastOutputStatus()). False with the link's last
@@ -68,6 +70,7 @@ class Instrument {
   float lastWaitDuration_ = 0;
   bool lastOutputStatus_ = true;
   OutputWatcher outputWatcher_;
+  std::string setupFile_;
 };
 
 }  // namespace tavrix

@@ -58,6 +58,8 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     resultsStore = std::string(value);
   } else if (k == "station") {
     station = std::string(value);
+  } else if (k == "safe_state") {
+    safeStateSequence = std::string(value);
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);

@@ -48,6 +48,10 @@ struct InstrumentSettings {
   // server's connection string. And this station's name in them.
   std::string resultsStore;
   std::string station;
+  // The safe-state sequence: run before a run goes on after an abrupt end,
+  // and after any run that ends abnormally (Stop, a sequence error) while the
+  // program can still run it. Empty: none.
+  std::string safeStateSequence;
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.
