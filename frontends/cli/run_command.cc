@@ -749,7 +749,12 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   }
   if (runCommand->parsed()) {
     run.resume = resumeOption->count() > 0;
-    if (run.resume == !run.sequence.empty()) {
+    const bool station = run.station && NamesStationFile(*run.station);
+    if (run.resume && station) {
+      std::fprintf(err, "tavrix-cli: --resume goes on with one run, not a station's sockets\n");
+      return kExitUsage;
+    }
+    if (!station && run.resume == !run.sequence.empty()) {
       std::fprintf(err, "tavrix-cli: run wants %s\nRun 'tavrix-cli --help' for usage.\n",
                    run.resume ? "either --resume or a SEQUENCE, not both" : "a SEQUENCE");
       return kExitUsage;
