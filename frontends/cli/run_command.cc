@@ -43,8 +43,6 @@
 
 namespace tavrix {
 
-namespace {
-
 int ExitStatusFor(EndReason reason) {
   switch (reason) {
     case EndReason::kEndOfFile:
@@ -61,6 +59,8 @@ int ExitStatusFor(EndReason reason) {
   }
   return kExitStopped;
 }
+
+namespace {
 
 // "3-5, 9" from the line numbers {3, 4, 5, 9}.
 std::string LineRanges(const std::set<int>& lines) {

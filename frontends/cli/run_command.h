@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "sequencer/sequencer.h"
+
 namespace tavrix {
 
 // Exit statuses of `tavrix-cli run`.
@@ -26,6 +28,10 @@ constexpr int kExitLimit = 5;        // --stop-after or --max-lines ended the ru
 // On a virtual clock, this many lines dispatched without the clock moving
 // earn one warning that the run loops without a wait.
 constexpr int64_t kLoopWarningLines = 10'000'000;
+
+// The exit status of a run that ended for `reason` (before a failed UUT or
+// lost output is counted in).
+int ExitStatusFor(EndReason reason);
 
 struct RunOptions {
   std::string sequence;

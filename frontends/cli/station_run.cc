@@ -331,21 +331,6 @@ class DeskOperator final : public Operator {
   std::string name_;
 };
 
-int ExitStatusOf(EndReason reason) {
-  switch (reason) {
-    case EndReason::kEndOfFile:
-    case EndReason::kStop:
-      return kExitOk;
-    case EndReason::kError:
-    case EndReason::kUnload:
-      return kExitSequenceError;
-    case EndReason::kLimit:
-      return kExitLimit;
-    default:
-      return kExitStopped;
-  }
-}
-
 // "trace.jsonl" for socket S2: "trace.S2.jsonl".
 std::string SocketTracePath(const std::string& path, const std::string& socket) {
   const size_t slash = path.find_last_of("/\\");
@@ -511,7 +496,7 @@ int RunSocket(StationShared& shared, size_t index) {
     if (!feed->finish(std::chrono::seconds(10), &why)) shared.report(socket.name, why);
     recordsLost = feed->lost();
   }
-  int status = ExitStatusOf(reason);
+  int status = ExitStatusFor(reason);
   if (status == kExitOk && engine->testDatabase().anyUutFailed()) status = kExitUutFailed;
   const auto losses = engine->files().losses();
   if ((!losses.empty() || recordsLost > 0) && (status == kExitOk || status == kExitUutFailed))
