@@ -48,6 +48,7 @@ struct ChannelRecord {
 struct ChannelRef {
   uint64_t generation = 0;       // the table it was looked up in; 0: not yet
   const void* record = nullptr;  // the record found (nullptr: none)
+  std::string* written = nullptr;  // where the last value written to it is kept
 };
 
 // How one test socket's channel names reach the rig: a name in the table is
