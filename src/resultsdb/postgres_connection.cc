@@ -144,6 +144,8 @@ class PostgresConnection : public SqlConnection {
     return script("BEGIN; SELECT pg_advisory_xact_lock(7301646)", error);
   }
 
+  bool beginWrite(std::string* error) override { return script("BEGIN", error); }
+
   std::string describe() const override { return "the results server " + info_.shown; }
 
  private:

@@ -223,7 +223,7 @@ bool SqlResultsStore::refusedContent() const { return connection_->refusedConten
 
 bool SqlResultsStore::record(const std::vector<StoredUut>& batch, std::string* error) {
   if (batch.empty()) return true;
-  if (!connection_->script("BEGIN", error)) return false;
+  if (!connection_->beginWrite(error)) return false;
   for (size_t i = 0; i < batch.size(); ++i) {
     if (!recordOne(batch[i], error)) {
       connection_->script("ROLLBACK", nullptr);

@@ -39,6 +39,11 @@ class SqlConnection {
   // beside: the first of many stations to start migrates, the others wait
   // and then find the schema current.
   virtual bool beginExclusive(std::string* error) = 0;
+  // Begins a transaction that will write. The file database takes its write
+  // lock here, waiting its busy time for it: a transaction that first read
+  // (a statement prepared inside it reads the schema) could not wait for the
+  // lock later and would fail at once with "database is locked".
+  virtual bool beginWrite(std::string* error) = 0;
   // Where the connection goes, fit to show: never a password.
   virtual std::string describe() const = 0;
   // True when the last statement that failed was refused for the data it

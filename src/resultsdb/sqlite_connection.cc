@@ -86,6 +86,7 @@ class SqliteConnection : public SqlConnection {
   }
 
   bool beginExclusive(std::string* error) override { return script("BEGIN IMMEDIATE", error); }
+  bool beginWrite(std::string* error) override { return script("BEGIN IMMEDIATE", error); }
 
   std::string describe() const override { return "the results database " + path_; }
 
