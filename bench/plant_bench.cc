@@ -126,6 +126,11 @@ void BM_PlantUnitListByStation(benchmark::State& state) {
   Page(state, "/units", {{"station", "rig-3"}, {"from", "2026-05-01"}});
 }
 void BM_PlantUnitListLastPage(benchmark::State& state) { Page(state, "/units", {{"page", "100"}}); }
+// The last page as its links reach it: from the record next to it.
+void BM_PlantUnitListOldest(benchmark::State& state) { Page(state, "/units", {{"oldest", "1"}}); }
+void BM_PlantUnitListOlderThan(benchmark::State& state) {
+  Page(state, "/units", {{"older", "unit-1000"}});
+}
 void BM_PlantUnitPage(benchmark::State& state) { Page(state, "/unit", {{"key", "unit-54321"}}); }
 void BM_PlantCheckPage100k(benchmark::State& state) {
   Page(state, "/check", {{"name", "Flow"}, {"step", "1"}});
@@ -149,6 +154,8 @@ void BM_PlantCpk100k(benchmark::State& state) {
 BENCHMARK(BM_PlantUnitList)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantUnitListByStation)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantUnitListLastPage)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlantUnitListOldest)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlantUnitListOlderThan)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantUnitPage)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantCpk100k)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlantCheckPage100k)->Unit(benchmark::kMillisecond);

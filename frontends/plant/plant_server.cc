@@ -469,27 +469,69 @@ class Server::Impl {
 
   // ---- pages -------------------------------------------------------------
 
+  // The end of the record `key`, for paging from it; BadInput when there is
+  // no such record.
+  std::string EndOf(SqlResultsStore& store, const std::string& key, const std::string& param) {
+    UutFilter one;
+    one.key = key;
+    std::vector<StoredUut> found;
+    std::string error;
+    if (!store.list(one, found, &error)) throw StoreFailure{error};
+    if (found.empty()) throw BadInput{param + " names no unit's record"};
+    return found.front().endedAt;
+  }
+
+  // Units newest first, a page at a time. A page is reached from the record
+  // next to it (older=KEY: the units older than that one, newer=KEY: those
+  // just newer, oldest=1: the last page), so the last page of a long list
+  // costs what the first does; page=N still passes over N - 1 pages.
   Reply units(const Query& q) {
     UutFilter filter = FilterOf(q);
     const int page = WholeParam(q, "page", 1, 1, kLastPage);
+    const std::string older = Param(q, "older");
+    const std::string newer = Param(q, "newer");
+    const bool oldest = WholeParam(q, "oldest", 0, 0, 1) == 1;
+    if ((older.empty() ? 0 : 1) + (newer.empty() ? 0 : 1) + (oldest ? 1 : 0) + (page > 1 ? 1 : 0) >
+        1) {
+      throw BadInput{"page, older, newer and oldest do not go together"};
+    }
     Lease store(*this);
     std::string error;
     long total = 0;
     if (!store->count(filter, total, &error)) store.fail(error);
-    filter.limit = kPageRows;
-    filter.offset = (page - 1) * kPageRows;
+    UutFilter shown = filter;
+    shown.limit = kPageRows;
+    if (!older.empty()) {
+      shown.olderEnded = EndOf(*store, older, "older");
+      shown.olderKey = older;
+    } else if (!newer.empty()) {
+      shown.newerEnded = EndOf(*store, newer, "newer");
+      shown.newerKey = newer;
+      shown.oldestFirst = true;
+    } else if (oldest) {
+      shown.oldestFirst = true;
+    } else {
+      shown.offset = (page - 1) * kPageRows;
+    }
     std::vector<StoredUut> uuts;
-    if (!store->list(filter, uuts, &error)) store.fail(error);
+    if (!store->list(shown, uuts, &error)) store.fail(error);
+    // Where the page starts in the whole list: the units newer than its first.
+    long before = shown.offset;
+    if (!uuts.empty() && shown.offset == 0) {
+      UutFilter newerThanFirst = filter;
+      newerThanFirst.newerEnded = uuts.front().endedAt;
+      newerThanFirst.newerKey = uuts.front().key;
+      if (!store->count(newerThanFirst, before, &error)) store.fail(error);
+    }
+    const long after = before + static_cast<long>(uuts.size());
     const std::string carried = FilterQuery(q);
     std::string body = SearchForm(q, "/units", true);
-    const long first = total == 0 ? 0 : filter.offset + 1;
-    body +=
-        "<p id=\"count\">" + std::to_string(total) + " units" +
-        (total > 0 ? ", " + std::to_string(first) + " to " +
-                         std::to_string(filter.offset + static_cast<long>(uuts.size())) + " shown"
-                   : "") +
-        ". <a href=\"/units.csv" + (carried.empty() ? "" : "?" + carried) +
-        "\">Export as CSV</a></p>";
+    body += "<p id=\"count\">" + std::to_string(total) + " units" +
+            (uuts.empty()
+                 ? ""
+                 : ", " + std::to_string(before + 1) + " to " + std::to_string(after) + " shown") +
+            ". <a href=\"/units.csv" + (carried.empty() ? "" : "?" + carried) +
+            "\">Export as CSV</a></p>";
     body +=
         "<table id=\"units\"><tr><th>Ended</th><th>Station</th><th>Test</th><th>Serial</th>"
         "<th>Verdict</th><th>Checks</th><th>Failed</th></tr>";
@@ -501,10 +543,20 @@ class Server::Impl {
               std::to_string(u.failedCount) + "</td></tr>";
     }
     body += "</table><p>";
-    const std::string base = "/units?" + (carried.empty() ? "" : carried + "&") + "page=";
-    if (page > 1) body += "<a href=\"" + base + std::to_string(page - 1) + "\">Newer</a> ";
-    if (filter.offset + static_cast<long>(uuts.size()) < total)
-      body += "<a href=\"" + base + std::to_string(page + 1) + "\" id=\"older\">Older</a>";
+    const std::string base = "/units?" + (carried.empty() ? "" : carried + "&");
+    if (before > 0) {
+      body += "<a href=\"" + (carried.empty() ? std::string("/units") : "/units?" + carried) +
+              "\" id=\"newest\">Newest</a> ";
+      if (!uuts.empty())
+        body +=
+            "<a href=\"" + base + "newer=" + Url(uuts.front().key) + "\" id=\"newer\">Newer</a> ";
+    }
+    if (after < total) {
+      if (!uuts.empty())
+        body +=
+            "<a href=\"" + base + "older=" + Url(uuts.back().key) + "\" id=\"older\">Older</a> ";
+      body += "<a href=\"" + base + "oldest=1\" id=\"oldest\">Oldest</a>";
+    }
     body += "</p>";
     return {200, "text/html; charset=utf-8", Page("Units", "Results", body)};
   }
@@ -998,12 +1050,18 @@ class Server::Impl {
       return Send(res, ErrorPage(400, "The request cannot be answered: " + bad.why + "."));
     }
     res.set_header("Content-Disposition", "attachment; filename=\"units.csv\"");
-    auto offset = std::make_shared<int>(0);
+    // The next page starts after the last record sent, at the same cost on
+    // any page.
+    struct Next {
+      bool first = true;
+      std::string ended, key;
+    };
+    auto next = std::make_shared<Next>();
     res.set_chunked_content_provider(
-        "text/csv; charset=utf-8", [this, filter, offset](size_t, httplib::DataSink& sink) {
+        "text/csv; charset=utf-8", [this, filter, next](size_t, httplib::DataSink& sink) {
           if (stopped_) return false;
           std::string text;
-          if (*offset == 0) {
+          if (next->first) {
             text =
                 "key,station,sequence_file,test_definition,test,version,serial,test_date,"
                 "operators,description,started,ended,verdict,step,row,kind,parameter,channel,"
@@ -1011,7 +1069,8 @@ class Server::Impl {
           }
           UutFilter page = filter;
           page.limit = kPageRows;
-          page.offset = *offset;
+          page.olderEnded = next->ended;
+          page.olderKey = next->key;
           std::vector<StoredUut> uuts;
           std::string error;
           try {
@@ -1037,7 +1096,11 @@ class Server::Impl {
             }
           }
           if (!text.empty() && !sink.write(text.data(), text.size())) return false;
-          *offset += kPageRows;
+          next->first = false;
+          if (!uuts.empty()) {
+            next->ended = uuts.back().endedAt;
+            next->key = uuts.back().key;
+          }
           if (uuts.size() < static_cast<size_t>(kPageRows)) sink.done();
           return true;
         });

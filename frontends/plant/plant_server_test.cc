@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "cli_test_support.h"
@@ -243,27 +244,66 @@ TEST_F(PlantServerTest, AThousandRowsAPage) {
     std::vector<StoredUut> batch;
     for (int i = 0; i < 2500; ++i) {
       char ended[32];
-      std::snprintf(ended, sizeof ended, "2026-11-%02d %02d:%02d:%02d", 1 + i / 1000, i / 60 % 24,
-                    i % 60, i % 7);
+      // Two units end at each time: the pages part between records, not times.
+      const int t = i / 2;
+      std::snprintf(ended, sizeof ended, "2026-11-%02d %02d:%02d:%02d", 1 + t / 1000, t / 60 % 24,
+                    t % 60, t % 7);
       batch.push_back(testing::SampleUut("k" + std::to_string(i), "S" + std::to_string(i), ended, 2,
                                          i % 10 == 0));
     }
     ASSERT_TRUE(store->record(batch, &error)) << error;
   }
   Start(Options());
+  // The link of `id` on a page, as a path and query.
+  auto link = [](const std::string& page, const std::string& id) {
+    const auto at = page.find("\" id=\"" + id + "\"");
+    if (at == std::string::npos) return std::string();
+    const auto start = page.rfind("href=\"", at) + 6;
+    std::string href = page.substr(start, at - start);
+    for (size_t amp; (amp = href.find("&amp;")) != std::string::npos;) href.replace(amp, 5, "&");
+    return href;
+  };
+  std::set<std::string> keys;
+  auto collect = [&](const std::string& page) {
+    for (size_t at = 0; (at = page.find("/unit?key=", at)) != std::string::npos;) {
+      at += 10;
+      keys.insert(page.substr(at, page.find('"', at) - at));
+    }
+  };
   std::string page = Get("/units");
   EXPECT_THAT(page, HasSubstr("2500 units, 1 to 1000 shown"));
   EXPECT_EQ(Count(page, "/unit?key="), 1000u);
-  EXPECT_THAT(page, HasSubstr("id=\"older\""));
-  page = Get("/units?page=3");
+  EXPECT_EQ(link(page, "newer"), "");
+  collect(page);
+  page = Get(link(page, "older"));
+  EXPECT_THAT(page, HasSubstr("2500 units, 1001 to 2000 shown"));
+  collect(page);
+  page = Get(link(page, "older"));
   EXPECT_THAT(page, HasSubstr("2500 units, 2001 to 2500 shown"));
   EXPECT_EQ(Count(page, "/unit?key="), 500u);
-  EXPECT_THAT(page, Not(HasSubstr("id=\"older\"")));
-  EXPECT_THAT(page, HasSubstr("page=2\">Newer"));
+  EXPECT_EQ(link(page, "older"), "");
+  EXPECT_EQ(link(page, "oldest"), "");
+  collect(page);
+  EXPECT_EQ(keys.size(), 2500u);  // every unit once, ties or not
+  page = Get(link(page, "newer"));
+  EXPECT_THAT(page, HasSubstr("2500 units, 1001 to 2000 shown"));
+  EXPECT_EQ(link(page, "newest"), "/units");
+  page = Get(link(page, "oldest"));
+  EXPECT_THAT(page, HasSubstr("2500 units, 1501 to 2500 shown"));
+  EXPECT_THAT(page, HasSubstr("key=k0\""));  // the oldest last
+  // A search is kept from page to page.
+  page = Get("/units?verdict=FAIL&oldest=1");
+  EXPECT_THAT(page, HasSubstr("250 units, 1 to 250 shown"));
+  page = Get("/units?verdict=FAIL");
+  EXPECT_EQ(link(page, "older"), "");
+  page = Get("/units?page=3");
+  EXPECT_THAT(page, HasSubstr("2500 units, 2001 to 2500 shown"));
   page = Get("/units?page=4");
   EXPECT_EQ(Count(page, "/unit?key="), 0u);
-  page = Get("/units?verdict=FAIL&page=1");
-  EXPECT_THAT(page, HasSubstr("250 units"));
+  for (const char* bad : {"/units?older=nothing", "/units?newer=k1&older=k2",
+                          "/units?oldest=1&page=2", "/units?oldest=2"}) {
+    EXPECT_THAT(Get(bad, 400), HasSubstr("class=\"error\"")) << bad;
+  }
   const std::string csv = Get("/units.csv");
   EXPECT_EQ(Count(csv, "\r\n"), 1u + 2500u * 2u);
 }

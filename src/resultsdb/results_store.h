@@ -27,6 +27,15 @@ struct UutFilter {
   std::string key;      // one record by its key
   int limit = 0;        // 0: all
   int offset = 0;       // records passed over before the first taken (with a limit)
+  // Paging by a record instead of an offset, at the same cost on any page:
+  // only the records older (or newer) than the one of this end and key, in
+  // the order of the lists (the end, then the key).
+  std::string olderEnded, olderKey;
+  std::string newerEnded, newerKey;
+  // The list takes the oldest `limit` records rather than the newest (and
+  // still gives them newest first): the page just newer than a record, or
+  // the last page.
+  bool oldestFirst = false;
 };
 
 // The WHERE clause of `filter` over the uut table's own column names,
