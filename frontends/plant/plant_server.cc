@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -23,8 +24,11 @@
 #include "plant_html.h"
 #include "resultsdb/results_analytics.h"
 #include "resultsdb/station_status.h"
+#include "station_publisher.h"
 
 namespace tavrix::plant {
+
+namespace fs = std::filesystem;
 
 using nlohmann::json;
 using Query = std::multimap<std::string, std::string>;
@@ -33,6 +37,8 @@ namespace {
 
 constexpr int kPageRows = 1000;
 constexpr int kLastPage = 1000000;
+// A results file larger than this is not shown (they are a few kilobytes).
+constexpr uintmax_t kLargestServedFile = 64ull << 20;
 constexpr size_t kLongestParameter = 256;
 constexpr size_t kMostLiveViewers = 200;
 constexpr const char* kCookie = "tavrix_session";
@@ -326,44 +332,24 @@ class Server::Impl {
     }
     monitor_ = std::make_unique<LiveMonitor>(options_.runsFolder, options_.liveScanMs);
     thread_ = std::thread([this] { server_->listen_after_bind(); });
-    if (!options_.station.empty()) publisher_ = std::thread([this] { publishLoop(); });
+    if (!options_.station.empty()) {
+      PublisherOptions publishing;
+      publishing.store = options_.store;
+      publishing.station = options_.station;
+      publishing.heartbeatSeconds = options_.publishSeconds;
+      publishing.now = options_.now;
+      publisher_ = std::make_unique<StationPublisher>(publishing, *monitor_);
+      publisher_->start();
+    }
     return true;
   }
 
-  // The station's runs into the store, for the plant page of every station.
   bool publish(std::string* error) {
-    json runs = json::array();
-    const json snapshot = monitor_->snapshot();
-    for (const auto& run : snapshot["runs"]) {
-      json brief = json::object();
-      for (const char* key :
-           {"id", "sequence", "socket", "state", "line", "last_serial", "last_verdict", "end"}) {
-        if (run.contains(key)) brief[key] = run[key];
-      }
-      runs.push_back(brief);
-    }
-    try {
-      Lease store(*this);
-      if (!PublishStationStatus(*store, {options_.station, ScriptJson(runs), options_.now()},
-                                error)) {
-        store.fail(error ? *error : "");
-      }
-    } catch (const StoreFailure& failure) {
-      if (error) *error = failure.what;
+    if (!publisher_) {
+      if (error) *error = "this server publishes no station's runs";
       return false;
     }
-    return true;
-  }
-
-  void publishLoop() {
-    std::unique_lock lock(waitMutex_);
-    while (!stopped_) {
-      lock.unlock();
-      publish(nullptr);  // a store that is away now is tried again next time
-      lock.lock();
-      waitCv_.wait_for(lock, std::chrono::seconds(options_.publishSeconds),
-                       [&] { return stopped_.load(); });
-    }
+    return publisher_->publishNow(error);
   }
 
   void stop() {
@@ -372,8 +358,8 @@ class Server::Impl {
       if (stopped_.exchange(true)) return;
       waitCv_.notify_all();
     }
-    if (publisher_.joinable()) publisher_.join();
     if (monitor_) monitor_->stop();
+    if (publisher_) publisher_->stop(false);
     if (server_) server_->stop();
     if (thread_.joinable()) thread_.join();
   }
@@ -390,6 +376,7 @@ class Server::Impl {
     try {
       if (path == "/" || path == "/units") return units(q);
       if (path == "/unit") return unit(q);
+      if (path == "/file") return file(q);
       if (path == "/analytics") return analytics(q);
       if (path == "/check") return check(q);
       if (path == "/live") return live(false, "");
@@ -608,7 +595,80 @@ class Server::Impl {
               "<td>" + Html(c.message) + "</td></tr>";
     }
     body += "</table>";
+    std::vector<std::string> files;
+    if (!store->files(u.key, files, &error)) store.fail(error);
+    if (!files.empty()) {
+      body += "<h2>Results files</h2><ul id=\"files\">";
+      for (size_t i = 0; i < files.size(); ++i) {
+        const std::string name = fs::path(files[i]).filename().string();
+        std::string why;
+        if (ServedFile(files[i], &why).empty()) {
+          body += "<li>" + Html(name) + " (" + Html(why) + ")</li>";
+        } else {
+          body += "<li><a href=\"/file?key=" + Url(u.key) + "&n=" + std::to_string(i + 1) + "\">" +
+                  Html(name) + "</a></li>";
+        }
+      }
+      body += "</ul>";
+    }
     return {200, "text/html; charset=utf-8", Page("Unit " + u.serial, "Results", body)};
+  }
+
+  // The file the store names as it will be served: its real path when it is
+  // a file inside the results folder (links followed), else empty with why.
+  std::string ServedFile(const std::string& named, std::string* why) const {
+    std::error_code ec;
+    if (options_.resultsFolder.empty()) {
+      *why = "no results folder is served";
+      return {};
+    }
+    const fs::path folder = fs::canonical(options_.resultsFolder, ec);
+    if (ec) {
+      *why = "the results folder is not there";
+      return {};
+    }
+    const fs::path file = fs::canonical(named, ec);
+    if (ec || !fs::is_regular_file(file, ec)) {
+      *why = "not here";
+      return {};
+    }
+    const auto [inFolder, inFile] =
+        std::mismatch(folder.begin(), folder.end(), file.begin(), file.end());
+    if (inFolder != folder.end() || inFile == file.end()) {
+      *why = "outside the results folder";
+      return {};
+    }
+    return file.string();
+  }
+
+  // One of a unit's results files, by the unit's key and the file's number:
+  // never by a name the client gives.
+  Reply file(const Query& q) {
+    const std::string key = Param(q, "key");
+    if (key.empty()) throw BadInput{"key names the unit's record"};
+    const int n = WholeParam(q, "n", 1, 1, 1000);
+    std::vector<std::string> files;
+    {
+      Lease store(*this);
+      std::string error;
+      if (!store->files(key, files, &error)) store.fail(error);
+    }
+    if (static_cast<size_t>(n) > files.size())
+      return ErrorPage(404, "The unit has no results file " + std::to_string(n) + ".");
+    std::string why;
+    const std::string path = ServedFile(files[n - 1], &why);
+    if (path.empty()) {
+      return ErrorPage(why == "outside the results folder" ? 403 : 404,
+                       "The results file " + files[n - 1] + " is " + why + ".");
+    }
+    std::error_code ec;
+    if (fs::file_size(path, ec) > kLargestServedFile || ec)
+      return ErrorPage(413, "The results file is too large to show here.");
+    std::string text;
+    if (!localFiles().readFile(path, text, nullptr))
+      return ErrorPage(404, "The results file " + files[n - 1] + " cannot be read.");
+    const bool xml = fs::path(path).extension() == ".xml";
+    return {200, xml ? "application/xml" : "text/plain; charset=utf-8", std::move(text)};
   }
 
   Reply analytics(const Query& q) {
@@ -959,7 +1019,7 @@ class Server::Impl {
       };
     };
     for (const char* path :
-         {"/", "/units", "/unit", "/analytics", "/check", "/live.json", "/plant"}) {
+         {"/", "/units", "/unit", "/file", "/analytics", "/check", "/live.json", "/plant"}) {
       s.Get(path, guarded([this, path](const httplib::Request& req, httplib::Response& res,
                                        const Principal&) { Send(res, page(path, QueryOf(req))); }));
     }
@@ -1140,7 +1200,7 @@ class Server::Impl {
   std::unique_ptr<httplib::Server> server_;
   std::unique_ptr<LiveMonitor> monitor_;
   std::thread thread_;
-  std::thread publisher_;
+  std::unique_ptr<StationPublisher> publisher_;
   int port_ = 0;
   bool tls_ = false;
   std::atomic<bool> stopped_{false};

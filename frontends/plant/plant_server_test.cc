@@ -16,8 +16,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -27,6 +31,7 @@
 #include "instrument/tcp/link_key.h"
 #include "resultsdb/station_status.h"
 #include "resultsdb/store_test_support.h"
+#include "station_publisher.h"
 
 namespace tavrix::plant {
 namespace {
@@ -635,6 +640,168 @@ TEST_F(PlantServerTest, TheLivePageFollowsAHeldRunAndOnlyAControlTokenFromThisSi
   o.controlTokenFile = Path("control.key");
   Start(o);
   EXPECT_EQ(post(asControl, "run=" + id + "&action=stop"), 403);
+}
+
+// A run whose results go to a plant's server publishes its station there by
+// itself, with no `serve` on the station: its run while it runs, and a last
+// word without it when it ends. A run with the station's database file
+// publishes nothing.
+TEST_F(PlantServerTest, ARunPublishesItsStationIntoAPlantsServerWithoutServe) {
+  std::string reason;
+  if (testing::SharedServer(&reason) == nullptr) GTEST_SKIP() << reason;
+  const std::string store = testing::FreshPostgresDatabase();
+  ASSERT_FALSE(store.empty());
+  std::mutex mutex;
+  std::condition_variable published;
+  std::vector<StationStatus> seen;
+  StationPublisher::SetPublishedHook([&](const StationStatus& status) {
+    std::lock_guard guard(mutex);
+    seen.push_back(status);
+    published.notify_all();
+  });
+  struct Unhook {
+    ~Unhook() { StationPublisher::SetPublishedHook(nullptr); }
+  } unhook;
+  auto until = [&](const std::function<bool(const StationStatus&)>& what) {
+    std::unique_lock lock(mutex);
+    return published.wait_for(lock, std::chrono::seconds(20),
+                              [&] { return !seen.empty() && what(seen.back()); });
+  };
+
+  const std::string setup = File("rig.ims", "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
+  const std::string seq = File("main.wts", "SEND OUT, 5\r\nWAITSECONDS 10\r\nWAITSECONDS 10\r\n");
+  int pipeFds[2];
+  ASSERT_EQ(::pipe(pipeFds), 0);
+  std::FILE* errWrite = ::fdopen(pipeFds[1], "w");
+  std::FILE* errRead = ::fdopen(pipeFds[0], "r");
+  Captured out;
+  int status = -1;
+  const long long before = std::time(nullptr);
+  std::thread run([&] {
+    status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
+                            "--break", "2", "--results-store", store, "--station", "LINE9", seq},
+                           nullptr, out.stream(), errWrite);
+    std::fclose(errWrite);
+  });
+  char buffer[4096];
+  ASSERT_NE(std::fgets(buffer, sizeof buffer, errRead), nullptr);
+  const std::string held = buffer;
+  const size_t at = held.find("ctl ") + 4;
+  const std::string id = held.substr(at, held.find(' ', at) - at);
+  EXPECT_TRUE(until([&](const StationStatus& s) {
+    return s.station == "LINE9" && s.runs.find("\"id\":\"" + id + "\"") != std::string::npos &&
+           s.runs.find("\"state\":\"held\"") != std::string::npos;
+  }));
+
+  // What the plant page reads.
+  std::string error;
+  StoreSpec spec;
+  ASSERT_TRUE(ParseStoreSpec(store, Home(), spec, &error)) << error;
+  auto direct = OpenResultsStore(spec, &error);
+  ASSERT_TRUE(direct) << error;
+  std::vector<StationStatus> stations;
+  ASSERT_TRUE(ReadStationStatus(*direct, stations, &error)) << error;
+  ASSERT_EQ(stations.size(), 1u);
+  EXPECT_EQ(stations[0].station, "LINE9");
+  EXPECT_THAT(stations[0].runs, HasSubstr("\"id\":\"" + id + "\""));
+  EXPECT_THAT(stations[0].runs, HasSubstr("\"line\":2"));
+  EXPECT_GE(stations[0].heartbeat, before);
+  EXPECT_LE(stations[0].heartbeat, std::time(nullptr));
+  now_ = std::time(nullptr);
+  Start(Options(store));
+  std::string page = Get("/plant");
+  EXPECT_THAT(page, HasSubstr("<h2>LINE9</h2><p class=\"state-running\">online</p>"));
+  EXPECT_THAT(page, HasSubstr("<td>" + id + "</td>"));
+
+  // The run goes on to its end; its last word leaves it out.
+  EXPECT_EQ(Cli({"ctl", id, "resume"}), kExitOk) << err_;
+  run.join();
+  std::fclose(errRead);
+  EXPECT_EQ(status, kExitOk);
+  {
+    std::lock_guard guard(mutex);
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back().runs, "[]");
+  }
+  ASSERT_TRUE(ReadStationStatus(*direct, stations, &error)) << error;
+  ASSERT_EQ(stations.size(), 1u);
+  EXPECT_EQ(stations[0].runs, "[]");
+  page = Get("/plant");
+  EXPECT_THAT(page, HasSubstr("<h2>LINE9</h2><p class=\"state-running\">online</p><p>No run is "
+                              "going.</p>"));
+}
+
+TEST_F(PlantServerTest, ARunWithTheStationsDatabaseFilePublishesNothing) {
+  std::atomic<int> publications{0};
+  StationPublisher::SetPublishedHook([&](const StationStatus&) { ++publications; });
+  struct Unhook {
+    ~Unhook() { StationPublisher::SetPublishedHook(nullptr); }
+  } unhook;
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  std::string error;
+  StoreSpec spec;
+  ASSERT_TRUE(ParseStoreSpec("", Home(), spec, &error)) << error;
+  auto store = OpenResultsStore(spec, &error);
+  ASSERT_TRUE(store) << error;
+  std::vector<StationStatus> stations;
+  ASSERT_TRUE(ReadStationStatus(*store, stations, &error)) << error;
+  EXPECT_TRUE(stations.empty());
+  EXPECT_EQ(publications, 0);
+}
+
+// A unit's page links to the results files written for it, served from the
+// results folder only: a file the store names outside it, or a link inside
+// that leads out, is refused, whatever the store says.
+TEST_F(PlantServerTest, AUnitsResultsFilesAreServedFromTheResultsFolderOnly) {
+  // The example writes its results files into the folder it runs in.
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  const testing::TempFolder elsewhere;
+  const std::string secret = elsewhere.file("secret.txt");
+  { std::ofstream(secret) << "not for the page"; }
+  fs::create_symlink(secret, Path("leads-out.txt"));
+  std::string error;
+  {
+    StoreSpec spec;
+    ASSERT_TRUE(ParseStoreSpec("", Home(), spec, &error)) << error;
+    auto store = OpenResultsStore(spec, &error);
+    ASSERT_TRUE(store) << error;
+    StoredUut evil = testing::SampleUut("evil", "666", "2026-11-15 15:00:00");
+    evil.files = {Path("../" + fs::path(elsewhere.path()).filename().string() + "/secret.txt"),
+                  Path("leads-out.txt"), Path("gone.txt"), secret};
+    ASSERT_TRUE(store->record({evil}, &error)) << error;
+  }
+  ServerOptions o = Options();
+  o.resultsFolder = Path("");
+  Start(o);
+
+  // The example's failed unit: its summary and details files.
+  std::string page = Get("/units?serial=1235");
+  const size_t at = page.find("/unit?key=");
+  ASSERT_NE(at, std::string::npos);
+  const std::string unitPath = page.substr(at, page.find('"', at) - at);
+  page = Get(unitPath);
+  ASSERT_THAT(page, HasSubstr("<ul id=\"files\">"));
+  EXPECT_EQ(Count(page, "/file?key="), 2u) << page;
+  const size_t link = page.find("/file?key=");
+  std::string filePath = page.substr(link, page.find('"', link) - link);
+  for (size_t amp; (amp = filePath.find("&amp;")) != std::string::npos;)
+    filePath.replace(amp, 5, "&");
+  EXPECT_THAT(Get(filePath), HasSubstr("1235"));
+
+  page = Get("/unit?key=evil");
+  EXPECT_EQ(Count(page, "/file?key="), 0u);
+  EXPECT_EQ(Count(page, "(outside the results folder)"), 3u);
+  EXPECT_THAT(page, HasSubstr("gone.txt (not here)"));
+  for (int n : {1, 2, 4}) {
+    EXPECT_THAT(Get("/file?key=evil&n=" + std::to_string(n), 403),
+                Not(HasSubstr("not for the page")));
+  }
+  Get("/file?key=evil&n=3", 404);
+  Get("/file?key=evil&n=5", 404);
+  Get("/file?key=../../etc/passwd&n=1", 404);
+  Get("/file?key=evil&n=0", 400);
+  Get("/file?key=evil&n=..%2Fsecret.txt", 400);
+  Get("/file", 400);
 }
 
 }  // namespace

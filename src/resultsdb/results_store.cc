@@ -120,6 +120,18 @@ std::string UutFilterSql(const UutFilter& filter, SqlParams& params, const char*
   return where;
 }
 
+bool SqlResultsStore::files(const std::string& key, std::vector<std::string>& out,
+                            std::string* error) {
+  SqlRows rows;
+  if (!connection_->exec("SELECT path FROM uut_file WHERE uut_key = $1 ORDER BY position", {key},
+                         &rows, nullptr, error)) {
+    return false;
+  }
+  out.clear();
+  for (auto& row : rows) out.push_back(std::move(row[0]));
+  return true;
+}
+
 bool SqlResultsStore::count(const UutFilter& filter, long& out, std::string* error) {
   SqlParams params;
   SqlRows rows;
@@ -210,6 +222,13 @@ bool SqlResultsStore::recordOne(const StoredUut& original, std::string* error) {
     return false;
   }
   if (changed == 0) return true;  // written before: its checks are there too
+  for (size_t i = 0; i < uut.files.size(); ++i) {
+    if (!connection_->exec("INSERT INTO uut_file (uut_key, position, path) VALUES ($1, $2, $3)",
+                           {uut.key, std::to_string(i + 1), uut.files[i]}, nullptr, nullptr,
+                           error)) {
+      return false;
+    }
+  }
   for (size_t first = 0; first < uut.checks.size(); first += kChecksPerStatement) {
     const size_t count = std::min(kChecksPerStatement, uut.checks.size() - first);
     std::string& sql = insertChecks_[count];

@@ -98,6 +98,8 @@ class SqlResultsStore : public ResultsStore {
   bool list(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool fetch(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) override;
+  // The results files of the record `key`, in the order they were written.
+  bool files(const std::string& key, std::vector<std::string>& out, std::string* error);
   // How many records the filter takes (its limit and offset left aside).
   bool count(const UutFilter& filter, long& out, std::string* error);
   std::string describe() const override { return connection_->describe(); }
