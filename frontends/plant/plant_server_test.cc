@@ -29,6 +29,7 @@
 #include "cli_test_support.h"
 #include "control_socket.h"
 #include "instrument/tcp/link_key.h"
+#include "panel/plant_view_launcher.h"
 #include "resultsdb/station_status.h"
 #include "resultsdb/store_test_support.h"
 #include "station_publisher.h"
@@ -802,6 +803,44 @@ TEST_F(PlantServerTest, AUnitsResultsFilesAreServedFromTheResultsFolderOnly) {
   Get("/file?key=evil&n=0", 400);
   Get("/file?key=evil&n=..%2Fsecret.txt", 400);
   Get("/file", 400);
+}
+
+// The window's plant view: serve started as a child on loopback for the
+// window's store, found where it says it serves, and gone when stopped.
+TEST_F(PlantServerTest, TheWindowsLauncherStartsServeOnLoopbackAndStopsIt) {
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  EXPECT_EQ(PlantViewLauncher::ViewAddress(
+                "tavrix-cli serve: the plant view is at http://127.0.0.1:4711/ (results store x)"),
+            "http://127.0.0.1:4711/");
+  EXPECT_EQ(PlantViewLauncher::ViewAddress("the plant view is at http://10.0.0.5:80/ (x)"), "");
+  EXPECT_EQ(PlantViewLauncher::ViewAddress("something else"), "");
+
+  PlantViewLauncher launcher;
+  std::string error;
+  const std::string url = launcher.start(
+      TAVRIX_CLI_PROGRAM, PlantViewLauncher::ServeArguments("sqlite:" + Home() + "/results.sqlite"),
+      &error);
+  ASSERT_FALSE(url.empty()) << error;
+  EXPECT_TRUE(launcher.running());
+  EXPECT_EQ(launcher.start(TAVRIX_CLI_PROGRAM, {"never", "run"}, &error), url);  // already there
+  const int port = std::stoi(url.substr(std::string("http://127.0.0.1:").size()));
+  httplib::Client viewer("127.0.0.1", port);
+  viewer.set_read_timeout(20);
+  auto res = viewer.Get("/units");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_THAT(res->body, HasSubstr("2 units"));
+  launcher.stop();
+  EXPECT_FALSE(launcher.running());
+  EXPECT_FALSE(viewer.Get("/units"));  // nothing listens there any more
+
+  // A store that cannot be served: what serve said, and nothing left running.
+  EXPECT_EQ(launcher.start(TAVRIX_CLI_PROGRAM, PlantViewLauncher::ServeArguments("off"), &error),
+            "");
+  EXPECT_THAT(error, HasSubstr("the results store is off"));
+  EXPECT_FALSE(launcher.running());
+  EXPECT_EQ(launcher.start(Path("no-such-program"), {}, &error), "");
+  EXPECT_FALSE(error.empty());
 }
 
 }  // namespace
