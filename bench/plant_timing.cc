@@ -2,7 +2,8 @@
 // each of eight runs going at once, each with its control socket, while 50
 // viewers follow the live page's stream of their events. The server and its
 // live view read the runs through their sockets on threads of their own;
-// this shows that they do not hold the runs up.
+// this shows that they do not hold the runs up. `plant_station` does the
+// same with one station of eight test sockets (tavrix-cli run --station).
 
 #include <httplib.h>
 #include <stdlib.h>

@@ -62,21 +62,23 @@ bool CheckReadings(SqlResultsStore& store, const std::string& parameter, int ste
   if (!where.empty()) sql += " AND c.uut_key IN (SELECT uut_key FROM uut" + where + ")";
   sql += " ORDER BY c.ended_at DESC, c.uut_key DESC, c.position DESC";
   if (filter.limit > 0) sql += " LIMIT " + std::to_string(filter.limit);
-  SqlRows rows;
-  if (!store.connection().exec(sql, params, &rows, nullptr, error)) return false;
+  // Taken newest first as the index gives them, and turned oldest first.
   out.clear();
-  out.reserve(rows.size());
-  for (auto it = rows.rbegin(); it != rows.rend(); ++it) {
-    auto& row = *it;
-    CheckReading r;
-    r.endedAt = std::move(row[0]);
-    r.key = std::move(row[1]);
-    r.value = std::strtod(row[2].c_str(), nullptr);
-    r.lower = std::move(row[3]);
-    r.upper = std::move(row[4]);
-    r.passed = row[5] == "Pass";
-    out.push_back(std::move(r));
+  if (!store.connection().each(
+          sql, params,
+          [&out](const SqlRowView& row) {
+            CheckReading& r = out.emplace_back();
+            r.endedAt = row.text(0);
+            r.key = row.text(1);
+            r.value = row.number(2);
+            r.lower = row.text(3);
+            r.upper = row.text(4);
+            r.passed = row.text(5) == "Pass";
+          },
+          error)) {
+    return false;
   }
+  std::reverse(out.begin(), out.end());
   return true;
 }
 

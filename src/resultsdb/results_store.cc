@@ -143,6 +143,27 @@ bool SqlResultsStore::count(const UutFilter& filter, long& out, std::string* err
   return true;
 }
 
+bool SqlConnection::each(std::string_view sql, const SqlParams& params,
+                         const std::function<void(const SqlRowView&)>& each, std::string* error) {
+  // Text rows, converted: what a connection without a faster way does.
+  class TextRow : public SqlRowView {
+   public:
+    const std::vector<std::string>* row = nullptr;
+    std::string_view text(int column) const override { return (*row)[column]; }
+    double number(int column) const override {
+      return std::strtod((*row)[column].c_str(), nullptr);
+    }
+  };
+  SqlRows rows;
+  if (!exec(sql, params, &rows, nullptr, error)) return false;
+  TextRow view;
+  for (const auto& row : rows) {
+    view.row = &row;
+    each(view);
+  }
+  return true;
+}
+
 const std::vector<Migration>& SchemaMigrations() { return kMigrations; }
 
 SqlResultsStore::SqlResultsStore(std::unique_ptr<SqlConnection> connection)
