@@ -3,7 +3,9 @@
 // list (first page, and filtered), one unit's page, a check's page with its
 // Cpk, charts and all over 100,000 readings, the Cpk figures alone, and the
 // live page, and the plant page of 50 stations of eight sockets each. The
-// store is a database file, filled once before the first measurement.
+// store is a database file, or (the ...Postgres measurements) a throwaway
+// database server of the benchmark's own, each filled once before its first
+// measurement.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -15,6 +17,7 @@
 #include "resultsdb/results_analytics.h"
 #include "resultsdb/results_store.h"
 #include "resultsdb/station_status.h"
+#include "resultsdb/throwaway_postgres.h"
 
 namespace {
 
@@ -25,13 +28,24 @@ constexpr int kChecksPerUnit = 10;
 
 struct PlantStore {
   ScratchFolder folder;
+  std::unique_ptr<ThrowawayPostgres> postgres;
   std::unique_ptr<plant::Server> server;
   StoreSpec spec;
 
-  PlantStore() {
-    spec.kind = StoreSpec::Kind::kSqlite;
-    spec.target = folder.path() + "/results.sqlite";
+  explicit PlantStore(bool onServer) {
     std::string error;
+    if (onServer) {
+      postgres = std::make_unique<ThrowawayPostgres>();
+      if (!postgres->start(&error) || !postgres->createDatabase("plant", &error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        std::abort();
+      }
+      spec.kind = StoreSpec::Kind::kPostgres;
+      spec.target = postgres->conninfo("plant");
+    } else {
+      spec.kind = StoreSpec::Kind::kSqlite;
+      spec.target = folder.path() + "/results.sqlite";
+    }
     auto store = OpenResultsStore(spec, &error);
     if (!store) {
       std::fprintf(stderr, "%s\n", error.c_str());
@@ -103,14 +117,19 @@ struct PlantStore {
   }
 };
 
-PlantStore& Store() {
-  static PlantStore store;
-  return store;
+// The database file, or the server.
+PlantStore& Store(bool onServer) {
+  if (onServer) {
+    static PlantStore server(true);
+    return server;
+  }
+  static PlantStore file(false);
+  return file;
 }
 
-void Page(benchmark::State& state, const std::string& path,
+void Page(benchmark::State& state, bool onServer, const std::string& path,
           const std::multimap<std::string, std::string>& query) {
-  PlantStore& s = Store();
+  PlantStore& s = Store(onServer);
   size_t bytes = 0;
   for (auto _ : state) {
     const plant::Reply reply = s.server->page(path, query);
@@ -121,20 +140,37 @@ void Page(benchmark::State& state, const std::string& path,
   state.counters["page_bytes"] = static_cast<double>(bytes);
 }
 
-void BM_PlantUnitList(benchmark::State& state) { Page(state, "/units", {}); }
-void BM_PlantUnitListByStation(benchmark::State& state) {
-  Page(state, "/units", {{"station", "rig-3"}, {"from", "2026-05-01"}});
+void BM_PlantUnitList(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/units", {});
 }
-void BM_PlantUnitListLastPage(benchmark::State& state) { Page(state, "/units", {{"page", "100"}}); }
-void BM_PlantUnitPage(benchmark::State& state) { Page(state, "/unit", {{"key", "unit-54321"}}); }
-void BM_PlantCheckPage100k(benchmark::State& state) {
-  Page(state, "/check", {{"name", "Flow"}, {"step", "1"}});
+void BM_PlantUnitListByStation(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/units", {{"station", "rig-3"}, {"from", "2026-05-01"}});
 }
-void BM_PlantLivePage(benchmark::State& state) { Page(state, "/live", {}); }
-void BM_PlantStationsPage(benchmark::State& state) { Page(state, "/plant", {}); }
+void BM_PlantUnitListLastPage(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/units", {{"page", "100"}});
+}
+// The last page as its links reach it: from the record next to it.
+void BM_PlantUnitListOldest(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/units", {{"oldest", "1"}});
+}
+void BM_PlantUnitListOlderThan(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/units", {{"older", "unit-1000"}});
+}
+void BM_PlantUnitPage(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/unit", {{"key", "unit-54321"}});
+}
+void BM_PlantCheckPage100k(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/check", {{"name", "Flow"}, {"step", "1"}});
+}
+void BM_PlantLivePage(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/live", {});
+}
+void BM_PlantStationsPage(benchmark::State& state, bool onServer) {
+  Page(state, onServer, "/plant", {});
+}
 
-void BM_PlantCpk100k(benchmark::State& state) {
-  PlantStore& s = Store();
+void BM_PlantCpk100k(benchmark::State& state, bool onServer) {
+  PlantStore& s = Store(onServer);
   std::string error;
   auto store = OpenResultsStore(s.spec, &error);
   for (auto _ : state) {
@@ -146,13 +182,22 @@ void BM_PlantCpk100k(benchmark::State& state) {
   }
 }
 
-BENCHMARK(BM_PlantUnitList)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantUnitListByStation)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantUnitListLastPage)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantUnitPage)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantCpk100k)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantCheckPage100k)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantLivePage)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlantStationsPage)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitList, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitListByStation, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitListLastPage, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitListOldest, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitListOlderThan, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitPage, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantCpk100k, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantCheckPage100k, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantLivePage, File, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantStationsPage, File, false)->Unit(benchmark::kMillisecond);
+// The same on a plant's database server.
+BENCHMARK_CAPTURE(BM_PlantUnitList, Postgres, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitListOldest, Postgres, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantUnitPage, Postgres, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantCpk100k, Postgres, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantCheckPage100k, Postgres, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PlantStationsPage, Postgres, true)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -38,6 +38,9 @@
 #include "sequencer/sequence_file.h"
 #include "simulated_devices.h"
 #include "station_run.h"
+#ifndef _WIN32
+#include "station_publisher.h"
+#endif
 #include "terminal_keys.h"
 #include "terminal_view.h"
 
@@ -319,9 +322,10 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   // Questions may also be answered through the control socket.
   AnswerRelay answers(takeKeys ? static_cast<Operator&>(keys) : view);
   config.op = &answers;
+  const std::string storeSetting = options.resultsStore.value_or(settings.resultsStore);
+  const std::string stationName = options.station.value_or(settings.station);
   config.resultsStore = EngineConfig::ResultsStore{
-      options.resultsStore.value_or(settings.resultsStore),
-      options.station.value_or(settings.station),
+      storeSetting, stationName,
       [err](const std::string& text) { std::fprintf(err, "tavrix-cli: %s\n", text.c_str()); }};
   config.settings = std::move(settings);
   config.link = link;
@@ -443,6 +447,15 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (options.controlSocket)
     control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
   if (takeKeys) control.takeKeys(keys, in, view);
+#ifndef _WIN32
+  // With a plant's database server for a store, the station's runs are
+  // published into it while this one runs (the plant page shows them).
+  std::unique_ptr<plant::RunPublishing> publishing;
+  if (options.controlSocket) {
+    publishing = plant::RunPublishing::Start(storeSetting, engine.files().dataRoot(), stationName);
+    if (publishing) publishing->ranHere(control.runId());
+  }
+#endif
 
   // The results store: records wait in a journal in the data root and are
   // written by the recorder's thread, never by the engine's.

@@ -22,6 +22,9 @@ namespace tavrix {
 ServeCommand::ServeCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "serve", "Serve the plant view: live runs, results and analytics in a browser");
+  command_->add_option("--results-folder", options_.resultsFolder,
+                       "The folder the units' results files are served from (default: the data "
+                       "root); files elsewhere are not served");
   command_->add_option("--listen", options_.listen,
                        "HOST:PORT to listen on (default 127.0.0.1:8080); an address other than "
                        "loopback needs --tls-cert, --tls-key and --token-file");
@@ -71,6 +74,7 @@ std::optional<int> ServeCommand::run(std::FILE* out, std::FILE* err) {
   options.listen = o.listen;
   options.runsFolder = RunsFolder(root);
   options.auditLog = join(root, "plant-audit.log");
+  options.resultsFolder = o.resultsFolder.empty() ? root : o.resultsFolder;
   options.tlsCert = o.tlsCert;
   options.tlsKey = o.tlsKey;
   options.tokenFile = o.tokenFile;

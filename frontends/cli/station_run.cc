@@ -25,6 +25,9 @@
 #include "station_link.h"
 #include "station_time.h"
 #include "terminal_view.h"
+#ifndef _WIN32
+#include "station_publisher.h"
+#endif
 
 namespace tavrix {
 
@@ -363,6 +366,10 @@ struct StationShared {
   std::unique_ptr<SharedBackend> simRig;  // the simulated rig, one for all
   // Where sockets without an answers file ask, when the input is a terminal.
   std::unique_ptr<QuestionDesk> desk;
+#ifndef _WIN32
+  // The station's runs published into a plant's database server.
+  std::unique_ptr<plant::RunPublishing> publishing;
+#endif
 
   // Stop requests (Ctrl+C, SIGTERM, a closed terminal) reach every socket
   // whose engine is running, as the window's close request does.
@@ -477,6 +484,9 @@ int RunSocket(StationShared& shared, size_t index) {
 
   RunControl control(*engine, shared.err);
   if (options.controlSocket) control.openSocket(sequence, socket.name);
+#ifndef _WIN32
+  if (shared.publishing) shared.publishing->ranHere(control.runId());
+#endif
   if (!engine->feedResultsStore(&error)) return fail("--results-store: " + error);
 
   EndReason reason;
@@ -623,6 +633,13 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
   const platform::StopRequests stopRequests([&shared](int) { shared.stopAll(); });
   if (in != nullptr && platform::isTerminal(in))
     shared.desk = std::make_unique<QuestionDesk>(in, err, view);
+#ifndef _WIN32
+  if (options.controlSocket) {
+    shared.publishing = plant::RunPublishing::Start(
+        options.resultsStore.value_or(shared.settings.resultsStore), files.dataRoot(),
+        station.name.empty() ? DefaultStationName() : station.name);
+  }
+#endif
   std::vector<int> statuses(station.sockets.size(), kExitUsage);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < station.sockets.size(); ++i) {

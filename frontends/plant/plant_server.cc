@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -23,8 +24,11 @@
 #include "plant_html.h"
 #include "resultsdb/results_analytics.h"
 #include "resultsdb/station_status.h"
+#include "station_publisher.h"
 
 namespace tavrix::plant {
+
+namespace fs = std::filesystem;
 
 using nlohmann::json;
 using Query = std::multimap<std::string, std::string>;
@@ -33,6 +37,8 @@ namespace {
 
 constexpr int kPageRows = 1000;
 constexpr int kLastPage = 1000000;
+// A results file larger than this is not shown (they are a few kilobytes).
+constexpr uintmax_t kLargestServedFile = 64ull << 20;
 constexpr size_t kLongestParameter = 256;
 constexpr size_t kMostLiveViewers = 200;
 constexpr const char* kCookie = "tavrix_session";
@@ -326,44 +332,24 @@ class Server::Impl {
     }
     monitor_ = std::make_unique<LiveMonitor>(options_.runsFolder, options_.liveScanMs);
     thread_ = std::thread([this] { server_->listen_after_bind(); });
-    if (!options_.station.empty()) publisher_ = std::thread([this] { publishLoop(); });
+    if (!options_.station.empty()) {
+      PublisherOptions publishing;
+      publishing.store = options_.store;
+      publishing.station = options_.station;
+      publishing.heartbeatSeconds = options_.publishSeconds;
+      publishing.now = options_.now;
+      publisher_ = std::make_unique<StationPublisher>(publishing, *monitor_);
+      publisher_->start();
+    }
     return true;
   }
 
-  // The station's runs into the store, for the plant page of every station.
   bool publish(std::string* error) {
-    json runs = json::array();
-    const json snapshot = monitor_->snapshot();
-    for (const auto& run : snapshot["runs"]) {
-      json brief = json::object();
-      for (const char* key :
-           {"id", "sequence", "socket", "state", "line", "last_serial", "last_verdict", "end"}) {
-        if (run.contains(key)) brief[key] = run[key];
-      }
-      runs.push_back(brief);
-    }
-    try {
-      Lease store(*this);
-      if (!PublishStationStatus(*store, {options_.station, ScriptJson(runs), options_.now()},
-                                error)) {
-        store.fail(error ? *error : "");
-      }
-    } catch (const StoreFailure& failure) {
-      if (error) *error = failure.what;
+    if (!publisher_) {
+      if (error) *error = "this server publishes no station's runs";
       return false;
     }
-    return true;
-  }
-
-  void publishLoop() {
-    std::unique_lock lock(waitMutex_);
-    while (!stopped_) {
-      lock.unlock();
-      publish(nullptr);  // a store that is away now is tried again next time
-      lock.lock();
-      waitCv_.wait_for(lock, std::chrono::seconds(options_.publishSeconds),
-                       [&] { return stopped_.load(); });
-    }
+    return publisher_->publishNow(error);
   }
 
   void stop() {
@@ -372,8 +358,8 @@ class Server::Impl {
       if (stopped_.exchange(true)) return;
       waitCv_.notify_all();
     }
-    if (publisher_.joinable()) publisher_.join();
     if (monitor_) monitor_->stop();
+    if (publisher_) publisher_->stop(false);
     if (server_) server_->stop();
     if (thread_.joinable()) thread_.join();
   }
@@ -390,6 +376,7 @@ class Server::Impl {
     try {
       if (path == "/" || path == "/units") return units(q);
       if (path == "/unit") return unit(q);
+      if (path == "/file") return file(q);
       if (path == "/analytics") return analytics(q);
       if (path == "/check") return check(q);
       if (path == "/live") return live(false, "");
@@ -469,27 +456,69 @@ class Server::Impl {
 
   // ---- pages -------------------------------------------------------------
 
+  // The end of the record `key`, for paging from it; BadInput when there is
+  // no such record.
+  std::string EndOf(SqlResultsStore& store, const std::string& key, const std::string& param) {
+    UutFilter one;
+    one.key = key;
+    std::vector<StoredUut> found;
+    std::string error;
+    if (!store.list(one, found, &error)) throw StoreFailure{error};
+    if (found.empty()) throw BadInput{param + " names no unit's record"};
+    return found.front().endedAt;
+  }
+
+  // Units newest first, a page at a time. A page is reached from the record
+  // next to it (older=KEY: the units older than that one, newer=KEY: those
+  // just newer, oldest=1: the last page), so the last page of a long list
+  // costs what the first does; page=N still passes over N - 1 pages.
   Reply units(const Query& q) {
     UutFilter filter = FilterOf(q);
     const int page = WholeParam(q, "page", 1, 1, kLastPage);
+    const std::string older = Param(q, "older");
+    const std::string newer = Param(q, "newer");
+    const bool oldest = WholeParam(q, "oldest", 0, 0, 1) == 1;
+    if ((older.empty() ? 0 : 1) + (newer.empty() ? 0 : 1) + (oldest ? 1 : 0) + (page > 1 ? 1 : 0) >
+        1) {
+      throw BadInput{"page, older, newer and oldest do not go together"};
+    }
     Lease store(*this);
     std::string error;
     long total = 0;
     if (!store->count(filter, total, &error)) store.fail(error);
-    filter.limit = kPageRows;
-    filter.offset = (page - 1) * kPageRows;
+    UutFilter shown = filter;
+    shown.limit = kPageRows;
+    if (!older.empty()) {
+      shown.olderEnded = EndOf(*store, older, "older");
+      shown.olderKey = older;
+    } else if (!newer.empty()) {
+      shown.newerEnded = EndOf(*store, newer, "newer");
+      shown.newerKey = newer;
+      shown.oldestFirst = true;
+    } else if (oldest) {
+      shown.oldestFirst = true;
+    } else {
+      shown.offset = (page - 1) * kPageRows;
+    }
     std::vector<StoredUut> uuts;
-    if (!store->list(filter, uuts, &error)) store.fail(error);
+    if (!store->list(shown, uuts, &error)) store.fail(error);
+    // Where the page starts in the whole list: the units newer than its first.
+    long before = shown.offset;
+    if (!uuts.empty() && shown.offset == 0) {
+      UutFilter newerThanFirst = filter;
+      newerThanFirst.newerEnded = uuts.front().endedAt;
+      newerThanFirst.newerKey = uuts.front().key;
+      if (!store->count(newerThanFirst, before, &error)) store.fail(error);
+    }
+    const long after = before + static_cast<long>(uuts.size());
     const std::string carried = FilterQuery(q);
     std::string body = SearchForm(q, "/units", true);
-    const long first = total == 0 ? 0 : filter.offset + 1;
-    body +=
-        "<p id=\"count\">" + std::to_string(total) + " units" +
-        (total > 0 ? ", " + std::to_string(first) + " to " +
-                         std::to_string(filter.offset + static_cast<long>(uuts.size())) + " shown"
-                   : "") +
-        ". <a href=\"/units.csv" + (carried.empty() ? "" : "?" + carried) +
-        "\">Export as CSV</a></p>";
+    body += "<p id=\"count\">" + std::to_string(total) + " units" +
+            (uuts.empty()
+                 ? ""
+                 : ", " + std::to_string(before + 1) + " to " + std::to_string(after) + " shown") +
+            ". <a href=\"/units.csv" + (carried.empty() ? "" : "?" + carried) +
+            "\">Export as CSV</a></p>";
     body +=
         "<table id=\"units\"><tr><th>Ended</th><th>Station</th><th>Test</th><th>Serial</th>"
         "<th>Verdict</th><th>Checks</th><th>Failed</th></tr>";
@@ -501,10 +530,20 @@ class Server::Impl {
               std::to_string(u.failedCount) + "</td></tr>";
     }
     body += "</table><p>";
-    const std::string base = "/units?" + (carried.empty() ? "" : carried + "&") + "page=";
-    if (page > 1) body += "<a href=\"" + base + std::to_string(page - 1) + "\">Newer</a> ";
-    if (filter.offset + static_cast<long>(uuts.size()) < total)
-      body += "<a href=\"" + base + std::to_string(page + 1) + "\" id=\"older\">Older</a>";
+    const std::string base = "/units?" + (carried.empty() ? "" : carried + "&");
+    if (before > 0) {
+      body += "<a href=\"" + (carried.empty() ? std::string("/units") : "/units?" + carried) +
+              "\" id=\"newest\">Newest</a> ";
+      if (!uuts.empty())
+        body +=
+            "<a href=\"" + base + "newer=" + Url(uuts.front().key) + "\" id=\"newer\">Newer</a> ";
+    }
+    if (after < total) {
+      if (!uuts.empty())
+        body +=
+            "<a href=\"" + base + "older=" + Url(uuts.back().key) + "\" id=\"older\">Older</a> ";
+      body += "<a href=\"" + base + "oldest=1\" id=\"oldest\">Oldest</a>";
+    }
     body += "</p>";
     return {200, "text/html; charset=utf-8", Page("Units", "Results", body)};
   }
@@ -556,7 +595,80 @@ class Server::Impl {
               "<td>" + Html(c.message) + "</td></tr>";
     }
     body += "</table>";
+    std::vector<std::string> files;
+    if (!store->files(u.key, files, &error)) store.fail(error);
+    if (!files.empty()) {
+      body += "<h2>Results files</h2><ul id=\"files\">";
+      for (size_t i = 0; i < files.size(); ++i) {
+        const std::string name = fs::path(files[i]).filename().string();
+        std::string why;
+        if (ServedFile(files[i], &why).empty()) {
+          body += "<li>" + Html(name) + " (" + Html(why) + ")</li>";
+        } else {
+          body += "<li><a href=\"/file?key=" + Url(u.key) + "&n=" + std::to_string(i + 1) + "\">" +
+                  Html(name) + "</a></li>";
+        }
+      }
+      body += "</ul>";
+    }
     return {200, "text/html; charset=utf-8", Page("Unit " + u.serial, "Results", body)};
+  }
+
+  // The file the store names as it will be served: its real path when it is
+  // a file inside the results folder (links followed), else empty with why.
+  std::string ServedFile(const std::string& named, std::string* why) const {
+    std::error_code ec;
+    if (options_.resultsFolder.empty()) {
+      *why = "no results folder is served";
+      return {};
+    }
+    const fs::path folder = fs::canonical(options_.resultsFolder, ec);
+    if (ec) {
+      *why = "the results folder is not there";
+      return {};
+    }
+    const fs::path file = fs::canonical(named, ec);
+    if (ec || !fs::is_regular_file(file, ec)) {
+      *why = "not here";
+      return {};
+    }
+    const auto [inFolder, inFile] =
+        std::mismatch(folder.begin(), folder.end(), file.begin(), file.end());
+    if (inFolder != folder.end() || inFile == file.end()) {
+      *why = "outside the results folder";
+      return {};
+    }
+    return file.string();
+  }
+
+  // One of a unit's results files, by the unit's key and the file's number:
+  // never by a name the client gives.
+  Reply file(const Query& q) {
+    const std::string key = Param(q, "key");
+    if (key.empty()) throw BadInput{"key names the unit's record"};
+    const int n = WholeParam(q, "n", 1, 1, 1000);
+    std::vector<std::string> files;
+    {
+      Lease store(*this);
+      std::string error;
+      if (!store->files(key, files, &error)) store.fail(error);
+    }
+    if (static_cast<size_t>(n) > files.size())
+      return ErrorPage(404, "The unit has no results file " + std::to_string(n) + ".");
+    std::string why;
+    const std::string path = ServedFile(files[n - 1], &why);
+    if (path.empty()) {
+      return ErrorPage(why == "outside the results folder" ? 403 : 404,
+                       "The results file " + files[n - 1] + " is " + why + ".");
+    }
+    std::error_code ec;
+    if (fs::file_size(path, ec) > kLargestServedFile || ec)
+      return ErrorPage(413, "The results file is too large to show here.");
+    std::string text;
+    if (!localFiles().readFile(path, text, nullptr))
+      return ErrorPage(404, "The results file " + files[n - 1] + " cannot be read.");
+    const bool xml = fs::path(path).extension() == ".xml";
+    return {200, xml ? "application/xml" : "text/plain; charset=utf-8", std::move(text)};
   }
 
   Reply analytics(const Query& q) {
@@ -907,7 +1019,7 @@ class Server::Impl {
       };
     };
     for (const char* path :
-         {"/", "/units", "/unit", "/analytics", "/check", "/live.json", "/plant"}) {
+         {"/", "/units", "/unit", "/file", "/analytics", "/check", "/live.json", "/plant"}) {
       s.Get(path, guarded([this, path](const httplib::Request& req, httplib::Response& res,
                                        const Principal&) { Send(res, page(path, QueryOf(req))); }));
     }
@@ -998,12 +1110,18 @@ class Server::Impl {
       return Send(res, ErrorPage(400, "The request cannot be answered: " + bad.why + "."));
     }
     res.set_header("Content-Disposition", "attachment; filename=\"units.csv\"");
-    auto offset = std::make_shared<int>(0);
+    // The next page starts after the last record sent, at the same cost on
+    // any page.
+    struct Next {
+      bool first = true;
+      std::string ended, key;
+    };
+    auto next = std::make_shared<Next>();
     res.set_chunked_content_provider(
-        "text/csv; charset=utf-8", [this, filter, offset](size_t, httplib::DataSink& sink) {
+        "text/csv; charset=utf-8", [this, filter, next](size_t, httplib::DataSink& sink) {
           if (stopped_) return false;
           std::string text;
-          if (*offset == 0) {
+          if (next->first) {
             text =
                 "key,station,sequence_file,test_definition,test,version,serial,test_date,"
                 "operators,description,started,ended,verdict,step,row,kind,parameter,channel,"
@@ -1011,7 +1129,8 @@ class Server::Impl {
           }
           UutFilter page = filter;
           page.limit = kPageRows;
-          page.offset = *offset;
+          page.olderEnded = next->ended;
+          page.olderKey = next->key;
           std::vector<StoredUut> uuts;
           std::string error;
           try {
@@ -1037,7 +1156,11 @@ class Server::Impl {
             }
           }
           if (!text.empty() && !sink.write(text.data(), text.size())) return false;
-          *offset += kPageRows;
+          next->first = false;
+          if (!uuts.empty()) {
+            next->ended = uuts.back().endedAt;
+            next->key = uuts.back().key;
+          }
           if (uuts.size() < static_cast<size_t>(kPageRows)) sink.done();
           return true;
         });
@@ -1077,7 +1200,7 @@ class Server::Impl {
   std::unique_ptr<httplib::Server> server_;
   std::unique_ptr<LiveMonitor> monitor_;
   std::thread thread_;
-  std::thread publisher_;
+  std::unique_ptr<StationPublisher> publisher_;
   int port_ = 0;
   bool tls_ = false;
   std::atomic<bool> stopped_{false};

@@ -23,6 +23,9 @@ struct ServerOptions {
   StoreSpec store;
   std::string runsFolder;  // where the runs' control sockets are
   std::string auditLog;    // the file control actions are written to
+  // The folder a unit's results files are served from; a file the store
+  // names elsewhere (or that leads elsewhere by a link) is not served.
+  std::string resultsFolder;
   std::string tlsCert;     // PEM files; both or neither
   std::string tlsKey;
   std::string tokenFile;         // key file of the viewers' token

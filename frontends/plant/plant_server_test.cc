@@ -16,16 +16,23 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "cli_test_support.h"
 #include "control_socket.h"
 #include "instrument/tcp/link_key.h"
+#include "panel/plant_view_launcher.h"
 #include "resultsdb/station_status.h"
 #include "resultsdb/store_test_support.h"
+#include "station_publisher.h"
 
 namespace tavrix::plant {
 namespace {
@@ -243,27 +250,66 @@ TEST_F(PlantServerTest, AThousandRowsAPage) {
     std::vector<StoredUut> batch;
     for (int i = 0; i < 2500; ++i) {
       char ended[32];
-      std::snprintf(ended, sizeof ended, "2026-11-%02d %02d:%02d:%02d", 1 + i / 1000, i / 60 % 24,
-                    i % 60, i % 7);
+      // Two units end at each time: the pages part between records, not times.
+      const int t = i / 2;
+      std::snprintf(ended, sizeof ended, "2026-11-%02d %02d:%02d:%02d", 1 + t / 1000, t / 60 % 24,
+                    t % 60, t % 7);
       batch.push_back(testing::SampleUut("k" + std::to_string(i), "S" + std::to_string(i), ended, 2,
                                          i % 10 == 0));
     }
     ASSERT_TRUE(store->record(batch, &error)) << error;
   }
   Start(Options());
+  // The link of `id` on a page, as a path and query.
+  auto link = [](const std::string& page, const std::string& id) {
+    const auto at = page.find("\" id=\"" + id + "\"");
+    if (at == std::string::npos) return std::string();
+    const auto start = page.rfind("href=\"", at) + 6;
+    std::string href = page.substr(start, at - start);
+    for (size_t amp; (amp = href.find("&amp;")) != std::string::npos;) href.replace(amp, 5, "&");
+    return href;
+  };
+  std::set<std::string> keys;
+  auto collect = [&](const std::string& page) {
+    for (size_t at = 0; (at = page.find("/unit?key=", at)) != std::string::npos;) {
+      at += 10;
+      keys.insert(page.substr(at, page.find('"', at) - at));
+    }
+  };
   std::string page = Get("/units");
   EXPECT_THAT(page, HasSubstr("2500 units, 1 to 1000 shown"));
   EXPECT_EQ(Count(page, "/unit?key="), 1000u);
-  EXPECT_THAT(page, HasSubstr("id=\"older\""));
-  page = Get("/units?page=3");
+  EXPECT_EQ(link(page, "newer"), "");
+  collect(page);
+  page = Get(link(page, "older"));
+  EXPECT_THAT(page, HasSubstr("2500 units, 1001 to 2000 shown"));
+  collect(page);
+  page = Get(link(page, "older"));
   EXPECT_THAT(page, HasSubstr("2500 units, 2001 to 2500 shown"));
   EXPECT_EQ(Count(page, "/unit?key="), 500u);
-  EXPECT_THAT(page, Not(HasSubstr("id=\"older\"")));
-  EXPECT_THAT(page, HasSubstr("page=2\">Newer"));
+  EXPECT_EQ(link(page, "older"), "");
+  EXPECT_EQ(link(page, "oldest"), "");
+  collect(page);
+  EXPECT_EQ(keys.size(), 2500u);  // every unit once, ties or not
+  page = Get(link(page, "newer"));
+  EXPECT_THAT(page, HasSubstr("2500 units, 1001 to 2000 shown"));
+  EXPECT_EQ(link(page, "newest"), "/units");
+  page = Get(link(page, "oldest"));
+  EXPECT_THAT(page, HasSubstr("2500 units, 1501 to 2500 shown"));
+  EXPECT_THAT(page, HasSubstr("key=k0\""));  // the oldest last
+  // A search is kept from page to page.
+  page = Get("/units?verdict=FAIL&oldest=1");
+  EXPECT_THAT(page, HasSubstr("250 units, 1 to 250 shown"));
+  page = Get("/units?verdict=FAIL");
+  EXPECT_EQ(link(page, "older"), "");
+  page = Get("/units?page=3");
+  EXPECT_THAT(page, HasSubstr("2500 units, 2001 to 2500 shown"));
   page = Get("/units?page=4");
   EXPECT_EQ(Count(page, "/unit?key="), 0u);
-  page = Get("/units?verdict=FAIL&page=1");
-  EXPECT_THAT(page, HasSubstr("250 units"));
+  for (const char* bad : {"/units?older=nothing", "/units?newer=k1&older=k2",
+                          "/units?oldest=1&page=2", "/units?oldest=2"}) {
+    EXPECT_THAT(Get(bad, 400), HasSubstr("class=\"error\"")) << bad;
+  }
   const std::string csv = Get("/units.csv");
   EXPECT_EQ(Count(csv, "\r\n"), 1u + 2500u * 2u);
 }
@@ -595,6 +641,206 @@ TEST_F(PlantServerTest, TheLivePageFollowsAHeldRunAndOnlyAControlTokenFromThisSi
   o.controlTokenFile = Path("control.key");
   Start(o);
   EXPECT_EQ(post(asControl, "run=" + id + "&action=stop"), 403);
+}
+
+// A run whose results go to a plant's server publishes its station there by
+// itself, with no `serve` on the station: its run while it runs, and a last
+// word without it when it ends. A run with the station's database file
+// publishes nothing.
+TEST_F(PlantServerTest, ARunPublishesItsStationIntoAPlantsServerWithoutServe) {
+  std::string reason;
+  if (testing::SharedServer(&reason) == nullptr) GTEST_SKIP() << reason;
+  const std::string store = testing::FreshPostgresDatabase();
+  ASSERT_FALSE(store.empty());
+  std::mutex mutex;
+  std::condition_variable published;
+  std::vector<StationStatus> seen;
+  StationPublisher::SetPublishedHook([&](const StationStatus& status) {
+    std::lock_guard guard(mutex);
+    seen.push_back(status);
+    published.notify_all();
+  });
+  struct Unhook {
+    ~Unhook() { StationPublisher::SetPublishedHook(nullptr); }
+  } unhook;
+  auto until = [&](const std::function<bool(const StationStatus&)>& what) {
+    std::unique_lock lock(mutex);
+    return published.wait_for(lock, std::chrono::seconds(20),
+                              [&] { return !seen.empty() && what(seen.back()); });
+  };
+
+  const std::string setup = File("rig.ims", "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
+  const std::string seq = File("main.wts", "SEND OUT, 5\r\nWAITSECONDS 10\r\nWAITSECONDS 10\r\n");
+  int pipeFds[2];
+  ASSERT_EQ(::pipe(pipeFds), 0);
+  std::FILE* errWrite = ::fdopen(pipeFds[1], "w");
+  std::FILE* errRead = ::fdopen(pipeFds[0], "r");
+  Captured out;
+  int status = -1;
+  const long long before = std::time(nullptr);
+  std::thread run([&] {
+    status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
+                            "--break", "2", "--results-store", store, "--station", "LINE9", seq},
+                           nullptr, out.stream(), errWrite);
+    std::fclose(errWrite);
+  });
+  char buffer[4096];
+  ASSERT_NE(std::fgets(buffer, sizeof buffer, errRead), nullptr);
+  const std::string held = buffer;
+  const size_t at = held.find("ctl ") + 4;
+  const std::string id = held.substr(at, held.find(' ', at) - at);
+  EXPECT_TRUE(until([&](const StationStatus& s) {
+    return s.station == "LINE9" && s.runs.find("\"id\":\"" + id + "\"") != std::string::npos &&
+           s.runs.find("\"state\":\"held\"") != std::string::npos;
+  }));
+
+  // What the plant page reads.
+  std::string error;
+  StoreSpec spec;
+  ASSERT_TRUE(ParseStoreSpec(store, Home(), spec, &error)) << error;
+  auto direct = OpenResultsStore(spec, &error);
+  ASSERT_TRUE(direct) << error;
+  std::vector<StationStatus> stations;
+  ASSERT_TRUE(ReadStationStatus(*direct, stations, &error)) << error;
+  ASSERT_EQ(stations.size(), 1u);
+  EXPECT_EQ(stations[0].station, "LINE9");
+  EXPECT_THAT(stations[0].runs, HasSubstr("\"id\":\"" + id + "\""));
+  EXPECT_THAT(stations[0].runs, HasSubstr("\"line\":2"));
+  EXPECT_GE(stations[0].heartbeat, before);
+  EXPECT_LE(stations[0].heartbeat, std::time(nullptr));
+  now_ = std::time(nullptr);
+  Start(Options(store));
+  std::string page = Get("/plant");
+  EXPECT_THAT(page, HasSubstr("<h2>LINE9</h2><p class=\"state-running\">online</p>"));
+  EXPECT_THAT(page, HasSubstr("<td>" + id + "</td>"));
+
+  // The run goes on to its end; its last word leaves it out.
+  EXPECT_EQ(Cli({"ctl", id, "resume"}), kExitOk) << err_;
+  run.join();
+  std::fclose(errRead);
+  EXPECT_EQ(status, kExitOk);
+  {
+    std::lock_guard guard(mutex);
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back().runs, "[]");
+  }
+  ASSERT_TRUE(ReadStationStatus(*direct, stations, &error)) << error;
+  ASSERT_EQ(stations.size(), 1u);
+  EXPECT_EQ(stations[0].runs, "[]");
+  page = Get("/plant");
+  EXPECT_THAT(page, HasSubstr("<h2>LINE9</h2><p class=\"state-running\">online</p><p>No run is "
+                              "going.</p>"));
+}
+
+TEST_F(PlantServerTest, ARunWithTheStationsDatabaseFilePublishesNothing) {
+  std::atomic<int> publications{0};
+  StationPublisher::SetPublishedHook([&](const StationStatus&) { ++publications; });
+  struct Unhook {
+    ~Unhook() { StationPublisher::SetPublishedHook(nullptr); }
+  } unhook;
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  std::string error;
+  StoreSpec spec;
+  ASSERT_TRUE(ParseStoreSpec("", Home(), spec, &error)) << error;
+  auto store = OpenResultsStore(spec, &error);
+  ASSERT_TRUE(store) << error;
+  std::vector<StationStatus> stations;
+  ASSERT_TRUE(ReadStationStatus(*store, stations, &error)) << error;
+  EXPECT_TRUE(stations.empty());
+  EXPECT_EQ(publications, 0);
+}
+
+// A unit's page links to the results files written for it, served from the
+// results folder only: a file the store names outside it, or a link inside
+// that leads out, is refused, whatever the store says.
+TEST_F(PlantServerTest, AUnitsResultsFilesAreServedFromTheResultsFolderOnly) {
+  // The example writes its results files into the folder it runs in.
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  const testing::TempFolder elsewhere;
+  const std::string secret = elsewhere.file("secret.txt");
+  { std::ofstream(secret) << "not for the page"; }
+  fs::create_symlink(secret, Path("leads-out.txt"));
+  std::string error;
+  {
+    StoreSpec spec;
+    ASSERT_TRUE(ParseStoreSpec("", Home(), spec, &error)) << error;
+    auto store = OpenResultsStore(spec, &error);
+    ASSERT_TRUE(store) << error;
+    StoredUut evil = testing::SampleUut("evil", "666", "2026-11-15 15:00:00");
+    evil.files = {Path("../" + fs::path(elsewhere.path()).filename().string() + "/secret.txt"),
+                  Path("leads-out.txt"), Path("gone.txt"), secret};
+    ASSERT_TRUE(store->record({evil}, &error)) << error;
+  }
+  ServerOptions o = Options();
+  o.resultsFolder = Path("");
+  Start(o);
+
+  // The example's failed unit: its summary and details files.
+  std::string page = Get("/units?serial=1235");
+  const size_t at = page.find("/unit?key=");
+  ASSERT_NE(at, std::string::npos);
+  const std::string unitPath = page.substr(at, page.find('"', at) - at);
+  page = Get(unitPath);
+  ASSERT_THAT(page, HasSubstr("<ul id=\"files\">"));
+  EXPECT_EQ(Count(page, "/file?key="), 2u) << page;
+  const size_t link = page.find("/file?key=");
+  std::string filePath = page.substr(link, page.find('"', link) - link);
+  for (size_t amp; (amp = filePath.find("&amp;")) != std::string::npos;)
+    filePath.replace(amp, 5, "&");
+  EXPECT_THAT(Get(filePath), HasSubstr("1235"));
+
+  page = Get("/unit?key=evil");
+  EXPECT_EQ(Count(page, "/file?key="), 0u);
+  EXPECT_EQ(Count(page, "(outside the results folder)"), 3u);
+  EXPECT_THAT(page, HasSubstr("gone.txt (not here)"));
+  for (int n : {1, 2, 4}) {
+    EXPECT_THAT(Get("/file?key=evil&n=" + std::to_string(n), 403),
+                Not(HasSubstr("not for the page")));
+  }
+  Get("/file?key=evil&n=3", 404);
+  Get("/file?key=evil&n=5", 404);
+  Get("/file?key=../../etc/passwd&n=1", 404);
+  Get("/file?key=evil&n=0", 400);
+  Get("/file?key=evil&n=..%2Fsecret.txt", 400);
+  Get("/file", 400);
+}
+
+// The window's plant view: serve started as a child on loopback for the
+// window's store, found where it says it serves, and gone when stopped.
+TEST_F(PlantServerTest, TheWindowsLauncherStartsServeOnLoopbackAndStopsIt) {
+  RunExample("2026-11-15 14:30:05", "rig-7");
+  EXPECT_EQ(PlantViewLauncher::ViewAddress(
+                "tavrix-cli serve: the plant view is at http://127.0.0.1:4711/ (results store x)"),
+            "http://127.0.0.1:4711/");
+  EXPECT_EQ(PlantViewLauncher::ViewAddress("the plant view is at http://10.0.0.5:80/ (x)"), "");
+  EXPECT_EQ(PlantViewLauncher::ViewAddress("something else"), "");
+
+  PlantViewLauncher launcher;
+  std::string error;
+  const std::string url = launcher.start(
+      TAVRIX_CLI_PROGRAM, PlantViewLauncher::ServeArguments("sqlite:" + Home() + "/results.sqlite"),
+      &error);
+  ASSERT_FALSE(url.empty()) << error;
+  EXPECT_TRUE(launcher.running());
+  EXPECT_EQ(launcher.start(TAVRIX_CLI_PROGRAM, {"never", "run"}, &error), url);  // already there
+  const int port = std::stoi(url.substr(std::string("http://127.0.0.1:").size()));
+  httplib::Client viewer("127.0.0.1", port);
+  viewer.set_read_timeout(20);
+  auto res = viewer.Get("/units");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_THAT(res->body, HasSubstr("2 units"));
+  launcher.stop();
+  EXPECT_FALSE(launcher.running());
+  EXPECT_FALSE(viewer.Get("/units"));  // nothing listens there any more
+
+  // A store that cannot be served: what serve said, and nothing left running.
+  EXPECT_EQ(launcher.start(TAVRIX_CLI_PROGRAM, PlantViewLauncher::ServeArguments("off"), &error),
+            "");
+  EXPECT_THAT(error, HasSubstr("the results store is off"));
+  EXPECT_FALSE(launcher.running());
+  EXPECT_EQ(launcher.start(Path("no-such-program"), {}, &error), "");
+  EXPECT_FALSE(error.empty());
 }
 
 }  // namespace

@@ -90,6 +90,7 @@ int RunWindow(int argc, char** argv) {
         return tavrix::MakeWindowEngine(op, tavrix::defaultDataRoot(), settings, link);
       },
       commandLine);
+  window.setPlantViewStore(settings.resultsStore);
   window.show();
   return app.exec();
 }

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QDesktopServices>
 #include <QDir>
 #include <QFileDialog>
 #include <QGroupBox>
@@ -18,8 +19,10 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScreen>
+#include <QStandardPaths>
 #include <QTabWidget>
 #include <QTextEdit>
+#include <QUrl>
 #include <QVBoxLayout>
 #include <algorithm>
 
@@ -506,6 +509,9 @@ void MainWindow::buildMenus() {
   chart->setObjectName("mbChart");
   connect(chart, &QAction::triggered, this, &MainWindow::openChartWindow);
 #endif
+  QAction* plant = view->addAction(tr("&Plant View in Browser"));
+  plant->setObjectName("mbPlantView");
+  connect(plant, &QAction::triggered, this, &MainWindow::openPlantView);
 
   QMenu* help = menuBar()->addMenu(tr("&Help"));
   help->setObjectName("mbHelp");
@@ -546,6 +552,26 @@ void MainWindow::openDecryptWindow() {
   auto* dialog = new DecryptDialog(this);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->show();
+}
+
+void MainWindow::openPlantView() {
+  // tavrix-cli beside the window, else on the PATH.
+  QString program =
+      QStandardPaths::findExecutable("tavrix-cli", {QCoreApplication::applicationDirPath()});
+  if (program.isEmpty()) program = QStandardPaths::findExecutable("tavrix-cli");
+  if (program.isEmpty()) {
+    QMessageBox::warning(this, tr("Plant View"),
+                         tr("tavrix-cli is neither beside this program nor on the PATH."));
+    return;
+  }
+  std::string error;
+  const std::string url = plantView_.start(program.toLocal8Bit().toStdString(),
+                                           PlantViewLauncher::ServeArguments(plantStore_), &error);
+  if (url.empty()) {
+    QMessageBox::warning(this, tr("Plant View"), QString::fromStdString(error));
+    return;
+  }
+  QDesktopServices::openUrl(QUrl(QString::fromStdString(url)));
 }
 
 void MainWindow::openChartWindow() {

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "engine_host.h"
+#include "panel/plant_view_launcher.h"
 #include "panel/run_panel.h"
 #include "qt_operator.h"
 
@@ -106,6 +107,12 @@ class MainWindow : public QMainWindow {
   void openReportWindow();
   void openAboutBox();
   void selectSetupFile();
+  // The plant view of the window's results store in the browser: serve is
+  // started on loopback the first time (and stopped with the window).
+  void openPlantView();
+  // The store the plant view shows: the settings' results store setting
+  // (empty: the data root's database file).
+  void setPlantViewStore(const std::string& storeSetting) { plantStore_ = storeSetting; }
 
   EngineHost& host() { return *host_; }
   // The report and chart windows open now: windows of their own, not kept
@@ -118,6 +125,8 @@ class MainWindow : public QMainWindow {
   bool eventFilter(QObject* watched, QEvent* event) override;
 
  private:
+  PlantViewLauncher plantView_;
+  std::string plantStore_;
   void buildControls();
   // How the last run ended, beside the status.
   void showRunEnd();

@@ -34,34 +34,51 @@ std::optional<double> LimitValue(const std::string& text) {
 
 bool CheckReadings(SqlResultsStore& store, const std::string& parameter, int step,
                    const UutFilter& filter, std::vector<CheckReading>& out, std::string* error) {
+  // Each check keeps the time its unit ended, so the readings of a stage come
+  // newest first from the readings index as they are; the units are asked
+  // only when the filter names something other than a time.
   SqlParams params{parameter};
-  std::string stage;
+  std::string sql =
+      "SELECT c.ended_at, c.uut_key, c.reading, c.lower_limit, c.upper_limit, c.result FROM "
+      "stage_check c WHERE c.parameter = $1";
   if (step != 0) {
     params.push_back(std::to_string(step));
-    stage = " AND c.step = $2";
+    sql += " AND c.step = $" + std::to_string(params.size());
   }
-  const std::string records = Records(filter, params);
-  std::string sql =
-      "SELECT u.ended_at, u.serial, c.reading, c.lower_limit, c.upper_limit, c.result FROM "
-      "stage_check c JOIN " +
-      records + " u ON u.uut_key = c.uut_key WHERE c.parameter = $1" + stage +
-      " AND c.reading IS NOT NULL ORDER BY u.ended_at DESC, u.uut_key DESC, c.position DESC";
+  sql += " AND c.reading IS NOT NULL";
+  auto bound = [&](const std::string& value, const char* condition) {
+    if (value.empty()) return;
+    params.push_back(value);
+    sql += std::string(" AND c.ended_at ") + condition + " $" + std::to_string(params.size());
+  };
+  bound(filter.from, ">=");
+  bound(filter.to, "<=");
+  UutFilter units = filter;
+  units.from.clear();
+  units.to.clear();
+  units.limit = 0;
+  units.offset = 0;
+  const std::string where = UutFilterSql(units, params);
+  if (!where.empty()) sql += " AND c.uut_key IN (SELECT uut_key FROM uut" + where + ")";
+  sql += " ORDER BY c.ended_at DESC, c.uut_key DESC, c.position DESC";
   if (filter.limit > 0) sql += " LIMIT " + std::to_string(filter.limit);
-  SqlRows rows;
-  if (!store.connection().exec(sql, params, &rows, nullptr, error)) return false;
+  // Taken newest first as the index gives them, and turned oldest first.
   out.clear();
-  out.reserve(rows.size());
-  for (auto it = rows.rbegin(); it != rows.rend(); ++it) {
-    const auto& row = *it;
-    CheckReading r;
-    r.endedAt = row[0];
-    r.serial = row[1];
-    r.value = std::strtod(row[2].c_str(), nullptr);
-    r.lower = row[3];
-    r.upper = row[4];
-    r.passed = row[5] == "Pass";
-    out.push_back(std::move(r));
+  if (!store.connection().each(
+          sql, params,
+          [&out](const SqlRowView& row) {
+            CheckReading& r = out.emplace_back();
+            r.endedAt = row.text(0);
+            r.key = row.text(1);
+            r.value = row.number(2);
+            r.lower = row.text(3);
+            r.upper = row.text(4);
+            r.passed = row.text(5) == "Pass";
+          },
+          error)) {
+    return false;
   }
+  std::reverse(out.begin(), out.end());
   return true;
 }
 

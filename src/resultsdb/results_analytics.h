@@ -16,7 +16,7 @@ namespace tavrix {
 // One numeric reading of a check, with the record it belongs to.
 struct CheckReading {
   std::string endedAt;
-  std::string serial;
+  std::string key;  // the unit's record
   double value = 0;
   std::string lower;  // the limits as the check recorded them
   std::string upper;

@@ -8,6 +8,8 @@
 #include <cmath>
 #include <random>
 
+#include "resultsdb/postgres_connection.h"
+#include "resultsdb/sqlite_connection.h"
 #include "resultsdb/store_test_support.h"
 
 namespace tavrix {
@@ -32,6 +34,19 @@ class AnalyticsTest : public ::testing::TestWithParam<std::string> {
     std::string error;
     store_ = OpenResultsStore(spec, &error);
     ASSERT_TRUE(store_) << error;
+  }
+
+  // A connection to a new, empty database of the back end under test.
+  std::unique_ptr<SqlConnection> EmptyDatabase() {
+    std::string error;
+    std::unique_ptr<SqlConnection> connection;
+    if (GetParam() == "sqlite") {
+      connection = OpenSqlite(folder_.file("old.sqlite"), {}, &error);
+    } else {
+      connection = OpenPostgres(testing::FreshPostgresDatabase(), &error);
+    }
+    EXPECT_TRUE(connection) << error;
+    return connection;
   }
 
   // A record of one MEASURE check "Flow" with `value`, failed when outside
@@ -84,11 +99,11 @@ TEST_P(AnalyticsTest, CpkAndPpkOfAKnownDataSetMatchTheTextbookFormulas) {
   std::vector<CheckReading> readings;
   ASSERT_TRUE(CheckReadings(*store_, "Flow", 0, {}, readings, &error)) << error;
   ASSERT_EQ(readings.size(), values.size() + 1);
-  EXPECT_EQ(readings.back().serial, "Y");
+  EXPECT_EQ(readings.back().key, "k901");
   ASSERT_TRUE(CheckReadings(*store_, "Flow", 1, {}, readings, &error)) << error;
   ASSERT_EQ(readings.size(), values.size());
-  EXPECT_EQ(readings.front().serial, "S0");  // oldest first
-  EXPECT_EQ(readings.back().serial, "S499");
+  EXPECT_EQ(readings.front().key, "k0");  // oldest first
+  EXPECT_EQ(readings.back().key, "k499");
 
   double sum = 0;
   for (double v : values) sum += v;
@@ -122,8 +137,8 @@ TEST_P(AnalyticsTest, CpkAndPpkOfAKnownDataSetMatchTheTextbookFormulas) {
   newest.limit = 10;
   ASSERT_TRUE(CheckReadings(*store_, "Flow", 1, newest, readings, &error)) << error;
   ASSERT_EQ(readings.size(), 10u);
-  EXPECT_EQ(readings.front().serial, "S490");
-  EXPECT_EQ(readings.back().serial, "S499");
+  EXPECT_EQ(readings.front().key, "k490");
+  EXPECT_EQ(readings.back().key, "k499");
 }
 
 TEST_P(AnalyticsTest, OneSidedLimitsChangedLimitsAndTooFewReadings) {
@@ -252,6 +267,116 @@ TEST_P(AnalyticsTest, FirstPassYieldRetestsAndTopFailures) {
   ASSERT_TRUE(store_->fetch(byKey, listed, &error)) << error;
   ASSERT_EQ(listed.size(), 1u);
   EXPECT_EQ(listed[0].checks.size(), 1u);
+}
+
+// Four readings whose moving ranges depend on the order their units ended
+// (stored in another order, with keys in the reverse order): mean 10,
+// moving ranges 0.8, 0.6, 0.4, so sigma within 0.6 / 1.128 and Cpk = Cp =
+// 1.128 / 1.8; standard deviation sqrt(0.4 / 3), Ppk = 1 / (3 sqrt(0.4 / 3)).
+// The same from a store written under the schema before checks kept their
+// unit's end, migrated.
+TEST_P(AnalyticsTest, AKnownCpkThroughFiltersAndFromAStoreOfTheOlderSchema) {
+  const std::vector<std::pair<std::string, double>> ordered = {
+      {"2026-11-10 08:00:00", 9.6},
+      {"2026-11-10 09:00:00", 10.4},
+      {"2026-11-11 08:00:00", 9.8},
+      {"2026-11-12 08:00:00", 10.2},
+  };
+  const double cpk = 1.128 / 1.8;
+  const double ppk = 1.0 / (3 * std::sqrt(0.4 / 3));
+  auto check = [&](SqlResultsStore& store, const UutFilter& filter, const char* what) {
+    SCOPED_TRACE(what);
+    std::vector<CheckReading> readings;
+    std::string error;
+    ASSERT_TRUE(CheckReadings(store, "Flow", 1, filter, readings, &error)) << error;
+    ASSERT_EQ(readings.size(), 4u);
+    for (size_t i = 0; i < 4; ++i) {
+      EXPECT_EQ(readings[i].endedAt, ordered[i].first);
+      EXPECT_EQ(readings[i].value, ordered[i].second);
+      EXPECT_EQ(readings[i].key, "z" + std::to_string(4 - i));
+    }
+    const CheckStatistics s = ComputeCheckStatistics(readings);
+    ASSERT_TRUE(s.cpk && s.ppk && s.cp);
+    EXPECT_NEAR(*s.cpk, cpk, 1e-12);
+    EXPECT_NEAR(*s.cp, cpk, 1e-12);
+    EXPECT_NEAR(*s.ppk, ppk, 1e-12);
+    EXPECT_DOUBLE_EQ(s.mean, 10.0);
+  };
+
+  std::vector<StoredUut> batch;
+  for (int i : {3, 0, 2, 1}) {
+    StoredUut u = Measured(i, "S" + std::to_string(i), ordered[i].second);
+    u.key = "z" + std::to_string(4 - i);
+    u.startedAt = u.endedAt = ordered[i].first;
+    batch.push_back(u);
+  }
+  // Another station and test's wild reading between them, and an early one.
+  StoredUut other = Measured(20, "T", 50.0, "0", "100");
+  other.station = "rig-2";
+  other.testTitle = "Valve test";
+  other.endedAt = "2026-11-10 08:30:00";
+  StoredUut early = Measured(21, "U", 0.0, "0", "100");
+  early.endedAt = "2026-11-09 23:59:59";
+  std::string error;
+  ASSERT_TRUE(store_->record(batch, &error)) << error;
+  ASSERT_TRUE(store_->record({other, early}, &error)) << error;
+
+  UutFilter filter;
+  filter.station = "rig-1";
+  filter.from = "2026-11-10 00:00:00";
+  check(*store_, filter, "station and from");
+  filter.station.clear();
+  filter.test = "Pump test";
+  filter.from.clear();
+  filter.limit = 4;  // the newest four: the early and the other are older
+  check(*store_, filter, "test and the newest four");
+  filter = {};
+  filter.serial = "S2";
+  std::vector<CheckReading> one;
+  ASSERT_TRUE(CheckReadings(*store_, "Flow", 1, filter, one, &error)) << error;
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_EQ(one[0].value, 9.8);
+  filter = {};
+  filter.from = "2026-11-10 08:30:00";
+  filter.to = "2026-11-11 23:59:59";
+  ASSERT_TRUE(CheckReadings(*store_, "Flow", 1, filter, one, &error)) << error;
+  ASSERT_EQ(one.size(), 3u);  // the other, 10.4 and 9.8
+  EXPECT_EQ(one[0].value, 50.0);
+  EXPECT_EQ(one[2].value, 9.8);
+
+  // A database of the schema before: its checks have no end of their own.
+  auto connection = EmptyDatabase();
+  ASSERT_TRUE(connection);
+  ASSERT_TRUE(
+      connection->script("CREATE TABLE schema_migrations (version INTEGER PRIMARY KEY, "
+                         "name TEXT NOT NULL, applied_at TEXT NOT NULL)",
+                         &error))
+      << error;
+  for (const Migration& m : SchemaMigrations()) {
+    if (m.number > 3) break;
+    ASSERT_TRUE(connection->script(m.sql, &error)) << error;
+    ASSERT_TRUE(connection->exec("INSERT INTO schema_migrations VALUES ($1, $2, 'then')",
+                                 {std::to_string(m.number), std::string(m.name)}, nullptr, nullptr,
+                                 &error))
+        << error;
+  }
+  for (int i : {3, 0, 2, 1}) {
+    const std::string key = "z" + std::to_string(4 - i);
+    ASSERT_TRUE(connection->exec(
+        "INSERT INTO uut VALUES ($1, 'rig-1', 's', 'd', 'Pump test', '1', $2, $3, '', '', $3, $3, "
+        "'PASS', 1, 0)",
+        {key, "S" + std::to_string(i), ordered[i].first}, nullptr, nullptr, &error))
+        << error;
+    ASSERT_TRUE(connection->exec(
+        "INSERT INTO stage_check VALUES ($1, 1, 1, 1, 'MEASURE', 'Flow', 'F', $2, $3, 'l', "
+        "'9.0', '11.0', 'Pass', '')",
+        {key, std::to_string(ordered[i].second), std::to_string(ordered[i].second)}, nullptr,
+        nullptr, &error))
+        << error;
+  }
+  SqlResultsStore old(std::move(connection));
+  ASSERT_TRUE(old.migrate(&error)) << error;
+  check(old, {}, "migrated");
 }
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, AnalyticsTest, ::testing::Values("sqlite", "postgresql"),

@@ -45,6 +45,9 @@ StoredUut Utf8Record(const StoredUut& in) {
                          &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt}) {
     *f = utf8FromSequenceText(*f);
   }
+  // A file's name that is not UTF-8 is converted too (such a file cannot be
+  // served by its name then; its record is kept whole).
+  for (auto& f : uut.files) f = utf8FromSequenceText(f);
   for (auto& c : uut.checks) {
     for (std::string* f :
          {&c.kind, &c.parameter, &c.channel, &c.value, &c.units, &c.lower, &c.upper, &c.message}) {
@@ -83,7 +86,8 @@ std::string StoredUutToJson(const StoredUut& original) {
                   {"started_at", uut.startedAt},
                   {"ended_at", uut.endedAt},
                   {"passed", uut.passed},
-                  {"checks", checks}};
+                  {"checks", checks},
+                  {"files", uut.files}};
   // Text that was not UTF-8 (a description typed in another code page) was
   // converted above, as the store will convert it.
   return j.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -107,6 +111,8 @@ bool StoredUutFromJson(std::string_view text, StoredUut& uut) {
     uut.startedAt = j.at("started_at").get<std::string>();
     uut.endedAt = j.at("ended_at").get<std::string>();
     uut.passed = j.at("passed").get<bool>();
+    // Journals written before records named their files have none.
+    if (j.contains("files")) uut.files = j.at("files").get<std::vector<std::string>>();
     for (const auto& c : j.at("checks")) {
       StoredCheck check;
       check.step = c.at("step").get<int>();

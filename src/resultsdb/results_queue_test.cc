@@ -35,6 +35,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
     for (const char* key : {"a", "b", "c"}) {
       StoredUut u = SampleUut(key, key, "2026-11-15 10:00:00", 2);
       u.description = "line one\r\nline two\ttab, \xE9t\xE9";  // not UTF-8
+      u.files = {"/data/results/summary.txt", "/data/results/SN_" + std::string(key) + ".txt"};
       ASSERT_TRUE(queue.append(u, &error)) << error;
     }
     ASSERT_TRUE(queue.acknowledge({"a"}, &error)) << error;
@@ -45,6 +46,8 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
   const auto waiting = reopened.front(10);
   EXPECT_THAT(Keys(waiting), ::testing::ElementsAre("b", "c"));
   EXPECT_EQ(waiting[0].checks.size(), 2u);
+  EXPECT_THAT(waiting[0].files,
+              ::testing::ElementsAre("/data/results/summary.txt", "/data/results/SN_b.txt"));
   EXPECT_EQ(waiting[0].description.substr(0, 19), "line one\r\nline two\t");
 
   // Drained, the journal is replaced by an empty one, with no temporary

@@ -1,5 +1,6 @@
 #include "resultsdb/results_store.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -22,7 +23,7 @@ constexpr const char* kUutColumns =
     "uut_key, station, sequence_file, test_definition, test_title, test_version, serial, "
     "test_date, operators, description, started_at, ended_at, verdict, check_count, failed_count";
 constexpr int kUutColumnCount = 15;
-constexpr int kCheckColumnCount = 14;
+constexpr int kCheckColumnCount = 15;
 // Rows of checks sent in one statement: few round trips to a server, and far
 // below any limit on the number of parameters.
 constexpr size_t kChecksPerStatement = 50;
@@ -64,6 +65,12 @@ std::string Limit(const UutFilter& filter) {
   return sql;
 }
 
+// The lists' order, or its reverse when the oldest records are taken.
+std::string Order(const UutFilter& filter, const char* table = "") {
+  const char* way = filter.oldestFirst ? "" : " DESC";
+  return std::string(" ORDER BY ") + table + "ended_at" + way + ", " + table + "uut_key" + way;
+}
+
 std::string Where(const UutFilter& filter, SqlParams& params) {
   return UutFilterSql(filter, params, " WHERE ");
 }
@@ -85,6 +92,19 @@ std::string UutFilterSql(const UutFilter& filter, SqlParams& params, const char*
   add(filter.from, "ended_at >=");
   add(filter.to, "ended_at <=");
   add(filter.key, "uut_key =");
+  auto keyset = [&](const std::string& ended, const std::string& key, char side) {
+    if (key.empty()) return;
+    // Written so that an index on the end serves it as a range.
+    params.push_back(ended);
+    const std::string e = "$" + std::to_string(params.size());
+    params.push_back(key);
+    const std::string k = "$" + std::to_string(params.size());
+    where += where.empty() ? lead : " AND ";
+    where += std::string("ended_at ") + side + "= " + e + " AND (ended_at " + side + " " + e +
+             " OR uut_key " + side + " " + k + ")";
+  };
+  keyset(filter.olderEnded, filter.olderKey, '<');
+  keyset(filter.newerEnded, filter.newerKey, '>');
   if (!filter.socket.empty()) {
     // The station's name ends in "/SOCKET"; the socket's name is taken as
     // written, its wildcard characters too.
@@ -100,6 +120,18 @@ std::string UutFilterSql(const UutFilter& filter, SqlParams& params, const char*
   return where;
 }
 
+bool SqlResultsStore::files(const std::string& key, std::vector<std::string>& out,
+                            std::string* error) {
+  SqlRows rows;
+  if (!connection_->exec("SELECT path FROM uut_file WHERE uut_key = $1 ORDER BY position", {key},
+                         &rows, nullptr, error)) {
+    return false;
+  }
+  out.clear();
+  for (auto& row : rows) out.push_back(std::move(row[0]));
+  return true;
+}
+
 bool SqlResultsStore::count(const UutFilter& filter, long& out, std::string* error) {
   SqlParams params;
   SqlRows rows;
@@ -108,6 +140,27 @@ bool SqlResultsStore::count(const UutFilter& filter, long& out, std::string* err
     return false;
   }
   out = rows.empty() ? 0 : std::atol(rows[0][0].c_str());
+  return true;
+}
+
+bool SqlConnection::each(std::string_view sql, const SqlParams& params,
+                         const std::function<void(const SqlRowView&)>& each, std::string* error) {
+  // Text rows, converted: what a connection without a faster way does.
+  class TextRow : public SqlRowView {
+   public:
+    const std::vector<std::string>* row = nullptr;
+    std::string_view text(int column) const override { return (*row)[column]; }
+    double number(int column) const override {
+      return std::strtod((*row)[column].c_str(), nullptr);
+    }
+  };
+  SqlRows rows;
+  if (!exec(sql, params, &rows, nullptr, error)) return false;
+  TextRow view;
+  for (const auto& row : rows) {
+    view.row = &row;
+    each(view);
+  }
   return true;
 }
 
@@ -190,13 +243,20 @@ bool SqlResultsStore::recordOne(const StoredUut& original, std::string* error) {
     return false;
   }
   if (changed == 0) return true;  // written before: its checks are there too
+  for (size_t i = 0; i < uut.files.size(); ++i) {
+    if (!connection_->exec("INSERT INTO uut_file (uut_key, position, path) VALUES ($1, $2, $3)",
+                           {uut.key, std::to_string(i + 1), uut.files[i]}, nullptr, nullptr,
+                           error)) {
+      return false;
+    }
+  }
   for (size_t first = 0; first < uut.checks.size(); first += kChecksPerStatement) {
     const size_t count = std::min(kChecksPerStatement, uut.checks.size() - first);
     std::string& sql = insertChecks_[count];
     if (sql.empty()) {
       sql =
           "INSERT INTO stage_check (uut_key, position, step, row_number, kind, parameter, channel, "
-          "value, reading, units, lower_limit, upper_limit, result, message) VALUES ";
+          "value, reading, units, lower_limit, upper_limit, result, message, ended_at) VALUES ";
       for (size_t r = 0; r < count; ++r) {
         sql += r ? ", (" : "(";
         for (int c = 1; c <= kCheckColumnCount; ++c) {
@@ -212,7 +272,7 @@ bool SqlResultsStore::recordOne(const StoredUut& original, std::string* error) {
       params.insert(params.end(),
                     {uut.key, std::to_string(i + 1), std::to_string(c.step), std::to_string(c.row),
                      c.kind, c.parameter, c.channel, c.value, Reading(c.value), c.units, c.lower,
-                     c.upper, std::string(c.passed ? "Pass" : "Fail"), c.message});
+                     c.upper, std::string(c.passed ? "Pass" : "Fail"), c.message, uut.endedAt});
     }
     if (!connection_->exec(sql, params, nullptr, nullptr, error)) return false;
   }
@@ -242,13 +302,13 @@ bool SqlResultsStore::list(const UutFilter& filter, std::vector<StoredUut>& out,
                            std::string* error) {
   SqlParams params;
   const std::string sql = std::string("SELECT ") + kUutColumns + " FROM uut" +
-                          Where(filter, params) + " ORDER BY ended_at DESC, uut_key DESC" +
-                          Limit(filter);
+                          Where(filter, params) + Order(filter) + Limit(filter);
   SqlRows rows;
   if (!connection_->exec(sql, params, &rows, nullptr, error)) return false;
   out.clear();
   out.reserve(rows.size());
   for (const auto& row : rows) out.push_back(UutFromRow(row));
+  if (filter.oldestFirst) std::reverse(out.begin(), out.end());
   return true;
 }
 
@@ -263,7 +323,7 @@ bool SqlResultsStore::fetch(const UutFilter& filter, std::vector<StoredUut>& out
       "SELECT c.uut_key, c.step, c.row_number, c.kind, c.parameter, c.channel, c.value, c.units, "
       "c.lower_limit, c.upper_limit, c.result, c.message FROM stage_check c JOIN (SELECT uut_key, "
       "ended_at FROM uut" +
-      where + " ORDER BY ended_at DESC, uut_key DESC" + Limit(filter) +
+      where + Order(filter) + Limit(filter) +
       ") u ON u.uut_key = c.uut_key ORDER BY u.ended_at DESC, c.uut_key DESC, c.position";
   SqlRows rows;
   if (!connection_->exec(sql, params, &rows, nullptr, error)) return false;

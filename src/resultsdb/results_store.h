@@ -27,6 +27,15 @@ struct UutFilter {
   std::string key;      // one record by its key
   int limit = 0;        // 0: all
   int offset = 0;       // records passed over before the first taken (with a limit)
+  // Paging by a record instead of an offset, at the same cost on any page:
+  // only the records older (or newer) than the one of this end and key, in
+  // the order of the lists (the end, then the key).
+  std::string olderEnded, olderKey;
+  std::string newerEnded, newerKey;
+  // The list takes the oldest `limit` records rather than the newest (and
+  // still gives them newest first): the page just newer than a record, or
+  // the last page.
+  bool oldestFirst = false;
 };
 
 // The WHERE clause of `filter` over the uut table's own column names,
@@ -89,6 +98,8 @@ class SqlResultsStore : public ResultsStore {
   bool list(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool fetch(const UutFilter& filter, std::vector<StoredUut>& out, std::string* error) override;
   bool yield(const UutFilter& filter, std::vector<YieldRow>& out, std::string* error) override;
+  // The results files of the record `key`, in the order they were written.
+  bool files(const std::string& key, std::vector<std::string>& out, std::string* error);
   // How many records the filter takes (its limit and offset left aside).
   bool count(const UutFilter& filter, long& out, std::string* error);
   std::string describe() const override { return connection_->describe(); }

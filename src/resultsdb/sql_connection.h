@@ -5,6 +5,7 @@
 // sqlite_connection.h and postgres_connection.h.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +25,17 @@ using SqlRows = std::vector<std::vector<std::string>>;
 // is an error.
 bool StoreBackEndsBuilt();
 
+// One result row as a query hands it over, valid only during the call.
+class SqlRowView {
+ public:
+  virtual ~SqlRowView() = default;
+  // The column as text; NULL reads as the empty text.
+  virtual std::string_view text(int column) const = 0;
+  // The column as the number the database holds (a column that holds no
+  // number reads as its text would convert, 0 when it does not).
+  virtual double number(int column) const = 0;
+};
+
 class SqlConnection {
  public:
   virtual ~SqlConnection() = default;
@@ -33,6 +45,10 @@ class SqlConnection {
   // deleted. False with a message on error.
   virtual bool exec(std::string_view sql, const SqlParams& params, SqlRows* rows, long* changed,
                     std::string* error) = 0;
+  // Runs a query and hands its rows to `each` as they come, without keeping
+  // them: for queries of many rows. False with a message on error.
+  virtual bool each(std::string_view sql, const SqlParams& params,
+                    const std::function<void(const SqlRowView&)>& each, std::string* error);
   // Runs statements without parameters, separated by ";".
   virtual bool script(std::string_view sql, std::string* error) = 0;
   // Begins a transaction that no other connection's migration can run

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <unordered_map>
 
 #include "common/file_system.h"
@@ -47,14 +48,7 @@ class SqliteConnection : public SqlConnection {
             std::string* error) override {
     sqlite3_stmt* stmt = prepare(sql, error);
     if (stmt == nullptr) return false;
-    for (size_t i = 0; i < params.size(); ++i) {
-      const int at = static_cast<int>(i + 1);
-      const int rc = params[i]
-                         ? sqlite3_bind_text(stmt, at, params[i]->data(),
-                                             static_cast<int>(params[i]->size()), SQLITE_TRANSIENT)
-                         : sqlite3_bind_null(stmt, at);
-      if (rc != SQLITE_OK) return fail(stmt, error);
-    }
+    if (!bind(stmt, params, error)) return false;
     for (;;) {
       const int rc = sqlite3_step(stmt);
       if (rc == SQLITE_DONE) break;
@@ -71,6 +65,39 @@ class SqliteConnection : public SqlConnection {
     if (changed) *changed = sqlite3_changes(db_);
     sqlite3_reset(stmt);
     sqlite3_clear_bindings(stmt);
+    return true;
+  }
+
+  bool each(std::string_view sql, const SqlParams& params,
+            const std::function<void(const SqlRowView&)>& each, std::string* error) override {
+    // Numbers straight from the database, with no text in between.
+    class Row : public SqlRowView {
+     public:
+      sqlite3_stmt* stmt = nullptr;
+      std::string_view text(int column) const override {
+        const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+        return value ? std::string_view(value, sqlite3_column_bytes(stmt, column))
+                     : std::string_view();
+      }
+      double number(int column) const override {
+        if (sqlite3_column_type(stmt, column) == SQLITE_TEXT) {
+          return std::strtod(std::string(text(column)).c_str(), nullptr);
+        }
+        return sqlite3_column_double(stmt, column);
+      }
+    };
+    Row row;
+    row.stmt = prepare(sql, error);
+    if (row.stmt == nullptr) return false;
+    if (!bind(row.stmt, params, error)) return false;
+    for (;;) {
+      const int rc = sqlite3_step(row.stmt);
+      if (rc == SQLITE_DONE) break;
+      if (rc != SQLITE_ROW) return fail(row.stmt, error);
+      each(row);
+    }
+    sqlite3_reset(row.stmt);
+    sqlite3_clear_bindings(row.stmt);
     return true;
   }
 
@@ -91,6 +118,18 @@ class SqliteConnection : public SqlConnection {
   std::string describe() const override { return "the results database " + path_; }
 
  private:
+  bool bind(sqlite3_stmt* stmt, const SqlParams& params, std::string* error) {
+    for (size_t i = 0; i < params.size(); ++i) {
+      const int at = static_cast<int>(i + 1);
+      const int rc = params[i]
+                         ? sqlite3_bind_text(stmt, at, params[i]->data(),
+                                             static_cast<int>(params[i]->size()), SQLITE_TRANSIENT)
+                         : sqlite3_bind_null(stmt, at);
+      if (rc != SQLITE_OK) return fail(stmt, error);
+    }
+    return true;
+  }
+
   sqlite3_stmt* prepare(std::string_view sql, std::string* error) {
     auto it = statements_.find(std::string(sql));
     if (it != statements_.end()) return it->second;

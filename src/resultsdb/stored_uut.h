@@ -43,6 +43,9 @@ struct StoredUut {
   std::string endedAt;
   bool passed = true;
   std::vector<StoredCheck> checks;
+  // The results files written for it, as local paths (none when results
+  // files are off).
+  std::vector<std::string> files;
   // Filled by the store when it lists records without their checks.
   int checkCount = 0;
   int failedCount = 0;

@@ -1,6 +1,7 @@
 #include "resultsdb/uut_capture.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <random>
 
@@ -74,6 +75,13 @@ void CaptureUuts(
     StoredUut record =
         MakeStoredUut(definition, detailsPath, uut, ended, station, sequencer.sequenceFileName());
     record.key = NewUutKey(record);
+    // Absolute, so that a reader elsewhere (the plant view) finds them
+    // whatever folder the run was started in.
+    for (const std::string& file : *files) {
+      std::error_code ec;
+      const auto absolute = std::filesystem::absolute(file, ec);
+      record.files.push_back(ec ? file : absolute.lexically_normal().string());
+    }
     std::string error;
     const bool queued = recorder.submit(record, &error);
     if (sequencer.trace().enabled()) {
