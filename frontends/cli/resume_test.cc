@@ -87,8 +87,23 @@ class Station {
     engine_->keepCheckpoints().setLeastRealGap({});
     engine_->keepCheckpoints().onWritten = [this](const std::string&) {
       rigAtCheckpoint_ = rig().model();
+      outputsAtCheckpoint_ = outputs_.size();
+      if (afterCheckpoint) afterCheckpoint();
     };
   }
+
+  // From now on, every value the run writes to an output, with its time.
+  void recordOutputs() {
+    outputWatch_ = engine_->sequencer().runEvents().subscribe([this](const RunEvent& event) {
+      if (event.kind != RunEventKind::kOutput) return;
+      outputs_.push_back(std::to_string(engine_->clock().now()) + " " + event.title + " " +
+                         event.text);
+    });
+  }
+  const std::vector<std::string>& outputs() const { return outputs_; }
+  size_t outputsAtCheckpoint() const { return outputsAtCheckpoint_; }
+  // Called after each checkpoint is written.
+  std::function<void()> afterCheckpoint;
   ~Station() { std::fclose(messages_); }
 
   Engine& engine() { return *engine_; }
@@ -107,6 +122,9 @@ class Station {
   MemoryFileSystem* files_ = nullptr;
   std::unique_ptr<Engine> engine_;
   RigModel rigAtCheckpoint_;
+  RunEventBus::Subscription outputWatch_;
+  std::vector<std::string> outputs_;
+  size_t outputsAtCheckpoint_ = 0;
 };
 
 // What a process killed at some moment leaves: the disk, and the devices as
@@ -115,6 +133,9 @@ struct Crash {
   std::string when;
   Files disk;
   RigModel rig;
+  // How many values the run had written to outputs at the last checkpoint:
+  // those after it the resumed run writes again, on the same schedule.
+  size_t outputsBefore = 0;
 };
 
 // The outcome of a run that ended, to compare.
@@ -125,6 +146,7 @@ struct Outcome {
   bool anyUutFailed = false;
   std::string endReason;
   std::string error;
+  std::vector<std::string> outputs;  // what the run wrote to outputs, with times
 };
 
 Outcome OutcomeOf(Station& station) {
@@ -135,6 +157,7 @@ Outcome OutcomeOf(Station& station) {
   outcome.anyUutFailed = station.engine().testDatabase().anyUutFailed();
   outcome.endReason = EndReasonName(seq.endReason());
   outcome.error = seq.lastSequenceError();
+  outcome.outputs = station.outputs();
   for (const auto& [path, bytes] : station.files().files()) {
     if (path.rfind("/data/runs/", 0) == 0) continue;
     std::string kept;
@@ -172,9 +195,10 @@ void ExpectSame(const Outcome& resumed, const Outcome& unbroken, const std::stri
 
 // Runs the scenario once without a break, copying the disk at `kills`
 // random moments within its first `length` of run time.
-Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& crashes,
-                    Micros length) {
+Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& crashes, Micros length,
+                    int checkpointKills = 0) {
   Station station(scenario, scenario.files, scenario.start);
+  station.recordOutputs();
   Engine& engine = station.engine();
   std::string error;
   EXPECT_TRUE(engine.instrument()->ensureOpen());
@@ -189,7 +213,18 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
   std::vector<std::unique_ptr<Timer>> timers;
   int64_t lines = 0;
   const auto crash = [&](std::string when) {
-    crashes.push_back({std::move(when), station.files().files(), station.rigAtCheckpoint()});
+    crashes.push_back({std::move(when), station.files().files(), station.rigAtCheckpoint(),
+                       station.outputsAtCheckpoint()});
+  };
+  // Some kills come just after a checkpoint was written: inside a command
+  // that runs without letting events run (a pulse) too.
+  std::set<int64_t> checkpointKillsAt;
+  int64_t written = 0;
+  station.afterCheckpoint = [&] {
+    if (checkpointKillsAt.count(++written)) {
+      crash("after checkpoint #" + std::to_string(written) + " in line " +
+            std::to_string(engine.sequencer().lineNumber()));
+    }
   };
   engine.sequencer().addLineHook([&](int16_t line) {
     ++lines;
@@ -210,6 +245,7 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
   }
   // The line count of the run decides the random line kills; it repeats
   // exactly, so a count taken in a first run holds for this one.
+  int64_t totalCheckpoints = 0;
   const int64_t totalLines = [&] {
     Station counter(scenario, scenario.files, scenario.start);
     std::string why;
@@ -218,10 +254,16 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
     counter.engine().sequencer().prepareFile(scenario.sequence, &why);
     int64_t n = 0;
     counter.engine().sequencer().addLineHook([&n](int16_t) { ++n; });
+    counter.afterCheckpoint = [&] { ++totalCheckpoints; };
     counter.engine().run();
     return n;
   }();
   EXPECT_GT(totalLines, 2);
+  while (static_cast<int>(checkpointKillsAt.size()) < checkpointKills &&
+         static_cast<int64_t>(checkpointKillsAt.size()) < totalCheckpoints - 1) {
+    checkpointKillsAt.insert(
+        2 + static_cast<int64_t>(random() % static_cast<uint64_t>(totalCheckpoints - 1)));
+  }
   while (static_cast<int>(lineKills.size()) < kills - kills / 2 &&
          static_cast<int64_t>(lineKills.size()) < totalLines - 1) {
     lineKills.insert(1 + static_cast<int64_t>(random() % static_cast<uint64_t>(totalLines - 1)));
@@ -233,22 +275,44 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
   return OutcomeOf(station);
 }
 
-// Goes on from a crash and runs to the end.
-Outcome Resume(const Scenario& scenario, const Crash& crash) {
+// What the unbroken run wrote to outputs after a crash's checkpoint.
+std::vector<std::string> OutputsAfter(const Outcome& unbroken, const Crash& crash) {
+  return {unbroken.outputs.begin() + static_cast<ptrdiff_t>(crash.outputsBefore),
+          unbroken.outputs.end()};
+}
+
+// Goes on from a crash and runs to the end; the run clock starts `gap`
+// after the checkpoint.
+Outcome Resume(const Scenario& scenario, const Crash& crash, Micros gap = 0) {
   MemoryFileSystem disk("/data");
   for (const auto& [path, bytes] : crash.disk) disk.put(path, bytes);
   InterruptedRun run;
   std::string error;
   EXPECT_TRUE(FindInterruptedRun(disk, "", run, &error)) << crash.when << ": " << error;
-  Station station(scenario, crash.disk, run.taken);
+  Station station(scenario, crash.disk, run.taken + gap);
   ResumeReport report;
   const bool prepared = station.engine().prepareResume(run.path, false, &report, &error);
   EXPECT_TRUE(prepared) << crash.when << ": " << error;
   if (!prepared) return {};
-  EXPECT_EQ(report.gap, 0) << crash.when;
-  station.rig().model() = crash.rig;
+  EXPECT_EQ(report.gap, gap) << crash.when;
+  if (gap == 0) station.rig().model() = crash.rig;
+  station.recordOutputs();
   station.engine().runResumed();
   return OutcomeOf(station);
+}
+
+// The command of the line a checkpoint goes on in, when it kept its
+// progress there (a ramp, a sine, a pulse, a load maintenance).
+std::string ProgressOf(const Crash& crash) {
+  MemoryFileSystem disk("/data");
+  for (const auto& [path, bytes] : crash.disk) disk.put(path, bytes);
+  InterruptedRun run;
+  nlohmann::json checkpoint;
+  if (!FindInterruptedRun(disk, "", run, nullptr) ||
+      !ReadCheckpoint(disk, run.path, checkpoint, nullptr))
+    return "";
+  const auto& progress = checkpoint.at("state").at("progress");
+  return progress.is_object() ? progress.value("command", std::string()) : std::string();
 }
 
 Scenario PumpTest() {
@@ -294,6 +358,77 @@ Scenario Flow() {
   s.sequence = "/seq/main.wts";
   s.start = *parseDateTime("2026-03-01 08:00:00");
   return s;
+}
+
+// A loop of the outputs that run for a while: a ramp, a group of ramps, a
+// long pulse, a sine with a monitor and its peak, a held load and a ramp of
+// the held load.
+Scenario Outputs() {
+  Scenario s;
+  s.files["/rigs/outputs.ims"] = Example("outputs.ims");
+  s.files["/seq/outputs.wts"] = joinLines(
+      {"IMSFILESPEC /rigs/outputs.ims", "RESETLOOPCOUNT 0",
+       "AGAIN:", "RAMP ACTUATOR, 0 TO 10 OVER 60 IN 30", "[GROUPRAMPS]",
+       "RAMP ACTUATOR, 10 TO 0 OVER 40 IN 16", "RAMP HEATER, 0 TO 100 OVER 25 IN 50", "[END]",
+       "PULSEOUTPUT TRIGGER, HI, 5000",
+       "SINEOUT DRIVE, AMPLITUDE 2 OFFSET 0 FREQUENCY 0.05 CYCLES 2 MONITOR DRIVEMON PEAK TO "
+       "DRIVEPEAK",
+       "MT_MAINTAIN HOLD LOADCELL AT 12 USING ACTUATOR WITH RATE 0.5 GAIN 2",
+       "MT_RAMP 12 TO 4 OVER 60 IN 6 AT LOADCELL USING ACTUATOR", "SEND HEATER, 0",
+       "LOOPCHECK 2, DONE", "GOTO AGAIN", "DONE:", "STOP"});
+  s.sequence = "/seq/outputs.wts";
+  s.start = *parseDateTime("2026-05-04 10:00:00");
+  return s;
+}
+
+TEST(ResumeKill, OutputsInProgressGoOnWhereTheyWereOnTheSameSchedule) {
+  const Scenario scenario = Outputs();
+  std::vector<Crash> crashes;
+  const Outcome unbroken =
+      RunUnbroken(scenario, Kills(60), crashes, 3 * 220 * kMicrosPerSecond, Kills(60));
+  EXPECT_EQ(unbroken.error, "");
+  EXPECT_EQ(unbroken.loopCount, 3);
+  std::set<std::string> inside;
+  for (const auto& crash : crashes) {
+    const std::string progress = ProgressOf(crash);
+    if (!progress.empty()) inside.insert(progress);
+    const Outcome resumed = Resume(scenario, crash);
+    ExpectSame(resumed, unbroken, crash.when + " (" + progress + ")");
+    // From the checkpoint on, the resumed run writes what the unbroken one
+    // wrote, at the same instants: no ramp starts again, no step is left out.
+    EXPECT_EQ(resumed.outputs, OutputsAfter(unbroken, crash))
+        << crash.when << " (" << progress << ")";
+  }
+  // The kills fell inside each kind of output.
+  EXPECT_EQ(inside, (std::set<std::string>{"maintain", "maintain ramp", "pulse", "ramps", "sine"}));
+}
+
+TEST(ResumeKill, AnOutputResumedAfterAGapGoesOnWithTheTimeItHadLeft) {
+  Scenario scenario = Outputs();
+  scenario.files["/seq/outputs.wts"] =
+      joinLines({"IMSFILESPEC /rigs/outputs.ims", "[GROUPRAMPS]",
+                 "RAMP ACTUATOR, 10 TO 0 OVER 40 IN 16", "RAMP HEATER, 0 TO 100 OVER 25 IN 50",
+                 "[END]", "SINEOUT DRIVE, AMPLITUDE 2 OFFSET 0 FREQUENCY 0.05 CYCLES 1", "STOP"});
+  std::vector<Crash> crashes;
+  const Outcome unbroken = RunUnbroken(scenario, 0, crashes, 0, 40);
+  ASSERT_FALSE(crashes.empty());
+  const Micros gap = 3 * 3600 * kMicrosPerSecond + 17 * kMicrosPerSecond / 10;
+  int inside = 0;
+  for (const auto& crash : crashes) {
+    if (ProgressOf(crash).empty()) continue;
+    ++inside;
+    const Outcome resumed = Resume(scenario, crash, gap);
+    // The same values, each written the gap later.
+    std::vector<std::string> shifted;
+    for (const auto& output : OutputsAfter(unbroken, crash)) {
+      const size_t blank = output.find(' ');
+      shifted.push_back(std::to_string(std::stoll(output.substr(0, blank)) + gap) +
+                        output.substr(blank));
+    }
+    EXPECT_EQ(resumed.outputs, shifted) << crash.when;
+    EXPECT_EQ(resumed.error, "") << crash.when;
+  }
+  EXPECT_GT(inside, 10);
 }
 
 TEST(ResumeKill, AChainedLoopWithATimeOutKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
