@@ -431,6 +431,43 @@ TEST(ResumeKill, AnOutputResumedAfterAGapGoesOnWithTheTimeItHadLeft) {
   EXPECT_GT(inside, 10);
 }
 
+// A loop that takes a folder name from an index file and saves recorder
+// files in it, and cools the oven when its alarm is seen - not before a
+// timed pause of the alarm checks has passed.
+Scenario Bookkeeping() {
+  Scenario s;
+  s.files["/rigs/outputs.ims"] = Example("outputs.ims");
+  s.files["/data/rec/chn0.chn"] = "recorded\r\n";
+  s.files["/seq/keep.wts"] = joinLines(
+      {"IMSFILESPEC /rigs/outputs.ims", "INDEXINIT /data/idx/runs.idx, /data/saved/run??\?/, 999",
+       "RESETLOOPCOUNT 0", "START:", "ALARMDEFINE OVENHOT, GOTO COOL", "PAUSEALARM 400", "TOP:",
+       "SEND HEATER, 100", "WAITSECONDS 120", "INDEXSAVE580 /data/rec, chn, 1", "WAITSECONDS 300",
+       "LOOPCHECK 8, DONE", "GOTO TOP", "COOL:", "ALARMDEFINE", "LOGONCE /data/log.txt, cooled",
+       "SEND HEATER, 0", "WAITSECONDS 200", "LOOPCHECK 8, DONE", "GOTO START", "DONE:", "STOP"});
+  s.sequence = "/seq/keep.wts";
+  s.start = *parseDateTime("2026-02-10 07:30:00");
+  return s;
+}
+
+TEST(ResumeKill, AlarmDefinitionsAPauseAndIndexFilesGoOnAfterAKill) {
+  const Scenario scenario = Bookkeeping();
+  std::vector<Crash> crashes;
+  const Outcome unbroken =
+      RunUnbroken(scenario, Kills(40), crashes, 9 * 620 * kMicrosPerSecond, Kills(20));
+  EXPECT_EQ(unbroken.error, "");
+  EXPECT_EQ(unbroken.loopCount, 9);
+  // Every loop cooled once the pause was over, and took one folder name.
+  const auto log = unbroken.files.find("/data/log.txt");
+  ASSERT_NE(log, unbroken.files.end());
+  EXPECT_NE(log->second.find("cooled"), std::string::npos);
+  const auto index = unbroken.files.find("/data/idx/runs.idx");
+  ASSERT_NE(index, unbroken.files.end());
+  EXPECT_NE(index->second.find("\r\n9\r\n"), std::string::npos) << index->second;
+  EXPECT_TRUE(unbroken.files.count("/data/saved/run009/chn0.chn"));
+  EXPECT_FALSE(unbroken.files.count("/data/saved/run010/chn0.chn"));
+  for (const auto& crash : crashes) ExpectSame(Resume(scenario, crash), unbroken, crash.when);
+}
+
 TEST(ResumeKill, AChainedLoopWithATimeOutKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
   const Scenario scenario = Flow();
   std::vector<Crash> crashes;

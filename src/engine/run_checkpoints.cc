@@ -266,6 +266,10 @@ void RunCheckpoints::endRun() {
 
 void RunCheckpoints::afterLine() {
   if (!running_) return;
+  if (engine_.sequencer().takeCheckpointWanted()) {
+    write(true);
+    return;
+  }
   const TestDatabase& db = engine_.testDatabase();
   const int64_t signature = (static_cast<int64_t>(db.uutsFinished()) << 40) ^
                             (static_cast<int64_t>(db.uutOpen()) << 39) ^

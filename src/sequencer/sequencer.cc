@@ -129,7 +129,9 @@ void Sequencer::runLoop() {
   for (auto& hook : runStartHooks_) hook();
 
   std::string line;
-  bool fromCheck = false;  // the last command came from a between-lines check
+  // The last command came from a between-lines check. A resumed run that
+  // goes on inside a line runs that line first: the checks ran before it.
+  bool fromCheck = std::exchange(resumeInsideLine_, false);
   while (!file_.atEnd() && !flags_.stopRequested && !flags_.endRequested) {
     if (flags_.jumpPending) {
       searchLabel(jumpTarget_);
@@ -680,6 +682,7 @@ void Sequencer::saveRunState(nlohmann::json& state) const {
   state["file"] = fileName_;
   state["prepared"] = preparedName_;
   state["lines"] = again ? lineStart_ - 1 : lineNumber_;
+  state["lineAgain"] = again;
   state["waitLeft"] = again && inTimedWait_ && timedWaitDue_ && *timedWaitDue_ != Clock::kNever
                           ? json(std::max<Micros>(0, *timedWaitDue_ - now))
                           : json(nullptr);
@@ -763,6 +766,7 @@ bool Sequencer::applyResumeState(std::string* error) {
                      ? static_cast<EndReason>(reason)
                      : EndReason::kStop);
     }
+    resumeInsideLine_ = state.value("lineAgain", false);
     const auto& waitLeft = state.at("waitLeft");
     if (!waitLeft.is_null()) resumedWaitLeft_ = waitLeft.get<Micros>();
     const auto progress = state.find("progress");

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/event_loop.h"
@@ -354,6 +355,11 @@ class Sequencer : public RunContext {
   // line again and hands that back to the command (takeResumedProgress).
   // An empty function: the command is over.
   void setLineProgress(std::function<nlohmann::json()> save) { lineProgress_ = std::move(save); }
+  // A command did what a run that goes on must not do again (it took a
+  // number from an index file): a checkpoint is wanted at the end of its
+  // line, whatever the limits on how often they are taken.
+  void wantCheckpoint() { checkpointWanted_ = true; }
+  bool takeCheckpointWanted() { return std::exchange(checkpointWanted_, false); }
   // For the command of the first line of a resumed run: what its progress
   // was at the checkpoint, once; null when it starts afresh.
   std::unique_ptr<nlohmann::json> takeResumedProgress();
@@ -447,6 +453,8 @@ class Sequencer : public RunContext {
   std::optional<Micros> resumedWaitLeft_;
   std::unique_ptr<nlohmann::json> resumedProgress_;
   std::function<nlohmann::json()> lineProgress_;
+  bool checkpointWanted_ = false;
+  bool resumeInsideLine_ = false;
   // The number of the line in progress (a block command reads on past it).
   int16_t lineStart_ = 0;
 };
