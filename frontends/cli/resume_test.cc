@@ -654,6 +654,8 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
   // --start takes whole seconds: the next one after two days and an hour.
   const Micros later = (taken / kMicrosPerSecond + 2 * 86400 + 3600 + 1) * kMicrosPerSecond;
   std::vector<std::string> args = RunArgs();
+  const std::string store = "sqlite:" + Path("results.sqlite");
+  *std::find(args.begin(), args.end(), "off") = store;
   args.insert(args.end(),
               {"--resume", "--start", isoDateTime(later), "--trace", Path("trace.jsonl")});
   EXPECT_EQ(Cli(args), kExitUutFailed) << err_;
@@ -685,6 +687,17 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
         << bytes;
   }
   EXPECT_EQ(notes, 1);
+  // The unit's record in the results store says so too; the next unit's
+  // does not.
+  EXPECT_EQ(Cli({"results", "show", "--store", store, "1", "--json"}), kExitOk) << err_;
+  EXPECT_NE(out_.find("\"resumed\": \"the test went on at " + isoDateTime(later) +
+                      " after a gap of 2 d 01 h 00 min 00 s (checkpoint taken at " +
+                      isoDateTime(taken) + ")\""),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(Cli({"results", "show", "--store", store, "2"}), kExitOk) << err_;
+  EXPECT_NE(out_.find("Serial_Number: 2"), std::string::npos) << out_;
+  EXPECT_EQ(out_.find("Resumed"), std::string::npos) << out_;
 }
 
 TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept) {

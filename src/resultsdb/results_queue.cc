@@ -42,7 +42,8 @@ StoredUut Utf8Record(const StoredUut& in) {
   StoredUut uut = in;
   for (std::string* f : {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition,
                          &uut.testTitle, &uut.testVersion, &uut.serial, &uut.testDate,
-                         &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt}) {
+                         &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt,
+                         &uut.resumed}) {
     *f = utf8FromSequenceText(*f);
   }
   for (auto& c : uut.checks) {
@@ -83,6 +84,7 @@ std::string StoredUutToJson(const StoredUut& original) {
                   {"started_at", uut.startedAt},
                   {"ended_at", uut.endedAt},
                   {"passed", uut.passed},
+                  {"resumed", uut.resumed},
                   {"checks", checks}};
   // Text that was not UTF-8 (a description typed in another code page) was
   // converted above, as the store will convert it.
@@ -107,6 +109,8 @@ bool StoredUutFromJson(std::string_view text, StoredUut& uut) {
     uut.startedAt = j.at("started_at").get<std::string>();
     uut.endedAt = j.at("ended_at").get<std::string>();
     uut.passed = j.at("passed").get<bool>();
+    // Journals written before resume notes were kept have none.
+    uut.resumed = j.value("resumed", std::string());
     for (const auto& c : j.at("checks")) {
       StoredCheck check;
       check.step = c.at("step").get<int>();

@@ -35,6 +35,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
     for (const char* key : {"a", "b", "c"}) {
       StoredUut u = SampleUut(key, key, "2026-11-15 10:00:00", 2);
       u.description = "line one\r\nline two\ttab, \xE9t\xE9";  // not UTF-8
+      if (u.key == "b") u.resumed = "went on at 12:00\nwent on at 13:00";
       ASSERT_TRUE(queue.append(u, &error)) << error;
     }
     ASSERT_TRUE(queue.acknowledge({"a"}, &error)) << error;
@@ -46,6 +47,9 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
   EXPECT_THAT(Keys(waiting), ::testing::ElementsAre("b", "c"));
   EXPECT_EQ(waiting[0].checks.size(), 2u);
   EXPECT_EQ(waiting[0].description.substr(0, 19), "line one\r\nline two\t");
+  // A test that went on after an abrupt end keeps its resume notes.
+  EXPECT_EQ(waiting[0].resumed, "went on at 12:00\nwent on at 13:00");
+  EXPECT_EQ(waiting[1].resumed, "");
 
   // Drained, the journal is replaced by an empty one, with no temporary
   // file left beside it.
