@@ -447,12 +447,28 @@ Scenario Bookkeeping() {
   Scenario s;
   s.files["/rigs/outputs.ims"] = Example("outputs.ims");
   s.files["/data/rec/chn0.chn"] = "recorded\r\n";
-  s.files["/seq/keep.wts"] = joinLines(
-      {"IMSFILESPEC /rigs/outputs.ims", "INDEXINIT /data/idx/runs.idx, /data/saved/run??\?/, 999",
-       "RESETLOOPCOUNT 0", "START:", "ALARMDEFINE OVENHOT, GOTO COOL", "PAUSEALARM 400", "TOP:",
-       "SEND HEATER, 100", "WAITSECONDS 120", "INDEXSAVE580 /data/rec, chn, 1", "WAITSECONDS 300",
-       "LOOPCHECK 8, DONE", "GOTO TOP", "COOL:", "ALARMDEFINE", "LOGONCE /data/log.txt, cooled",
-       "SEND HEATER, 0", "WAITSECONDS 200", "LOOPCHECK 8, DONE", "GOTO START", "DONE:", "STOP"});
+  s.files["/seq/keep.wts"] = joinLines({"IMSFILESPEC /rigs/outputs.ims",
+                                        "INDEXINIT /data/idx/runs.idx, /data/saved/run??\?/, 999",
+                                        "RESETLOOPCOUNT 0",
+                                        "START:",
+                                        "ALARMDEFINE OVENHOT, GOTO COOL",
+                                        "PAUSEALARM 400",
+                                        "TOP:",
+                                        "SEND HEATER, 100",
+                                        "WAITSECONDS 120",
+                                        "INDEXSAVE580 /data/rec, chn, 1",
+                                        "WAITSECONDS 300",
+                                        "LOOPCHECK 8, DONE",
+                                        "GOTO TOP",
+                                        "COOL:",
+                                        "ALARMDEFINE",
+                                        "LOGONCE /data/log.txt, cooled",
+                                        "SEND HEATER, 0",
+                                        "WAITSECONDS 200",
+                                        "LOOPCHECK 8, DONE",
+                                        "GOTO START",
+                                        "DONE:",
+                                        "STOP"});
   s.sequence = "/seq/keep.wts";
   s.start = *parseDateTime("2026-02-10 07:30:00");
   return s;
@@ -557,9 +573,9 @@ TEST(ResumeKill, ASevenDaySoakKilledFiftyTimesEndsWithTheLoopCountAndSummariesOf
   std::vector<Micros> kills;
   std::vector<bool> atLineEnd;
   for (int i = 0; i < count; ++i) {
-    kills.push_back(scenario.start + 1 +
-                    static_cast<Micros>(random() % static_cast<uint64_t>(hours * 3600LL *
-                                                                         kMicrosPerSecond)));
+    kills.push_back(
+        scenario.start + 1 +
+        static_cast<Micros>(random() % static_cast<uint64_t>(hours * 3600LL * kMicrosPerSecond)));
   }
   std::sort(kills.begin(), kills.end());
   for (int i = 0; i < count; ++i) atLineEnd.push_back(i % 5 == 4);

@@ -9,14 +9,14 @@ std::optional<ResumeOffer> ResumeOfferAtStartUp(const FileSystem& files, Micros 
   InterruptedRun run;
   if (!FindInterruptedRun(files, "", run, nullptr)) return std::nullopt;
   ResumeOffer offer;
-  offer.text = "The run of " + run.sequence + " did not end: it was at line " +
-               std::to_string(run.line) + (run.file != run.sequence ? " of " + run.file : "") +
-               (run.serial.empty() ? ", with no unit under test"
-                                   : ", testing the unit " + run.serial) +
-               ", when its last checkpoint was taken at " + isoDateTime(run.taken) + ", " +
-               GapText(now - run.taken) +
-               " ago.\n\nResume it where it was, or discard it (it is kept in runs/discarded/ "
-               "for a week)?";
+  offer.text =
+      "The run of " + run.sequence + " did not end: it was at line " + std::to_string(run.line) +
+      (run.file != run.sequence ? " of " + run.file : "") +
+      (run.serial.empty() ? ", with no unit under test" : ", testing the unit " + run.serial) +
+      ", when its last checkpoint was taken at " + isoDateTime(run.taken) + ", " +
+      GapText(now - run.taken) +
+      " ago.\n\nResume it where it was, or discard it (it is kept in runs/discarded/ "
+      "for a week)?";
   offer.run = std::move(run);
   return offer;
 }

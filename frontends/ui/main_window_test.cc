@@ -966,8 +966,8 @@ class MainWindowTest : public QObject {
     QMessageBox* box = nullptr;
     QTRY_VERIFY((box = w.findChild<QMessageBox*>("questionBox")) != nullptr && box->isVisible());
     QCOMPARE(box->windowTitle(), QString("Interrupted run"));
-    QVERIFY2(box->text().startsWith(QString::fromStdString("The run of " + soak +
-                                                           " did not end: it was at line 1")),
+    QVERIFY2(box->text().startsWith(
+                 QString::fromStdString("The run of " + soak + " did not end: it was at line 1")),
              qPrintable(box->text()));
     QTest::mouseClick(Find<QPushButton>(*box, "answer_Discard"), Qt::LeftButton);
     const std::string name = checkpoint.substr(checkpoint.rfind('/') + 1);

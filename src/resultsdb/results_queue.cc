@@ -40,10 +40,10 @@ std::string QueueError(const std::string& error) { return "results queue: " + er
 
 StoredUut Utf8Record(const StoredUut& in) {
   StoredUut uut = in;
-  for (std::string* f : {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition,
-                         &uut.testTitle, &uut.testVersion, &uut.serial, &uut.testDate,
-                         &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt,
-                         &uut.resumed}) {
+  for (std::string* f :
+       {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition, &uut.testTitle,
+        &uut.testVersion, &uut.serial, &uut.testDate, &uut.operators, &uut.description,
+        &uut.startedAt, &uut.endedAt, &uut.resumed}) {
     *f = utf8FromSequenceText(*f);
   }
   for (auto& c : uut.checks) {

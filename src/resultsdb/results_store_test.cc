@@ -87,7 +87,7 @@ TEST_P(StoreTest, RecordsComeBackWholeNewestFirstAndOnceUnderTheirKey) {
   expected.checkCount = 20;
   expected.failedCount = 1;
   EXPECT_EQ(fetched[0], expected);  // every field and every check, in order
-  EXPECT_EQ(listed[1].resumed, "");   // a test without a break has no note
+  EXPECT_EQ(listed[1].resumed, "");  // a test without a break has no note
   EXPECT_EQ(listed[0].resumed, b.resumed);
 
   // A reopened store sees the same and migrates nothing again.
@@ -180,8 +180,8 @@ TEST_P(StoreTest, AStoreMadeBeforeResumeNotesIsBroughtUpToDateAndItsRecordsRead)
   // The store as the program before resume notes left it.
   ASSERT_TRUE(store->connection().script("ALTER TABLE uut DROP COLUMN resumed", &error)) << error;
   ASSERT_TRUE(store->connection().exec("DELETE FROM schema_migrations WHERE version = $1",
-                                       {std::to_string(SchemaMigrations().back().number)},
-                                       nullptr, nullptr, &error))
+                                       {std::to_string(SchemaMigrations().back().number)}, nullptr,
+                                       nullptr, &error))
       << error;
   store.reset();
   store = Open();
