@@ -6,6 +6,7 @@
 
 #include "common/file_system.h"
 #include "common/paths.h"
+#include "common/text_items.h"
 #include "common/trace.h"
 #include "instrument/link/instrument_settings.h"
 #include "resultsdb/postgres_connection.h"
@@ -86,6 +87,8 @@ json UutJson(const StoredUut& u, bool withChecks) {
             {"started", u.startedAt},
             {"ended", u.endedAt},
             {"verdict", u.passed ? "PASS" : "FAIL"}};
+  // Only a test that went on after an abrupt end has resume notes.
+  if (!u.resumed.empty()) j["resumed"] = u.resumed;
   if (withChecks) {
     json checks = json::array();
     for (const auto& c : u.checks) checks.push_back(CheckJson(c));
@@ -355,7 +358,7 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
       std::fprintf(out,
                    "Serial_Number: %s\nResult: %s\nTest: %s (version %s)\nStation: %s\n"
                    "Sequence: %s\nDefinition: %s\nOperator(s): %s\nDescription: %s\n"
-                   "Test date: %s\nStarted: %s\nEnded: %s\n\n",
+                   "Test date: %s\nStarted: %s\nEnded: %s\n",
                    visibleText(u.serial).c_str(), u.passed ? "PASS" : "FAIL",
                    visibleText(u.testTitle).c_str(), visibleText(u.testVersion).c_str(),
                    visibleText(u.station).c_str(), visibleText(u.sequenceFile).c_str(),
@@ -363,6 +366,11 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
                    visibleText(u.description).c_str(),
                    visibleText(u.testDate.substr(0, 10)).c_str(), visibleText(u.startedAt).c_str(),
                    visibleText(u.endedAt).c_str());
+      if (!u.resumed.empty()) {
+        for (const auto& note : splitLines(u.resumed))
+          std::fprintf(out, "Resumed: %s\n", visibleText(note).c_str());
+      }
+      std::fputs("\n", out);
       std::vector<std::vector<std::string>> rows;
       for (const auto& c : u.checks) {
         rows.push_back({std::to_string(c.step), std::to_string(c.row), c.kind, c.parameter,

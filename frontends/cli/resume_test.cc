@@ -18,8 +18,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 
@@ -71,9 +73,10 @@ struct Scenario {
 // One engine over an in-memory disk, with the operator of an answers file.
 class Station {
  public:
-  Station(const Scenario& scenario, const Files& disk, Micros start)
+  Station(const Scenario& scenario, const Files& disk, Micros start,
+          const std::string& root = "/data")
       : messages_(std::tmpfile()), op_(AnswersFile::parse(scenario.answers), messages_) {
-    auto files = std::make_unique<MemoryFileSystem>("/data");
+    auto files = std::make_unique<MemoryFileSystem>(root);
     files_ = files.get();
     for (const auto& [path, bytes] : disk) files_->put(path, bytes);
     EngineConfig config;
@@ -87,8 +90,23 @@ class Station {
     engine_->keepCheckpoints().setLeastRealGap({});
     engine_->keepCheckpoints().onWritten = [this](const std::string&) {
       rigAtCheckpoint_ = rig().model();
+      outputsAtCheckpoint_ = outputs_.size();
+      if (afterCheckpoint) afterCheckpoint();
     };
   }
+
+  // From now on, every value the run writes to an output, with its time.
+  void recordOutputs() {
+    outputWatch_ = engine_->sequencer().runEvents().subscribe([this](const RunEvent& event) {
+      if (event.kind != RunEventKind::kOutput) return;
+      outputs_.push_back(std::to_string(engine_->clock().now()) + " " + event.title + " " +
+                         event.text);
+    });
+  }
+  const std::vector<std::string>& outputs() const { return outputs_; }
+  size_t outputsAtCheckpoint() const { return outputsAtCheckpoint_; }
+  // Called after each checkpoint is written.
+  std::function<void()> afterCheckpoint;
   ~Station() { std::fclose(messages_); }
 
   Engine& engine() { return *engine_; }
@@ -107,6 +125,9 @@ class Station {
   MemoryFileSystem* files_ = nullptr;
   std::unique_ptr<Engine> engine_;
   RigModel rigAtCheckpoint_;
+  RunEventBus::Subscription outputWatch_;
+  std::vector<std::string> outputs_;
+  size_t outputsAtCheckpoint_ = 0;
 };
 
 // What a process killed at some moment leaves: the disk, and the devices as
@@ -115,6 +136,9 @@ struct Crash {
   std::string when;
   Files disk;
   RigModel rig;
+  // How many values the run had written to outputs at the last checkpoint:
+  // those after it the resumed run writes again, on the same schedule.
+  size_t outputsBefore = 0;
 };
 
 // The outcome of a run that ended, to compare.
@@ -125,6 +149,7 @@ struct Outcome {
   bool anyUutFailed = false;
   std::string endReason;
   std::string error;
+  std::vector<std::string> outputs;  // what the run wrote to outputs, with times
 };
 
 Outcome OutcomeOf(Station& station) {
@@ -135,6 +160,7 @@ Outcome OutcomeOf(Station& station) {
   outcome.anyUutFailed = station.engine().testDatabase().anyUutFailed();
   outcome.endReason = EndReasonName(seq.endReason());
   outcome.error = seq.lastSequenceError();
+  outcome.outputs = station.outputs();
   for (const auto& [path, bytes] : station.files().files()) {
     if (path.rfind("/data/runs/", 0) == 0) continue;
     std::string kept;
@@ -172,9 +198,10 @@ void ExpectSame(const Outcome& resumed, const Outcome& unbroken, const std::stri
 
 // Runs the scenario once without a break, copying the disk at `kills`
 // random moments within its first `length` of run time.
-Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& crashes,
-                    Micros length) {
+Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& crashes, Micros length,
+                    int checkpointKills = 0) {
   Station station(scenario, scenario.files, scenario.start);
+  station.recordOutputs();
   Engine& engine = station.engine();
   std::string error;
   EXPECT_TRUE(engine.instrument()->ensureOpen());
@@ -189,7 +216,18 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
   std::vector<std::unique_ptr<Timer>> timers;
   int64_t lines = 0;
   const auto crash = [&](std::string when) {
-    crashes.push_back({std::move(when), station.files().files(), station.rigAtCheckpoint()});
+    crashes.push_back({std::move(when), station.files().files(), station.rigAtCheckpoint(),
+                       station.outputsAtCheckpoint()});
+  };
+  // Some kills come just after a checkpoint was written: inside a command
+  // that runs without letting events run (a pulse) too.
+  std::set<int64_t> checkpointKillsAt;
+  int64_t written = 0;
+  station.afterCheckpoint = [&] {
+    if (checkpointKillsAt.count(++written)) {
+      crash("after checkpoint #" + std::to_string(written) + " in line " +
+            std::to_string(engine.sequencer().lineNumber()));
+    }
   };
   engine.sequencer().addLineHook([&](int16_t line) {
     ++lines;
@@ -210,7 +248,9 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
   }
   // The line count of the run decides the random line kills; it repeats
   // exactly, so a count taken in a first run holds for this one.
-  const int64_t totalLines = [&] {
+  int64_t totalCheckpoints = 0;
+  const bool counted = kills > 0 || checkpointKills > 0;
+  const int64_t totalLines = !counted ? 0 : [&] {
     Station counter(scenario, scenario.files, scenario.start);
     std::string why;
     counter.engine().instrument()->ensureOpen();
@@ -218,37 +258,69 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
     counter.engine().sequencer().prepareFile(scenario.sequence, &why);
     int64_t n = 0;
     counter.engine().sequencer().addLineHook([&n](int16_t) { ++n; });
+    counter.afterCheckpoint = [&] { ++totalCheckpoints; };
     counter.engine().run();
     return n;
   }();
-  EXPECT_GT(totalLines, 2);
+  EXPECT_TRUE(!counted || totalLines > 2);
+  while (static_cast<int>(checkpointKillsAt.size()) < checkpointKills &&
+         static_cast<int64_t>(checkpointKillsAt.size()) < totalCheckpoints - 1) {
+    checkpointKillsAt.insert(
+        2 + static_cast<int64_t>(random() % static_cast<uint64_t>(totalCheckpoints - 1)));
+  }
   while (static_cast<int>(lineKills.size()) < kills - kills / 2 &&
          static_cast<int64_t>(lineKills.size()) < totalLines - 1) {
     lineKills.insert(1 + static_cast<int64_t>(random() % static_cast<uint64_t>(totalLines - 1)));
   }
   engine.run();
   for (auto& timer : timers) timer->setEnabled(false);
-  EXPECT_EQ(lines, totalLines);
+  if (counted) {
+    EXPECT_EQ(lines, totalLines);
+  }
   EXPECT_TRUE(ListInterruptedRuns(station.files()).empty()) << "a checkpoint outlived its run";
   return OutcomeOf(station);
 }
 
-// Goes on from a crash and runs to the end.
-Outcome Resume(const Scenario& scenario, const Crash& crash) {
-  MemoryFileSystem disk("/data");
+// What the unbroken run wrote to outputs after a crash's checkpoint.
+std::vector<std::string> OutputsAfter(const Outcome& unbroken, const Crash& crash) {
+  return {unbroken.outputs.begin() + static_cast<ptrdiff_t>(crash.outputsBefore),
+          unbroken.outputs.end()};
+}
+
+// Goes on from a crash and runs to the end; the run clock starts `gap`
+// after the checkpoint. With `root`, the data root /data was copied there
+// (and is no longer at /data).
+Outcome Resume(const Scenario& scenario, const Crash& crash, Micros gap = 0,
+               const std::string& root = "/data") {
+  MemoryFileSystem disk(root);
   for (const auto& [path, bytes] : crash.disk) disk.put(path, bytes);
   InterruptedRun run;
   std::string error;
   EXPECT_TRUE(FindInterruptedRun(disk, "", run, &error)) << crash.when << ": " << error;
-  Station station(scenario, crash.disk, run.taken);
+  Station station(scenario, crash.disk, run.taken + gap, root);
   ResumeReport report;
   const bool prepared = station.engine().prepareResume(run.path, false, &report, &error);
   EXPECT_TRUE(prepared) << crash.when << ": " << error;
   if (!prepared) return {};
-  EXPECT_EQ(report.gap, 0) << crash.when;
-  station.rig().model() = crash.rig;
+  EXPECT_EQ(report.gap, gap) << crash.when;
+  if (gap == 0) station.rig().model() = crash.rig;
+  station.recordOutputs();
   station.engine().runResumed();
   return OutcomeOf(station);
+}
+
+// The command of the line a checkpoint goes on in, when it kept its
+// progress there (a ramp, a sine, a pulse, a load maintenance).
+std::string ProgressOf(const Crash& crash) {
+  MemoryFileSystem disk("/data");
+  for (const auto& [path, bytes] : crash.disk) disk.put(path, bytes);
+  InterruptedRun run;
+  nlohmann::json checkpoint;
+  if (!FindInterruptedRun(disk, "", run, nullptr) ||
+      !ReadCheckpoint(disk, run.path, checkpoint, nullptr))
+    return "";
+  const auto& progress = checkpoint.at("state").at("progress");
+  return progress.is_object() ? progress.value("command", std::string()) : std::string();
 }
 
 Scenario PumpTest() {
@@ -264,16 +336,17 @@ Scenario PumpTest() {
   return s;
 }
 
-// A day and an hour of a soak loop counted by LOOPCHECK with the day
-// example's calculated channels, across midnight.
-Scenario Soak() {
+// A soak loop of `hours` hours counted by LOOPCHECK with the day example's
+// calculated channels; a day and an hour by default, across midnight.
+Scenario Soak(int hours = 25) {
   Scenario s;
   s.files["/rigs/q/calc_rig.ims"] = Example("calc_rig.ims");
   s.files["/rigs/q/calc_day.ccs"] = Example("calc_day.ccs");
   s.files["/rigs/q/soak.wts"] = joinLines(
       {"IMSFILESPEC q:\\calc_rig.ims", "STARTCALCULATEDCHANNELS q:\\calc_day.ccs, 10", "CC_START",
        "RESETLOOPCOUNT 0", "AGAIN:", "SEND LOGSW, 1", "WAITSECONDS 3000", "SEND LOGSW, 0",
-       "WAITSECONDS 600", "LOOPCHECK 24, DONE", "GOTO AGAIN", "DONE:", "CC_CHANGELOGGERS", "STOP"});
+       "WAITSECONDS 600", "LOOPCHECK " + std::to_string(hours - 1) + ", DONE", "GOTO AGAIN",
+       "DONE:", "CC_CHANGELOGGERS", "STOP"});
   s.sequence = "/rigs/q/soak.wts";
   s.drives['q'] = "/rigs/q";
   s.start = *parseDateTime("2026-11-30 18:00:00");
@@ -294,6 +367,259 @@ Scenario Flow() {
   s.sequence = "/seq/main.wts";
   s.start = *parseDateTime("2026-03-01 08:00:00");
   return s;
+}
+
+// A loop of the outputs that run for a while: a ramp, a group of ramps, a
+// long pulse, a sine with a monitor and its peak, a held load and a ramp of
+// the held load.
+Scenario Outputs() {
+  Scenario s;
+  s.files["/rigs/outputs.ims"] = Example("outputs.ims");
+  s.files["/seq/outputs.wts"] = joinLines(
+      {"IMSFILESPEC /rigs/outputs.ims", "RESETLOOPCOUNT 0",
+       "AGAIN:", "RAMP ACTUATOR, 0 TO 10 OVER 60 IN 30", "[GROUPRAMPS]",
+       "RAMP ACTUATOR, 10 TO 0 OVER 40 IN 16", "RAMP HEATER, 0 TO 100 OVER 25 IN 50", "[END]",
+       "PULSEOUTPUT TRIGGER, HI, 5000",
+       "SINEOUT DRIVE, AMPLITUDE 2 OFFSET 0 FREQUENCY 0.05 CYCLES 2 MONITOR DRIVEMON PEAK TO "
+       "DRIVEPEAK",
+       "MT_MAINTAIN HOLD LOADCELL AT 12 USING ACTUATOR WITH RATE 0.5 GAIN 2",
+       "MT_RAMP 12 TO 4 OVER 60 IN 6 AT LOADCELL USING ACTUATOR", "SEND HEATER, 0",
+       "LOOPCHECK 2, DONE", "GOTO AGAIN", "DONE:", "STOP"});
+  s.sequence = "/seq/outputs.wts";
+  s.start = *parseDateTime("2026-05-04 10:00:00");
+  return s;
+}
+
+TEST(ResumeKill, OutputsInProgressGoOnWhereTheyWereOnTheSameSchedule) {
+  const Scenario scenario = Outputs();
+  std::vector<Crash> crashes;
+  const Outcome unbroken =
+      RunUnbroken(scenario, Kills(60), crashes, 3 * 220 * kMicrosPerSecond, Kills(60));
+  EXPECT_EQ(unbroken.error, "");
+  EXPECT_EQ(unbroken.loopCount, 3);
+  std::set<std::string> inside;
+  for (const auto& crash : crashes) {
+    const std::string progress = ProgressOf(crash);
+    if (!progress.empty()) inside.insert(progress);
+    const Outcome resumed = Resume(scenario, crash);
+    ExpectSame(resumed, unbroken, crash.when + " (" + progress + ")");
+    // From the checkpoint on, the resumed run writes what the unbroken one
+    // wrote, at the same instants: no ramp starts again, no step is left out.
+    EXPECT_EQ(resumed.outputs, OutputsAfter(unbroken, crash))
+        << crash.when << " (" << progress << ")";
+  }
+  // The kills fell inside each kind of output.
+  EXPECT_EQ(inside, (std::set<std::string>{"maintain", "maintain ramp", "pulse", "ramps", "sine"}));
+}
+
+TEST(ResumeKill, AnOutputResumedAfterAGapGoesOnWithTheTimeItHadLeft) {
+  Scenario scenario = Outputs();
+  scenario.files["/seq/outputs.wts"] =
+      joinLines({"IMSFILESPEC /rigs/outputs.ims", "[GROUPRAMPS]",
+                 "RAMP ACTUATOR, 10 TO 0 OVER 40 IN 16", "RAMP HEATER, 0 TO 100 OVER 25 IN 50",
+                 "[END]", "SINEOUT DRIVE, AMPLITUDE 2 OFFSET 0 FREQUENCY 0.05 CYCLES 1", "STOP"});
+  std::vector<Crash> crashes;
+  const Outcome unbroken = RunUnbroken(scenario, 0, crashes, 0, 40);
+  ASSERT_FALSE(crashes.empty());
+  const Micros gap = 3 * 3600 * kMicrosPerSecond + 17 * kMicrosPerSecond / 10;
+  int inside = 0;
+  for (const auto& crash : crashes) {
+    if (ProgressOf(crash).empty()) continue;
+    ++inside;
+    const Outcome resumed = Resume(scenario, crash, gap);
+    // The same values, each written the gap later.
+    std::vector<std::string> shifted;
+    for (const auto& output : OutputsAfter(unbroken, crash)) {
+      const size_t blank = output.find(' ');
+      shifted.push_back(std::to_string(std::stoll(output.substr(0, blank)) + gap) +
+                        output.substr(blank));
+    }
+    EXPECT_EQ(resumed.outputs, shifted) << crash.when;
+    EXPECT_EQ(resumed.error, "") << crash.when;
+  }
+  EXPECT_GT(inside, 10);
+}
+
+// A loop that takes a folder name from an index file and saves recorder
+// files in it, and cools the oven when its alarm is seen - not before a
+// timed pause of the alarm checks has passed.
+Scenario Bookkeeping() {
+  Scenario s;
+  s.files["/rigs/outputs.ims"] = Example("outputs.ims");
+  s.files["/data/rec/chn0.chn"] = "recorded\r\n";
+  s.files["/seq/keep.wts"] = joinLines({"IMSFILESPEC /rigs/outputs.ims",
+                                        "INDEXINIT /data/idx/runs.idx, /data/saved/run??\?/, 999",
+                                        "RESETLOOPCOUNT 0",
+                                        "START:",
+                                        "ALARMDEFINE OVENHOT, GOTO COOL",
+                                        "PAUSEALARM 400",
+                                        "TOP:",
+                                        "SEND HEATER, 100",
+                                        "WAITSECONDS 120",
+                                        "INDEXSAVE580 /data/rec, chn, 1",
+                                        "WAITSECONDS 300",
+                                        "LOOPCHECK 8, DONE",
+                                        "GOTO TOP",
+                                        "COOL:",
+                                        "ALARMDEFINE",
+                                        "LOGONCE /data/log.txt, cooled",
+                                        "SEND HEATER, 0",
+                                        "WAITSECONDS 200",
+                                        "LOOPCHECK 8, DONE",
+                                        "GOTO START",
+                                        "DONE:",
+                                        "STOP"});
+  s.sequence = "/seq/keep.wts";
+  s.start = *parseDateTime("2026-02-10 07:30:00");
+  return s;
+}
+
+TEST(ResumeKill, AlarmDefinitionsAPauseAndIndexFilesGoOnAfterAKill) {
+  const Scenario scenario = Bookkeeping();
+  std::vector<Crash> crashes;
+  const Outcome unbroken =
+      RunUnbroken(scenario, Kills(40), crashes, 9 * 620 * kMicrosPerSecond, Kills(20));
+  EXPECT_EQ(unbroken.error, "");
+  EXPECT_EQ(unbroken.loopCount, 9);
+  // Every loop cooled once the pause was over, and took one folder name.
+  const auto log = unbroken.files.find("/data/log.txt");
+  ASSERT_NE(log, unbroken.files.end());
+  EXPECT_NE(log->second.find("cooled"), std::string::npos);
+  const auto index = unbroken.files.find("/data/idx/runs.idx");
+  ASSERT_NE(index, unbroken.files.end());
+  EXPECT_NE(index->second.find("\r\n9\r\n"), std::string::npos) << index->second;
+  EXPECT_TRUE(unbroken.files.count("/data/saved/run009/chn0.chn"));
+  EXPECT_FALSE(unbroken.files.count("/data/saved/run010/chn0.chn"));
+  for (const auto& crash : crashes) ExpectSame(Resume(scenario, crash), unbroken, crash.when);
+}
+
+// Runs the scenario from its start and kills it at each of `kills` (run
+// clock instants, ascending), resuming each time from what the kill left
+// (a kill flagged true waits for the end of the line in progress); returns
+// how the run that was killed them all ended.
+Outcome RunKilledAgainAndAgain(const Scenario& scenario, const std::vector<Micros>& kills,
+                               const std::vector<bool>& atLineEnd, int& resumes) {
+  std::optional<Crash> crash;
+  resumes = 0;
+  for (size_t next = 0;; ++next) {
+    std::unique_ptr<Station> station;
+    if (!crash) {
+      station = std::make_unique<Station>(scenario, scenario.files, scenario.start);
+      Engine& engine = station->engine();
+      std::string error;
+      EXPECT_TRUE(engine.instrument()->ensureOpen());
+      EXPECT_TRUE(engine.sequencer().prepareFile(scenario.sequence, &error)) << error;
+    } else {
+      MemoryFileSystem disk("/data");
+      for (const auto& [path, bytes] : crash->disk) disk.put(path, bytes);
+      InterruptedRun run;
+      std::string error;
+      if (!FindInterruptedRun(disk, "", run, &error)) {
+        ADD_FAILURE() << crash->when << ": " << error;
+        return {};
+      }
+      station = std::make_unique<Station>(scenario, crash->disk, run.taken);
+      ResumeReport report;
+      if (!station->engine().prepareResume(run.path, false, &report, &error)) {
+        ADD_FAILURE() << crash->when << ": " << error;
+        return {};
+      }
+      station->rig().model() = crash->rig;
+      ++resumes;
+    }
+    Engine& engine = station->engine();
+    crash.reset();
+    bool killAtLineEnd = false;
+    const auto kill = [&](std::string when) {
+      crash = Crash{std::move(when), station->files().files(), station->rigAtCheckpoint(), 0};
+      killAtLineEnd = false;
+      engine.sequencer().stop();
+    };
+    Timer timer(engine.events(), kMicrosPerSecond, [&] {
+      if (next < atLineEnd.size() && atLineEnd[next]) {
+        killAtLineEnd = true;
+      } else {
+        kill("kill #" + std::to_string(next + 1) + " at " + isoDateTime(engine.clock().now()));
+      }
+    });
+    engine.sequencer().addLineHook([&](int16_t line) {
+      if (killAtLineEnd && !crash)
+        kill("kill #" + std::to_string(next + 1) + " after line " + std::to_string(line));
+    });
+    if (next < kills.size()) timer.setDue(kills[next]);
+    if (next == 0) {
+      engine.run();
+    } else {
+      engine.runResumed();
+    }
+    timer.setEnabled(false);
+    if (!crash) return OutcomeOf(*station);
+  }
+}
+
+TEST(ResumeKill, ASevenDaySoakKilledFiftyTimesEndsWithTheLoopCountAndSummariesOfAnUnbrokenOne) {
+  // TAVRIX_RESUME_SOAK_DAYS asks for another length.
+  const char* days = std::getenv("TAVRIX_RESUME_SOAK_DAYS");
+  const int hours = 24 * (days != nullptr && std::atoi(days) > 0 ? std::atoi(days) : 7);
+  const Scenario scenario = Soak(hours);
+  std::vector<Crash> none;
+  const Outcome unbroken = RunUnbroken(scenario, 0, none, 0);
+  EXPECT_EQ(unbroken.loopCount, hours);
+  EXPECT_EQ(unbroken.error, "");
+  // Fifty moments across the week, one in five at the end of the line in
+  // progress rather than at once.
+  std::mt19937 random(7);
+  const int count = Kills(50);
+  std::vector<Micros> kills;
+  std::vector<bool> atLineEnd;
+  for (int i = 0; i < count; ++i) {
+    kills.push_back(
+        scenario.start + 1 +
+        static_cast<Micros>(random() % static_cast<uint64_t>(hours * 3600LL * kMicrosPerSecond)));
+  }
+  std::sort(kills.begin(), kills.end());
+  for (int i = 0; i < count; ++i) atLineEnd.push_back(i % 5 == 4);
+  int resumes = 0;
+  const Outcome killed = RunKilledAgainAndAgain(scenario, kills, atLineEnd, resumes);
+  EXPECT_EQ(resumes, count);
+  ExpectSame(killed, unbroken, "the soak killed " + std::to_string(count) + " times");
+  // The daily summaries are all there: a row for each day of the week.
+  auto month = unbroken.files.begin();
+  while (month != unbroken.files.end() && !EndsWith(month->first, "/MONTH_AB_2612.wl")) ++month;
+  ASSERT_NE(month, unbroken.files.end());
+  EXPECT_NE(month->second.find("\r\n06\t"), std::string::npos) << month->second;
+}
+
+TEST(ResumeKill, ACopyOfTheDataRootInAnotherFolderGoesOnThere) {
+  // The chained loop, its log in the data root (an unmapped drive is a
+  // folder of the data root).
+  Scenario scenario = Flow();
+  for (auto& [path, text] : scenario.files) {
+    for (size_t at; (at = text.find("/data/log.txt")) != std::string::npos;)
+      text.replace(at, 13, "c:\\log.txt");
+  }
+  scenario.files["/data/c/readme.txt"] = "the data root's drive c\r\n";
+  std::vector<Crash> crashes;
+  const Outcome unbroken = RunUnbroken(scenario, Kills(30), crashes, 4800 * kMicrosPerSecond);
+  EXPECT_EQ(unbroken.error, "");
+  ASSERT_TRUE(unbroken.files.count("/data/c/log.txt"));
+  const std::string root = "/other machine/copied data";
+  const auto moved = [](const Files& files, const std::string& from, const std::string& to) {
+    Files out;
+    for (const auto& [path, bytes] : files) {
+      out[path.rfind(from + "/", 0) == 0 ? to + path.substr(from.size()) : path] = bytes;
+    }
+    return out;
+  };
+  for (Crash crash : crashes) {
+    crash.disk = moved(crash.disk, "/data", root);
+    Outcome resumed = Resume(scenario, crash, 0, root);
+    // Nothing was looked for, or written, at the old place.
+    for (const auto& [path, bytes] : resumed.files)
+      EXPECT_NE(path.rfind("/data/", 0), 0u) << crash.when << ": " << path;
+    resumed.files = moved(resumed.files, root, "/data");
+    ExpectSame(resumed, unbroken, crash.when);
+  }
 }
 
 TEST(ResumeKill, AChainedLoopWithATimeOutKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
@@ -482,6 +808,8 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
   // --start takes whole seconds: the next one after two days and an hour.
   const Micros later = (taken / kMicrosPerSecond + 2 * 86400 + 3600 + 1) * kMicrosPerSecond;
   std::vector<std::string> args = RunArgs();
+  const std::string store = "sqlite:" + Path("results.sqlite");
+  *std::find(args.begin(), args.end(), "off") = store;
   args.insert(args.end(),
               {"--resume", "--start", isoDateTime(later), "--trace", Path("trace.jsonl")});
   EXPECT_EQ(Cli(args), kExitUutFailed) << err_;
@@ -513,6 +841,17 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
         << bytes;
   }
   EXPECT_EQ(notes, 1);
+  // The unit's record in the results store says so too; the next unit's
+  // does not.
+  EXPECT_EQ(Cli({"results", "show", "--store", store, "1", "--json"}), kExitOk) << err_;
+  EXPECT_NE(out_.find("\"resumed\": \"the test went on at " + isoDateTime(later) +
+                      " after a gap of 2 d 01 h 00 min 00 s (checkpoint taken at " +
+                      isoDateTime(taken) + ")\""),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(Cli({"results", "show", "--store", store, "2"}), kExitOk) << err_;
+  EXPECT_NE(out_.find("Serial_Number: 2"), std::string::npos) << out_;
+  EXPECT_EQ(out_.find("Resumed"), std::string::npos) << out_;
 }
 
 TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept) {

@@ -134,6 +134,35 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
     if (!start.file.empty() && !seq.prepareFile(start.file, &error)) seq.showMessage(error);
     if (start.autoStart) seq.startAtNextSecond();
   });
+  // With no file named on the command line, a run of an earlier session
+  // that did not end is offered to go on.
+  if (start.file.empty()) {
+    host_->post([self](Engine& engine) {
+      auto offer = ResumeOfferAtStartUp(engine.files(), engine.clock().now());
+      if (!offer) return;
+      QMetaObject::invokeMethod(
+          qApp,
+          [self, offer = std::move(*offer)] {
+            if (self) self->offerResume(offer);
+          },
+          Qt::QueuedConnection);
+    });
+  }
+}
+
+void MainWindow::offerResume(const ResumeOffer& offer) {
+  Question question;
+  question.title = std::string(kResumeOfferTitle);
+  question.text = offer.text;
+  question.choices = offer.choices;
+  answerQuestionBox(question, [this, offer](Answer answer) {
+    const std::string choice = answer.value_or(std::string(kLaterChoice));
+    host_->post([offer, choice](Engine& engine) {
+      std::string message;
+      if (!CarryOutResumeChoice(engine, offer, choice, &message))
+        engine.sequencer().showMessage(message);
+    });
+  });
 }
 
 void MainWindow::showRunEvent(const RunEvent& event) {

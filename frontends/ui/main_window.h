@@ -15,6 +15,7 @@
 
 #include "engine_host.h"
 #include "panel/plant_view_launcher.h"
+#include "panel/resume_offer.h"
 #include "panel/run_panel.h"
 #include "qt_operator.h"
 
@@ -142,6 +143,9 @@ class MainWindow : public QMainWindow {
   void buildMenus();
   void answerPanel(int button);
   void answerQuestionBox(const Question& question, std::function<void(Answer)> answered);
+  // At start-up: asks whether a run that did not end goes on, is discarded
+  // or waits for a later start, and has the engine do it.
+  void offerResume(const ResumeOffer& offer);
   void openPanel(const Question& question, std::function<void(Answer)> answered);
   void restorePanel();
   void closeIfQuitRequested();

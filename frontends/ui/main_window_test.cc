@@ -50,6 +50,7 @@
 #include "question_dialogs.h"
 #include "report_dialog.h"
 #include "resultsdb/results_store.h"
+#include "sequencer/recording_operator.h"
 #include "window_engine.h"
 
 namespace tavrix {
@@ -928,6 +929,50 @@ class MainWindowTest : public QObject {
                     nullptr &&
                 report->isVisible());
     QCOMPARE(Find<QTableWidget>(*report, "ebSequenceList")->rowCount(), 0);
+  }
+
+  // At start-up the window offers a run of an earlier session that did not
+  // end, with its sequence and the gap; Discard puts it aside.
+  void anInterruptedRunIsOfferedAtStartUp() {
+    const std::string root = dir_.path().toStdString() + "/interrupted data";
+    QVERIFY(localFiles().makeFolders(root, nullptr));
+    const std::string soak = Sequence("soak.wts", {"RESETLOOPCOUNT 0", "WAITSECONDS 600", "STOP"});
+    std::string checkpoint;
+    {
+      // The earlier session, killed inside its wait: its checkpoint is what
+      // it leaves.
+      RecordingOperator op;
+      EngineConfig config;
+      config.clock = std::make_unique<VirtualClock>(1'767'225'600LL * kMicrosPerSecond);
+      config.files = std::make_unique<LocalFileSystem>(root);
+      config.op = &op;
+      auto engine = BuildEngine(std::move(config));
+      engine->keepCheckpoints().setLeastRealGap({});
+      std::string error;
+      QVERIFY(engine->sequencer().prepareFile(soak, &error));
+      std::string bytes;
+      Timer kill(engine->events(), kMicrosPerSecond, [&] {
+        checkpoint = engine->keepCheckpoints().path();
+        localFiles().readFile(checkpoint, bytes, nullptr);
+        engine->sequencer().stop();
+      });
+      kill.setDue(engine->clock().now() + 100 * kMicrosPerSecond);
+      engine->run();
+      QVERIFY(!bytes.empty());
+      QVERIFY(localFiles().writeAtomically(checkpoint, bytes, nullptr));
+    }
+    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); }, "");
+    w.show();
+    QMessageBox* box = nullptr;
+    QTRY_VERIFY((box = w.findChild<QMessageBox*>("questionBox")) != nullptr && box->isVisible());
+    QCOMPARE(box->windowTitle(), QString("Interrupted run"));
+    QVERIFY2(box->text().startsWith(
+                 QString::fromStdString("The run of " + soak + " did not end: it was at line 1")),
+             qPrintable(box->text()));
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_Discard"), Qt::LeftButton);
+    const std::string name = checkpoint.substr(checkpoint.rfind('/') + 1);
+    QTRY_VERIFY(localFiles().isFile(root + "/runs/discarded/" + name));
+    QVERIFY(!localFiles().isFile(checkpoint));
   }
 
   // The window feeds the results store as tavrix-cli run does: the UUT that

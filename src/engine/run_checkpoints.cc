@@ -57,6 +57,52 @@ std::string DiscardedFolder(const FileSystem& files) {
   return join(RunsFolder(files), kDiscardedFolder);
 }
 
+namespace {
+
+// Paths below the data root are kept relative to it, so that a copy of the
+// data root in another folder, or on another machine, goes on there.
+constexpr std::string_view kDataRootMark = "<data root>";
+
+// `text` with a leading `from` (the whole text, or up to a separator)
+// replaced by `to`; false when it does not begin so.
+bool Rebase(std::string& text, std::string_view from, std::string_view to) {
+  if (from.empty() || text.compare(0, from.size(), from) != 0) return false;
+  if (text.size() > from.size() && text[from.size()] != '/' && text[from.size()] != '\\')
+    return false;
+  text.replace(0, from.size(), to);
+  return true;
+}
+
+// Every text and every key of `j` that begins with `from` begins with `to`
+// instead.
+void RebasePaths(nlohmann::json& j, std::string_view from, std::string_view to) {
+  if (j.is_string()) {
+    std::string text = j.get<std::string>();
+    if (Rebase(text, from, to)) j = std::move(text);
+  } else if (j.is_array()) {
+    for (auto& item : j) RebasePaths(item, from, to);
+  } else if (j.is_object()) {
+    nlohmann::json rebased = nlohmann::json::object();
+    for (auto& [key, value] : j.items()) {
+      std::string name = key;
+      Rebase(name, from, to);
+      RebasePaths(value, from, to);
+      rebased[name] = std::move(value);
+    }
+    j = std::move(rebased);
+  }
+}
+
+// The file's text of checkpoint `c`: the header line and the body.
+std::string CheckpointText(nlohmann::json c, const std::string& dataRoot) {
+  RebasePaths(c, dataRoot, kDataRootMark);
+  const std::string body = c.dump(1);
+  return std::string(kCheckpointMagic) + " " + std::to_string(kCheckpointVersion) + " " +
+         std::to_string(body.size()) + " " + ContentHash(body) + "\n" + body;
+}
+
+}  // namespace
+
 bool ReadCheckpoint(const FileSystem& files, const std::string& path, nlohmann::json& checkpoint,
                     std::string* error) {
   const auto fail = [&](const std::string& why) {
@@ -95,6 +141,7 @@ bool ReadCheckpoint(const FileSystem& files, const std::string& path, nlohmann::
   }
   if (!checkpoint.is_object() || !checkpoint.contains("state") || !checkpoint.contains("sequence"))
     return fail("is damaged (parts of the run state are missing)");
+  RebasePaths(checkpoint, kDataRootMark, files.dataRoot());
   return true;
 }
 
@@ -245,14 +292,10 @@ void RunCheckpoints::firstAppend(const std::string& path) {
   appended_.insert(path);
   const FileInfo info = engine_.files().info(path);
   last_["appended"][path] = info.kind == FileKind::kFile ? info.size : 0;
-  const std::string body = last_.dump(1);
-  const std::string header = std::string(kCheckpointMagic) + " " +
-                             std::to_string(kCheckpointVersion) + " " +
-                             std::to_string(body.size()) + " " + ContentHash(body) + "\n";
+  const std::string text = CheckpointText(last_, engine_.files().dataRoot());
   std::string error;
   auto out = engine_.files().rewrite(path_, &error);
-  if (!(out && out->write(header, &error) && out->write(body, &error) && out->commit(&error)))
-    problem_ = error;
+  if (!(out && out->write(text, &error) && out->commit(&error))) problem_ = error;
 }
 
 void RunCheckpoints::endRun() {
@@ -266,6 +309,10 @@ void RunCheckpoints::endRun() {
 
 void RunCheckpoints::afterLine() {
   if (!running_) return;
+  if (engine_.sequencer().takeCheckpointWanted()) {
+    write(true);
+    return;
+  }
   const TestDatabase& db = engine_.testDatabase();
   const int64_t signature = (static_cast<int64_t>(db.uutsFinished()) << 40) ^
                             (static_cast<int64_t>(db.uutOpen()) << 39) ^
@@ -361,15 +408,11 @@ bool RunCheckpoints::write(bool urgent) {
   c["appended"] = std::move(appended);
   c["state"] = std::move(state);
 
-  const std::string body = c.dump(1);
+  const std::string text = CheckpointText(c, files.dataRoot());
   last_ = std::move(c);
-  const std::string header = std::string(kCheckpointMagic) + " " +
-                             std::to_string(kCheckpointVersion) + " " +
-                             std::to_string(body.size()) + " " + ContentHash(body) + "\n";
   std::string error;
   auto out = files.rewrite(path_, &error);
-  const bool ok =
-      out && out->write(header, &error) && out->write(body, &error) && out->commit(&error);
+  const bool ok = out && out->write(text, &error) && out->commit(&error);
   lastWrite_ = now;
   dirty_ = false;
   arm(now + kCheckpointEvery);

@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/civil_time.h"
@@ -43,6 +44,9 @@ class IndexFileTable {
                     const std::function<void()>& yield = {});
 
   size_t count() const { return specs_.size(); }
+  // The index files set up, in slot order (a resumed run's table).
+  const std::vector<std::string>& specs() const { return specs_; }
+  void setSpecs(std::vector<std::string> specs) { specs_ = std::move(specs); }
   void clear() { specs_.clear(); }
 
  private:

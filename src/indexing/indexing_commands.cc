@@ -1,6 +1,7 @@
 #include "indexing/indexing_commands.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "common/text_conventions.h"
 #include "indexing/index_files.h"
@@ -36,6 +37,9 @@ std::string Issue(IndexFileTable& table, Sequencer& seq, std::string_view number
   std::string reason;
   const std::string name = table.issue(IndexNumber(number), seq.clock().now(), &message, &reason,
                                        [&seq] { seq.processPendingEvents(); });
+  // A number taken is never to be taken again by a run that goes on after
+  // an abrupt end: the line's end is checkpointed.
+  if (!name.empty()) seq.wantCheckpoint();
   if (!message.empty()) seq.showMessage(message);
   if (name.empty() && seq.trace().enabled()) seq.trace().event("index").field("error", reason);
   if (!name.empty() && seq.trace().enabled()) seq.trace().event("index").field("name", name);
@@ -130,6 +134,14 @@ void RegisterIndexingCommands(Sequencer& seq, Companion& companion) {
          [table](Sequencer& s, const CommandLine& c) { IndexSave580(*table, s, c); });
   seq.addPrepareHook([table] { table->clear(); });
   seq.addStopHook([table] { table->clear(); });
+  // The slots of the index files set up go on in a resumed run; the files
+  // themselves hold their numbers.
+  seq.addStatePart(
+      "indexFiles", [table](nlohmann::json& part) { part["specs"] = table->specs(); },
+      [table](const nlohmann::json& part, std::string*) {
+        table->setSpecs(part.at("specs").get<std::vector<std::string>>());
+        return true;
+      });
 }
 
 }  // namespace tavrix

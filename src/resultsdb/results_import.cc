@@ -127,6 +127,14 @@ class Cursor {
   bool blameTaken_ = false;
 };
 
+// The line a results file adds for each resume of a test.
+constexpr std::string_view kResumedLine = "Resumed: ";
+
+void AddResumeNote(StoredUut& uut, std::string_view note) {
+  if (!uut.resumed.empty()) uut.resumed += '\n';
+  uut.resumed += note;
+}
+
 bool ParseTextDetails(Cursor& in, const std::string& time, const std::string& station,
                       std::vector<StoredUut>& uuts, std::string& reason) {
   std::string date;
@@ -166,6 +174,12 @@ bool ParseTextDetails(Cursor& in, const std::string& time, const std::string& st
       return false;
     }
     while (!in.atEnd() && in.peek() != "Test" && !in.onlyBlankLeft()) {
+      // A test that went on after an abrupt end says so after its checks.
+      if (in.peek().rfind(kResumedLine, 0) == 0) {
+        AddResumeNote(uut, in.peek().substr(kResumedLine.size()));
+        in.take();
+        continue;
+      }
       const std::vector<std::string> f = Split(in.peek());
       if (f.size() < 8 || !AllDigits(f[0].substr(f[0][0] == '-' ? 1 : 0))) {
         reason =
@@ -283,8 +297,13 @@ bool ParseXmlDetails(Cursor& in, const std::string& time, const std::string& sta
       c.passed = verdict == "Pass";
       uut.checks.push_back(std::move(c));
     }
-    if (!in.expect("</Test_Data>", nullptr, reason) || !in.expect("</UUT>", nullptr, reason) ||
-        !in.expect("</Test>", nullptr, reason)) {
+    if (!in.expect("</Test_Data>", nullptr, reason)) return false;
+    while (!in.atEnd() && in.peek().rfind("<Resumed>", 0) == 0) {
+      std::string note;
+      if (!Element(in, "<Resumed>", "</Resumed>", note, reason)) return false;
+      AddResumeNote(uut, note);
+    }
+    if (!in.expect("</UUT>", nullptr, reason) || !in.expect("</Test>", nullptr, reason)) {
       return false;
     }
     uut.station = station;

@@ -16,7 +16,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 // A details file as the station writes it, for two UUTs tested in the same
-// second (the second appended without the date line).
+// second (the second appended without the date line); the first went on
+// twice after the program ended abruptly.
 const char kTextDetails[] =
     "Test_Details Date=15-11-2026\r\n"
     "Test\r\nTitle: Pump test\r\nVersion: 2\r\nResults file: c:\\r\\SN_77_261115_143005.txt\r\n"
@@ -24,6 +25,8 @@ const char kTextDetails[] =
     "Test_Data\r\nStage\tParameter\tChannel\tValue\tUnits\tLower\tUpper\tResult\r\n"
     "1\tSeal\t\tOp Pass\t\t\t\tPass\r\n"
     "2\tPressure\tPRESS\t3.00\tbar\t1\t2\tFail\tValue: 3.00  Min: 1  Max: 2\r\n"
+    "Resumed: the test went on at 2026-11-15 14:20:00 after a gap of 0 h 10 min 00 s\r\n"
+    "Resumed: the test went on at 2026-11-15 14:25:00 after a gap of 0 h 01 min 00 s\r\n"
     "Test\r\nTitle: Pump test\r\nVersion: 2\r\nResults file: c:\\r\\SN_77_261115_143005.txt\r\n"
     "UUT\r\nSerial_Number: 77\r\nDescription: \r\nOperator(s): \r\nResult: PASS\r\n"
     "Test_Data\r\nStage\tParameter\tChannel\tValue\tUnits\tLower\tUpper\tResult\r\n";
@@ -34,7 +37,8 @@ const char kXmlDetails[] =
     "<Description>d</Description>\r\n<Result>PASS</Result>\r\n<Test_Data>\r\n"
     "<Check Name='Flow' Value='1.50' Result='Pass'/>\r\n"
     "<Check Name='It's' Value='x' Result='Fail'/>\r\n"
-    "</Test_Data>\r\n</UUT>\r\n</Test>\r\n</Test_Details>\r\n";
+    "</Test_Data>\r\n<Resumed>the test went on at 2026-11-15 08:59:00</Resumed>\r\n"
+    "</UUT>\r\n</Test>\r\n</Test_Details>\r\n";
 
 TEST(ResultsImport, TextAndXmlDetailsFilesBecomeWholeRecords) {
   std::vector<StoredUut> uuts;
@@ -58,6 +62,10 @@ TEST(ResultsImport, TextAndXmlDetailsFilesBecomeWholeRecords) {
   EXPECT_EQ(first.checks[1].upper, "2");
   EXPECT_FALSE(first.checks[1].passed);
   EXPECT_EQ(first.checks[1].message, "Value: 3.00  Min: 1  Max: 2");
+  EXPECT_EQ(first.resumed,
+            "the test went on at 2026-11-15 14:20:00 after a gap of 0 h 10 min 00 s\n"
+            "the test went on at 2026-11-15 14:25:00 after a gap of 0 h 01 min 00 s");
+  EXPECT_EQ(uuts[1].resumed, "");
   EXPECT_TRUE(uuts[1].passed);
   EXPECT_TRUE(uuts[1].checks.empty());
   EXPECT_NE(uuts[0].key, uuts[1].key);
@@ -68,6 +76,7 @@ TEST(ResultsImport, TextAndXmlDetailsFilesBecomeWholeRecords) {
   ASSERT_EQ(xml.checks.size(), 2u);
   EXPECT_EQ(xml.checks[1].parameter, "It's");  // quotes are not escaped in the file
   EXPECT_FALSE(xml.checks[1].passed);
+  EXPECT_EQ(xml.resumed, "the test went on at 2026-11-15 08:59:00");
 }
 
 TEST(ResultsImport, AFileThatCannotBeReadIsNamedWithItsLineAndSkippedWhole) {
@@ -84,7 +93,7 @@ TEST(ResultsImport, AFileThatCannotBeReadIsNamedWithItsLineAndSkippedWhole) {
   std::string cutXml = kXmlDetails;
   cutXml.resize(cutXml.find("</Test_Data>"));
   for (const Bad& bad : std::vector<Bad>{
-           {"SN_1_261115_000000.txt", badResult, 23, "neither PASS nor FAIL"},
+           {"SN_1_261115_000000.txt", badResult, 25, "neither PASS nor FAIL"},
            {"SN_2_261115_000000.txt", badCheck, 13, "\"Pass\", or \"Fail\" TAB"},
            {"SN_3_261115_000000.xml", cutXml, 12, "\"</Test_Data>\""},
            {"SN_4_261115_000000.txt", "Test_Details Date=31-02-2026\r\n", 1, "not dd-mm-yyyy"}}) {

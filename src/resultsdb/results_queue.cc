@@ -40,9 +40,10 @@ std::string QueueError(const std::string& error) { return "results queue: " + er
 
 StoredUut Utf8Record(const StoredUut& in) {
   StoredUut uut = in;
-  for (std::string* f : {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition,
-                         &uut.testTitle, &uut.testVersion, &uut.serial, &uut.testDate,
-                         &uut.operators, &uut.description, &uut.startedAt, &uut.endedAt}) {
+  for (std::string* f :
+       {&uut.key, &uut.station, &uut.sequenceFile, &uut.testDefinition, &uut.testTitle,
+        &uut.testVersion, &uut.serial, &uut.testDate, &uut.operators, &uut.description,
+        &uut.startedAt, &uut.endedAt, &uut.resumed}) {
     *f = utf8FromSequenceText(*f);
   }
   // A file's name that is not UTF-8 is converted too (such a file cannot be
@@ -86,6 +87,7 @@ std::string StoredUutToJson(const StoredUut& original) {
                   {"started_at", uut.startedAt},
                   {"ended_at", uut.endedAt},
                   {"passed", uut.passed},
+                  {"resumed", uut.resumed},
                   {"checks", checks},
                   {"files", uut.files}};
   // Text that was not UTF-8 (a description typed in another code page) was
@@ -113,6 +115,8 @@ bool StoredUutFromJson(std::string_view text, StoredUut& uut) {
     uut.passed = j.at("passed").get<bool>();
     // Journals written before records named their files have none.
     if (j.contains("files")) uut.files = j.at("files").get<std::vector<std::string>>();
+    // Journals written before resume notes were kept have none.
+    uut.resumed = j.value("resumed", std::string());
     for (const auto& c : j.at("checks")) {
       StoredCheck check;
       check.step = c.at("step").get<int>();

@@ -36,6 +36,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
       StoredUut u = SampleUut(key, key, "2026-11-15 10:00:00", 2);
       u.description = "line one\r\nline two\ttab, \xE9t\xE9";  // not UTF-8
       u.files = {"/data/results/summary.txt", "/data/results/SN_" + std::string(key) + ".txt"};
+      if (u.key == "b") u.resumed = "went on at 12:00\nwent on at 13:00";
       ASSERT_TRUE(queue.append(u, &error)) << error;
     }
     ASSERT_TRUE(queue.acknowledge({"a"}, &error)) << error;
@@ -49,6 +50,9 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
   EXPECT_THAT(waiting[0].files,
               ::testing::ElementsAre("/data/results/summary.txt", "/data/results/SN_b.txt"));
   EXPECT_EQ(waiting[0].description.substr(0, 19), "line one\r\nline two\t");
+  // A test that went on after an abrupt end keeps its resume notes.
+  EXPECT_EQ(waiting[0].resumed, "went on at 12:00\nwent on at 13:00");
+  EXPECT_EQ(waiting[1].resumed, "");
 
   // Drained, the journal is replaced by an empty one, with no temporary
   // file left beside it.

@@ -21,8 +21,9 @@ const std::vector<Migration> kMigrations = {
 
 constexpr const char* kUutColumns =
     "uut_key, station, sequence_file, test_definition, test_title, test_version, serial, "
-    "test_date, operators, description, started_at, ended_at, verdict, check_count, failed_count";
-constexpr int kUutColumnCount = 15;
+    "test_date, operators, description, started_at, ended_at, verdict, check_count, failed_count, "
+    "resumed";
+constexpr int kUutColumnCount = 16;
 constexpr int kCheckColumnCount = 15;
 // Rows of checks sent in one statement: few round trips to a server, and far
 // below any limit on the number of parameters.
@@ -55,6 +56,7 @@ StoredUut UutFromRow(const std::vector<std::string>& row) {
   uut.passed = row[12] == kVerdictPassText;
   uut.checkCount = Number(row[13]);
   uut.failedCount = Number(row[14]);
+  uut.resumed = row[15];
   return uut;
 }
 
@@ -238,7 +240,7 @@ bool SqlResultsStore::recordOne(const StoredUut& original, std::string* error) {
           {uut.key, uut.station, uut.sequenceFile, uut.testDefinition, uut.testTitle,
            uut.testVersion, uut.serial, uut.testDate, uut.operators, uut.description, uut.startedAt,
            uut.endedAt, std::string(uut.passed ? kVerdictPassText : kVerdictFailText),
-           std::to_string(uut.checks.size()), std::to_string(failed)},
+           std::to_string(uut.checks.size()), std::to_string(failed), uut.resumed},
           nullptr, &changed, error)) {
     return false;
   }

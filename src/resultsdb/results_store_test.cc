@@ -60,7 +60,12 @@ TEST_P(StoreTest, RecordsComeBackWholeNewestFirstAndOnceUnderTheirKey) {
   auto store = Open();
   ASSERT_TRUE(store);
   const StoredUut a = SampleUut("k1", "1001", "2026-11-15 09:00:00", 3);
-  const StoredUut b = SampleUut("k2", "1002", "2026-11-15 10:30:00", 20, true);
+  StoredUut b = SampleUut("k2", "1002", "2026-11-15 10:30:00", 20, true);
+  // A test that went on twice after the program ended abruptly.
+  b.resumed =
+      "the test went on at 2026-11-15 10:10:00 after a gap of 0 h 05 min 00 s (checkpoint taken "
+      "at 2026-11-15 10:05:00)\nthe test went on at 2026-11-15 10:20:00 after a gap of 0 h 01 min "
+      "00 s (checkpoint taken at 2026-11-15 10:19:00)";
   std::string error;
   ASSERT_TRUE(store->record({a, b}, &error)) << error;
   // A retry after a lost acknowledgement: the same keys change nothing.
@@ -82,6 +87,8 @@ TEST_P(StoreTest, RecordsComeBackWholeNewestFirstAndOnceUnderTheirKey) {
   expected.checkCount = 20;
   expected.failedCount = 1;
   EXPECT_EQ(fetched[0], expected);  // every field and every check, in order
+  EXPECT_EQ(listed[1].resumed, "");  // a test without a break has no note
+  EXPECT_EQ(listed[0].resumed, b.resumed);
 
   // A reopened store sees the same and migrates nothing again.
   store.reset();
@@ -162,6 +169,33 @@ TEST_P(StoreTest, MigrationsRunOnceInOrderAndANewerSchemaIsRefused) {
   store.reset();
   EXPECT_EQ(OpenResultsStore(spec_, &error), nullptr);
   EXPECT_THAT(error, HasSubstr("knows versions up to " + std::to_string(latest)));
+}
+
+TEST_P(StoreTest, AStoreMadeBeforeResumeNotesIsBroughtUpToDateAndItsRecordsRead) {
+  auto store = Open();
+  ASSERT_TRUE(store);
+  std::string error;
+  const StoredUut old = SampleUut("k1", "1001", "2026-11-15 09:00:00", 3);
+  ASSERT_TRUE(store->record({old}, &error)) << error;
+  // The store as the program before resume notes left it.
+  ASSERT_TRUE(store->connection().script("ALTER TABLE uut DROP COLUMN resumed", &error)) << error;
+  ASSERT_TRUE(store->connection().exec("DELETE FROM schema_migrations WHERE version = $1",
+                                       {std::to_string(SchemaMigrations().back().number)}, nullptr,
+                                       nullptr, &error))
+      << error;
+  store.reset();
+  store = Open();
+  ASSERT_TRUE(store);
+  StoredUut resumed = SampleUut("k2", "1002", "2026-11-15 10:00:00", 2);
+  resumed.resumed = "the test went on";
+  ASSERT_TRUE(store->record({resumed}, &error)) << error;
+  std::vector<StoredUut> fetched;
+  ASSERT_TRUE(store->fetch({}, fetched, &error)) << error;
+  ASSERT_EQ(fetched.size(), 2u);
+  EXPECT_EQ(fetched[0].resumed, "the test went on");
+  EXPECT_EQ(fetched[1].serial, "1001");
+  EXPECT_EQ(fetched[1].resumed, "");
+  EXPECT_EQ(fetched[1].checks, old.checks);
 }
 
 TEST_P(StoreTest, ManyStationsWriteAtOnce) {

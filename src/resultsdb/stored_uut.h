@@ -42,6 +42,10 @@ struct StoredUut {
   std::string startedAt;  // "YYYY-MM-DD HH:MM:SS"
   std::string endedAt;
   bool passed = true;
+  // A test that went on after the program ended abruptly: one line per
+  // resume, when it went on, after what gap, from which checkpoint. Empty
+  // for a test that ran without a break.
+  std::string resumed;
   std::vector<StoredCheck> checks;
   // The results files written for it, as local paths (none when results
   // files are off).

@@ -26,6 +26,7 @@ StoredUut MakeStoredUut(const TestDefinition& definition, const std::string& det
   s.startedAt = isoDateTime(uut.started);
   s.endedAt = isoDateTime(ended);
   s.passed = uut.passed;
+  for (const auto& note : uut.resumeNotes) s.resumed += (s.resumed.empty() ? "" : "\n") + note;
   for (size_t i = 0; i < uut.checks.size(); ++i) {
     const CheckEntry& c = uut.checks[i];
     StoredCheck check;

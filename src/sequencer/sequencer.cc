@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "common/text_conventions.h"
 
@@ -128,7 +129,9 @@ void Sequencer::runLoop() {
   for (auto& hook : runStartHooks_) hook();
 
   std::string line;
-  bool fromCheck = false;  // the last command came from a between-lines check
+  // The last command came from a between-lines check. A resumed run that
+  // goes on inside a line runs that line first: the checks ran before it.
+  bool fromCheck = std::exchange(resumeInsideLine_, false);
   while (!file_.atEnd() && !flags_.stopRequested && !flags_.endRequested) {
     if (flags_.jumpPending) {
       searchLabel(jumpTarget_);
@@ -247,8 +250,19 @@ void Sequencer::dispatchLine(std::string& line, bool fromFile) {
   lineRerunnable_ = false;
   events_.processPendingEvents();
   const int16_t number = lineNumber_;  // a jump moves it
+  if (fromFile) lineStart_ = number;
+  // What a resumed run kept of its first line's command is for that line,
+  // not for a command an alarm check gives before it.
+  std::optional<Micros> keptWaitLeft;
+  std::unique_ptr<nlohmann::json> keptProgress;
+  if (!fromFile) {
+    keptWaitLeft = std::exchange(resumedWaitLeft_, std::nullopt);
+    keptProgress = std::move(resumedProgress_);
+  }
   dispatcher_.run(*this, command);
-  resumedWaitLeft_.reset();
+  resumedWaitLeft_ = std::move(keptWaitLeft);
+  resumedProgress_ = std::move(keptProgress);
+  lineProgress_ = nullptr;
   lineInProgress_ = false;
   inTimedWait_ = false;
   for (auto& hook : lineHooks_) hook(number);
@@ -649,6 +663,10 @@ void Sequencer::addStatePart(std::string name, StateSave save, StateRestore rest
   stateParts_.push_back({std::move(name), std::move(save), std::move(restore)});
 }
 
+std::unique_ptr<nlohmann::json> Sequencer::takeResumedProgress() {
+  return std::move(resumedProgress_);
+}
+
 void Sequencer::enterTimedWait(Micros due) {
   inTimedWait_ = lineInProgress_ && lineFromFile_;
   timedWaitDue_ = due;
@@ -663,10 +681,12 @@ void Sequencer::saveRunState(nlohmann::json& state) const {
   const bool again = lineInProgress_ && lineFromFile_ && (inTimedWait_ || lineRerunnable_);
   state["file"] = fileName_;
   state["prepared"] = preparedName_;
-  state["lines"] = again ? lineNumber_ - 1 : lineNumber_;
+  state["lines"] = again ? lineStart_ - 1 : lineNumber_;
+  state["lineAgain"] = again;
   state["waitLeft"] = again && inTimedWait_ && timedWaitDue_ && *timedWaitDue_ != Clock::kNever
                           ? json(std::max<Micros>(0, *timedWaitDue_ - now))
                           : json(nullptr);
+  state["progress"] = again && inTimedWait_ && lineProgress_ ? lineProgress_() : json(nullptr);
   state["loopCount"] = loopCount_;
   json defines = json::array();
   for (const auto& entry : defines_) defines.push_back({entry.first, entry.second, entry.isChain});
@@ -746,8 +766,12 @@ bool Sequencer::applyResumeState(std::string* error) {
                      ? static_cast<EndReason>(reason)
                      : EndReason::kStop);
     }
+    resumeInsideLine_ = state.value("lineAgain", false);
     const auto& waitLeft = state.at("waitLeft");
     if (!waitLeft.is_null()) resumedWaitLeft_ = waitLeft.get<Micros>();
+    const auto progress = state.find("progress");
+    if (progress != state.end() && !progress->is_null())
+      resumedProgress_ = std::make_unique<nlohmann::json>(*progress);
     return true;
   } catch (const std::exception& e) {
     if (error) *error = std::string("the run state cannot be read: ") + e.what();

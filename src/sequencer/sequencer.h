@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/event_loop.h"
@@ -347,6 +348,21 @@ class Sequencer : public RunContext {
     resumedWaitLeft_.reset();
     return left;
   }
+  // A command of the line in progress that runs for a while (a ramp, a sine
+  // output, a pulse, a load maintenance) and can go on from where it is
+  // says so while it lives: a checkpoint taken in one of its timed waits
+  // keeps what `save` returns, and the run that goes on from it runs the
+  // line again and hands that back to the command (takeResumedProgress).
+  // An empty function: the command is over.
+  void setLineProgress(std::function<nlohmann::json()> save) { lineProgress_ = std::move(save); }
+  // A command did what a run that goes on must not do again (it took a
+  // number from an index file): a checkpoint is wanted at the end of its
+  // line, whatever the limits on how often they are taken.
+  void wantCheckpoint() { checkpointWanted_ = true; }
+  bool takeCheckpointWanted() { return std::exchange(checkpointWanted_, false); }
+  // For the command of the first line of a resumed run: what its progress
+  // was at the checkpoint, once; null when it starts afresh.
+  std::unique_ptr<nlohmann::json> takeResumedProgress();
 
  private:
   void runLoop();
@@ -435,6 +451,12 @@ class Sequencer : public RunContext {
   // The restored state the next startResumed() goes on from.
   std::unique_ptr<nlohmann::json> resumeState_;
   std::optional<Micros> resumedWaitLeft_;
+  std::unique_ptr<nlohmann::json> resumedProgress_;
+  std::function<nlohmann::json()> lineProgress_;
+  bool checkpointWanted_ = false;
+  bool resumeInsideLine_ = false;
+  // The number of the line in progress (a block command reads on past it).
+  int16_t lineStart_ = 0;
 };
 
 }  // namespace tavrix

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
@@ -195,6 +196,29 @@ void RegisterAlarmCommands(Sequencer& seq, Instrument& instrument) {
     state->paused = false;
     ShowDefinitions(seq, *state);
   });
+  // The definitions and a pause go on in a resumed run; a timed pause with
+  // the time it had left.
+  seq.addStatePart(
+      "alarms",
+      [state, &seq](nlohmann::json& part) {
+        nlohmann::json definitions = nlohmann::json::array();
+        for (const auto& d : state->definitions) definitions.push_back({d.name, d.command});
+        part["definitions"] = std::move(definitions);
+        part["paused"] = !state->checking(seq.clock().now());
+        part["pausedLeft"] = state->paused && state->pausedUntil != 0
+                                 ? nlohmann::json(state->pausedUntil - seq.clock().now())
+                                 : nlohmann::json(nullptr);
+      },
+      [state, &seq](const nlohmann::json& part, std::string*) {
+        state->definitions.clear();
+        for (const auto& d : part.at("definitions"))
+          state->definitions.push_back({d.at(0).get<std::string>(), d.at(1).get<std::string>()});
+        state->paused = part.at("paused").get<bool>();
+        const auto& left = part.at("pausedLeft");
+        state->pausedUntil = left.is_null() ? 0 : seq.clock().now() + left.get<Micros>();
+        ShowDefinitions(seq, *state);
+        return true;
+      });
   seq.addBetweenLinesCheck([state, &instrument](Sequencer& s) -> std::optional<std::string> {
     if (state->definitions.empty() || !state->checking(s.clock().now())) return std::nullopt;
     if (!instrument.ensureOpen()) return std::nullopt;

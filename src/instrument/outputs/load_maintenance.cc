@@ -4,6 +4,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "common/checked_numbers.h"
 #include "common/text_conventions.h"
@@ -96,14 +97,32 @@ bool TakeRateGainTolerance(KeywordReader& reader, const MaintainSetup& base, boo
 // One maintenance command in progress.
 class Maintainer {
  public:
+  // Where hold() is, for a checkpoint: between holds, waiting to read the
+  // load again before its first comparison, in a correction's wait, or
+  // waiting to read again inside a correction.
+  enum class Phase { kNone = 0, kFirstRead = 1, kCorrection = 2, kCorrectionRead = 3 };
+
   Maintainer(Sequencer& seq, Instrument& instrument, const MaintainSetup& setup)
       : seq_(seq), ins_(instrument), setup_(setup) {}
 
-  // Takes the output's present value; false (reported) when it cannot.
-  bool start() {
+  // Takes the output's present value; false (reported) when it cannot. A
+  // maintenance that goes on after a resume takes the value it had written
+  // (the output was written it again) and where it was in its loop.
+  bool start(OutputProgress& progress) {
+    progress_ = &progress;
     if (!OutputLinkReady(seq_, ins_)) return false;
     std::string value;
     if (!OutputChannelOwned(seq_, ins_, setup_.outputChannel)) return false;
+    if (const auto& resumed = progress.resumed(); resumed.contains("output")) {
+      output_ = resumed.at("output").get<double>();
+      resumeAt_ = static_cast<Phase>(resumed.at("phase").get<int>());
+      correctionMs_ = resumed.at("correctionMs").get<int64_t>();
+      began_ = static_cast<int32_t>(static_cast<uint32_t>(GetCount()) -
+                                    resumed.at("correctionElapsedMs").get<uint32_t>());
+      // Between two holds the wait left is the ramp's.
+      if (resumeAt_ != Phase::kNone) resumeWait_ = progress.takeWaitLeft();
+      return true;
+    }
     if (!ins_.channels().ReadChannel(setup_.outputChannel, value)) {
       seq_.reportSequenceError(std::string(kTextAbortMaintain) + setup_.outputChannel);
       return false;
@@ -112,55 +131,102 @@ class Maintainer {
     return true;
   }
 
+  // Where the loop is, for a checkpoint.
+  nlohmann::json save() {
+    return {
+        {"output", output_},
+        {"phase", static_cast<int>(phase_)},
+        {"correctionMs", correctionMs_},
+        {"correctionElapsedMs", static_cast<uint32_t>(GetCount()) - static_cast<uint32_t>(began_)}};
+  }
+  // Whether a resumed maintenance was between two holds.
+  bool resumedBetweenHolds() const { return resumeAt_ == Phase::kNone; }
+
   // The maintain loop for one target. False when the run ended it (a failed
   // read is reported; Stop, a jump or a timeout action end it silently).
   bool hold(double target) {
-    auto reading = readLoad(kLoadReadWaitMs);
-    if (!reading) return false;
+    Phase resumeAt = std::exchange(resumeAt_, Phase::kNone);
+    std::optional<Micros> left = std::exchange(resumeWait_, std::nullopt);
+    std::optional<double> reading;
+    if (resumeAt == Phase::kNone || resumeAt == Phase::kFirstRead) {
+      reading = readLoad(kLoadReadWaitMs, Phase::kFirstRead,
+                         resumeAt == Phase::kFirstRead ? left : std::nullopt);
+      if (!reading) return false;
+      resumeAt = Phase::kNone;
+    }
     for (;;) {
-      const double deviation = (target - *reading) / setup_.gain;
-      if (std::fabs(deviation) <= setup_.tolerance) return true;
-      const int64_t correctionMs = CorrectionTimeMs(deviation, setup_.rate);
-      if (!(std::fabs(output_ + deviation) <= std::numeric_limits<float>::max())) {
-        seq_.reportSequenceError(std::string(kTextMaintainOutOfRange) + setup_.outputChannel);
-        return false;
+      if (resumeAt == Phase::kNone) {
+        const double deviation = (target - *reading) / setup_.gain;
+        if (std::fabs(deviation) <= setup_.tolerance) {
+          phase_ = Phase::kNone;
+          return true;
+        }
+        correctionMs_ = CorrectionTimeMs(deviation, setup_.rate);
+        if (!(std::fabs(output_ + deviation) <= std::numeric_limits<float>::max())) {
+          seq_.reportSequenceError(std::string(kTextMaintainOutOfRange) + setup_.outputChannel);
+          return false;
+        }
+        const std::string text = formatNumber(output_ + deviation, "0.00");
+        output_ = leadingNumber(text);
+        ins_.channels().WriteChannel(setup_.outputChannel, text);
+        began_ = GetCount();
       }
-      const std::string text = formatNumber(output_ + deviation, "0.00");
-      output_ = leadingNumber(text);
-      ins_.channels().WriteChannel(setup_.outputChannel, text);
-      const int32_t began = GetCount();
       do {
-        if (!OutputWait(seq_, kLoadReadWaitMs * 1000)) return false;
-        reading = readLoad(kLoadRetryWaitMs);
+        if (resumeAt != Phase::kCorrectionRead) {
+          phase_ = Phase::kCorrection;
+          const Micros wait = resumeAt == Phase::kCorrection && left
+                                  ? *left
+                                  : static_cast<Micros>(kLoadReadWaitMs) * 1000;
+          if (!waitFor(wait)) return false;
+        }
+        reading = readLoad(kLoadRetryWaitMs, Phase::kCorrectionRead,
+                           resumeAt == Phase::kCorrectionRead ? left : std::nullopt);
+        resumeAt = Phase::kNone;
         if (!reading) return false;
       } while (static_cast<int32_t>(static_cast<uint32_t>(GetCount()) -
-                                    static_cast<uint32_t>(began)) < correctionMs);
+                                    static_cast<uint32_t>(began_)) < correctionMs_);
     }
   }
 
  private:
   int32_t GetCount() { return ins_.link().library().millisecondCount(); }
 
+  bool waitFor(Micros wait) { return progress_ ? progress_->wait(wait) : OutputWait(seq_, wait); }
+
   // Reads the load until a reply starts with a character from code 40 to
   // 128 (a number or a sign, not a blank or a control character), waiting
-  // `retryMs` before each further read.
-  std::optional<double> readLoad(int retryMs) {
+  // `retryMs` before each further read. `waitFirst`: a resumed run was in
+  // such a wait, with this much of it left.
+  std::optional<double> readLoad(int retryMs, Phase phase, std::optional<Micros> waitFirst) {
     std::string reply;
+    Micros wait = waitFirst.value_or(-1);
     for (;;) {
-      if (!ins_.channels().ReadChannel(setup_.loadChannel, reply)) {
-        seq_.reportSequenceError(std::string(kTextAbortMaintain) + setup_.loadChannel);
-        return std::nullopt;
+      if (wait < 0) {
+        if (!ins_.channels().ReadChannel(setup_.loadChannel, reply)) {
+          seq_.reportSequenceError(std::string(kTextAbortMaintain) + setup_.loadChannel);
+          return std::nullopt;
+        }
+        const auto c = reply.empty() ? 0 : static_cast<unsigned char>(reply[0]);
+        if (c >= 40 && c <= 128) return leadingNumber(reply);
+        wait = static_cast<Micros>(retryMs) * 1000;
       }
-      const auto c = reply.empty() ? 0 : static_cast<unsigned char>(reply[0]);
-      if (c >= 40 && c <= 128) return leadingNumber(reply);
-      if (!OutputWait(seq_, static_cast<Micros>(retryMs) * 1000)) return std::nullopt;
+      phase_ = phase;
+      if (!waitFor(wait)) return std::nullopt;
+      wait = -1;
     }
   }
 
   Sequencer& seq_;
   Instrument& ins_;
   MaintainSetup setup_;
+  OutputProgress* progress_ = nullptr;
   double output_ = 0;
+  Phase phase_ = Phase::kNone;
+  int64_t correctionMs_ = 0;
+  int32_t began_ = 0;
+  // Where a resumed maintenance goes on, once.
+  Phase resumeAt_ = Phase::kNone;
+  std::optional<Micros> resumeWait_;
 };
 
 struct MaintainState {
@@ -215,7 +281,8 @@ void Maintain(Sequencer& seq, Instrument& instrument, MaintainState& state,
               const MaintainSetup& setup) {
   state.last = setup;
   Maintainer maintainer(seq, instrument, setup);
-  if (maintainer.start()) maintainer.hold(setup.target);
+  OutputProgress kept(seq, "maintain", [&] { return maintainer.save(); });
+  if (maintainer.start(kept)) maintainer.hold(setup.target);
 }
 
 void MaintainRamp(Sequencer& seq, Instrument& instrument, MaintainState& state,
@@ -226,22 +293,43 @@ void MaintainRamp(Sequencer& seq, Instrument& instrument, MaintainState& state,
   cmd.settings.applyTo(setup);
   state.last = setup;
   Maintainer maintainer(seq, instrument, setup);
-  if (!maintainer.start()) return;
-  const Micros start = seq.clock().now();
+  Micros start = seq.clock().now();
   double target = cmd.ramp.start;
-  for (int k = 0;; ++k) {
-    if (!maintainer.hold(target)) return;
-    if (k == cmd.ramp.steps) return;
+  int k = 0;
+  OutputProgress kept(seq, "maintain ramp", [&] {
+    nlohmann::json saved = maintainer.save();
+    saved["elapsed"] = seq.clock().now() - start;
+    saved["step"] = k;
+    saved["target"] = target;
+    return saved;
+  });
+  if (!maintainer.start(kept)) return;
+  // A resumed ramp goes on at its step, on its schedule shifted by the time
+  // the program was down; between two holds it goes on with its rest.
+  bool inRest = false;
+  if (const auto& resumed = kept.resumed(); resumed.contains("step")) {
+    start -= resumed.at("elapsed").get<Micros>();
+    k = resumed.at("step").get<int>();
+    target = resumed.at("target").get<double>();
+    inRest = maintainer.resumedBetweenHolds();
+  }
+  for (;; ++k) {
+    if (!inRest) {
+      if (!maintainer.hold(target)) return;
+      if (k == cmd.ramp.steps) return;
+    }
+    inRest = false;
     // The rest of the step's interval, waited as a WAITSECONDS would wait
     // it: a step whose maintenance overran its interval leaves no time to
     // wait, which is rejected.
-    const Micros rest = ScheduledInstant(start, cmd.ramp.stepInterval, k + 1) - seq.clock().now();
+    const Micros rest = kept.takeWaitLeft().value_or(
+        ScheduledInstant(start, cmd.ramp.stepInterval, k + 1) - seq.clock().now());
     if (rest <= 0) {
       if (OutputInterrupted(seq)) return;
       seq.reportSequenceError(MaintainWaitError(static_cast<double>(rest) / kMicrosPerSecond));
       return;
     }
-    if (!OutputWait(seq, rest)) return;
+    if (!kept.wait(rest)) return;
     target += cmd.ramp.stepSize;
   }
 }
@@ -300,6 +388,25 @@ void RegisterLoadMaintenance(Sequencer& seq, Instrument& instrument) {
     MaintainRamp(s, instrument, *state, cmd);
   });
   seq.addPrepareHook([state] { state->last = MaintainSetup{}; });
+  // The settings of the last maintenance are the defaults of the next
+  // MT_RAMP, in a resumed run too.
+  seq.addStatePart(
+      "maintenance",
+      [state](nlohmann::json& part) {
+        const MaintainSetup& last = state->last;
+        part = {{"load", last.loadChannel}, {"target", last.target}, {"output", last.outputChannel},
+                {"rate", last.rate},        {"gain", last.gain},     {"tolerance", last.tolerance}};
+      },
+      [state](const nlohmann::json& part, std::string*) {
+        MaintainSetup& last = state->last;
+        last.loadChannel = part.at("load").get<std::string>();
+        last.target = part.at("target").get<double>();
+        last.outputChannel = part.at("output").get<std::string>();
+        last.rate = part.at("rate").get<float>();
+        last.gain = part.at("gain").get<double>();
+        last.tolerance = part.at("tolerance").get<double>();
+        return true;
+      });
 }
 
 }  // namespace tavrix

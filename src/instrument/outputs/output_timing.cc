@@ -63,4 +63,29 @@ void WaitMilliseconds(LinkLibrary& link, Clock& clock, int32_t start, int32_t le
   }
 }
 
+OutputProgress::OutputProgress(Sequencer& seq, std::string_view command,
+                               std::function<nlohmann::json()> save)
+    : seq_(seq) {
+  if (const auto kept = seq.takeResumedProgress();
+      kept && kept->is_object() && kept->value("command", std::string()) == command) {
+    resumed_ = std::move(*kept);
+    waitLeft_ = seq.takeResumedWaitLeft();
+  }
+  seq.setLineProgress([save = std::move(save), name = std::string(command)] {
+    nlohmann::json progress = save();
+    progress["command"] = name;
+    return progress;
+  });
+}
+
+OutputProgress::~OutputProgress() { seq_.setLineProgress(nullptr); }
+
+bool OutputProgress::wait(Micros wait) {
+  if (wait <= 0) return !OutputInterrupted(seq_);
+  seq_.enterTimedWait(seq_.clock().now() + wait);
+  const bool passed = OutputWait(seq_, wait);
+  seq_.leaveTimedWait();
+  return passed;
+}
+
 }  // namespace tavrix

@@ -4,6 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 #include "common/clock.h"
 
@@ -11,6 +16,7 @@ namespace tavrix {
 
 class LinkLibrary;
 class RunContext;
+class Sequencer;
 
 // The wait before an output's next write that is due at `due`: the whole
 // number of tenths of a second from `now` to `due`, rounded down, or 0 when
@@ -39,5 +45,32 @@ bool OutputInterrupted(const RunContext& seq);
 // for its last millisecond. Returns at once when `length` is less than 1. On
 // a virtual clock the clock is moved on instead.
 void WaitMilliseconds(LinkLibrary& link, Clock& clock, int32_t start, int32_t length);
+
+// An output command that runs for a while and can go on from where it was
+// after the program ended abruptly. While it lives, a checkpoint taken in
+// one of its waits runs the line again on resume and keeps what `save`
+// returns (tagged with the command's name); the command of that line, run
+// again, finds it in resumed() and goes on from it on the same schedule,
+// shifted by the time the program was down.
+class OutputProgress {
+ public:
+  OutputProgress(Sequencer& seq, std::string_view command, std::function<nlohmann::json()> save);
+  ~OutputProgress();
+  OutputProgress(const OutputProgress&) = delete;
+  OutputProgress& operator=(const OutputProgress&) = delete;
+
+  // What the checkpoint the run went on from kept of this command; null
+  // when the command starts afresh (or what was kept is not this command's).
+  const nlohmann::json& resumed() const { return resumed_; }
+  // The time the interrupted wait had left at the checkpoint, once.
+  std::optional<Micros> takeWaitLeft() { return std::exchange(waitLeft_, std::nullopt); }
+  // Waits as OutputWait does; a checkpoint may be taken meanwhile.
+  bool wait(Micros wait);
+
+ private:
+  Sequencer& seq_;
+  nlohmann::json resumed_;
+  std::optional<Micros> waitLeft_;
+};
 
 }  // namespace tavrix

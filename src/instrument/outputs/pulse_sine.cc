@@ -32,6 +32,9 @@ std::optional<std::string> valueOf(std::string_view upper, std::string_view orig
   return std::string(original.substr(begin, end - begin));
 }
 
+// A pulse at least this long (milliseconds) is checkpointed at its start.
+constexpr int32_t kCheckpointedPulse = 1000;
+
 // PULSEOUTPUT channel, HI|LO, milliseconds: the channel is written the
 // first value, and the second once the pulse's length has passed.
 struct PulseCommand {
@@ -72,9 +75,25 @@ void PulseOutput(Sequencer& seq, Instrument& instrument, const PulseCommand& cmd
   Operator& op = seq.operatorPort();
   const std::string saved = seq.runStatus();
   op.showStatusLabel(kTextPulseTiming, kColourPulseTiming);
-  const int32_t start = GetMillisecondCount(instrument);
-  instrument.writeOutput(channel, first);
+  int32_t start = GetMillisecondCount(instrument);
+  OutputProgress kept(seq, "pulse", [&] {
+    return nlohmann::json{
+        {"elapsed", static_cast<int32_t>(static_cast<uint32_t>(GetMillisecondCount(instrument)) -
+                                         static_cast<uint32_t>(start))}};
+  });
+  if (const auto& resumed = kept.resumed(); resumed.contains("elapsed")) {
+    // The pulse had begun: its channel has its first value again, and the
+    // rest of the pulse follows.
+    start =
+        static_cast<int32_t>(static_cast<uint32_t>(start) - resumed.at("elapsed").get<uint32_t>());
+  } else {
+    instrument.writeOutput(channel, first);
+    // A long pulse is worth a checkpoint at its start (its writing is part
+    // of the pulse's time); nothing else runs until the pulse ends.
+    if (cmd.length >= kCheckpointedPulse) seq.enterTimedWait(Clock::kNever);
+  }
   WaitMilliseconds(instrument.link().library(), seq.clock(), start, cmd.length);
+  seq.leaveTimedWait();
   instrument.writeOutput(channel, second);
   op.showStatusLabel(saved, kColourStatusNormal);
 }
@@ -113,14 +132,37 @@ void SineOut(Sequencer& seq, Instrument& instrument, const SineCommand& cmd) {
     highest = highest ? std::max(*highest, value) : value;
     lowest = lowest ? std::min(*lowest, value) : value;
   };
-  const Micros start = seq.clock().now();
-  for (int16_t k = 1; k <= cmd.points; ++k) {
-    const double value = setup.amplitude * std::sin(2 * std::numbers::pi * k / n) + setup.offset;
-    WriteOutputValue(instrument, channel, value);
-    if (setup.monitor.empty()) track(value);
+  Micros start = seq.clock().now();
+  int16_t k = 1;
+  OutputProgress kept(seq, "sine", [&] {
+    nlohmann::json saved;
+    saved["elapsed"] = seq.clock().now() - start;
+    saved["point"] = k;
+    saved["highest"] = highest ? nlohmann::json(*highest) : nlohmann::json(nullptr);
+    saved["lowest"] = lowest ? nlohmann::json(*lowest) : nlohmann::json(nullptr);
+    return saved;
+  });
+  // A run that goes on inside the output: point k was written (and is
+  // written again with the outputs the run had set); its wait goes on.
+  bool written = false;
+  if (const auto& resumed = kept.resumed(); resumed.contains("point")) {
+    start -= resumed.at("elapsed").get<Micros>();
+    k = resumed.at("point").get<int16_t>();
+    if (!resumed.at("highest").is_null()) highest = resumed.at("highest").get<double>();
+    if (!resumed.at("lowest").is_null()) lowest = resumed.at("lowest").get<double>();
+    written = true;
+  }
+  for (; k <= cmd.points; ++k) {
+    if (!written) {
+      const double value = setup.amplitude * std::sin(2 * std::numbers::pi * k / n) + setup.offset;
+      WriteOutputValue(instrument, channel, value);
+      if (setup.monitor.empty()) track(value);
+    }
+    written = false;
     const Micros due = ScheduledInstant(start, kSinePointInterval, k);
-    const Micros wait = RoundedRemainingWait(due, seq.clock().now());
-    if (wait > 0 ? !OutputWait(seq, wait) : OutputInterrupted(seq)) return;
+    // The wait a resumed run was in goes on with the time it had left.
+    const Micros wait = kept.takeWaitLeft().value_or(RoundedRemainingWait(due, seq.clock().now()));
+    if (wait > 0 ? !kept.wait(wait) : OutputInterrupted(seq)) return;
     if (!setup.monitor.empty()) {
       std::string reading;
       if (instrument.channels().ReadChannel(setup.monitor, reading) &&

@@ -82,10 +82,26 @@ bool RunRamps(Sequencer& seq, Instrument& instrument, const std::vector<RampSetu
   };
   std::vector<Progress> progress;
   progress.reserve(ramps.size());
-  const Micros start = seq.clock().now();
-  for (const RampSetup& ramp : ramps) {
-    progress.push_back({ramp.start});
-    WriteOutputValue(instrument, ramp.channel, ramp.start);
+  Micros start = seq.clock().now();
+  OutputProgress kept(seq, "ramps", [&] {
+    nlohmann::json saved;
+    saved["elapsed"] = seq.clock().now() - start;
+    for (const Progress& p : progress) saved["ramps"].push_back({p.value, p.step});
+    return saved;
+  });
+  if (const auto& resumed = kept.resumed();
+      resumed.contains("ramps") && resumed.at("ramps").size() == ramps.size()) {
+    // A run that goes on inside the ramps: each channel has its last value
+    // again, and the steps go on where they were, the schedule shifted by
+    // the time the program was down.
+    start -= resumed.at("elapsed").get<Micros>();
+    for (const auto& ramp : resumed.at("ramps"))
+      progress.push_back({ramp.at(0).get<double>(), ramp.at(1).get<int64_t>()});
+  } else {
+    for (const RampSetup& ramp : ramps) {
+      progress.push_back({ramp.start});
+      WriteOutputValue(instrument, ramp.channel, ramp.start);
+    }
   }
   for (;;) {
     // The nearest step of the ramps that still have steps to make.
@@ -96,8 +112,10 @@ bool RunRamps(Sequencer& seq, Instrument& instrument, const std::vector<RampSetu
       nearest = nearest ? std::min(*nearest, due) : due;
     }
     if (!nearest) return true;
-    const Micros wait = RoundedRemainingWait(*nearest, seq.clock().now());
-    if (wait > 0 ? !OutputWait(seq, wait) : OutputInterrupted(seq)) return false;
+    // The wait a resumed run was in goes on with the time it had left.
+    const Micros wait =
+        kept.takeWaitLeft().value_or(RoundedRemainingWait(*nearest, seq.clock().now()));
+    if (wait > 0 ? !kept.wait(wait) : OutputInterrupted(seq)) return false;
     // Every ramp whose step is less than a tenth of a second away writes.
     const Micros now = seq.clock().now();
     for (size_t i = 0; i < ramps.size(); ++i) {
