@@ -1,5 +1,6 @@
 #include "common/trace.h"
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -68,17 +69,36 @@ std::string utf8FromSequenceText(std::string_view text) {
 }
 
 std::string jsonString(std::string_view text) {
+  // Most texts are printable ASCII with nothing to escape: they go as they are.
+  bool plain = true;
+  for (const char c : text) {
+    if (c < 0x20 || c > 0x7E || c == '"' || c == '\\') {
+      plain = false;
+      break;
+    }
+  }
+  if (plain) {
+    std::string out;
+    out.reserve(text.size() + 2);
+    out += '"';
+    out.append(text);
+    out += '"';
+    return out;
+  }
   return nlohmann::json(utf8FromSequenceText(text)).dump();
 }
 
 Trace::~Trace() = default;
 
 void Trace::setOutput(std::unique_ptr<OutputFile> out) { out_ = std::move(out); }
+void Trace::setRecord(std::unique_ptr<OutputFile> record) { record_ = std::move(record); }
 
 void Trace::write(const std::string& line) {
-  if (out_ == nullptr) return;
   std::string error;
-  if (out_->write(line, &error)) return;
+  bool written = true;
+  if (out_ != nullptr && !out_->write(line, &error)) written = false;
+  if (record_ != nullptr && !record_->write(line, written ? &error : nullptr)) written = false;
+  if (written) return;
   if (linesLost_++ == 0) {
     firstError_ = error;
     if (onFirstLoss_) onFirstLoss_(error);
@@ -87,12 +107,21 @@ void Trace::write(const std::string& line) {
 
 Trace::Event::Event(Trace& trace, std::string_view ev) : trace_(trace) {
   const Micros t = trace.clock_.now() - trace.origin_;
-  char buf[48];
   // Three decimals of seconds, rounded to the nearest millisecond.
   const int64_t ms = (t >= 0 ? t + 500 : t - 500) / 1000;
-  std::snprintf(buf, sizeof buf, "{\"t\":%s%" PRId64 ".%03" PRId64, ms < 0 ? "-" : "",
-                (ms < 0 ? -ms : ms) / 1000, (ms < 0 ? -ms : ms) % 1000);
-  line_ = buf;
+  const int64_t whole = (ms < 0 ? -ms : ms) / 1000;
+  const int64_t thousandths = (ms < 0 ? -ms : ms) % 1000;
+  char buf[48];
+  char* at = buf;
+  for (const char c : std::string_view("{\"t\":")) *at++ = c;
+  if (ms < 0) *at++ = '-';
+  at = std::to_chars(at, buf + sizeof buf, whole).ptr;
+  *at++ = '.';
+  *at++ = static_cast<char>('0' + thousandths / 100);
+  *at++ = static_cast<char>('0' + thousandths / 10 % 10);
+  *at++ = static_cast<char>('0' + thousandths % 10);
+  line_.reserve(96);
+  line_.assign(buf, at);
   line_ += ",\"ev\":";
   line_ += jsonString(ev);
 }
