@@ -68,24 +68,29 @@ std::string utf8FromSequenceText(std::string_view text) {
   return out;
 }
 
-std::string jsonString(std::string_view text) {
+namespace {
+
+// Appends the JSON string literal of `text` to `out`.
+void appendJsonString(std::string& out, std::string_view text) {
   // Most texts are printable ASCII with nothing to escape: they go as they are.
-  bool plain = true;
   for (const char c : text) {
     if (c < 0x20 || c > 0x7E || c == '"' || c == '\\') {
-      plain = false;
-      break;
+      out += nlohmann::json(utf8FromSequenceText(text)).dump();
+      return;
     }
   }
-  if (plain) {
-    std::string out;
-    out.reserve(text.size() + 2);
-    out += '"';
-    out.append(text);
-    out += '"';
-    return out;
-  }
-  return nlohmann::json(utf8FromSequenceText(text)).dump();
+  out += '"';
+  out.append(text);
+  out += '"';
+}
+
+}  // namespace
+
+std::string jsonString(std::string_view text) {
+  std::string out;
+  out.reserve(text.size() + 2);
+  appendJsonString(out, text);
+  return out;
 }
 
 Trace::~Trace() = default;
@@ -123,7 +128,7 @@ Trace::Event::Event(Trace& trace, std::string_view ev) : trace_(trace) {
   line_.reserve(96);
   line_.assign(buf, at);
   line_ += ",\"ev\":";
-  line_ += jsonString(ev);
+  appendJsonString(line_, ev);
 }
 
 Trace::Event::~Event() {
@@ -133,19 +138,20 @@ Trace::Event::~Event() {
 
 void Trace::Event::key(std::string_view name) {
   line_ += ',';
-  line_ += jsonString(name);
+  appendJsonString(line_, name);
   line_ += ':';
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, std::string_view text) {
   key(name);
-  line_ += jsonString(text);
+  appendJsonString(line_, text);
   return *this;
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, int64_t number) {
   key(name);
-  line_ += std::to_string(number);
+  char digits[24];
+  line_.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
   return *this;
 }
 

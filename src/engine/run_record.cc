@@ -247,6 +247,7 @@ std::optional<RunRecordSummary> FindRunRecord(const FileSystem& files, const std
 PruneResult PruneRunRecords(FileSystem& files, int64_t nowNs, const RunRecordLimits& limits,
                             const std::string& keep) {
   PruneResult result;
+  if (!limits.maxAge && !limits.maxBytes) return result;
   std::vector<RunRecordSummary> records = ListRunRecords(files);
   std::sort(records.begin(), records.end(),
             [](const RunRecordSummary& a, const RunRecordSummary& b) {
