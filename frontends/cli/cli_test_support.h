@@ -70,16 +70,30 @@ class CliTestBase : public ::testing::Test {
   }
 
   // Runs the command line; its standard output and error land in out_ and err_.
-  int Cli(std::vector<std::string> args) {
+  int Cli(std::vector<std::string> args) { return Cli(std::move(args), nullptr); }
+
+  // The same with `input` as its standard input (not a terminal).
+  int Cli(std::vector<std::string> args, const std::string& input) {
+    std::FILE* in = std::tmpfile();
+    std::fputs(input.c_str(), in);
+    std::rewind(in);
+    const int status = Cli(std::move(args), in);
+    std::fclose(in);
+    return status;
+  }
+
+ private:
+  int Cli(std::vector<std::string> args, std::FILE* in) {
     args.insert(args.begin(), "tavrix-cli");
     Captured out;
     Captured err;
-    const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+    const int status = TavrixCliMain(args, in, out.stream(), err.stream());
     out_ = out.take();
     err_ = err.take();
     return status;
   }
 
+ public:
   ScratchFolder scratch_;
   std::string dir_ = scratch_.path();
   std::string out_;

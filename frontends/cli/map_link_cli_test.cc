@@ -124,6 +124,26 @@ TEST_F(MapCliTest, LintNamesChannelsTheMapLacksAndWritesItCannotMake) {
   EXPECT_NE(err_.find("cannot read the I/O map"), std::string::npos) << err_;
 }
 
+// The shell on a map: its channel table starts with the devices, each with
+// what it said it is when the link opened; lines typed reach the device.
+TEST_F(MapCliTest, TheShellShowsEachDeviceAndWhatItSaidItIs) {
+  EXPECT_EQ(
+      Cli({"shell", "--virtual-time", "--link", "map:" + map_}, ".channels\nSEND V, 7\n.read V\n"),
+      0)
+      << err_;
+  const std::string port = std::to_string(psu_.port());
+  EXPECT_NE(out_.find("device psu (tcp://127.0.0.1:" + port + "): TAVRIX,SIM-PSU,0,1.0\n"),
+            std::string::npos)
+      << out_;
+  EXPECT_NE(out_.find("device io1 (tcp://127.0.0.1:" + std::to_string(oven_.port()) + ")\n"),
+            std::string::npos)
+      << out_;
+  EXPECT_LT(out_.find("device psu"), out_.find("HEATER ")) << out_;
+  // The supply's output is off, so it measures no volts whatever it is set to.
+  EXPECT_NE(out_.find("\nV = 0\n"), std::string::npos) << out_;
+  EXPECT_EQ(psu_.voltage(), 7);
+}
+
 TEST_F(MapCliTest, SimulatedDevicesListenOnLoopbackOnly) {
   EXPECT_EQ(Cli({"rig", "--simulate", "modbus", "--listen", "10.1.2.3:1502"}), kExitUsage);
   EXPECT_EQ(err_,

@@ -230,6 +230,9 @@ void ShellSession::dotCommand(const std::string& line) {
     if (instrument == nullptr || instrument->channels().records().empty()) {
       std::fprintf(out_, "no channels: no setup is loaded\n");
     } else {
+      for (const auto& device : instrument->backend().deviceLines()) {
+        std::fprintf(out_, "%s\n", visibleText(device).c_str());
+      }
       for (const auto& r : instrument->channels().records()) {
         char row[128];
         std::snprintf(row, sizeof row, "%-13s  device %2d  channel %5d  %c  %s%s",

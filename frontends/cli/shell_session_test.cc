@@ -14,18 +14,9 @@ class ShellTest : public CliTestBase {
  protected:
   // Runs `tavrix-cli shell` with `lines` as its input.
   int Shell(std::vector<std::string> args, const std::string& lines) {
-    std::FILE* in = std::tmpfile();
-    std::fputs(lines.c_str(), in);
-    std::rewind(in);
-    args.insert(args.begin(), {"tavrix-cli", "shell", "--virtual-time", "--setup",
-                               TAVRIX_SOURCE_DIR "/examples/rig.ims"});
-    Captured out;
-    Captured err;
-    const int status = TavrixCliMain(args, in, out.stream(), err.stream());
-    std::fclose(in);
-    out_ = out.take();
-    err_ = err.take();
-    return status;
+    args.insert(args.begin(),
+                {"shell", "--virtual-time", "--setup", TAVRIX_SOURCE_DIR "/examples/rig.ims"});
+    return Cli(std::move(args), lines);
   }
 
   std::string Read(const std::string& path) {
@@ -42,11 +33,14 @@ class ShellTest : public CliTestBase {
 // that of the first failing line.
 TEST_F(ShellTest, LinesRunOnTheRigAndAFailingLineEndsOnlyItself) {
   const std::string trace = dir_ + "/shell trace.jsonl";
-  EXPECT_EQ(Shell({}, "SEND HEATER, 40\n"
-                      ".read HEATER\n"
-                      "SEND NOPE, 1\n"
+  EXPECT_EQ(Shell({},
+                  "SEND HEATER, 40\n"
+                  ".read HEATER\n"
+                  "SEND NOPE, 1\n"
+                  "\n"
+                  ".trace " +
+                      trace +
                       "\n"
-                      ".trace " + trace + "\n"
                       "SEND HEATER, 55\n"
                       "WAITSECONDS 60\n"
                       ".read HEATER OVEN\n"

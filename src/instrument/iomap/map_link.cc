@@ -506,6 +506,17 @@ int32_t MapLink::openInterface(int16_t& handle) {
   return link_result::kOk;
 }
 
+std::vector<std::string> MapLink::deviceLines() const {
+  std::vector<std::string> lines;
+  for (const auto& w : workers_) {
+    std::lock_guard lock(w->mutex);
+    std::string line = "device " + w->device.name + " (" + w->device.address() + ")";
+    if (!w->identity.empty()) line += ": " + w->identity;
+    lines.push_back(std::move(line));
+  }
+  return lines;
+}
+
 int32_t MapLink::closeInterface(int16_t /*handle*/) {
   stopWorkers();
   open_ = false;

@@ -60,6 +60,7 @@ class MapLink final : public LinkLibrary {
   void useTrace(Trace& trace) override { trace_ = &trace; }
   std::string connectionProblem() const override;
   std::string ownSetup() const override { return map_.path; }
+  std::vector<std::string> deviceLines() const override;
 
   // Real milliseconds getReply waits for a reply before it answers 17.
   int replyWaitMs = 100;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <vector>
 #include <string_view>
 
 namespace tavrix {
@@ -76,6 +77,10 @@ class LinkLibrary {
   // it when the link opens and no setup has been loaded yet. Empty when the
   // channel table comes from a setup file that the run chooses.
   virtual std::string ownSetup() const { return {}; }
+  // The devices behind the link, for a person looking at the rig (the
+  // shell's channel table): one line each, such as its name, address and
+  // what it said it is when it was opened. Empty for a link of one system.
+  virtual std::vector<std::string> deviceLines() const { return {}; }
 
   // --- The instrument link library ------------------------------------------
   // Fills in `handle`.
