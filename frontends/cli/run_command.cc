@@ -371,7 +371,8 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   // for one as well.
   RunRecording record(engine,
                       {options.shell    ? std::string("(shell)")
-                       : options.resume ? interrupted.sequence
+                       : options.resume ? (interrupted.sequence.empty() ? interrupted.path
+                                                                        : interrupted.sequence)
                                         : options.sequence,
                        {},
                        options.shell ? "shell" : "cli",
