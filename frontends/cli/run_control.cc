@@ -47,9 +47,12 @@ RunControl::RunControl(Engine& engine, std::FILE* err)
     for (const Breakpoint& b : breakpoints_.list())
       if (b.id == event.number) what += " (" + DescribeBreakpoint(b) + ")";
     const std::string id = runId();
-    std::fprintf(err_, "tavrix-cli: held before line %d by %s%s\n", static_cast<int>(event.line),
-                 what.c_str(),
-                 id.empty() ? "" : ("; go on with: tavrix-cli ctl " + id + " resume").c_str());
+    const std::string text = "held before line " + std::to_string(event.line) + " by " + what +
+                             (id.empty() ? "" : "; go on with: tavrix-cli ctl " + id + " resume");
+    // At the terminal it goes above the live status, which it would
+    // otherwise run into.
+    if (view_ != nullptr) return view_->note(text);
+    std::fprintf(err_, "tavrix-cli: %s\n", text.c_str());
     std::fflush(err_);
   });
 }
