@@ -42,6 +42,7 @@ const ChannelRecord* Channels::lookup(std::string_view name, ChannelRef* ref) co
   if (ref->generation != generation_ || generation_ == 0) {
     ref->record = lookup(name);
     ref->generation = generation_;
+    ref->written = nullptr;
   }
   return static_cast<const ChannelRecord*>(ref->record);
 }
@@ -149,12 +150,16 @@ bool Channels::WriteChannel(std::string_view name, std::string_view value, Chann
   command.append(name).append(" ").append(value);
   link_.IMLSendCommand(device, command, false);
   if (!link_.IMLCheckReply(device)) return false;
-  const auto known = written_.find(name);
-  if (known == written_.end()) {
-    written_.emplace(std::string(name), std::string(value));
-  } else {
-    known->second.assign(value);
+  // The values written are never forgotten, so a place found once stays
+  // for as long as the table the reference was looked up in.
+  std::string* kept = ref != nullptr ? ref->written : nullptr;
+  if (kept == nullptr) {
+    auto known = written_.find(name);
+    if (known == written_.end()) known = written_.emplace(std::string(name), std::string()).first;
+    kept = &known->second;
+    if (ref != nullptr) ref->written = kept;
   }
+  kept->assign(value);
   return true;
 }
 

@@ -46,8 +46,9 @@ struct ChannelRecord {
 // A channel looked up once for the reads and writes of it that follow: it
 // is looked up again only after the channel table changed.
 struct ChannelRef {
-  uint64_t generation = 0;       // the table it was looked up in; 0: not yet
-  const void* record = nullptr;  // the record found (nullptr: none)
+  uint64_t generation = 0;         // the table it was looked up in; 0: not yet
+  const void* record = nullptr;    // the record found (nullptr: none)
+  std::string* written = nullptr;  // where the last value written to it is kept
 };
 
 // How one test socket's channel names reach the rig: a name in the table is
