@@ -55,7 +55,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         testSocket_(std::move(testSocket)),
         origin_(origin) {}
 
-  bool open(const std::string& dataRoot, std::string* error) {
+  bool open(const std::string& dataRoot, const std::string& runId, std::string* error) {
     const std::string runs = RunsFolder(dataRoot);
     std::error_code ignored;
     std::filesystem::create_directories(dataRoot, ignored);
@@ -64,7 +64,16 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
       return false;
     }
     const std::string base = NewRunId();
-    for (int n = 1;; ++n) {
+    if (!runId.empty()) {
+      // The run's folder, made for its record: it is for its owner alone.
+      runId_ = runId;
+      const std::string folder = runs + "/" + runId_;
+      if (::chmod(folder.c_str(), 0700) != 0) {
+        *error = "cannot make " + folder + " private: " + std::strerror(errno);
+        return false;
+      }
+    }
+    for (int n = 1; runId.empty(); ++n) {
       runId_ = n == 1 ? base : base + "-" + std::to_string(n);
       dir_ = runs + "/" + runId_;
       if (::mkdir(dir_.c_str(), 0700) == 0) break;
@@ -74,7 +83,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         return false;
       }
     }
-    path_ = dir_ + "/control.sock";
+    path_ = (runId.empty() ? dir_ : runs + "/" + runId_) + "/control.sock";
     listen_ = ListenControlSocket(path_, error);
     if (listen_ < 0) return false;
     if (::pipe(wake_) != 0) {
@@ -463,9 +472,10 @@ std::unique_ptr<ControlSocket> ControlSocket::Open(Engine& engine, Breakpoints& 
                                                    const std::string& dataRoot,
                                                    const std::string& sequence, int64_t origin,
                                                    std::string* error,
-                                                   const std::string& testSocket) {
+                                                   const std::string& testSocket,
+                                                   const std::string& runId) {
   auto impl = std::make_shared<Impl>(engine, breakpoints, sequence, origin, testSocket);
-  if (!impl->open(dataRoot, error)) {
+  if (!impl->open(dataRoot, runId, error)) {
     impl->close();
     return nullptr;
   }

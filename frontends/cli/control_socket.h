@@ -29,11 +29,13 @@ class ControlSocket {
   // nullptr with a message when the socket cannot be made. `origin` is
   // where the events' "t" counts from. `testSocket`, when not empty, names
   // the station's test socket the run belongs to (its status tells it).
+  // `runId`, when not empty, is a run whose folder is made already (its
+  // record's): the socket goes there, and the folder is left when it goes.
   static std::unique_ptr<ControlSocket> Open(Engine& engine, Breakpoints& breakpoints,
                                              const std::string& dataRoot,
                                              const std::string& sequence, int64_t origin,
-                                             std::string* error,
-                                             const std::string& testSocket = {});
+                                             std::string* error, const std::string& testSocket = {},
+                                             const std::string& runId = {});
   ~ControlSocket();
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;

@@ -9,7 +9,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <sstream>
 #include <thread>
 
 #include "cli_test_support.h"
@@ -176,10 +178,13 @@ TEST_F(ControlSocketTest, ClientsLookStepSkipBreakAndResumeAHeldRunWhileOneFollo
   std::fclose(errRead);
   EXPECT_EQ(status, kExitOk);
 
-  // The socket and its folder went with the run; a command finds no run.
-  EXPECT_FALSE(fs::exists(Home() + "/runs/" + id));
+  // The socket went with the run (its record stays); a command is told
+  // that the run has ended.
+  EXPECT_FALSE(fs::exists(Home() + "/runs/" + id + "/control.sock"));
+  EXPECT_TRUE(fs::exists(Home() + "/runs/" + id + "/trace.jsonl"));
   EXPECT_EQ(Ctl({id, "status"}), 1);
-  EXPECT_NE(ctlErr_.find("run " + id + " is not going"), std::string::npos) << ctlErr_;
+  EXPECT_NE(ctlErr_.find("run " + id + " has ended (eof, exit status 0)"), std::string::npos)
+      << ctlErr_;
   std::string trace;
   ASSERT_TRUE(localFiles().readFile(Path("trace.jsonl"), trace, nullptr));
   EXPECT_NE(trace.find("\"ev\":\"hold\",\"n\":4,\"reason\":\"break\",\"id\":2}"),
@@ -261,7 +266,102 @@ TEST_F(ControlSocketTest, AStaleSocketIsCleanedByListAndBadBreakpointsEndTheRunA
   EXPECT_EQ(Cli({"run", "--virtual-time", "--break", "TOP:2", "--break-if", "T1 > 80", seq}),
             kExitOk)
       << err_;
-  EXPECT_TRUE(fs::is_empty(Home() + "/runs"));
+  // What is left in runs/ are the records of those runs, without sockets.
+  for (const auto& entry : fs::directory_iterator(Home() + "/runs")) {
+    EXPECT_TRUE(fs::exists(entry.path() / "trace.jsonl")) << entry.path();
+    EXPECT_FALSE(fs::exists(entry.path() / "control.sock")) << entry.path();
+  }
+}
+
+std::string ReadAll(const std::string& path) {
+  std::string text;
+  EXPECT_TRUE(localFiles().readFile(path, text, nullptr)) << path;
+  return text;
+}
+
+TEST_F(ControlSocketTest, EveryRunLeavesARecordThatListAllShowsAndEventsReplays) {
+  const std::string good = File("good.wts", "WAITSECONDS 2\r\nRESETLOOPCOUNT\r\n");
+  const std::string bad = File("bad.wts", "WAITSECONDS 1\r\nGOTO NOWHERE\r\n");
+  const std::string traced = Path("traced.jsonl");
+  // With --trace, without a control socket: the record is kept all the same.
+  ASSERT_EQ(
+      Cli({"run", "--virtual-time", "--quiet", "--no-control-socket", "--trace", traced, good}),
+      kExitOk)
+      << err_;
+  const int failed = Cli({"run", "--virtual-time", "--quiet", bad});
+  EXPECT_EQ(failed, ExitStatusFor(EndReason::kError)) << err_;
+
+  ASSERT_EQ(Cli({"ctl", "list", "--all"}), kExitOk) << err_;
+  const std::vector<std::string> lines = [&] {
+    std::vector<std::string> out;
+    std::istringstream in(out_);
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+  }();
+  ASSERT_EQ(lines.size(), 3u) << out_;
+  EXPECT_EQ(lines[0].rfind("RUN ", 0), 0u) << out_;
+  const std::string first = lines[1].substr(0, lines[1].find(' '));
+  const std::string second = lines[2].substr(0, lines[2].find(' '));
+  EXPECT_NE(lines[1].find(" eof       0      " + good), std::string::npos) << out_;
+  EXPECT_NE(lines[2].find(" error     " + std::to_string(failed) + "      " + bad),
+            std::string::npos)
+      << out_;
+
+  // The record is the trace: the same lines as --trace wrote.
+  EXPECT_EQ(Ctl({first, "events"}), kExitOk) << ctlErr_;
+  EXPECT_EQ(ctlOut_, ReadAll(traced));
+  EXPECT_NE(ctlOut_.find("{\"t\":2.000,\"ev\":\"end\",\"reason\":\"eof\",\"code\":0}\n"),
+            std::string::npos)
+      << ctlOut_;
+  EXPECT_EQ(ctlErr_, "");
+  // By process id the latest run of that process is found.
+  EXPECT_EQ(Ctl({second.substr(second.rfind('-') + 1), "events"}), kExitOk) << ctlErr_;
+  EXPECT_NE(ctlOut_.find("\"text\":\"GOTO NOWHERE\""), std::string::npos) << ctlOut_;
+
+  // Any other command to a run that has ended: how it ended, exit 1.
+  EXPECT_EQ(Ctl({first, "pause"}), 1);
+  EXPECT_NE(ctlErr_.find("run " + first + " has ended (eof, exit status 0)"), std::string::npos)
+      << ctlErr_;
+  EXPECT_EQ(Ctl({"20200101-000000-99", "events"}), 1);
+  EXPECT_NE(ctlErr_.find("has no record"), std::string::npos) << ctlErr_;
+
+  // A run killed outright leaves its record without an end.
+  const std::string cut = Home() + "/runs/20200101-000000-7";
+  fs::create_directories(cut);
+  File("cut.json", "{\"run\":\"20200101-000000-7\",\"sequence\":\"x.wts\",\"start\":0}\n");
+  fs::rename(Path("cut.json"), cut + "/run.json");
+  File("cut.jsonl", "{\"t\":0.000,\"ev\":\"line\",\"n\":1,\"text\":\"X\"}\n");
+  fs::rename(Path("cut.jsonl"), cut + "/trace.jsonl");
+  ASSERT_EQ(Cli({"ctl", "list", "--all"}), kExitOk) << err_;
+  EXPECT_NE(out_.find("20200101-000000-7        1970-01-01 00:00:00 -                   cut short "
+                      "-      x.wts"),
+            std::string::npos)
+      << out_;
+  EXPECT_EQ(Ctl({"20200101-000000-7", "events"}), kExitOk);
+  EXPECT_EQ(ctlOut_, "{\"t\":0.000,\"ev\":\"line\",\"n\":1,\"text\":\"X\"}\n");
+  EXPECT_NE(ctlErr_.find("has no end"), std::string::npos) << ctlErr_;
+
+  // The limits: a size that holds one record leaves only the newest ended
+  // one besides the run's own (a record without an end goes by age only);
+  // bad limits end the command at once.
+  const std::string settings = File("small.settings", "records_max_size = 1\n");
+  ASSERT_EQ(Cli({"run", "--virtual-time", "--quiet", "--instrument-settings", settings, good}),
+            kExitOk)
+      << err_;
+  ASSERT_EQ(Cli({"ctl", "list", "--all"}), kExitOk);
+  EXPECT_EQ(out_.find(first + " "), std::string::npos) << out_;
+  EXPECT_EQ(out_.find(second + " "), std::string::npos) << out_;
+  EXPECT_NE(out_.find("cut short"), std::string::npos) << out_;
+  const std::string aged = File("aged.settings", "records_max_age = 1s\nrecords_max_size = off\n");
+  fs::last_write_time(cut + "/run.json", fs::file_time_type::clock::now() - std::chrono::hours(1));
+  fs::last_write_time(cut + "/trace.jsonl",
+                      fs::file_time_type::clock::now() - std::chrono::hours(1));
+  ASSERT_EQ(Cli({"run", "--virtual-time", "--quiet", "--instrument-settings", aged, good}), kExitOk)
+      << err_;
+  EXPECT_FALSE(fs::exists(cut));
+  const std::string wrong = File("wrong.settings", "records_max_size = lots\n");
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--instrument-settings", wrong, good}), kExitUsage);
+  EXPECT_NE(err_.find("records_max_size takes a size such as 1GiB"), std::string::npos) << err_;
 }
 
 }  // namespace

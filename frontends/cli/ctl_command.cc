@@ -9,8 +9,10 @@
 #include "common/civil_time.h"
 #include "common/file_system.h"
 #include "common/paths.h"
+#include "common/trace.h"
 #include "control_protocol.h"
 #include "engine/run_checkpoints.h"
+#include "engine/run_record.h"
 #include "run_command.h"
 #ifndef _WIN32
 #include <sys/socket.h>
@@ -26,7 +28,8 @@ namespace tavrix {
 CtlCommand::CtlCommand(CLI::App& app) {
   command_ = app.add_subcommand(
       "ctl",
-      "Control a run of this user on this machine: ctl list [--interrupted] | ctl discard RUN | "
+      "Control a run of this user on this machine: ctl list [--all|--interrupted] | ctl discard "
+      "RUN | "
       "ctl RUN status|pause|resume|step|skip|stop|break [SPEC|if CONDITION|clear ID|list]|"
       "watch CH...|answer CAPTION|events");
   command_->add_option("WORDS", words_, "list, or RUN (its id or process id) and a command")
@@ -41,6 +44,12 @@ std::optional<int> CtlCommand::run(std::FILE* out, std::FILE* err) {
   if (words.size() == 2 && words[0] == "list" && words[1] == "--interrupted") {
     const LocalFileSystem files(defaultDataRoot());
     return ListInterrupted(files, out);
+  }
+  if (words.size() == 2 && words[0] == "list" && words[1] == "--all") {
+    const LocalFileSystem files(defaultDataRoot());
+    return ListAllRuns(files, out, [&files](const std::string& id) {
+      return RunAnswers(join(RunRecordsFolder(files), id));
+    });
   }
   if (words.size() == 2 && words[0] == "discard") {
     LocalFileSystem files(defaultDataRoot());
@@ -80,9 +89,73 @@ int ListInterrupted(const FileSystem& files, std::FILE* out) {
   return kExitOk;
 }
 
+int ListAllRuns(const FileSystem& files, std::FILE* out,
+                const std::function<bool(const std::string&)>& going) {
+  const auto records = ListRunRecords(files);
+  if (records.empty()) {
+    std::fprintf(out, "no run has a record\n");
+    return kExitOk;
+  }
+  std::fprintf(out, "%-24s %-19s %-19s %-9s %-6s %s\n", "RUN", "START", "END", "REASON", "STATUS",
+               "SEQUENCE");
+  for (const RunRecordSummary& r : records) {
+    std::string reason = r.endReason;
+    if (!r.end) reason = going(r.id) ? "going" : "cut short";
+    const std::string status = r.exitStatus ? std::to_string(*r.exitStatus) : "-";
+    const std::string sequence =
+        (r.testSocket.empty() ? std::string() : "[" + visibleText(r.testSocket) + "] ") +
+        visibleText(r.sequence);
+    std::fprintf(out, "%-24s %-19s %-19s %-9s %-6s %s\n", r.id.c_str(),
+                 isoDateTime(r.start).c_str(), r.end ? isoDateTime(*r.end).c_str() : "-",
+                 reason.c_str(), status.c_str(), sequence.c_str());
+  }
+  return kExitOk;
+}
+
+int ReplayRun(const FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err) {
+  const auto record = FindRunRecord(files, run);
+  if (!record) {
+    std::fprintf(err,
+                 "tavrix-cli ctl: run %s is not going and has no record (it never ran here, or "
+                 "its record was removed); 'tavrix-cli ctl list --all' shows the records\n",
+                 run.c_str());
+    return kExitSequenceError;
+  }
+  std::string error;
+  auto in = files.openInput(join(record->folder, std::string(kRecordTrace)), &error);
+  if (!in) {
+    std::fprintf(err, "tavrix-cli ctl: %s\n", error.c_str());
+    return kExitSequenceError;
+  }
+  char chunk[65536];
+  for (size_t got = 0;;) {
+    if (!in->read(chunk, sizeof chunk, got, &error)) {
+      std::fprintf(err, "tavrix-cli ctl: %s\n", error.c_str());
+      return kExitSequenceError;
+    }
+    if (got == 0) break;
+    std::fwrite(chunk, 1, got, out);
+  }
+  std::fflush(out);
+  if (!record->end)
+    std::fprintf(err,
+                 "tavrix-cli ctl: the record of run %s has no end: the run was cut short (or "
+                 "goes on without a control socket)\n",
+                 record->id.c_str());
+  return kExitOk;
+}
+
 #ifdef _WIN32
 
-int RunCtl(const std::string&, const std::vector<std::string>&, std::FILE*, std::FILE* err) {
+bool RunAnswers(const std::string&) { return false; }
+
+int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, std::FILE* out,
+           std::FILE* err) {
+  // A run's record is read without its control socket.
+  if (words.size() == 2 && words[1] == "events") {
+    const LocalFileSystem files(dataRoot);
+    return ReplayRun(files, words[0], out, err);
+  }
   std::fprintf(err,
                "tavrix-cli ctl: this Windows build has no control socket; control a run from its "
                "window or its terminal\n");
@@ -144,6 +217,17 @@ void Clean(const fs::path& runFolder) {
   fs::remove(runFolder, ignored);  // only when nothing else is in it
 }
 
+}  // namespace
+
+bool RunAnswers(const std::string& runFolder) {
+  const int fd = ConnectControlSocket(Socket(runFolder));
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+namespace {
+
 int List(const std::string& runs, std::FILE* out) {
   std::error_code error;
   std::vector<fs::path> folders;
@@ -187,16 +271,22 @@ std::optional<fs::path> FindRun(const std::string& runs, const std::string& run)
   if (run.empty() || run.find('/') != std::string::npos || run == "." || run == "..")
     return std::nullopt;
   if (fs::is_directory(fs::path(runs) / run, error)) return fs::path(runs) / run;
-  std::optional<fs::path> found;
+  // A process id: the folders of ended runs of an earlier process with the
+  // same id stay (their records), so the one with a socket is the run.
+  std::vector<fs::path> found;
   for (fs::directory_iterator it(runs, error), end; !error && it != end; it.increment(error)) {
     const std::string name = it->path().filename().string();
     if (name.size() > run.size() && name.compare(name.size() - run.size(), run.size(), run) == 0 &&
-        name[name.size() - run.size() - 1] == '-') {
-      if (found) return std::nullopt;  // not one run
-      found = it->path();
-    }
+        name[name.size() - run.size() - 1] == '-')
+      found.push_back(it->path());
   }
-  return found;
+  if (found.size() > 1)
+    found.erase(
+        std::remove_if(found.begin(), found.end(),
+                       [&](const fs::path& p) { return !fs::exists(p / "control.sock", error); }),
+        found.end());
+  if (found.size() != 1) return std::nullopt;  // none, or not one run
+  return found.front();
 }
 
 }  // namespace
@@ -219,12 +309,34 @@ int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, s
                  run.c_str());
     return kExitSequenceError;
   };
+  const LocalFileSystem files(dataRoot);
+  // A run that has ended is known by its record: its events are replayed
+  // from it, and any other command is told how it ended.
+  const auto ended = [&] {
+    if (words[1] == "events") return ReplayRun(files, run, out, err);
+    const auto record = FindRunRecord(files, run);
+    if (!record) return gone();
+    if (!record->end) {
+      std::fprintf(err,
+                   "tavrix-cli ctl: run %s is not going (it was cut short); 'tavrix-cli ctl %s "
+                   "events' shows its record\n",
+                   record->id.c_str(), record->id.c_str());
+    } else {
+      std::fprintf(err,
+                   "tavrix-cli ctl: run %s has ended (%s, exit status %s); 'tavrix-cli ctl %s "
+                   "events' shows its record\n",
+                   record->id.c_str(), record->endReason.c_str(),
+                   record->exitStatus ? std::to_string(*record->exitStatus).c_str() : "-",
+                   record->id.c_str());
+    }
+    return kExitSequenceError;
+  };
   const auto folder = FindRun(runs, run);
-  if (!folder) return gone();
+  if (!folder) return ended();
   const int fd = ConnectControlSocket(Socket(*folder));
   if (fd < 0) {
     if (errno == ECONNREFUSED || errno == ENOENT) Clean(*folder);
-    return gone();
+    return ended();
   }
   Connection connection(fd);
   ControlRequest request{words[1], {words.begin() + 2, words.end()}};

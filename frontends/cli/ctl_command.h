@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +35,18 @@ int ListInterrupted(const FileSystem& files, std::FILE* out);
 // `ctl discard RUN`: the run's checkpoint goes to runs/discarded/, where it
 // is kept for a week.
 int DiscardInterrupted(FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err);
+
+// `ctl list --all`: the records of past runs and of those that go, oldest
+// first, with their start, how they ended and their exit status.
+// `going(id)` tells whether run `id` still answers on its control socket.
+int ListAllRuns(const FileSystem& files, std::FILE* out,
+                const std::function<bool(const std::string&)>& going);
+// `ctl RUN events` for a run that has ended: its record's trace, line by
+// line; 1 with a message when there is no record of RUN.
+int ReplayRun(const FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err);
+
+// Whether a run answers on the control socket in `runFolder`.
+bool RunAnswers(const std::string& runFolder);
 
 // `ctl list` and `ctl RUN COMMAND ARGS...` with the runs of `dataRoot`.
 int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, std::FILE* out,

@@ -303,6 +303,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
   if (options.linkKey) settings.linkKeyFile = *options.linkKey;
+  const RunRecordLimits recordLimits{settings.recordsMaxAge, settings.recordsMaxBytes};
   const std::string link = !options.link.empty()    ? options.link
                            : !settings.link.empty() ? settings.link
                                                     : std::string(kLinkSim);
@@ -370,6 +371,17 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
   engine.trace().setOrigin(engine.clock().now());
   Sequencer& seq = engine.sequencer();
+  // Every run keeps its trace in the data root, whether or not --trace asks
+  // for one as well.
+  RunRecording record(engine,
+                      {options.shell    ? std::string("(shell)")
+                       : options.resume ? (interrupted.sequence.empty() ? interrupted.path
+                                                                        : interrupted.sequence)
+                                        : options.sequence,
+                       {},
+                       options.shell ? "shell" : "cli",
+                       engine.clock().now()},
+                      recordLimits, err);
 
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
@@ -445,7 +457,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
   control.setAnswers(answers);
   if (options.controlSocket)
-    control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence);
+    control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence, {}, record.id());
   if (takeKeys) control.takeKeys(keys, in, view);
 #ifndef _WIN32
   // With a plant's database server for a store, the station's runs are
@@ -519,6 +531,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
+  record.finish(reason, status);
   view.finish(reason, status);
   return status;
 }

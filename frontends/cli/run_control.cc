@@ -14,6 +14,24 @@ namespace tavrix {
 class ControlSocket {};
 #endif
 
+RunRecording::RunRecording(Engine& engine, const RunRecord::Start& start,
+                           const RunRecordLimits& limits, std::FILE* err)
+    : engine_(engine) {
+  std::string error;
+  record_ = RunRecord::Begin(engine.files(), engine.trace(), start, limits, &error);
+  if (!record_)
+    std::fprintf(err, "tavrix-cli: warning: this run keeps no record (it goes on): %s\n",
+                 error.c_str());
+}
+
+RunRecording::~RunRecording() {
+  if (record_) record_->finish(engine_.clock().now(), "refused", 2);
+}
+
+void RunRecording::finish(EndReason reason, int status) {
+  if (record_) record_->finish(engine_.clock().now(), EndReasonName(reason), status);
+}
+
 RunControl::RunControl(Engine& engine, std::FILE* err)
     : engine_(engine), err_(err), breakpoints_(engine) {
   // Says which breakpoint held the run, and how to go on from elsewhere.
@@ -29,9 +47,12 @@ RunControl::RunControl(Engine& engine, std::FILE* err)
     for (const Breakpoint& b : breakpoints_.list())
       if (b.id == event.number) what += " (" + DescribeBreakpoint(b) + ")";
     const std::string id = runId();
-    std::fprintf(err_, "tavrix-cli: held before line %d by %s%s\n", static_cast<int>(event.line),
-                 what.c_str(),
-                 id.empty() ? "" : ("; go on with: tavrix-cli ctl " + id + " resume").c_str());
+    const std::string text = "held before line " + std::to_string(event.line) + " by " + what +
+                             (id.empty() ? "" : "; go on with: tavrix-cli ctl " + id + " resume");
+    // At the terminal it goes above the live status, which it would
+    // otherwise run into.
+    if (view_ != nullptr) return view_->note(text);
+    std::fprintf(err_, "tavrix-cli: %s\n", text.c_str());
     std::fflush(err_);
   });
 }
@@ -51,11 +72,12 @@ bool RunControl::setBreakpoints(const std::vector<std::string>& lines,
   return true;
 }
 
-void RunControl::openSocket(const std::string& sequence, const std::string& testSocket) {
+void RunControl::openSocket(const std::string& sequence, const std::string& testSocket,
+                            const std::string& runId) {
 #ifndef _WIN32
   std::string error;
   socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(), sequence,
-                                engine_.clock().now(), &error, testSocket);
+                                engine_.clock().now(), &error, testSocket, runId);
   if (socket_ && answers_ != nullptr) socket_->setAnswers(answers_);
   if (!socket_)
     std::fprintf(err_, "tavrix-cli: warning: no control socket (the run goes on): %s\n",
@@ -63,6 +85,7 @@ void RunControl::openSocket(const std::string& sequence, const std::string& test
 #else
   (void)sequence;
   (void)testSocket;
+  (void)runId;
 #endif
 }
 

@@ -11,12 +11,34 @@
 #include "answer_relay.h"
 #include "engine/breakpoints.h"
 #include "engine/engine.h"
+#include "engine/run_record.h"
 
 namespace tavrix {
 
 class ControlSocket;
 class TerminalKeys;
 class TerminalView;
+
+// The record of a run of tavrix-cli in the data root. A record that cannot
+// be made is told to `err` as a warning and the run goes on. A run refused
+// before it ends as a run does (a bad breakpoint, a setup that does not
+// load) is recorded as "refused" with exit status 2.
+class RunRecording {
+ public:
+  RunRecording(Engine& engine, const RunRecord::Start& start, const RunRecordLimits& limits,
+               std::FILE* err);
+  ~RunRecording();
+  RunRecording(const RunRecording&) = delete;
+  RunRecording& operator=(const RunRecording&) = delete;
+
+  // Empty without a record.
+  std::string id() const { return record_ ? record_->id() : std::string(); }
+  void finish(EndReason reason, int status);
+
+ private:
+  Engine& engine_;
+  std::unique_ptr<RunRecord> record_;
+};
 
 class RunControl {
  public:
@@ -31,8 +53,10 @@ class RunControl {
                       const std::vector<std::string>& conditions, std::string* error);
   // Opens the control socket in the data root (where the system has one);
   // a socket that cannot be made is told to `err` and the run goes on.
-  // `testSocket` names the station's test socket the run belongs to.
-  void openSocket(const std::string& sequence, const std::string& testSocket = {});
+  // `testSocket` names the station's test socket the run belongs to. With a
+  // `runId` the socket goes into that run's folder (its record's).
+  void openSocket(const std::string& sequence, const std::string& testSocket = {},
+                  const std::string& runId = {});
 
   // Questions may be answered through the socket (ctl RUN answer CAPTION).
   void setAnswers(AnswerRelay& relay);

@@ -470,6 +470,10 @@ int RunSocket(StationShared& shared, size_t index) {
     engine->trace().setOutput(std::move(file));
   }
   engine->trace().setOrigin(engine->clock().now());
+  // Each socket's run keeps its own record in the data root.
+  RunRecording record(*engine,
+                      {station.sequenceOf(socket), socket.name, "station", engine->clock().now()},
+                      {shared.settings.recordsMaxAge, shared.settings.recordsMaxBytes}, shared.err);
 
   Instrument* instrument = engine->instrument();
   if (!instrument->ensureOpen())
@@ -483,7 +487,7 @@ int RunSocket(StationShared& shared, size_t index) {
   if (!seq.prepareFile(sequence, &error)) return fail(error);
 
   RunControl control(*engine, shared.err);
-  if (options.controlSocket) control.openSocket(sequence, socket.name);
+  if (options.controlSocket) control.openSocket(sequence, socket.name, record.id());
 #ifndef _WIN32
   if (shared.publishing) shared.publishing->ranHere(control.runId());
 #endif
@@ -513,6 +517,7 @@ int RunSocket(StationShared& shared, size_t index) {
     status = kExitOutputLost;
   if (engine->trace().enabled())
     engine->trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
+  record.finish(reason, status);
   shared.view.ended(index, status, EndReasonName(reason));
   return status;
 }

@@ -44,6 +44,7 @@
 #include "common/text_file.h"
 #include "crypto/encrypted_files.h"
 #include "data_entry_dialog.h"
+#include "engine/run_record.h"
 #include "decrypt_dialog.h"
 #include "main_window.h"
 #include "qt_text.h"
@@ -1009,6 +1010,17 @@ class MainWindowTest : public QObject {
     QCOMPARE(stored[0].checks.size(), size_t{1});
     QCOMPARE(stored[0].checks[0].parameter, std::string("Seal"));
     QTRY_VERIFY(ReadAll(root + "/results-queue.journal").empty());
+
+    // The run left its record in the data root, ended, with its trace.
+    const LocalFileSystem files(root);
+    QTRY_VERIFY(ListRunRecords(files).size() == 1 && ListRunRecords(files)[0].end.has_value());
+    const RunRecordSummary record = ListRunRecords(files)[0];
+    QCOMPARE(record.frontEnd, std::string("window"));
+    QVERIFY(!record.endReason.empty());
+    const std::string trace = ReadAll(record.folder + "/trace.jsonl");
+    QVERIFY(trace.find("\"ev\":\"prompt\"") != std::string::npos);
+    QVERIFY(trace.find("\"ev\":\"end\",\"reason\":\"" + record.endReason + "\"}") !=
+            std::string::npos);
   }
 
   // Window sizes from 1280x1024 to 1920x1080 and 150 % scaling; Run keeps a

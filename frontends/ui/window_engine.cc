@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "engine/run_checkpoints.h"
+#include "engine/run_record.h"
 #include "instrument/backends/link_backends.h"
 #include "platform/companion_programs.h"
 
@@ -48,8 +49,10 @@ std::unique_ptr<Engine> MakeWindowEngine(Operator& op, const std::string& dataRo
   }
   std::string error;
   if (!engine->feedResultsStore(&error)) report("results store: " + error);
-  // Every run keeps a checkpoint in the data root until it ends.
+  // Every run keeps a checkpoint in the data root until it ends, and a
+  // record that stays.
   engine->keepCheckpoints();
+  engine->recordEveryRun({settings.recordsMaxAge, settings.recordsMaxBytes}, "window");
   if (engine->instrument() != nullptr) engine->instrument()->ensureOpen();
   return engine;
 }

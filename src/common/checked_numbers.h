@@ -59,4 +59,9 @@ std::optional<int64_t> parseWholeNumber(std::string_view text);
 // kLongestSpan.
 std::optional<Micros> parseDuration(std::string_view text);
 
+// A size in bytes: a whole number with an optional unit, "64KiB", "500MiB",
+// "1GiB", "200MB", "10kB", "4096" (case-blind; blanks between allowed).
+// std::nullopt for anything else, for 0 and for sizes beyond 64 bits.
+std::optional<uint64_t> parseByteSize(std::string_view text);
+
 }  // namespace tavrix

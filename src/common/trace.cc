@@ -1,5 +1,6 @@
 #include "common/trace.h"
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -67,18 +68,42 @@ std::string utf8FromSequenceText(std::string_view text) {
   return out;
 }
 
+namespace {
+
+// Appends the JSON string literal of `text` to `out`.
+void appendJsonString(std::string& out, std::string_view text) {
+  // Most texts are printable ASCII with nothing to escape: they go as they are.
+  for (const char c : text) {
+    if (c < 0x20 || c > 0x7E || c == '"' || c == '\\') {
+      out += nlohmann::json(utf8FromSequenceText(text)).dump();
+      return;
+    }
+  }
+  out += '"';
+  out.append(text);
+  out += '"';
+}
+
+}  // namespace
+
 std::string jsonString(std::string_view text) {
-  return nlohmann::json(utf8FromSequenceText(text)).dump();
+  std::string out;
+  out.reserve(text.size() + 2);
+  appendJsonString(out, text);
+  return out;
 }
 
 Trace::~Trace() = default;
 
 void Trace::setOutput(std::unique_ptr<OutputFile> out) { out_ = std::move(out); }
+void Trace::setRecord(std::unique_ptr<OutputFile> record) { record_ = std::move(record); }
 
 void Trace::write(const std::string& line) {
-  if (out_ == nullptr) return;
   std::string error;
-  if (out_->write(line, &error)) return;
+  bool written = true;
+  if (out_ != nullptr && !out_->write(line, &error)) written = false;
+  if (record_ != nullptr && !record_->write(line, written ? &error : nullptr)) written = false;
+  if (written) return;
   if (linesLost_++ == 0) {
     firstError_ = error;
     if (onFirstLoss_) onFirstLoss_(error);
@@ -87,14 +112,23 @@ void Trace::write(const std::string& line) {
 
 Trace::Event::Event(Trace& trace, std::string_view ev) : trace_(trace) {
   const Micros t = trace.clock_.now() - trace.origin_;
-  char buf[48];
   // Three decimals of seconds, rounded to the nearest millisecond.
   const int64_t ms = (t >= 0 ? t + 500 : t - 500) / 1000;
-  std::snprintf(buf, sizeof buf, "{\"t\":%s%" PRId64 ".%03" PRId64, ms < 0 ? "-" : "",
-                (ms < 0 ? -ms : ms) / 1000, (ms < 0 ? -ms : ms) % 1000);
-  line_ = buf;
+  const int64_t whole = (ms < 0 ? -ms : ms) / 1000;
+  const int64_t thousandths = (ms < 0 ? -ms : ms) % 1000;
+  char buf[48];
+  char* at = buf;
+  for (const char c : std::string_view("{\"t\":")) *at++ = c;
+  if (ms < 0) *at++ = '-';
+  at = std::to_chars(at, buf + sizeof buf, whole).ptr;
+  *at++ = '.';
+  *at++ = static_cast<char>('0' + thousandths / 100);
+  *at++ = static_cast<char>('0' + thousandths / 10 % 10);
+  *at++ = static_cast<char>('0' + thousandths % 10);
+  line_.reserve(96);
+  line_.assign(buf, at);
   line_ += ",\"ev\":";
-  line_ += jsonString(ev);
+  appendJsonString(line_, ev);
 }
 
 Trace::Event::~Event() {
@@ -104,19 +138,20 @@ Trace::Event::~Event() {
 
 void Trace::Event::key(std::string_view name) {
   line_ += ',';
-  line_ += jsonString(name);
+  appendJsonString(line_, name);
   line_ += ':';
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, std::string_view text) {
   key(name);
-  line_ += jsonString(text);
+  appendJsonString(line_, text);
   return *this;
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, int64_t number) {
   key(name);
-  line_ += std::to_string(number);
+  char digits[24];
+  line_.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
   return *this;
 }
 

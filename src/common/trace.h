@@ -25,7 +25,10 @@ class Trace {
 
   // Writes to `out`; nullptr turns the trace off.
   void setOutput(std::unique_ptr<OutputFile> out);
-  bool enabled() const { return out_ != nullptr; }
+  // Writes every line to `record` as well (the run's own record in the data
+  // root), whether or not an output is set; nullptr ends that.
+  void setRecord(std::unique_ptr<OutputFile> record);
+  bool enabled() const { return out_ != nullptr || record_ != nullptr; }
   // Lines that could not be written, and why the first one could not.
   int64_t linesLost() const { return linesLost_; }
   const std::string& firstWriteError() const { return firstError_; }
@@ -62,6 +65,7 @@ class Trace {
 
   const Clock& clock_;
   std::unique_ptr<OutputFile> out_;
+  std::unique_ptr<OutputFile> record_;
   Micros origin_ = 0;
   int64_t linesLost_ = 0;
   std::string firstError_;

@@ -3,6 +3,7 @@
 #include "calcchan/calc_commands.h"
 #include "common/paths.h"
 #include "engine/run_checkpoints.h"
+#include "engine/run_record.h"
 #include "indexing/indexing_commands.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/outputs/output_commands.h"
@@ -68,6 +69,10 @@ Engine::Engine(EngineConfig& config)
 }
 
 Engine::~Engine() = default;
+
+void Engine::recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd) {
+  recorder_ = std::make_unique<RunRecorder>(*this, limits, frontEnd);
+}
 
 void Engine::publishSubsystemEvents() {
   testDatabase_.addUutFinishedHook(

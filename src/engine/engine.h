@@ -35,6 +35,8 @@ namespace tavrix {
 
 class ResultsFeed;
 class RunCheckpoints;
+class RunRecorder;
+struct RunRecordLimits;
 
 // What a resume found and did, for the front end to tell.
 struct ResumeReport {
@@ -131,6 +133,9 @@ class Engine {
   // Keeps a checkpoint of every run from now on (data root, runs/).
   RunCheckpoints& keepCheckpoints();
   RunCheckpoints* checkpoints() { return checkpoints_.get(); }
+  // Keeps a record of every run from now on (data root, runs/<run id>/),
+  // for a front end that starts many runs with one engine (the window).
+  void recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd);
   // Gets ready to go on with the run of the checkpoint at `path`: checks
   // that the sequence file is unchanged (unless `force`), runs the
   // safe-state sequence, selects the run's setup again, writes the outputs
@@ -199,6 +204,8 @@ class Engine {
   std::unique_ptr<RunCheckpoints> checkpoints_;
   // Last: it is unplugged from the test database before that goes.
   std::unique_ptr<ResultsFeed> resultsFeed_;
+  // Goes first: it writes into the trace.
+  std::unique_ptr<RunRecorder> recorder_;
 };
 
 }  // namespace tavrix

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <sstream>
 
+#include "common/checked_numbers.h"
 #include "common/paths.h"
 #include "common/text_conventions.h"
 #include "common/text_file.h"
@@ -60,6 +61,22 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     station = std::string(value);
   } else if (k == "safe_state") {
     safeStateSequence = std::string(value);
+  } else if (k == "records_max_age") {
+    if (lowerCase(value) == "off") {
+      recordsMaxAge.reset();
+    } else if (const auto age = parseDuration(value)) {
+      recordsMaxAge = *age;
+    } else {
+      error = "records_max_age takes an age such as 30d or 12h, or off";
+    }
+  } else if (k == "records_max_size") {
+    if (lowerCase(value) == "off") {
+      recordsMaxBytes.reset();
+    } else if (const auto bytes = parseByteSize(value)) {
+      recordsMaxBytes = *bytes;
+    } else {
+      error = "records_max_size takes a size such as 1GiB, 500MiB or 200MB, or off";
+    }
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);

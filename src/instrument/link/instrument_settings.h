@@ -4,14 +4,15 @@
 // documented in docs/instrument-settings.md.
 #pragma once
 
-#include "common/file_system.h"
-#include "common/paths.h"
-
+#include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "common/clock.h"
+#include "common/file_system.h"
+#include "common/paths.h"
 
 namespace tavrix {
 
@@ -52,6 +53,10 @@ struct InstrumentSettings {
   // and after any run that ends abnormally (Stop, a sequence error) while the
   // program can still run it. Empty: none.
   std::string safeStateSequence;
+  // How long the records of past runs are kept in the data root, and how
+  // much room they may take together; nullopt: no limit.
+  std::optional<Micros> recordsMaxAge = 30 * kMicrosPerDay;
+  std::optional<uint64_t> recordsMaxBytes = uint64_t{1} << 30;
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.
