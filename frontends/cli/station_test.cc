@@ -19,7 +19,9 @@
 #include <unistd.h>
 #endif
 #include "common/event_loop.h"
+#include "instrument/tcp/library_service.h"
 #include "instrument/tcp/rig_server.h"
+#include "instrument/tcp/tcp_link.h"
 #include "station_link.h"
 #include "station_run.h"
 #include "station_time.h"
@@ -437,6 +439,84 @@ TEST(SharedLinkTest, OneExchangePerDeviceInTheOrderAsked) {
   // A socket whose link goes lets go of what it held.
   b.closeInterface(1);
   EXPECT_EQ(a.sendCommand(1, 5, "REA V", true), 0);
+}
+
+// A backend whose reply to a command is the command itself, on the second
+// poll; it logs what it is asked.
+class EchoBackend : public SlowBackend {
+ public:
+  std::vector<std::string> log;
+  int32_t sendCommand(int16_t, int16_t device, std::string_view command, bool) override {
+    last_ = std::string(BufferText(command));
+    polls_ = 0;
+    log.push_back(std::to_string(device) + " send");
+    return 0;
+  }
+  int32_t getReply(int16_t, int16_t device, std::string& buffer, bool) override {
+    log.push_back(std::to_string(device) + " reply");
+    if (polls_++ == 0) return link_result::kNotReady;
+    WriteBuffer(buffer, last_);
+    return 0;
+  }
+
+ private:
+  std::string last_;
+  int polls_ = 0;
+};
+
+// Eight sockets on connections of their own to one rig server, all asking
+// the same device at once on the system's clock: the device sees one
+// exchange at a time (its command, then polls until its reply), and each
+// socket gets the reply to its own command.
+TEST(SharedLinkTest, SocketsOnARigServerShareADeviceOneExchangeAtATime) {
+  auto owned = std::make_unique<EchoBackend>();
+  EchoBackend& backend = *owned;
+  auto service = std::make_unique<LibraryService>(std::move(owned));
+  std::string error;
+  ASSERT_TRUE(service->open(error)) << error;
+  RigServer server;
+  server.serveLibrary(std::move(service));
+  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  std::atomic<bool> stop{false};
+  std::thread serving([&] { server.serve(stop); });
+  DeviceGate gate(true);
+  SetupOnce setup;
+  constexpr int kSockets = 8;
+  constexpr int kExchanges = 50;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int s = 0; s < kSockets; ++s) {
+    threads.emplace_back([&, s] {
+      SystemClock clock;
+      auto tcp = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), localFiles());
+      tcp->responseWaitMs = 10'000;
+      SocketLink link(s, gate, setup, std::move(tcp));
+      int16_t handle = 0;
+      if (link.openInterface(handle) != 0) {
+        ++wrong;
+        return;
+      }
+      for (int n = 0; n < kExchanges; ++n) {
+        const std::string command = "REA S" + std::to_string(s) + "N" + std::to_string(n);
+        int32_t result = link_result::kNotReady;
+        while (result == link_result::kNotReady)
+          result = link.sendCommand(handle, 5, command, true);
+        std::string reply(40, ' ');
+        result = link_result::kNotReady;
+        while (result == link_result::kNotReady) result = link.getReply(handle, 5, reply, true);
+        if (result != 0 || BufferText(reply) != command) ++wrong;
+      }
+      link.closeInterface(handle);
+    });
+  }
+  for (auto& t : threads) t.join();
+  stop = true;
+  serving.join();
+  EXPECT_EQ(wrong, 0);
+  std::vector<std::string> expected;
+  for (int i = 0; i < kSockets * kExchanges; ++i)
+    expected.insert(expected.end(), {"5 send", "5 reply", "5 reply"});
+  EXPECT_EQ(backend.log, expected);
 }
 
 }  // namespace

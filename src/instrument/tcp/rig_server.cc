@@ -101,7 +101,13 @@ std::string RigServer::answer(std::string_view line) {
   };
   int device = 0;
   Micros t = 0;
-  if (verb == "HELLO") return reply(0, rest == "2" ? kRigGreeting2 : kRigGreeting);
+  // A client names the newest protocol it speaks; the greeting names the one
+  // both speak.
+  int spoken = 1;
+  if (verb == "HELLO")
+    return reply(
+        0, toNumber(rest, spoken) && spoken >= 2 && protocol_ >= 2 ? kRigGreeting2 : kRigGreeting);
+  if (verb == "SENDREPLY" && protocol_ < 2) return reply(kUnknownRequest, "unknown request");
   if (library_) {
     if (const auto answered = library_->answer(verb, rest)) {
       return answered->text ? reply(answered->code, *answered->text) : reply(answered->code);
