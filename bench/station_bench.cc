@@ -281,10 +281,13 @@ BENCHMARK(BM_SharedRigServerExchanges)
 // loopback (a link library served behind the key check, as the 32-bit
 // bridge serves the rig PC's libraries) and reading a channel of its own
 // device: exchanges a second (each one a command and its reply) and the
-// longest one took.
+// longest one took. Arg 1 is the protocol: 2, or 1 with the response waited
+// for through the watcher thread alone, as links and servers did before the
+// second protocol (two round trips an exchange).
 void BM_BridgeSocketExchanges(benchmark::State& state) {
   StationFolder folder;
   const int sockets = static_cast<int>(state.range(0));
+  const bool before = state.range(1) == 1;
   RigServer server;
   std::string error;
   SystemClock serverClock;
@@ -298,6 +301,7 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
   const std::string key(kNewKeyBytes, '\x5a');
   server.serveLibrary(std::move(service));
   server.requireKey(key);
+  server.speakProtocol(before ? 1 : 2);
   std::atomic<bool> serverStop{false};
   std::thread serving([&] { server.serve(serverStop); });
   DeviceGate gate(true);
@@ -320,6 +324,7 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
         LocalFileSystem files(folder.dir);
         auto own = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), files);
         own->setKey(key);
+        if (before) own->directWaitMs = 0;
         Instrument instrument(events, trace, settings,
                               std::make_unique<SocketLink>(s, gate, setup, std::move(own)), paths);
         if (!instrument.ensureOpen() || !instrument.selectSetupFile(folder.dir + "/rig8.ims")) {
@@ -355,8 +360,10 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
   state.counters["worst_wait_ms"] = worst * 1000;
 }
 BENCHMARK(BM_BridgeSocketExchanges)
-    ->Arg(1)
-    ->Arg(8)
+    ->Args({1, 2})
+    ->Args({8, 2})
+    ->Args({1, 1})
+    ->Args({8, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(1);
