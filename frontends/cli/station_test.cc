@@ -7,6 +7,7 @@
 #include <atomic>
 #include <filesystem>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "cli_test_support.h"
@@ -334,38 +335,53 @@ TEST_F(StationTest, EachUutRecordNamesItsSocket) {
 #endif
 
 // A loop of its own for each socket, on the station's clock; each socket
-// writes where it is, and waits its own time, three times.
+// writes where it is, and waits its own time, three times. The order is the
+// same whether the sockets take their turns on threads of their own or on
+// one thread.
 TEST(StationTimeTest, SocketsTakeTurnsOnOneClockInAFixedOrder) {
-  const Micros start = 1'000'000'000;
-  StationTime time(start, 3);
-  std::mutex mutex;
-  std::vector<std::string> log;
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < 3; ++i) {
-    threads.emplace_back([&, i] {
+  for (const bool oneThread : {false, true}) {
+    SCOPED_TRACE(oneThread ? "run()" : "threads of their own");
+    const Micros start = 1'000'000'000;
+    StationTime time(start, 3);
+    std::mutex mutex;
+    std::vector<std::string> log;
+    std::set<std::thread::id> threadIds;
+    const auto body = [&](size_t i) {
       auto clock = time.clockFor(i);
       EventLoop loop(*clock);
-      time.enter(i);
       for (int k = 0; k < 3; ++k) {
         {
           std::lock_guard guard(mutex);
           log.push_back(std::to_string(i) + "@" +
                         std::to_string((clock->now() - start) / 1'000'000));
+          threadIds.insert(std::this_thread::get_id());
         }
         bool due = false;
         Timer timer(loop, static_cast<Micros>(i + 1) * 10'000'000, [&due] { due = true; });
         timer.setEnabled(true);
         loop.waitUntil([&due] { return due; });
       }
-      time.leave(i);
-    });
+    };
+    if (oneThread) {
+      time.run(body);
+      EXPECT_EQ(threadIds.size(), StationTime::switchesStacks() ? 1u : 3u);
+    } else {
+      std::vector<std::thread> threads;
+      for (size_t i = 0; i < 3; ++i) {
+        threads.emplace_back([&, i] {
+          time.enter(i);
+          body(i);
+          time.leave(i);
+        });
+      }
+      for (auto& t : threads) t.join();
+    }
+    // At 20 s both S0 and S1 are due: the turn goes on from the one that ran
+    // last, S0, so S1 runs first.
+    EXPECT_EQ(log, (std::vector<std::string>{"0@0", "1@0", "2@0", "0@10", "1@20", "0@20", "2@30",
+                                             "1@40", "2@60"}));
+    EXPECT_EQ(time.now() - start, 90'000'000);
   }
-  for (auto& t : threads) t.join();
-  // At 20 s both S0 and S1 are due: the turn goes on from the one that ran
-  // last, S0, so S1 runs first.
-  EXPECT_EQ(log, (std::vector<std::string>{"0@0", "1@0", "2@0", "0@10", "1@20", "0@20", "2@30",
-                                           "1@40", "2@60"}));
-  EXPECT_EQ(time.now() - start, 90'000'000);
 }
 
 // A backend that takes every command and has a reply only on the second poll.
