@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "common/file_system.h"
+
 // Stacks are switched with the system's user contexts where there are
 // some; sanitizers that track each stack see none of the switches, so
 // their builds use threads.
@@ -187,7 +189,9 @@ void StationTime::run(const std::function<void(size_t)>& body) {
     last = turn_;
     lock.unlock();
     running_ = last;
+    SetFolderLockStack(&stacks_->stacks[last]);
     swapcontext(&stacks_->home, &stacks_->stacks[last].context);
+    SetFolderLockStack(nullptr);
     running_ = kNobody;
     lock.lock();
   }
