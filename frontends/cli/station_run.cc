@@ -646,15 +646,16 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
   }
 #endif
   std::vector<int> statuses(station.sockets.size(), kExitUsage);
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < station.sockets.size(); ++i) {
-    threads.emplace_back([&, i] {
-      if (time) time->enter(i);
-      statuses[i] = RunSocket(shared, i);
-      if (time) time->leave(i);
-    });
+  if (time) {
+    // On the virtual clock the sockets take turns, on one thread where the
+    // build can switch stacks.
+    time->run([&](size_t i) { statuses[i] = RunSocket(shared, i); });
+  } else {
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < station.sockets.size(); ++i)
+      threads.emplace_back([&, i] { statuses[i] = RunSocket(shared, i); });
+    for (auto& thread : threads) thread.join();
   }
-  for (auto& thread : threads) thread.join();
   int status = kExitOk;
   for (const int s : statuses) status = WorseExitStatus(status, s);
   view.finish(status);
