@@ -56,10 +56,15 @@ class StationTime::SharedClock final : public Clock {
   StationTime& time_;
 };
 
-StationTime::StationTime(Micros start, size_t sockets)
+StationTime::StationTime(Micros start, size_t sockets, Start how)
     : now_(start),
       slots_(sockets),
-      threads_(std::make_unique<std::atomic<std::thread::id>[]>(sockets)) {}
+      threads_(std::make_unique<std::atomic<std::thread::id>[]>(sockets)) {
+  if (how == Start::kOnDemand) {
+    for (Slot& slot : slots_) slot.state = Slot::kDone;
+    turn_ = kNobody;
+  }
+}
 
 std::unique_ptr<Clock> StationTime::clockFor(size_t socket) {
   return std::make_unique<SocketClock>(*this, socket);
@@ -80,8 +85,14 @@ bool StationTime::onThread(size_t socket) const {
 void StationTime::enter(size_t socket) {
   std::unique_lock lock(mutex_);
   threads_[socket].store(std::this_thread::get_id());
-  slots_[socket].turn.wait(lock, [&] { return turn_ == socket; });
-  slots_[socket].state = Slot::kRunning;
+  Slot& slot = slots_[socket];
+  if (slot.state == Slot::kDone) {
+    // Back for another run: it takes its turn after those who wait for one.
+    slot.state = Slot::kNew;
+    if (turn_ == kNobody) handOn(socket);
+  }
+  slot.turn.wait(lock, [&] { return turn_ == socket; });
+  slot.state = Slot::kRunning;
 }
 
 void StationTime::leave(size_t socket) {

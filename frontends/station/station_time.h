@@ -22,7 +22,11 @@ namespace tavrix {
 
 class StationTime {
  public:
-  StationTime(Micros start, size_t sockets);
+  // How the sockets start: all at once, taking their first turns in
+  // station order (a run of the whole station), or each when it is told to
+  // (a window where each socket is started on its own).
+  enum class Start { kTogether, kOnDemand };
+  StationTime(Micros start, size_t sockets, Start how = Start::kTogether);
   StationTime(const StationTime&) = delete;
   StationTime& operator=(const StationTime&) = delete;
 
@@ -37,9 +41,10 @@ class StationTime {
   std::unique_ptr<Clock> sharedClock();
 
   // The calling thread becomes socket `socket`'s thread and waits for its
-  // first turn. Sockets take their first turns in station order.
+  // first turn. Sockets take their first turns in station order. A socket
+  // that left comes back this way for its next run.
   void enter(size_t socket);
-  // The socket's run is over: it takes no more turns.
+  // The socket's run is over: it takes no more turns until it enters again.
   void leave(size_t socket);
 
  private:
