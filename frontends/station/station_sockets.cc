@@ -32,7 +32,9 @@ class SocketOperator final : public Operator {
   bool restoreAnswersUsed(std::string_view used) override {
     return inner_->restoreAnswersUsed(used);
   }
-  bool isPerson() const override { return inner_->isPerson(); }
+  // A person is at the front end: a line held for Step waits for them,
+  // whatever answers the questions.
+  bool isPerson() const override { return true; }
   void showMessage(std::string_view title, std::string_view text) override {
     if (messages_) messages_(socket_, std::string(title), std::string(text));
   }
@@ -98,7 +100,7 @@ bool StationSockets::startSocket(size_t index, const Options& options, std::stri
       if (!file) return fail(problem);
       inner = std::make_unique<ScriptedOperator>(std::move(*file), nullptr);
     } else if (person_) {
-      inner = person_(socket.index);
+      inner = person_(socket.index, own.name);
     } else {
       inner = std::make_unique<ScriptedOperator>(AnswersFile{}, nullptr);
     }
@@ -129,13 +131,14 @@ bool StationSockets::startSocket(size_t index, const Options& options, std::stri
       return fail("cannot load the setup " + station_.setup + ": " +
                   instrument->link().lastErrorText());
     }
-    if (!engine.sequencer().prepareFile(station_.sequenceOf(own), &problem)) return fail(problem);
-    if (!engine.feedResultsStore(&problem)) return fail("results store: " + problem);
+    // From the file's preparing on, the front end follows the socket.
     socket.events = engine.subscribe([this, &engine, index = socket.index](const RunEvent& event) {
       if (!events_) return;
       const TestDatabase& db = engine.testDatabase();
       events_(index, event, SocketUnit{db.uutOpen(), db.uut().serialNumber});
     });
+    if (!engine.sequencer().prepareFile(station_.sequenceOf(own), &problem)) return fail(problem);
+    if (!engine.feedResultsStore(&problem)) return fail("results store: " + problem);
     ready.set_value({});
     serve(socket);
   });

@@ -37,7 +37,8 @@ class StationSockets {
   using MessageHandler =
       std::function<void(size_t socket, const std::string& title, const std::string& text)>;
   // The operator of a socket without an answers file: a person's.
-  using PersonFactory = std::function<std::unique_ptr<Operator>(size_t socket)>;
+  using PersonFactory =
+      std::function<std::unique_ptr<Operator>(size_t socket, const std::string& name)>;
 
   // Reads and checks the station file (as tavrix-cli run --station does)
   // and builds every socket's engine with its file prepared. Null with a

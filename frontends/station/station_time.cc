@@ -32,8 +32,10 @@ class StationTime::SocketClock final : public Clock {
                  const std::function<bool()>& woken, bool outside) override {
     // A wait for something outside the program (a rig server's response)
     // keeps the turn, as a plain virtual clock keeps its time: so the order
-    // of the sockets' exchanges does not hang on how fast it answers.
-    if (time_.onThread(socket_) && !outside) return time_.idle(socket_, due, lock, woken, false);
+    // of the sockets' exchanges does not hang on how fast it answers. Not so
+    // where the sockets start on demand: there it steps out of the turns.
+    if (time_.onThread(socket_) && (!outside || !time_.outsideKeepsTurn()))
+      return time_.idle(socket_, due, lock, woken, outside);
     return PlainIdle(due, cv, lock, woken, outside, [this](Micros t) { time_.advanceTo(t); });
   }
 
@@ -63,6 +65,7 @@ StationTime::StationTime(Micros start, size_t sockets, Start how)
   if (how == Start::kOnDemand) {
     for (Slot& slot : slots_) slot.state = Slot::kDone;
     turn_ = kNobody;
+    outsideKeepsTurn_ = false;
   }
 }
 

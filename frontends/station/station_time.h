@@ -24,7 +24,10 @@ class StationTime {
  public:
   // How the sockets start: all at once, taking their first turns in
   // station order (a run of the whole station), or each when it is told to
-  // (a window where each socket is started on its own).
+  // (a window where each socket is started on its own). In the second, a
+  // socket that waits for something outside the program (a person's answer,
+  // a line held for Step) steps out of the turns until it is answered, so
+  // that the sockets the person is not looking at go on.
   enum class Start { kTogether, kOnDemand };
   StationTime(Micros start, size_t sockets, Start how = Start::kTogether);
   StationTime(const StationTime&) = delete;
@@ -65,6 +68,7 @@ class StationTime {
   bool idle(size_t socket, Micros due, std::unique_lock<std::mutex>& loopLock,
             const std::function<bool()>& woken, bool outside);
   bool onThread(size_t socket) const;
+  bool outsideKeepsTurn() const { return outsideKeepsTurn_; }
   // Under mutex_: gives the turn to the next socket that may run, moving
   // the clock on when none may; kNobody when all are done or wait for a
   // person.
@@ -78,6 +82,7 @@ class StationTime {
   // Each socket's thread while it takes turns.
   std::unique_ptr<std::atomic<std::thread::id>[]> threads_;
   size_t turn_ = 0;
+  bool outsideKeepsTurn_ = true;
 };
 
 }  // namespace tavrix

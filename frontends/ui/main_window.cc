@@ -19,6 +19,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScreen>
+#include <QStackedWidget>
 #include <QStandardPaths>
 #include <QTabWidget>
 #include <QTextEdit>
@@ -40,6 +41,7 @@
 #include "question_dialogs.h"
 #include "report_dialog.h"
 #include "sequencer/line_splitter.h"
+#include "station_view.h"
 #include "testdb/definition_files.h"
 
 namespace tavrix {
@@ -96,6 +98,39 @@ std::vector<bool> RequiredEntryFields(Engine& engine, std::string line) {
   return required;
 }
 
+// The questions of a station's socket that has no answers file: asked in the
+// window under the socket's name. Called on the socket's engine thread; the
+// window outlives the sockets (it ends their threads before it goes).
+class SocketPersonOperator final : public Operator {
+ public:
+  SocketPersonOperator(MainWindow& window, size_t socket, std::string name)
+      : window_(window), socket_(socket), name_(std::move(name)) {}
+  void ask(const Question& question, std::function<void(Answer)> answered) override {
+    QMetaObject::invokeMethod(
+        &window_,
+        [this, question, answered = std::move(answered)]() mutable {
+          window_.askForSocket(socket_, name_, question, std::move(answered));
+        },
+        Qt::QueuedConnection);
+  }
+  void closeQuestion() override {
+    QMetaObject::invokeMethod(
+        &window_, [this] { window_.withdrawSocketQuestions(socket_); }, Qt::QueuedConnection);
+  }
+  bool isPerson() const override { return true; }
+  std::string unansweredReason() const override { return "the window was closed"; }
+  void showMessage(std::string_view, std::string_view) override {}
+
+ private:
+  MainWindow& window_;
+  size_t socket_;
+  std::string name_;
+};
+
+bool IsStationFile(const std::string& path) {
+  return path.size() > 5 && QString::fromStdString(path).endsWith(".toml", Qt::CaseInsensitive);
+}
+
 }  // namespace
 
 void EnterSetupsFolder(Engine& engine) {
@@ -106,6 +141,7 @@ void EnterSetupsFolder(Engine& engine) {
 }
 
 MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : operator_(*this) {
+  stationOptions_.dataRoot = defaultDataRoot();
   setWindowTitle(QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
   buildControls();
   buildMenus();
@@ -126,7 +162,19 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
         Qt::QueuedConnection);
   });
   watchVerdicts();
-  const StartCommandLine start = ParseStartCommandLine(commandLine);
+  StartCommandLine start = ParseStartCommandLine(commandLine);
+  if (IsStationFile(start.file)) {
+    // A station opens once the window is built (and its station options
+    // set); /A starts every socket.
+    QMetaObject::invokeMethod(
+        this,
+        [this, path = start.file, all = start.autoStart] {
+          if (openStation(path) && all) station_->runAll();
+        },
+        Qt::QueuedConnection);
+    start = StartCommandLine{};
+    start.file = "";
+  }
   host_->post([start](Engine& engine) {
     EnterSetupsFolder(engine);
     Sequencer& seq = engine.sequencer();
@@ -214,6 +262,12 @@ void MainWindow::showRunEvent(const RunEvent& event) {
 
 MainWindow::~MainWindow() {
   qApp->removeEventFilter(this);
+  // The station's sockets end first: their runs are stopped, and questions
+  // still waiting get no answer.
+  for (SocketQuestion& waiting : socketQuestions_) waiting.answered(std::nullopt);
+  socketQuestions_.clear();
+  delete station_;
+  station_ = nullptr;
   for (const QPointer<QWidget>& window : ownWindows_) delete window.data();
   chart_ = nullptr;
   operator_.setClosing();
@@ -340,6 +394,7 @@ QList<QWidget*> MainWindow::ownWindows() const {
 }
 
 void MainWindow::pressStop() {
+  if (station_ != nullptr) station_->stopAll();
   host_->engine().stop();
   withdrawCommandDialogs();
 }
@@ -355,7 +410,7 @@ bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
         event->accept();
         return true;
       }
-      if (!key->isAutoRepeat() && pbStop_->isEnabled()) pressStop();
+      if (!key->isAutoRepeat() && (pbStop_->isEnabled() || station_ != nullptr)) pressStop();
       return true;
     }
   }
@@ -487,7 +542,10 @@ void MainWindow::buildControls() {
   // A question waiting is shown above the tabs, whichever tab is in front.
   layout->addWidget(frOKcancel_);
   layout->addWidget(tabs_, 1);
-  setCentralWidget(central);
+  // The one-sequence view, or an open station's tiles.
+  pages_ = Named(new QStackedWidget, "stPages");
+  pages_->addWidget(central);
+  setCentralWidget(pages_);
 
   connect(pbRun_, &QPushButton::clicked, this, [this] { host_->engine().start(); });
   connect(pbStop_, &QPushButton::clicked, this, &MainWindow::pressStop);
@@ -515,13 +573,20 @@ void MainWindow::buildMenus() {
   QAction* open = mbFile_->addAction(tr("&Open Sequence..."));
   open->setObjectName("mbOpenSequence");
   connect(open, &QAction::triggered, this, &MainWindow::chooseSequenceFile);
+  QAction* openStation = mbFile_->addAction(tr("Open S&tation..."));
+  openStation->setObjectName("mbOpenStation");
+  connect(openStation, &QAction::triggered, this, &MainWindow::chooseStationFile);
+  closeStationAction_ = mbFile_->addAction(tr("&Close Station"));
+  closeStationAction_->setObjectName("mbCloseStation");
+  closeStationAction_->setEnabled(false);
+  connect(closeStationAction_, &QAction::triggered, this, &MainWindow::closeStation);
   QAction* setup = mbFile_->addAction(tr("Select &Setup File..."));
   setup->setObjectName("mbSelectSetup");
   connect(setup, &QAction::triggered, this, &MainWindow::selectSetupFile);
   QAction* decrypt = mbFile_->addAction(tr("&Decrypt File..."));
   decrypt->setObjectName("mbFileDecrypt");
   connect(decrypt, &QAction::triggered, this, &MainWindow::openDecryptWindow);
-  lockedWhileRunning_ = {open, setup, decrypt};
+  lockedWhileRunning_ = {open, openStation, setup, decrypt};
   mbFile_->addSeparator();
   QAction* exit = mbFile_->addAction(tr("E&xit"));
   exit->setObjectName("mbExit");
@@ -1043,7 +1108,7 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     return;
   }
   event->ignore();
-  if (panel_.running()) {
+  if (panel_.running() || stationRunning()) {
     askBeforeClosing();
     return;
   }
@@ -1067,7 +1132,8 @@ void MainWindow::askBeforeClosing() {
   }
   // A run that must not be stopped asks its own question; any other asks
   // whether to stop it. Neither holds the run, and Stop stays in reach.
-  const bool nonStop = !panel_.controls().stopEnabled;
+  // (A station's sockets are asked about together.)
+  const bool nonStop = !stationRunning() && !panel_.controls().stopEnabled;
   auto* box = new QMessageBox(this);
   box->setWindowModality(Qt::NonModal);
   box->setAttribute(Qt::WA_DeleteOnClose);
@@ -1106,6 +1172,98 @@ void MainWindow::closeForGood() {
         },
         Qt::QueuedConnection);
   });
+}
+
+// --- Test sockets ---------------------------------------------------------------
+
+bool MainWindow::stationRunning() const { return station_ != nullptr && station_->anyRunning(); }
+
+void MainWindow::chooseStationFile() {
+  auto* dialog = new QFileDialog(this, tr("Open Station"), QDir::currentPath(),
+                                 tr("Station files (*.toml)"));
+  dialog->setObjectName("stationFileDialog");
+  dialog->setOption(QFileDialog::DontUseNativeDialog);
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->setFileMode(QFileDialog::ExistingFile);
+  connect(dialog, &QFileDialog::fileSelected, this,
+          [this](const QString& file) { openStation(Std(file)); });
+  dialog->open();
+}
+
+bool MainWindow::openStation(const std::string& path) {
+  if (stationRunning()) {
+    message(windowTitle(), tr("A socket of the open station is running: stop it first."));
+    return false;
+  }
+  auto* view = new StationView;
+  std::string error;
+  const bool opened = view->open(
+      path, stationOptions_,
+      [this](size_t socket, const std::string& name) -> std::unique_ptr<Operator> {
+        return std::make_unique<SocketPersonOperator>(*this, socket, name);
+      },
+      error);
+  if (!opened) {
+    delete view;
+    message(windowTitle(), Text(error));
+    return false;
+  }
+  if (station_ != nullptr) {
+    pages_->removeWidget(station_);
+    delete station_;
+  }
+  station_ = view;
+  pages_->addWidget(station_);
+  pages_->setCurrentWidget(station_);
+  closeStationAction_->setEnabled(true);
+  enlargeForRun();
+  return true;
+}
+
+void MainWindow::closeStation() {
+  if (station_ == nullptr) return;
+  if (stationRunning()) {
+    message(windowTitle(), tr("A socket of the open station is running: stop it first."));
+    return;
+  }
+  for (SocketQuestion& waiting : socketQuestions_) waiting.answered(std::nullopt);
+  socketQuestions_.clear();
+  pages_->removeWidget(station_);
+  delete station_;
+  station_ = nullptr;
+  pages_->setCurrentIndex(0);
+  closeStationAction_->setEnabled(false);
+}
+
+void MainWindow::askForSocket(size_t socket, const std::string& name, const Question& question,
+                              std::function<void(Answer)> answered) {
+  Question shown = question;
+  shown.text = name + ": " + question.text;
+  socketQuestions_.push_back({socket, std::move(shown), std::move(answered)});
+  askNextSocketQuestion();
+}
+
+void MainWindow::askNextSocketQuestion() {
+  if (socketQuestionOpen_ || socketQuestions_.empty()) return;
+  SocketQuestion next = std::move(socketQuestions_.front());
+  socketQuestions_.pop_front();
+  socketQuestionOpen_ = true;
+  QPointer<MainWindow> self(this);
+  openQuestion(next.question, [self, answered = std::move(next.answered)](Answer answer) {
+    answered(std::move(answer));
+    if (!self) return;
+    self->socketQuestionOpen_ = false;
+    self->askNextSocketQuestion();
+  });
+}
+
+void MainWindow::withdrawSocketQuestions(size_t socket) {
+  // A question already in view stays until answered (its answer then goes
+  // nowhere); those not yet asked are dropped.
+  socketQuestions_.erase(
+      std::remove_if(socketQuestions_.begin(), socketQuestions_.end(),
+                     [socket](const SocketQuestion& q) { return q.socket == socket; }),
+      socketQuestions_.end());
 }
 
 }  // namespace tavrix

@@ -9,6 +9,7 @@
 #include <QMainWindow>
 #include <QPointer>
 #include <QTimer>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,7 @@
 #include "panel/resume_offer.h"
 #include "panel/run_panel.h"
 #include "qt_operator.h"
+#include "station_sockets.h"
 
 class QCheckBox;
 class QGroupBox;
@@ -31,11 +33,13 @@ class QTextEdit;
 class QMenu;
 class QAction;
 class QMessageBox;
+class QStackedWidget;
 
 namespace tavrix {
 
 class ChannelDisplayDialog;
 class ChartWindow;
+class StationView;
 
 // Start-up makes the hardware setups folder of the instrument link the
 // working folder, when that folder exists here. A sequence file named on the
@@ -115,6 +119,24 @@ class MainWindow : public QMainWindow {
   // (empty: the data root's database file).
   void setPlantViewStore(const std::string& storeSetting) { plantStore_ = storeSetting; }
 
+  // Test sockets. A station file (.toml) named on the command line, or
+  // chosen with File, Open Station, replaces the one-sequence view by the
+  // station's tiles until File, Close Station; the one-sequence engine
+  // stays as it was. What the sockets' engines are built with (the data
+  // root, the settings, a virtual clock) is set before the station opens.
+  void setStationOptions(const StationSockets::Options& options) { stationOptions_ = options; }
+  // False with a message box when the file cannot be used, or when a
+  // station's socket still runs.
+  bool openStation(const std::string& path);
+  void chooseStationFile();
+  void closeStation();
+  StationView* station() { return station_; }
+  // A question of a socket without an answers file: asked in the window
+  // under the socket's name, one at a time in the order asked.
+  void askForSocket(size_t socket, const std::string& name, const Question& question,
+                    std::function<void(Answer)> answered);
+  void withdrawSocketQuestions(size_t socket);
+
   EngineHost& host() { return *host_; }
   // The report and chart windows open now: windows of their own, not kept
   // above the main window, so that a question can come in front of them.
@@ -128,6 +150,19 @@ class MainWindow : public QMainWindow {
  private:
   PlantViewLauncher plantView_;
   std::string plantStore_;
+  StationSockets::Options stationOptions_;
+  QStackedWidget* pages_ = nullptr;
+  StationView* station_ = nullptr;
+  QAction* closeStationAction_ = nullptr;
+  struct SocketQuestion {
+    size_t socket;
+    Question question;
+    std::function<void(Answer)> answered;
+  };
+  std::deque<SocketQuestion> socketQuestions_;
+  bool socketQuestionOpen_ = false;
+  void askNextSocketQuestion();
+  bool stationRunning() const;
   void buildControls();
   // How the last run ended, beside the status.
   void showRunEnd();
