@@ -214,17 +214,32 @@ class MainWindowTest : public QObject {
           "[socket.S1]\nanswers = \"s1.answers\"\n"
           "[socket.S2]\nanswers = \"s2.answers\"\nmap = { S1_HEATER = \"S2_HEATER\" }\n");
 
-    MainWindow w(Factory(), "");
     StationSockets::Options options;
     options.dataRoot = d + "/data";
     options.virtualTime = true;
     options.start = 1'767'225'600LL * kMicrosPerSecond;
+    {
+      // A station file that cannot be used is told, and the window stays as
+      // it was.
+      Write(d + "/bad.toml", "sequence = \"unit.wts\"\n[socket.S1]\nanswer = \"s1.answers\"\n");
+      MainWindow w(Factory(), "");
+      w.setStationOptions(options);
+      w.show();
+      QVERIFY(Find<QAction>(w, "mbOpenStation")->isEnabled());
+      QVERIFY(!Find<QAction>(w, "mbCloseStation")->isEnabled());
+      QVERIFY(!w.openStation(d + "/bad.toml"));
+      QMessageBox* box = Box(w, "messageBox");
+      QVERIFY2(box->text().contains("bad.toml") && box->text().contains("answer"),
+               qPrintable(box->text()));
+      QVERIFY(w.station() == nullptr);
+      QVERIFY(Find<QLabel>(w, "sRunStatus")->isVisible());
+    }
+    // Named on the command line, the station opens with the window.
+    MainWindow w(Factory(), d + "/bench.toml");
     w.setStationOptions(options);
     w.show();
-    QVERIFY(Find<QAction>(w, "mbOpenStation")->isEnabled());
-    QVERIFY(!Find<QAction>(w, "mbCloseStation")->isEnabled());
-    QVERIFY(w.openStation(d + "/bench.toml"));
-    QVERIFY(w.station() != nullptr && w.station()->isVisible());
+    QTRY_VERIFY(w.station() != nullptr && w.station()->isVisible());
+    QVERIFY(Find<QAction>(w, "mbCloseStation")->isEnabled());
     QVERIFY(!Find<QLabel>(w, "sRunStatus")->isVisible());
     auto* s1 = Find<QGroupBox>(*w.station(), "tile_S1");
     auto* s2 = Find<QGroupBox>(*w.station(), "tile_S2");
