@@ -1,5 +1,6 @@
 #include "station_view.h"
 
+#include <QFileInfo>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -105,7 +106,7 @@ bool StationView::open(const std::string& path, const StationSockets::Options& o
   title_->setText(tr("Station %1: %2 sockets (%3)")
                       .arg(Text(name.empty() ? std::string("-") : name))
                       .arg(names.size())
-                      .arg(Text(path)));
+                      .arg(QFileInfo(Text(path)).fileName()));
   for (size_t i = 0; i < tiles_.size(); ++i) showTile(i);
   showAllButtons();
   return true;
