@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "scripted_operator.h"
 #include "common/file_system.h"
 #include "platform/console.h"
+#include "scripted_operator.h"
 #include "sequencer/operator.h"
 
 namespace tavrix {

@@ -1179,8 +1179,8 @@ void MainWindow::closeForGood() {
 bool MainWindow::stationRunning() const { return station_ != nullptr && station_->anyRunning(); }
 
 void MainWindow::chooseStationFile() {
-  auto* dialog = new QFileDialog(this, tr("Open Station"), QDir::currentPath(),
-                                 tr("Station files (*.toml)"));
+  auto* dialog =
+      new QFileDialog(this, tr("Open Station"), QDir::currentPath(), tr("Station files (*.toml)"));
   dialog->setObjectName("stationFileDialog");
   dialog->setOption(QFileDialog::DontUseNativeDialog);
   dialog->setAttribute(Qt::WA_DeleteOnClose);

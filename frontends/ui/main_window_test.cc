@@ -44,15 +44,15 @@
 #include "common/text_file.h"
 #include "crypto/encrypted_files.h"
 #include "data_entry_dialog.h"
-#include "engine/run_record.h"
 #include "decrypt_dialog.h"
+#include "engine/run_record.h"
 #include "main_window.h"
 #include "qt_text.h"
 #include "question_dialogs.h"
 #include "report_dialog.h"
-#include "station_view.h"
 #include "resultsdb/results_store.h"
 #include "sequencer/recording_operator.h"
+#include "station_view.h"
 #include "window_engine.h"
 
 namespace tavrix {

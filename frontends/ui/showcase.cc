@@ -25,10 +25,10 @@
 #include <QTimer>
 #include <cstdio>
 
-#include "common/file_system.h"
-#include "common/text_file.h"
 #include "about_dialog.h"
 #include "check_failure_dialog.h"
+#include "common/file_system.h"
+#include "common/text_file.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
 #include "main_window.h"
