@@ -98,31 +98,32 @@ std::vector<bool> RequiredEntryFields(Engine& engine, std::string line) {
   return required;
 }
 
-// The questions of a station's socket that has no answers file: asked in the
-// window under the socket's name. Called on the socket's engine thread; the
-// window outlives the sockets (it ends their threads before it goes).
+// The questions of a station's socket that has no answers file: put to the
+// person in the window. Called on the socket's engine thread.
 class SocketPersonOperator final : public Operator {
  public:
-  SocketPersonOperator(MainWindow& window, size_t socket, std::string name)
-      : window_(window), socket_(socket), name_(std::move(name)) {}
+  SocketPersonOperator(MainWindow& window, std::shared_ptr<SocketQuestions> questions,
+                       size_t socket, std::string name)
+      : window_(window), questions_(std::move(questions)), socket_(socket), name_(std::move(name)) {}
   void ask(const Question& question, std::function<void(Answer)> answered) override {
-    QMetaObject::invokeMethod(
-        &window_,
-        [this, question, answered = std::move(answered)]() mutable {
-          window_.askForSocket(socket_, name_, question, std::move(answered));
-        },
-        Qt::QueuedConnection);
+    if (questions_->ask(socket_, name_, question, std::move(answered))) showNext();
   }
   void closeQuestion() override {
-    QMetaObject::invokeMethod(
-        &window_, [this] { window_.withdrawSocketQuestions(socket_); }, Qt::QueuedConnection);
+    questions_->withdraw(socket_);
+    showNext();
   }
   bool isPerson() const override { return true; }
   std::string unansweredReason() const override { return "the window was closed"; }
   void showMessage(std::string_view, std::string_view) override {}
 
  private:
+  // The window outlives the sockets (it ends their threads before it goes).
+  void showNext() {
+    QMetaObject::invokeMethod(
+        &window_, [w = &window_] { w->showSocketQuestion(); }, Qt::QueuedConnection);
+  }
   MainWindow& window_;
+  std::shared_ptr<SocketQuestions> questions_;
   size_t socket_;
   std::string name_;
 };
@@ -264,10 +265,7 @@ MainWindow::~MainWindow() {
   qApp->removeEventFilter(this);
   // The station's sockets end first: their runs are stopped, and questions
   // still waiting get no answer.
-  for (SocketQuestion& waiting : socketQuestions_) waiting.answered(std::nullopt);
-  socketQuestions_.clear();
-  delete station_;
-  station_ = nullptr;
+  endStation();
   for (const QPointer<QWidget>& window : ownWindows_) delete window.data();
   chart_ = nullptr;
   operator_.setClosing();
@@ -1196,28 +1194,39 @@ bool MainWindow::openStation(const std::string& path) {
     return false;
   }
   auto* view = new StationView;
+  auto questions = std::make_shared<SocketQuestions>();
   std::string error;
   const bool opened = view->open(
       path, stationOptions_,
-      [this](size_t socket, const std::string& name) -> std::unique_ptr<Operator> {
-        return std::make_unique<SocketPersonOperator>(*this, socket, name);
+      [this, questions](size_t socket, const std::string& name) -> std::unique_ptr<Operator> {
+        return std::make_unique<SocketPersonOperator>(*this, questions, socket, name);
       },
       error);
   if (!opened) {
+    questions->close();
     delete view;
     message(windowTitle(), Text(error));
     return false;
   }
-  if (station_ != nullptr) {
-    pages_->removeWidget(station_);
-    delete station_;
-  }
+  endStation();
   station_ = view;
+  socketQuestions_ = questions;
   pages_->addWidget(station_);
   pages_->setCurrentWidget(station_);
   closeStationAction_->setEnabled(true);
   enlargeForRun();
   return true;
+}
+
+void MainWindow::endStation() {
+  if (socketQuestions_) socketQuestions_->close();
+  for (QMessageBox* box : findChildren<QMessageBox*>("socketQuestion")) box->deleteLater();
+  if (station_ != nullptr) {
+    pages_->removeWidget(station_);
+    delete station_;
+    station_ = nullptr;
+  }
+  socketQuestions_.reset();
 }
 
 void MainWindow::closeStation() {
@@ -1226,44 +1235,60 @@ void MainWindow::closeStation() {
     message(windowTitle(), tr("A socket of the open station is running: stop it first."));
     return;
   }
-  for (SocketQuestion& waiting : socketQuestions_) waiting.answered(std::nullopt);
-  socketQuestions_.clear();
-  pages_->removeWidget(station_);
-  delete station_;
-  station_ = nullptr;
+  endStation();
   pages_->setCurrentIndex(0);
   closeStationAction_->setEnabled(false);
 }
 
-void MainWindow::askForSocket(size_t socket, const std::string& name, const Question& question,
-                              std::function<void(Answer)> answered) {
-  Question shown = question;
-  shown.text = name + ": " + question.text;
-  socketQuestions_.push_back({socket, std::move(shown), std::move(answered)});
-  askNextSocketQuestion();
-}
-
-void MainWindow::askNextSocketQuestion() {
-  if (socketQuestionOpen_ || socketQuestions_.empty()) return;
-  SocketQuestion next = std::move(socketQuestions_.front());
-  socketQuestions_.pop_front();
-  socketQuestionOpen_ = true;
+void MainWindow::showSocketQuestion() {
+  if (!socketQuestions_) return;
+  const std::optional<SocketQuestions::Item> item = socketQuestions_->next();
+  if (!item) return;
+  Question shown = item->question;
+  shown.text = item->socketName + ": " + shown.text;
+  std::weak_ptr<SocketQuestions> questions = socketQuestions_;
   QPointer<MainWindow> self(this);
-  openQuestion(next.question, [self, answered = std::move(next.answered)](Answer answer) {
-    answered(std::move(answer));
-    if (!self) return;
-    self->socketQuestionOpen_ = false;
-    self->askNextSocketQuestion();
+  auto answered = [self, questions, id = item->id](Answer answer) {
+    if (auto q = questions.lock()) q->answer(id, std::move(answer));
+    if (self) QMetaObject::invokeMethod(self, [self] { if (self) self->showSocketQuestion(); },
+                                        Qt::QueuedConnection);
+  };
+  const std::string& kind = shown.kind;
+  // The dialogs of their own are the one-sequence window's; the questions
+  // of its operator panel are asked in a box, the panel being out of view.
+  if (kind == "DATAENTRY" || kind == "CHECKFAILURE" || kind == "SELECTMENU" ||
+      kind == "ENTERSEND" || kind == "DOWITHSHOW" || kind == "MANUALADJUST") {
+    openQuestion(shown, answered);
+    return;
+  }
+  auto* box = new QMessageBox(QMessageBox::Question, Text(shown.title.empty() ? kind : shown.title),
+                              Text(shown.text), QMessageBox::NoButton, this);
+  box->setObjectName("socketQuestion");
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  box->setWindowModality(Qt::NonModal);
+  std::vector<std::string> choices = shown.choices;
+  if (choices.empty()) choices = {"OK"};
+  auto once = std::make_shared<std::function<void(Answer)>>(answered);
+  auto buttons = std::make_shared<std::vector<std::pair<QAbstractButton*, std::string>>>();
+  for (const std::string& choice : choices) {
+    QPushButton* b = box->addButton(Text(choice), QMessageBox::ActionRole);
+    b->setObjectName(QString::fromStdString("answer_" + choice));
+    buttons->emplace_back(b, choice);
+  }
+  connect(box, &QMessageBox::buttonClicked, box, [once, buttons](QAbstractButton* clicked) {
+    for (const auto& [button, choice] : *buttons) {
+      if (button == clicked && *once) {
+        (*once)(choice);
+        *once = nullptr;
+      }
+    }
   });
-}
-
-void MainWindow::withdrawSocketQuestions(size_t socket) {
-  // A question already in view stays until answered (its answer then goes
-  // nowhere); those not yet asked are dropped.
-  socketQuestions_.erase(
-      std::remove_if(socketQuestions_.begin(), socketQuestions_.end(),
-                     [socket](const SocketQuestion& q) { return q.socket == socket; }),
-      socketQuestions_.end());
+  connect(box, &QMessageBox::finished, box, [once] {
+    if (*once) (*once)(std::nullopt);
+    *once = nullptr;
+  });
+  box->show();
+  bringIntoView(box);
 }
 
 }  // namespace tavrix

@@ -9,7 +9,6 @@
 #include <QMainWindow>
 #include <QPointer>
 #include <QTimer>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -19,6 +18,7 @@
 #include "panel/resume_offer.h"
 #include "panel/run_panel.h"
 #include "qt_operator.h"
+#include "socket_questions.h"
 #include "station_sockets.h"
 
 class QCheckBox;
@@ -131,11 +131,10 @@ class MainWindow : public QMainWindow {
   void chooseStationFile();
   void closeStation();
   StationView* station() { return station_; }
-  // A question of a socket without an answers file: asked in the window
-  // under the socket's name, one at a time in the order asked.
-  void askForSocket(size_t socket, const std::string& name, const Question& question,
-                    std::function<void(Answer)> answered);
-  void withdrawSocketQuestions(size_t socket);
+  // Shows the next question of a socket without an answers file, when none
+  // is shown: asked in the window under the socket's name, one at a time in
+  // the order asked.
+  void showSocketQuestion();
 
   EngineHost& host() { return *host_; }
   // The report and chart windows open now: windows of their own, not kept
@@ -154,15 +153,11 @@ class MainWindow : public QMainWindow {
   QStackedWidget* pages_ = nullptr;
   StationView* station_ = nullptr;
   QAction* closeStationAction_ = nullptr;
-  struct SocketQuestion {
-    size_t socket;
-    Question question;
-    std::function<void(Answer)> answered;
-  };
-  std::deque<SocketQuestion> socketQuestions_;
-  bool socketQuestionOpen_ = false;
-  void askNextSocketQuestion();
+  // The open station's questions for the person (one set per station).
+  std::shared_ptr<SocketQuestions> socketQuestions_;
   bool stationRunning() const;
+  // Ends the open station: its questions get no answer, its runs stop.
+  void endStation();
   void buildControls();
   // How the last run ended, beside the status.
   void showRunEnd();

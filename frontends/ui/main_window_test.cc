@@ -186,6 +186,60 @@ class MainWindowTest : public QObject {
 
  private slots:
 
+  // The questions of sockets without an answers file are asked in the
+  // window under the socket's name, one at a time in the order asked; the
+  // answer goes to the socket that asked.
+  void stationSocketsWithoutAnswersAskInTheWindow() {
+    const std::string d = dir_.path().toStdString() + "/asking station";
+    QVERIFY(localFiles().makeFolders(d + "/data", nullptr));
+    Write(d + "/ask.wts",
+          "ENTEROKCANCEL Is the unit fitted?, NOTFITTED\r\nSTOP\r\nNOTFITTED:\r\n"
+          "GOTO NOWHERE\r\n");
+    Write(d + "/ask.toml",
+          "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
+    MainWindow w(Factory(), "");
+    StationSockets::Options options;
+    options.dataRoot = d + "/data";
+    options.virtualTime = true;
+    w.setStationOptions(options);
+    w.show();
+    QVERIFY(w.openStation(d + "/ask.toml"));
+    auto* a = Find<QGroupBox>(*w.station(), "tile_A");
+    auto* b = Find<QGroupBox>(*w.station(), "tile_B");
+    const auto state = [](QGroupBox* tile) { return Find<QLabel>(*tile, "laSocketState")->text(); };
+    Click(w, "pbRunAll");
+    const auto asked = [&] {
+      QMessageBox* box = nullptr;
+      if (!QTest::qWaitFor([&] {
+            box = w.findChild<QMessageBox*>("socketQuestion");
+            return box != nullptr && box->isVisible();
+          }))
+        qFatal("no socket question");
+      return box;
+    };
+    QMessageBox* box = asked();
+    const QString first = box->text();
+    QVERIFY2(first == "A: Is the unit fitted?" || first == "B: Is the unit fitted?",
+             qPrintable(first));
+    // One question at a time: the first asker is answered OK, then the
+    // second is asked and answered Cancel (its run then ends in an error).
+    QCOMPARE(w.findChildren<QMessageBox*>("socketQuestion").size(), 1);
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_OK"), Qt::LeftButton);
+    const QString second =
+        first.startsWith("A") ? "B: Is the unit fitted?" : "A: Is the unit fitted?";
+    QTRY_VERIFY((box = w.findChild<QMessageBox*>("socketQuestion")) != nullptr &&
+                box->isVisible() && box->text() == second);
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_Cancel"), Qt::LeftButton);
+    QGroupBox* okTile = first.startsWith("A") ? a : b;
+    QGroupBox* cancelTile = first.startsWith("A") ? b : a;
+    QTRY_COMPARE(state(okTile), QString("PASS"));
+    QTRY_COMPARE(state(cancelTile), QString("FAIL"));
+    // A socket that asks when the window closes gets no answer: the window
+    // closes all the same.
+    QTest::mouseClick(Find<QPushButton>(*okTile, "pbSocketRun"), Qt::LeftButton);
+    asked();
+  }
+
   // A station of two sockets on the simulated rig, on one virtual clock:
   // each tile reaches its own verdict, Stop on one socket leaves the other
   // running, a finished socket tests its next unit, and closing the station
