@@ -104,7 +104,10 @@ class SocketPersonOperator final : public Operator {
  public:
   SocketPersonOperator(MainWindow& window, std::shared_ptr<SocketQuestions> questions,
                        size_t socket, std::string name)
-      : window_(window), questions_(std::move(questions)), socket_(socket), name_(std::move(name)) {}
+      : window_(window),
+        questions_(std::move(questions)),
+        socket_(socket),
+        name_(std::move(name)) {}
   void ask(const Question& question, std::function<void(Answer)> answered) override {
     if (questions_->ask(socket_, name_, question, std::move(answered))) showNext();
   }
@@ -1250,8 +1253,13 @@ void MainWindow::showSocketQuestion() {
   QPointer<MainWindow> self(this);
   auto answered = [self, questions, id = item->id](Answer answer) {
     if (auto q = questions.lock()) q->answer(id, std::move(answer));
-    if (self) QMetaObject::invokeMethod(self, [self] { if (self) self->showSocketQuestion(); },
-                                        Qt::QueuedConnection);
+    if (self)
+      QMetaObject::invokeMethod(
+          self,
+          [self] {
+            if (self) self->showSocketQuestion();
+          },
+          Qt::QueuedConnection);
   };
   const std::string& kind = shown.kind;
   // The dialogs of their own are the one-sequence window's; the questions

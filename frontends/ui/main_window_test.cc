@@ -195,8 +195,7 @@ class MainWindowTest : public QObject {
     Write(d + "/ask.wts",
           "ENTEROKCANCEL Is the unit fitted?, NOTFITTED\r\nSTOP\r\nNOTFITTED:\r\n"
           "GOTO NOWHERE\r\n");
-    Write(d + "/ask.toml",
-          "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
+    Write(d + "/ask.toml", "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
     MainWindow w(Factory(), "");
     StationSockets::Options options;
     options.dataRoot = d + "/data";
