@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -382,6 +383,61 @@ TEST(StationTimeTest, SocketsTakeTurnsOnOneClockInAFixedOrder) {
                                              "1@40", "2@60"}));
     EXPECT_EQ(time.now() - start, 90'000'000);
   }
+}
+
+// Sockets started on demand: each enters when it is told to, whatever the
+// others do; one that waits for a person steps out of the turns, so the
+// others' time goes on; and a socket whose run is over enters again for its
+// next one.
+TEST(StationTimeTest, SocketsStartedOnDemandGoOnWhileOneWaitsForAPerson) {
+  const Micros start = 1'000'000'000;
+  StationTime time(start, 2, StationTime::Start::kOnDemand);
+  std::vector<std::string> log;
+  std::mutex mutex;
+  const auto note = [&](const std::string& what, const Clock& clock) {
+    std::lock_guard guard(mutex);
+    log.push_back(what + "@" + std::to_string((clock.now() - start) / 1'000'000));
+  };
+  const auto wait = [](EventLoop& loop, Micros length) {
+    bool due = false;
+    Timer timer(loop, length, [&due] { due = true; });
+    timer.setEnabled(true);
+    loop.waitUntil([&due] { return due; });
+  };
+  std::promise<EventLoop*> asking;
+  bool answered = false;
+  std::thread second([&] {
+    auto clock = time.clockFor(1);
+    EventLoop loop(*clock);
+    time.enter(1);  // the first socket has not started
+    {
+      EventLoop::OutsideWait person(loop);
+      asking.set_value(&loop);
+      loop.waitUntil([&] { return answered; });
+    }
+    note("answered", *clock);
+    wait(loop, 10'000'000);
+    note("second done", *clock);
+    time.leave(1);
+    time.enter(1);
+    wait(loop, 5'000'000);
+    note("second again", *clock);
+    time.leave(1);
+  });
+  EventLoop* person = asking.get_future().get();
+  std::thread first([&] {
+    auto clock = time.clockFor(0);
+    EventLoop loop(*clock);
+    time.enter(0);
+    wait(loop, 30'000'000);
+    note("first waited", *clock);
+    person->post([&answered] { answered = true; });
+    time.leave(0);
+  });
+  first.join();
+  second.join();
+  EXPECT_EQ(log, (std::vector<std::string>{"first waited@30", "answered@30", "second done@40",
+                                           "second again@45"}));
 }
 
 // A backend that takes every command and has a reply only on the second poll.

@@ -56,8 +56,10 @@ class StationTime::SocketClock final : public Clock {
                  const std::function<bool()>& woken, bool outside) override {
     // A wait for something outside the program (a rig server's response)
     // keeps the turn, as a plain virtual clock keeps its time: so the order
-    // of the sockets' exchanges does not hang on how fast it answers.
-    if (time_.onThread(socket_) && !outside) return time_.idle(socket_, due, lock, woken, false);
+    // of the sockets' exchanges does not hang on how fast it answers. Not so
+    // where the sockets start on demand: there it steps out of the turns.
+    if (time_.onThread(socket_) && (!outside || !time_.outsideKeepsTurn()))
+      return time_.idle(socket_, due, lock, woken, outside);
     return PlainIdle(due, cv, lock, woken, outside, [this](Micros t) { time_.advanceTo(t); });
   }
 
@@ -114,10 +116,16 @@ struct StationTime::Stacks {
 struct StationTime::Stacks {};
 #endif
 
-StationTime::StationTime(Micros start, size_t sockets)
+StationTime::StationTime(Micros start, size_t sockets, Start how)
     : now_(start),
       slots_(sockets),
-      threads_(std::make_unique<std::atomic<std::thread::id>[]>(sockets)) {}
+      threads_(std::make_unique<std::atomic<std::thread::id>[]>(sockets)) {
+  if (how == Start::kOnDemand) {
+    for (Slot& slot : slots_) slot.state = Slot::kDone;
+    turn_ = kNobody;
+    outsideKeepsTurn_ = false;
+  }
+}
 
 StationTime::~StationTime() = default;
 
@@ -253,8 +261,14 @@ bool StationTime::onThread(size_t socket) const {
 void StationTime::enter(size_t socket) {
   std::unique_lock lock(mutex_);
   threads_[socket].store(std::this_thread::get_id());
+  Slot& slot = slots_[socket];
+  if (slot.state == Slot::kDone) {
+    // Back for another run: it takes its turn after those who wait for one.
+    slot.state = Slot::kNew;
+    if (turn_ == kNobody) handOn(socket);
+  }
   awaitTurn(socket, lock);
-  slots_[socket].state = Slot::kRunning;
+  slot.state = Slot::kRunning;
 }
 
 void StationTime::leave(size_t socket) {

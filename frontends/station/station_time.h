@@ -29,7 +29,14 @@ namespace tavrix {
 
 class StationTime {
  public:
-  StationTime(Micros start, size_t sockets);
+  // How the sockets start: all at once, taking their first turns in
+  // station order (a run of the whole station), or each when it is told to
+  // (a window where each socket is started on its own). In the second, a
+  // socket that waits for something outside the program (a person's answer,
+  // a line held for Step) steps out of the turns until it is answered, so
+  // that the sockets the person is not looking at go on.
+  enum class Start { kTogether, kOnDemand };
+  StationTime(Micros start, size_t sockets, Start how = Start::kTogether);
   ~StationTime();
   StationTime(const StationTime&) = delete;
   StationTime& operator=(const StationTime&) = delete;
@@ -51,9 +58,10 @@ class StationTime {
   static bool switchesStacks();
 
   // The calling thread becomes socket `socket`'s thread and waits for its
-  // first turn. Sockets take their first turns in station order.
+  // first turn. Sockets take their first turns in station order. A socket
+  // that left comes back this way for its next run.
   void enter(size_t socket);
-  // The socket's run is over: it takes no more turns.
+  // The socket's run is over: it takes no more turns until it enters again.
   void leave(size_t socket);
 
  private:
@@ -79,6 +87,7 @@ class StationTime {
   // Under mutex_: the turn is now `socket`'s (or nobody's).
   void wake(size_t socket);
   bool onThread(size_t socket) const;
+  bool outsideKeepsTurn() const { return outsideKeepsTurn_; }
   // Under mutex_: gives the turn to the next socket that may run, moving
   // the clock on when none may; kNobody when all are done or wait for a
   // person.
@@ -96,6 +105,7 @@ class StationTime {
   // stack runs now (kNobody: the thread's own).
   std::unique_ptr<Stacks> stacks_;
   std::atomic<size_t> running_{kNobody};
+  bool outsideKeepsTurn_ = true;
 };
 
 }  // namespace tavrix
