@@ -30,7 +30,9 @@ void EventLoop::processPendingEvents() {
       for (auto& task : batch) task();
     }
   }
-  // Without a timer due there is no reason to read the clock.
+  // Without a timer due there is no reason to read the clock. A timer that
+  // moved away may have made the bound: it is found again once.
+  if (!dueBoundExact_) refreshDueBound();
   if (dueBound_ != Clock::kNever && clock_.now() >= dueBound_) fireDueTimers();
 }
 

@@ -280,6 +280,8 @@ void RunCheckpoints::startRun() {
   Sequencer& seq = engine_.sequencer();
   const Micros now = engine_.clock().now();
   running_ = true;
+  realClock_ = !engine_.clock().isVirtual();
+  linesSinceClock_ = 0;
   engine_.files().clearAppended();
   if (!adopted_) {
     appended_.clear();
@@ -342,9 +344,21 @@ void RunCheckpoints::afterLine() {
     uutSignature_ = signature;
     dirty_ = true;
   }
-  // With its timer set, the checkpoint of every 10 s comes from the timer:
-  // a line that changed nothing costs no reading of the clock.
-  if (!dirty_ && timerArmed_) return;
+  if (realClock_) {
+    // While lines run the timer is not needed, and a timer that is set
+    // makes every event check read the clock: the lines look at the clock
+    // themselves, every so many of them. A wait sets the timer again.
+    if (timerArmed_) {
+      timer_.setEnabled(false);
+      timerArmed_ = false;
+    }
+    if (!dirty_ && ++linesSinceClock_ < kLinesPerClockReading) return;
+    linesSinceClock_ = 0;
+  } else if (!dirty_ && timerArmed_) {
+    // On a virtual clock the checkpoint of every 10 s of run time comes
+    // from the timer.
+    return;
+  }
   const Micros since = engine_.clock().now() - lastWrite_;
   if ((dirty_ && since >= kCheckpointAtMostEvery) || since >= kCheckpointEvery) write();
 }

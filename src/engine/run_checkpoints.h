@@ -129,6 +129,10 @@ class RunCheckpoints {
   RunEventBus::Subscription events_;
   Timer timer_;
   bool timerArmed_ = false;  // timer_ is due
+  bool realClock_ = false;
+  // Lines run since the clock was last read (on a real clock).
+  int linesSinceClock_ = 0;
+  static constexpr int kLinesPerClockReading = 64;
   bool running_ = false;
   bool dirty_ = false;
   Micros lastWrite_ = 0;
