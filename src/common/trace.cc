@@ -86,18 +86,30 @@ constexpr auto kPlainBytes = [] {
 bool plainJson(std::string_view text) {
   constexpr uint64_t kOnes = 0x0101010101010101ULL;
   constexpr uint64_t kHigh = 0x8080808080808080ULL;
-  const auto hasZero = [](uint64_t v) { return (v - kOnes) & ~v & kHigh; };
-  size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
+  const size_t n = text.size();
+  if (n < 8) {
+    for (const char c : text) {
+      if (!kPlainBytes[static_cast<unsigned char>(c)]) return false;
+    }
+    return true;
+  }
+  // The last word overlaps the one before it rather than leave a tail.
+  for (size_t i = 0;; i += 8) {
+    if (i > n - 8) i = n - 8;
     uint64_t w;
     std::memcpy(&w, text.data() + i, 8);
-    const uint64_t below = (w - kOnes * 0x20) & ~w & kHigh;
-    if ((below | (w & kHigh) | hasZero(w ^ (kOnes * 0x7F)) | hasZero(w ^ (kOnes * '"')) |
-         hasZero(w ^ (kOnes * '\\'))) != 0)
-      break;
+    const uint64_t quote = w ^ (kOnes * '"');
+    const uint64_t backslash = w ^ (kOnes * '\\');
+    const uint64_t del = w ^ (kOnes * 0x7F);
+    // A byte below 0x20 (or a zero byte of the others) borrows into its top bit.
+    const uint64_t found = (((w - kOnes * 0x20) & ~w) | ((quote - kOnes) & ~quote) |
+                            ((backslash - kOnes) & ~backslash) | ((del - kOnes) & ~del) | w) &
+                           kHigh;
+    if (found != 0) break;
+    if (i == n - 8) return true;
   }
-  for (; i < text.size(); ++i) {
-    if (!kPlainBytes[static_cast<unsigned char>(text[i])]) return false;
+  for (const char c : text) {
+    if (!kPlainBytes[static_cast<unsigned char>(c)]) return false;
   }
   return true;
 }
@@ -251,6 +263,12 @@ void Trace::line(Micros at, int number, std::string_view text) {
   const size_t length = static_cast<size_t>(p - first);
   if (gathered) {
     gatheredUsed_ += length;
+    // What mayWait decides, for the usual line without a call.
+    if (gatheredUsed_ < kGatherBytes && at >= gatheredSince_ && at - gatheredSince_ < kGatherAtMost &&
+        linesUnclocked_ + 1 < kLinesPerSteadyReading) {
+      ++linesUnclocked_;
+      return;
+    }
     recordGathered(true, at, true, std::string());
   } else {
     write(std::string_view(first, length), true, at);
