@@ -235,20 +235,10 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
       crash("after line " + std::to_string(line) + " (#" + std::to_string(lines) + ")");
     }
   });
-  for (int i = 0; i < kills / 2; ++i) {
-    const Micros at =
-        scenario.start + 1 + static_cast<Micros>(random() % static_cast<uint64_t>(length));
-    auto timer = std::make_unique<Timer>(engine.events(), kMicrosPerSecond, [&, at, i] {
-      timers[static_cast<size_t>(i)]->setEnabled(false);
-      crash("at " + isoDateTime(at) + " in line " +
-            std::to_string(engine.sequencer().lineNumber()));
-    });
-    timer->setDue(at);
-    timers.push_back(std::move(timer));
-  }
   // The line count of the run decides the random line kills; it repeats
   // exactly, so a count taken in a first run holds for this one.
   int64_t totalCheckpoints = 0;
+  Micros runLength = length;
   const bool counted = kills > 0 || checkpointKills > 0;
   const int64_t totalLines = !counted ? 0 : [&] {
     Station counter(scenario, scenario.files, scenario.start);
@@ -260,6 +250,7 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
     counter.engine().sequencer().addLineHook([&n](int16_t) { ++n; });
     counter.afterCheckpoint = [&] { ++totalCheckpoints; };
     counter.engine().run();
+    runLength = counter.engine().clock().now() - scenario.start;
     return n;
   }();
   EXPECT_TRUE(!counted || totalLines > 2);
@@ -271,6 +262,21 @@ Outcome RunUnbroken(const Scenario& scenario, int kills, std::vector<Crash>& cra
   while (static_cast<int>(lineKills.size()) < kills - kills / 2 &&
          static_cast<int64_t>(lineKills.size()) < totalLines - 1) {
     lineKills.insert(1 + static_cast<int64_t>(random() % static_cast<uint64_t>(totalLines - 1)));
+  }
+  // The kills a short run has no lines for come at instants instead, all
+  // within the run.
+  const int timeKills = kills - static_cast<int>(lineKills.size());
+  const Micros timeLength = std::max<Micros>(1, std::min(length, runLength));
+  for (int i = 0; i < timeKills; ++i) {
+    const Micros at =
+        scenario.start + 1 + static_cast<Micros>(random() % static_cast<uint64_t>(timeLength));
+    auto timer = std::make_unique<Timer>(engine.events(), kMicrosPerSecond, [&, at, i] {
+      timers[static_cast<size_t>(i)]->setEnabled(false);
+      crash("at " + isoDateTime(at) + " in line " +
+            std::to_string(engine.sequencer().lineNumber()));
+    });
+    timer->setDue(at);
+    timers.push_back(std::move(timer));
   }
   engine.run();
   for (auto& timer : timers) timer->setEnabled(false);
@@ -640,21 +646,24 @@ TEST(ResumeKill, AChainedLoopWithATimeOutKilledAtRandomMomentsEndsAsTheUnbrokenR
 TEST(ResumeKill, ThePumpTestKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
   const Scenario scenario = PumpTest();
   std::vector<Crash> crashes;
-  const Outcome unbroken = RunUnbroken(scenario, Kills(100), crashes, 40 * 60 * kMicrosPerSecond);
+  const Outcome unbroken = RunUnbroken(scenario, Kills(200), crashes, 40 * 60 * kMicrosPerSecond);
   // The run is the one the example promises: two pumps, the second failed.
   EXPECT_EQ(unbroken.uutsFinished, 2);
   EXPECT_TRUE(unbroken.anyUutFailed);
   EXPECT_EQ(unbroken.error, "");
-  ASSERT_GE(crashes.size(), 50u);
+  ASSERT_GE(crashes.size(), 190u);
   for (const auto& crash : crashes) ExpectSame(Resume(scenario, crash), unbroken, crash.when);
 }
 
 TEST(ResumeKill, ASoakWithCalculatedChannelsKilledAtRandomMomentsEndsAsTheUnbrokenRun) {
-  const Scenario scenario = Soak();
+  // Seven hours from 18:00: the calculated channels' day ends at midnight
+  // inside the run.
+  const Scenario scenario = Soak(7);
   std::vector<Crash> crashes;
-  const Outcome unbroken = RunUnbroken(scenario, Kills(10), crashes, 25 * 3600 * kMicrosPerSecond);
-  EXPECT_EQ(unbroken.loopCount, 25);
+  const Outcome unbroken = RunUnbroken(scenario, Kills(200), crashes, 7 * 3600 * kMicrosPerSecond);
+  EXPECT_EQ(unbroken.loopCount, 7);
   EXPECT_EQ(unbroken.error, "");
+  ASSERT_GE(crashes.size(), 190u);
   // The day that ended at midnight and the day so far at the change of
   // loggers.
   auto month = unbroken.files.begin();
@@ -910,8 +919,8 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
   // A run that is not to go on is discarded: kept aside, no longer listed.
   RunAndKill(0, 305 * kMicrosPerSecond);
   EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
-  const std::string name = out_.substr(out_.find('\n') + 1, out_.find('\t', out_.find('\n')) -
-                                                                 out_.find('\n') - 1);
+  const std::string name =
+      out_.substr(out_.find('\n') + 1, out_.find('\t', out_.find('\n')) - out_.find('\n') - 1);
   EXPECT_EQ(Cli({"ctl", "discard", name}), kExitOk) << err_;
   EXPECT_TRUE(localFiles().isFile(Path("home/runs/discarded/" + name + ".checkpoint")));
   EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);

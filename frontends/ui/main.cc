@@ -13,6 +13,9 @@
 #include "link_bridge.h"
 #include "main_window.h"
 #include "window_engine.h"
+#ifndef _WIN32
+#include "station_publisher.h"
+#endif
 
 namespace {
 
@@ -91,6 +94,15 @@ int RunWindow(int argc, char** argv) {
       },
       commandLine);
   window.setPlantViewStore(settings.resultsStore);
+#ifndef _WIN32
+  // With a plant's database server for a store, the station's runs are
+  // published into it while the window is open (the plant page shows them).
+  const auto publishing = tavrix::plant::RunPublishing::Start(
+      settings.resultsStore, tavrix::defaultDataRoot(), settings.station);
+  if (publishing) {
+    window.onRunSocket([p = publishing.get()](const std::string& id) { p->ranHere(id); });
+  }
+#endif
   window.show();
   return app.exec();
 }

@@ -25,6 +25,7 @@
 #include <QUrl>
 #include <QVBoxLayout>
 #include <algorithm>
+#include <cstdio>
 
 #include "about_dialog.h"
 #ifdef TAVRIX_HAVE_CHARTS
@@ -114,6 +115,11 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
   host_ = std::make_unique<EngineHost>([this, factory] {
     auto engine = factory(operator_);
     operator_.attach(engine->events());
+#ifndef _WIN32
+    runControl_ = std::make_unique<EachRunControl>(*engine, [](const std::string& problem) {
+      std::fprintf(stderr, "tavrix: %s\n", problem.c_str());
+    });
+#endif
     return engine;
   });
   QPointer<MainWindow> self(this);
@@ -231,7 +237,18 @@ MainWindow::~MainWindow() {
   }
   channelDisplay_ = nullptr;
   runEvents_.reset();
+#ifndef _WIN32
+  host_->post([this](Engine&) { runControl_.reset(); });
+#endif
   host_.reset();
+}
+
+void MainWindow::onRunSocket(std::function<void(const std::string&)> told) {
+#ifndef _WIN32
+  host_->post([this, told = std::move(told)](Engine&) { runControl_->onOpened(told); });
+#else
+  (void)told;
+#endif
 }
 
 QGroupBox* MainWindow::buildUnitTile() {

@@ -14,6 +14,9 @@
 #include <string>
 
 #include "engine_host.h"
+#ifndef _WIN32
+#include "each_run_control.h"
+#endif
 #include "panel/plant_view_launcher.h"
 #include "panel/resume_offer.h"
 #include "panel/run_panel.h"
@@ -115,6 +118,9 @@ class MainWindow : public QMainWindow {
   // (empty: the data root's database file).
   void setPlantViewStore(const std::string& storeSetting) { plantStore_ = storeSetting; }
 
+  // Told the run id of each run's control socket as it opens (on the
+  // engine thread); where the system has no control sockets, never.
+  void onRunSocket(std::function<void(const std::string&)> told);
   EngineHost& host() { return *host_; }
   // The report and chart windows open now: windows of their own, not kept
   // above the main window, so that a question can come in front of them.
@@ -171,6 +177,10 @@ class MainWindow : public QMainWindow {
 
   QtOperator operator_;
   std::unique_ptr<EngineHost> host_;
+#ifndef _WIN32
+  // The control socket of each run; engine thread only.
+  std::unique_ptr<EachRunControl> runControl_;
+#endif
   RunEventBus::Subscription runEvents_;
   RunPanel panel_;
   bool closeAllowed_ = false;

@@ -45,6 +45,9 @@
 #include "crypto/encrypted_files.h"
 #include "data_entry_dialog.h"
 #include "engine/run_record.h"
+#ifndef _WIN32
+#include "ctl_command.h"
+#endif
 #include "decrypt_dialog.h"
 #include "main_window.h"
 #include "qt_text.h"
@@ -1022,6 +1025,53 @@ class MainWindowTest : public QObject {
     QVERIFY(trace.find("\"ev\":\"end\",\"reason\":\"" + record.endReason + "\"}") !=
             std::string::npos);
   }
+
+#ifndef _WIN32
+  // A run started in the window listens on a control socket in its record's
+  // folder, as a run of tavrix-cli does: ctl lists it, tells its status and
+  // stops it, and the socket goes with the run. The next run has its own.
+  void ctlReachesTheWindowsRuns() {
+    const std::string root = dir_.path().toStdString() + "/ctl data";
+    QVERIFY(localFiles().makeFolders(root, nullptr));
+    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); },
+                 Sequence("held.wts", {"WAITSECONDS 600"}));
+    w.show();
+    const auto ctl = [&](const std::vector<std::string>& words, std::string& text) {
+      std::FILE* out = std::tmpfile();
+      const int status = RunCtl(root, words, out, out);
+      text.assign(static_cast<size_t>(std::ftell(out)), '\0');
+      std::rewind(out);
+      text.resize(std::fread(text.data(), 1, text.size(), out));
+      std::fclose(out);
+      return status;
+    };
+    const LocalFileSystem files(root);
+    std::vector<std::string> seen;
+    for (int run = 0; run < 2; ++run) {
+      QTRY_VERIFY(Find<QPushButton>(w, "pbRun")->isEnabled());
+      Click(w, "pbRun");
+      QTRY_COMPARE(Status(w), QString("Running"));
+      QTRY_VERIFY(ListRunRecords(files).size() == seen.size() + 1);
+      const RunRecordSummary record = ListRunRecords(files).back();
+      QVERIFY(std::find(seen.begin(), seen.end(), record.id) == seen.end());
+      seen.push_back(record.id);
+      QTRY_VERIFY(RunAnswers(record.folder));
+      std::string text;
+      QCOMPARE(ctl({"list"}, text), 0);
+      QVERIFY2(
+          text.find(record.id) != std::string::npos && text.find("held.wts") != std::string::npos,
+          text.c_str());
+      QCOMPARE(ctl({record.id, "status"}, text), 0);
+      QVERIFY2(text.find("WAITSECONDS") != std::string::npos ||
+                   text.find("\"line\":1") != std::string::npos,
+               text.c_str());
+      QCOMPARE(ctl({record.id, "stop"}, text), 0);
+      QTRY_COMPARE(Status(w), QString("Stopped"));
+      QTRY_VERIFY(!RunAnswers(record.folder));
+      QTRY_VERIFY(localFiles().info(record.folder + "/control.sock").kind == FileKind::kMissing);
+    }
+  }
+#endif
 
   // Window sizes from 1280x1024 to 1920x1080 and 150 % scaling; Run keeps a
   // maximised window; a new file starts with clean displays; the lists are

@@ -74,7 +74,12 @@ void WatchedFileSystem::recordLoss(const std::string& path, const std::string& e
   if (report) report(first);
 }
 
-std::unique_ptr<AtomicFile> WatchedFileSystem::rewrite(const std::string& path, std::string* error) {
+std::unique_ptr<AtomicFile> WatchedFileSystem::rewrite(const std::string& path,
+                                                       std::string* error) {
+  // A file made whole where there was none counts as appended from nothing:
+  // a summary's first row comes with its head, and the rows after it are
+  // appended. A run that goes on from before it was made removes it.
+  if (beforeFirstAppend_ && inner_.info(path).kind == FileKind::kMissing) noteAppend(path);
   std::string why;
   auto inner = inner_.rewrite(path, &why);
   if (!inner) {
@@ -85,17 +90,19 @@ std::unique_ptr<AtomicFile> WatchedFileSystem::rewrite(const std::string& path, 
   return std::make_unique<WatchedAtomicFile>(*this, path, std::move(inner));
 }
 
-bool WatchedFileSystem::append(const std::string& path, std::string_view bytes, std::string* error) {
-  std::string why;
+void WatchedFileSystem::noteAppend(const std::string& path) {
   bool first = false;
   {
     std::lock_guard guard(mutex_);
-    if (appended_.find(path) == appended_.end()) {
-      appended_.insert(path);
-      first = true;
-    }
+    first = appended_.insert(path).second;
   }
   if (first && beforeFirstAppend_) beforeFirstAppend_(path);
+}
+
+bool WatchedFileSystem::append(const std::string& path, std::string_view bytes,
+                               std::string* error) {
+  std::string why;
+  noteAppend(path);
   if (inner_.append(path, bytes, &why)) return true;
   recordLoss(path, why);
   if (error) *error = why;

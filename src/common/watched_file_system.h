@@ -50,15 +50,19 @@ class WatchedFileSystem final : public FileSystem {
   bool makeFolders(const std::string& folder, std::string* error) override {
     return inner_.makeFolders(folder, error);
   }
-  bool remove(const std::string& path, std::string* error) override { return inner_.remove(path, error); }
+  bool remove(const std::string& path, std::string* error) override {
+    return inner_.remove(path, error);
+  }
   std::unique_ptr<FileLock> lock(const std::string& path, std::string* error) override;
 
-  // The files appended to since the last clearAppended(), in name order: a
-  // run that goes on from a checkpoint cuts them back to their length then.
+  // The files appended to since the last clearAppended(), in name order, and
+  // those made whole where there was none: a run that goes on from a
+  // checkpoint cuts them back to their length then, or removes them.
   std::vector<std::string> appendedFiles() const;
   void clearAppended();
   // Called on the appending thread before the first append to a file since
-  // the last clearAppended(), with the file's path.
+  // the last clearAppended(), or before it is made whole where there was
+  // none, with the file's path.
   void beforeFirstAppend(std::function<void(const std::string&)> hook) {
     beforeFirstAppend_ = std::move(hook);
   }
@@ -66,6 +70,8 @@ class WatchedFileSystem final : public FileSystem {
   void recordLoss(const std::string& path, const std::string& error);
 
  private:
+  void noteAppend(const std::string& path);
+
   FileSystem& inner_;
   mutable std::mutex mutex_;
   std::vector<Loss> losses_;

@@ -74,6 +74,8 @@ void Engine::recordEveryRun(const RunRecordLimits& limits, const std::string& fr
   recorder_ = std::make_unique<RunRecorder>(*this, limits, frontEnd);
 }
 
+std::string Engine::recordId() const { return recorder_ ? recorder_->currentId() : std::string(); }
+
 void Engine::publishSubsystemEvents() {
   testDatabase_.addUutFinishedHook(
       [this](const UutRecord& uut, const std::vector<std::string>& files) {

@@ -136,6 +136,10 @@ class Engine {
   // Keeps a record of every run from now on (data root, runs/<run id>/),
   // for a front end that starts many runs with one engine (the window).
   void recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd);
+  // The id of the record of the run in progress; empty without one. Engine
+  // thread (a subscriber to the run's start, subscribed after the records
+  // began, finds the new run's id here).
+  std::string recordId() const;
   // Gets ready to go on with the run of the checkpoint at `path`: checks
   // that the sequence file is unchanged (unless `force`), runs the
   // safe-state sequence, selects the run's setup again, writes the outputs

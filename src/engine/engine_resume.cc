@@ -128,10 +128,17 @@ bool Engine::prepareResume(const std::string& path, bool force, ResumeReport* re
       return false;
     }
     // What the run appended after the checkpoint is written again as it goes
-    // on: cut back to where the checkpoint left each file.
+    // on: cut back to where the checkpoint left each file, and a file made
+    // after it removed.
     for (const auto& [name, size] : checkpoint.at("appended").items()) {
-      const uint64_t length = size.get<uint64_t>();
-      if (files_.info(name).size > length) files_.truncate(name, length, nullptr);
+      const int64_t length = size.get<int64_t>();
+      const FileInfo now = files_.info(name);
+      if (now.kind != FileKind::kFile) continue;
+      if (length < 0) {
+        files_.remove(name, nullptr);
+      } else if (now.size > static_cast<uint64_t>(length)) {
+        files_.truncate(name, static_cast<uint64_t>(length), nullptr);
+      }
     }
   } catch (const std::exception& e) {
     if (error) *error = "the checkpoint " + path + " is damaged: " + e.what();

@@ -53,6 +53,23 @@ std::string ContentHash(std::string_view bytes) { return Hex64(Fnv1a(bytes)); }
 
 std::string RunsFolder(const FileSystem& files) { return join(files.dataRoot(), kRunsFolder); }
 
+namespace {
+
+// The runs' own files (checkpoints, records) are not the run's output.
+bool InRunsFolder(const FileSystem& files, const std::string& path) {
+  const std::string runs = RunsFolder(files) + "/";
+  return path.compare(0, runs.size(), runs) == 0;
+}
+
+// A file's length as a checkpoint keeps it: -1 for a file not there yet,
+// which a run that goes on from the checkpoint removes.
+int64_t LengthAtCheckpoint(const FileSystem& files, const std::string& path) {
+  const FileInfo info = files.info(path);
+  return info.kind == FileKind::kFile ? static_cast<int64_t>(info.size) : -1;
+}
+
+}  // namespace
+
 std::string DiscardedFolder(const FileSystem& files) {
   return join(RunsFolder(files), kDiscardedFolder);
 }
@@ -288,10 +305,12 @@ void RunCheckpoints::startRun() {
 }
 
 void RunCheckpoints::firstAppend(const std::string& path) {
-  if (!running_ || appended_.count(path) || !last_.is_object()) return;
+  if (!running_ || appended_.count(path) || !last_.is_object() ||
+      InRunsFolder(engine_.files(), path)) {
+    return;
+  }
   appended_.insert(path);
-  const FileInfo info = engine_.files().info(path);
-  last_["appended"][path] = info.kind == FileKind::kFile ? info.size : 0;
+  last_["appended"][path] = LengthAtCheckpoint(engine_.files(), path);
   const std::string text = CheckpointText(last_, engine_.files().dataRoot());
   std::string error;
   auto out = engine_.files().rewrite(path_, &error);
@@ -399,12 +418,11 @@ bool RunCheckpoints::write(bool urgent) {
     c["outputs"] = nlohmann::json::object();
   }
   c["answers"] = seq.operatorPort().answersUsed();
-  for (auto& file : files.appendedFiles()) appended_.insert(std::move(file));
-  nlohmann::json appended = nlohmann::json::object();
-  for (const auto& file : appended_) {
-    const FileInfo info = files.info(file);
-    if (info.kind == FileKind::kFile) appended[file] = info.size;
+  for (auto& file : files.appendedFiles()) {
+    if (!InRunsFolder(files, file)) appended_.insert(std::move(file));
   }
+  nlohmann::json appended = nlohmann::json::object();
+  for (const auto& file : appended_) appended[file] = LengthAtCheckpoint(files, file);
   c["appended"] = std::move(appended);
   c["state"] = std::move(state);
 
