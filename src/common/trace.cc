@@ -240,7 +240,11 @@ void Trace::line(Micros at, int number, std::string_view text) {
   std::string escaped;
   const bool plain = plainJson(text);
   if (!plain) escaped = nlohmann::json(utf8FromSequenceText(text)).dump();
-  const std::string_view prefix = start(at);
+  // (The kept start of the line without a call when the millisecond is the last one's.)
+  const Micros t = at - origin_;
+  const int64_t ms = (t >= 0 ? t + 500 : t - 500) / 1000;
+  const std::string_view prefix =
+      ms == startMs_ && startLength_ != 0 ? std::string_view(start_, startLength_) : start(at);
   const size_t most = prefix.size() + 48 + (plain ? text.size() + 2 : escaped.size());
   // With the record alone (no --trace output) the line is put together
   // where it waits to be written.
@@ -250,7 +254,19 @@ void Trace::line(Micros at, int number, std::string_view text) {
   char* const first = room(buffer, used, most);
   char* p = put(first, prefix);
   p = put(p, ",\"ev\":\"line\",\"n\":");
-  p = std::to_chars(p, p + 16, number).ptr;
+  if (number >= 0 && number < 100000) {
+    // A line number: its digits from the last, straight into place.
+    const int digits = number < 10      ? 1
+                       : number < 100   ? 2
+                       : number < 1000  ? 3
+                       : number < 10000 ? 4
+                                        : 5;
+    for (int i = digits - 1, v = number; i >= 0; --i, v /= 10)
+      p[i] = static_cast<char>('0' + v % 10);
+    p += digits;
+  } else {
+    p = std::to_chars(p, p + 16, number).ptr;
+  }
   p = put(p, ",\"text\":");
   if (plain) {
     *p++ = '"';
