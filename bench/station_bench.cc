@@ -1,7 +1,8 @@
 // Test sockets: a station of eight sockets running the demo sequence in
 // virtual time against eight single runs of it back to back, each socket's
 // trace against a single run's, and exchanges a second through the link the
-// sockets share (one device each, and all on one device).
+// sockets share (one device each, and all on one device), also through a
+// rig server and through the keyed bridge.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
@@ -20,7 +21,9 @@
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/instrument.h"
 #include "instrument/simrig/sim_rig.h"
+#include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
+#include "instrument/tcp/tcp_link.h"
 #include "platform/files.h"
 #include "run_command.h"
 #include "station_link.h"
@@ -270,6 +273,97 @@ BENCHMARK(BM_SharedRigServerExchanges)
     ->Args({1, 0})
     ->Args({16, 0})
     ->Args({16, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+
+// `range(0)` sockets, each on a connection of its own to the keyed bridge on
+// loopback (a link library served behind the key check, as the 32-bit
+// bridge serves the rig PC's libraries) and reading a channel of its own
+// device: exchanges a second (each one a command and its reply) and the
+// longest one took. Arg 1 is the protocol: 2, or 1 with the response waited
+// for through the watcher thread alone, as links and servers did before the
+// second protocol (two round trips an exchange).
+void BM_BridgeSocketExchanges(benchmark::State& state) {
+  StationFolder folder;
+  const int sockets = static_cast<int>(state.range(0));
+  const bool before = state.range(1) == 1;
+  RigServer server;
+  std::string error;
+  SystemClock serverClock;
+  LocalFileSystem serverFiles(folder.dir);
+  auto service = std::make_unique<LibraryService>(
+      std::make_unique<SimLink>(serverClock, std::string(), serverFiles));
+  if (!server.listen("127.0.0.1:0", error) || !service->open(error)) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  const std::string key(kNewKeyBytes, '\x5a');
+  server.serveLibrary(std::move(service));
+  server.requireKey(key);
+  server.speakProtocol(before ? 1 : 2);
+  std::atomic<bool> serverStop{false};
+  std::thread serving([&] { server.serve(serverStop); });
+  DeviceGate gate(true);
+  SetupOnce setup;
+  int64_t total = 0;
+  double worst = 0;
+  std::atomic<int> failed{0};
+  for (auto _ : state) {
+    std::atomic<int64_t> exchanges{0};
+    std::atomic<bool> stop{false};
+    std::mutex worstMutex;
+    std::vector<std::thread> threads;
+    for (int s = 0; s < sockets; ++s) {
+      threads.emplace_back([&, s] {
+        SystemClock clock;
+        EventLoop events(clock);
+        Trace trace(clock);
+        PathMap paths(folder.dir);
+        InstrumentSettings settings;
+        LocalFileSystem files(folder.dir);
+        auto own = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), files);
+        own->setKey(key);
+        if (before) own->directWaitMs = 0;
+        Instrument instrument(events, trace, settings,
+                              std::make_unique<SocketLink>(s, gate, setup, std::move(own)), paths);
+        if (!instrument.ensureOpen() || !instrument.selectSetupFile(folder.dir + "/rig8.ims")) {
+          ++failed;
+          return;
+        }
+        const std::string channel = "S" + std::to_string(s + 1) + "_OVEN";
+        std::string value;
+        int64_t mine = 0;
+        double myWorst = 0;
+        while (!stop.load(std::memory_order_relaxed)) {
+          const auto began = std::chrono::steady_clock::now();
+          if (instrument.channels().ReadChannel(channel, value)) ++mine;
+          myWorst = std::max(
+              myWorst,
+              std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
+        }
+        exchanges += mine;
+        std::lock_guard guard(worstMutex);
+        worst = std::max(worst, myWorst);
+      });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    stop = true;
+    for (auto& t : threads) t.join();
+    total += exchanges.load();
+  }
+  serverStop = true;
+  serving.join();
+  if (failed > 0) state.SkipWithError("a socket did not reach the bridge");
+  state.counters["exchanges/s"] =
+      benchmark::Counter(static_cast<double>(total), benchmark::Counter::kIsRate);
+  state.counters["worst_wait_ms"] = worst * 1000;
+}
+BENCHMARK(BM_BridgeSocketExchanges)
+    ->Args({1, 2})
+    ->Args({8, 2})
+    ->Args({1, 1})
+    ->Args({8, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(1);

@@ -22,8 +22,7 @@
 #include "resultsdb/uut_capture.h"
 #include "run_control.h"
 #include "station_file.h"
-#include "station_link.h"
-#include "station_time.h"
+#include "station_rig.h"
 #include "terminal_view.h"
 #ifndef _WIN32
 #include "station_publisher.h"
@@ -361,9 +360,7 @@ struct StationShared {
   std::FILE* err;
   std::mutex errMutex;
   StationTime* time = nullptr;  // on a virtual clock
-  DeviceGate gate;
-  SetupOnce setup;
-  std::unique_ptr<SharedBackend> simRig;  // the simulated rig, one for all
+  std::unique_ptr<StationRig> rig;
   // Where sockets without an answers file ask, when the input is a terminal.
   std::unique_ptr<QuestionDesk> desk;
 #ifndef _WIN32
@@ -429,29 +426,14 @@ int RunSocket(StationShared& shared, size_t index) {
   SocketOperator op(std::move(inner), shared.view, index);
 
   EngineConfig config;
-  if (shared.time != nullptr) {
-    config.clock = shared.time->clockFor(index);
-  } else {
-    config.clock = std::make_unique<SystemClock>();
-  }
+  shared.rig->configure(index, config);
   config.files = std::move(files);
   config.op = &op;
-  const std::string stationName = station.name.empty() ? DefaultStationName() : station.name;
   config.resultsStore = EngineConfig::ResultsStore{
-      options.resultsStore.value_or(shared.settings.resultsStore), stationName + "/" + socket.name,
+      options.resultsStore.value_or(shared.settings.resultsStore),
+      SocketRecordName(station, socket),
       [&shared, name = socket.name](const std::string& text) { shared.report(name, text); }};
   config.settings = shared.settings;
-  config.link = station.linkOf(socket);
-  const int id = static_cast<int>(index);
-  config.linkFactory = [&shared, id](std::string_view spec, const Clock& clock,
-                                     const InstrumentSettings& settings, const FileSystem& files,
-                                     std::string* why) -> std::unique_ptr<LinkLibrary> {
-    if (shared.simRig) return std::make_unique<SocketLink>(id, shared.gate, *shared.simRig);
-    auto own = MakeLinkLibrary(spec, clock, settings, files, why);
-    if (!own) return nullptr;
-    return std::make_unique<SocketLink>(id, shared.gate, shared.setup, std::move(own));
-  };
-  config.channelMap = SocketChannelMap(station, index);
   config.xmlResultsFiles = options.results == "xml";
   config.writeResultsFiles = options.results != "off";
   config.companionAnswers = options.companionAnswers;
@@ -601,7 +583,6 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
   if (options.linkKey) settings.linkKeyFile = *options.linkKey;
 
   std::unique_ptr<StationTime> time;
-  std::unique_ptr<Clock> rigClock;
   if (options.virtualTime) {
     Micros start = SystemClock().now();
     if (options.start) {
@@ -614,9 +595,6 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
       start = *parsed;
     }
     time = std::make_unique<StationTime>(start, station.sockets.size());
-    rigClock = time->sharedClock();
-  } else {
-    rigClock = std::make_unique<SystemClock>();
   }
 
   std::vector<std::string> names;
@@ -624,13 +602,10 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
   StationView view(names, out, !options.quiet && TerminalView::IsTerminal(out));
   StationShared shared(options, station, settings, files.dataRoot(), view, err);
   shared.time = time.get();
-  if (station.link == kLinkSim) {
-    auto rig = MakeLinkLibrary(station.link, *rigClock, settings, files, &error);
-    if (!rig) {
-      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-      return kExitUsage;
-    }
-    shared.simRig = std::make_unique<SharedBackend>(std::move(rig));
+  shared.rig = StationRig::Open(station, settings, files, time.get(), error);
+  if (!shared.rig) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
   }
 
   // Taken before any thread starts (the question desk, the sockets), so
@@ -646,15 +621,16 @@ int RunStation(const RunOptions& options, const std::string& stationFile, std::F
   }
 #endif
   std::vector<int> statuses(station.sockets.size(), kExitUsage);
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < station.sockets.size(); ++i) {
-    threads.emplace_back([&, i] {
-      if (time) time->enter(i);
-      statuses[i] = RunSocket(shared, i);
-      if (time) time->leave(i);
-    });
+  if (time) {
+    // On the virtual clock the sockets take turns, on one thread where the
+    // build can switch stacks.
+    time->run([&](size_t i) { statuses[i] = RunSocket(shared, i); });
+  } else {
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < station.sockets.size(); ++i)
+      threads.emplace_back([&, i] { statuses[i] = RunSocket(shared, i); });
+    for (auto& thread : threads) thread.join();
   }
-  for (auto& thread : threads) thread.join();
   int status = kExitOk;
   for (const int s : statuses) status = WorseExitStatus(status, s);
   view.finish(status);

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <filesystem>
+#include <future>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "cli_test_support.h"
@@ -19,7 +21,9 @@
 #include <unistd.h>
 #endif
 #include "common/event_loop.h"
+#include "instrument/tcp/library_service.h"
 #include "instrument/tcp/rig_server.h"
+#include "instrument/tcp/tcp_link.h"
 #include "station_link.h"
 #include "station_run.h"
 #include "station_time.h"
@@ -332,38 +336,108 @@ TEST_F(StationTest, EachUutRecordNamesItsSocket) {
 #endif
 
 // A loop of its own for each socket, on the station's clock; each socket
-// writes where it is, and waits its own time, three times.
+// writes where it is, and waits its own time, three times. The order is the
+// same whether the sockets take their turns on threads of their own or on
+// one thread.
 TEST(StationTimeTest, SocketsTakeTurnsOnOneClockInAFixedOrder) {
-  const Micros start = 1'000'000'000;
-  StationTime time(start, 3);
-  std::mutex mutex;
-  std::vector<std::string> log;
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < 3; ++i) {
-    threads.emplace_back([&, i] {
+  for (const bool oneThread : {false, true}) {
+    SCOPED_TRACE(oneThread ? "run()" : "threads of their own");
+    const Micros start = 1'000'000'000;
+    StationTime time(start, 3);
+    std::mutex mutex;
+    std::vector<std::string> log;
+    std::set<std::thread::id> threadIds;
+    const auto body = [&](size_t i) {
       auto clock = time.clockFor(i);
       EventLoop loop(*clock);
-      time.enter(i);
       for (int k = 0; k < 3; ++k) {
         {
           std::lock_guard guard(mutex);
           log.push_back(std::to_string(i) + "@" +
                         std::to_string((clock->now() - start) / 1'000'000));
+          threadIds.insert(std::this_thread::get_id());
         }
         bool due = false;
         Timer timer(loop, static_cast<Micros>(i + 1) * 10'000'000, [&due] { due = true; });
         timer.setEnabled(true);
         loop.waitUntil([&due] { return due; });
       }
-      time.leave(i);
-    });
+    };
+    if (oneThread) {
+      time.run(body);
+      EXPECT_EQ(threadIds.size(), StationTime::switchesStacks() ? 1u : 3u);
+    } else {
+      std::vector<std::thread> threads;
+      for (size_t i = 0; i < 3; ++i) {
+        threads.emplace_back([&, i] {
+          time.enter(i);
+          body(i);
+          time.leave(i);
+        });
+      }
+      for (auto& t : threads) t.join();
+    }
+    // At 20 s both S0 and S1 are due: the turn goes on from the one that ran
+    // last, S0, so S1 runs first.
+    EXPECT_EQ(log, (std::vector<std::string>{"0@0", "1@0", "2@0", "0@10", "1@20", "0@20", "2@30",
+                                             "1@40", "2@60"}));
+    EXPECT_EQ(time.now() - start, 90'000'000);
   }
-  for (auto& t : threads) t.join();
-  // At 20 s both S0 and S1 are due: the turn goes on from the one that ran
-  // last, S0, so S1 runs first.
-  EXPECT_EQ(log, (std::vector<std::string>{"0@0", "1@0", "2@0", "0@10", "1@20", "0@20", "2@30",
-                                           "1@40", "2@60"}));
-  EXPECT_EQ(time.now() - start, 90'000'000);
+}
+
+// Sockets started on demand: each enters when it is told to, whatever the
+// others do; one that waits for a person steps out of the turns, so the
+// others' time goes on; and a socket whose run is over enters again for its
+// next one.
+TEST(StationTimeTest, SocketsStartedOnDemandGoOnWhileOneWaitsForAPerson) {
+  const Micros start = 1'000'000'000;
+  StationTime time(start, 2, StationTime::Start::kOnDemand);
+  std::vector<std::string> log;
+  std::mutex mutex;
+  const auto note = [&](const std::string& what, const Clock& clock) {
+    std::lock_guard guard(mutex);
+    log.push_back(what + "@" + std::to_string((clock.now() - start) / 1'000'000));
+  };
+  const auto wait = [](EventLoop& loop, Micros length) {
+    bool due = false;
+    Timer timer(loop, length, [&due] { due = true; });
+    timer.setEnabled(true);
+    loop.waitUntil([&due] { return due; });
+  };
+  std::promise<EventLoop*> asking;
+  bool answered = false;
+  std::thread second([&] {
+    auto clock = time.clockFor(1);
+    EventLoop loop(*clock);
+    time.enter(1);  // the first socket has not started
+    {
+      EventLoop::OutsideWait person(loop);
+      asking.set_value(&loop);
+      loop.waitUntil([&] { return answered; });
+    }
+    note("answered", *clock);
+    wait(loop, 10'000'000);
+    note("second done", *clock);
+    time.leave(1);
+    time.enter(1);
+    wait(loop, 5'000'000);
+    note("second again", *clock);
+    time.leave(1);
+  });
+  EventLoop* person = asking.get_future().get();
+  std::thread first([&] {
+    auto clock = time.clockFor(0);
+    EventLoop loop(*clock);
+    time.enter(0);
+    wait(loop, 30'000'000);
+    note("first waited", *clock);
+    person->post([&answered] { answered = true; });
+    time.leave(0);
+  });
+  first.join();
+  second.join();
+  EXPECT_EQ(log, (std::vector<std::string>{"first waited@30", "answered@30", "second done@40",
+                                           "second again@45"}));
 }
 
 // A backend that takes every command and has a reply only on the second poll.
@@ -437,6 +511,84 @@ TEST(SharedLinkTest, OneExchangePerDeviceInTheOrderAsked) {
   // A socket whose link goes lets go of what it held.
   b.closeInterface(1);
   EXPECT_EQ(a.sendCommand(1, 5, "REA V", true), 0);
+}
+
+// A backend whose reply to a command is the command itself, on the second
+// poll; it logs what it is asked.
+class EchoBackend : public SlowBackend {
+ public:
+  std::vector<std::string> log;
+  int32_t sendCommand(int16_t, int16_t device, std::string_view command, bool) override {
+    last_ = std::string(BufferText(command));
+    polls_ = 0;
+    log.push_back(std::to_string(device) + " send");
+    return 0;
+  }
+  int32_t getReply(int16_t, int16_t device, std::string& buffer, bool) override {
+    log.push_back(std::to_string(device) + " reply");
+    if (polls_++ == 0) return link_result::kNotReady;
+    WriteBuffer(buffer, last_);
+    return 0;
+  }
+
+ private:
+  std::string last_;
+  int polls_ = 0;
+};
+
+// Eight sockets on connections of their own to one rig server, all asking
+// the same device at once on the system's clock: the device sees one
+// exchange at a time (its command, then polls until its reply), and each
+// socket gets the reply to its own command.
+TEST(SharedLinkTest, SocketsOnARigServerShareADeviceOneExchangeAtATime) {
+  auto owned = std::make_unique<EchoBackend>();
+  EchoBackend& backend = *owned;
+  auto service = std::make_unique<LibraryService>(std::move(owned));
+  std::string error;
+  ASSERT_TRUE(service->open(error)) << error;
+  RigServer server;
+  server.serveLibrary(std::move(service));
+  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  std::atomic<bool> stop{false};
+  std::thread serving([&] { server.serve(stop); });
+  DeviceGate gate(true);
+  SetupOnce setup;
+  constexpr int kSockets = 8;
+  constexpr int kExchanges = 50;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int s = 0; s < kSockets; ++s) {
+    threads.emplace_back([&, s] {
+      SystemClock clock;
+      auto tcp = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), localFiles());
+      tcp->responseWaitMs = 10'000;
+      SocketLink link(s, gate, setup, std::move(tcp));
+      int16_t handle = 0;
+      if (link.openInterface(handle) != 0) {
+        ++wrong;
+        return;
+      }
+      for (int n = 0; n < kExchanges; ++n) {
+        const std::string command = "REA S" + std::to_string(s) + "N" + std::to_string(n);
+        int32_t result = link_result::kNotReady;
+        while (result == link_result::kNotReady)
+          result = link.sendCommand(handle, 5, command, true);
+        std::string reply(40, ' ');
+        result = link_result::kNotReady;
+        while (result == link_result::kNotReady) result = link.getReply(handle, 5, reply, true);
+        if (result != 0 || BufferText(reply) != command) ++wrong;
+      }
+      link.closeInterface(handle);
+    });
+  }
+  for (auto& t : threads) t.join();
+  stop = true;
+  serving.join();
+  EXPECT_EQ(wrong, 0);
+  std::vector<std::string> expected;
+  for (int i = 0; i < kSockets * kExchanges; ++i)
+    expected.insert(expected.end(), {"5 send", "5 reply", "5 reply"});
+  EXPECT_EQ(backend.log, expected);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // tavrix: the desktop window. Its command line is the original's: an
 // optional sequence file name, in double quotes or not, and an optional " /A"
-// to start the run at once.
+// to start the run at once. A station file (.toml) in its place opens the
+// station's test sockets; " /A" then starts every socket.
 
 #include <QApplication>
 #include <QFileInfo>
@@ -103,6 +104,11 @@ int RunWindow(int argc, char** argv) {
     window.onRunSocket([p = publishing.get()](const std::string& id) { p->ranHere(id); });
   }
 #endif
+  // A station's sockets run on the system's clock with the same settings.
+  tavrix::StationSockets::Options station;
+  station.dataRoot = tavrix::defaultDataRoot();
+  station.settings = settings;
+  window.setStationOptions(station);
   window.show();
   return app.exec();
 }

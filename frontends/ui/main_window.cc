@@ -19,6 +19,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScreen>
+#include <QStackedWidget>
 #include <QStandardPaths>
 #include <QTabWidget>
 #include <QTextEdit>
@@ -41,6 +42,7 @@
 #include "question_dialogs.h"
 #include "report_dialog.h"
 #include "sequencer/line_splitter.h"
+#include "station_view.h"
 #include "testdb/definition_files.h"
 
 namespace tavrix {
@@ -97,6 +99,43 @@ std::vector<bool> RequiredEntryFields(Engine& engine, std::string line) {
   return required;
 }
 
+// The questions of a station's socket that has no answers file: put to the
+// person in the window. Called on the socket's engine thread.
+class SocketPersonOperator final : public Operator {
+ public:
+  SocketPersonOperator(MainWindow& window, std::shared_ptr<SocketQuestions> questions,
+                       size_t socket, std::string name)
+      : window_(window),
+        questions_(std::move(questions)),
+        socket_(socket),
+        name_(std::move(name)) {}
+  void ask(const Question& question, std::function<void(Answer)> answered) override {
+    if (questions_->ask(socket_, name_, question, std::move(answered))) showNext();
+  }
+  void closeQuestion() override {
+    questions_->withdraw(socket_);
+    showNext();
+  }
+  bool isPerson() const override { return true; }
+  std::string unansweredReason() const override { return "the window was closed"; }
+  void showMessage(std::string_view, std::string_view) override {}
+
+ private:
+  // The window outlives the sockets (it ends their threads before it goes).
+  void showNext() {
+    QMetaObject::invokeMethod(
+        &window_, [w = &window_] { w->showSocketQuestion(); }, Qt::QueuedConnection);
+  }
+  MainWindow& window_;
+  std::shared_ptr<SocketQuestions> questions_;
+  size_t socket_;
+  std::string name_;
+};
+
+bool IsStationFile(const std::string& path) {
+  return path.size() > 5 && QString::fromStdString(path).endsWith(".toml", Qt::CaseInsensitive);
+}
+
 }  // namespace
 
 void EnterSetupsFolder(Engine& engine) {
@@ -107,6 +146,7 @@ void EnterSetupsFolder(Engine& engine) {
 }
 
 MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : operator_(*this) {
+  stationOptions_.dataRoot = defaultDataRoot();
   setWindowTitle(QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
   buildControls();
   buildMenus();
@@ -132,7 +172,19 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
         Qt::QueuedConnection);
   });
   watchVerdicts();
-  const StartCommandLine start = ParseStartCommandLine(commandLine);
+  StartCommandLine start = ParseStartCommandLine(commandLine);
+  if (IsStationFile(start.file)) {
+    // A station opens once the window is built (and its station options
+    // set); /A starts every socket.
+    QMetaObject::invokeMethod(
+        this,
+        [this, path = start.file, all = start.autoStart] {
+          if (openStation(path) && all) station_->runAll();
+        },
+        Qt::QueuedConnection);
+    start = StartCommandLine{};
+    start.file = "";
+  }
   host_->post([start](Engine& engine) {
     EnterSetupsFolder(engine);
     Sequencer& seq = engine.sequencer();
@@ -220,6 +272,9 @@ void MainWindow::showRunEvent(const RunEvent& event) {
 
 MainWindow::~MainWindow() {
   qApp->removeEventFilter(this);
+  // The station's sockets end first: their runs are stopped, and questions
+  // still waiting get no answer.
+  endStation();
   for (const QPointer<QWidget>& window : ownWindows_) delete window.data();
   chart_ = nullptr;
   operator_.setClosing();
@@ -357,6 +412,7 @@ QList<QWidget*> MainWindow::ownWindows() const {
 }
 
 void MainWindow::pressStop() {
+  if (station_ != nullptr) station_->stopAll();
   host_->engine().stop();
   withdrawCommandDialogs();
 }
@@ -372,7 +428,7 @@ bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
         event->accept();
         return true;
       }
-      if (!key->isAutoRepeat() && pbStop_->isEnabled()) pressStop();
+      if (!key->isAutoRepeat() && (pbStop_->isEnabled() || station_ != nullptr)) pressStop();
       return true;
     }
   }
@@ -504,7 +560,10 @@ void MainWindow::buildControls() {
   // A question waiting is shown above the tabs, whichever tab is in front.
   layout->addWidget(frOKcancel_);
   layout->addWidget(tabs_, 1);
-  setCentralWidget(central);
+  // The one-sequence view, or an open station's tiles.
+  pages_ = Named(new QStackedWidget, "stPages");
+  pages_->addWidget(central);
+  setCentralWidget(pages_);
 
   connect(pbRun_, &QPushButton::clicked, this, [this] { host_->engine().start(); });
   connect(pbStop_, &QPushButton::clicked, this, &MainWindow::pressStop);
@@ -532,13 +591,20 @@ void MainWindow::buildMenus() {
   QAction* open = mbFile_->addAction(tr("&Open Sequence..."));
   open->setObjectName("mbOpenSequence");
   connect(open, &QAction::triggered, this, &MainWindow::chooseSequenceFile);
+  QAction* openStation = mbFile_->addAction(tr("Open S&tation..."));
+  openStation->setObjectName("mbOpenStation");
+  connect(openStation, &QAction::triggered, this, &MainWindow::chooseStationFile);
+  closeStationAction_ = mbFile_->addAction(tr("&Close Station"));
+  closeStationAction_->setObjectName("mbCloseStation");
+  closeStationAction_->setEnabled(false);
+  connect(closeStationAction_, &QAction::triggered, this, &MainWindow::closeStation);
   QAction* setup = mbFile_->addAction(tr("Select &Setup File..."));
   setup->setObjectName("mbSelectSetup");
   connect(setup, &QAction::triggered, this, &MainWindow::selectSetupFile);
   QAction* decrypt = mbFile_->addAction(tr("&Decrypt File..."));
   decrypt->setObjectName("mbFileDecrypt");
   connect(decrypt, &QAction::triggered, this, &MainWindow::openDecryptWindow);
-  lockedWhileRunning_ = {open, setup, decrypt};
+  lockedWhileRunning_ = {open, openStation, setup, decrypt};
   mbFile_->addSeparator();
   QAction* exit = mbFile_->addAction(tr("E&xit"));
   exit->setObjectName("mbExit");
@@ -1060,7 +1126,7 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     return;
   }
   event->ignore();
-  if (panel_.running()) {
+  if (panel_.running() || stationRunning()) {
     askBeforeClosing();
     return;
   }
@@ -1084,7 +1150,8 @@ void MainWindow::askBeforeClosing() {
   }
   // A run that must not be stopped asks its own question; any other asks
   // whether to stop it. Neither holds the run, and Stop stays in reach.
-  const bool nonStop = !panel_.controls().stopEnabled;
+  // (A station's sockets are asked about together.)
+  const bool nonStop = !stationRunning() && !panel_.controls().stopEnabled;
   auto* box = new QMessageBox(this);
   box->setWindowModality(Qt::NonModal);
   box->setAttribute(Qt::WA_DeleteOnClose);
@@ -1123,6 +1190,130 @@ void MainWindow::closeForGood() {
         },
         Qt::QueuedConnection);
   });
+}
+
+// --- Test sockets ---------------------------------------------------------------
+
+bool MainWindow::stationRunning() const { return station_ != nullptr && station_->anyRunning(); }
+
+void MainWindow::chooseStationFile() {
+  auto* dialog =
+      new QFileDialog(this, tr("Open Station"), QDir::currentPath(), tr("Station files (*.toml)"));
+  dialog->setObjectName("stationFileDialog");
+  dialog->setOption(QFileDialog::DontUseNativeDialog);
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->setFileMode(QFileDialog::ExistingFile);
+  connect(dialog, &QFileDialog::fileSelected, this,
+          [this](const QString& file) { openStation(Std(file)); });
+  dialog->open();
+}
+
+bool MainWindow::openStation(const std::string& path) {
+  if (stationRunning()) {
+    message(windowTitle(), tr("A socket of the open station is running: stop it first."));
+    return false;
+  }
+  auto* view = new StationView;
+  auto questions = std::make_shared<SocketQuestions>();
+  std::string error;
+  const bool opened = view->open(
+      path, stationOptions_,
+      [this, questions](size_t socket, const std::string& name) -> std::unique_ptr<Operator> {
+        return std::make_unique<SocketPersonOperator>(*this, questions, socket, name);
+      },
+      error);
+  if (!opened) {
+    questions->close();
+    delete view;
+    message(windowTitle(), Text(error));
+    return false;
+  }
+  endStation();
+  station_ = view;
+  socketQuestions_ = questions;
+  pages_->addWidget(station_);
+  pages_->setCurrentWidget(station_);
+  closeStationAction_->setEnabled(true);
+  enlargeForRun();
+  return true;
+}
+
+void MainWindow::endStation() {
+  if (socketQuestions_) socketQuestions_->close();
+  for (QMessageBox* box : findChildren<QMessageBox*>("socketQuestion")) box->deleteLater();
+  if (station_ != nullptr) {
+    pages_->removeWidget(station_);
+    delete station_;
+    station_ = nullptr;
+  }
+  socketQuestions_.reset();
+}
+
+void MainWindow::closeStation() {
+  if (station_ == nullptr) return;
+  if (stationRunning()) {
+    message(windowTitle(), tr("A socket of the open station is running: stop it first."));
+    return;
+  }
+  endStation();
+  pages_->setCurrentIndex(0);
+  closeStationAction_->setEnabled(false);
+}
+
+void MainWindow::showSocketQuestion() {
+  if (!socketQuestions_) return;
+  const std::optional<SocketQuestions::Item> item = socketQuestions_->next();
+  if (!item) return;
+  Question shown = item->question;
+  shown.text = item->socketName + ": " + shown.text;
+  std::weak_ptr<SocketQuestions> questions = socketQuestions_;
+  QPointer<MainWindow> self(this);
+  auto answered = [self, questions, id = item->id](Answer answer) {
+    if (auto q = questions.lock()) q->answer(id, std::move(answer));
+    if (self)
+      QMetaObject::invokeMethod(
+          self,
+          [self] {
+            if (self) self->showSocketQuestion();
+          },
+          Qt::QueuedConnection);
+  };
+  const std::string& kind = shown.kind;
+  // The dialogs of their own are the one-sequence window's; the questions
+  // of its operator panel are asked in a box, the panel being out of view.
+  if (kind == "DATAENTRY" || kind == "CHECKFAILURE" || kind == "SELECTMENU" ||
+      kind == "ENTERSEND" || kind == "DOWITHSHOW" || kind == "MANUALADJUST") {
+    openQuestion(shown, answered);
+    return;
+  }
+  auto* box = new QMessageBox(QMessageBox::Question, Text(shown.title.empty() ? kind : shown.title),
+                              Text(shown.text), QMessageBox::NoButton, this);
+  box->setObjectName("socketQuestion");
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  box->setWindowModality(Qt::NonModal);
+  std::vector<std::string> choices = shown.choices;
+  if (choices.empty()) choices = {"OK"};
+  auto once = std::make_shared<std::function<void(Answer)>>(answered);
+  auto buttons = std::make_shared<std::vector<std::pair<QAbstractButton*, std::string>>>();
+  for (const std::string& choice : choices) {
+    QPushButton* b = box->addButton(Text(choice), QMessageBox::ActionRole);
+    b->setObjectName(QString::fromStdString("answer_" + choice));
+    buttons->emplace_back(b, choice);
+  }
+  connect(box, &QMessageBox::buttonClicked, box, [once, buttons](QAbstractButton* clicked) {
+    for (const auto& [button, choice] : *buttons) {
+      if (button == clicked && *once) {
+        (*once)(choice);
+        *once = nullptr;
+      }
+    }
+  });
+  connect(box, &QMessageBox::finished, box, [once] {
+    if (*once) (*once)(std::nullopt);
+    *once = nullptr;
+  });
+  box->show();
+  bringIntoView(box);
 }
 
 }  // namespace tavrix

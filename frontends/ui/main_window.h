@@ -21,6 +21,8 @@
 #include "panel/resume_offer.h"
 #include "panel/run_panel.h"
 #include "qt_operator.h"
+#include "socket_questions.h"
+#include "station_sockets.h"
 
 class QCheckBox;
 class QGroupBox;
@@ -34,11 +36,13 @@ class QTextEdit;
 class QMenu;
 class QAction;
 class QMessageBox;
+class QStackedWidget;
 
 namespace tavrix {
 
 class ChannelDisplayDialog;
 class ChartWindow;
+class StationView;
 
 // Start-up makes the hardware setups folder of the instrument link the
 // working folder, when that folder exists here. A sequence file named on the
@@ -121,6 +125,24 @@ class MainWindow : public QMainWindow {
   // Told the run id of each run's control socket as it opens (on the
   // engine thread); where the system has no control sockets, never.
   void onRunSocket(std::function<void(const std::string&)> told);
+
+  // Test sockets. A station file (.toml) named on the command line, or
+  // chosen with File, Open Station, replaces the one-sequence view by the
+  // station's tiles until File, Close Station; the one-sequence engine
+  // stays as it was. What the sockets' engines are built with (the data
+  // root, the settings, a virtual clock) is set before the station opens.
+  void setStationOptions(const StationSockets::Options& options) { stationOptions_ = options; }
+  // False with a message box when the file cannot be used, or when a
+  // station's socket still runs.
+  bool openStation(const std::string& path);
+  void chooseStationFile();
+  void closeStation();
+  StationView* station() { return station_; }
+  // Shows the next question of a socket without an answers file, when none
+  // is shown: asked in the window under the socket's name, one at a time in
+  // the order asked.
+  void showSocketQuestion();
+
   EngineHost& host() { return *host_; }
   // The report and chart windows open now: windows of their own, not kept
   // above the main window, so that a question can come in front of them.
@@ -134,6 +156,15 @@ class MainWindow : public QMainWindow {
  private:
   PlantViewLauncher plantView_;
   std::string plantStore_;
+  StationSockets::Options stationOptions_;
+  QStackedWidget* pages_ = nullptr;
+  StationView* station_ = nullptr;
+  QAction* closeStationAction_ = nullptr;
+  // The open station's questions for the person (one set per station).
+  std::shared_ptr<SocketQuestions> socketQuestions_;
+  bool stationRunning() const;
+  // Ends the open station: its questions get no answer, its runs stop.
+  void endStation();
   void buildControls();
   // How the last run ended, beside the status.
   void showRunEnd();

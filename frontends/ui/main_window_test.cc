@@ -44,17 +44,18 @@
 #include "common/text_file.h"
 #include "crypto/encrypted_files.h"
 #include "data_entry_dialog.h"
+#include "decrypt_dialog.h"
 #include "engine/run_record.h"
 #ifndef _WIN32
 #include "ctl_command.h"
 #endif
-#include "decrypt_dialog.h"
 #include "main_window.h"
 #include "qt_text.h"
 #include "question_dialogs.h"
 #include "report_dialog.h"
 #include "resultsdb/results_store.h"
 #include "sequencer/recording_operator.h"
+#include "station_view.h"
 #include "window_engine.h"
 
 namespace tavrix {
@@ -187,6 +188,166 @@ class MainWindowTest : public QObject {
   }
 
  private slots:
+
+  // The questions of sockets without an answers file are asked in the
+  // window under the socket's name, one at a time in the order asked; the
+  // answer goes to the socket that asked.
+  void stationSocketsWithoutAnswersAskInTheWindow() {
+    const std::string d = dir_.path().toStdString() + "/asking station";
+    QVERIFY(localFiles().makeFolders(d + "/data", nullptr));
+    Write(d + "/ask.wts",
+          "ENTEROKCANCEL Is the unit fitted?, NOTFITTED\r\nSTOP\r\nNOTFITTED:\r\n"
+          "GOTO NOWHERE\r\n");
+    Write(d + "/ask.toml", "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
+    MainWindow w(Factory(), "");
+    StationSockets::Options options;
+    options.dataRoot = d + "/data";
+    options.virtualTime = true;
+    w.setStationOptions(options);
+    w.show();
+    QVERIFY(w.openStation(d + "/ask.toml"));
+    auto* a = Find<QGroupBox>(*w.station(), "tile_A");
+    auto* b = Find<QGroupBox>(*w.station(), "tile_B");
+    const auto state = [](QGroupBox* tile) { return Find<QLabel>(*tile, "laSocketState")->text(); };
+    Click(w, "pbRunAll");
+    const auto asked = [&] {
+      QMessageBox* box = nullptr;
+      if (!QTest::qWaitFor([&] {
+            box = w.findChild<QMessageBox*>("socketQuestion");
+            return box != nullptr && box->isVisible();
+          }))
+        qFatal("no socket question");
+      return box;
+    };
+    QMessageBox* box = asked();
+    const QString first = box->text();
+    QVERIFY2(first == "A: Is the unit fitted?" || first == "B: Is the unit fitted?",
+             qPrintable(first));
+    // One question at a time: the first asker is answered OK, then the
+    // second is asked and answered Cancel (its run then ends in an error).
+    QCOMPARE(w.findChildren<QMessageBox*>("socketQuestion").size(), 1);
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_OK"), Qt::LeftButton);
+    const QString second =
+        first.startsWith("A") ? "B: Is the unit fitted?" : "A: Is the unit fitted?";
+    QTRY_VERIFY((box = w.findChild<QMessageBox*>("socketQuestion")) != nullptr &&
+                box->isVisible() && box->text() == second);
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_Cancel"), Qt::LeftButton);
+    QGroupBox* okTile = first.startsWith("A") ? a : b;
+    QGroupBox* cancelTile = first.startsWith("A") ? b : a;
+    QTRY_COMPARE(state(okTile), QString("PASS"));
+    QTRY_COMPARE(state(cancelTile), QString("FAIL"));
+    // A socket that asks when the window closes gets no answer: the window
+    // closes all the same.
+    QTest::mouseClick(Find<QPushButton>(*okTile, "pbSocketRun"), Qt::LeftButton);
+    asked();
+  }
+
+  // A station of two sockets on the simulated rig, on one virtual clock:
+  // each tile reaches its own verdict, Stop on one socket leaves the other
+  // running, a finished socket tests its next unit, and closing the station
+  // gives back the one-sequence window.
+  void stationTilesRunEachSocketOnItsOwn() {
+    const std::string d = dir_.path().toStdString() + "/station";
+    QVERIFY(localFiles().makeFolders(d + "/data", nullptr));
+    Write(d + "/details.txt",
+          "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" + d +
+              "/fields.txt\t" + d + "/stages.txt\t" + d + "/results\r\n");
+    Write(d + "/fields.txt", "TEST SEQUENCE - FIELD NAMES\r\nField Name\r\n");
+    Write(d + "/stages.txt",
+          "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
+          "1\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n");
+    Write(d + "/unit.wts", "DB_DATAENTRY " + d +
+                               "/details.txt\r\nDB_STAGECHECK 1\r\nSEND S1_HEATER, 5\r\n"
+                               "WAITSECONDS 600\r\nSTOP\r\n");
+    Write(d + "/s1.answers",
+          "DATAENTRY: Accept|serial=A1\nUUTCHECK: Pass\nDATAENTRY: Accept|serial=A2\n"
+          "UUTCHECK: Pass\n");
+    Write(d + "/s2.answers", "DATAENTRY: Accept|serial=B1\nUUTCHECK: Fail and Continue\n");
+    // S2 sees the rig's S2_ channels under the names S1 sees its own by.
+    Write(d + "/bench.toml",
+          "name = \"BENCH\"\nsequence = \"unit.wts\"\nsetup = \"" TAVRIX_SOURCE_DIR
+          "/examples/station4.ims\"\nlink = \"sim\"\n"
+          "[socket.S1]\nanswers = \"s1.answers\"\n"
+          "[socket.S2]\nanswers = \"s2.answers\"\nmap = { S1_HEATER = \"S2_HEATER\" }\n");
+
+    StationSockets::Options options;
+    options.dataRoot = d + "/data";
+    options.virtualTime = true;
+    options.start = 1'767'225'600LL * kMicrosPerSecond;
+    {
+      // A station file that cannot be used is told, and the window stays as
+      // it was.
+      Write(d + "/bad.toml", "sequence = \"unit.wts\"\n[socket.S1]\nanswer = \"s1.answers\"\n");
+      MainWindow w(Factory(), "");
+      w.setStationOptions(options);
+      w.show();
+      QVERIFY(Find<QAction>(w, "mbOpenStation")->isEnabled());
+      QVERIFY(!Find<QAction>(w, "mbCloseStation")->isEnabled());
+      QVERIFY(!w.openStation(d + "/bad.toml"));
+      QMessageBox* box = Box(w, "messageBox");
+      QVERIFY2(box->text().contains("bad.toml") && box->text().contains("answer"),
+               qPrintable(box->text()));
+      QVERIFY(w.station() == nullptr);
+      QVERIFY(Find<QLabel>(w, "sRunStatus")->isVisible());
+    }
+    // Named on the command line, the station opens with the window.
+    MainWindow w(Factory(), d + "/bench.toml");
+    w.setStationOptions(options);
+    w.show();
+    QTRY_VERIFY(w.station() != nullptr && w.station()->isVisible());
+    QVERIFY(Find<QAction>(w, "mbCloseStation")->isEnabled());
+    QVERIFY(!Find<QLabel>(w, "sRunStatus")->isVisible());
+    auto* s1 = Find<QGroupBox>(*w.station(), "tile_S1");
+    auto* s2 = Find<QGroupBox>(*w.station(), "tile_S2");
+    const auto state = [](QGroupBox* tile) { return Find<QLabel>(*tile, "laSocketState")->text(); };
+    const auto button = [](QGroupBox* tile, const char* name) {
+      return Find<QPushButton>(*tile, name);
+    };
+    QTRY_VERIFY(button(s1, "pbSocketRun")->isEnabled() && button(s2, "pbSocketRun")->isEnabled());
+    QCOMPARE(state(s1), QString("READY"));
+    QVERIFY(!button(s1, "pbSocketStop")->isEnabled());
+    QVERIFY(!Find<QPushButton>(*w.station(), "pbStopAll")->isEnabled());
+
+    // Run all: each socket tests its unit to its own verdict.
+    Click(w, "pbRunAll");
+    QTRY_COMPARE(state(s1), QString("PASS"));
+    QTRY_COMPARE(state(s2), QString("FAIL"));
+    QCOMPARE(Find<QLabel>(*s1, "laSocketSerial")->text(), QString("Serial number: A1"));
+    QCOMPARE(Find<QLabel>(*s2, "laSocketSerial")->text(), QString("Serial number: B1"));
+    QVERIFY2(Find<QLabel>(*s2, "laSocketEnd")->text().contains("0 passed, 1 failed"),
+             qPrintable(Find<QLabel>(*s2, "laSocketEnd")->text()));
+    QCOMPARE(Find<QLabel>(*s1, "laSocketLine")->text(), QString("Line 5: STOP"));
+
+    // Both step into their next units; Stop on S2 leaves S1 held in its run.
+    QTest::mouseClick(button(s1, "pbSocketStep"), Qt::LeftButton);
+    QTest::mouseClick(button(s2, "pbSocketStep"), Qt::LeftButton);
+    QTRY_COMPARE(Find<QLabel>(*s1, "laSocketLine")->text(),
+                 QString::fromStdString("Held at 1: DB_DATAENTRY " + d + "/details.txt"));
+    QTRY_VERIFY(button(s2, "pbSocketStop")->isEnabled());
+    QCOMPARE(state(s1), QString("RUNNING"));
+    QCOMPARE(state(s2), QString("RUNNING"));
+    QVERIFY(Find<QPushButton>(*w.station(), "pbStopAll")->isEnabled());
+    QTest::mouseClick(button(s2, "pbSocketStop"), Qt::LeftButton);
+    QTRY_COMPARE(state(s2), QString("STOPPED"));
+    QCOMPARE(state(s1), QString("RUNNING"));
+    QVERIFY(button(s1, "pbSocketStop")->isEnabled());
+    QVERIFY(button(s2, "pbSocketRun")->isEnabled());
+    // The window asks before it closes while a socket runs.
+    QVERIFY(!w.close());
+    QMessageBox* ask = Box(w, "exitQuestion");
+    QTest::mouseClick(Find<QPushButton>(*ask, "answer_No"), Qt::LeftButton);
+
+    // S1 goes on freely with its next unit.
+    QTest::mouseClick(button(s1, "pbSocketRun"), Qt::LeftButton);
+    QTRY_COMPARE(Find<QLabel>(*s1, "laSocketSerial")->text(), QString("Serial number: A2"));
+    QTRY_COMPARE(state(s1), QString("PASS"));
+    QVERIFY2(Find<QLabel>(*s1, "laSocketEnd")->text().contains("2 passed, 0 failed"),
+             qPrintable(Find<QLabel>(*s1, "laSocketEnd")->text()));
+
+    Find<QAction>(w, "mbCloseStation")->trigger();
+    QVERIFY(w.station() == nullptr);
+    QVERIFY(Find<QLabel>(w, "sRunStatus")->isVisible());
+  }
   void runsAndStopsAWait() {
     MainWindow w(Factory(), Sequence("wait.wts", {"WAITSECONDS 60"}));
     w.show();

@@ -25,14 +25,15 @@
 #include <QTimer>
 #include <cstdio>
 
-#include "common/file_system.h"
-#include "common/text_file.h"
 #include "about_dialog.h"
 #include "check_failure_dialog.h"
+#include "common/file_system.h"
+#include "common/text_file.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
 #include "main_window.h"
 #include "report_dialog.h"
+#include "station_view.h"
 #ifdef TAVRIX_HAVE_CHARTS
 #include "chart_window.h"
 #endif
@@ -167,6 +168,42 @@ int UnitScenes(const QString& dir) {
   }
   QDir::setCurrent(before);
   return status;
+}
+
+// The example station of four sockets on the simulated rig: three run their
+// first wait, one stepped and held at a line, one stopped.
+int StationScene(const QString& dir) {
+  QTemporaryDir temp;
+  MainWindow w(RigEngine, "");
+  StationSockets::Options options;
+  options.dataRoot = temp.path().toStdString();
+  w.setStationOptions(options);
+  w.show();
+  if (!w.openStation(TAVRIX_SOURCE_DIR "/examples/station4.toml")) {
+    std::printf("station-running: the example station did not open\n");
+    return 1;
+  }
+  StationView& station = *w.station();
+  const auto tile = [&](const char* name) { return Find<QWidget>(station, name); };
+  WaitFor([&] { return Find<QPushButton>(*tile("tile_S4"), "pbSocketRun")->isEnabled(); });
+  for (const char* name : {"tile_S1", "tile_S2", "tile_S4"})
+    Find<QPushButton>(*tile(name), "pbSocketRun")->click();
+  Find<QPushButton>(*tile("tile_S3"), "pbSocketStep")->click();
+  WaitFor([&] { return Find<QLabel>(*tile("tile_S4"), "laSocketWait")->isVisible(); });
+  Find<QPushButton>(*tile("tile_S4"), "pbSocketStop")->click();
+  const bool shown = WaitFor([&] {
+    return Find<QLabel>(*tile("tile_S4"), "laSocketState")->text() == "STOPPED" &&
+           Find<QLabel>(*tile("tile_S3"), "laSocketLine")->text().startsWith("Held") &&
+           Find<QLabel>(*tile("tile_S1"), "laSocketWait")->isVisible();
+  });
+  if (!shown) {
+    std::printf("station-running: the tiles did not reach the scene\n");
+    return 1;
+  }
+  Save(w, dir, "station-running");
+  station.stopAll();
+  WaitFor([&] { return !station.anyRunning(); });
+  return 0;
 }
 
 int Screenshots(const QString& dir) {
@@ -306,7 +343,9 @@ int main(int argc, char** argv) {
   const QStringList args = app.arguments();
   if (args.size() >= 3 && args[1] == "screenshots") {
     const int status = tavrix::Screenshots(args[2]);
-    return status != 0 ? status : tavrix::UnitScenes(args[2]);
+    if (status != 0) return status;
+    const int units = tavrix::UnitScenes(args[2]);
+    return units != 0 ? units : tavrix::StationScene(args[2]);
   }
   if (args.size() >= 2 && args[1] == "measure") return tavrix::Measure();
   std::fprintf(stderr, "usage: ui_showcase screenshots DIR | measure\n");

@@ -227,11 +227,21 @@ class LocalOutputFile final : public OutputFile {
 // Folder locks. A lock conflicts between two handles of one process as
 // between two processes (flock on POSIX systems, byte-range locks on
 // Windows), so a process takes each folder's lock once and shares it out:
-// the thread that holds it may take it again, other threads wait their turn.
+// the thread that holds it may take it again (on the same stack), other
+// threads wait their turn.
+struct LockOwner {
+  std::thread::id thread;
+  const void* stack = nullptr;
+  bool operator==(const LockOwner& other) const {
+    return thread == other.thread && stack == other.stack;
+  }
+};
+thread_local const void* tStack = nullptr;
+
 struct HeldFolder {
   FileHandle file = kNoFile;
   int count = 0;
-  std::thread::id owner;
+  LockOwner owner;
   unsigned long process = 0;  // a forked child inherits the table, not the locks
 };
 
@@ -511,6 +521,8 @@ bool LocalFileSystem::remove(const std::string& path, std::string* error) {
   return fail(error, "Cannot delete", path, err);
 }
 
+void SetFolderLockStack(const void* stack) { tStack = stack; }
+
 std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::string* error) {
   const std::string folder = parentFolder(path);
   FileHandle file = kNoFile;
@@ -524,7 +536,7 @@ std::unique_ptr<FileLock> LocalFileSystem::lock(const std::string& path, std::st
   const std::pair<uint64_t, uint64_t> key{st.device, st.inode};
   const unsigned long me = platform::processId();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(lockWaitMs_);
-  const auto self = std::this_thread::get_id();
+  const LockOwner self{std::this_thread::get_id(), tStack};
   // How long to wait before looking again at a lock another process holds:
   // short at first, longer while the wait goes on.
   std::chrono::milliseconds poll(1);

@@ -122,6 +122,12 @@ class FileSystem {
   virtual std::unique_ptr<FileLock> lock(const std::string& path, std::string* error) = 0;
 };
 
+// Work that runs on stacks of its own and switches between them on one
+// thread (test sockets taking turns) names the stack that runs now, so that
+// a folder lock taken on one stack is not taken again as the same holder's
+// on another. nullptr: the thread's own stack.
+void SetFolderLockStack(const void* stack);
+
 // Removes the temporary files of every rewrite of this process that is not
 // finished, for a program about to end at a signal.
 void removeUnfinishedRewrites();

@@ -41,6 +41,21 @@ TEST(FolderLock, AnotherHolderIsWaitedForThenReportedAndThePathIsFreeAfterwards)
   EXPECT_EQ(platform::tryLockFile(other), 0);
   platform::closeFile(other);
 
+  // Work on another stack of the same thread (a test socket taking its
+  // turn) is another holder: it does not take the lock held on the thread's
+  // own stack, and takes it again once that is released.
+  held = files.lock(path, &error);
+  ASSERT_NE(held, nullptr) << error;
+  int otherStack = 0;
+  SetFolderLockStack(&otherStack);
+  files.setLockWait(0);
+  EXPECT_EQ(files.lock(path, &error), nullptr);
+  SetFolderLockStack(nullptr);
+  held.reset();
+  SetFolderLockStack(&otherStack);
+  EXPECT_NE(files.lock(path, &error), nullptr) << error;
+  SetFolderLockStack(nullptr);
+
   // A folder that is not there is a clear error, not a wait.
   files.setLockWait(30000);
   EXPECT_EQ(files.lock(scratch.path() + "/none/summary.txt", &error), nullptr);

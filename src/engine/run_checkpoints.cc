@@ -321,6 +321,7 @@ void RunCheckpoints::endRun() {
   running_ = false;
   last_ = nlohmann::json();
   timer_.setEnabled(false);
+  timerArmed_ = false;
   if (!path_.empty()) engine_.files().remove(path_, nullptr);
   path_.clear();
   dirty_ = false;
@@ -341,6 +342,9 @@ void RunCheckpoints::afterLine() {
     uutSignature_ = signature;
     dirty_ = true;
   }
+  // With its timer set, the checkpoint of every 10 s comes from the timer:
+  // a line that changed nothing costs no reading of the clock.
+  if (!dirty_ && timerArmed_) return;
   const Micros since = engine_.clock().now() - lastWrite_;
   if ((dirty_ && since >= kCheckpointAtMostEvery) || since >= kCheckpointEvery) write();
 }
@@ -363,10 +367,12 @@ void RunCheckpoints::request(bool urgent) {
 
 void RunCheckpoints::arm(Micros due) {
   timer_.setEnabled(false);
+  timerArmed_ = false;
   // On a virtual clock a checkpoint is no reason for time to move: with
   // nothing else due, a wait that can never end must still be told as such.
   if (engine_.clock().isVirtual() && engine_.events().nextDue() == Clock::kNever) return;
   timer_.setDue(due);
+  timerArmed_ = true;
 }
 
 void RunCheckpoints::writeNow() {

@@ -128,6 +128,7 @@ class RunCheckpoints {
   Engine& engine_;
   RunEventBus::Subscription events_;
   Timer timer_;
+  bool timerArmed_ = false;  // timer_ is due
   bool running_ = false;
   bool dirty_ = false;
   Micros lastWrite_ = 0;

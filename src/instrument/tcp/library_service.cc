@@ -117,14 +117,21 @@ std::optional<LibraryService::Answer> LibraryService::answer(std::string_view ve
     setupName_.clear();
     return Answer{library_->unlockSetup(name, handle_), std::nullopt};
   }
-  if (verb == "SEND" && toDevice(nextWord(rest), device)) {
+  const bool sendReply = verb == "SENDREPLY";
+  if ((verb == "SEND" || sendReply) && toDevice(nextWord(rest), device)) {
     nextWord(rest);  // the client's time
     std::string buffer = UnescapeField(rest).substr(0, kCommandBufferLength);
     if (buffer.size() < kCommandBufferLength) buffer += '\0';
     buffer.resize(kCommandBufferLength, ' ');
     // Only the calls the client makes reach the library: a library may
-    // count its polls.
-    return Answer{library_->sendCommand(handle_, device, buffer, true), std::nullopt};
+    // count its polls. A client sends SENDREPLY only for a command whose
+    // reply it polls for next, so the first poll is made here at once and
+    // its result is the client's first poll.
+    const int32_t code = library_->sendCommand(handle_, device, buffer, true);
+    if (!sendReply || code != link_result::kOk) return Answer{code, std::nullopt};
+    std::string reply(kReplyBufferLength, ' ');
+    const int32_t replyCode = library_->getReply(handle_, device, reply, true);
+    return Answer{code, SendReplyText(replyCode, BufferText(reply))};
   }
   if (verb == "REPLY" && toDevice(nextWord(rest), device)) {
     std::string buffer(kReplyBufferLength, ' ');

@@ -74,6 +74,25 @@ bool ParseRigResponse(std::string_view line, RigResponse& response) {
   return true;
 }
 
+std::string SendReplyText(int32_t replyCode, std::string_view reply) {
+  if (replyCode != 0) return std::to_string(replyCode);
+  std::string out = "0:";
+  out += reply;
+  return out;
+}
+
+bool ParseSendReplyText(std::string_view text, int32_t& replyCode, std::string& reply) {
+  const char* begin = text.data();
+  const char* end = begin + text.size();
+  auto [p, ec] = std::from_chars(begin, end, replyCode);
+  if (ec != std::errc() || p == begin) return false;
+  reply.clear();
+  if (p == end) return replyCode != 0;
+  if (*p != ':' || replyCode != 0) return false;
+  reply.assign(p + 1, end);
+  return true;
+}
+
 bool ParseHostPort(std::string_view text, std::string& host, uint16_t& port) {
   const size_t colon = text.rfind(':');
   if (colon == std::string_view::npos) return false;

@@ -11,7 +11,15 @@
 
 namespace tavrix {
 
+// The greeting of the first protocol, which answers a bare "HELLO": a
+// client that knows no more accepts nothing else.
 inline constexpr std::string_view kRigGreeting = "TAVRIX-RIG 1";
+// A client that knows the second protocol says "HELLO 2"; a server that
+// knows it too answers with this greeting, one that does not with the
+// first. The second protocol adds SENDREPLY: a command and the first poll
+// of its reply in one request.
+inline constexpr std::string_view kRigGreeting2 = "TAVRIX-RIG 2";
+inline constexpr std::string_view kRigHello2 = "HELLO 2";
 
 // Reply codes of the server's own refusals, sent with request id 0: a
 // request line too long, a connection beyond the server's means, and a
@@ -35,6 +43,12 @@ struct RigResponse {
 };
 // Reads "<id> <code>[ =<text>]"; false for anything else.
 bool ParseRigResponse(std::string_view line, RigResponse& response);
+
+// The text of a SENDREPLY response whose command was taken: the result of
+// the reply poll made at once, "<code>" or "0:<reply>".
+std::string SendReplyText(int32_t replyCode, std::string_view reply);
+// Reads such a text; false for anything else.
+bool ParseSendReplyText(std::string_view text, int32_t& replyCode, std::string& reply);
 
 // "HOST:PORT" (the host may be empty: 127.0.0.1).
 bool ParseHostPort(std::string_view text, std::string& host, uint16_t& port);

@@ -101,7 +101,13 @@ std::string RigServer::answer(std::string_view line) {
   };
   int device = 0;
   Micros t = 0;
-  if (verb == "HELLO") return reply(0, kRigGreeting);
+  // A client names the newest protocol it speaks; the greeting names the one
+  // both speak.
+  int spoken = 1;
+  if (verb == "HELLO")
+    return reply(
+        0, toNumber(rest, spoken) && spoken >= 2 && protocol_ >= 2 ? kRigGreeting2 : kRigGreeting);
+  if (verb == "SENDREPLY" && protocol_ < 2) return reply(kUnknownRequest, "unknown request");
   if (library_) {
     if (const auto answered = library_->answer(verb, rest)) {
       return answered->text ? reply(answered->code, *answered->text) : reply(answered->code);
@@ -121,6 +127,15 @@ std::string RigServer::answer(std::string_view line) {
       return reply(0, text);
     }
     return reply(code);
+  }
+  // The command, then its reply when it is ready at once; a reply not ready
+  // yet is left to the client's polls, as after a SEND.
+  if (verb == "SENDREPLY" && toNumber(nextWord(rest), device) && toNumber(nextWord(rest), t)) {
+    const int32_t code = model_.send(device, UnescapeField(rest), t);
+    if (code != link_result::kOk || !model_.replyReadyNow(device, t)) return reply(code);
+    std::string text;
+    const int32_t replyCode = model_.reply(device, t, text);
+    return reply(0, SendReplyText(replyCode, text));
   }
   if (verb == "REPLY" && toNumber(nextWord(rest), device) && toNumber(nextWord(rest), t)) {
     std::string text;
@@ -224,8 +239,9 @@ void RigServer::serve(const std::atomic<bool>& stop) {
           Client& oldest = *std::find_if(clients.begin(), clients.end(), unproven);
           tell("refused " + oldest.peer + ": too many connections waiting for the key check");
           oldest.out += "0 " + std::to_string(kRigTooManyClients) + " =" +
-                        EscapeField("the rig server has too many connections waiting for the key "
-                                    "check; the connection is closed") +
+                        EscapeField(
+                            "the rig server has too many connections waiting for the key "
+                            "check; the connection is closed") +
                         "\n";
           oldest.in.clear();
           oldest.closing = true;

@@ -61,6 +61,11 @@ class RigServer {
   // line end). Nothing is told when unset.
   void setLog(std::function<void(const std::string&)> log) { log_ = std::move(log); }
 
+  // The newest protocol the server speaks (1 or 2; 2 by default): with 1 it
+  // answers as a server that knows no more would, for trying a link
+  // against an older server.
+  void speakProtocol(int protocol) { protocol_ = protocol; }
+
   // Listens on "HOST:PORT" (port 0 picks a free one). False with a message.
   bool listen(std::string_view hostPort, std::string& error);
   uint16_t port() const { return port_; }
@@ -93,6 +98,7 @@ class RigServer {
   std::function<int64_t()> nowMs_;
   platform::Socket listener_ = platform::kNoSocket;
   uint16_t port_ = 0;
+  int protocol_ = 2;
 };
 
 // What `tavrix-cli rig` serves, and where.

@@ -68,75 +68,89 @@ void TcpLink::startWatching() {
       std::thread([watch = watch_.get(), socket = socket_] { watchConnection(*watch, socket); });
 }
 
+std::string TcpLink::readAvailable(platform::Socket socket, bool& closed) {
+  std::string got;
+  char chunk[4096];
+  closed = false;
+  // What is read at one go is bounded, so that a peer that never stops
+  // sending is looked at before it fills the memory.
+  while (got.size() < kMaxResponseBytes) {
+    const long n = platform::receiveSome(socket, chunk, sizeof chunk);
+    if (n > 0) {
+      got.append(chunk, static_cast<size_t>(n));
+      continue;
+    }
+    closed = n != platform::kWouldBlock;
+    break;
+  }
+  return got;
+}
+
+bool TcpLink::absorb(Watch& watch, std::string_view got, bool closed) {
+  bool settled = false;
+  watch.inbox += got;
+  size_t start = 0;
+  for (size_t eol; (eol = watch.inbox.find('\n', start)) != std::string::npos; start = eol + 1) {
+    RigResponse response;
+    if (!ParseRigResponse(std::string_view(watch.inbox).substr(start, eol - start), response))
+      continue;
+    if (response.id == 0 && response.code == kRigKeyRefused) {
+      watch.refusal = response.text.value_or("");
+      settled = true;
+    } else if (response.id == 0 && response.code == kRigIdleClosed) {
+      watch.idleNotice = true;
+    } else if (response.id == 0) {
+      watch.notice = visibleText(response.text.value_or("code " + std::to_string(response.code)));
+      settled = true;
+    } else if (watch.waiting.erase(response.id) > 0) {
+      // Responses to requests given up earlier are dropped.
+      watch.answered[response.id] = std::move(response);
+      settled = true;
+    }
+  }
+  watch.inbox.erase(0, start);
+  if (watch.inbox.size() > kMaxResponseBytes) {
+    watch.overlong = true;
+    watch.inbox.clear();
+    watch.inbox.shrink_to_fit();
+    closed = true;
+  }
+  if (closed || watch.quit) {
+    watch.closed = true;
+    watch.waiting.clear();
+    settled = true;
+  }
+  const int64_t now = steadyMs();
+  for (auto it = watch.waiting.begin(); it != watch.waiting.end();) {
+    if (it->second > now) {
+      ++it;
+      continue;
+    }
+    watch.expired.insert(it->first);
+    it = watch.waiting.erase(it);
+    settled = true;
+  }
+  return settled;
+}
+
 void TcpLink::watchConnection(Watch& watch, platform::Socket socket) {
   std::unique_lock<std::mutex> lock(watch.mutex);
   for (;;) {
-    watch.wake.wait(lock, [&] { return watch.quit || !watch.waiting.empty(); });
+    watch.wake.wait(lock, [&] { return watch.quit || (!watch.waiting.empty() && !watch.direct); });
     if (watch.quit) return;
     int64_t deadline = INT64_MAX;
     for (const auto& [id, due] : watch.waiting) deadline = std::min(deadline, due);
+    watch.polling = true;
     lock.unlock();
     std::vector<platform::Watch> ready{{socket, true, false}};
     const int64_t left = std::clamp<int64_t>(deadline - steadyMs(), 0, 60'000);
     std::string got;
     bool closed = false;
-    if (platform::waitSockets(ready, static_cast<int>(left)) > 0) {
-      char chunk[4096];
-      // What is read at one go is bounded, so that a peer that never stops
-      // sending is looked at before it fills the memory.
-      while (got.size() < kMaxResponseBytes) {
-        const long n = platform::receiveSome(socket, chunk, sizeof chunk);
-        if (n > 0) {
-          got.append(chunk, static_cast<size_t>(n));
-          continue;
-        }
-        closed = n != platform::kWouldBlock;
-        break;
-      }
-    }
+    if (platform::waitSockets(ready, static_cast<int>(left)) > 0)
+      got = readAvailable(socket, closed);
     lock.lock();
-    bool settled = false;
-    watch.inbox += got;
-    for (size_t eol; (eol = watch.inbox.find('\n')) != std::string::npos;) {
-      RigResponse response;
-      const bool parsed = ParseRigResponse(std::string_view(watch.inbox).substr(0, eol), response);
-      watch.inbox.erase(0, eol + 1);
-      if (!parsed) continue;
-      if (response.id == 0 && response.code == kRigKeyRefused) {
-        watch.refusal = response.text.value_or("");
-        settled = true;
-      } else if (response.id == 0 && response.code == kRigIdleClosed) {
-        watch.idleNotice = true;
-      } else if (response.id == 0) {
-        watch.notice = visibleText(response.text.value_or("code " + std::to_string(response.code)));
-        settled = true;
-      } else if (watch.waiting.erase(response.id) > 0) {
-        // Responses to requests given up earlier are dropped.
-        watch.answered[response.id] = std::move(response);
-        settled = true;
-      }
-    }
-    if (watch.inbox.size() > kMaxResponseBytes) {
-      watch.overlong = true;
-      watch.inbox.clear();
-      watch.inbox.shrink_to_fit();
-      closed = true;
-    }
-    if (closed || watch.quit) {
-      watch.closed = true;
-      watch.waiting.clear();
-      settled = true;
-    }
-    const int64_t now = steadyMs();
-    for (auto it = watch.waiting.begin(); it != watch.waiting.end();) {
-      if (it->second > now) {
-        ++it;
-        continue;
-      }
-      watch.expired.insert(it->first);
-      it = watch.waiting.erase(it);
-      settled = true;
-    }
+    watch.polling = false;
+    const bool settled = absorb(watch, got, closed);
     const bool done = watch.closed;
     if (settled) {
       EventLoop* loop = watch.loop;
@@ -145,6 +159,34 @@ void TcpLink::watchConnection(Watch& watch, platform::Socket socket) {
       lock.lock();
     }
     if (done) return;
+  }
+}
+
+void TcpLink::waitDirectly(uint64_t id, int64_t until) {
+  Watch& watch = *watch_;
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(watch.mutex);
+      if (watch.answered.count(id) > 0 || watch.expired.count(id) > 0 || watch.closed ||
+          watch.refusal.has_value()) {
+        watch.direct = false;
+        return;
+      }
+    }
+    const int64_t left = until - steadyMs();
+    std::vector<platform::Watch> ready{{socket_, true, false}};
+    const bool readable = left > 0 && platform::waitSockets(ready, static_cast<int>(left)) > 0;
+    bool closed = false;
+    std::string got;
+    if (readable) got = readAvailable(socket_, closed);
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    absorb(watch, got, closed);
+    if (!readable && watch.answered.count(id) == 0 && !watch.closed) {
+      // Not settled within the time on this thread: the watcher takes over.
+      watch.direct = false;
+      watch.wake.notify_all();
+      return;
+    }
   }
 }
 
@@ -194,10 +236,7 @@ void TcpLink::reconnectIfDropped() {
   disconnect();
   RigResponse r;
   if (!connectSocket()) return;
-  if ((!key_.empty() && !proveKey()) || request("HELLO", r, connectWaitMs) != Outcome::kOk ||
-      r.text != kRigGreeting) {
-    disconnect();
-  }
+  if ((!key_.empty() && !proveKey()) || !greet(r)) disconnect();
 }
 
 bool TcpLink::proveKey() {
@@ -236,27 +275,48 @@ bool TcpLink::proveKey() {
   return true;
 }
 
+bool TcpLink::greet(RigResponse& r) {
+  if (request(std::string(kRigHello2), r, connectWaitMs) != Outcome::kOk || r.code != 0)
+    return false;
+  if (r.text == kRigGreeting2) {
+    protocol_ = 2;
+  } else if (r.text == kRigGreeting) {
+    protocol_ = 1;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
-  if (socket_ != platform::kNoSocket && body != "HELLO" && depth_ == 0) reconnectIfDropped();
+  if (socket_ != platform::kNoSocket && body != kRigHello2 && depth_ == 0) reconnectIfDropped();
   if (socket_ == platform::kNoSocket) return Outcome::kLost;
   Watch& watch = *watch_;
   const uint64_t id = nextId_++;
   const std::string line = std::to_string(id) + " " + body + "\n";
   // Whole milliseconds, rounded up: the wait is never shorter than asked.
   const int64_t deadline = steadyMs() + waitMs + 1;
+  // The response is read on this thread first when the watcher is idle and
+  // the call is not made from within another call's wait.
+  bool direct = false;
   {
-    std::lock_guard<std::mutex> lock(watch.mutex);
-    if (!watch.closed) watch.waiting[id] = deadline;
+    std::unique_lock<std::mutex> lock(watch.mutex);
+    if (!watch.closed) {
+      watch.waiting[id] = deadline;
+      direct = directWaitMs > 0 && depth_ == 0 && watch.waiting.size() == 1 && !watch.polling;
+      watch.direct = direct;
+    }
   }
   if (watch.closed) {
     disconnect();
     return Outcome::kLost;
   }
-  watch.wake.notify_all();
+  if (!direct) watch.wake.notify_all();
   const auto forget = [&] {
     std::lock_guard<std::mutex> lock(watch.mutex);
     watch.waiting.erase(id);
     watch.expired.erase(id);
+    watch.direct = false;
   };
   size_t sent = 0;
   while (sent < line.size()) {
@@ -281,6 +341,14 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
       forget();
       return Outcome::kNoAnswer;
     }
+  }
+  if (direct) {
+    // Never past the run's next due timer, which the direct wait would hold up.
+    int64_t until = std::min(deadline, steadyMs() + directWaitMs);
+    const Micros due = events().nextDue();
+    if (due != Clock::kNever)
+      until = std::min(until, steadyMs() + std::max<Micros>(0, due - events().now()) / 1000);
+    waitDirectly(id, until);
   }
   const uint64_t generation = generation_;
   const auto settled = [&] {
@@ -335,7 +403,7 @@ int32_t TcpLink::openInterface(int16_t& handle) {
     return link_result::kLinkLost;
   }
   RigResponse r;
-  if (request("HELLO", r, connectWaitMs) != Outcome::kOk || r.code != 0 || r.text != kRigGreeting) {
+  if (!greet(r)) {
     if (problem_.empty() || socket_ != platform::kNoSocket) {
       problem_ = "no rig server answers at " + address() +
                  (r.text ? " (it said \"" + visibleText(*r.text) + "\")" : "");
@@ -360,26 +428,38 @@ int32_t TcpLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
 }
 
 int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_view command,
-                             bool /*wait*/) {
+                             bool wait) {
   if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
-  if (device >= 0 && device < 100) readyReply_[device].reset();
+  const bool mine = device >= 0 && device < 100;
+  if (mine) readyReply_[device].reset();
   RigResponse r;
-  const std::string body =
-      "SEND " + std::to_string(device) + " " + timeText() + " " + EscapeField(BufferText(command));
+  // A command whose reply is polled for next takes the first poll along.
+  const bool withReply = wait && protocol_ >= 2;
+  const std::string body = (withReply ? "SENDREPLY " : "SEND ") + std::to_string(device) + " " +
+                           timeText() + " " + EscapeField(BufferText(command));
   if (const int32_t failed = exchange(body, r, responseWaitMs, link_result::kNotReady))
     return failed;
-  if (r.code == link_result::kOk && r.text && device >= 0 && device < 100) {
-    readyReply_[device] = std::move(*r.text);
+  if (r.code != link_result::kOk || !r.text || !mine) return r.code;
+  ReadyReply ready;
+  if (!withReply) {
+    ready.text = std::move(*r.text);
+  } else if (!ParseSendReplyText(*r.text, ready.code, ready.text)) {
+    problem_ = "the rig server at " + address() + " answered a command with \"" +
+               visibleText(*r.text) + "\", which is no reply";
+    disconnect();
+    return link_result::kLinkLost;
   }
+  readyReply_[device] = std::move(ready);
   return r.code;
 }
 
 int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
   if (socket_ == platform::kNoSocket) return link_result::kLinkLost;
   if (device >= 0 && device < 100 && readyReply_[device]) {
-    WriteBuffer(buffer, *readyReply_[device]);
+    const ReadyReply ready = std::move(*readyReply_[device]);
     readyReply_[device].reset();
-    return link_result::kOk;
+    if (ready.code == link_result::kOk) WriteBuffer(buffer, ready.text);
+    return ready.code;
   }
   RigResponse r;
   if (const int32_t failed = exchange("REPLY " + std::to_string(device) + " " + timeText(), r,

@@ -4,12 +4,20 @@
 // treated as "not ready" (17), so the link layer's retry and time-out rules
 // apply; a connection that closes gives 31 (link lost) at once.
 //
-// While a call waits for its response, the run's event loop goes on: a
+// A response is first waited for on the calling thread, for at most
+// directWaitMs and never past the run's next due timer: on a near server it
+// comes within that, at the cost of one round trip and no hand-off between
+// threads. Past that, the run's event loop goes on while the call waits: a
 // watcher thread reads the connection and wakes the loop when a response
 // comes, the connection closes or the response time is up, and the run's
 // posted tasks and due timers run meanwhile. The response time is real
 // time on every clock (the network is outside the run), so a virtual clock
 // stands still during the wait.
+//
+// With a server that speaks the second protocol (rig_protocol.h), a command
+// whose reply the link layer polls for next goes as one SENDREPLY: the
+// command and its reply take one round trip instead of two. An older server
+// gets SEND and REPLY as before.
 #pragma once
 
 #include <array>
@@ -50,6 +58,11 @@ class TcpLink final : public LinkLibrary {
   int responseWaitMs = 100;
   // Real milliseconds to wait for the connection at open.
   int connectWaitMs = 2000;
+  // Real milliseconds a response is waited for on the calling thread before
+  // the run's events run (0: never).
+  int directWaitMs = 1;
+  // The protocol the server speaks (1 or 2), known once the link is open.
+  int protocol() const { return protocol_; }
 
   int32_t openInterface(int16_t& handle) override;
   int32_t closeInterface(int16_t handle) override;
@@ -85,10 +98,27 @@ class TcpLink final : public LinkLibrary {
     bool overlong = false;
     bool closed = false;
     bool quit = false;
+    // The calling thread reads the connection itself for now (the watcher
+    // leaves it alone), and whether the watcher is in a read of its own.
+    bool direct = false;
+    bool polling = false;
     std::string inbox;
     EventLoop* loop = nullptr;
   };
   static void watchConnection(Watch& watch, platform::Socket socket);
+  // Takes in what was read from the connection (with the watch's lock
+  // held): responses, the server's notices, its end, and the requests whose
+  // time is up. True when a waiting call has something new to look at.
+  static bool absorb(Watch& watch, std::string_view got, bool closed);
+  // Reads bytes that are there now, at most kMaxResponseBytes; `closed`
+  // when the connection ended.
+  static std::string readAvailable(platform::Socket socket, bool& closed);
+  // Waits on the calling thread for the response to `id` (sent with
+  // watch.direct set), until `until` (steady ms), and hands the wait to the
+  // watcher when it is not settled by then.
+  void waitDirectly(uint64_t id, int64_t until);
+  // Opens the conversation: "HELLO 2", either greeting accepted.
+  bool greet(RigResponse& response);
   void startWatching();
   EventLoop& events() { return events_ != nullptr ? *events_ : *ownEvents_; }
   // Sends one request and waits for its response.
@@ -125,8 +155,14 @@ class TcpLink final : public LinkLibrary {
   std::string key_;
   platform::Socket socket_ = platform::kNoSocket;
   uint64_t nextId_ = 1;
-  // Replies that came with the response to their command.
-  std::array<std::optional<std::string>, 100> readyReply_;
+  int protocol_ = 1;
+  // The first poll of a reply that came with the response to its command:
+  // its result, and the reply when there is one.
+  struct ReadyReply {
+    int32_t code = 0;
+    std::string text;
+  };
+  std::array<std::optional<ReadyReply>, 100> readyReply_;
 };
 
 }  // namespace tavrix
