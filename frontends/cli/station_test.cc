@@ -158,6 +158,21 @@ TEST_F(StationTest, EachSocketDrivesItsOwnChannelsAndSharesTheOthers) {
                               "S3: ended by error: exit status 1\n"));
 }
 
+TEST_F(StationTest, AMonitorChannelASocketMakesIsItsOwn) {
+  // Both sockets make a monitor MON: each is made under the socket's name
+  // for it, and each socket's later uses of MON reach its own.
+  File("mon.wts", "MONITOR 1, MON, Q=1\r\nKILLMONITOR MON\r\nSTOP\r\n");
+  Station(
+      "[socket.S1]\nprefix = \"S1_\"\nsequence = \"mon.wts\"\n"
+      "[socket.S2]\nprefix = \"S2_\"\nsequence = \"mon.wts\"\n");
+  EXPECT_EQ(RunStation(), kExitOk) << err_ << out_;
+  for (const std::string s : {"S1", "S2"}) {
+    SCOPED_TRACE(s);
+    EXPECT_THAT(Trace(s), HasSubstr(" N=" + s + "_MON\""));
+    EXPECT_THAT(Trace(s), HasSubstr("CLEAR " + s + "_MON"));
+  }
+}
+
 TEST_F(StationTest, SharedChannelsAndOutputs) {
   File("ramp.wts", "RAMP AMBIENT, 0 TO 10 OVER 5 IN 10\r\nSTOP\r\n");
   File("own.wts", "RAMP HEATER, 0 TO 10 OVER 5 IN 10\r\nSTOP\r\n");

@@ -30,7 +30,8 @@ void EventLoop::processPendingEvents() {
       for (auto& task : batch) task();
     }
   }
-  if (clock_.now() >= dueBound_) fireDueTimers();
+  // Without a timer due there is no reason to read the clock.
+  if (dueBound_ != Clock::kNever && clock_.now() >= dueBound_) fireDueTimers();
 }
 
 namespace {

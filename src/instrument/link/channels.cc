@@ -232,6 +232,18 @@ bool Channels::RezeroChannel(std::string_view name) {
 bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_view name,
                                     std::string_view settings) {
   const int16_t device = roundToInt16(leadingNumber(deviceText)).value_or(0);
+  // A test socket's monitor channel is its own: it is made under the name
+  // the socket's map gives it (its table's, or its prefix before it), so
+  // that sockets making the same monitor do not meet on the rig; the
+  // socket's later uses of the name find it there.
+  std::string rigName(name);
+  if (mapped_) {
+    if (const auto it = map_.table.find(name); it != map_.table.end()) {
+      rigName = it->second;
+    } else if (!map_.prefix.empty()) {
+      rigName = map_.prefix + rigName;
+    }
+  }
   ChannelRecord record;
   record.device = device;
   records_.push_back(record);
@@ -273,8 +285,8 @@ bool Channels::CreateMonitorChannel(std::string_view deviceText, std::string_vie
   link_.IMLSendCommand(device, "DEF " + channel + " E=0 ", false);
   link_.IMLSendCommand(device, "DEF " + channel + " M=Z", false);
   link_.IMLSendCommand(device, "DEF " + channel + " " + std::string(settings), false);
-  link_.IMLSendCommand(device, "DEF " + channel + " N=" + std::string(name), false);
-  records_.back().name = fixed13(name);
+  link_.IMLSendCommand(device, "DEF " + channel + " N=" + rigName, false);
+  records_.back().name = fixed13(rigName);
   changed();
   return true;
 }
