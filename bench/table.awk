@@ -48,6 +48,11 @@ END {
   row("Soak loop (LOOPCHECK, WAITSECONDS 60, GOTO), virtual time",
       rate("BM_SoakLoopWaitSeconds", "lines_per_s", "lines/s"))
   row("Soak loop with the trace on", rate("BM_SoakLoopWaitSecondsTraced", "lines_per_s", "lines/s"))
+  row("Free run heard by a front end, as tavrix-cli runs it", rate("BM_FreeRunHeard", "lines_per_s", "lines/s"))
+  row("The same with the run's record in the data root", rate("BM_FreeRunWithRecord", "lines_per_s", "lines/s"))
+  heard = num("BM_FreeRunHeard", "lines_per_s"); recorded = num("BM_FreeRunWithRecord", "lines_per_s")
+  row("  cost of the record (CPU time per line)",
+      heard > 0 && recorded > 0 ? sprintf("%+.1f %%", (heard / recorded - 1) * 100) : "not measured")
   row("GOTO to the last label of 30,000 lines", per("BM_GotoLastLabel", 1, "%.2f us"))
   row("GOTO by reopening the file and scanning it (naive)", per("BM_GotoNaiveReopenAndScan", 1, "%.0f us"))
   row("GOTO: naive cost / our cost", ratio(micros("BM_GotoNaiveReopenAndScan"), micros("BM_GotoLastLabel")))

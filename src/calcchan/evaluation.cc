@@ -36,6 +36,15 @@ bool containsUpperCased(std::string_view text, std::string_view upperPart) {
   return false;
 }
 
+// Whether the text holds an ASCII letter: a plain reading ("12.34") has
+// none, and so cannot hold a word.
+bool hasLetter(std::string_view text) {
+  for (const char c : text) {
+    if (static_cast<unsigned char>((c | 0x20) - 'a') < 26) return true;
+  }
+  return false;
+}
+
 int16_t clampedCount(int32_t n) { return static_cast<int16_t>(std::min<int32_t>(n, INT16_MAX)); }
 
 int64_t dayNumber(Micros t) { return t >= 0 ? t / kMicrosPerDay : (t - kMicrosPerDay + 1) / kMicrosPerDay; }
@@ -211,7 +220,8 @@ bool CalcChannels::readSource(ChannelRef& ref, const std::string& source, bool g
   } else {
     ports_.channels->read(source, reading, ref);
   }
-  return !containsUpperCased(reading, "ERROR") && !containsUpperCased(reading, "UNAVAILABLE");
+  return !hasLetter(reading) ||
+         (!containsUpperCased(reading, "ERROR") && !containsUpperCased(reading, "UNAVAILABLE"));
 }
 
 void CalcChannels::writeDirect(ChannelRef& ref, const std::string& name, std::string_view text) {

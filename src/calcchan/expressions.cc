@@ -86,15 +86,22 @@ bool Analyser::cannotEvaluate(std::string_view text) {
 
 void Analyser::clear() {
   results_.clear();
+  indexed_ = false;
   waveforms_.clear();
   result_ = AnalysisResult{};
 }
 
 NamedResult* Analyser::findResult(std::string_view name) {
-  for (auto& r : results_) {
-    if (sameName(r.name, name)) return &r;
+  if (!indexed_) {
+    resultIndex_.clear();
+    for (size_t i = 0; i < results_.size(); ++i)
+      resultIndex_.emplace(upperCase(results_[i].name), i);  // the first of a name stays
+    indexed_ = true;
   }
-  return nullptr;
+  key_.assign(name);
+  for (char& c : key_) c = upperAscii(c);
+  const auto found = resultIndex_.find(key_);
+  return found == resultIndex_.end() ? nullptr : &results_[found->second];
 }
 
 Waveform* Analyser::findWaveform(std::string_view name) {
@@ -185,6 +192,7 @@ std::string Analyser::EvaluateMacroLine(std::string_view line) {
       r->value = static_cast<float>(result_.number);
     } else {
       results_.push_back({target, static_cast<float>(result_.number)});
+      if (indexed_) resultIndex_.emplace(upperCase(target), results_.size() - 1);
     }
   }
   return numberText(result_.number);

@@ -9,6 +9,7 @@
 
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "calcchan/calc_ports.h"
@@ -73,7 +74,12 @@ class Analyser {
   // Forgets every named result and waveform.
   void clear();
 
-  std::vector<NamedResult>& namedResults() { return results_; }
+  // (Whoever takes the table may change it: the results are then looked up
+  // afresh.)
+  std::vector<NamedResult>& namedResults() {
+    indexed_ = false;
+    return results_;
+  }
   std::vector<Waveform>& waveforms() { return waveforms_; }
   // Case-blind lookups; a waveform that is not in the table yet is loaded from
   // "<name>.csv" in the waveform folder when that file exists.
@@ -93,6 +99,12 @@ class Analyser {
   const CalcPorts& ports_;
   AnalysisResult result_;
   std::vector<NamedResult> results_;
+  // Where the first result of each name is, by the name upper-cased; made
+  // again after the table was handed out or emptied. `key_` is the name
+  // being looked up, upper-cased.
+  std::unordered_map<std::string, size_t> resultIndex_;
+  bool indexed_ = false;
+  std::string key_;
   std::vector<Waveform> waveforms_;
   // None until setWaveformFolder: no waveform can be loaded.
   const FileSystem* files_ = nullptr;

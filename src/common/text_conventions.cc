@@ -105,13 +105,17 @@ bool libraryDigits(double value, int significantDigits, uint64_t& digits, int& e
 std::string runtimeNumberText(double value, int significantDigits) {
   if (value == 0) return " 0";  // also -0
   char buf[64];
-  // As "%.*G" writes it.
-  std::string s(buf, writeGeneral(value, significantDigits, buf));
-  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  const bool negative = s[0] == '-';
-  if (negative) s.erase(0, 1);
-  if (s.size() > 1 && s[0] == '0' && s[1] == '.') s.erase(0, 1);
-  return (negative ? "-" : " ") + s;
+  // As "%.*G" writes it, after a place for the sign.
+  char* s = buf + 1;
+  size_t n = writeGeneral(value, significantDigits, s);
+  for (size_t i = 0; i < n; ++i) {
+    if (s[i] >= 'a' && s[i] <= 'z') s[i] = static_cast<char>(s[i] - 'a' + 'A');
+  }
+  const bool negative = n > 0 && s[0] == '-';
+  if (negative) ++s, --n;
+  if (n > 1 && s[0] == '0' && s[1] == '.') ++s, --n;
+  *--s = negative ? '-' : ' ';
+  return std::string(s, n + 1);
 }
 
 // The usual number: blanks, a sign, at most 15 digits with at most one
@@ -323,6 +327,55 @@ std::string formatNumber(double value, std::string_view pattern) {
   uint64_t rounded = 0;
   int exponent = 0;
   roundedDigits(value, 15, rounded, exponent);
+  {
+    // The usual value and pattern in a buffer on the stack; the same steps
+    // as below, where any other goes.
+    char d[80];
+    long point = exponent + 1;
+    const size_t zeros = point < 1 ? static_cast<size_t>(1 - point) : 0;
+    if (point < 1) point = 1;
+    const size_t keep = static_cast<size_t>(point) + fractionDigits;
+    if (zeros <= 40 && keep + 2 <= sizeof d) {
+      size_t n = zeros + 15;
+      std::memset(d, '0', zeros);
+      uint64_t r = rounded;
+      for (size_t i = n; i-- > zeros; r /= 10) d[i] = static_cast<char>('0' + r % 10);
+      if (n < keep + 1) {
+        std::memset(d + n, '0', keep + 1 - n);
+        n = keep + 1;
+      }
+      const bool up = d[keep] >= '5';
+      n = keep;
+      if (up) {
+        size_t k = keep;
+        while (k > 0 && d[k - 1] == '9') d[--k] = '0';
+        if (k == 0) {
+          std::memmove(d + 1, d, n);
+          d[0] = '1';
+          ++n;
+          ++point;
+        } else {
+          ++d[k - 1];
+        }
+      }
+      const size_t integerEnd = static_cast<size_t>(point);
+      size_t first = 0;
+      while (first < integerEnd && d[first] == '0') ++first;
+      bool zero = first == integerEnd;
+      for (size_t i = integerEnd; zero && i < n; ++i) zero = d[i] == '0';
+      const size_t integerLength = integerEnd - first;
+      std::string out;
+      out.reserve(n + integerZeros + 2);
+      if (value < 0 && !zero) out += '-';
+      if (integerLength < integerZeros) out.append(integerZeros - integerLength, '0');
+      out.append(d + first, integerLength);
+      if (pointAt != std::string_view::npos) {
+        out += '.';
+        out.append(d + integerEnd, n - integerEnd);
+      }
+      return out;
+    }
+  }
   std::string digits(15, '0');
   for (size_t i = 15; i-- > 0; rounded /= 10) digits[i] = static_cast<char>('0' + rounded % 10);
   long pointPos = exponent + 1;  // digits before the point

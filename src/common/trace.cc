@@ -1,8 +1,10 @@
 #include "common/trace.h"
 
+#include <array>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace tavrix {
@@ -70,18 +72,70 @@ std::string utf8FromSequenceText(std::string_view text) {
 
 namespace {
 
+// The bytes that a JSON string takes as they are: printable ASCII but the
+// quote and the backslash.
+constexpr auto kPlainBytes = [] {
+  std::array<bool, 256> plain{};
+  for (int c = 0x20; c <= 0x7E; ++c) plain[c] = c != '"' && c != '\\';
+  return plain;
+}();
+
+// Whether `text` goes into a JSON string as it is. Eight bytes at a time
+// first: a word without a control character, DEL, a byte above 0x7F, a quote
+// or a backslash needs no closer look.
+bool plainJson(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHigh = 0x8080808080808080ULL;
+  const size_t n = text.size();
+  if (n < 8) {
+    for (const char c : text) {
+      if (!kPlainBytes[static_cast<unsigned char>(c)]) return false;
+    }
+    return true;
+  }
+  // The last word overlaps the one before it rather than leave a tail.
+  for (size_t i = 0;; i += 8) {
+    if (i > n - 8) i = n - 8;
+    uint64_t w;
+    std::memcpy(&w, text.data() + i, 8);
+    const uint64_t quote = w ^ (kOnes * '"');
+    const uint64_t backslash = w ^ (kOnes * '\\');
+    const uint64_t del = w ^ (kOnes * 0x7F);
+    // A byte below 0x20 (or a zero byte of the others) borrows into its top bit.
+    const uint64_t found = (((w - kOnes * 0x20) & ~w) | ((quote - kOnes) & ~quote) |
+                            ((backslash - kOnes) & ~backslash) | ((del - kOnes) & ~del) | w) &
+                           kHigh;
+    if (found != 0) break;
+    if (i == n - 8) return true;
+  }
+  for (const char c : text) {
+    if (!kPlainBytes[static_cast<unsigned char>(c)]) return false;
+  }
+  return true;
+}
+
 // Appends the JSON string literal of `text` to `out`.
 void appendJsonString(std::string& out, std::string_view text) {
   // Most texts are printable ASCII with nothing to escape: they go as they are.
-  for (const char c : text) {
-    if (c < 0x20 || c > 0x7E || c == '"' || c == '\\') {
-      out += nlohmann::json(utf8FromSequenceText(text)).dump();
-      return;
-    }
+  if (!plainJson(text)) {
+    out += nlohmann::json(utf8FromSequenceText(text)).dump();
+    return;
   }
   out += '"';
   out.append(text);
   out += '"';
+}
+
+// Room for `n` more bytes after the first `used` of `buffer`, whose size is
+// its room, not its content.
+char* room(std::string& buffer, size_t used, size_t n) {
+  if (used + n > buffer.size()) buffer.resize(std::max(buffer.size() * 2, used + n));
+  return buffer.data() + used;
+}
+
+char* put(char* at, std::string_view bytes) {
+  if (!bytes.empty()) std::memcpy(at, bytes.data(), bytes.size());
+  return at + bytes.size();
 }
 
 }  // namespace
@@ -93,16 +147,67 @@ std::string jsonString(std::string_view text) {
   return out;
 }
 
-Trace::~Trace() = default;
+namespace {
+
+// Lines gathered for the record before they are written together.
+constexpr size_t kGatherBytes = 64 * 1024;
+// No gathered line waits longer than this (written by the next event).
+constexpr Micros kGatherAtMost = 250 * 1000;
+// A run on a virtual clock may dispatch many lines in an instant of its
+// clock: the steady clock is read as well, once every so many lines.
+constexpr int kLinesPerSteadyReading = 32;
+
+}  // namespace
+
+Trace::~Trace() { flushRecord(gatheredSince_, nullptr); }
 
 void Trace::setOutput(std::unique_ptr<OutputFile> out) { out_ = std::move(out); }
-void Trace::setRecord(std::unique_ptr<OutputFile> record) { record_ = std::move(record); }
 
-void Trace::write(const std::string& line) {
+void Trace::setRecord(std::unique_ptr<OutputFile> record) {
+  const Micros now = clock_.now();
+  flushRecord(now, nullptr);
+  record_ = std::move(record);
+  if (record_ != nullptr && gathered_.size() < kGatherBytes + 4096)
+    gathered_.resize(kGatherBytes + 4096);
+}
+
+bool Trace::flushRecord(Micros at, std::string* error) {
+  gatheredSince_ = at;
+  gatheredSinceSteady_ = std::chrono::steady_clock::now();
+  linesUnclocked_ = 0;
+  if (gatheredUsed_ == 0 || record_ == nullptr) {
+    gatheredUsed_ = 0;
+    return true;
+  }
+  const bool ok = record_->write(std::string_view(gathered_.data(), gatheredUsed_), error);
+  gatheredUsed_ = 0;
+  return ok;
+}
+
+bool Trace::mayWait(Micros at) {
+  if (gatheredUsed_ >= kGatherBytes) return false;
+  // A clock set back writes at once rather than hold lines.
+  if (at - gatheredSince_ >= kGatherAtMost || at < gatheredSince_) return false;
+  if (++linesUnclocked_ < kLinesPerSteadyReading) return true;
+  linesUnclocked_ = 0;
+  return std::chrono::steady_clock::now() - gatheredSinceSteady_ <
+         std::chrono::microseconds(kGatherAtMost);
+}
+
+void Trace::write(std::string_view line, bool aLine, Micros at) {
   std::string error;
   bool written = true;
   if (out_ != nullptr && !out_->write(line, &error)) written = false;
-  if (record_ != nullptr && !record_->write(line, written ? &error : nullptr)) written = false;
+  if (record_ != nullptr) {
+    put(room(gathered_, gatheredUsed_, line.size()), line);
+    gatheredUsed_ += line.size();
+  }
+  recordGathered(aLine, at, written, std::move(error));
+}
+
+void Trace::recordGathered(bool aLine, Micros at, bool written, std::string error) {
+  if (record_ != nullptr && !(aLine && mayWait(at)) && !flushRecord(at, written ? &error : nullptr))
+    written = false;
   if (written) return;
   if (linesLost_++ == 0) {
     firstError_ = error;
@@ -110,60 +215,130 @@ void Trace::write(const std::string& line) {
   }
 }
 
-Trace::Event::Event(Trace& trace, std::string_view ev) : trace_(trace) {
-  const Micros t = trace.clock_.now() - trace.origin_;
-  // Three decimals of seconds, rounded to the nearest millisecond.
+std::string_view Trace::start(Micros at) {
+  const Micros t = at - origin_;
+  // Three decimals of seconds, rounded to the nearest millisecond. Lines
+  // come many to a millisecond: the text of the last one is kept.
   const int64_t ms = (t >= 0 ? t + 500 : t - 500) / 1000;
-  const int64_t whole = (ms < 0 ? -ms : ms) / 1000;
-  const int64_t thousandths = (ms < 0 ? -ms : ms) % 1000;
-  char buf[48];
-  char* at = buf;
-  for (const char c : std::string_view("{\"t\":")) *at++ = c;
-  if (ms < 0) *at++ = '-';
-  at = std::to_chars(at, buf + sizeof buf, whole).ptr;
-  *at++ = '.';
-  *at++ = static_cast<char>('0' + thousandths / 100);
-  *at++ = static_cast<char>('0' + thousandths / 10 % 10);
-  *at++ = static_cast<char>('0' + thousandths % 10);
-  line_.reserve(96);
-  line_.assign(buf, at);
-  line_ += ",\"ev\":";
-  appendJsonString(line_, ev);
+  if (ms != startMs_ || startLength_ == 0) {
+    const int64_t whole = (ms < 0 ? -ms : ms) / 1000;
+    const int64_t thousandths = (ms < 0 ? -ms : ms) % 1000;
+    char* p = put(start_, "{\"t\":");
+    if (ms < 0) *p++ = '-';
+    p = std::to_chars(p, start_ + sizeof start_, whole).ptr;
+    *p++ = '.';
+    *p++ = static_cast<char>('0' + thousandths / 100);
+    *p++ = static_cast<char>('0' + thousandths / 10 % 10);
+    *p++ = static_cast<char>('0' + thousandths % 10);
+    startMs_ = ms;
+    startLength_ = static_cast<size_t>(p - start_);
+  }
+  return std::string_view(start_, startLength_);
+}
+
+void Trace::line(Micros at, int number, std::string_view text) {
+  std::string escaped;
+  const bool plain = plainJson(text);
+  if (!plain) escaped = nlohmann::json(utf8FromSequenceText(text)).dump();
+  // (The kept start of the line without a call when the millisecond is the last one's.)
+  const Micros t = at - origin_;
+  const int64_t ms = (t >= 0 ? t + 500 : t - 500) / 1000;
+  const std::string_view prefix =
+      ms == startMs_ && startLength_ != 0 ? std::string_view(start_, startLength_) : start(at);
+  const size_t most = prefix.size() + 48 + (plain ? text.size() + 2 : escaped.size());
+  // With the record alone (no --trace output) the line is put together
+  // where it waits to be written.
+  const bool gathered = out_ == nullptr && record_ != nullptr;
+  std::string& buffer = gathered ? gathered_ : lineBuffer_;
+  const size_t used = gathered ? gatheredUsed_ : 0;
+  char* const first = room(buffer, used, most);
+  char* p = put(first, prefix);
+  p = put(p, ",\"ev\":\"line\",\"n\":");
+  if (number >= 0 && number < 100000) {
+    // A line number: its digits from the last, straight into place.
+    const int digits = number < 10      ? 1
+                       : number < 100   ? 2
+                       : number < 1000  ? 3
+                       : number < 10000 ? 4
+                                        : 5;
+    for (int i = digits - 1, v = number; i >= 0; --i, v /= 10)
+      p[i] = static_cast<char>('0' + v % 10);
+    p += digits;
+  } else {
+    p = std::to_chars(p, p + 16, number).ptr;
+  }
+  p = put(p, ",\"text\":");
+  if (plain) {
+    *p++ = '"';
+    p = put(p, text);
+    *p++ = '"';
+  } else {
+    p = put(p, escaped);
+  }
+  p = put(p, "}\n");
+  const size_t length = static_cast<size_t>(p - first);
+  if (gathered) {
+    gatheredUsed_ += length;
+    // What mayWait decides, for the usual line without a call.
+    if (gatheredUsed_ < kGatherBytes && at >= gatheredSince_ && at - gatheredSince_ < kGatherAtMost &&
+        linesUnclocked_ + 1 < kLinesPerSteadyReading) {
+      ++linesUnclocked_;
+      return;
+    }
+    recordGathered(true, at, true, std::string());
+  } else {
+    write(std::string_view(first, length), true, at);
+  }
+}
+
+Trace::Event::Event(Trace& trace, std::string_view ev)
+    : trace_(trace), at_(trace.clock_.now()), aLine_(ev == "line"), line_(&own_) {
+  if (!trace.buildingInUse_) {
+    trace.buildingInUse_ = true;
+    line_ = &trace.building_;
+    line_->clear();
+  } else {
+    own_.reserve(96);
+  }
+  line_->append(trace.start(at_));
+  line_->append(",\"ev\":");
+  appendJsonString(*line_, ev);
 }
 
 Trace::Event::~Event() {
-  line_ += "}\n";
-  trace_.write(line_);
+  *line_ += "}\n";
+  trace_.write(*line_, aLine_, at_);
+  if (line_ == &trace_.building_) trace_.buildingInUse_ = false;
 }
 
 void Trace::Event::key(std::string_view name) {
-  line_ += ',';
-  appendJsonString(line_, name);
-  line_ += ':';
+  *line_ += ',';
+  appendJsonString(*line_, name);
+  *line_ += ':';
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, std::string_view text) {
   key(name);
-  appendJsonString(line_, text);
+  appendJsonString(*line_, text);
   return *this;
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, int64_t number) {
   key(name);
   char digits[24];
-  line_.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+  line_->append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
   return *this;
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, bool value) {
   key(name);
-  line_ += value ? "true" : "false";
+  *line_ += value ? "true" : "false";
   return *this;
 }
 
 Trace::Event& Trace::Event::field(std::string_view name, std::nullopt_t) {
   key(name);
-  line_ += "null";
+  *line_ += "null";
   return *this;
 }
 

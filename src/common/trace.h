@@ -3,6 +3,7 @@
 // until an output is set, and then costs nothing for events not asked for.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -26,7 +27,13 @@ class Trace {
   // Writes to `out`; nullptr turns the trace off.
   void setOutput(std::unique_ptr<OutputFile> out);
   // Writes every line to `record` as well (the run's own record in the data
-  // root), whether or not an output is set; nullptr ends that.
+  // root), whether or not an output is set; nullptr ends that, after the
+  // lines gathered for it are written. A line's event waits there with
+  // others (at most 64 KiB, and no longer than a quarter of a second: the
+  // next event after that writes it); every other event is written at once
+  // together with the lines before it, so that a hold, a question, a message
+  // or the end is on the disk as it happens, while a free-running sequence
+  // costs little.
   void setRecord(std::unique_ptr<OutputFile> record);
   bool enabled() const { return out_ != nullptr || record_ != nullptr; }
   // Lines that could not be written, and why the first one could not.
@@ -55,17 +62,53 @@ class Trace {
    private:
     void key(std::string_view name);
     Trace& trace_;
-    std::string line_;
+    Micros at_;
+    bool aLine_;
+    // The trace's own buffer, or `own_` while another event holds that.
+    std::string* line_;
+    std::string own_;
   };
 
   Event event(std::string_view ev) { return Event(*this, ev); }
 
+  // A line's event, {"t":..,"ev":"line","n":..,"text":..}, at `at` on the
+  // run's clock (when the line was dispatched). Call only when enabled().
+  void line(Micros at, int number, std::string_view text);
+
  private:
-  void write(const std::string& line);
+  // The start of a line, {"t":<seconds since the origin>.
+  std::string_view start(Micros at);
+  // `at`: the event's instant on the run's clock; `aLine`: a line's event,
+  // which may wait in the record's gathered lines.
+  void write(std::string_view line, bool aLine, Micros at);
+  // After a line was written to the output (`written`: it was, or `error`
+  // says why not) and added to the record's gathered lines: writes those
+  // unless they may wait, and counts a line that was lost.
+  void recordGathered(bool aLine, Micros at, bool written, std::string error);
+  bool mayWait(Micros at);
+  bool flushRecord(Micros at, std::string* error);
 
   const Clock& clock_;
   std::unique_ptr<OutputFile> out_;
   std::unique_ptr<OutputFile> record_;
+  // The record's gathered lines, when they were last written (on the run's
+  // clock and on the steady clock), and the lines gathered since the steady
+  // clock was last read.
+  // (Its size is its room; the lines are its first `gatheredUsed_` bytes.)
+  std::string gathered_;
+  size_t gatheredUsed_ = 0;
+  Micros gatheredSince_ = 0;
+  std::chrono::steady_clock::time_point gatheredSinceSteady_;
+  int linesUnclocked_ = 0;
+  // The event being put together, kept from one event to the next, and the
+  // room for a line's event that goes to the output.
+  std::string building_;
+  std::string lineBuffer_;
+  bool buildingInUse_ = false;
+  // The start of the last line, {"t":..., for the millisecond `startMs_`.
+  char start_[40] = {};
+  size_t startLength_ = 0;
+  int64_t startMs_ = 0;
   Micros origin_ = 0;
   int64_t linesLost_ = 0;
   std::string firstError_;

@@ -17,47 +17,6 @@ namespace tavrix {
 
 namespace {
 
-// Lines gathered before they are written together.
-constexpr size_t kGatherBytes = 64 * 1024;
-// No line waits longer than this to be written.
-constexpr auto kGatherAtMost = std::chrono::milliseconds(250);
-
-// The record's trace file: a line's event waits with others (at most a
-// quarter of a second, at most 64 KiB); every other event is written at
-// once together with the lines before it, so a hold, a question, a message
-// or the end is on the disk as it happens.
-class GatheredOutput final : public OutputFile {
- public:
-  explicit GatheredOutput(std::unique_ptr<OutputFile> inner) : inner_(std::move(inner)) {
-    buffer_.reserve(kGatherBytes + 1024);
-  }
-  ~GatheredOutput() override { flush(nullptr); }
-
-  bool write(std::string_view bytes, std::string* error) override {
-    buffer_.append(bytes);
-    // {"t":123.456,"ev":"line",...
-    const size_t ev = bytes.find("\"ev\":", 0);
-    const bool aLine =
-        ev != std::string_view::npos && ev < 40 && bytes.compare(ev + 5, 6, "\"line\"") == 0;
-    const auto now = std::chrono::steady_clock::now();
-    if (aLine && buffer_.size() < kGatherBytes && now - written_ < kGatherAtMost) return true;
-    return flush(error);
-  }
-
-  bool flush(std::string* error) {
-    written_ = std::chrono::steady_clock::now();
-    if (buffer_.empty()) return true;
-    const bool ok = inner_->write(buffer_, error);
-    buffer_.clear();
-    return ok;
-  }
-
- private:
-  std::unique_ptr<OutputFile> inner_;
-  std::string buffer_;
-  std::chrono::steady_clock::time_point written_ = std::chrono::steady_clock::now();
-};
-
 std::mutex gNewFolders;
 
 std::optional<RunRecordSummary> ReadSummary(const FileSystem& files, const std::string& folder,
@@ -171,7 +130,7 @@ std::unique_ptr<RunRecord> RunRecord::Begin(FileSystem& files, Trace& trace, con
     return nullptr;
   auto out = files.create(tracePath, error);
   if (out == nullptr) return nullptr;
-  trace.setRecord(std::make_unique<GatheredOutput>(std::move(out)));
+  trace.setRecord(std::move(out));
   const auto now = std::chrono::duration_cast<std::chrono::nanoseconds>(
                        std::chrono::system_clock::now().time_since_epoch())
                        .count();

@@ -102,13 +102,34 @@ TEST(RunRecord, LinesWaitButOtherEventsGoOutAtOnceAndAFailedWriteIsLostOutput) {
   ASSERT_TRUE(record) << error;
   const std::string path = record->folder() + "/trace.jsonl";
   trace.event("line").field("n", 1).field("text", "SEND OUT, 1");
-  trace.event("line").field("n", 2).field("text", "SEND OUT, 2");
+  trace.line(kStart + 1000, 2, "SEND OUT, \"2\"");
   EXPECT_EQ(rig.read(path), "");
   trace.event("hold").field("n", 3).field("reason", "pause");
-  EXPECT_EQ(rig.read(path),
-            "{\"t\":0.000,\"ev\":\"line\",\"n\":1,\"text\":\"SEND OUT, 1\"}\n"
-            "{\"t\":0.000,\"ev\":\"line\",\"n\":2,\"text\":\"SEND OUT, 2\"}\n"
-            "{\"t\":0.000,\"ev\":\"hold\",\"n\":3,\"reason\":\"pause\"}\n");
+  const std::string heldAt =
+      "{\"t\":0.000,\"ev\":\"line\",\"n\":1,\"text\":\"SEND OUT, 1\"}\n"
+      "{\"t\":0.001,\"ev\":\"line\",\"n\":2,\"text\":\"SEND OUT, \\\"2\\\"\"}\n"
+      "{\"t\":0.000,\"ev\":\"hold\",\"n\":3,\"reason\":\"pause\"}\n";
+  EXPECT_EQ(rig.read(path), heldAt);
+  // A line waits a quarter of a second of the run at most: the line after
+  // that writes both.
+  trace.line(kStart + 200'000, 4, "A");
+  EXPECT_EQ(rig.read(path), heldAt);
+  trace.line(kStart + 250'000, 5, "B");
+  EXPECT_EQ(rig.read(path), heldAt +
+                                "{\"t\":0.200,\"ev\":\"line\",\"n\":4,\"text\":\"A\"}\n"
+                                "{\"t\":0.250,\"ev\":\"line\",\"n\":5,\"text\":\"B\"}\n");
+  // Lines in an instant of the run are written 64 KiB at a time.
+  const std::string longText(1000, 'x');
+  const size_t before = rig.read(path).size();
+  size_t lines = 0;
+  while (rig.read(path).size() == before && lines < 200) {
+    trace.line(kStart + 250'000, 6, longText);
+    ++lines;
+  }
+  EXPECT_GE(lines, 32u);
+  EXPECT_LE(lines, 64u);
+  EXPECT_GE(rig.read(path).size(), before + 64 * 1024);
+  trace.event("status").field("text", "Running");
   // A line left waiting is written when the record finishes.
   trace.event("line").field("n", 3).field("text", "SEND OUT, 3");
   // The next write of the file fails: the trace counts the line as lost and

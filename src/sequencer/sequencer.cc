@@ -618,7 +618,7 @@ void Sequencer::traceEvent(const RunEvent& event) {
   if (!trace_.enabled()) return;
   switch (event.kind) {
     case RunEventKind::kLine:
-      trace_.event("line").field("n", static_cast<int>(event.line)).field("text", event.text);
+      trace_.line(event.time, static_cast<int>(event.line), event.text);
       break;
     case RunEventKind::kStatus:
       trace_.event("status").field("text", event.text);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 #include <string_view>
@@ -132,7 +133,7 @@ inline std::string_view BufferText(std::string_view buffer) {
 // that does not fit is cut.
 inline void WriteBuffer(std::string& buffer, std::string_view text) {
   const size_t n = std::min(text.size(), buffer.size());
-  buffer.replace(0, n, text.substr(0, n));
+  if (n > 0) std::memmove(buffer.data(), text.data(), n);
   if (n < buffer.size()) buffer[n] = '\0';
 }
 

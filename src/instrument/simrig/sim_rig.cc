@@ -340,6 +340,11 @@ double RigModel::reading(const SimChannel& channel, Micros now) {
   return raw + noise + channel.offset;
 }
 
+void RigModel::reportOk(DeviceState& state) {
+  // Most commands succeed after one that succeeded: nothing to change then.
+  if (state.report.size() != 1 || state.report[0] != '0') state.report.assign(1, '0');
+}
+
 std::string RigModel::fail(DeviceState& state, int code, std::string_view text) {
   state.report = std::to_string(code) + " " + std::string(text);
   return "ERR " + state.report;
@@ -405,11 +410,11 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
     int count = 0;
     const std::string names = activeAlarms(device, now, count);
     if (what == "T") {
-      state.report = "0";
+      reportOk(state);
       return std::to_string(count);
     }
     if (what == "N") {
-      state.report = "0";
+      reportOk(state);
       return names.empty() ? "-" : names;
     }
     return fail(state, rig_error::kBadCommand, "bad command");
@@ -428,7 +433,7 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
     if (!enabled(*channel)) {
       return fail(state, rig_error::kDisabled, "channel disabled");
     }
-    state.report = "0";
+    reportOk(state);
     return rigNumber(reading(*channel, now));
   }
   if (word == "WRI") {
@@ -436,11 +441,11 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
       return fail(state, rig_error::kDisabled, "channel disabled");
     }
     channel->value = leadingNumber(argument);
-    state.report = "0";
+    reportOk(state);
     return "0";
   }
   if (word == "SHO") {
-    state.report = "0";
+    reportOk(state);
     std::string text = "E=" + channel->enabled + " M=" + channel->mode;
     if (!channel->name.empty()) text += " N=" + channel->name;
     if (!channel->units.empty()) text += " U=" + channel->units;
@@ -449,19 +454,19 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   }
   if (word == "DEF") {
     if (!define(*channel, argument)) return fail(state, rig_error::kBadSetting, "bad setting");
-    state.report = "0";
+    reportOk(state);
     return "0";
   }
   if (word == "ESC") {
     channel->escape = std::string(argument);
-    state.report = "0";
+    reportOk(state);
     return "0";
   }
   // CLEAR
   if (!channel->monitor) return fail(state, rig_error::kNotMonitor, "not a monitor channel");
   setup_.channels.erase(setup_.channels.begin() + (channel - setup_.channels.data()));
   indexValid_ = false;
-  state.report = "0";
+  reportOk(state);
   return "0";
 }
 

@@ -117,6 +117,8 @@ class RigModel {
   void advance(Micros now);
   double followTarget(const SimChannel& channel);
   std::string fail(DeviceState& state, int code, std::string_view text);
+  // Sets the error report to "0" (no error).
+  static void reportOk(DeviceState& state);
   bool define(SimChannel& channel, std::string_view settings);
   std::string activeAlarms(int device, Micros now, int& count);
 
