@@ -1,5 +1,7 @@
 #include "panel/plant_view_launcher.h"
 
+#include <cstring>
+
 #ifndef _WIN32
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +11,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 
 extern char** environ;
 #endif
