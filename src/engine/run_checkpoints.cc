@@ -352,7 +352,8 @@ void RunCheckpoints::afterLine() {
       timer_.setEnabled(false);
       timerArmed_ = false;
     }
-    if (!dirty_ && ++linesSinceClock_ < kLinesPerClockReading) return;
+    // A change waits for the next look too: a few microseconds of lines.
+    if (++linesSinceClock_ < kLinesPerClockReading) return;
     linesSinceClock_ = 0;
   } else if (!dirty_ && timerArmed_) {
     // On a virtual clock the checkpoint of every 10 s of run time comes

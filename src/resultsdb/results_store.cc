@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 #include <map>
 
 #include "common/civil_time.h"
@@ -426,9 +428,25 @@ std::unique_ptr<SqlResultsStore> OpenResultsStore(const StoreSpec& spec, std::st
                                                   int sqliteBusyTimeoutMs) {
   std::unique_ptr<SqlConnection> connection;
   if (spec.kind == StoreSpec::Kind::kSqlite) {
-    SqliteOptions options;
-    options.busyTimeoutMs = sqliteBusyTimeoutMs;
-    connection = OpenSqlite(spec.target, options, error);
+    // Stations that open one new database file together: setting its
+    // journal mode wants the file to itself and does not wait its busy time
+    // for it as statements do, so the opening is tried again within it.
+    const auto until = std::chrono::steady_clock::now() +
+                       std::chrono::milliseconds(std::max(0, sqliteBusyTimeoutMs));
+    for (;;) {
+      SqliteOptions options;
+      options.busyTimeoutMs = sqliteBusyTimeoutMs;
+      std::string why;
+      connection = OpenSqlite(spec.target, options, &why);
+      auto store = connection ? std::make_unique<SqlResultsStore>(std::move(connection)) : nullptr;
+      if (store && store->migrate(&why)) return store;
+      const bool locked = why.find("database is locked") != std::string::npos;
+      if (!locked || std::chrono::steady_clock::now() >= until) {
+        if (error) *error = why;
+        return nullptr;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
   } else if (spec.kind == StoreSpec::Kind::kPostgres) {
     connection = OpenPostgres(spec.target, error);
   } else {
