@@ -27,6 +27,7 @@
 
 #include "answers_file.h"
 #include "cli_test_support.h"
+#include "common/sanitizers.h"
 #include "common/civil_time.h"
 #include "common/file_system.h"
 #include "common/text_file.h"
@@ -35,14 +36,6 @@
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
 #include "instrument/simrig/sim_rig.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define TAVRIX_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TAVRIX_ASAN 1
-#endif
-#endif
 
 namespace tavrix {
 namespace {

@@ -8,14 +8,8 @@
 // Stacks are switched with the system's user contexts where there are
 // some; sanitizers that track each stack see none of the switches, so
 // their builds use threads.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define TAVRIX_STATION_THREADS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define TAVRIX_STATION_THREADS 1
-#endif
-#endif
-#if defined(_WIN32)
+#include "common/sanitizers.h"
+#if defined(TAVRIX_ASAN) || defined(TAVRIX_TSAN) || defined(_WIN32)
 #define TAVRIX_STATION_THREADS 1
 #endif
 #ifndef TAVRIX_STATION_THREADS

@@ -12,18 +12,11 @@
 
 #include "engine/engine.h"
 #include "common/text_conventions.h"
+#include "common/sanitizers.h"
 #include "common/text_file.h"
 #include "engine/engine.h"
 #include "platform/process.h"
 #include "sequencer/operator.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define TAVRIX_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TAVRIX_ASAN 1
-#endif
-#endif
 
 namespace tavrix {
 namespace {
