@@ -27,9 +27,9 @@
 
 #include "answers_file.h"
 #include "cli_test_support.h"
-#include "common/sanitizers.h"
 #include "common/civil_time.h"
 #include "common/file_system.h"
+#include "common/sanitizers.h"
 #include "common/text_file.h"
 #include "common/text_items.h"
 #include "console_operators.h"
@@ -407,8 +407,8 @@ Scenario Outputs() {
 TEST(ResumeKill, OutputsInProgressGoOnWhereTheyWereOnTheSameSchedule) {
   const Scenario scenario = Outputs();
   std::vector<Crash> crashes;
-  const Outcome unbroken =
-      RunUnbroken(scenario, Kills(60), crashes, 3 * 220 * kMicrosPerSecond, Kills(60));
+  const int kills = Kills(60);
+  const Outcome unbroken = RunUnbroken(scenario, kills, crashes, 3 * 220 * kMicrosPerSecond, kills);
   EXPECT_EQ(unbroken.error, "");
   EXPECT_EQ(unbroken.loopCount, 3);
   std::set<std::string> inside;
@@ -422,8 +422,12 @@ TEST(ResumeKill, OutputsInProgressGoOnWhereTheyWereOnTheSameSchedule) {
     EXPECT_EQ(resumed.outputs, OutputsAfter(unbroken, crash))
         << crash.when << " (" << progress << ")";
   }
-  // The kills fell inside each kind of output.
-  EXPECT_EQ(inside, (std::set<std::string>{"maintain", "maintain ramp", "pulse", "ramps", "sine"}));
+  // The kills fell inside each kind of output; the few kills of a sanitizer
+  // build are too few to be sure of that.
+  if (kills >= 60) {
+    EXPECT_EQ(inside,
+              (std::set<std::string>{"maintain", "maintain ramp", "pulse", "ramps", "sine"}));
+  }
 }
 
 TEST(ResumeKill, AnOutputResumedAfterAGapGoesOnWithTheTimeItHadLeft) {
