@@ -31,7 +31,8 @@ struct CalcRig {
     std::ofstream rig(rigPath, std::ios::binary);
     char line[96];
     for (int i = 1; i <= rows; ++i) {
-      std::snprintf(line, sizeof line, "  1%04d E=1 M=A N=S%d V=%d JITTER=0.5\n", i, i, 10 + i % 50);
+      std::snprintf(line, sizeof line, "  1%04d E=1 M=A N=S%d V=%d JITTER=0.5\n", i, i,
+                    10 + i % 50);
       rig << line;
       std::snprintf(line, sizeof line, "  2%04d E=1 M=A N=R%d\n", i, i);
       rig << line;
@@ -39,9 +40,9 @@ struct CalcRig {
     rig << "  30001 E=1 N=BE_O2 V=12\n";
     rig.close();
 
-    static const char* const kRows[] = {"SCALE|2|1", "REFER STP|20|", "HI ALARM|30|", "LO ALARM|20|",
-                                        "DAILY||",   "MINIMUM||",     "AVERAGE|1|",   "REFER|0|",
-                                        "HI SWITCH|25|", "FORMULA||"};
+    static const char* const kRows[] = {
+        "SCALE|2|1", "REFER STP|20|", "HI ALARM|30|", "LO ALARM|20|",  "DAILY||",
+        "MINIMUM||", "AVERAGE|1|",    "REFER|0|",     "HI SWITCH|25|", "FORMULA||"};
     std::vector<std::string> lines{"[CALCULATED CHANNELS]"};
     for (int i = 1; i <= rows; ++i) {
       const std::string spec = kRows[i % 10];
@@ -50,7 +51,8 @@ struct CalcRig {
       const std::string type = spec.substr(0, a);
       lines.push_back("[CHANNEL]");
       lines.push_back("TYPE=" + type);
-      lines.push_back(type == "FORMULA" ? "SOURCE=[S" + std::to_string(i) + "]*2+1" : "SOURCE=S" + std::to_string(i));
+      lines.push_back(type == "FORMULA" ? "SOURCE=[S" + std::to_string(i) + "]*2+1"
+                                        : "SOURCE=S" + std::to_string(i));
       lines.push_back("NEWNAME=R" + std::to_string(i));
       lines.push_back("PARAM1=" + spec.substr(a + 1, b - a - 1));
       lines.push_back("PARAM2=" + spec.substr(b + 1));

@@ -5,11 +5,11 @@
 
 #include <fstream>
 
-#include "common/file_system.h"
 #include "bench_support.h"
+#include "common/file_system.h"
 #include "engine/engine.h"
-#include "instrument/link/channel_commands.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "timing.h"
 
@@ -24,7 +24,8 @@ const RegisterTiming kWaitCondition("wait-condition", [] {
   QuietOperator op;
   const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
   Engine& engine = *built;
-  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(), engine.paths(), nullptr);
+  auto instrument = MakeInstrument(engine.events(), engine.trace(), {}, "sim", localFiles(),
+                                   engine.paths(), nullptr);
   RegisterInstrumentCommands(engine.sequencer(), *instrument);
   instrument->selectSetupFile(rig);
   std::string error;

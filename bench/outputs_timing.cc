@@ -32,7 +32,9 @@ class TimedLink final : public LinkLibrary {
 
   int32_t openInterface(int16_t& h) override { return sim_.openInterface(h); }
   int32_t closeInterface(int16_t h) override { return sim_.closeInterface(h); }
-  int32_t interfaceVersion(int16_t h, std::string& t) override { return sim_.interfaceVersion(h, t); }
+  int32_t interfaceVersion(int16_t h, std::string& t) override {
+    return sim_.interfaceVersion(h, t);
+  }
   int32_t sendCommand(int16_t h, int16_t d, std::string_view c, bool w) override {
     const std::string_view text = BufferText(c);
     if (text.substr(0, 4) == "WRI ") writes.push_back({clock_.now(), 0, sim_.millisecondCount()});
@@ -88,7 +90,8 @@ Measured RunOnRig(int channels, const std::vector<std::string>& lines) {
   Engine& engine = *built;
   auto link = std::make_unique<TimedLink>(engine.clock());
   TimedLink* timed = link.get();
-  Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{}, std::move(link), engine.paths());
+  Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{}, std::move(link),
+                        engine.paths());
   RegisterInstrumentCommands(engine.sequencer(), instrument);
   RegisterOutputCommands(engine.sequencer(), instrument);
   std::string error;
@@ -135,7 +138,8 @@ const RegisterTiming kRamp("ramp", [] {
 
 const RegisterTiming kGroup("group ramps", [] {
   std::vector<std::string> lines = {"[GROUPRAMPS]"};
-  for (int i = 1; i <= 20; ++i) lines.push_back("RAMP X" + std::to_string(i) + ", 0 TO 100 OVER 25 IN 100");
+  for (int i = 1; i <= 20; ++i)
+    lines.push_back("RAMP X" + std::to_string(i) + ", 0 TO 100 OVER 25 IN 100");
   lines.push_back("[END]");
   const Measured m = RunOnRig(20, lines);
   const auto [median, worst] = MedianAndWorst(LatenessMs(m.writes, 20, 0.25));

@@ -21,8 +21,8 @@ void BM_FreeRunLines(benchmark::State& state) {
   engine.sequencer().prepareFile(path, &error);
   for (auto _ : state) engine.sequencer().start();
   state.SetItemsProcessed(state.iterations() * 30000);
-  state.counters["lines_per_s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()) * 30000, benchmark::Counter::kIsRate);
+  state.counters["lines_per_s"] = benchmark::Counter(
+      static_cast<double>(state.iterations()) * 30000, benchmark::Counter::kIsRate);
   std::remove(path.c_str());
 }
 BENCHMARK(BM_FreeRunLines)->Unit(benchmark::kMillisecond);

@@ -49,7 +49,8 @@ bool AnswerRelay::answer(const std::string& text, std::string* error) {
     if (matched.empty()) {
       if (error) {
         std::string choices;
-        for (const auto& c : pending_->question.choices) choices += (choices.empty() ? "" : ", ") + c;
+        for (const auto& c : pending_->question.choices)
+          choices += (choices.empty() ? "" : ", ") + c;
         *error = "\"" + text + "\" names no answer of the " + pending_->question.kind +
                  " question (" + choices + ")";
       }

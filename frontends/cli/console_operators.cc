@@ -7,7 +7,8 @@
 
 namespace tavrix {
 
-std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std::optional<std::string>& answers,
+std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files,
+                                              const std::optional<std::string>& answers,
                                               std::FILE* in, std::FILE* out, std::string* error) {
   if (answers) {
     auto file = AnswersFile::load(files, *answers, error);

@@ -42,7 +42,8 @@ class TerminalOperator : public Operator {
 // The operator of a headless run: answers from the file `answers` when one
 // is given, else questions at the terminal when `in` is one, else no
 // answers at all. nullptr with a message when the answers file cannot be read.
-std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files, const std::optional<std::string>& answers,
+std::unique_ptr<Operator> MakeConsoleOperator(const FileSystem& files,
+                                              const std::optional<std::string>& answers,
                                               std::FILE* in, std::FILE* out, std::string* error);
 
 }  // namespace tavrix

@@ -70,7 +70,8 @@ bool ConfirmOverwrite(const CryptOptions& options, const std::string& destinatio
                       std::FILE* err) {
   if (options.yes) return true;
   std::string operatorError;
-  std::unique_ptr<Operator> op = MakeConsoleOperator(localFiles(), options.answers, in, err, &operatorError);
+  std::unique_ptr<Operator> op =
+      MakeConsoleOperator(localFiles(), options.answers, in, err, &operatorError);
   if (!op) {
     std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
     return false;

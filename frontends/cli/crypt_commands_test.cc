@@ -3,9 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-
-#include "crypto/tea.h"
 #include "cli_test_support.h"
+#include "crypto/tea.h"
 #include "run_command.h"
 
 namespace tavrix {
@@ -88,8 +87,8 @@ TEST_F(CryptCliTest, FailuresLeaveNoFileAndSayWhy) {
   EXPECT_EQ(Count(), 2u);  // a.xme, empty.wte
 
   EXPECT_EQ(Cli({"decrypt", Path("notes.doc")}), kCryptUsage);
-  EXPECT_THAT(err_, HasSubstr("File extension not recognised by encrypt software: " +
-                              Path("notes.doc")));
+  EXPECT_THAT(err_,
+              HasSubstr("File extension not recognised by encrypt software: " + Path("notes.doc")));
   EXPECT_EQ(Cli({"decrypt", dir_ + "/noextension"}), kCryptUsage);
   // The first "." splits the name, so a dotted folder is not recognised.
   EXPECT_EQ(Cli({"decrypt", "/tmp/test.old/seq.wte"}), kCryptUsage);

@@ -4,9 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "common/file_system.h"
-
 #include "cli_test_support.h"
+#include "common/file_system.h"
 #include "common/paths.h"
 #include "common/text_file.h"
 
@@ -30,7 +29,8 @@ class LintTest : public ::testing::Test {
     EXPECT_TRUE(LintSequenceFile(Write("s.wts", lines), paths_, messages, &error)) << error;
     std::vector<std::string> out;
     for (const auto& m : messages) {
-      out.push_back(std::to_string(m.line) + ": " + (m.error ? "error" : "warning") + ": " + m.text);
+      out.push_back(std::to_string(m.line) + ": " + (m.error ? "error" : "warning") + ": " +
+                    m.text);
     }
     return out;
   }
@@ -44,38 +44,59 @@ using Msgs = std::vector<std::string>;
 
 TEST_F(LintTest, AGoodSequenceHasNothingToReport) {
   Write("sub.wts", {"PART2:", "RETURN"});
-  EXPECT_EQ(Lint({"[HELPTEXT]", "Wait, then GOTO nowhere", "[END]", "' a comment", "START:",
-                  "EXECUTEDEFINE cool, GOTO START", "ONTIMEOUT 60, COOL", "ONTIMEOUT 60, START",
-                  "WAITSECONDS 0.5", "RAMP DAC1, 0 to 10 over 5 in 10", "[GROUPRAMPS]",
-                  "RAMP A, 0 TO 1 OVER 1 IN 10", "ramp B, 5 TO 0 OVER 2 IN 4", "[END]",
+  EXPECT_EQ(Lint({"[HELPTEXT]",
+                  "Wait, then GOTO nowhere",
+                  "[END]",
+                  "' a comment",
+                  "START:",
+                  "EXECUTEDEFINE cool, GOTO START",
+                  "ONTIMEOUT 60, COOL",
+                  "ONTIMEOUT 60, START",
+                  "WAITSECONDS 0.5",
+                  "RAMP DAC1, 0 to 10 over 5 in 10",
+                  "[GROUPRAMPS]",
+                  "RAMP A, 0 TO 1 OVER 1 IN 10",
+                  "ramp B, 5 TO 0 OVER 2 IN 4",
+                  "[END]",
                   "SINEOUT DAC2, AMPLITUDE 2 OFFSET 1 FREQUENCY 1 CYCLES 2 PEAK TO P1",
-                  "PULSEOUTPUT DO1, lo, 32000", "CHECK T1 <> 5, START", "WAIT T1 > 50",
+                  "PULSEOUTPUT DO1, lo, 32000",
+                  "CHECK T1 <> 5, START",
+                  "WAIT T1 > 50",
                   "MT_MAINTAIN HOLD LOAD AT 5 USING OUT WITH RATE 1 GAIN 2",
-                  "MT_RAMP 0 TO 10 OVER 10 IN 10 AT LOAD USING OUT", "LOOPCHECK 3, START",
-                  "AFTERTIMECOUNT 2, minutes, START", "ENTEROKCANCEL Ready?, START", "CHAIN sub.wts, PART2",
-                  "CHAIN c:\\sub.wts", "SELECTMENU Which?, START, START", "STOP"}),
+                  "MT_RAMP 0 TO 10 OVER 10 IN 10 AT LOAD USING OUT",
+                  "LOOPCHECK 3, START",
+                  "AFTERTIMECOUNT 2, minutes, START",
+                  "ENTEROKCANCEL Ready?, START",
+                  "CHAIN sub.wts, PART2",
+                  "CHAIN c:\\sub.wts",
+                  "SELECTMENU Which?, START, START",
+                  "STOP"}),
             Msgs{});
 }
 
 TEST_F(LintTest, NearKeywordsAreWarnedAbout) {
-  EXPECT_EQ(Lint({"WAITSECONDSX 5", "WAIT,5", "WIATSECONDS 5", "CONTINUE please", "LABEL:", "HELLO there"}),
-            (Msgs{"1: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you mean WAITSECONDS?",
-                  "2: warning: \"WAIT,5\" is no keyword and is ignored; did you mean WAIT?",
-                  "3: warning: \"WIATSECONDS\" is no keyword and is ignored; did you mean WAITSECONDS?",
-                  "4: warning: \"CONTINUE\" is no keyword and is ignored; did you mean CONTINUEOK?"}));
+  EXPECT_EQ(
+      Lint({"WAITSECONDSX 5", "WAIT,5", "WIATSECONDS 5", "CONTINUE please",
+            "LABEL:", "HELLO there"}),
+      (Msgs{"1: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you mean WAITSECONDS?",
+            "2: warning: \"WAIT,5\" is no keyword and is ignored; did you mean WAIT?",
+            "3: warning: \"WIATSECONDS\" is no keyword and is ignored; did you mean WAITSECONDS?",
+            "4: warning: \"CONTINUE\" is no keyword and is ignored; did you mean CONTINUEOK?"}));
 }
 
 TEST_F(LintTest, JumpsToMissingLabelsAreErrors) {
   Write("sub.wts", {"STOP"});
-  EXPECT_EQ(Lint({"GOTO NOWHERE", "CHECK T1 > 5, HOT", "LOOPCHECK 2, OUT", "ENTEROKCANCEL Go?, BACK",
-                  "AFTERTIMECOUNT 1, HOURS, LATE", "ONTIMEOUT 10, TIMEDOUT", "CHAIN sub.wts, PART2",
-                  "CHAIN missing.wts", "SELECTMENU Pick, A", "EXECUTEDEFINE undefined"}),
-            (Msgs{"1: error: Label NOWHERE: does not exist", "2: error: Label HOT: does not exist",
-                  "3: error: Label OUT: does not exist", "4: error: Label BACK: does not exist",
-                  "5: error: Label LATE: does not exist", "6: error: Label TIMEDOUT: does not exist",
-                  "7: error: Label PART2: does not exist in " + dir_ + "/sub.wts",
-                  "8: error: Chain - Cannot open sequence file " + dir_ + "/missing.wts: No such file or directory",
-                  "9: error: Label A: does not exist", "10: error: Define undefined: does not exist"}));
+  EXPECT_EQ(
+      Lint({"GOTO NOWHERE", "CHECK T1 > 5, HOT", "LOOPCHECK 2, OUT", "ENTEROKCANCEL Go?, BACK",
+            "AFTERTIMECOUNT 1, HOURS, LATE", "ONTIMEOUT 10, TIMEDOUT", "CHAIN sub.wts, PART2",
+            "CHAIN missing.wts", "SELECTMENU Pick, A", "EXECUTEDEFINE undefined"}),
+      (Msgs{"1: error: Label NOWHERE: does not exist", "2: error: Label HOT: does not exist",
+            "3: error: Label OUT: does not exist", "4: error: Label BACK: does not exist",
+            "5: error: Label LATE: does not exist", "6: error: Label TIMEDOUT: does not exist",
+            "7: error: Label PART2: does not exist in " + dir_ + "/sub.wts",
+            "8: error: Chain - Cannot open sequence file " + dir_ +
+                "/missing.wts: No such file or directory",
+            "9: error: Label A: does not exist", "10: error: Define undefined: does not exist"}));
 }
 
 TEST_F(LintTest, ParametersAndSetupStringsThatWillNotParse) {
@@ -106,8 +127,9 @@ TEST_F(LintTest, GroupRampBlocksHoldOnlyRampsAndEnd) {
                   "3: error: Group Ramps: a non-Ramp command has been found"}));
   EXPECT_EQ(Lint({"[GROUPRAMPS]", "RAMP A, 0 TO 1 OVER 1 IN 10"}),
             (Msgs{"1: error: [GROUPRAMPS] block has no [END]"}));
-  EXPECT_EQ(Lint({"[HELPTEXT]", "text"}),
-            (Msgs{"1: warning: [HELPTEXT] section has no [END]: the rest of the file is help text"}));
+  EXPECT_EQ(
+      Lint({"[HELPTEXT]", "text"}),
+      (Msgs{"1: warning: [HELPTEXT] section has no [END]: the rest of the file is help text"}));
 }
 
 TEST_F(LintTest, ExitStatusAndOutputLikeACompiler) {

@@ -116,7 +116,8 @@ TEST_F(MapCliTest, LintNamesChannelsTheMapLacksAndWritesItCannotMake) {
   EXPECT_EQ(Cli({"lint", "--link", "map:" + map_, lines}), 1);
   EXPECT_EQ(out_, lines + ":1: error: SEND writes OVEN, which the I/O map makes read-only\n" +
                       lines + ":2: error: Channel TEMP9 is not in the I/O map " + map_ + "\n" +
-                      lines + ":6: error: MT_RAMP writes OVEN, which the I/O map makes read-only\n");
+                      lines +
+                      ":6: error: MT_RAMP writes OVEN, which the I/O map makes read-only\n");
   EXPECT_EQ(Cli({"lint", lines}), 0);
   EXPECT_EQ(Cli({"lint", "--link", "tcp://127.0.0.1:1", lines}), 2);
   EXPECT_NE(err_.find("--link map:FILE"), std::string::npos) << err_;

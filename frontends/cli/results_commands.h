@@ -42,9 +42,9 @@ struct ResultsOptions {
   std::optional<int> limit;  // list: 50 unless given; 0 all
   bool json = false;
   bool csv = false;
-  std::string output;  // export: a file instead of standard output
-  std::string folder;  // import
-  bool retry = false;  // queue
+  std::string output;      // export: a file instead of standard output
+  std::string folder;      // import
+  bool retry = false;      // queue
   bool firstPass = false;  // yield
   std::string check;       // cpk
   int step = 0;            // cpk: the check at this stage only

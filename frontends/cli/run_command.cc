@@ -10,6 +10,7 @@
 #include <set>
 #include <thread>
 
+#include "answer_relay.h"
 #include "build_version.h"
 #include "common/checked_numbers.h"
 #include "common/civil_time.h"
@@ -30,12 +31,11 @@
 #include "platform/console.h"
 #include "platform/timer_resolution.h"
 #include "results_commands.h"
-#include "answer_relay.h"
-#include "serve_command.h"
-#include "shell_session.h"
 #include "resultsdb/results_feed.h"
 #include "run_control.h"
 #include "sequencer/sequence_file.h"
+#include "serve_command.h"
+#include "shell_session.h"
 #include "simulated_devices.h"
 #include "station_run.h"
 #ifndef _WIN32
@@ -310,9 +310,9 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
 
   // The terminal view, unless the trace takes standard output.
   const bool traceToOut = options.trace && *options.trace == "-";
-  TerminalView view(*op, out, traceToOut ? err : out,
-                    !traceToOut && !options.quiet && !options.shell &&
-                        TerminalView::IsTerminal(out));
+  TerminalView view(
+      *op, out, traceToOut ? err : out,
+      !traceToOut && !options.quiet && !options.shell && TerminalView::IsTerminal(out));
   // On a terminal, keys drive the run; they stand before the view so that
   // no key is read once a question is on its way to the screen.
   TerminalKeys keys(view);
@@ -373,15 +373,15 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   Sequencer& seq = engine.sequencer();
   // Every run keeps its trace in the data root, whether or not --trace asks
   // for one as well.
-  RunRecording record(engine,
-                      {options.shell    ? std::string("(shell)")
-                       : options.resume ? (interrupted.sequence.empty() ? interrupted.path
-                                                                        : interrupted.sequence)
-                                        : options.sequence,
-                       {},
-                       options.shell ? "shell" : "cli",
-                       engine.clock().now()},
-                      recordLimits, err);
+  RunRecording record(
+      engine,
+      {options.shell    ? std::string("(shell)")
+       : options.resume ? (interrupted.sequence.empty() ? interrupted.path : interrupted.sequence)
+                        : options.sequence,
+       {},
+       options.shell ? "shell" : "cli",
+       engine.clock().now()},
+      recordLimits, err);
 
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
@@ -611,7 +611,8 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
                 std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
-  app.set_version_flag("--version", VersionText(), "Show the version and the commit it was built from");
+  app.set_version_flag("--version", VersionText(),
+                       "Show the version and the commit it was built from");
   RunOptions run;
   CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
   runCommand->add_flag("--virtual-time", run.virtualTime,
@@ -693,9 +694,10 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
   RunOptions shell;
   shell.shell = true;
   shell.companions = run.companions;
-  CLI::App* shellCommand = app.add_subcommand(
-      "shell", "Run each line typed on the rig at once (.read CH, .channels, .watch CH, "
-               ".trace FILE, .quit)");
+  CLI::App* shellCommand =
+      app.add_subcommand("shell",
+                         "Run each line typed on the rig at once (.read CH, .channels, .watch CH, "
+                         ".trace FILE, .quit)");
   shellCommand->add_option("--setup", shell.setup, "Hardware setup (.ims) to load first");
   shellCommand->add_option("--link", shell.link,
                            "The instrument link: sim (default), dll (Windows), tcp://HOST:PORT or "

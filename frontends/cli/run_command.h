@@ -3,9 +3,9 @@
 // only ever grow.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,15 +15,16 @@
 namespace tavrix {
 
 // Exit statuses of `tavrix-cli run`.
-constexpr int kExitOk = 0;           // end of file or STOP, no sequence error
-constexpr int kExitSequenceError = 1; // a sequence error report (or an unanswered question), or a
-                                      // command that ends the program (a calculated channel setup
-                                      // that cannot be loaded)
-constexpr int kExitUsage = 2;        // bad usage or an unreadable sequence file
-constexpr int kExitStopped = 3;      // Stop or an abort ended the run
-constexpr int kExitOutputLost = 6;    // the run ended but some of its output was lost (in place of 0 and 4)
-constexpr int kExitUutFailed = 4;    // no sequence error, but a UUT failed its test
-constexpr int kExitLimit = 5;        // --stop-after or --max-lines ended the run
+constexpr int kExitOk = 0;             // end of file or STOP, no sequence error
+constexpr int kExitSequenceError = 1;  // a sequence error report (or an unanswered question), or a
+                                       // command that ends the program (a calculated channel setup
+                                       // that cannot be loaded)
+constexpr int kExitUsage = 2;          // bad usage or an unreadable sequence file
+constexpr int kExitStopped = 3;        // Stop or an abort ended the run
+constexpr int kExitOutputLost =
+    6;  // the run ended but some of its output was lost (in place of 0 and 4)
+constexpr int kExitUutFailed = 4;  // no sequence error, but a UUT failed its test
+constexpr int kExitLimit = 5;      // --stop-after or --max-lines ended the run
 
 // On a virtual clock, this many lines dispatched without the clock moving
 // earn one warning that the run loops without a wait.
@@ -48,7 +49,7 @@ struct RunOptions {
   // The command line's default is "programs" where the system has them.
   std::string companions = "record";
   // The instrument link.
-  std::optional<std::string> setup;               // a hardware setup (.ims) loaded before the first line
+  std::optional<std::string> setup;  // a hardware setup (.ims) loaded before the first line
   std::string link;  // "sim", "dll" or "tcp://HOST:PORT"; "" for the settings file's, else "sim"
   std::optional<std::string> linkKey;             // key file for a rig server that asks for one
   std::optional<int> replyTimeout;                // seconds; sets the reply time-out on
@@ -105,6 +106,7 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
 int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err);
 
 // The whole command line of tavrix-cli.
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out, std::FILE* err);
+int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
+                  std::FILE* err);
 
 }  // namespace tavrix

@@ -1,11 +1,6 @@
 #include "run_command.h"
 
 #include <gtest/gtest.h>
-
-#include <cstdio>
-#include <fstream>
-#include <regex>
-#include <sstream>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -15,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -36,7 +32,8 @@ class CliTest : public CliTestBase {
 };
 
 TEST_F(CliTest, TraceOfAVirtualTimeRun) {
-  const std::string seq = File("a.wts", "WAITSECONDS 3600\r\nENTEROKCANCEL Hot?\rok?, OUT\r\nOUT:\r\n");
+  const std::string seq =
+      File("a.wts", "WAITSECONDS 3600\r\nENTEROKCANCEL Hot?\rok?, OUT\r\nOUT:\r\n");
   const std::string answers = File("a.ans", "# the operator\n\nENTEROKCANCEL: Cancel\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--start", "2026-03-01 12:00:00", "--answers", answers,
                  "--trace", "-", seq}),
@@ -57,8 +54,9 @@ TEST_F(CliTest, TraceOfAVirtualTimeRun) {
 
 TEST_F(CliTest, VersionNamesTheReleaseAndTheCommit) {
   EXPECT_EQ(Cli({"--version"}), kExitOk);
-  EXPECT_TRUE(std::regex_match(out_, std::regex("tavrix-cli " TAVRIX_EXPECTED_VERSION
-                                                " \\(commit ([0-9a-f]{12}|unknown)(\\+changes)?\\)\n")))
+  EXPECT_TRUE(
+      std::regex_match(out_, std::regex("tavrix-cli " TAVRIX_EXPECTED_VERSION
+                                        " \\(commit ([0-9a-f]{12}|unknown)(\\+changes)?\\)\n")))
       << out_;
   // A subcommand cannot stand in for the version, nor the version for it.
   EXPECT_EQ(Cli({"run", "--version"}), kExitUsage);
@@ -68,51 +66,61 @@ TEST_F(CliTest, ExitStatusTellsHowTheRunEnded) {
   EXPECT_EQ(Cli({"run", "--virtual-time", File("stop.wts", "STOP\r\nWAITSECONDS 0\r\n")}), kExitOk);
   const std::string bad = File("bad.wts", "WAITSECONDS 1\r\nGOTO NOWHERE\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", bad}), kExitSequenceError);
-  EXPECT_NE(err_.find("Error on line: 2\nLabel NOWHERE: does not exist"), std::string::npos) << err_;
+  EXPECT_NE(err_.find("Error on line: 2\nLabel NOWHERE: does not exist"), std::string::npos)
+      << err_;
   EXPECT_NE(out_.find(R"("ev":"message","title":"CV-TAVRIX","text":"Sequence file: )" + bad +
                       R"(\rError on line: 2\rLabel NOWHERE: does not exist"})"),
             std::string::npos)
       << out_;
   EXPECT_NE(out_.find(R"("ev":"end","reason":"error","code":1})"), std::string::npos);
   // A question with no answer: a clear message, status 1, no hang.
-  EXPECT_EQ(Cli({"run", "--virtual-time", File("q.wts", "CONTINUEOK Ready?\r\n")}), kExitSequenceError);
+  EXPECT_EQ(Cli({"run", "--virtual-time", File("q.wts", "CONTINUEOK Ready?\r\n")}),
+            kExitSequenceError);
   EXPECT_NE(err_.find("No answer to the CONTINUEOK question"), std::string::npos) << err_;
   const std::string wrong = File("wrong.ans", "ENTEROKCANCEL: Maybe\n");
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--answers", wrong, File("e.wts", "ENTEROKCANCEL Go?, X\r\n")}),
-            kExitSequenceError);
+  EXPECT_EQ(
+      Cli({"run", "--virtual-time", "--answers", wrong, File("e.wts", "ENTEROKCANCEL Go?, X\r\n")}),
+      kExitSequenceError);
   EXPECT_NE(err_.find("none of its buttons (OK, Cancel)"), std::string::npos) << err_;
 }
 
 TEST_F(CliTest, CalculatedChannelsRunOnTheRigAndASetupThatCannotLoadEndsTheProgram) {
-  const std::string rig = File("calc_rig.ims", "  10001 E=1 N=IN V=2\n  10002 E=1 N=OUT\n  10003 E=1 N=SW V=0\n");
+  const std::string rig =
+      File("calc_rig.ims", "  10001 E=1 N=IN V=2\n  10002 E=1 N=OUT\n  10003 E=1 N=SW V=0\n");
   File("AB.ccs",
        "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\nSOURCE=IN\r\nNEWNAME=OUT\r\n"
        "PARAM1=3\r\n[END CHANNEL]\r\n");
-  File("LG.ccs",
-       "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=LOGGER ON/OFF\r\nSOURCE=SW\r\n[END CHANNEL]\r\n");
-  const std::string good = File("good.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " + dir_ +
-                                                "/AB.ccs, 2\r\nCC_START\r\nWAITSECONDS 5\r\n"
-                                                "CHECK OUT = 6, bad\r\nSTOP\r\nbad:\r\nGOTO nowhere\r\n");
+  File(
+      "LG.ccs",
+      "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=LOGGER ON/OFF\r\nSOURCE=SW\r\n[END CHANNEL]\r\n");
+  const std::string good =
+      File("good.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " + dir_ +
+                           "/AB.ccs, 2\r\nCC_START\r\nWAITSECONDS 5\r\n"
+                           "CHECK OUT = 6, bad\r\nSTOP\r\nbad:\r\nGOTO nowhere\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", good}), kExitOk) << err_;
 
-  const std::string logger = File("logger.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " +
-                                                    dir_ + "/LG.ccs, 1\r\nCC_START\r\nWAITSECONDS 3\r\n");
+  const std::string logger =
+      File("logger.wts", "IMSFILESPEC " + rig + "\r\nSTARTCALCULATEDCHANNELS " + dir_ +
+                             "/LG.ccs, 1\r\nCC_START\r\nWAITSECONDS 3\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", logger}), kExitOk) << err_;
   int stops = 0;
   for (const auto& line : TraceLines()) {
-    if (line.find(R"("ev":"companion","kind":"execute","topic":"LG_Raw|System","item":"Status","text":"Stop"})") !=
+    if (line.find(
+            R"("ev":"companion","kind":"execute","topic":"LG_Raw|System","item":"Status","text":"Stop"})") !=
         std::string::npos) {
       ++stops;
     }
   }
   EXPECT_EQ(stops, 1) << out_;
 
-  const std::string bad = File("bad.wts", "STARTCALCULATEDCHANNELS " + dir_ + "/none.ccs, 1\r\nSTOP\r\n");
+  const std::string bad =
+      File("bad.wts", "STARTCALCULATEDCHANNELS " + dir_ + "/none.ccs, 1\r\nSTOP\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "-", bad}), kExitSequenceError);
   const auto lines = TraceLines();
   ASSERT_GE(lines.size(), 2u);
-  EXPECT_NE(out_.find("Unable to find or process calculated channel setup file:\\r" + dir_ + "/none.ccs"),
-            std::string::npos)
+  EXPECT_NE(
+      out_.find("Unable to find or process calculated channel setup file:\\r" + dir_ + "/none.ccs"),
+      std::string::npos)
       << out_;
   EXPECT_EQ(out_.find("\"text\":\"STOP\""), std::string::npos);  // the program ended at once
   EXPECT_NE(lines.back().find(R"("reason":"error","code":1)"), std::string::npos) << lines.back();
@@ -126,7 +134,8 @@ TEST_F(CliTest, BadUsageAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(Cli({"run", dir_}), kExitUsage);
   EXPECT_EQ(Cli({"run"}), kExitUsage);
   EXPECT_EQ(Cli({"fly"}), kExitUsage);
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--start", "2026-02-30 10:00:00", File("s.wts", "")}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--virtual-time", "--start", "2026-02-30 10:00:00", File("s.wts", "")}),
+            kExitUsage);
   EXPECT_EQ(Cli({"run", "--answers", dir_ + "/none.ans", File("t.wts", "")}), kExitUsage);
   EXPECT_EQ(Cli({"run", "--trace", dir_ + "/no/such/dir/t.jsonl", File("u.wts", "")}), kExitUsage);
 }
@@ -139,11 +148,14 @@ TEST_F(CliTest, AFileOfOverThirtyTwoThousandLinesEndsWithAClearError) {
 }
 
 TEST_F(CliTest, TheInstrumentLinkOptions) {
-  const std::string rig = File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
-  const std::string seq = File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
+  const std::string rig =
+      File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
+  const std::string seq =
+      File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--trace", "-", seq}), kExitOk) << err_;
   const std::string simTrace = out_;
-  EXPECT_NE(simTrace.find(R"("ev":"iml","dev":1,"cmd":"WRI HEATER 80","reply":null})"), std::string::npos);
+  EXPECT_NE(simTrace.find(R"("ev":"iml","dev":1,"cmd":"WRI HEATER 80","reply":null})"),
+            std::string::npos);
 
   // The same run over a rig server gives the same trace.
   std::string link;
@@ -171,19 +183,23 @@ TEST_F(CliTest, TheInstrumentLinkOptions) {
   EXPECT_EQ(Cli({"run", "--setup", File("bad.ims", "rubbish\n"), seq}), kExitUsage);
   EXPECT_NE(err_.find("bad.ims line 1: "), std::string::npos) << err_;
   EXPECT_EQ(Cli({"run", "--reply-timeout", "-1", seq}), kExitUsage);
-  EXPECT_EQ(Cli({"run", "--instrument-settings", File("i.cfg", "colour = red\n"), seq}), kExitUsage);
+  EXPECT_EQ(Cli({"run", "--instrument-settings", File("i.cfg", "colour = red\n"), seq}),
+            kExitUsage);
   EXPECT_NE(err_.find("i.cfg line 1: unknown setting \"colour\""), std::string::npos) << err_;
   // Without hardware every channel reads 0, so the wait never ends by itself:
   // a channel that is not there is not an error either.
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--no-hardware", File("nh.wts", "WAIT OVEN < 1\r\nCHECK X = 0, L\r\nSTOP\r\nL:\r\nGOTO NOWHERE\r\n")}),
-            kExitOk)
+  EXPECT_EQ(
+      Cli({"run", "--virtual-time", "--no-hardware",
+           File("nh.wts", "WAIT OVEN < 1\r\nCHECK X = 0, L\r\nSTOP\r\nL:\r\nGOTO NOWHERE\r\n")}),
+      kExitOk)
       << err_;
   // No setup is loaded without hardware: a ramp goes on past its failed
   // writes, a SEND cannot find its channel.
   EXPECT_EQ(Cli({"run", "--virtual-time", "--no-hardware", "--setup", rig, "--trace", "-",
                  File("nhw.wts", "RAMP HEATER, 0 TO 1 OVER 1 IN 2\r\nSEND HEATER, 80\r\n")}),
             kExitSequenceError);
-  EXPECT_NE(err_.find("Error on line: 2\nChannel name - HEATER - does not exist"), std::string::npos)
+  EXPECT_NE(err_.find("Error on line: 2\nChannel name - HEATER - does not exist"),
+            std::string::npos)
       << err_;
   EXPECT_EQ(out_.find("\"ev\":\"iml\""), std::string::npos) << out_;
   EXPECT_EQ(Cli({"rig", "--listen", "nowhere", "--setup", rig}), kExitUsage);
@@ -214,8 +230,10 @@ TEST_F(CliTest, TheRigCommandLetsOtherComputersInOnlyWithAKey) {
 
   // A keyed server on loopback: the run with the key traces as the run on
   // the simulated rig; the run without it does not start.
-  const std::string rig = File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
-  const std::string seq = File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
+  const std::string rig =
+      File("rig.ims", "D 1\n  10001 E=1 N=HEATER\n  10002 E=1 N=OVEN V=20 FOLLOW=HEATER LAG=5\n");
+  const std::string seq =
+      File("heat.wts", "SEND HEATER, 80\r\nWAIT OVEN > 50\r\nSEND HEATER, 0\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--setup", rig, "--trace", "-", seq}), kExitOk) << err_;
   const std::string simTrace = out_;
   {
@@ -267,16 +285,20 @@ namespace {
 TEST_F(CliTest, LostOutputIsReportedAndEndsWithSix) {
   const std::string seq = File("a.wts", "WAITSECONDS 5\r\nSTOP\r\n");
   EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "/dev/full", seq}), kExitOutputLost);
-  EXPECT_NE(err_.find("tavrix-cli: output lost: Cannot write \"/dev/full\": No space left on device"),
+  EXPECT_NE(
+      err_.find("tavrix-cli: output lost: Cannot write \"/dev/full\": No space left on device"),
+      std::string::npos)
+      << err_;
+  EXPECT_EQ(err_.find("output lost:", err_.find("output lost:") + 1), std::string::npos)
+      << "reported once";
+  EXPECT_NE(err_.find("tavrix-cli: lost "), std::string::npos) << err_;
+  EXPECT_NE(err_.find("the run ended (no UUT failed) but some of its output was lost"),
             std::string::npos)
       << err_;
-  EXPECT_EQ(err_.find("output lost:", err_.find("output lost:") + 1), std::string::npos) << "reported once";
-  EXPECT_NE(err_.find("tavrix-cli: lost "), std::string::npos) << err_;
-  EXPECT_NE(err_.find("the run ended (no UUT failed) but some of its output was lost"), std::string::npos)
-      << err_;
   // A sequence error keeps its own status.
-  EXPECT_EQ(Cli({"run", "--virtual-time", "--trace", "/dev/full", File("b.wts", "GOTO NOWHERE\r\n")}),
-            kExitSequenceError);
+  EXPECT_EQ(
+      Cli({"run", "--virtual-time", "--trace", "/dev/full", File("b.wts", "GOTO NOWHERE\r\n")}),
+      kExitSequenceError);
 }
 
 // Closing the terminal (SIGHUP) during a real-time wait ends the run as Stop
@@ -291,7 +313,8 @@ TEST_F(CliTest, AClosedTerminalStopsTheRun) {
     dup2(out[1], 1);
     close(out[0]);
     close(out[1]);
-    execl(TAVRIX_CLI_PATH, "tavrix-cli", "run", "--trace", "-", seq.c_str(), static_cast<char*>(nullptr));
+    execl(TAVRIX_CLI_PATH, "tavrix-cli", "run", "--trace", "-", seq.c_str(),
+          static_cast<char*>(nullptr));
     _exit(127);
   }
   close(out[1]);
@@ -311,7 +334,8 @@ TEST_F(CliTest, AClosedTerminalStopsTheRun) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), kExitStopped);
-  EXPECT_NE(trace.find("\"ev\":\"end\",\"reason\":\"abort\",\"code\":3"), std::string::npos) << trace;
+  EXPECT_NE(trace.find("\"ev\":\"end\",\"reason\":\"abort\",\"code\":3"), std::string::npos)
+      << trace;
 }
 
 // With a person at the terminal, SIGTERM or SIGINT while one of the

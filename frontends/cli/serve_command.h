@@ -21,7 +21,7 @@ struct ServeOptions {
   std::string tokenFile;
   std::string controlTokenFile;
   bool allowControl = false;
-  std::string station;  // the name the station publishes its runs under
+  std::string station;        // the name the station publishes its runs under
   std::string resultsFolder;  // where results files are served from
 };
 

@@ -49,8 +49,7 @@ char* NextCompletion(const char* text, int state) {
   const size_t length = std::strlen(text);
   while (next < words.size()) {
     const std::string& word = words[next++];
-    if (word.size() >= length &&
-        std::equal(text, text + length, word.begin(), [](char a, char b) {
+    if (word.size() >= length && std::equal(text, text + length, word.begin(), [](char a, char b) {
           return std::toupper(static_cast<unsigned char>(a)) ==
                  std::toupper(static_cast<unsigned char>(b));
         })) {
@@ -82,7 +81,8 @@ ShellSession::ShellSession(Engine& engine, std::FILE* in, std::FILE* out, bool i
     if (Instrument* instrument = engine_.instrument()) {
       for (const auto& record : instrument->channels().records()) words.push_back(record.name);
     }
-    for (const char* dot : {".read", ".channels", ".watch", ".trace", ".quit"}) words.push_back(dot);
+    for (const char* dot : {".read", ".channels", ".watch", ".trace", ".quit"})
+      words.push_back(dot);
   }
   reader_ = std::thread(ReadLines, shared_, in_, interactive_, historyFile_, std::move(words));
 }
@@ -143,7 +143,8 @@ void ShellSession::ReadLines(std::shared_ptr<Shared> shared, std::FILE* in, bool
         if (got.line.find_first_not_of(" \t") != std::string::npos) {
           add_history(line);
           if (!historyFile.empty()) {
-            if (write_history(historyFile.c_str()) == 0) history_truncate_file(historyFile.c_str(), 1000);
+            if (write_history(historyFile.c_str()) == 0)
+              history_truncate_file(historyFile.c_str(), 1000);
           }
         }
         std::free(line);

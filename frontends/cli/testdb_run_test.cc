@@ -7,7 +7,6 @@
 
 #include "cli_test_support.h"
 #include "common/file_system.h"
-
 #include "run_command.h"
 
 namespace tavrix {

@@ -26,7 +26,7 @@ struct ServerOptions {
   // The folder a unit's results files are served from; a file the store
   // names elsewhere (or that leads elsewhere by a link) is not served.
   std::string resultsFolder;
-  std::string tlsCert;     // PEM files; both or neither
+  std::string tlsCert;  // PEM files; both or neither
   std::string tlsKey;
   std::string tokenFile;         // key file of the viewers' token
   std::string controlTokenFile;  // key file of the token that may control runs

@@ -49,7 +49,8 @@ AnswersFile AnswersFile::parse(std::string_view text) {
   return file;
 }
 
-std::optional<AnswersFile> AnswersFile::load(const FileSystem& files, const std::string& path, std::string* error) {
+std::optional<AnswersFile> AnswersFile::load(const FileSystem& files, const std::string& path,
+                                             std::string* error) {
   std::string text;
   if (!readTextFile(files, path, text, error)) return std::nullopt;
   return parse(text);

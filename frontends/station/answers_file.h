@@ -9,21 +9,21 @@
 // untagged or tagged K; failing that a K* line; failing that it has no answer.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 
 class AnswersFile {
  public:
   struct Line {
-    int number = 0;     // line number in the file, from 1
-    std::string kind;   // empty: any kind
-    bool every = false; // "KIND*:"
+    int number = 0;      // line number in the file, from 1
+    std::string kind;    // empty: any kind
+    bool every = false;  // "KIND*:"
     std::string caption;
     bool used = false;
   };
@@ -31,7 +31,8 @@ class AnswersFile {
   // Parses the text of an answers file.
   static AnswersFile parse(std::string_view text);
   // Reads a file; std::nullopt with a message when it cannot be read.
-  static std::optional<AnswersFile> load(const FileSystem& files, const std::string& path, std::string* error);
+  static std::optional<AnswersFile> load(const FileSystem& files, const std::string& path,
+                                         std::string* error);
 
   // The answer to the next question of `kind` (the line is used up unless
   // it is a KIND* line); std::nullopt when no line answers it.

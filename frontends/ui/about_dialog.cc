@@ -24,9 +24,9 @@ AboutDialog::AboutDialog(QWidget* parent) : QDialog(parent) {
       tr("Test sequencer: runs test sequence files against the rig's acquisition devices,\n"
          "records the results of each unit under test and decrypts the rig's data files."));
   laDescription->setObjectName("laDescription");
-  auto* laVersion = new QLabel(tr("Version %1, commit %2")
-                                   .arg(QString::fromLatin1(BuildVersion()),
-                                        QString::fromLatin1(BuildCommit())));
+  auto* laVersion =
+      new QLabel(tr("Version %1, commit %2")
+                     .arg(QString::fromLatin1(BuildVersion()), QString::fromLatin1(BuildCommit())));
   laVersion->setObjectName("laVersion");
   laVersion->setTextInteractionFlags(Qt::TextSelectableByMouse);
   auto* laToolkit = new QLabel(tr("Desktop window on Qt %1").arg(QString::fromLatin1(qVersion())));

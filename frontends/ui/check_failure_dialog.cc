@@ -30,8 +30,8 @@ constexpr std::array<KeyItem, 3> kItems{{
 
 }  // namespace
 
-CheckFailureDialog::CheckFailureDialog(const Question& question, std::function<void(Answer)> answered,
-                                       QWidget* parent)
+CheckFailureDialog::CheckFailureDialog(const Question& question,
+                                       std::function<void(Answer)> answered, QWidget* parent)
     : QDialog(parent), answered_(std::move(answered)) {
   setObjectName("frmCheckFailure");
   setWindowTitle(question.title.empty() ? tr("Check Failure") : Text(question.title));

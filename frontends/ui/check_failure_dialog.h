@@ -20,7 +20,8 @@ namespace tavrix {
 
 class CheckFailureDialog : public QDialog {
  public:
-  CheckFailureDialog(const Question& question, std::function<void(Answer)> answered, QWidget* parent);
+  CheckFailureDialog(const Question& question, std::function<void(Answer)> answered,
+                     QWidget* parent);
   ~CheckFailureDialog() override;
 
   void reject() override {}  // Escape and the close box choose nothing

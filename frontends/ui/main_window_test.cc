@@ -1061,9 +1061,7 @@ class MainWindowTest : public QObject {
 
     Find<QAction>(w, "mbReport")->trigger();
     ReportDialog* report = nullptr;
-    QTRY_VERIFY((report = Own<ReportDialog>(w)) !=
-                    nullptr &&
-                report->isVisible());
+    QTRY_VERIFY((report = Own<ReportDialog>(w)) != nullptr && report->isVisible());
     auto* table = Find<QTableWidget>(*report, "ebSequenceList");
     QStringList headings;
     for (int c = 0; c < table->columnCount(); ++c)
@@ -1090,9 +1088,7 @@ class MainWindowTest : public QObject {
     });
     QTRY_VERIFY(!verdict->isVisible());
     Find<QAction>(w, "mbReport")->trigger();
-    QTRY_VERIFY((report = Own<ReportDialog>(w)) !=
-                    nullptr &&
-                report->isVisible());
+    QTRY_VERIFY((report = Own<ReportDialog>(w)) != nullptr && report->isVisible());
     QCOMPARE(Find<QTableWidget>(*report, "ebSequenceList")->rowCount(), 0);
   }
 
@@ -1694,7 +1690,9 @@ class MainWindowTest : public QObject {
     Find<QAction>(w, "mbAbout")->trigger();
     QTRY_VERIFY(Find<QDialog>(w, "frmAbout")->isVisible());
     QCOMPARE(Find<QLabel>(w, "laProduct")->text(), w.windowTitle());
-    QVERIFY(Find<QLabel>(w, "laVersion")->text().startsWith("Version " TAVRIX_EXPECTED_VERSION ", commit "));
+    QVERIFY(Find<QLabel>(w, "laVersion")
+                ->text()
+                .startsWith("Version " TAVRIX_EXPECTED_VERSION ", commit "));
   }
 
   void endTavrixClosesTheWindowAfterTheRun() {

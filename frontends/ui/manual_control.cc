@@ -71,9 +71,12 @@ void ManualControl::read() {
     } else {
       text = std::string(kTextUnableToRead) + channel + LinkError(*instrument);
     }
-    QMetaObject::invokeMethod(qApp, [self, text] {
-      if (self) self->show(Text(text));
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, text] {
+          if (self) self->show(Text(text));
+        },
+        Qt::QueuedConnection);
   });
 }
 
@@ -91,9 +94,12 @@ void ManualControl::write() {
     } else {
       text = "Unable to write to channel: " + channel + LinkError(*instrument);
     }
-    QMetaObject::invokeMethod(qApp, [self, text] {
-      if (self) self->show(Text(text));
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        qApp,
+        [self, text] {
+          if (self) self->show(Text(text));
+        },
+        Qt::QueuedConnection);
   });
 }
 

@@ -70,8 +70,8 @@ void QtOperator::showChannelValue(std::string_view channel, std::string_view val
 }
 
 void QtOperator::closeQuestion() {
-  QMetaObject::invokeMethod(&window_, [this] { window_.closeChannelDisplay(); },
-                            Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      &window_, [this] { window_.closeChannelDisplay(); }, Qt::QueuedConnection);
 }
 
 void QtOperator::minimiseWindow() {

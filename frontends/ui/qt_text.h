@@ -35,7 +35,8 @@ inline QString NameFilter(std::string_view filter) {
   const qsizetype paren = description.indexOf('(');
   if (paren >= 0) description.truncate(paren);
   QStringList patterns;
-  for (QString p : Text(filter.substr(bar + 1)).split(QRegularExpression("[,; ]"), Qt::SkipEmptyParts))
+  for (QString p :
+       Text(filter.substr(bar + 1)).split(QRegularExpression("[,; ]"), Qt::SkipEmptyParts))
     patterns << p.trimmed();
   return description.trimmed() + " (" + patterns.join(' ') + ")";
 }

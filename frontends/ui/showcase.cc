@@ -53,7 +53,8 @@ std::unique_ptr<Engine> RigEngine(Operator& op) {
   return engine;
 }
 
-std::string Sequence(const QTemporaryDir& dir, const char* name, const std::vector<std::string>& lines) {
+std::string Sequence(const QTemporaryDir& dir, const char* name,
+                     const std::vector<std::string>& lines) {
   const std::string path = dir.path().toStdString() + "/" + name;
   writeTextFileAtomically(localFiles(), path, lines, nullptr);
   return path;
@@ -127,7 +128,8 @@ int UnitScenes(const QString& dir) {
     QFile::copy(QString(TAVRIX_SOURCE_DIR "/examples/testdb/") + file, testdb + "/" + file);
   const QString before = QDir::currentPath();
   QDir::setCurrent(temp.path());  // the definition names its files from here
-  const std::string seq = Sequence(temp, "pump.wts",
+  const std::string seq = Sequence(
+      temp, "pump.wts",
       {"SEND FAN, 1200", "DB_DATAENTRY examples\\testdb\\pump_details.txt, DONE", "WAITSECONDS 3",
        "DB_STAGECHECK 1", "DB_STAGECHECK 2", "WAITSECONDS 600", "DONE:", "STOP"});
   int status = 0;
@@ -156,7 +158,9 @@ int UnitScenes(const QString& dir) {
     SaveScreen(dir, "question-over-report");
     if (QWidget* report = TopLevel("frmReport")) report->close();
     Find<QPushButton>(w, "pbOKcancelOK")->click();
-    WaitFor([&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds 600"); });
+    WaitFor([&] {
+      return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds 600");
+    });
     Save(w, dir, "unit-testing");
     Find<QPushButton>(w, "pbStop")->click();
     if (!WaitFor([&] { return state->text() == "PASS"; })) {
@@ -209,10 +213,10 @@ int StationScene(const QString& dir) {
 int Screenshots(const QString& dir) {
   QDir().mkpath(dir);
   QTemporaryDir temp;
-  const std::string seq = Sequence(temp, "warmup.wts",
-      {"[HELPTEXT]", "Warm the oven to 60 degC, then check the fan.", "[END]",
-       "SEND HEATER, 70", "CONTINUEOK Fit the unit under test and close the oven door",
-       "WAITSECONDS 600"});
+  const std::string seq = Sequence(
+      temp, "warmup.wts",
+      {"[HELPTEXT]", "Warm the oven to 60 degC, then check the fan.", "[END]", "SEND HEATER, 70",
+       "CONTINUEOK Fit the unit under test and close the oven door", "WAITSECONDS 600"});
   MainWindow w(RigEngine, seq);
   w.show();
   WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
@@ -231,8 +235,11 @@ int Screenshots(const QString& dir) {
   WaitFor([&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds"); });
   Save(w, dir, "main-window-running");
 
-  w.openQuestion({"UUTCHECK", "UUT Check", "Is the seal fitted and dry?",
-                  {"Pass", "Fail and Repeat", "Fail and Continue"}}, [](Answer) {});
+  w.openQuestion({"UUTCHECK",
+                  "UUT Check",
+                  "Is the seal fitted and dry?",
+                  {"Pass", "Fail and Repeat", "Fail and Continue"}},
+                 [](Answer) {});
   Save(w, dir, "panel-uut-check");
   Find<QPushButton>(w, "pbOKcancelOK")->click();
 
@@ -254,9 +261,12 @@ int Screenshots(const QString& dir) {
   chart->close();
 #endif
 
-  CheckFailureDialog failure({"CHECKFAILURE", "Check Failure",
-                              "Stage 3\rFlow  Value: 3.00  Min: 1  Max: 2\rF1: Ignore  F2 Repeat  F3: Fail and Abandon",
-                              {"Ignore", "Repeat", "Fail and Abandon"}}, [](Answer) {}, &w);
+  CheckFailureDialog failure(
+      {"CHECKFAILURE",
+       "Check Failure",
+       "Stage 3\rFlow  Value: 3.00  Min: 1  Max: 2\rF1: Ignore  F2 Repeat  F3: Fail and Abandon",
+       {"Ignore", "Repeat", "Fail and Abandon"}},
+      [](Answer) {}, &w);
   failure.show();
   Save(failure, dir, "check-failure");
 
@@ -283,7 +293,8 @@ int Screenshots(const QString& dir) {
   Find<QPushButton>(*menu->window(), "pbMenuOK")->click();
 
   w.showChannelValue("OVEN", "41.27");
-  w.openQuestion({"DOWITHSHOW", "", "Wait until the oven reads above 40 degC", {"Continue"}}, [](Answer) {});
+  w.openQuestion({"DOWITHSHOW", "", "Wait until the oven reads above 40 degC", {"Continue"}},
+                 [](Answer) {});
   auto* value = Find<QLabel>(w, "ladwsChannelValue");
   Save(*value->window(), dir, "channel-display");
   Find<QPushButton>(*value->window(), "answer_Continue")->click();
@@ -314,15 +325,18 @@ int Measure() {
     WaitFor([&] { return Find<QLabel>(w, "sRunStatus")->text() == "Stopped"; }, 20000);
     const double cpu = CpuSeconds() - cpu0;
     const double seconds = static_cast<double>(wall.elapsed()) / 1000;
-    std::printf("WAITSECONDS 10: %.2f s wall, %.3f s CPU (window and engine threads): %.2f %% of one core\n",
-                seconds, cpu, 100 * cpu / seconds);
+    std::printf(
+        "WAITSECONDS 10: %.2f s wall, %.3f s CPU (window and engine threads): %.2f %% of one "
+        "core\n",
+        seconds, cpu, 100 * cpu / seconds);
   }
   MainWindow w(RigEngine, Sequence(temp, "wait60.wts", {"WAITSECONDS 60"}));
   w.show();
   WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
   for (int i = 0; i < 5; ++i) {
     Find<QPushButton>(w, "pbRun")->click();
-    WaitFor([&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds"); });
+    WaitFor(
+        [&] { return Find<QLineEdit>(w, "sCurrentCommand")->text().startsWith("waitseconds"); });
     WaitFor([] { return false; }, 500);  // let the wait settle in
     QElapsedTimer clock;
     clock.start();

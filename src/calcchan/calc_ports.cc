@@ -30,17 +30,17 @@ bool InstrumentChannelPort::write(std::string_view name, std::string_view value,
 }
 
 CompanionExecute TracingCompanion(Trace& trace) {
-  return [&trace](std::string_view topic, std::string_view item, std::string_view text,
-                  std::string*) {
-    if (trace.enabled()) {
-      trace.event("companion")
-          .field("kind", "execute")
-          .field("topic", topic)
-          .field("item", item)
-          .field("text", text);
-    }
-    return true;
-  };
+  return
+      [&trace](std::string_view topic, std::string_view item, std::string_view text, std::string*) {
+        if (trace.enabled()) {
+          trace.event("companion")
+              .field("kind", "execute")
+              .field("topic", topic)
+              .field("item", item)
+              .field("text", text);
+        }
+        return true;
+      };
 }
 
 }  // namespace tavrix

@@ -36,10 +36,10 @@ inline constexpr std::string_view kLoSwitch = "LO SWITCH";
 }  // namespace calc_type
 
 inline constexpr std::array<std::string_view, 17> kCalcChannelTypes = {
-    calc_type::kFormula,  calc_type::kLoggerOnOff, calc_type::kRefer,    calc_type::kReferStp,
-    calc_type::kAverage,  calc_type::kCheck95,     calc_type::kCheck95B, calc_type::kDaily,
-    calc_type::kHiAlarm,  calc_type::kLoAlarm,     calc_type::kScale,    calc_type::kReport,
-    calc_type::kCremAvg,  calc_type::kMinimum,     calc_type::kMaximum,  calc_type::kHiSwitch,
+    calc_type::kFormula, calc_type::kLoggerOnOff, calc_type::kRefer,    calc_type::kReferStp,
+    calc_type::kAverage, calc_type::kCheck95,     calc_type::kCheck95B, calc_type::kDaily,
+    calc_type::kHiAlarm, calc_type::kLoAlarm,     calc_type::kScale,    calc_type::kReport,
+    calc_type::kCremAvg, calc_type::kMinimum,     calc_type::kMaximum,  calc_type::kHiSwitch,
     calc_type::kLoSwitch};
 
 bool IsCalcChannelType(std::string_view type);

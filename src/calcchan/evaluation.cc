@@ -47,7 +47,9 @@ bool hasLetter(std::string_view text) {
 
 int16_t clampedCount(int32_t n) { return static_cast<int16_t>(std::min<int32_t>(n, INT16_MAX)); }
 
-int64_t dayNumber(Micros t) { return t >= 0 ? t / kMicrosPerDay : (t - kMicrosPerDay + 1) / kMicrosPerDay; }
+int64_t dayNumber(Micros t) {
+  return t >= 0 ? t / kMicrosPerDay : (t - kMicrosPerDay + 1) / kMicrosPerDay;
+}
 
 }  // namespace
 
@@ -79,8 +81,7 @@ CalcChannels::CalcChannels(EventLoop& events, CalcPorts ports)
 
 bool CalcChannels::startCalculatedChannels(std::string_view fileSpec, std::string_view ticks) {
   const double n = leadingNumber(ticks);
-  state_.evaluationTickCount =
-      roundToInt16(n).value_or(n > 0 ? INT16_MAX : INT16_MIN);
+  state_.evaluationTickCount = roundToInt16(n).value_or(n > 0 ? INT16_MAX : INT16_MIN);
   return load(fileSpec);
 }
 
@@ -90,8 +91,11 @@ bool CalcChannels::load(std::string_view fileSpec) {
   timer_.setEnabled(false);
   analyser_.clear();
   setupSpec_ = fileSpec;
-  const std::string local = ports_.resolvePath ? ports_.resolvePath(fileSpec) : std::string(fileSpec);
-  analyser_.setWaveformFolder(ports_.fileSystem(), local.find('/') == std::string::npos ? std::string(".") : parentFolder(local));
+  const std::string local =
+      ports_.resolvePath ? ports_.resolvePath(fileSpec) : std::string(fileSpec);
+  analyser_.setWaveformFolder(ports_.fileSystem(), local.find('/') == std::string::npos
+                                                       ? std::string(".")
+                                                       : parentFolder(local));
   lastPassTime_ = state_.loadDate;
   return true;
 }
@@ -226,7 +230,8 @@ bool CalcChannels::readSource(ChannelRef& ref, const std::string& source, bool g
 
 void CalcChannels::writeDirect(ChannelRef& ref, const std::string& name, std::string_view text) {
   if (!ports_.channels->write(name, text, ref)) {
-    ports_.showMessage(std::string(kTextChannelNamePrefix) + name + std::string(kTextChannelNameSuffix));
+    ports_.showMessage(std::string(kTextChannelNamePrefix) + name +
+                       std::string(kTextChannelNameSuffix));
   }
 }
 
@@ -238,7 +243,8 @@ void CalcChannels::sendToLoggers(std::string_view command) {
   if (!ports_.companion) return;
   auto send = [&](std::string_view suffix) {
     std::string error;
-    if (!ports_.companion(state_.summaryPrefix + std::string(suffix), kLoggerItem, command, &error)) {
+    if (!ports_.companion(state_.summaryPrefix + std::string(suffix), kLoggerItem, command,
+                          &error)) {
       ports_.showMessage(error);
     }
   };

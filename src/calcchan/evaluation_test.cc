@@ -52,7 +52,8 @@ struct EvaluationTest : ::testing::Test {
   }
 
   // Loads a setup whose blocks are "TYPE|SOURCE|NEWNAME|PARAM1|PARAM2".
-  bool Load(const std::string& name, const std::vector<std::string>& rows, std::string_view ticks = "1") {
+  bool Load(const std::string& name, const std::vector<std::string>& rows,
+            std::string_view ticks = "1") {
     std::string text = "[CALCULATED CHANNELS]\r\n";
     for (const auto& row : rows) {
       std::vector<std::string> f;
@@ -117,28 +118,20 @@ TEST_F(EvaluationTest, PassesRunEveryTickCountSecondsWhileTheTimerIsEnabled) {
 }
 
 TEST_F(EvaluationTest, EachTypeWritesItsValue) {
-  rig.values = {{"X", "100"},     {"RG_O2", "15.9"}, {"O2", "11"},     {"HALF", "0.5"},
-                {"K273", "273"},  {"V", "2.5"},      {"HOT", "60 C"},  {"NA", "N.A."},
-                {"REF1", ""},     {"REF2", ""},      {"STP1", ""},     {"STP2", ""},
-                {"SC", ""},       {"HA", ""},        {"LA", ""},       {"HA_NA", ""},
-                {"HS", ""},       {"LS", ""},        {"HS_NA", "keep"}, {"MAXC", "keep"},
-                {"MINC", ""},     {"DAY", ""},       {"F", ""}};
-  ASSERT_TRUE(Load("RG_types.ccs", {"REFER|X|REF1|0",
-                                    "REFER|X|REF2|0|yes",  // reads "O2": 11.0 is not corrected
-                                    "REFER STP|HALF|STP1|0",
-                                    "REFER STP|K273|STP2|27",
-                                    "SCALE|V|SC|4|1",
-                                    "HI ALARM|HOT|HA|50",
-                                    "LO ALARM|HOT|LA|50",
-                                    "HI ALARM|NA|HA_NA|50",
-                                    "HI SWITCH|HOT|HS|50",
-                                    "LO SWITCH|HOT|LS|50",
-                                    "HI SWITCH|NA|HS_NA|50",
-                                    "MAXIMUM|HOT|MAXC",
-                                    "MINIMUM|HOT|MINC",
-                                    "DAILY|HOT|DAY",
-                                    "FORMULA|[X]*2+1|F",
-                                    "SCALE|V|MISSING|1"}));
+  rig.values = {{"X", "100"},    {"RG_O2", "15.9"}, {"O2", "11"},      {"HALF", "0.5"},
+                {"K273", "273"}, {"V", "2.5"},      {"HOT", "60 C"},   {"NA", "N.A."},
+                {"REF1", ""},    {"REF2", ""},      {"STP1", ""},      {"STP2", ""},
+                {"SC", ""},      {"HA", ""},        {"LA", ""},        {"HA_NA", ""},
+                {"HS", ""},      {"LS", ""},        {"HS_NA", "keep"}, {"MAXC", "keep"},
+                {"MINC", ""},    {"DAY", ""},       {"F", ""}};
+  ASSERT_TRUE(Load(
+      "RG_types.ccs",
+      {"REFER|X|REF1|0",
+       "REFER|X|REF2|0|yes",  // reads "O2": 11.0 is not corrected
+       "REFER STP|HALF|STP1|0", "REFER STP|K273|STP2|27", "SCALE|V|SC|4|1", "HI ALARM|HOT|HA|50",
+       "LO ALARM|HOT|LA|50", "HI ALARM|NA|HA_NA|50", "HI SWITCH|HOT|HS|50", "LO SWITCH|HOT|LS|50",
+       "HI SWITCH|NA|HS_NA|50", "MAXIMUM|HOT|MAXC", "MINIMUM|HOT|MINC", "DAILY|HOT|DAY",
+       "FORMULA|[X]*2+1|F", "SCALE|V|MISSING|1"}));
   calc->start();
   RunFor(1);
   EXPECT_EQ(Last("REF1"), "198.00");  // 100 x 9.9 / 5.0
@@ -156,8 +149,9 @@ TEST_F(EvaluationTest, EachTypeWritesItsValue) {
   EXPECT_EQ(Last("MINC"), "60.00");
   EXPECT_EQ(Last("DAY"), "60.00");
   EXPECT_EQ(Last("F"), " 300");
-  EXPECT_EQ(messages, std::vector<std::string>{
-                          "Channel name - MISSING - does not exist, or is not enabled in the hardware"});
+  EXPECT_EQ(messages,
+            std::vector<std::string>{
+                "Channel name - MISSING - does not exist, or is not enabled in the hardware"});
 
   rig.values["HOT"] = "40";
   RunFor(1);
@@ -179,9 +173,9 @@ TEST_F(EvaluationTest, EachTypeWritesItsValue) {
 
 TEST_F(EvaluationTest, AnalysisCycleAndBadReadingsRefuseReadings) {
   rig.values = {{"X", "100"}, {"GA_ANALYSE", "1"}, {"O2", "0"}, {"BAD", "Error 114 no reply"},
-                {"REF", ""},  {"SC", ""},          {"AV", ""},    {"STP", ""}};
-  ASSERT_TRUE(Load("GA.ccs", {"REFER|X|REF|0|g", "SCALE|X|SC|1|0", "AVERAGE|X|AV|1|g",
-                              "REFER STP|BAD|STP|0"}));
+                {"REF", ""},  {"SC", ""},          {"AV", ""},  {"STP", ""}};
+  ASSERT_TRUE(Load(
+      "GA.ccs", {"REFER|X|REF|0|g", "SCALE|X|SC|1|0", "AVERAGE|X|AV|1|g", "REFER STP|BAD|STP|0"}));
   calc->start();
   RunFor(1);
   EXPECT_EQ(Last("REF"), "Unavailable");
@@ -245,7 +239,8 @@ TEST_F(EvaluationTest, LoggingSwitchPausesTheOtherRowsAndStopsAndStartsTheLogger
 
   rig.values["SW"] = "0";
   RunFor(3);
-  const std::vector<Call> stop = {{"LG_Raw|System", "Status", "Stop"}, {"LG_Avg|System", "Status", "Stop"}};
+  const std::vector<Call> stop = {{"LG_Raw|System", "Status", "Stop"},
+                                  {"LG_Avg|System", "Status", "Stop"}};
   EXPECT_EQ(calls, stop);  // once, at the change
   EXPECT_EQ(rig.written("SC").size(), 1u);
   EXPECT_FALSE(calc->state().setupLoaded);
@@ -300,11 +295,12 @@ TEST_F(EvaluationTest, LoggingSwitchIsGuardedByItsParam2LikeTheOtherRows) {
 }
 
 TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
-  rig.values = {{"T", "10"}, {"P", "60"}, {"TAVG", ""}, {"C95B", ""}, {"DAY", ""}, {"MINC", ""},
-                {"MAXC", ""}, {"HA", ""}, {"LA", ""}, {"REP", ""}, {"CREM", ""}, {"C95", ""}};
-  ASSERT_TRUE(Load("AB123.ccs", {"AVERAGE|T|TAVG|1", "HI ALARM|P|HA|50", "CHECK 95B|TAVG|C95B|5",
-                                 "DAILY|P|DAY|55", "MINIMUM|P|MINC", "MAXIMUM|P|MAXC", "LO ALARM|P|LA|0",
-                                 "REPORT|P|REP|>= 60", "CREM AVG|P|CREM|59", "CHECK 95|TAVG|C95|20"}));
+  rig.values = {{"T", "10"},  {"P", "60"}, {"TAVG", ""}, {"C95B", ""}, {"DAY", ""},  {"MINC", ""},
+                {"MAXC", ""}, {"HA", ""},  {"LA", ""},   {"REP", ""},  {"CREM", ""}, {"C95", ""}};
+  ASSERT_TRUE(
+      Load("AB123.ccs", {"AVERAGE|T|TAVG|1", "HI ALARM|P|HA|50", "CHECK 95B|TAVG|C95B|5",
+                         "DAILY|P|DAY|55", "MINIMUM|P|MINC", "MAXIMUM|P|MAXC", "LO ALARM|P|LA|0",
+                         "REPORT|P|REP|>= 60", "CREM AVG|P|CREM|59", "CHECK 95|TAVG|C95|20"}));
   calc->start();
   RunFor(2 * 3600);
   rig.values["P"] = "50";
@@ -319,8 +315,10 @@ TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
             "\r\n"
             "DAILY SUMMARY\r\n"
             "Day\tDAY\t\tMAXC\t\tMINC\t\tC95B\t\t\tC95\t\t\tHA\t\t\tLA\t\t\r\n"
-            "\t\tStatus\t\tStatus\t\tStatus\tEpochs\tcounted\tStatus\tEpochs\tcounted\tStatus\tScans\tStatus\tin alarm\tScans\tStatus\tin alarm\r\n"
-            "03\t60.00\tALARM\tn.a.\tOK\t50.00\tOK\t2\t2\tALARM\t2\t10.00\tOK\t7203\tALARM\t7201\t7203\tOK\t0\r\n");
+            "\t\tStatus\t\tStatus\t\tStatus\tEpochs\tcounted\tStatus\tEpochs\tcounted\tStatus\tScan"
+            "s\tStatus\tin alarm\tScans\tStatus\tin alarm\r\n"
+            "03\t60.00\tALARM\tn.a.\tOK\t50.00\tOK\t2\t2\tALARM\t2\t10."
+            "00\tOK\t7203\tALARM\t7201\t7203\tOK\t0\r\n");
   EXPECT_EQ(FileText("AB_ALM.txt"),
             "03-11-2026 08:00:01\tREP\t60.00\tALARM\r\n"
             "03-11-2026 10:00:03\tREP\t61.00\tALARM\r\n");
@@ -334,7 +332,8 @@ TEST_F(EvaluationTest, ChangeOfLoggersWritesTheDailySummaryAndReports) {
   RunFor(1);
   calc->changeLoggers();
   const std::string text = FileText("MONTH_AB_2611.wl");
-  EXPECT_NE(text.find("\r\n03\t61.00\tALARM\tn.a.\tOK\t61.00\tOK\t0\t0\tOK\t0\tn.a.\tOK\t1\tALARM\t1\t1\tOK\t0\r\n"),
+  EXPECT_NE(text.find("\r\n03\t61.00\tALARM\tn.a.\tOK\t61.00\tOK\t0\t0\tOK\t0\tn.a."
+                      "\tOK\t1\tALARM\t1\t1\tOK\t0\r\n"),
             std::string::npos)
       << text;
 }
@@ -399,7 +398,8 @@ TEST_F(EvaluationTest, ReportRowsWithAnUnknownOperatorComplainEveryPass) {
   ASSERT_TRUE(Load("RP.ccs", {"REPORT|P|REP|=> 4"}));
   calc->start();
   RunFor(2);
-  EXPECT_EQ(messages, std::vector<std::string>(2, "Calculated Channel type REPORT:\rUnrecognised operator: =>"));
+  EXPECT_EQ(messages, std::vector<std::string>(
+                          2, "Calculated Channel type REPORT:\rUnrecognised operator: =>"));
   EXPECT_TRUE(rig.writes.empty());
 }
 

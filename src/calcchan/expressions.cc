@@ -81,7 +81,8 @@ bool Analyser::fail(std::string_view message) {
 }
 
 bool Analyser::cannotEvaluate(std::string_view text) {
-  return fail(std::string(kTextExpressionPrefix) + std::string(text) + std::string(kTextExpressionSuffix));
+  return fail(std::string(kTextExpressionPrefix) + std::string(text) +
+              std::string(kTextExpressionSuffix));
 }
 
 void Analyser::clear() {
@@ -266,7 +267,8 @@ bool Analyser::function(std::string_view name, std::string_view inside, std::str
     if (!(pos >= 0) || pos > static_cast<double>(samples.size() - 1)) return fail(kTextBeyondEnd);
     const size_t i = static_cast<size_t>(pos);
     const double frac = pos - static_cast<double>(i);
-    const double v = i + 1 < samples.size() ? samples[i] + frac * (samples[i + 1] - samples[i]) : samples[i];
+    const double v =
+        i + 1 < samples.size() ? samples[i] + frac * (samples[i + 1] - samples[i]) : samples[i];
     out = AnalysisResult{false, v, {}};
     return true;
   }
@@ -326,7 +328,8 @@ bool Analyser::eval(std::string_view text, AnalysisResult& out, int depth) {
   AnalysisResult held;
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    if (isOperator(c) && !(haveOperand == false && (c == '-' || c == '+') && awaitsExponentSign(token))) {
+    if (isOperator(c) &&
+        !(haveOperand == false && (c == '-' || c == '+') && awaitsExponentSign(token))) {
       const std::string_view rest = text.substr(i + 1);
       if (!haveOperand && trim(token).empty()) {
         // A sign: it applies to everything on its right.
@@ -349,10 +352,18 @@ bool Analyser::eval(std::string_view text, AnalysisResult& out, int depth) {
       if (!number(rest, right, depth)) return false;
       double v = 0;
       switch (c) {
-        case '*': v = left.number * right; break;
-        case '/': v = left.number / right; break;
-        case '+': v = left.number + right; break;
-        default: v = left.number - right; break;
+        case '*':
+          v = left.number * right;
+          break;
+        case '/':
+          v = left.number / right;
+          break;
+        case '+':
+          v = left.number + right;
+          break;
+        default:
+          v = left.number - right;
+          break;
       }
       out = AnalysisResult{false, v, {}};
       return true;

@@ -5,27 +5,30 @@
 // right: 2*3+4 is 2*(3+4)), and the tables that names refer to.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
 #include "calcchan/calc_ports.h"
+#include "common/file_system.h"
 
 namespace tavrix {
 
-inline constexpr std::string_view kTextCannotParseMacro = "Cannot parse macro line for vb analysis: ";
-inline constexpr std::string_view kTextNoReading = "CalcChan: unable to get a reading from channel: ";
+inline constexpr std::string_view kTextCannotParseMacro =
+    "Cannot parse macro line for vb analysis: ";
+inline constexpr std::string_view kTextNoReading =
+    "CalcChan: unable to get a reading from channel: ";
 inline constexpr std::string_view kTextExpressionPrefix = "Expression: ";
 inline constexpr std::string_view kTextExpressionSuffix = " cannot be evaluated";
 inline constexpr std::string_view kTextValueArgs = "Analysis function: VALUE requires 2 arguments";
 inline constexpr std::string_view kTextCutArgs = "Analysis function: CUT requires 3 arguments";
 inline constexpr std::string_view kTextPosArgs = "Analysis function: POS requires 2 arguments";
-inline constexpr std::string_view kTextBeyondEnd = "Trying to read a value beyond the end of a waveform";
+inline constexpr std::string_view kTextBeyondEnd =
+    "Trying to read a value beyond the end of a waveform";
 inline constexpr std::string_view kTextWaveformMissingSuffix = " has not been loaded or created";
-inline constexpr std::string_view kTextValueNotFound = "Analysis function: POS cannot find the value ";
+inline constexpr std::string_view kTextValueNotFound =
+    "Analysis function: POS cannot find the value ";
 // The marker of a waveform that CUT made.
 inline constexpr std::string_view kCreatedMarker = "vbCreated";
 // Waveform files: "<name>.csv" in the waveform folder.

@@ -63,7 +63,8 @@ TEST_F(ExpressionsTest, MacroLinesStoreNamedResultsThatLaterExpressionsUse) {
   EXPECT_TRUE(messages.empty());
 
   EXPECT_EQ(analyser->EvaluateMacroLine("no equals sign"), "");
-  EXPECT_EQ(messages, std::vector<std::string>{"Cannot parse macro line for vb analysis: no equals sign"});
+  EXPECT_EQ(messages,
+            std::vector<std::string>{"Cannot parse macro line for vb analysis: no equals sign"});
 }
 
 TEST_F(ExpressionsTest, FailuresShowTheirMessages) {
@@ -99,7 +100,8 @@ TEST_F(ExpressionsTest, FailuresShowTheirMessages) {
 
 TEST_F(ExpressionsTest, AnUnreadableChannelCountsAsZeroAfterItsMessage) {
   EXPECT_EQ(Eval("[NOPE]+5"), 5);
-  EXPECT_EQ(messages, std::vector<std::string>{"CalcChan: unable to get a reading from channel: NOPE"});
+  EXPECT_EQ(messages,
+            std::vector<std::string>{"CalcChan: unable to get a reading from channel: NOPE"});
   // The user hook is asked first.
   ports.userValue = [](std::string_view name, double& v) {
     if (name != "NOPE") return false;
@@ -119,8 +121,8 @@ TEST_F(ExpressionsTest, WaveformsComeFromCsvFilesAndSupportValueCutAndPos) {
   analyser->setWaveformFolder(files, folder);
 
   EXPECT_EQ(Eval("VALUE(ramp, 2)"), 20);
-  EXPECT_EQ(Eval("VALUE(RAMP, 1.5)"), 15);   // between samples: straight line
-  EXPECT_EQ(Eval("VALUE(Ramp, 5)"), 15);     // the last sample
+  EXPECT_EQ(Eval("VALUE(RAMP, 1.5)"), 15);  // between samples: straight line
+  EXPECT_EQ(Eval("VALUE(Ramp, 5)"), 15);    // the last sample
   EXPECT_EQ(Eval("POS(Ramp, 30)"), 3);
   EXPECT_EQ(Eval("POS(Ramp, 25)"), 2.5);
   EXPECT_EQ(Eval("VALUE(Ramp, POS(Ramp, 40)-1)+1"), 31);  // 40 is at 4

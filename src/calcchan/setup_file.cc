@@ -28,7 +28,8 @@ void clearCounters(CalcChannel& row, Micros now) {
 
 std::string SummaryPrefixOf(std::string_view fileSpec) {
   const size_t slash = fileSpec.find_last_of("\\/");
-  const std::string_view name = slash == std::string_view::npos ? fileSpec : fileSpec.substr(slash + 1);
+  const std::string_view name =
+      slash == std::string_view::npos ? fileSpec : fileSpec.substr(slash + 1);
   return std::string(name.substr(0, 2));
 }
 
@@ -43,7 +44,8 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
   state.summaryFolderB = WithoutTrailingSeparator(ports.summaryFolder ? ports.summaryFolder() : "");
   state.summaryPrefix = SummaryPrefixOf(fileSpec);
   state.dailyTrackingWanted = false;
-  const std::string resolved = ports.resolvePath ? ports.resolvePath(fileSpec) : std::string(fileSpec);
+  const std::string resolved =
+      ports.resolvePath ? ports.resolvePath(fileSpec) : std::string(fileSpec);
 
   auto failed = [&] {
     ports.showMessage(cr(kTextCannotProcessSetup, resolved));
@@ -88,7 +90,8 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
       }
       if (!reader.next(item)) return failed();
       const std::string upper = upperCase(item);
-      if (upper.compare(0, kCalcComment.size(), kCalcComment) == 0 || upper == kCalcBlockEnd) continue;
+      if (upper.compare(0, kCalcComment.size(), kCalcComment) == 0 || upper == kCalcBlockEnd)
+        continue;
       const size_t eq = item.find('=');
       if (eq == std::string::npos) {
         ports.showMessage(cr(kTextInvalidEntry, item));
@@ -111,7 +114,8 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
         if (!row.param1.empty()) state.summaryFolderA = row.param1;
         if (!row.param2.empty()) state.summaryFolderB = row.param2;
         if (!row.newName.empty()) state.summaryPrefix = row.newName;
-      } else if (row.type == calc_type::kAverage || row.type == calc_type::kDaily || row.type.empty()) {
+      } else if (row.type == calc_type::kAverage || row.type == calc_type::kDaily ||
+                 row.type.empty()) {
         // Deliberately also for a block whose first key line is not TYPE=.
         state.dailyTrackingWanted = true;
       }

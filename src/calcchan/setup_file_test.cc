@@ -28,7 +28,8 @@ struct SetupFileTest : ::testing::Test {
     // Setup files in the tests are named "dir\NAME" and live in Folder().
     ports.resolvePath = [](std::string_view spec) {
       const size_t slash = spec.find_last_of('\\');
-      return Folder() + std::string(slash == std::string_view::npos ? spec : spec.substr(slash + 1));
+      return Folder() +
+             std::string(slash == std::string_view::npos ? spec : spec.substr(slash + 1));
     };
   }
 
@@ -91,13 +92,16 @@ TEST_F(SetupFileTest, ReadsBlocksInFileOrder) {
 }
 
 TEST_F(SetupFileTest, HeaderAloneGivesAnEmptyTableAndAReloadStartsAfresh) {
-  ASSERT_TRUE(Load("x1.ccs", "[CHANNEL]\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n[CALCULATED CHANNELS]\r\n"));
+  ASSERT_TRUE(
+      Load("x1.ccs", "[CHANNEL]\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n[CALCULATED CHANNELS]\r\n"));
   EXPECT_EQ(state.table.size(), 1u);
   EXPECT_FALSE(state.dailyTrackingWanted);
 
   state.evaluationTickCount = 7;
-  ASSERT_TRUE(Load("x2.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=DAILY\r\n[END CHANNEL]\r\n"));
-  ASSERT_TRUE(Load("x3.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n"));
+  ASSERT_TRUE(
+      Load("x2.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=DAILY\r\n[END CHANNEL]\r\n"));
+  ASSERT_TRUE(
+      Load("x3.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n"));
   ASSERT_EQ(state.table.size(), 2u);
   EXPECT_EQ(state.table[1].type, "SCALE");
   EXPECT_FALSE(state.dailyTrackingWanted);
@@ -105,12 +109,17 @@ TEST_F(SetupFileTest, HeaderAloneGivesAnEmptyTableAndAReloadStartsAfresh) {
 }
 
 TEST_F(SetupFileTest, DailyTrackingIsWantedByAverageDailyOrABlockWhoseFirstKeyIsNotType) {
-  ASSERT_TRUE(Load("d1.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\nSOURCE=A\r\n[END CHANNEL]\r\n"));
+  ASSERT_TRUE(
+      Load("d1.ccs",
+           "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\nSOURCE=A\r\n[END CHANNEL]\r\n"));
   EXPECT_FALSE(state.dailyTrackingWanted);
   // The quirk: SOURCE= before TYPE= sets the flag whatever the type.
-  ASSERT_TRUE(Load("d2.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nSOURCE=A\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n"));
+  ASSERT_TRUE(
+      Load("d2.ccs",
+           "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nSOURCE=A\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n"));
   EXPECT_TRUE(state.dailyTrackingWanted);
-  ASSERT_TRUE(Load("d3.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=DAILY\r\n[END CHANNEL]\r\n"));
+  ASSERT_TRUE(
+      Load("d3.ccs", "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=DAILY\r\n[END CHANNEL]\r\n"));
   EXPECT_TRUE(state.dailyTrackingWanted);
 }
 
@@ -131,17 +140,20 @@ TEST_F(SetupFileTest, LoggerRowReplacesPrefixAndFoldersOnlyWithNonEmptyValues) {
 }
 
 TEST_F(SetupFileTest, UnknownTypeIsDroppedWithItsMessageAndLoadingGoesOn) {
-  ASSERT_TRUE(Load("u.ccs",
-                   "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SQUARE ROOT\r\nSOURCE=A\r\n[END CHANNEL]\r\n"
-                   "[CHANNEL]\r\nTYPE=HI ALARM\r\n[END CHANNEL]\r\n[CHANNEL]\r\n[END CHANNEL]\r\n"));
-  EXPECT_EQ(messages, (std::vector<std::string>{"Calculated Channel - Unrecognised type:\rSQUARE ROOT",
-                                                "Calculated Channel - Unrecognised type:\r"}));
+  ASSERT_TRUE(
+      Load("u.ccs",
+           "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SQUARE ROOT\r\nSOURCE=A\r\n[END CHANNEL]\r\n"
+           "[CHANNEL]\r\nTYPE=HI ALARM\r\n[END CHANNEL]\r\n[CHANNEL]\r\n[END CHANNEL]\r\n"));
+  EXPECT_EQ(messages,
+            (std::vector<std::string>{"Calculated Channel - Unrecognised type:\rSQUARE ROOT",
+                                      "Calculated Channel - Unrecognised type:\r"}));
   ASSERT_EQ(state.table.size(), 2u);
   EXPECT_EQ(state.table[1].type, "HI ALARM");
 }
 
 TEST_F(SetupFileTest, BadFilesFailWithTheirMessages) {
-  const std::string unable = "Unable to find or process calculated channel setup file:\r" + Folder();
+  const std::string unable =
+      "Unable to find or process calculated channel setup file:\r" + Folder();
   struct Case {
     std::string text;
     std::vector<std::string> messages;
@@ -178,7 +190,8 @@ TEST_F(SetupFileTest, BadFilesFailWithTheirMessages) {
   }
   // Rows read before the failure stay.
   EXPECT_FALSE(Load("bad.ccs",
-                    "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\n[END CHANNEL]\r\n[CHANNEL]\r\nTYPE=DAILY\r\n"));
+                    "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\n[END "
+                    "CHANNEL]\r\n[CHANNEL]\r\nTYPE=DAILY\r\n"));
   EXPECT_EQ(state.table.size(), 3u);
 
   messages.clear();

@@ -14,7 +14,9 @@ constexpr std::string_view kGroupOrder[] = {calc_type::kDaily,   calc_type::kMax
                                             calc_type::kMinimum, calc_type::kCheck95,
                                             calc_type::kHiAlarm, calc_type::kLoAlarm};
 
-bool isCheck(std::string_view type) { return type == calc_type::kCheck95 || type == calc_type::kCheck95B; }
+bool isCheck(std::string_view type) {
+  return type == calc_type::kCheck95 || type == calc_type::kCheck95B;
+}
 
 bool inGroup(std::string_view type, std::string_view group) {
   return group == calc_type::kCheck95 ? isCheck(type) : type == group;
@@ -53,7 +55,8 @@ std::vector<std::string> groupValues(const CalcState& state, const CalcChannel& 
     return {std::string(kTextNotAvailableLower), status(false)};
   }
   if (row.type == calc_type::kMinimum) {
-    if (row.passes == 0 || row.total >= kNoMinimum) return {std::string(kTextNotAvailableLower), status(false)};
+    if (row.passes == 0 || row.total >= kNoMinimum)
+      return {std::string(kTextNotAvailableLower), status(false)};
     return {formatNumber(row.total, "#.00"), status(hasLimit(row) && BelowLimit(row.total, limit))};
   }
   if (row.type == calc_type::kCheck95B) {
@@ -90,7 +93,8 @@ bool writeFailed(const CalcPorts& ports, const std::string& error) {
 
 std::string local(const CalcPorts& ports, const std::string& name) {
   std::string path = ports.resolvePath ? ports.resolvePath(name) : name;
-  if (path.find('/') != std::string::npos) ports.fileSystem().makeFolders(parentFolder(path), nullptr);
+  if (path.find('/') != std::string::npos)
+    ports.fileSystem().makeFolders(parentFolder(path), nullptr);
   return path;
 }
 
@@ -118,7 +122,8 @@ bool appendWithHead(const CalcPorts& ports, const std::string& name,
 }  // namespace
 
 std::string DailySummaryName(const CalcState& state, Micros date) {
-  return state.summaryFolderB + "\\MONTH_" + state.summaryPrefix + "_" + formatDate(date, "yymm") + ".wl";
+  return state.summaryFolderB + "\\MONTH_" + state.summaryPrefix + "_" + formatDate(date, "yymm") +
+         ".wl";
 }
 
 std::string AlarmReportName(const CalcState& state) {
@@ -188,7 +193,8 @@ bool AppendAlarmReport(const CalcState& state, const CalcChannel& row, double va
   const std::string path = local(ports, AlarmReportName(state));
   std::string error;
   const auto held = ports.fileSystem().lock(path, &error);
-  if (!held || !appendLines(ports.fileSystem(), path, {line}, &error)) return writeFailed(ports, error);
+  if (!held || !appendLines(ports.fileSystem(), path, {line}, &error))
+    return writeFailed(ports, error);
   return true;
 }
 

@@ -82,7 +82,8 @@ class FileSystem {
   // The whole file. On failure false, and `error` (when given) names the file
   // and the reason.
   virtual bool readFile(const std::string& path, std::string& bytes, std::string* error) const = 0;
-  virtual std::unique_ptr<InputFile> openInput(const std::string& path, std::string* error) const = 0;
+  virtual std::unique_ptr<InputFile> openInput(const std::string& path,
+                                               std::string* error) const = 0;
 
   // Starts an atomic rewrite of `path`. A replaced file keeps its
   // permissions. A path that names something other than a regular file (a

@@ -1,5 +1,4 @@
 #include "common/file_system.h"
-#include "common/text_file.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,6 +9,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+
+#include "common/text_file.h"
 
 namespace tavrix {
 namespace {
@@ -79,8 +80,8 @@ TEST_F(TextFileTest, ReadsOnlyRegularFilesWithinTheBounds) {
                        "\": a line is longer than 99 bytes, the most a line may hold");
   // Lines end at a bare LF as well as at CR, so a file of short LF lines is
   // within the line bound.
-  ASSERT_TRUE(
-      writeTextFileAtomically(files_, file, {std::string(60, 'a') + "\n" + std::string(60, 'b')}, nullptr));
+  ASSERT_TRUE(writeTextFileAtomically(
+      files_, file, {std::string(60, 'a') + "\n" + std::string(60, 'b')}, nullptr));
   EXPECT_TRUE(readTextFile(files_, file, text, &error, 1024, 60)) << error;
 }
 
@@ -276,7 +277,8 @@ TEST_F(TextFileTest, TemporaryFilesOfRewritesNeverStayBehind) {
   ASSERT_TRUE(files_.writeAtomically(stale, "28 MB of a decrypt", nullptr));
   ASSERT_TRUE(files_.writeAtomically(other, "not this file's", nullptr));
   ASSERT_TRUE(files_.writeAtomically(path, "STOP\r\n", nullptr));
-  EXPECT_EQ(folderEntries(dir_), (std::vector<std::string>{".other.wts." + std::to_string(gone) + "-0.tmp", "big.wts"}));
+  EXPECT_EQ(folderEntries(dir_),
+            (std::vector<std::string>{".other.wts." + std::to_string(gone) + "-0.tmp", "big.wts"}));
 }
 
 // The folder lock keeps out other processes until it is let go, gives up

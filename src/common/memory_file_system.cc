@@ -6,7 +6,8 @@ namespace tavrix {
 
 namespace {
 
-bool fail(std::string* error, std::string_view what, const std::string& path, std::string_view reason) {
+bool fail(std::string* error, std::string_view what, const std::string& path,
+          std::string_view reason) {
   if (error) *error = std::string(what) + " \"" + path + "\": " + std::string(reason);
   return false;
 }
@@ -33,7 +34,8 @@ class MemoryInputFile final : public InputFile {
 
 class MemoryAtomicFile final : public AtomicFile {
  public:
-  MemoryAtomicFile(MemoryFileSystem& files, std::string path) : files_(files), path_(std::move(path)) {}
+  MemoryAtomicFile(MemoryFileSystem& files, std::string path)
+      : files_(files), path_(std::move(path)) {}
   bool write(std::string_view bytes, std::string*) override {
     text_.append(bytes);
     return true;
@@ -53,7 +55,8 @@ class MemoryAtomicFile final : public AtomicFile {
 
 class MemoryOutputFile final : public OutputFile {
  public:
-  MemoryOutputFile(MemoryFileSystem& files, std::string path) : files_(files), path_(std::move(path)) {}
+  MemoryOutputFile(MemoryFileSystem& files, std::string path)
+      : files_(files), path_(std::move(path)) {}
   bool write(std::string_view bytes, std::string* error) override {
     if (!files_.countWrite(path_, error)) return false;
     files_.files_[path_].append(bytes);
@@ -76,7 +79,8 @@ bool MemoryFileSystem::folderExists(const std::string& folder) const {
   return folder.empty() || folders_.count(folder) > 0;
 }
 
-bool MemoryFileSystem::countWrite(const std::string& path, std::string* error, std::string_view what) {
+bool MemoryFileSystem::countWrite(const std::string& path, std::string* error,
+                                  std::string_view what) {
   ++writes_;
   if (writes_ != failAt_) return true;
   return fail(error, what, path,
@@ -101,14 +105,16 @@ FileInfo MemoryFileSystem::info(const std::string& path) const {
   return info;
 }
 
-bool MemoryFileSystem::readFile(const std::string& path, std::string& bytes, std::string* error) const {
+bool MemoryFileSystem::readFile(const std::string& path, std::string& bytes,
+                                std::string* error) const {
   const auto it = files_.find(path);
   if (it == files_.end()) return fail(error, "Cannot open", path, kNoSuchFile);
   bytes = it->second;
   return true;
 }
 
-std::unique_ptr<InputFile> MemoryFileSystem::openInput(const std::string& path, std::string* error) const {
+std::unique_ptr<InputFile> MemoryFileSystem::openInput(const std::string& path,
+                                                       std::string* error) const {
   std::string bytes;
   if (!readFile(path, bytes, error)) return nullptr;
   return std::make_unique<MemoryInputFile>(std::move(bytes));

@@ -24,14 +24,16 @@ std::vector<std::string> splitLines(std::string_view text) {
   return lines;
 }
 
-bool readTextLines(const FileSystem& files, const std::string& path, std::vector<std::string>& lines, std::string* error) {
+bool readTextLines(const FileSystem& files, const std::string& path,
+                   std::vector<std::string>& lines, std::string* error) {
   std::string text;
   if (!readTextFile(files, path, text, error)) return false;
   lines = splitLines(text);
   return true;
 }
 
-bool TextItemReader::open(const FileSystem& files, const std::string& path, TextItemReader& reader, std::string* error) {
+bool TextItemReader::open(const FileSystem& files, const std::string& path, TextItemReader& reader,
+                          std::string* error) {
   std::string text;
   if (!readTextFile(files, path, text, error)) return false;
   reader = TextItemReader(std::move(text));

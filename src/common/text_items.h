@@ -2,11 +2,11 @@
 // line, or item by item as a comma-separated list.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 
@@ -16,7 +16,8 @@ std::vector<std::string> splitLines(std::string_view text);
 
 // Reads a file into lines (see splitLines). On failure returns false with a
 // message naming the file and the reason.
-bool readTextLines(const FileSystem& files, const std::string& path, std::vector<std::string>& lines, std::string* error);
+bool readTextLines(const FileSystem& files, const std::string& path,
+                   std::vector<std::string>& lines, std::string* error);
 
 // Items of a comma-separated text, one at a time. A comma or the end of a
 // line ends an item; blanks around an unquoted item are dropped. An item
@@ -40,7 +41,8 @@ class TextItemReader {
 
   // Reads a whole file. On failure returns false with a message naming the
   // file and the reason, and leaves `reader` unchanged.
-  static bool open(const FileSystem& files, const std::string& path, TextItemReader& reader, std::string* error);
+  static bool open(const FileSystem& files, const std::string& path, TextItemReader& reader,
+                   std::string* error);
 
  private:
   bool atLineEnd() const;

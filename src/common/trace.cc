@@ -15,10 +15,14 @@ namespace {
 size_t utf8Length(std::string_view s, size_t i) {
   const auto c = static_cast<unsigned char>(s[i]);
   size_t n = 0;
-  if (c >= 0xC2 && c <= 0xDF) n = 2;
-  else if (c >= 0xE0 && c <= 0xEF) n = 3;
-  else if (c >= 0xF0 && c <= 0xF4) n = 4;
-  else return 0;
+  if (c >= 0xC2 && c <= 0xDF)
+    n = 2;
+  else if (c >= 0xE0 && c <= 0xEF)
+    n = 3;
+  else if (c >= 0xF0 && c <= 0xF4)
+    n = 4;
+  else
+    return 0;
   if (i + n > s.size()) return 0;
   for (size_t k = 1; k < n; ++k) {
     if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
@@ -280,8 +284,8 @@ void Trace::line(Micros at, int number, std::string_view text) {
   if (gathered) {
     gatheredUsed_ += length;
     // What mayWait decides, for the usual line without a call.
-    if (gatheredUsed_ < kGatherBytes && at >= gatheredSince_ && at - gatheredSince_ < kGatherAtMost &&
-        linesUnclocked_ + 1 < kLinesPerSteadyReading) {
+    if (gatheredUsed_ < kGatherBytes && at >= gatheredSince_ &&
+        at - gatheredSince_ < kGatherAtMost && linesUnclocked_ + 1 < kLinesPerSteadyReading) {
       ++linesUnclocked_;
       return;
     }

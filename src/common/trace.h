@@ -40,7 +40,9 @@ class Trace {
   int64_t linesLost() const { return linesLost_; }
   const std::string& firstWriteError() const { return firstError_; }
   // Called once, with the reason, when the first line is lost.
-  void onFirstLoss(std::function<void(const std::string&)> report) { onFirstLoss_ = std::move(report); }
+  void onFirstLoss(std::function<void(const std::string&)> report) {
+    onFirstLoss_ = std::move(report);
+  }
   // The instant that "t" counts from.
   void setOrigin(Micros origin) { origin_ = origin; }
 
@@ -53,9 +55,13 @@ class Trace {
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
     Event& field(std::string_view name, std::string_view text);
-    Event& field(std::string_view name, const char* text) { return field(name, std::string_view(text)); }
+    Event& field(std::string_view name, const char* text) {
+      return field(name, std::string_view(text));
+    }
     Event& field(std::string_view name, int64_t number);
-    Event& field(std::string_view name, int number) { return field(name, static_cast<int64_t>(number)); }
+    Event& field(std::string_view name, int number) {
+      return field(name, static_cast<int64_t>(number));
+    }
     Event& field(std::string_view name, bool value);
     Event& field(std::string_view name, std::nullopt_t);
 

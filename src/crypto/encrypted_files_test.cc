@@ -3,12 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/file_system.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
 
+#include "common/file_system.h"
 #include "crypto/tea.h"
 
 namespace tavrix {

@@ -1,12 +1,12 @@
 #include "crypto/tea.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <limits>
 #include <random>
 
@@ -88,7 +88,6 @@ std::vector<uint8_t> fromHex(std::string_view text) {
   return bytes;
 }
 
-
 // Blocks handled per read and write when a file is streamed (a multiple of
 // the block size); the memory a file member needs, whatever the file's size.
 constexpr size_t kChunk = 64 * 1024;
@@ -108,7 +107,8 @@ class SafeTarget {
 
   bool write(const uint8_t* bytes, size_t size, std::string& reason) {
     std::string error;
-    if (file_->write(std::string_view(reinterpret_cast<const char*>(bytes), size), &error)) return true;
+    if (file_->write(std::string_view(reinterpret_cast<const char*>(bytes), size), &error))
+      return true;
     reason = "cannot write file " + path_ + ": " + Why(error);
     return false;
   }
@@ -141,7 +141,8 @@ class SourceFile {
     file_ = files_.openInput(path, &error);
     if (!file_) {
       const size_t at = error.rfind("\": ");
-      reason = "cannot open file " + path + ": " + (at == std::string::npos ? error : error.substr(at + 3));
+      reason = "cannot open file " + path + ": " +
+               (at == std::string::npos ? error : error.substr(at + 3));
       return false;
     }
     return true;

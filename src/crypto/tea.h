@@ -7,8 +7,6 @@
 // big-endian. Both byte orders belong to the file format and must be kept.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -16,6 +14,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 
@@ -67,9 +67,9 @@ class TeaCipher {
   void useFiles(FileSystem& files) { files_ = &files; }
 
   // Reads `source`, encrypts it as one frame and writes the frame to
-  // `target`, streaming: memory use does not grow with the file. The target is written under a temporary name in its folder and
-  // renamed when complete, so a failure never leaves a partial target and
-  // leaves an existing target untouched. `key`, when given, is set first.
+  // `target`, streaming: memory use does not grow with the file. The target is written under a
+  // temporary name in its folder and renamed when complete, so a failure never leaves a partial
+  // target and leaves an existing target untouched. `key`, when given, is set first.
   bool EncryptFile(const std::string& source, const std::string& target,
                    std::optional<std::string_view> key = std::nullopt);
   // Reads the frame in `source`, decrypts it and writes the plaintext to

@@ -3,10 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/file_system.h"
-
 #include <cstdio>
 #include <iterator>
+
+#include "common/file_system.h"
 
 namespace tavrix {
 namespace {
@@ -435,8 +435,10 @@ TEST(TeaFiles, DamagedFramesGiveTheSizeDescriptorErrorAndNoFile) {
     raw[11] = static_cast<uint8_t>(n >> 24);
     const TeaKey key = teaKeyFromText("k");
     for (size_t i = 0; i < 16; i += 8) {
-      uint32_t y = uint32_t{raw[i]} << 24 | uint32_t{raw[i + 1]} << 16 | uint32_t{raw[i + 2]} << 8 | raw[i + 3];
-      uint32_t z = uint32_t{raw[i + 4]} << 24 | uint32_t{raw[i + 5]} << 16 | uint32_t{raw[i + 6]} << 8 | raw[i + 7];
+      uint32_t y = uint32_t{raw[i]} << 24 | uint32_t{raw[i + 1]} << 16 | uint32_t{raw[i + 2]} << 8 |
+                   raw[i + 3];
+      uint32_t z = uint32_t{raw[i + 4]} << 24 | uint32_t{raw[i + 5]} << 16 |
+                   uint32_t{raw[i + 6]} << 8 | raw[i + 7];
       teaEncipher(y, z, key);
       for (int b = 0; b < 4; ++b) {
         raw[i + b] = static_cast<uint8_t>(y >> (24 - 8 * b));
@@ -449,9 +451,15 @@ TEST(TeaFiles, DamagedFramesGiveTheSizeDescriptorErrorAndNoFile) {
   std::vector<uint8_t> ragged(frame.begin(), frame.end() - 3);
   std::vector<uint8_t> random(4096);
   for (size_t i = 0; i < random.size(); ++i) random[i] = static_cast<uint8_t>(i * 97 + 13);
-  const std::vector<std::vector<uint8_t>> bad = {
-      {}, bytesOf("short"), truncated, ragged, random, withLength(0x7FFFFFFF, 64),
-      withLength(0xFFFFFFF0u, 16), withLength(0x80000000u, 32), withLength(40, 48)};
+  const std::vector<std::vector<uint8_t>> bad = {{},
+                                                 bytesOf("short"),
+                                                 truncated,
+                                                 ragged,
+                                                 random,
+                                                 withLength(0x7FFFFFFF, 64),
+                                                 withLength(0xFFFFFFF0u, 16),
+                                                 withLength(0x80000000u, 32),
+                                                 withLength(40, 48)};
   int i = 0;
   for (const auto& bytes : bad) {
     const std::string name = "bad" + std::to_string(i++);

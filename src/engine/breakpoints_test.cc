@@ -161,8 +161,7 @@ TEST(Breakpoints, ABadBreakpointIsRefusedWithTheReason) {
     EXPECT_FALSE(breakpoints.add(spec, condition, &error)) << spec;
     return error;
   };
-  EXPECT_EQ(refused("10", false),
-            "breakpoint \"10\": /data/main.wts has lines 1 to 8, no line 10");
+  EXPECT_EQ(refused("10", false), "breakpoint \"10\": /data/main.wts has lines 1 to 8, no line 10");
   EXPECT_EQ(refused("0", false), "breakpoint \"0\": /data/main.wts has lines 1 to 8, no line 0");
   EXPECT_EQ(refused("NOWHERE", false),
             "breakpoint \"NOWHERE\": label NOWHERE does not exist in /data/main.wts");

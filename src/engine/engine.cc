@@ -197,8 +197,8 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
   if (!backend) return false;
   // The one drive map of the run: the settings' drives over the data root.
   paths_ = MakePathMap(files_.dataRoot(), settings);
-  instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings), std::move(backend),
-                                             paths_);
+  instrument_ = std::make_unique<Instrument>(events_, trace_, std::move(settings),
+                                             std::move(backend), paths_);
   instrument_->watchOutputs([this](std::string_view channel, std::string_view value) {
     // Only front ends hear output values; the trace writer does not.
     if (sequencer_.runEvents().subscribers() < 2) return;

@@ -72,25 +72,25 @@ TEST(EngineFiles, EveryFileCommandFindsItsFileThroughTheSettingsDriveMap) {
   files.put("/rigs/q/calc.ccs",
             "[CALCULATED CHANNELS]\r\n[CHANNEL]\r\nTYPE=SCALE\r\nSOURCE=HEATER\r\nNEWNAME=OUT\r\n"
             "PARAM1=2\r\n[END CHANNEL]\r\n");
-  ASSERT_TRUE(writeTextFileAtomically(files, "/rigs/q/next.wts",
-                                      {"COPYFILE q:\\a.txt, q:\\b.txt", "LOGONCE q:\\log.txt, chained",
-                                       "FILEDELETE q:\\old.dat", "WAIT580 q:\\rec",
-                                       "INDEXINIT q:\\idx\\save.idx, q:\\save\\T???\\, 50",
-                                       "INDEXSAVE580 q:\\rec, bin",
-                                       "STARTCALCULATEDCHANNELS q:\\calc.ccs, 1"},
-                                      nullptr));
+  ASSERT_TRUE(writeTextFileAtomically(
+      files, "/rigs/q/next.wts",
+      {"COPYFILE q:\\a.txt, q:\\b.txt", "LOGONCE q:\\log.txt, chained", "FILEDELETE q:\\old.dat",
+       "WAIT580 q:\\rec", "INDEXINIT q:\\idx\\save.idx, q:\\save\\T???\\, 50",
+       "INDEXSAVE580 q:\\rec, bin", "STARTCALCULATEDCHANNELS q:\\calc.ccs, 1"},
+      nullptr));
   ASSERT_TRUE(writeTextFileAtomically(files, "/data/main.wts",
                                       {"IMSFILESPEC q:\\rig.ims", "CHAIN q:\\next.wts"}, nullptr));
   EXPECT_EQ(e.Run("/data/main.wts"), "");
   EXPECT_TRUE(e.op.messages.empty()) << e.op.messages.front();
 
-  EXPECT_EQ(e.Read("/rigs/q/b.txt"), "copied\r\n");                           // COPYFILE
+  EXPECT_EQ(e.Read("/rigs/q/b.txt"), "copied\r\n");                               // COPYFILE
   EXPECT_NE(e.Read("/rigs/q/log.txt").find("\tchained\r\n"), std::string::npos);  // LOGONCE
-  EXPECT_FALSE(files.isFile("/rigs/q/old.dat"));                                // FILEDELETE
-  EXPECT_TRUE(files.isFile("/rigs/q/idx/save.idx"));                           // INDEXINIT
-  EXPECT_EQ(e.Read("/rigs/q/save/T001/chn0.bin"), "zero\r\n");                 // INDEXSAVE580
+  EXPECT_FALSE(files.isFile("/rigs/q/old.dat"));                                  // FILEDELETE
+  EXPECT_TRUE(files.isFile("/rigs/q/idx/save.idx"));                              // INDEXINIT
+  EXPECT_EQ(e.Read("/rigs/q/save/T001/chn0.bin"), "zero\r\n");                    // INDEXSAVE580
   ASSERT_NE(e.engine->calcChannels(), nullptr);
-  EXPECT_EQ(e.engine->calcChannels()->state().table.back().newName, "OUT");  // STARTCALCULATEDCHANNELS
+  EXPECT_EQ(e.engine->calcChannels()->state().table.back().newName,
+            "OUT");  // STARTCALCULATEDCHANNELS
   // Nothing went below the data root's own folder of drive Q.
   for (const auto& [path, bytes] : files.files()) {
     EXPECT_NE(path.rfind("/data/q/", 0), 0u) << path;
@@ -107,14 +107,17 @@ TEST(EngineFiles, TheTraceIsUtf8JsonWhateverTheSequenceFileHolds) {
   e.engine->trace().setOutput(std::move(trace));
   // "25 °C – 3 €" in Windows-1252, a byte no code page assigns (0x81), a
   // control character, and text that already is UTF-8 ("é").
-  files.put("/data/cp.wts", "' 25 \xB0" "C \x96 3 \x80 \x81 \x01 \xC3\xA9\r\nSTOP\r\n");
+  files.put("/data/cp.wts",
+            "' 25 \xB0"
+            "C \x96 3 \x80 \x81 \x01 \xC3\xA9\r\nSTOP\r\n");
   EXPECT_EQ(e.Run("/data/cp.wts"), "");
   e.engine->trace().setOutput(nullptr);
 
   const std::string text = e.Read("/data/trace.jsonl");
   std::vector<std::string> texts;
   size_t lines = 0;
-  for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+  for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+       start = end + 1) {
     const std::string line = text.substr(start, end - start);
     ++lines;
     const nlohmann::json event = nlohmann::json::parse(line, nullptr, false);

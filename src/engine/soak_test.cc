@@ -10,9 +10,8 @@
 
 #include <cstdio>
 
-#include "engine/engine.h"
-#include "common/text_conventions.h"
 #include "common/sanitizers.h"
+#include "common/text_conventions.h"
 #include "common/text_file.h"
 #include "engine/engine.h"
 #include "platform/process.h"
@@ -20,7 +19,6 @@
 
 namespace tavrix {
 namespace {
-
 
 constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
 constexpr Micros kHour = 3600 * kMicrosPerSecond;
@@ -55,21 +53,22 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
   // limit now and then.
   std::string rigText;
   ASSERT_TRUE(readTextFile(files, examples + "/calc_rig.ims", rigText, &error)) << error;
-  rigText += "  30001 E=1 M=A N=OVEN U=degC V=20 JITTER=3 HIGH=22.5 TAG=OVENHOT\n"
-             "  30002 E=1 M=A N=HANDLED\n";
+  rigText +=
+      "  30001 E=1 M=A N=OVEN U=degC V=20 JITTER=3 HIGH=22.5 TAG=OVENHOT\n"
+      "  30002 E=1 M=A N=HANDLED\n";
   // The rig is named through drive c, which the settings below map to a
   // folder of the test's own.
   const std::string rig = home + "/c/soak.ims";
   ASSERT_TRUE(files.makeFolders(home + "/c", &error)) << error;
   ASSERT_TRUE(files.writeAtomically(rig, rigText, &error)) << error;
   const std::string sequence = home + "/soak.wts";
-  ASSERT_TRUE(writeTextFileAtomically(files, sequence,
-                                      {"IMSFILESPEC c:\\soak.ims", "STARTCALCULATEDCHANNELS " + examples + "/calc_day.ccs, 10",
-                                       "CC_START", "ALARMDEFINE OVENHOT, GOTO COOL", "AGAIN:", "SEND LOGSW, 1",
-                                       "WAITSECONDS 3000", "SEND LOGSW, 0", "WAITSECONDS 600", "SEND LOGSW, 1",
-                                       "CHECK T1 < 1000, HOT", "GOTO AGAIN", "COOL:", "PAUSEALARM 1800",
-                                       "SEND HANDLED, 1", "GOTO AGAIN", "HOT:", "STOP"},
-                                      &error))
+  ASSERT_TRUE(writeTextFileAtomically(
+      files, sequence,
+      {"IMSFILESPEC c:\\soak.ims", "STARTCALCULATEDCHANNELS " + examples + "/calc_day.ccs, 10",
+       "CC_START", "ALARMDEFINE OVENHOT, GOTO COOL", "AGAIN:", "SEND LOGSW, 1", "WAITSECONDS 3000",
+       "SEND LOGSW, 0", "WAITSECONDS 600", "SEND LOGSW, 1", "CHECK T1 < 1000, HOT", "GOTO AGAIN",
+       "COOL:", "PAUSEALARM 1800", "SEND HANDLED, 1", "GOTO AGAIN", "HOT:", "STOP"},
+      &error))
       << error;
 
   CountingOperator op;
@@ -135,8 +134,9 @@ TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat)
 #endif
   ASSERT_GT(afterFirstHour, 0);
   const long growth = atEnd - afterFirstHour;
-  std::printf("resident memory after the first hour %ld KiB, after the week %ld KiB, growth %ld KiB\n",
-              afterFirstHour / 1024, atEnd / 1024, growth / 1024);
+  std::printf(
+      "resident memory after the first hour %ld KiB, after the week %ld KiB, growth %ld KiB\n",
+      afterFirstHour / 1024, atEnd / 1024, growth / 1024);
   EXPECT_LE(growth, 1024 * 1024);
 }
 

@@ -28,7 +28,8 @@ bool IndexFileTable::add(std::string_view spec, std::string_view nameTemplate, i
       if (readTextFile(files_, local, text, &error)) return true;
     } else {
       const std::string number = std::to_string(limit);
-      if (writeTextFileAtomically(files_, local, {ItemToWrite(nameTemplate), number, number}, &error)) {
+      if (writeTextFileAtomically(files_, local, {ItemToWrite(nameTemplate), number, number},
+                                  &error)) {
         return true;
       }
     }

@@ -34,7 +34,8 @@ class IndexFileTable {
   // does not exist. An existing file is left as it is. False, with the
   // message "Open <file> error: -<reason>", when the file exists but cannot
   // be read or cannot be created; the slot is added all the same.
-  bool add(std::string_view spec, std::string_view nameTemplate, int16_t limit, std::string* message);
+  bool add(std::string_view spec, std::string_view nameTemplate, int16_t limit,
+           std::string* message);
 
   // The next name from index file `number` (1 for the first INDEXINIT), the
   // file rewritten; empty text on failure, with `message` set when there is

@@ -46,7 +46,8 @@ TEST_F(IndexingTest, TheFileKeepsItsTemplateAndAShortHistory) {
   // An existing file is left as it is, whatever the parameters say.
   ASSERT_TRUE(table.add("c:/idx/run.idx", "X???", 7, nullptr));
   std::string message, reason;
-  EXPECT_EQ(table.issue(1, kTestStart + 61 * kMicrosPerSecond, &message, &reason), "C:\\DATA\\RUN001.DAT");
+  EXPECT_EQ(table.issue(1, kTestStart + 61 * kMicrosPerSecond, &message, &reason),
+            "C:\\DATA\\RUN001.DAT");
   for (int i = 0; i < 3; ++i) table.issue(1, kTestStart, &message, &reason);
   Lines lines = ReadLines(dir_ + "/c/idx/run.idx");
   ASSERT_EQ(lines.size(), 3u + 4u);
@@ -90,9 +91,10 @@ TEST_F(IndexingTest, IndexInitReportsAFileItCannotOpen) {
 }
 
 TEST_F(IndexingTest, IndexLoggerFileTypesTheNameIntoTheLogger) {
-  EXPECT_EQ(Run({"INDEXINIT c:\\idx\\log.idx, C:\\DATA\\RUN???.DAT, 999", "INDEXLOGGERFILE Logger - Run",
-                 "INDEXLOGGERFILE Logger - Run, 1", "INDEXLOGGERFILE Logger - Run, 2"}),
-            "");
+  EXPECT_EQ(
+      Run({"INDEXINIT c:\\idx\\log.idx, C:\\DATA\\RUN???.DAT, 999", "INDEXLOGGERFILE Logger - Run",
+           "INDEXLOGGERFILE Logger - Run, 1", "INDEXLOGGERFILE Logger - Run, 2"}),
+      "");
   ASSERT_EQ(companion_.calls().size(), 2u);
   EXPECT_EQ(companion_.calls()[0].kind, "keys");
   EXPECT_EQ(companion_.calls()[0].topic, "Logger - Run");
@@ -102,7 +104,8 @@ TEST_F(IndexingTest, IndexLoggerFileTypesTheNameIntoTheLogger) {
   // The sequence goes on after the message.
   EXPECT_EQ(seq_.endReason(), EndReason::kEndOfFile);
 
-  EXPECT_EQ(Run({"INDEXINIT c:\\idx\\dirs.idx, C:\\REC\\T???\\, 99", "INDEXLOGGERFILE Logger"}), "");
+  EXPECT_EQ(Run({"INDEXINIT c:\\idx\\dirs.idx, C:\\REC\\T???\\, 99", "INDEXLOGGERFILE Logger"}),
+            "");
   EXPECT_EQ(op_.messages.back(), "New Logger data filespec is not a valid file specification");
 }
 
@@ -112,14 +115,17 @@ TEST_F(IndexingTest, IndexSave580CopiesTheChannelFilesIntoANewFolder) {
   }
   Write("c/save/T001/old.bin", {"stale"});
   Write("c/save/T001/notes.txt", {"kept"});
-  EXPECT_EQ(Run({"INDEXINIT c:\\idx\\save.idx, c:\\save\\T???\\, 50", "INDEXSAVE580 c:\\rec, bin"}), "");
+  EXPECT_EQ(Run({"INDEXINIT c:\\idx\\save.idx, c:\\save\\T???\\, 50", "INDEXSAVE580 c:\\rec, bin"}),
+            "");
   EXPECT_FALSE(files_.isFile(dir_ + "/c/save/T001/old.bin"));
   EXPECT_TRUE(files_.isFile(dir_ + "/c/save/T001/notes.txt"));
   EXPECT_EQ(ReadLines(dir_ + "/c/save/T001/chn15.bin"), (Lines{"data 15"}));
   EXPECT_TRUE(files_.isFile(dir_ + "/c/save/T001/chn0.bin"));
   EXPECT_FALSE(files_.isFile(dir_ + "/c/save/T001/chn1.bin"));
 
-  EXPECT_EQ(Run({"INDEXINIT c:\\idx\\file.idx, c:\\save\\F???.DAT, 50", "INDEXSAVE580 c:\\rec, bin"}), "");
+  EXPECT_EQ(
+      Run({"INDEXINIT c:\\idx\\file.idx, c:\\save\\F???.DAT, 50", "INDEXSAVE580 c:\\rec, bin"}),
+      "");
   EXPECT_EQ(op_.messages.back(), "Indexed filespec for IndexSave580 is not a valid directory name");
   EXPECT_EQ(Run({"INDEXSAVE580 c:\\rec, bin, 3"}), "");
   EXPECT_EQ(op_.messages.back(), "New 580 data directory name could not be created");

@@ -12,7 +12,6 @@ namespace tavrix {
 
 namespace {
 
-
 constexpr std::string_view kLoggerNameFailed = "New Logger data filename could not be created";
 constexpr std::string_view kLoggerNameIsFolder =
     "New Logger data filespec is not a valid file specification";
@@ -56,7 +55,8 @@ void IndexInit(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd) {
   if (!table.add(cmd.arg1, cmd.arg2, limit.value_or(0), &message)) seq.showMessage(message);
 }
 
-void IndexLoggerFile(IndexFileTable& table, Companion& companion, Sequencer& seq, const CommandLine& cmd) {
+void IndexLoggerFile(IndexFileTable& table, Companion& companion, Sequencer& seq,
+                     const CommandLine& cmd) {
   const std::string name = Issue(table, seq, cmd.arg2);
   if (name.empty()) {
     seq.showMessage(kLoggerNameFailed);
@@ -98,7 +98,8 @@ void IndexSave580(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd)
   std::vector<std::string> names;
   if (files.list(folder, names, nullptr)) {
     for (const auto& file : names) {
-      if (file.size() >= suffix.size() && file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      if (file.size() >= suffix.size() &&
+          file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0) {
         files.remove(join(folder, file), nullptr);
       }
     }
@@ -107,7 +108,8 @@ void IndexSave580(IndexFileTable& table, Sequencer& seq, const CommandLine& cmd)
   for (int channel = 0; channel < kRecorderChannels; ++channel) {
     const std::string file = "chn" + std::to_string(channel) + suffix;
     std::string bytes;  // a missing channel file is skipped
-    if (files.readFile(join(source, file), bytes, nullptr)) files.writeAtomically(join(folder, file), bytes, nullptr);
+    if (files.readFile(join(source, file), bytes, nullptr))
+      files.writeAtomically(join(folder, file), bytes, nullptr);
   }
 }
 

@@ -160,7 +160,7 @@ class PostgresConnection : public SqlConnection {
     if (error) {
       *error = describe() + ": " +
                MaskPassword(Trimmed(result ? PQresultErrorMessage(result) : PQerrorMessage(conn_)),
-                     info_.password);
+                            info_.password);
     }
     return false;
   }

@@ -394,7 +394,8 @@ void FindResultsFiles(const FileSystem& files, const std::string& folder,
     const std::string path = join(folder, name);
     const FileInfo info = files.info(path);
     const bool known = info.device != 0 || info.inode != 0;
-    if (info.kind != FileKind::kFolder && !(info.kind == FileKind::kFile && IsResultsFileName(name)))
+    if (info.kind != FileKind::kFolder &&
+        !(info.kind == FileKind::kFile && IsResultsFileName(name)))
       continue;
     if (known && !seen.insert({info.device, info.inode}).second) continue;
     below.push_back(name);

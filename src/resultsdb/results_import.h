@@ -30,8 +30,8 @@ struct ImportedFile {
 struct ImportScan {
   std::vector<StoredUut> uuts;  // in the order of the files' names, then within a file
   std::vector<ImportedFile> files;
-  int detailsFiles = 0;         // read in full
-  int summaryFiles = 0;         // passed over: the details files hold all they say
+  int detailsFiles = 0;  // read in full
+  int summaryFiles = 0;  // passed over: the details files hold all they say
   std::vector<ImportProblem> problems;
 };
 

@@ -1,11 +1,11 @@
 #include "resultsdb/results_store.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
-#include <thread>
 #include <map>
+#include <thread>
 
 #include "common/civil_time.h"
 #include "common/clock.h"

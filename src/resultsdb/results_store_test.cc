@@ -4,7 +4,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,7 +85,7 @@ TEST_P(StoreTest, RecordsComeBackWholeNewestFirstAndOnceUnderTheirKey) {
   StoredUut expected = b;
   expected.checkCount = 20;
   expected.failedCount = 1;
-  EXPECT_EQ(fetched[0], expected);  // every field and every check, in order
+  EXPECT_EQ(fetched[0], expected);   // every field and every check, in order
   EXPECT_EQ(listed[1].resumed, "");  // a test without a break has no note
   EXPECT_EQ(listed[0].resumed, b.resumed);
 
@@ -285,10 +284,15 @@ TEST_P(StoreTest, AnUpToDateStoreOpensWithReadAccessOnly) {
     EXPECT_EQ(st.st_mode & 077, 0u) << std::oct << st.st_mode;
   } else {
     static int readers = 0;
-    const std::string role = "reader_" + std::to_string(::getpid()) + "_" + std::to_string(++readers);
-    ASSERT_TRUE(store->connection().script("CREATE ROLE " + role + " LOGIN; GRANT USAGE ON SCHEMA "
-                                           "public TO " + role + "; GRANT SELECT ON ALL TABLES IN "
-                                           "SCHEMA public TO " + role,
+    const std::string role =
+        "reader_" + std::to_string(::getpid()) + "_" + std::to_string(++readers);
+    ASSERT_TRUE(store->connection().script("CREATE ROLE " + role +
+                                               " LOGIN; GRANT USAGE ON SCHEMA "
+                                               "public TO " +
+                                               role +
+                                               "; GRANT SELECT ON ALL TABLES IN "
+                                               "SCHEMA public TO " +
+                                               role,
                                            &error))
         << error;
     reader = OpenResultsStore({StoreSpec::Kind::kPostgres, spec_.target + " user=" + role}, &error);

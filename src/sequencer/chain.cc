@@ -84,7 +84,8 @@ void Return(ChainState& state, Sequencer& seq, const CommandLine&) {
     seq.reportSequenceError("Return - " + error);
     return;
   }
-  if (seq.trace().enabled()) seq.trace().event("return").field("file", back.file).field("line", back.line);
+  if (seq.trace().enabled())
+    seq.trace().event("return").field("file", back.file).field("line", back.line);
 }
 
 constexpr std::string_view kFamily = "src/sequencer/chain.cc";

@@ -72,10 +72,12 @@ std::optional<Micros> ParseDate(std::string_view text) {
   civil.day = parts[0];
   civil.month = parts[1];
   civil.year = parts[2];
-  if (civil.month < 1 || civil.month > 12 || civil.day < 1 || civil.year < 1970) return std::nullopt;
+  if (civil.month < 1 || civil.month > 12 || civil.day < 1 || civil.year < 1970)
+    return std::nullopt;
   const Micros t = fromCivil(civil);
   const CivilTime back = toCivil(t);
-  if (back.day != civil.day || back.month != civil.month || back.year != civil.year) return std::nullopt;
+  if (back.day != civil.day || back.month != civil.month || back.year != civil.year)
+    return std::nullopt;
   return t;
 }
 

@@ -32,8 +32,10 @@ TEST_F(ClockWaitsTest, WaitDateTimeWaitsUntilTheMomentAndNotForOneGoneBy) {
   EXPECT_DOUBLE_EQ(Elapsed(), 36 * 3600.0 + 10);
   EXPECT_EQ(Run({"WAITDATETIME 03-01-2026"}), "");  // midnight of that day
   EXPECT_DOUBLE_EQ(Elapsed(), 2 * 86400.0);
-  EXPECT_EQ(Run({"WAITDATETIME 29-02-2026"}), "Invalid parameter - 29-02-2026 - for a WaitDateTime statement");
-  EXPECT_EQ(Run({"WAITDATETIME 2026-03-01"}), "Invalid parameter - 2026-03-01 - for a WaitDateTime statement");
+  EXPECT_EQ(Run({"WAITDATETIME 29-02-2026"}),
+            "Invalid parameter - 29-02-2026 - for a WaitDateTime statement");
+  EXPECT_EQ(Run({"WAITDATETIME 2026-03-01"}),
+            "Invalid parameter - 2026-03-01 - for a WaitDateTime statement");
   EXPECT_EQ(Run({"WAITDATETIME 01-03-2026, 25:00"}),
             "Invalid parameter - 01-03-2026, 25:00 - for a WaitDateTime statement");
   EXPECT_EQ(Run({"WAITDATETIME 29-02-2028, 00:00:01"}), "");  // a leap day

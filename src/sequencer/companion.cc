@@ -21,10 +21,12 @@ bool RecordingCompanion::setAnswerFromText(std::string_view spec, std::string* e
   const size_t bang = spec.find('!');
   const size_t equals = spec.find('=', bang == std::string_view::npos ? 0 : bang);
   if (bang == std::string_view::npos || equals == std::string_view::npos || bang == 0) {
-    setError(error, "a companion answer is written TOPIC!ITEM=VALUE, not \"" + std::string(spec) + "\"");
+    setError(error,
+             "a companion answer is written TOPIC!ITEM=VALUE, not \"" + std::string(spec) + "\"");
     return false;
   }
-  setAnswer(spec.substr(0, bang), spec.substr(bang + 1, equals - bang - 1), spec.substr(equals + 1));
+  setAnswer(spec.substr(0, bang), spec.substr(bang + 1, equals - bang - 1),
+            spec.substr(equals + 1));
   return true;
 }
 
@@ -33,7 +35,8 @@ void RecordingCompanion::refuse(std::string_view kind, std::string_view target,
   refusals_[{std::string(kind), std::string(target)}] = reason;
 }
 
-const std::string* RecordingCompanion::refusal(std::string_view kind, std::string_view target) const {
+const std::string* RecordingCompanion::refusal(std::string_view kind,
+                                               std::string_view target) const {
   for (const auto& key : {std::pair{std::string(kind), std::string(target)},
                           std::pair{std::string(kind), std::string()}}) {
     const auto it = refusals_.find(key);
@@ -86,8 +89,8 @@ bool RecordingCompanion::start(std::string_view commandLine, std::string* error)
   return deliver({"start", "", "", std::string(commandLine)}, error);
 }
 
-std::optional<std::string> RecordingCompanion::request(std::string_view topic, std::string_view item,
-                                                       std::string* error) {
+std::optional<std::string> RecordingCompanion::request(std::string_view topic,
+                                                       std::string_view item, std::string* error) {
   calls_.push_back({"request", std::string(topic), std::string(item), ""});
   const auto it = answers_.find({std::string(topic), std::string(item)});
   std::optional<std::string> answer;

@@ -44,7 +44,8 @@ class Companion {
   // Activates the window whose title is `windowTitle` and types `keys`
   // (the key string notation: "%" Alt, "^" Ctrl, "+" Shift, "~" Enter,
   // "{DEL}" and the like).
-  virtual bool sendKeys(std::string_view windowTitle, std::string_view keys, std::string* error) = 0;
+  virtual bool sendKeys(std::string_view windowTitle, std::string_view keys,
+                        std::string* error) = 0;
   // Starts a program from a command line and does not wait for it.
   virtual bool start(std::string_view commandLine, std::string* error) = 0;
 };

@@ -50,11 +50,13 @@ void AppLoad(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!cmd.arg3.empty()) arguments += ", " + cmd.arg3;
   if (!arguments.empty()) commandLine += " " + arguments;
   std::string error;
-  if (!companion.start(commandLine, &error)) Report(seq, "AppLoad", "cannot start " + commandLine + ": " + error);
+  if (!companion.start(commandLine, &error))
+    Report(seq, "AppLoad", "cannot start " + commandLine + ": " + error);
 }
 
 void SendKeys(Companion& companion, RunContext& seq, const CommandLine& cmd) {
-  if (!Need(seq, cmd.arg1, "SendKeys", "window title") || !Need(seq, cmd.arg2, "SendKeys", "keys")) return;
+  if (!Need(seq, cmd.arg1, "SendKeys", "window title") || !Need(seq, cmd.arg2, "SendKeys", "keys"))
+    return;
   std::string keys = cmd.arg2;
   if (!cmd.arg3.empty()) keys += "," + cmd.arg3;
   std::string error;
@@ -62,9 +64,11 @@ void SendKeys(Companion& companion, RunContext& seq, const CommandLine& cmd) {
 }
 
 void LinkPoke(Companion& companion, RunContext& seq, const CommandLine& cmd) {
-  if (!Need(seq, cmd.arg1, "LinkPoke", "DDE topic") || !Need(seq, cmd.arg2, "LinkPoke", "DDE item")) return;
+  if (!Need(seq, cmd.arg1, "LinkPoke", "DDE topic") || !Need(seq, cmd.arg2, "LinkPoke", "DDE item"))
+    return;
   std::string error;
-  if (!companion.poke(trim(cmd.arg1), trim(cmd.arg2), cmd.arg3, &error)) Report(seq, "LinkPoke", error);
+  if (!companion.poke(trim(cmd.arg1), trim(cmd.arg2), cmd.arg3, &error))
+    Report(seq, "LinkPoke", error);
 }
 
 void LinkExecute(Companion& companion, RunContext& seq, const CommandLine& cmd) {
@@ -81,8 +85,8 @@ void LinkExecute(Companion& companion, RunContext& seq, const CommandLine& cmd) 
 void StartStreamer(Companion& companion, RunContext& seq, const CommandLine& cmd) {
   if (!Need(seq, cmd.arg1, "StartStreamer", "data file")) return;
   std::string error;
-  if (!companion.execute(kStreamerTopic, kStreamerItem, std::string(kStreamerCollect) + std::string(trim(cmd.arg1)),
-                         &error) ||
+  if (!companion.execute(kStreamerTopic, kStreamerItem,
+                         std::string(kStreamerCollect) + std::string(trim(cmd.arg1)), &error) ||
       !companion.execute(kStreamerTopic, kStreamerItem, kStreamerStart, &error)) {
     Report(seq, "StartStreamer", error);
   }

@@ -14,13 +14,14 @@ TEST_F(CompanionCommandsTest, EffectsReachTheCompanionAsWritten) {
                  "SENDKEYS Logger - Run, %FS", "APPLOAD c:\\apps\\logger.exe, /min, fast",
                  "STARTSTREAMER c:\\data\\run1.dat", "ICONISE"}),
             "");
-  EXPECT_EQ(companion_.calls(),
-            (std::vector<Call>{{"execute", "AB_Raw|System", "Status", "Stop"},
-                               {"poke", "Excel|Sheet1", "R1C1", "12, 5"},
-                               {"keys", "Logger - Run", "", "%FS"},
-                               {"start", "", "", "c:\\apps\\logger.exe /min, fast"},
-                               {"execute", "Streamer|System", "Status", "COLLECT c:\\data\\run1.dat"},
-                               {"execute", "Streamer|System", "Status", "START"}}));
+  EXPECT_EQ(
+      companion_.calls(),
+      (std::vector<Call>{{"execute", "AB_Raw|System", "Status", "Stop"},
+                         {"poke", "Excel|Sheet1", "R1C1", "12, 5"},
+                         {"keys", "Logger - Run", "", "%FS"},
+                         {"start", "", "", "c:\\apps\\logger.exe /min, fast"},
+                         {"execute", "Streamer|System", "Status", "COLLECT c:\\data\\run1.dat"},
+                         {"execute", "Streamer|System", "Status", "START"}}));
   EXPECT_EQ(op_.minimised, 1);
 }
 
@@ -38,13 +39,15 @@ TEST_F(CompanionCommandsTest, WhatCannotHappenIsReported) {
   EXPECT_EQ(Run({"SENDKEYS Logger"}), "SendKeys - no keys given");
   EXPECT_EQ(Run({"STARTSTREAMER"}), "StartStreamer - no data file given");
   // Nobody answers the streamer's status unless configured.
-  EXPECT_EQ(Run({"WAITSTREAMER"}),
-            "WaitStreamer - no program answers the DDE item Status of Streamer|System on this computer");
+  EXPECT_EQ(
+      Run({"WAITSTREAMER"}),
+      "WaitStreamer - no program answers the DDE item Status of Streamer|System on this computer");
 }
 
 TEST_F(CompanionCommandsTest, WaitStreamerEndsWhenTheStreamerIsReadyOrOnStop) {
   companion_.setAnswer("Streamer|System", "Status", "BUSY");
-  Timer ready(events_, 3 * kMicrosPerSecond, [&] { companion_.setAnswer("Streamer|System", "Status", " ready "); });
+  Timer ready(events_, 3 * kMicrosPerSecond,
+              [&] { companion_.setAnswer("Streamer|System", "Status", " ready "); });
   ready.setEnabled(true);
   EXPECT_EQ(Run({"WAITSTREAMER"}), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 3.0);

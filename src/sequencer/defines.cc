@@ -57,7 +57,8 @@ void RunDefine(DefineState& state, Sequencer& seq, std::string_view name) {
     return;
   }
   std::string line = entry->second;  // the table may change while it runs
-  if (seq.trace().enabled()) seq.trace().event("define").field("name", trim(name)).field("text", line);
+  if (seq.trace().enabled())
+    seq.trace().event("define").field("name", trim(name)).field("text", line);
   const CommandLine command = SplitCommandLine(line);
   seq.showCurrentCommand(line);
   ++state.depth;
@@ -106,9 +107,10 @@ struct TimeoutCommand {
 Parsed<TimeoutCommand> ParseOnTimeout(const CommandLine& cmd) {
   const std::string_view seconds = trim(cmd.arg1);
   const double value = leadingNumber(seconds);
-  const bool numeric = !seconds.empty() && std::string_view("+-.0123456789").find(seconds[0]) !=
-                                               std::string_view::npos;
-  if (!seconds.empty() && (!numeric || value < 0 || !std::isfinite(value) || value > 2147483647.0)) {
+  const bool numeric = !seconds.empty() &&
+                       std::string_view("+-.0123456789").find(seconds[0]) != std::string_view::npos;
+  if (!seconds.empty() &&
+      (!numeric || value < 0 || !std::isfinite(value) || value > 2147483647.0)) {
     return ParseFailure{"Invalid parameter - " + cmd.arg1 + " - for an OnTimeout statement"};
   }
   TimeoutCommand timeout{value, std::string(trim(cmd.arg2))};
@@ -131,7 +133,8 @@ void OnTimeout(DefineState& state, Sequencer& seq, const TimeoutCommand& cmd) {
   state.armed = true;
   state.target = target;
   seq.setJumpTarget(target, FindDefine(seq, target) != nullptr);
-  seq.setTimeoutDeadline(seq.clock().now() + static_cast<Micros>(std::ceil(value * kMicrosPerSecond)));
+  seq.setTimeoutDeadline(seq.clock().now() +
+                         static_cast<Micros>(std::ceil(value * kMicrosPerSecond)));
 }
 
 // The time-out has fired: it is spent (disarmed, its expired flag cleared,
@@ -174,9 +177,10 @@ void RegisterDefineCommands(Sequencer& seq) {
   d.bind(kExecuteDefine,
          [state](Sequencer& s, const DefineCommand& c) { ExecuteDefine(*state, s, c); });
   d.bind(kOnTimeout, [state](Sequencer& s, const TimeoutCommand& c) { OnTimeout(*state, s, c); });
-  seq.setDefineActions([state](Sequencer& s) { ExamineDefines(*state, s); },
-                       [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); },
-                       [state](Sequencer& s) { return SpendTimeout(*state, s); });
+  seq.setDefineActions(
+      [state](Sequencer& s) { ExamineDefines(*state, s); },
+      [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); },
+      [state](Sequencer& s) { return SpendTimeout(*state, s); });
   auto disarm = [state, &seq] {
     state->armed = false;
     state->target.clear();

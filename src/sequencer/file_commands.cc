@@ -51,7 +51,8 @@ void CopyFile(FileState&, RunContext& seq, const CommandLine& cmd) {
   std::string to = Local(seq, cmd.arg2);
   if (files.isFolder(to)) to = join(to, baseName(from));
   if (files.isFolder(from)) {
-    seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
+    seq.reportSequenceError("CopyFile - " + std::string(trim(cmd.arg1)) +
+                            " is a folder, not a file");
     return;
   }
   // The copy goes through a temporary file in the destination's folder, so
@@ -75,7 +76,8 @@ void FileDelete(FileState&, RunContext& seq, const CommandLine& cmd) {
   if (pattern.find_first_of("*?") == std::string::npos) {
     const FileKind kind = files.info(spec).kind;
     if (kind == FileKind::kFolder) {
-      seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) + " is a folder, not a file");
+      seq.reportSequenceError("FileDelete - " + std::string(trim(cmd.arg1)) +
+                              " is a folder, not a file");
       return;
     }
     if (kind != FileKind::kMissing) victims.push_back(spec);
@@ -111,8 +113,10 @@ void LogOnce(FileState& state, RunContext& seq, const CommandLine& cmd) {
   if (!state.logged.insert({file, text}).second) return;
   const Micros now = seq.clock().now();
   std::string error;
-  if (!appendLines(seq.files(), file, {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
-                   &error)) {
+  if (!appendLines(
+          seq.files(), file,
+          {formatDate(now, "dd-mm-yyyy") + " " + formatDate(now, "hh:mm:ss") + "\t" + text},
+          &error)) {
     seq.reportSequenceError("LogOnce - " + error);
   }
 }
@@ -128,7 +132,7 @@ void Wait580(FileState&, RunContext& seq, const CommandLine& cmd) {
     // A status file not (yet) there, or being rewritten, means not captured.
     if (!readTextFile(seq.files(), status, text, nullptr)) return PollResult::kWaiting;
     return upperCase(text).find(kRecorderCaptured) != std::string::npos ? PollResult::kMet
-                                                                         : PollResult::kWaiting;
+                                                                        : PollResult::kWaiting;
   });
 }
 

@@ -20,7 +20,8 @@ class FileCommandsTest : public CommandTest {
 TEST_F(FileCommandsTest, CopyFileCopiesIntoFilesAndFolders) {
   Write("c/data/a.txt", {"one", "two"});
   files_.makeFolders(dir_ + "/c/backup", nullptr);
-  EXPECT_EQ(Run({"COPYFILE c:\\data\\a.txt, c:\\data\\b.txt", "COPYFILE c:/data/a.txt, c:\\backup"}), "");
+  EXPECT_EQ(
+      Run({"COPYFILE c:\\data\\a.txt, c:\\data\\b.txt", "COPYFILE c:/data/a.txt, c:\\backup"}), "");
   EXPECT_EQ(Read(dir_ + "/c/data/b.txt"), "one\r\ntwo\r\n");
   EXPECT_EQ(Read(dir_ + "/c/backup/a.txt"), "one\r\ntwo\r\n");
   const std::string missing = Run({"COPYFILE c:\\data\\none.txt, c:\\data\\c.txt"});
@@ -28,13 +29,17 @@ TEST_F(FileCommandsTest, CopyFileCopiesIntoFilesAndFolders) {
   EXPECT_FALSE(files_.isFile(dir_ + "/c/data/c.txt"));
   const std::string noFolder = Run({"COPYFILE c:\\data\\a.txt, c:\\nowhere\\c.txt"});
   EXPECT_EQ(noFolder.rfind("CopyFile - Cannot write", 0), 0u) << noFolder;
-  EXPECT_EQ(Run({"COPYFILE c:\\data\\a.txt"}), "CopyFile - a source and a destination file are needed");
+  EXPECT_EQ(Run({"COPYFILE c:\\data\\a.txt"}),
+            "CopyFile - a source and a destination file are needed");
   EXPECT_EQ(Run({"COPYFILE c:\\data, c:\\x"}), "CopyFile - c:\\data is a folder, not a file");
 }
 
 TEST_F(FileCommandsTest, FileDeleteTakesNamesAndWildcards) {
-  for (const char* name : {"c/d/run1.dat", "c/d/run2.dat", "c/d/run1.txt", "c/d/keep.dat"}) Write(name, {"x"});
-  EXPECT_EQ(Run({"FILEDELETE c:\\d\\run?.dat", "FILEDELETE c:\\d\\run1.txt", "FILEDELETE c:\\d\\gone.txt"}), "");
+  for (const char* name : {"c/d/run1.dat", "c/d/run2.dat", "c/d/run1.txt", "c/d/keep.dat"})
+    Write(name, {"x"});
+  EXPECT_EQ(Run({"FILEDELETE c:\\d\\run?.dat", "FILEDELETE c:\\d\\run1.txt",
+                 "FILEDELETE c:\\d\\gone.txt"}),
+            "");
   EXPECT_FALSE(files_.isFile(dir_ + "/c/d/run1.dat"));
   EXPECT_FALSE(files_.isFile(dir_ + "/c/d/run2.dat"));
   EXPECT_FALSE(files_.isFile(dir_ + "/c/d/run1.txt"));
@@ -47,9 +52,10 @@ TEST_F(FileCommandsTest, LogOnceWritesEachTextOncePerRun) {
   const std::string noFolder = Run({"LOGONCE c:\\log.txt, x"});
   EXPECT_EQ(noFolder.rfind("LogOnce - Cannot append", 0), 0u) << noFolder;
   files_.makeFolders(dir_ + "/c", nullptr);
-  EXPECT_EQ(Run({"RESETLOOPCOUNT", "TOP:", "LOOPCHECK 3, DONE", "LOGONCE c:\\log.txt, started, cold",
-                 "WAITRANDOM 1, 1", "GOTO TOP", "DONE:", "LOGONCE c:\\log.txt, finished"}),
-            "");
+  EXPECT_EQ(
+      Run({"RESETLOOPCOUNT", "TOP:", "LOOPCHECK 3, DONE", "LOGONCE c:\\log.txt, started, cold",
+           "WAITRANDOM 1, 1", "GOTO TOP", "DONE:", "LOGONCE c:\\log.txt, finished"}),
+      "");
   EXPECT_EQ(Read(dir_ + "/c/log.txt"),
             "01-01-2026 00:00:00\tstarted, cold\r\n01-01-2026 00:00:03\tfinished\r\n");
   Run({"LOGONCE c:\\log.txt, finished"});  // a new run logs again

@@ -61,8 +61,8 @@ TEST_F(FlowControlTest, IncrementLoopCountWritesToAChannelOnlyWhereThereAreChann
 
 TEST_F(FlowControlTest, CountedLoopsRunTheirBodyTheGivenNumberOfTimes) {
   auto loop = [](std::string limit) {
-    return std::vector<std::string>{"RESETLOOPCOUNT", "TOP:", "LOOPCHECK " + limit + ", OUT",
-                                    "WAITSECONDS 1", "GOTO TOP", "OUT:"};
+    return std::vector<std::string>{"RESETLOOPCOUNT", "TOP:",     "LOOPCHECK " + limit + ", OUT",
+                                    "WAITSECONDS 1",  "GOTO TOP", "OUT:"};
   };
   EXPECT_EQ(Run(loop("3")), "");
   EXPECT_DOUBLE_EQ(Elapsed(), 3.0);
@@ -78,8 +78,8 @@ TEST_F(FlowControlTest, CountedLoopsRunTheirBodyTheGivenNumberOfTimes) {
 }
 
 TEST_F(FlowControlTest, LoopCountOverrunLeavesTheLoop) {
-  EXPECT_EQ(Run({"RESETLOOPCOUNT 2147483647", "LOOPCHECK 2147483647, OUT", "WAITSECONDS 5", "OUT:"}),
-            "");
+  EXPECT_EQ(
+      Run({"RESETLOOPCOUNT 2147483647", "LOOPCHECK 2147483647, OUT", "WAITSECONDS 5", "OUT:"}), "");
   EXPECT_EQ(op_.messages, (std::vector<std::string>{"Loop Count overrun - exiting loop"}));
   EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
 }

@@ -46,7 +46,8 @@ bool ReadOrReport(ChannelAccess& channels, RunContext& seq, std::string_view com
                   std::string_view channel, std::string& value) {
   std::string error;
   if (channels.read(channel, value, &error)) return true;
-  seq.reportSequenceError(std::string(command) + " - cannot read " + std::string(channel) + ": " + error);
+  seq.reportSequenceError(std::string(command) + " - cannot read " + std::string(channel) + ": " +
+                          error);
   return false;
 }
 
@@ -94,7 +95,8 @@ Parsed<MenuCommand> ParseSelectMenu(const CommandLine& cmd) {
   size_t pos = 0;
   while (pos <= choices.size()) {
     const size_t comma = choices.find(',', pos);
-    const std::string choice(trim(std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
+    const std::string choice(trim(
+        std::string_view(choices).substr(pos, comma == std::string::npos ? comma : comma - pos)));
     if (!choice.empty()) menu.choices.push_back(choice);
     if (comma == std::string::npos) break;
     pos = comma + 1;

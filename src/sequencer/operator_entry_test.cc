@@ -19,14 +19,17 @@ TEST_F(OperatorEntryTest, EnterSendWritesWhatTheOperatorTyped) {
   EXPECT_EQ(op_.questions[0].kind, "ENTERSEND");
   EXPECT_TRUE(op_.questions[0].choices.empty());
   op_.answers = {std::string("1")};
-  EXPECT_EQ(Run({"ENTERSEND Value, NOSUCH"}), "EnterSend - cannot write 1 to NOSUCH: no such channel");
+  EXPECT_EQ(Run({"ENTERSEND Value, NOSUCH"}),
+            "EnterSend - cannot write 1 to NOSUCH: no such channel");
   EXPECT_EQ(Run({"ENTERSEND Value"}), "EnterSend - no channel given");
   EXPECT_EQ(Run({"ENTERSEND Value, SETPOINT"}).rfind("No answer to the ENTERSEND question", 0), 0u);
 }
 
 TEST_F(OperatorEntryTest, SelectMenuJumpsToTheChosenLabel) {
   op_.answers = {std::string("COLD")};
-  EXPECT_EQ(Run({"SELECTMENU Which test?, HOT, COLD, SOAK", "STOP", "HOT:", "STOP", "COLD:", "WAITRANDOM 2, 2"}), "");
+  EXPECT_EQ(Run({"SELECTMENU Which test?, HOT, COLD, SOAK", "STOP", "HOT:", "STOP",
+                 "COLD:", "WAITRANDOM 2, 2"}),
+            "");
   EXPECT_EQ(op_.questions.back().choices, (Lines{"HOT", "COLD", "SOAK"}));
   EXPECT_DOUBLE_EQ(Elapsed(), 2.0);
   op_.answers = {std::string("SOAK")};
@@ -37,7 +40,8 @@ TEST_F(OperatorEntryTest, SelectMenuJumpsToTheChosenLabel) {
 TEST_F(OperatorEntryTest, DoWithShowShowsTheChannelUntilAnswered) {
   channels_.values["T1"] = "20";
   op_.answers = {std::string("Cancel")};
-  EXPECT_EQ(Run({"DOWITHSHOW Open the valve, T1, CLOSED", "STOP", "CLOSED:", "WAITRANDOM 1, 1"}), "");
+  EXPECT_EQ(Run({"DOWITHSHOW Open the valve, T1, CLOSED", "STOP", "CLOSED:", "WAITRANDOM 1, 1"}),
+            "");
   EXPECT_EQ(op_.questions.back().choices, (Lines{"OK", "Cancel"}));
   EXPECT_EQ(op_.channelValues.front(), "T1=20");
   EXPECT_DOUBLE_EQ(Elapsed(), 1.0);
@@ -59,7 +63,8 @@ TEST_F(OperatorEntryTest, DoWithShowClosesAsCancelWhenTheChannelCannotBeRead) {
   op_.holdQuestions = true;
   Timer unplug(events_, 2'500'000, [&] { channels_.values.erase("T1"); });
   unplug.setEnabled(true);
-  EXPECT_EQ(Run({"DOWITHSHOW Open the valve, T1, CLOSED", "STOP", "CLOSED:", "WAITRANDOM 1, 1"}), "");
+  EXPECT_EQ(Run({"DOWITHSHOW Open the valve, T1, CLOSED", "STOP", "CLOSED:", "WAITRANDOM 1, 1"}),
+            "");
   unplug.setEnabled(false);
   EXPECT_EQ(op_.messages.back(), "Unable to read from channel: T1");
   EXPECT_EQ(op_.closedQuestions, 1);

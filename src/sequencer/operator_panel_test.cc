@@ -30,14 +30,15 @@ TEST_F(OperatorPanelTest, ErrorDisplaySwitchKeepsTheBoxButNotTheEnd) {
             "Invalid parameter - 0 - for a WaitSeconds statement");
   EXPECT_TRUE(op_.messages.empty());
   EXPECT_DOUBLE_EQ(Elapsed(), 0.0);
-  EXPECT_EQ(Run({"SHOWERRORON", "WAITSECONDS 0"}), "Invalid parameter - 0 - for a WaitSeconds statement");
+  EXPECT_EQ(Run({"SHOWERRORON", "WAITSECONDS 0"}),
+            "Invalid parameter - 0 - for a WaitSeconds statement");
   EXPECT_EQ(op_.messages.size(), 1u);
 }
 
 TEST_F(OperatorPanelTest, HelpTextSectionIsReadUpToItsEnd) {
-  EXPECT_EQ(Run({"[HELPTEXT]", "First line", "  second, with a comma", "[end] of help",
-                 "WAITSECONDS 2"}),
-            "");
+  EXPECT_EQ(
+      Run({"[HELPTEXT]", "First line", "  second, with a comma", "[end] of help", "WAITSECONDS 2"}),
+      "");
   EXPECT_EQ(op_.helpText, "First line\r\nsecond, with a comma");
   EXPECT_DOUBLE_EQ(Elapsed(), 2.0);
 }

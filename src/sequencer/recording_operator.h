@@ -17,11 +17,11 @@ namespace tavrix {
 
 class RecordingOperator : public Operator {
  public:
-  std::deque<Answer> answers;             // taken in order; empty queue: no answer
-  std::vector<Question> questions;        // every question asked
-  std::vector<std::string> messages;      // every message box text
-  std::vector<std::string> statuses;      // every run status shown
-  std::vector<std::string> commands;      // every current-command display
+  std::deque<Answer> answers;         // taken in order; empty queue: no answer
+  std::vector<Question> questions;    // every question asked
+  std::vector<std::string> messages;  // every message box text
+  std::vector<std::string> statuses;  // every run status shown
+  std::vector<std::string> commands;  // every current-command display
   std::string helpText;
   int32_t timeout = 0;
   bool stopAllowed = true;                       // as the last run event about it said
@@ -43,7 +43,9 @@ class RecordingOperator : public Operator {
     answered(answer);
   }
   void closeQuestion() override { ++closedQuestions; }
-  void showMessage(std::string_view, std::string_view text) override { messages.emplace_back(text); }
+  void showMessage(std::string_view, std::string_view text) override {
+    messages.emplace_back(text);
+  }
   // Records the displays of `bus`'s run events until this operator goes.
   void watch(RunEventBus& bus) {
     subscription_ = bus.subscribe([this](const RunEvent& event) {

@@ -23,13 +23,20 @@ constexpr std::string_view kWaitCannotEndText =
 
 const char* EndReasonName(EndReason reason) {
   switch (reason) {
-    case EndReason::kEndOfFile: return "eof";
-    case EndReason::kStop: return "stop";
-    case EndReason::kError: return "error";
-    case EndReason::kAbort: return "abort";
-    case EndReason::kUnload: return "error";  // the program ends after a message
-    case EndReason::kLimit: return "limit";
-    case EndReason::kNone: break;
+    case EndReason::kEndOfFile:
+      return "eof";
+    case EndReason::kStop:
+      return "stop";
+    case EndReason::kError:
+      return "error";
+    case EndReason::kAbort:
+      return "abort";
+    case EndReason::kUnload:
+      return "error";  // the program ends after a message
+    case EndReason::kLimit:
+      return "limit";
+    case EndReason::kNone:
+      break;
   }
   return "none";
 }
@@ -457,8 +464,9 @@ void Sequencer::setTimeoutDeadline(Micros deadline) {
 // --- Services ------------------------------------------------------------------
 
 void Sequencer::reportSequenceError(std::string_view text) {
-  const std::string message = "Sequence file: " + fileName_ + "\rError on line:" +
-                              numberText(lineNumber_) + "\r" + std::string(text);
+  const std::string message = "Sequence file: " + fileName_ +
+                              "\rError on line:" + numberText(lineNumber_) + "\r" +
+                              std::string(text);
   lastError_ = text;
   RunEvent event;
   event.kind = RunEventKind::kMessage;
@@ -495,7 +503,8 @@ bool Sequencer::waitEnds(WaitRule rule) const {
   return false;
 }
 
-bool Sequencer::waitUntil(const std::function<bool()>& done, const std::function<void()>& eachTurn) {
+bool Sequencer::waitUntil(const std::function<bool()>& done,
+                          const std::function<void()>& eachTurn) {
   if (events_.waitUntil(done, eachTurn)) return true;
   reportSequenceError(kWaitCannotEndText);
   return false;

@@ -84,7 +84,9 @@ class CommandTest : public ::testing::Test {
     return seq_.lastSequenceError();
   }
 
-  double Elapsed() const { return static_cast<double>(clock_.now() - kTestStart) / kMicrosPerSecond; }
+  double Elapsed() const {
+    return static_cast<double>(clock_.now() - kTestStart) / kMicrosPerSecond;
+  }
 
   // The lines dispatched, in order, as the command display showed them
   // (the count-downs of waits, which begin "wait" in lower case, left out).

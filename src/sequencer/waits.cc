@@ -28,7 +28,8 @@ constexpr Micros kDelayTimerInterval = kMicrosPerSecond;
 constexpr double kLongestWaitSeconds = 100.0 * 366 * 86400;
 
 struct WaitState {
-  explicit WaitState(EventLoop& loop) : delayTimer(loop, kDelayTimerInterval, [this] { delayTick(); }) {}
+  explicit WaitState(EventLoop& loop)
+      : delayTimer(loop, kDelayTimerInterval, [this] { delayTick(); }) {}
 
   // The delay timer's tick: the wait ends once its length has passed; a
   // start before midnight is moved back a day. The timer is armed for the

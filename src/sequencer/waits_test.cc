@@ -19,9 +19,13 @@ TEST_F(WaitsTest, StopDuringAWaitEndsItAtTheNextEventCheck) {
 }
 
 TEST_F(WaitsTest, AfterTimeCountJumpsOnceEnoughWholeUnitsHavePassed) {
-  const std::vector<std::string> body = {"STARTTIMECOUNT", "WAITSECONDS 119",
-                                         "AFTERTIMECOUNT 2, MINUTES, LATE", "WAITSECONDS 1",
-                                         "AFTERTIMECOUNT 2, minutes, LATE", "STOP", "LATE:",
+  const std::vector<std::string> body = {"STARTTIMECOUNT",
+                                         "WAITSECONDS 119",
+                                         "AFTERTIMECOUNT 2, MINUTES, LATE",
+                                         "WAITSECONDS 1",
+                                         "AFTERTIMECOUNT 2, minutes, LATE",
+                                         "STOP",
+                                         "LATE:",
                                          "AFTERTIMECOUNT 1, SECONDS, LATE"};
   EXPECT_EQ(Run(body), "AfterTimeCount - a StartTimeCount command has not been executed");
   EXPECT_DOUBLE_EQ(Elapsed(), 120.0);

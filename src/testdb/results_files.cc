@@ -42,8 +42,9 @@ bool KeptXmlLines(FileSystem& files, const std::string& localPath, std::string_v
   return true;
 }
 
-bool WriteTextSummary(FileSystem& files, const TestDetails& details, const UutRecord& uut, const ResultsNames& names,
-                      const std::string& local, Micros now, std::string* error) {
+bool WriteTextSummary(FileSystem& files, const TestDetails& details, const UutRecord& uut,
+                      const ResultsNames& names, const std::string& local, Micros now,
+                      std::string* error) {
   std::vector<std::string> lines;
   std::string start;
   if (!files.isFile(local)) {
@@ -69,8 +70,9 @@ bool WriteTextSummary(FileSystem& files, const TestDetails& details, const UutRe
   return appendLines(files, local, lines, error);
 }
 
-bool WriteTextDetails(FileSystem& files, const TestDetails& details, const UutRecord& uut, const ResultsNames& names,
-                      const std::string& local, Micros now, std::string* error) {
+bool WriteTextDetails(FileSystem& files, const TestDetails& details, const UutRecord& uut,
+                      const ResultsNames& names, const std::string& local, Micros now,
+                      std::string* error) {
   std::vector<std::string> lines;
   if (!files.isFile(local)) lines.push_back("Test_Details Date=" + formatDate(now, "dd-mm-yyyy"));
   lines.push_back("Test");
@@ -94,8 +96,8 @@ bool WriteTextDetails(FileSystem& files, const TestDetails& details, const UutRe
   return appendLines(files, local, lines, error);
 }
 
-bool WriteXmlSummary(FileSystem& files, const TestDetails& details, const UutRecord& uut, const std::string& local,
-                     Micros now, std::string* error) {
+bool WriteXmlSummary(FileSystem& files, const TestDetails& details, const UutRecord& uut,
+                     const std::string& local, Micros now, std::string* error) {
   std::vector<std::string> lines;
   const std::string opening = "<Test_Results Test_Name='" + details.title + "' Date='" +
                               formatDate(now, "dd-mm-yyyy") + "'>";
@@ -118,8 +120,8 @@ bool WriteXmlSummary(FileSystem& files, const TestDetails& details, const UutRec
   return writeTextFileAtomically(files, local, lines, error);
 }
 
-bool WriteXmlDetails(FileSystem& files, const TestDetails& details, const UutRecord& uut, const std::string& local,
-                     Micros now, std::string* error) {
+bool WriteXmlDetails(FileSystem& files, const TestDetails& details, const UutRecord& uut,
+                     const std::string& local, Micros now, std::string* error) {
   std::vector<std::string> lines;
   const std::string opening = "<Test_Details Date='" + formatDate(now, "dd-mm-yyyy") + "'>";
   if (!KeptXmlLines(files, local, "</Test_Details>", opening, lines, error)) return false;
@@ -183,7 +185,8 @@ bool WriteTestResults(FileSystem& files, const TestDetails& details, const UutRe
   const std::string summary = WithAllowedName(paths.toLocal(names.summary));
   const std::string detailsFile = WithAllowedName(paths.toLocal(names.details));
   const size_t slash = summary.rfind('/');
-  if (slash != std::string::npos && slash != 0 && !files.makeFolders(summary.substr(0, slash), error)) {
+  if (slash != std::string::npos && slash != 0 &&
+      !files.makeFolders(summary.substr(0, slash), error)) {
     if (error) *error = "Cannot create the results directory of " + summary + ": " + *error;
     return false;
   }
@@ -195,16 +198,17 @@ bool WriteTestResults(FileSystem& files, const TestDetails& details, const UutRe
   // a UUT's two records stay a pair.
   const FileInfo before = files.info(summary);
   std::string oldSummary;
-  if (settings.xmlLayout && before.kind == FileKind::kFile && !files.readFile(summary, oldSummary, error)) {
+  if (settings.xmlLayout && before.kind == FileKind::kFile &&
+      !files.readFile(summary, oldSummary, error)) {
     return false;
   }
-  const bool summaryWritten = settings.xmlLayout
-                                  ? WriteXmlSummary(files, details, uut, summary, now, error)
-                                  : WriteTextSummary(files, details, uut, names, summary, now, error);
+  const bool summaryWritten =
+      settings.xmlLayout ? WriteXmlSummary(files, details, uut, summary, now, error)
+                         : WriteTextSummary(files, details, uut, names, summary, now, error);
   if (!summaryWritten) return false;
-  const bool detailsWritten = settings.xmlLayout
-                                  ? WriteXmlDetails(files, details, uut, detailsFile, now, error)
-                                  : WriteTextDetails(files, details, uut, names, detailsFile, now, error);
+  const bool detailsWritten =
+      settings.xmlLayout ? WriteXmlDetails(files, details, uut, detailsFile, now, error)
+                         : WriteTextDetails(files, details, uut, names, detailsFile, now, error);
   if (detailsWritten) return true;
   if (before.kind != FileKind::kFile) {
     files.remove(summary, nullptr);

@@ -48,7 +48,8 @@ class ResultsFilesTest : public ::testing::Test {
   }
   void Write(const UutRecord& uut, Micros when = kWhen) {
     std::string error;
-    ASSERT_TRUE(WriteTestResults(folder_.files(), details_, uut, settings_, paths_, when, &error)) << error;
+    ASSERT_TRUE(WriteTestResults(folder_.files(), details_, uut, settings_, paths_, when, &error))
+        << error;
   }
 
   TempFolder folder_;
@@ -63,7 +64,8 @@ int Entries(const std::string& summary, const std::string& serial) {
   int n = 0;
   for (const auto& line : splitLines(summary)) {
     const size_t at = line.find(serial + "\tPASS\t");
-    if (at != std::string::npos && (at == 0 || line.compare(0, at, "Valve test_261115.txt") == 0)) ++n;
+    if (at != std::string::npos && (at == 0 || line.compare(0, at, "Valve test_261115.txt") == 0))
+      ++n;
   }
   return n;
 }

@@ -32,7 +32,8 @@ TEST_F(ResultsFilesProcessTest, ManyProcessesWritingAtOnceLoseAndDoubleNothing) 
       if (read(go[0], &byte, 1) != 0) _exit(2);  // all start when the pipe closes
       LocalFileSystem files(folder_.path());
       std::string error;
-      _exit(WriteTestResults(files, details_, Passed("U" + std::to_string(i)), settings_, paths_, kWhen, &error)
+      _exit(WriteTestResults(files, details_, Passed("U" + std::to_string(i)), settings_, paths_,
+                             kWhen, &error)
                 ? 0
                 : 1);
     }
@@ -95,7 +96,8 @@ TEST_F(ResultsFilesProcessTest, WritersKilledAtRandomMomentsLeaveWholeUniqueEntr
   }
   LocalFileSystem files(folder_.path());
   std::string error;
-  ASSERT_TRUE(WriteTestResults(files, details_, Passed("last"), settings_, paths_, kWhen, &error)) << error;
+  ASSERT_TRUE(WriteTestResults(files, details_, Passed("last"), settings_, paths_, kWhen, &error))
+      << error;
 
   const auto lines = splitLines(folder_.Read("results/Valve test_261115.txt"));
   ASSERT_GE(lines.size(), 6u);

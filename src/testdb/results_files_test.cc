@@ -130,7 +130,8 @@ TEST_F(ResultsFilesTest, SwitchOffWritesNothingAndAFailedWriteKeepsEarlierEntrie
   // the UUT's two records stay a pair.
   folder_.files().makeFolders(folder_.path() + "/results/SN_2_261115_143005.txt", nullptr);
   std::string error;
-  EXPECT_FALSE(WriteTestResults(folder_.files(), details_, Passed("2"), settings_, paths_, kWhen, &error));
+  EXPECT_FALSE(
+      WriteTestResults(folder_.files(), details_, Passed("2"), settings_, paths_, kWhen, &error));
   EXPECT_THAT(error, ::testing::HasSubstr("SN_2_261115_143005.txt"));
   EXPECT_EQ(folder_.Read("results/Valve test_261115.txt"), before);
 }
@@ -146,7 +147,8 @@ namespace {
 // summary entry without its details; the failure is reported.
 TEST_F(ResultsFilesTest, AFailingWriteAtEveryPointLeavesWholeFilesAndPairs) {
   for (const bool xml : {false, true}) {
-    for (const auto fault : {MemoryFileSystem::Fault::kNoSpace, MemoryFileSystem::Fault::kIoError}) {
+    for (const auto fault :
+         {MemoryFileSystem::Fault::kNoSpace, MemoryFileSystem::Fault::kIoError}) {
       settings_.xmlLayout = xml;
       // The writes that two UUTs take when nothing fails.
       MemoryFileSystem clean;
@@ -154,20 +156,25 @@ TEST_F(ResultsFilesTest, AFailingWriteAtEveryPointLeavesWholeFilesAndPairs) {
       cleanPaths.setDrive('c', "/data/c");
       clean.makeFolders("/data/c", nullptr);
       std::string error;
-      ASSERT_TRUE(WriteTestResults(clean, details_, Passed("1"), settings_, cleanPaths, kWhen, &error));
+      ASSERT_TRUE(
+          WriteTestResults(clean, details_, Passed("1"), settings_, cleanPaths, kWhen, &error));
       const int afterFirst = clean.writes();
-      ASSERT_TRUE(WriteTestResults(clean, details_, Passed("2"), settings_, cleanPaths, kWhen, &error));
+      ASSERT_TRUE(
+          WriteTestResults(clean, details_, Passed("2"), settings_, cleanPaths, kWhen, &error));
       const int total = clean.writes() - afterFirst;
       ASSERT_GE(total, 2);
-      const std::string summaryPath = std::string("/data/c/results/Valve test_261115") + (xml ? ".xml" : ".txt");
+      const std::string summaryPath =
+          std::string("/data/c/results/Valve test_261115") + (xml ? ".xml" : ".txt");
       for (int n = 1; n <= total; ++n) {
         MemoryFileSystem files;
         files.makeFolders("/data/c", nullptr);
-        ASSERT_TRUE(WriteTestResults(files, details_, Passed("1"), settings_, cleanPaths, kWhen, &error));
+        ASSERT_TRUE(
+            WriteTestResults(files, details_, Passed("1"), settings_, cleanPaths, kWhen, &error));
         const auto before = files.files();
         files.failWrite(n, fault);
         error.clear();
-        EXPECT_FALSE(WriteTestResults(files, details_, Passed("2"), settings_, cleanPaths, kWhen, &error))
+        EXPECT_FALSE(
+            WriteTestResults(files, details_, Passed("2"), settings_, cleanPaths, kWhen, &error))
             << "write " << n;
         EXPECT_THAT(error, ::testing::HasSubstr(fault == MemoryFileSystem::Fault::kNoSpace
                                                     ? "No space left on device"
@@ -187,4 +194,3 @@ TEST_F(ResultsFilesTest, AFailingWriteAtEveryPointLeavesWholeFilesAndPairs) {
 
 }  // namespace
 }  // namespace tavrix
-

@@ -188,7 +188,8 @@ TEST_F(TestDatabaseTest, ManualVerdictsAndTheContinueFlag) {
        "4" + kT + "MANUAL" + kT + kT + kT + kT + kT + "Paint", "4" + kT + "MANUAL"});
   std::vector<bool> flags;
   const Keyword<CommandLine> flag{"FLAG", "", AsWritten};
-  seq_.dispatcher().bind(flag, [&](Sequencer&, const CommandLine&) { flags.push_back(db_.continueFlag()); });
+  seq_.dispatcher().bind(
+      flag, [&](Sequencer&, const CommandLine&) { flags.push_back(db_.continueFlag()); });
   // Pass; Fail and Repeat asks once and then offers the step again; Fail and
   // Continue clears the flag and the next step's rows are still asked; Fail
   // and Repeat then Continue with test goes on.

@@ -43,7 +43,8 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
     return link;
   }
   if (error) {
-    *error = "unknown link \"" + std::string(linkSpec) + "\": use sim, dll, tcp://HOST:PORT or map:FILE";
+    *error =
+        "unknown link \"" + std::string(linkSpec) + "\": use sim, dll, tcp://HOST:PORT or map:FILE";
   }
   return nullptr;
 }
@@ -54,7 +55,8 @@ std::unique_ptr<Instrument> MakeInstrument(EventLoop& events, Trace& trace,
                                            std::string* error) {
   auto backend = MakeLinkLibrary(linkSpec, events.clock(), settings, files, error);
   if (!backend) return nullptr;
-  return std::make_unique<Instrument>(events, trace, std::move(settings), std::move(backend), paths);
+  return std::make_unique<Instrument>(events, trace, std::move(settings), std::move(backend),
+                                      paths);
 }
 
 }  // namespace tavrix

@@ -16,7 +16,8 @@ TEST(LinkBackends, LinkSpecsNameTheBackend) {
   std::string error;
   EXPECT_NE(MakeInstrument(events, trace, {}, "sim", files, paths, &error), nullptr);
   EXPECT_NE(MakeInstrument(events, trace, {}, "", files, paths, &error), nullptr);
-  EXPECT_NE(MakeInstrument(events, trace, {}, "tcp://127.0.0.1:5025", files, paths, &error), nullptr);
+  EXPECT_NE(MakeInstrument(events, trace, {}, "tcp://127.0.0.1:5025", files, paths, &error),
+            nullptr);
   EXPECT_EQ(MakeInstrument(events, trace, {}, "tcp://nohost", files, paths, &error), nullptr);
   EXPECT_EQ(error, "the link \"tcp://nohost\" is not tcp://HOST:PORT");
   EXPECT_EQ(MakeInstrument(events, trace, {}, "serial:1", files, paths, &error), nullptr);

@@ -282,6 +282,5 @@ TEST_F(ChannelCommandsTest, TheSetupFileMayBeChosenByTheOperator) {
   EXPECT_EQ(value, "0");
 }
 
-
 }  // namespace
 }  // namespace tavrix

@@ -109,7 +109,7 @@ TEST_F(ChannelsFixture, ReadsAndWritesByName) {
     EXPECT_FALSE(channels.ReadChannel(name, value));
     EXPECT_EQ(link.lastErrorNumber(), 1500);
     EXPECT_EQ(link.lastErrorText(), std::string("Channel name - ") + name +
-                                      " - does not exist, or is not enabled in the hardware");
+                                        " - does not exist, or is not enabled in the hardware");
     EXPECT_FALSE(channels.WriteChannel(name, "1"));
     EXPECT_EQ(link.lastErrorNumber(), 1500);
   }

@@ -64,8 +64,8 @@ struct InstrumentSettings {
 };
 
 // Reads settings from a file; false with "FILE line N: reason" on a bad line.
-bool LoadInstrumentSettings(const FileSystem& files, const std::string& path, InstrumentSettings& settings,
-                            std::string& error);
+bool LoadInstrumentSettings(const FileSystem& files, const std::string& path,
+                            InstrumentSettings& settings, std::string& error);
 bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
                              InstrumentSettings& settings, std::string& error);
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <vector>
 #include <string_view>
+#include <vector>
 
 namespace tavrix {
 

@@ -76,8 +76,9 @@ void AlarmDefine(Sequencer& seq, AlarmState& state, const CommandLine& cmd) {
   if (name.empty()) {
     state.definitions.clear();
   } else {
-    auto same = std::find_if(state.definitions.begin(), state.definitions.end(),
-                             [&](const AlarmDefinition& d) { return upperCase(d.name) == upperCase(name); });
+    auto same = std::find_if(
+        state.definitions.begin(), state.definitions.end(),
+        [&](const AlarmDefinition& d) { return upperCase(d.name) == upperCase(name); });
     if (command.empty()) {
       if (same != state.definitions.end()) state.definitions.erase(same);
     } else if (same != state.definitions.end()) {

@@ -15,7 +15,10 @@ class AlarmScriptLink final : public LinkLibrary {
   std::map<int, std::pair<std::string, std::string>> answers;  // device -> (ALA T, ALA N)
   int failingDevice = -1;
 
-  int32_t openInterface(int16_t& handle) override { handle = 1; return 0; }
+  int32_t openInterface(int16_t& handle) override {
+    handle = 1;
+    return 0;
+  }
   int32_t closeInterface(int16_t) override { return 0; }
   int32_t interfaceVersion(int16_t, std::string&) override { return 0; }
   int32_t sendCommand(int16_t, int16_t device, std::string_view command, bool) override {
@@ -30,7 +33,10 @@ class AlarmScriptLink final : public LinkLibrary {
   }
   int32_t abortReply(int16_t, int16_t) override { return 0; }
   int32_t millisecondCount() override { return 0; }
-  int32_t dirPath(std::string& path) override { path.clear(); return 0; }
+  int32_t dirPath(std::string& path) override {
+    path.clear();
+    return 0;
+  }
   int32_t setupLibVersion(std::string&) override { return 6; }
   int32_t loadAndLockSetup(const std::string&, int32_t, SetupLoad&) override { return 0; }
   int32_t unlockSetup(std::string_view, int16_t) override { return 0; }
@@ -51,7 +57,8 @@ struct ScriptedAlarms {
   ScriptedAlarms() {
     auto link = std::make_unique<AlarmScriptLink>();
     script = link.get();
-    instrument = std::make_unique<Instrument>(events, trace, InstrumentSettings{}, std::move(link), paths);
+    instrument =
+        std::make_unique<Instrument>(events, trace, InstrumentSettings{}, std::move(link), paths);
     EXPECT_TRUE(instrument->ensureOpen());
     // Devices 0 and 2 hold channels; device 1 is absent.
     instrument->channels().ReadSummary("  00001 E=1 N=A\r\n  20001 E=1 N=B\r\n");
@@ -122,8 +129,8 @@ TEST(WaitAlarm, EndsOnStopAndOnTheSequenceTimeOut) {
     // The time-out's action: the line after its label runs next, and the
     // time-out is spent, so the wait behind the label is not cut short.
     OutputRun run;
-    EXPECT_EQ(run.run({"ONTIMEOUT 5, LATE", "WAITALARM LEAK", "SEND OUT1, 1", "STOP", "LATE:",
-                       "SEND OUT2, 2", "WAITNOALARM", "SEND OUT1, 3"}),
+    EXPECT_EQ(run.run({"ONTIMEOUT 5, LATE", "WAITALARM LEAK", "SEND OUT1, 1", "STOP",
+                       "LATE:", "SEND OUT2, 2", "WAITNOALARM", "SEND OUT1, 3"}),
               "");
     EXPECT_EQ(run.writes("OUT1"), Writes("OUT1", {{6.0, "3"}}));
     EXPECT_EQ(run.writes("OUT2"), Writes("OUT2", {{6.0, "2"}}));

@@ -37,9 +37,11 @@ inline constexpr std::string_view kTextAbortMaintain =
 // The output needed to reach the target is beyond a channel value's range.
 inline constexpr std::string_view kTextMaintainOutOfRange =
     "Aborting MT_maintainLoad - the output needed is out of range for channel: ";
-inline constexpr std::string_view kTextCannotParseMaintain = "Cannot parse MT_Maintain setup string";
+inline constexpr std::string_view kTextCannotParseMaintain =
+    "Cannot parse MT_Maintain setup string";
 inline constexpr std::string_view kTextMaintainRate = "MT_Maintain setup string - RATE must be >0";
-inline constexpr std::string_view kTextMaintainGain = "MT_Maintain setup string - GAIN must not be 0";
+inline constexpr std::string_view kTextMaintainGain =
+    "MT_Maintain setup string - GAIN must not be 0";
 inline constexpr std::string_view kTextMaintainTolerance =
     "MT_Maintain setup string - TOLERANCE must be >0";
 inline constexpr double kDefaultMaintainTolerance = 0.01;

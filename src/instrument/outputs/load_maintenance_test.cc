@@ -56,7 +56,9 @@ TEST(MaintainSetup, KeywordsInOrderAndTheirChecks) {
 TEST(LoadMaintenance, HoldsALaggingLoadWithinTheTolerance) {
   OutputRun run;
   std::vector<std::pair<double, double>> samples;  // (seconds, load)
-  Timer sampler(run.events(), 250'000, [&] { samples.push_back({run.seconds(), run.reading("LOAD")}); });
+  Timer sampler(run.events(), 250'000, [&] {
+    samples.push_back({run.seconds(), run.reading("LOAD")});
+  });
   sampler.setEnabled(true);
   EXPECT_EQ(run.run({"MT_MAINTAIN HOLD LOAD AT 50 USING VALVE WITH RATE 5 GAIN 2", "SEND DIG1, 1",
                      "WAITSECONDS 60"}),

@@ -4,10 +4,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <regex>
-#include <unistd.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -101,7 +101,8 @@ class OutputRun {
   // Every "WRI" sent, with its instant, from the trace.
   std::vector<Write> writes(std::string_view channel = {}) {
     std::vector<Write> out;
-    static const std::regex kWrite(R"re(^\{"t":([0-9.]+),"ev":"iml","dev":\d+,"cmd":"WRI (\S+) (.*?)")re");
+    static const std::regex kWrite(
+        R"re(^\{"t":([0-9.]+),"ev":"iml","dev":\d+,"cmd":"WRI (\S+) (.*?)")re");
     for (const auto& line : traceLines()) {
       std::smatch m;
       if (!std::regex_search(line, m, kWrite)) continue;
@@ -129,7 +130,8 @@ class OutputRun {
     std::vector<std::string> lines;
     std::string text;
     files_.readFile(kTracePath, text, nullptr);
-    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
       lines.push_back(text.substr(start, end - start));
     }
     return lines;

@@ -17,7 +17,8 @@ void SleepWithoutEvents(Clock& clock, Micros due) {
   std::mutex mutex;
   std::condition_variable cv;
   std::unique_lock<std::mutex> lock(mutex);
-  clock.idleUntil(due, cv, lock, [] { return false; }, false);
+  clock.idleUntil(
+      due, cv, lock, [] { return false; }, false);
 }
 
 }  // namespace

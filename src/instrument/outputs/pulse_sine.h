@@ -31,10 +31,10 @@ class Sequencer;
 
 inline constexpr std::string_view kTextPulseTiming = "Pulse Timing";
 // Colour values of the status label (red + 256 x green + 65536 x blue).
-inline constexpr int32_t kColourPulseTiming = 33023;    // orange: 255, 128, 0
+inline constexpr int32_t kColourPulseTiming = 33023;      // orange: 255, 128, 0
 inline constexpr int32_t kColourStatusNormal = 12632256;  // light grey: 192, 192, 192
-inline constexpr int32_t kLongestPulse = 32000;          // milliseconds
-inline constexpr double kSinePointInterval = 0.2;        // seconds
+inline constexpr int32_t kLongestPulse = 32000;           // milliseconds
+inline constexpr double kSinePointInterval = 0.2;         // seconds
 inline constexpr std::string_view kTextCannotParseSine = "Cannot parse SineOut setup string";
 inline constexpr std::string_view kTextSineNoPoints =
     "Sine Output Setup String - There are no points to output";

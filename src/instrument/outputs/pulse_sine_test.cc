@@ -22,18 +22,15 @@ TEST(PulseOutput, BothLevelsAreWrittenTheLengthApartWithTheEngineHeld) {
   EXPECT_EQ(run.run({"PULSEOUTPUT DIG1, HI, 100", "PULSEOUTPUT DIG1, lo, 32000",
                      "PULSEOUTPUT DIG1, HI, 0"}),
             "");
-  EXPECT_EQ(run.writes("DIG1"), Writes("DIG1", {{0, "1"},
-                                                {0.1, "0"},
-                                                {0.1, "0"},
-                                                {32.1, "1"},
-                                                {32.1, "1"},
-                                                {32.1, "0"}}));
+  EXPECT_EQ(
+      run.writes("DIG1"),
+      Writes("DIG1", {{0, "1"}, {0.1, "0"}, {0.1, "0"}, {32.1, "1"}, {32.1, "1"}, {32.1, "0"}}));
   EXPECT_GE(timerRanAt, 0.1);
   // "Pulse Timing" in orange for each pulse, then the run status in grey.
   const std::pair<std::string, int32_t> timing{"Pulse Timing", 33023};
   const std::pair<std::string, int32_t> back{"Running", 12632256};
-  EXPECT_EQ(run.op().statusLabels,
-            (std::vector<std::pair<std::string, int32_t>>{timing, back, timing, back, timing, back}));
+  EXPECT_EQ(run.op().statusLabels, (std::vector<std::pair<std::string, int32_t>>{
+                                       timing, back, timing, back, timing, back}));
 }
 
 TEST(PulseOutput, BadLengthOrDirectionIsReportedAndWritesNothing) {
@@ -110,7 +107,8 @@ std::vector<std::pair<double, std::string>> SinePoints(double amplitude, double 
                                                        double n) {
   std::vector<std::pair<double, std::string>> points;
   for (int k = 1; k <= count; ++k) {
-    points.push_back({(2 * (k - 1)) / 10.0, numberText(amplitude * std::sin(2 * std::numbers::pi * k / n) + offset)});
+    points.push_back({(2 * (k - 1)) / 10.0,
+                      numberText(amplitude * std::sin(2 * std::numbers::pi * k / n) + offset)});
   }
   return points;
 }
@@ -142,7 +140,8 @@ TEST(SineOut, TheMonitorChannelIsReadOnceAPointForThePeak) {
   ASSERT_EQ(peak.size(), 1u);
   EXPECT_NEAR(leadingNumber(peak[0].value), 2, 1e-9);
   int reads = 0;
-  for (const auto& line : run.traceLines()) reads += line.find("\"cmd\":\"REA MON\"") != std::string::npos;
+  for (const auto& line : run.traceLines())
+    reads += line.find("\"cmd\":\"REA MON\"") != std::string::npos;
   EXPECT_EQ(reads, 4);
 }
 

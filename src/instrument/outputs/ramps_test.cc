@@ -40,8 +40,8 @@ TEST(RampSetup, ParsesTheFourNumbersAndChecksStepsThenInterval) {
   EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 5 IN many", false, error));
   EXPECT_EQ(error, "Ramp Setup String - Number of steps must be >0");
 
-  for (const char* bad : {"0 TO 10 IN 10", "0 OVER 5 IN 10", "0 TO 10 OVER 5", "10", "",
-                          "0 TO 1 OVER 5 IN 40000"}) {
+  for (const char* bad :
+       {"0 TO 10 IN 10", "0 OVER 5 IN 10", "0 TO 10 OVER 5", "10", "", "0 TO 1 OVER 5 IN 40000"}) {
     EXPECT_FALSE(ParseRampSetup(bad, false, error)) << bad;
     EXPECT_EQ(error, "Cannot parse Ramp setup string") << bad;
     EXPECT_FALSE(ParseRampSetup(bad, true, error)) << bad;
@@ -97,9 +97,10 @@ TEST(Ramp, AFailedWriteDoesNotStopTheRamp) {
   // A channel that is not in the table fails every write the same way: the
   // ramp still takes its full time, and so does a group.
   OutputRun missing;
-  EXPECT_EQ(missing.run({"RAMP NOPE, 0 TO 1 OVER 1 IN 2", "SEND DIG1, 1", "[GROUPRAMPS]",
-                         "RAMP OUT2, 0 TO 2 OVER 1 IN 2", "RAMP NOPE, 0 TO 1 OVER 2 IN 2", "[END]"}),
-            "");
+  EXPECT_EQ(
+      missing.run({"RAMP NOPE, 0 TO 1 OVER 1 IN 2", "SEND DIG1, 1", "[GROUPRAMPS]",
+                   "RAMP OUT2, 0 TO 2 OVER 1 IN 2", "RAMP NOPE, 0 TO 1 OVER 2 IN 2", "[END]"}),
+      "");
   EXPECT_FALSE(missing.instrument().lastOutputStatus());
   EXPECT_EQ(missing.writes("DIG1"), Writes("DIG1", {{1, "1"}}));
   EXPECT_EQ(missing.writes("OUT2"), Writes("OUT2", {{1, " 0"}, {1.5, " 1"}, {2, " 2"}}));
@@ -109,7 +110,8 @@ TEST(Ramp, AFailedWriteDoesNotStopTheRamp) {
 
 TEST(Ramp, BadInputIsReportedAndWritesNothing) {
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"RAMP OUT1, 0 TO 10 OVER 0.5 IN 10", "Ramp Setup String - Time between steps must be >= 0.1"},
+      {"RAMP OUT1, 0 TO 10 OVER 0.5 IN 10",
+       "Ramp Setup String - Time between steps must be >= 0.1"},
       {"RAMP OUT1, 5 TO 0 OVER 10 IN 0", "Ramp Setup String - Number of steps must be >0"},
       {"RAMP OUT1, 0 UNTIL 10 OVER 5 IN 10", "Cannot parse Ramp setup string"},
       {"RAMP OUT1", "Cannot parse Ramp setup string"},
@@ -134,14 +136,14 @@ TEST(Ramp, StopEndsTheRampAtItsNextWait) {
 
 TEST(GroupRamps, RampsRunOnOneClockEachWithItsOwnInterval) {
   OutputRun run;
-  EXPECT_EQ(run.run({"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 OVER 2 IN 4", "  ramp OUT2, 10 TO 7 OVER 3 IN 3",
-                     "[END]", "SEND DIG1, 1"}),
+  EXPECT_EQ(run.run({"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 OVER 2 IN 4",
+                     "  ramp OUT2, 10 TO 7 OVER 3 IN 3", "[END]", "SEND DIG1, 1"}),
             "");
   // Due ramps write in the order of their lines.
-  const std::vector<Write> expected = {
-      {0, "OUT1", " 0"}, {0, "OUT2", " 10"}, {0.5, "OUT1", " 1"}, {1, "OUT1", " 2"},
-      {1, "OUT2", " 9"}, {1.5, "OUT1", " 3"}, {2, "OUT1", " 4"},  {2, "OUT2", " 8"},
-      {3, "OUT2", " 7"}, {3, "DIG1", "1"}};
+  const std::vector<Write> expected = {{0, "OUT1", " 0"}, {0, "OUT2", " 10"}, {0.5, "OUT1", " 1"},
+                                       {1, "OUT1", " 2"}, {1, "OUT2", " 9"},  {1.5, "OUT1", " 3"},
+                                       {2, "OUT1", " 4"}, {2, "OUT2", " 8"},  {3, "OUT2", " 7"},
+                                       {3, "DIG1", "1"}};
   EXPECT_EQ(run.writes(), expected);
 }
 
@@ -155,7 +157,8 @@ TEST(GroupRamps, AWrongBlockEndsTheRunAndWritesNothing) {
        "GroupRamp Setup String - Number of steps must be >0"},
       {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 OVER 0.2 IN 4", "[END]"},
        "GroupRamp Setup String - Time between steps must be >= 0.1"},
-      {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 FOR 2 IN 4", "[END]"}, "Cannot parse GroupRamp setup string"},
+      {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 FOR 2 IN 4", "[END]"},
+       "Cannot parse GroupRamp setup string"},
       {{"[GROUPRAMPS]", "RAMP OUT1, 0 TO 4 OVER 2 IN 4", "RAMP OUT2, 0 TO 4 OVER 2 IN 4"},
        "Group Ramps: the file ends before the [END] of the group"},
   };

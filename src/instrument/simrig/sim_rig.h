@@ -6,8 +6,6 @@
 // setup file format is described in docs/simulated-rig.md.
 #pragma once
 
-#include "common/file_system.h"
-
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "common/clock.h"
+#include "common/file_system.h"
 #include "common/name_index.h"
 #include "instrument/link/link_library.h"
 

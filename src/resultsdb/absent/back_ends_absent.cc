@@ -12,7 +12,8 @@ constexpr const char* kAbsent = "this build has no results store (the Windows bu
 
 bool StoreBackEndsBuilt() { return false; }
 
-std::unique_ptr<SqlConnection> OpenSqlite(const std::string&, const SqliteOptions&, std::string* error) {
+std::unique_ptr<SqlConnection> OpenSqlite(const std::string&, const SqliteOptions&,
+                                          std::string* error) {
   if (error) *error = kAbsent;
   return nullptr;
 }
