@@ -177,6 +177,8 @@ bool RunPanel::apply(const RunEvent& event) {
       wait_.reset();
       break;
     case RunEventKind::kStatus:
+      status_ = event.text;
+      break;
     case RunEventKind::kCommand:
       commandShown(event.text);
       break;
