@@ -321,7 +321,17 @@ class MainWindowTest : public QObject {
     QTest::mouseClick(Find<QPushButton>(*box, "answer_OK"), Qt::LeftButton);
     QTRY_VERIFY(ListRunRecords(files).size() == 2 && ListRunRecords(files)[0].end &&
                 ListRunRecords(files)[1].end);
-    QCOMPARE(Ctl(root, {"list", "--all"}, text), 0);
+    // What ctl list --all prints.
+    std::FILE* out = std::tmpfile();
+    QCOMPARE(ListAllRuns(files, out,
+                         [&](const std::string& id) {
+                           return RunAnswers(RunRecordsFolder(files) + "/" + id);
+                         }),
+             0);
+    text.assign(static_cast<size_t>(std::ftell(out)), '\0');
+    std::rewind(out);
+    text.resize(std::fread(text.data(), 1, text.size(), out));
+    std::fclose(out);
     for (const RunRecordSummary& record : ListRunRecords(files)) {
       QCOMPARE(record.endReason, std::string("stop"));
       QVERIFY2(text.find(record.id) != std::string::npos, text.c_str());
@@ -1406,8 +1416,9 @@ class MainWindowTest : public QObject {
           text.find(record.id) != std::string::npos && text.find("held.wts") != std::string::npos,
           text.c_str());
       QCOMPARE(ctl({record.id, "status"}, text), 0);
-      QVERIFY2(text.find("WAITSECONDS") != std::string::npos ||
-                   text.find("\"line\":1") != std::string::npos,
+      QVERIFY2((text.find("WAITSECONDS") != std::string::npos ||
+                text.find("\"line\":1") != std::string::npos) &&
+                   text.find("\"state\":\"running\"") != std::string::npos,
                text.c_str());
       QCOMPARE(ctl({record.id, "stop"}, text), 0);
       QTRY_COMPARE(Status(w), QString("Stopped"));
