@@ -2,6 +2,7 @@
 
 #include <QAbstractTableModel>
 #include <QAction>
+#include <QApplication>
 #include <QComboBox>
 #include <QFont>
 #include <QHBoxLayout>
@@ -257,7 +258,7 @@ void SequenceLinesView::carryOut(const SequenceView::Change& change) {
     std::string error;
     if (!change.add.empty()) breakpoints.add(change.add, change.condition, &error);
     QMetaObject::invokeMethod(
-        self.data(),
+        qApp,
         [self, list = breakpoints.list(), error] {
           if (!self) return;
           self->problem_->setText(Text(error));
