@@ -170,6 +170,9 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         break;
       case RunEventKind::kStatus:
         status_ = event.text;
+        // A socket opened as its run starts (the window's) has missed the
+        // start, but not the status that follows it.
+        if (state_ == "ready" && event.text == kStatusRunning) state_ = "running";
         break;
       case RunEventKind::kEnd:
         state_ = "ended";
