@@ -142,6 +142,7 @@ TEST(Files, ReplaceAppendIdentityAndLocks) {
 // Serves what `server` has until `done` says so (at most `rounds` waits),
 // echoing each line back upper-cased; what it read and saw is kept.
 struct EchoServer {
+  explicit EchoServer(LocalServer& s) : server(s) {}
   LocalServer& server;
   std::map<int, std::string> in, out;
   std::vector<int> ended;
@@ -213,11 +214,13 @@ TEST(LocalEndpoint, OwnerOnlySeveralClientsAFullPipeAndAStaleEndpoint) {
   std::unique_ptr<LocalConnection> a, b;
   ASSERT_EQ(LocalConnection::Connect(path, a, &error), LocalConnection::Outcome::kConnected)
       << error;
+  // A pipe takes its next client once the server has seen the last one.
+  EchoServer echo(*server);
+  echo.serve([&] { return echo.out.size() == 1; });
   ASSERT_EQ(LocalConnection::Connect(path, b, &error), LocalConnection::Outcome::kConnected)
       << error;
   ASSERT_TRUE(a->send("first\n", 6));
   ASSERT_TRUE(b->send("second\n", 7));
-  EchoServer echo{*server};
   echo.serve([&] {
     return echo.in.size() == 2 && echo.out.size() == 2 && echo.out.begin()->second.empty() &&
            echo.out.rbegin()->second.empty();

@@ -7,6 +7,7 @@
 // clang-format on
 
 #include <algorithm>
+#include <atomic>
 #include <cwchar>
 #include <map>
 #include <vector>
@@ -188,7 +189,11 @@ class PipeServer final : public LocalServer {
     return true;
   }
 
-  void wake() override { PostQueuedCompletionStatus(port_, 0, 0, nullptr); }
+  // One wake-up waits in the port at most: a run's events come far faster
+  // than the server needs to hear of each.
+  void wake() override {
+    if (!woken_.exchange(true)) PostQueuedCompletionStatus(port_, 0, 0, nullptr);
+  }
 
   bool wait(bool accept, const std::vector<Interest>& interests, int timeoutMs,
             std::vector<int>& accepted, std::vector<Ready>& ready) override {
@@ -219,9 +224,13 @@ class PipeServer final : public LocalServer {
                                        timeoutMs < 0 ? INFINITE : static_cast<DWORD>(timeoutMs),
                                        FALSE))
         return GetLastError() == WAIT_TIMEOUT;
-      for (ULONG i = 0; i < got; ++i)
-        if (entries[i].lpOverlapped != nullptr)
+      for (ULONG i = 0; i < got; ++i) {
+        if (entries[i].lpOverlapped == nullptr) {
+          woken_ = false;
+        } else {
           completed(*CONTAINING_RECORD(entries[i].lpOverlapped, Op, overlapped));
+        }
+      }
     }
     return true;
   }
@@ -444,6 +453,7 @@ class PipeServer final : public LocalServer {
   OwnerOnly security_;
   std::wstring name_;
   HANDLE port_ = nullptr;
+  std::atomic<bool> woken_{false};
   std::unique_ptr<Pipe> listening_;
   std::map<int, std::unique_ptr<Pipe>> pipes_;
   std::vector<std::unique_ptr<Pipe>> closing_;
