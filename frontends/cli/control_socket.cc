@@ -421,7 +421,6 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 
   mutable std::mutex mutex_;
   std::map<int, Client> clients_;
-  int nextClient_ = 1;
   bool stopping_ = false;
   std::string state_ = "ready";
   std::string status_;
