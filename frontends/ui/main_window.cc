@@ -157,11 +157,9 @@ MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : 
     auto engine = factory(operator_);
     operator_.attach(engine->events());
     breakpoints_ = std::make_unique<Breakpoints>(*engine);
-#ifndef _WIN32
     runControl_ = std::make_unique<EachRunControl>(
         *engine, *breakpoints_,
         [](const std::string& problem) { std::fprintf(stderr, "tavrix: %s\n", problem.c_str()); });
-#endif
     return engine;
   });
   QPointer<MainWindow> self(this);
@@ -302,21 +300,15 @@ MainWindow::~MainWindow() {
   channelDisplay_ = nullptr;
   runEvents_.reset();
   host_->post([this](Engine&) {
-#ifndef _WIN32
     runControl_.reset();
-#endif
     breakpoints_.reset();
   });
   host_.reset();
 }
 
 void MainWindow::onRunSocket(std::function<void(const std::string&)> told) {
-#ifndef _WIN32
   runSocketTold_ = told;
   host_->post([this, told = std::move(told)](Engine&) { runControl_->onOpened(told); });
-#else
-  (void)told;
-#endif
 }
 
 QGroupBox* MainWindow::buildUnitTile() {
@@ -1244,7 +1236,6 @@ bool MainWindow::openStation(const std::string& path) {
   auto* view = new StationView;
   auto questions = std::make_shared<SocketQuestions>();
   StationSockets::Options options = stationOptions_;
-#ifndef _WIN32
   // Each run of a socket listens on a control socket of its own, in its
   // record's folder, as the one-sequence runs do.
   options.companion = [told = runSocketTold_](Engine& engine, size_t,
@@ -1256,7 +1247,6 @@ bool MainWindow::openStation(const std::string& path) {
     if (told) control->control().onOpened(told);
     return control;
   };
-#endif
   std::string error;
   const bool opened = view->open(
       path, options,

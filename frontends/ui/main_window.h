@@ -15,9 +15,7 @@
 
 #include "engine/breakpoints.h"
 #include "engine_host.h"
-#ifndef _WIN32
 #include "each_run_control.h"
-#endif
 #include "panel/plant_view_launcher.h"
 #include "panel/resume_offer.h"
 #include "panel/run_panel.h"
@@ -217,13 +215,11 @@ class MainWindow : public QMainWindow {
   // The breakpoints of the window's runs, set on the lines view and
   // through the control socket; engine thread only (made with the engine).
   std::unique_ptr<Breakpoints> breakpoints_;
-#ifndef _WIN32
   // The control socket of each run; engine thread only.
   std::unique_ptr<EachRunControl> runControl_;
   // Told the run id of each control socket that opens (the station's runs'
   // too).
   std::function<void(const std::string&)> runSocketTold_;
-#endif
   RunEventBus::Subscription runEvents_;
   RunPanel panel_;
   bool closeAllowed_ = false;
