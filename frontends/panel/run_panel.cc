@@ -71,6 +71,66 @@ void RunPanel::stepping() {
   controls_.fileMenuEnabled = false;
 }
 
+void RunPanel::started(bool stepped) {
+  end_.clear();
+  endedInError_ = false;
+  line_ = 0;
+  steppedRun_ = stepped;
+  if (stepped) {
+    stepping();
+  } else {
+    controls_.singleStepEnabled = false;
+    controls_.stepEnabled = false;
+    controls_.runEnabled = false;
+    controls_.stopEnabled = true;
+    controls_.fileMenuEnabled = false;
+  }
+}
+
+void RunPanel::stopped(bool untick) {
+  controls_.runEnabled = true;
+  controls_.stopEnabled = false;
+  controls_.skipEnabled = false;
+  controls_.stepEnabled = false;
+  controls_.singleStepEnabled = true;
+  if (untick) controls_.singleStepTicked = false;
+  controls_.fileMenuEnabled = true;
+}
+
+void RunPanel::runEnded(const std::string& reason) {
+  wait_.reset();
+  ended(reason);
+  held_ = false;
+  controls_.singleStepTicked = false;
+  if (steppedRun_) {
+    controls_.runEnabled = true;
+    controls_.stopEnabled = false;
+    controls_.stepEnabled = false;
+    controls_.skipEnabled = false;
+  }
+  steppedRun_ = false;
+}
+
+void RunPanel::commandShown(const std::string& text) {
+  command_ = text;
+  std::string word;
+  double left = 0;
+  if (!ParseCountDown(text, word, left)) {
+    wait_.reset();
+    return;
+  }
+  if (!wait_ || wait_->word != word) {
+    wait_ = WaitProgress{word, left, left};
+    // The line's own figure is the wait's full length ("WAITSECONDS 600").
+    std::string lineWord;
+    double length = 0;
+    if (ParseCountDown(lowerCase(lineText_), lineWord, length) && lineWord == word &&
+        length >= left)
+      wait_->length = length;
+  }
+  wait_->left = left;
+}
+
 bool RunPanel::apply(const RunEvent& event) {
   const RunControls before = controls_;
   switch (event.kind) {
@@ -83,19 +143,7 @@ bool RunPanel::apply(const RunEvent& event) {
       file_ = event.text;
       break;
     case RunEventKind::kStarted:
-      end_.clear();
-      endedInError_ = false;
-      line_ = 0;
-      steppedRun_ = event.flag;
-      if (event.flag) {
-        stepping();
-      } else {
-        controls_.singleStepEnabled = false;
-        controls_.stepEnabled = false;
-        controls_.runEnabled = false;
-        controls_.stopEnabled = true;
-        controls_.fileMenuEnabled = false;
-      }
+      started(event.flag);
       break;
     case RunEventKind::kPaused:
       stepping();
@@ -115,29 +163,13 @@ bool RunPanel::apply(const RunEvent& event) {
       held_ = false;
       break;
     case RunEventKind::kStopped:
-      controls_.runEnabled = true;
-      controls_.stopEnabled = false;
-      controls_.skipEnabled = false;
-      controls_.stepEnabled = false;
-      controls_.singleStepEnabled = true;
-      if (event.flag) controls_.singleStepTicked = false;
-      controls_.fileMenuEnabled = true;
+      stopped(event.flag);
       break;
     case RunEventKind::kStopAllowed:
       controls_.stopEnabled = event.flag;
       break;
     case RunEventKind::kEnd:
-      wait_.reset();
-      ended(event.text);
-      held_ = false;
-      controls_.singleStepTicked = false;
-      if (steppedRun_) {
-        controls_.runEnabled = true;
-        controls_.stopEnabled = false;
-        controls_.stepEnabled = false;
-        controls_.skipEnabled = false;
-      }
-      steppedRun_ = false;
+      runEnded(event.text);
       break;
     case RunEventKind::kLine:
       line_ = event.line;
@@ -147,26 +179,9 @@ bool RunPanel::apply(const RunEvent& event) {
     case RunEventKind::kStatus:
       status_ = event.text;
       break;
-    case RunEventKind::kCommand: {
-      command_ = event.text;
-      std::string word;
-      double left = 0;
-      if (!ParseCountDown(event.text, word, left)) {
-        wait_.reset();
-        break;
-      }
-      if (!wait_ || wait_->word != word) {
-        wait_ = WaitProgress{word, left, left};
-        // The line's own figure is the wait's full length ("WAITSECONDS 600").
-        std::string lineWord;
-        double length = 0;
-        if (ParseCountDown(lowerCase(lineText_), lineWord, length) && lineWord == word &&
-            length >= left)
-          wait_->length = length;
-      }
-      wait_->left = left;
+    case RunEventKind::kCommand:
+      commandShown(event.text);
       break;
-    }
     case RunEventKind::kTimeout:
       timeout_ = event.number;
       break;

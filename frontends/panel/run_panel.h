@@ -92,6 +92,11 @@ class RunPanel {
   // The controls of a run that holds before each line.
   void stepping();
   void ended(const std::string& reason);
+  // The events that change several things at once.
+  void started(bool stepped);
+  void stopped(bool untick);
+  void runEnded(const std::string& reason);
+  void commandShown(const std::string& text);
 
   RunControls controls_;
   bool steppedRun_ = false;  // the run started held

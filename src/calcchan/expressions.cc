@@ -176,15 +176,13 @@ std::string Analyser::EvaluateMacroLine(std::string_view line) {
     if (!target.empty()) {
       Waveform stored = result_.waveform;
       stored.name = target;
-      bool replaced = false;
-      for (auto& w : waveforms_) {
-        if (sameName(w.name, target)) {
-          w = std::move(stored);
-          replaced = true;
-          break;
-        }
+      const auto same = std::find_if(waveforms_.begin(), waveforms_.end(),
+                                     [&](const Waveform& w) { return sameName(w.name, target); });
+      if (same != waveforms_.end()) {
+        *same = std::move(stored);
+      } else {
+        waveforms_.push_back(std::move(stored));
       }
-      if (!replaced) waveforms_.push_back(std::move(stored));
     }
     return {};
   }

@@ -8,6 +8,78 @@
 
 namespace tavrix {
 
+namespace {
+
+// The files the run reads its lines from must be the ones it read; with
+// `force` a changed file is only noted.
+bool CheckSequenceFiles(const FileSystem& files, const nlohmann::json& checkpoint, bool force,
+                        ResumeReport& done, std::string* error) {
+  const auto unchanged = [&](const std::string& file, const std::string& hash) {
+    std::string bytes;
+    if (!files.readFile(file, bytes, nullptr)) return false;
+    return ContentHash(bytes) == hash;
+  };
+  const std::string file = checkpoint.at("file").get<std::string>();
+  for (const auto& [name, hash] :
+       {std::pair{done.sequence, checkpoint.at("sequenceHash").get<std::string>()},
+        std::pair{file, checkpoint.at("fileHash").get<std::string>()}}) {
+    if (!files.isFile(name)) {
+      if (error) *error = "the sequence file " + name + " of the run " + done.run + " is missing";
+      return false;
+    }
+    if (!unchanged(name, hash)) {
+      if (!force) {
+        if (error)
+          *error = "the sequence file " + name +
+                   " has changed since the checkpoint was taken; the run cannot go on in it "
+                   "(--force goes on all the same)";
+        return false;
+      }
+      done.sequenceChanged = true;
+    }
+  }
+  return true;
+}
+
+// The setup and the outputs as the run had them; an output that cannot be
+// set again is a warning of the report.
+bool RestoreRig(Instrument& instrument, const nlohmann::json& checkpoint, ResumeReport& done,
+                std::string* error) {
+  const std::string setup = checkpoint.at("setup").get<std::string>();
+  if (!setup.empty() && !instrument.selectSetupFile(setup)) {
+    if (error)
+      *error = "the setup " + setup +
+               " of the run cannot be selected: " + instrument.link().lastErrorText();
+    return false;
+  }
+  for (const auto& [channel, value] : checkpoint.at("outputs").items()) {
+    if (!instrument.channels().WriteChannel(channel, value.get<std::string>())) {
+      done.warnings.push_back("the output " + channel + " could not be set to " +
+                              value.get<std::string>() +
+                              " again: " + instrument.link().lastErrorText());
+    }
+  }
+  return true;
+}
+
+// What the run appended after the checkpoint is written again as it goes
+// on: each file is cut back to where the checkpoint left it, and a file made
+// after it (its length -1) is removed.
+void CutBackAppended(FileSystem& files, const nlohmann::json& appended) {
+  for (const auto& [name, size] : appended.items()) {
+    const int64_t length = size.get<int64_t>();
+    const FileInfo now = files.info(name);
+    if (now.kind != FileKind::kFile) continue;
+    if (length < 0) {
+      files.remove(name, nullptr);
+    } else if (now.size > static_cast<uint64_t>(length)) {
+      files.truncate(name, static_cast<uint64_t>(length), nullptr);
+    }
+  }
+}
+
+}  // namespace
+
 std::string GapText(Micros gap) {
   const bool negative = gap < 0;
   int64_t seconds = (negative ? -gap : gap) / kMicrosPerSecond;
@@ -66,52 +138,12 @@ bool Engine::prepareResume(const std::string& path, bool force, ResumeReport* re
     done.serial = checkpoint.at("serial").get<std::string>();
     done.taken = checkpoint.at("taken").get<Micros>();
 
-    // The files the run reads its lines from must be the ones it read.
-    const auto unchanged = [&](const std::string& file, const std::string& hash) {
-      std::string bytes;
-      if (!files_.readFile(file, bytes, nullptr)) return false;
-      return ContentHash(bytes) == hash;
-    };
-    const std::string file = checkpoint.at("file").get<std::string>();
-    for (const auto& [name, hash] :
-         {std::pair{done.sequence, checkpoint.at("sequenceHash").get<std::string>()},
-          std::pair{file, checkpoint.at("fileHash").get<std::string>()}}) {
-      if (!files_.isFile(name)) {
-        if (error) *error = "the sequence file " + name + " of the run " + done.run + " is missing";
-        return false;
-      }
-      if (!unchanged(name, hash)) {
-        if (!force) {
-          if (error)
-            *error = "the sequence file " + name +
-                     " has changed since the checkpoint was taken; the run cannot go on in it "
-                     "(--force goes on all the same)";
-          return false;
-        }
-        done.sequenceChanged = true;
-      }
-    }
+    if (!CheckSequenceFiles(files_, checkpoint, force, done, error)) return false;
 
     // First the rig is made safe.
     if (!runSafeState(&done.safeStateRan, error)) return false;
 
-    // The setup and the outputs as the run had them.
-    const std::string setup = checkpoint.at("setup").get<std::string>();
-    if (instrument_) {
-      if (!setup.empty() && !instrument_->selectSetupFile(setup)) {
-        if (error)
-          *error = "the setup " + setup +
-                   " of the run cannot be selected: " + instrument_->link().lastErrorText();
-        return false;
-      }
-      for (const auto& [channel, value] : checkpoint.at("outputs").items()) {
-        if (!instrument_->channels().WriteChannel(channel, value.get<std::string>())) {
-          done.warnings.push_back("the output " + channel + " could not be set to " +
-                                  value.get<std::string>() +
-                                  " again: " + instrument_->link().lastErrorText());
-        }
-      }
-    }
+    if (instrument_ && !RestoreRig(*instrument_, checkpoint, done, error)) return false;
 
     std::string problem;
     if (!sequencer_.prepareFile(done.sequence, &problem)) {
@@ -127,19 +159,7 @@ bool Engine::prepareResume(const std::string& path, bool force, ResumeReport* re
       if (error) *error = "the run " + done.run + " cannot go on: " + problem;
       return false;
     }
-    // What the run appended after the checkpoint is written again as it goes
-    // on: cut back to where the checkpoint left each file, and a file made
-    // after it removed.
-    for (const auto& [name, size] : checkpoint.at("appended").items()) {
-      const int64_t length = size.get<int64_t>();
-      const FileInfo now = files_.info(name);
-      if (now.kind != FileKind::kFile) continue;
-      if (length < 0) {
-        files_.remove(name, nullptr);
-      } else if (now.size > static_cast<uint64_t>(length)) {
-        files_.truncate(name, static_cast<uint64_t>(length), nullptr);
-      }
-    }
+    CutBackAppended(files_, checkpoint.at("appended"));
   } catch (const std::exception& e) {
     if (error) *error = "the checkpoint " + path + " is damaged: " + e.what();
     return false;

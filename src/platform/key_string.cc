@@ -102,6 +102,36 @@ struct Modifiers {
   bool any() const { return shift || ctrl || alt; }
 };
 
+// The inside of a "{...}": a key's name or one character, and how many
+// times it is pressed ("{TAB 3}").
+bool parseBraced(std::string_view inside, const std::string& quoted, NamedKey& key,
+                 char32_t& character, int& times, std::string& error) {
+  const size_t blank = inside.find(' ');
+  if (blank != std::string_view::npos && blank > 0) {
+    const std::string_view count = inside.substr(blank + 1);
+    const auto [end, ec] = std::from_chars(count.data(), count.data() + count.size(), times);
+    if (ec != std::errc() || end != count.data() + count.size() || times < 0 ||
+        times > kMostRepeats) {
+      error = quoted + " repeats a key \"" + std::string(count) + "\" times";
+      return false;
+    }
+    inside = inside.substr(0, blank);
+  }
+  size_t first = 0;
+  character = nextCharacter(inside, first);
+  if (first == inside.size()) {
+    key = NamedKey::kNone;
+    return true;
+  }
+  character = 0;
+  key = keyNamed(inside);
+  if (key == NamedKey::kNone) {
+    error = quoted + " names no key " + std::string(inside);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std::string& error) {
@@ -154,31 +184,12 @@ bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std:
         error = quoted + " has a \"{\" without its \"}\"";
         return false;
       }
-      std::string_view inside = keys.substr(at + 1, close - at - 1);
+      NamedKey key = NamedKey::kNone;
+      char32_t character = 0;
       int times = 1;
-      const size_t blank = inside.find(' ');
-      if (blank != std::string_view::npos && blank > 0) {
-        const std::string_view count = inside.substr(blank + 1);
-        const auto [end, ec] = std::from_chars(count.data(), count.data() + count.size(), times);
-        if (ec != std::errc() || end != count.data() + count.size() || times < 0 ||
-            times > kMostRepeats) {
-          error = quoted + " repeats a key \"" + std::string(count) + "\" times";
-          return false;
-        }
-        inside = inside.substr(0, blank);
-      }
-      size_t first = 0;
-      const char32_t character = nextCharacter(inside, first);
-      if (first == inside.size()) {
-        add(NamedKey::kNone, character, times);
-      } else {
-        const NamedKey key = keyNamed(inside);
-        if (key == NamedKey::kNone) {
-          error = quoted + " names no key " + std::string(inside);
-          return false;
-        }
-        add(key, 0, times);
-      }
+      if (!parseBraced(keys.substr(at + 1, close - at - 1), quoted, key, character, times, error))
+        return false;
+      add(key, character, times);
       at = close + 1;
     } else if (c == '}') {
       error = quoted + " has a \"}\" without its \"{\"";

@@ -135,6 +135,41 @@ void AddResumeNote(StoredUut& uut, std::string_view note) {
   uut.resumed += note;
 }
 
+// A check line of a text results file: "Stage TAB Parameter TAB Channel TAB
+// Value TAB Units TAB Lower TAB Upper TAB Result".
+bool ParseTextCheck(const std::string& line, StoredCheck& c, std::string& reason) {
+  const std::vector<std::string> f = Split(line);
+  if (f.size() < 8 || !AllDigits(f[0].substr(f[0][0] == '-' ? 1 : 0))) {
+    reason =
+        "a check line is \"Stage TAB Parameter TAB Channel TAB Value TAB Units TAB Lower "
+        "TAB Upper TAB Result\"";
+    return false;
+  }
+  const char* first = f[0].data();
+  const char* last = first + f[0].size();
+  const auto parsed = std::from_chars(first, last, c.step);
+  if (parsed.ec != std::errc() || parsed.ptr != last) {
+    reason = "the stage number " + Quoted(f[0]) + " is out of range";
+    return false;
+  }
+  c.parameter = f[1];
+  c.channel = f[2];
+  c.value = f[3];
+  c.units = f[4];
+  c.lower = f[5];
+  c.upper = f[6];
+  if (f[7] == "Pass" && f.size() == 8) {
+    c.passed = true;
+  } else if (f[7] == "Fail" && f.size() == 9) {
+    c.passed = false;
+    c.message = f[8];
+  } else {
+    reason = "a check's result is \"Pass\", or \"Fail\" TAB and the failure text";
+    return false;
+  }
+  return true;
+}
+
 bool ParseTextDetails(Cursor& in, const std::string& time, const std::string& station,
                       std::vector<StoredUut>& uuts, std::string& reason) {
   std::string date;
@@ -180,36 +215,8 @@ bool ParseTextDetails(Cursor& in, const std::string& time, const std::string& st
         in.take();
         continue;
       }
-      const std::vector<std::string> f = Split(in.peek());
-      if (f.size() < 8 || !AllDigits(f[0].substr(f[0][0] == '-' ? 1 : 0))) {
-        reason =
-            "a check line is \"Stage TAB Parameter TAB Channel TAB Value TAB Units TAB Lower "
-            "TAB Upper TAB Result\"";
-        return false;
-      }
       StoredCheck c;
-      const char* first = f[0].data();
-      const char* last = first + f[0].size();
-      const auto parsed = std::from_chars(first, last, c.step);
-      if (parsed.ec != std::errc() || parsed.ptr != last) {
-        reason = "the stage number " + Quoted(f[0]) + " is out of range";
-        return false;
-      }
-      c.parameter = f[1];
-      c.channel = f[2];
-      c.value = f[3];
-      c.units = f[4];
-      c.lower = f[5];
-      c.upper = f[6];
-      if (f[7] == "Pass" && f.size() == 8) {
-        c.passed = true;
-      } else if (f[7] == "Fail" && f.size() == 9) {
-        c.passed = false;
-        c.message = f[8];
-      } else {
-        reason = "a check's result is \"Pass\", or \"Fail\" TAB and the failure text";
-        return false;
-      }
+      if (!ParseTextCheck(in.peek(), c, reason)) return false;
       uut.checks.push_back(std::move(c));
       in.take();
     }

@@ -235,50 +235,57 @@ bool ResultsQueue::readLocked(std::string* error) const {
   if (!more) j.head = text.substr(0, std::min<size_t>(kHead, whole));
   j.consumed += whole;
   j.valid = true;
-  const std::string defaultStore = join(parentFolder(path_), kStoreFileName);
+  journal_.takeLines(text, whole, join(parentFolder(path_), kStoreFileName));
+  return true;
+}
+
+void ResultsQueue::Journal::takeLines(const std::string& text, size_t whole,
+                                      const std::string& defaultStore) {
   std::string body;
   for (size_t start = 0; start < whole;) {
     const size_t end = text.find('\n', start);
     const std::string_view line(text.data() + start, end - start);
     start = end + 1;
-    ++j.lines;
+    ++lines;
     if (!ParseEntryLine(line, body)) continue;
-    const json e = json::parse(body, nullptr, false);
-    if (!e.is_object()) continue;
-    const auto keyOf = [&](const char* field) {
-      return e[field].is_string() ? e[field].get<std::string>() : std::string();
-    };
-    if (e.contains("done")) {
-      auto it = j.byKey.find(keyOf("done"));
-      if (it != j.byKey.end()) {
-        j.gone[it->second] = true;
-        ++j.goneCount;
-        j.byKey.erase(it);
-      }
-      continue;
-    }
-    if (e.contains("aside")) {
-      auto it = j.byKey.find(keyOf("aside"));
-      if (it != j.byKey.end()) {
-        QueuedRecord& r = j.records[it->second];
-        r.setAside = true;
-        r.reason = e.contains("reason") && e["reason"].is_string() ? e["reason"].get<std::string>()
-                                                                   : std::string();
-      }
-      continue;
-    }
-    QueuedRecord record;
-    if (!e.contains("uut") || !StoredUutFromJson(e["uut"].dump(), record.uut)) continue;
-    // A record appended twice (its writer died before it knew the first
-    // landed) waits once.
-    if (j.byKey.count(record.uut.key)) continue;
-    record.store = e.contains("store") && e["store"].is_string() ? e["store"].get<std::string>()
-                                                                 : defaultStore;
-    j.byKey.emplace(record.uut.key, j.records.size());
-    j.records.push_back(std::move(record));
-    j.gone.push_back(false);
+    const json entry = json::parse(body, nullptr, false);
+    if (entry.is_object()) takeEntry(entry, defaultStore);
   }
-  return true;
+}
+
+void ResultsQueue::Journal::takeEntry(const json& e, const std::string& defaultStore) {
+  const auto keyOf = [&](const char* field) {
+    return e[field].is_string() ? e[field].get<std::string>() : std::string();
+  };
+  if (e.contains("done")) {
+    auto it = byKey.find(keyOf("done"));
+    if (it != byKey.end()) {
+      gone[it->second] = true;
+      ++goneCount;
+      byKey.erase(it);
+    }
+    return;
+  }
+  if (e.contains("aside")) {
+    auto it = byKey.find(keyOf("aside"));
+    if (it != byKey.end()) {
+      QueuedRecord& r = records[it->second];
+      r.setAside = true;
+      r.reason = e.contains("reason") && e["reason"].is_string() ? e["reason"].get<std::string>()
+                                                                 : std::string();
+    }
+    return;
+  }
+  QueuedRecord record;
+  if (!e.contains("uut") || !StoredUutFromJson(e["uut"].dump(), record.uut)) return;
+  // A record appended twice (its writer died before it knew the first
+  // landed) waits once.
+  if (byKey.count(record.uut.key)) return;
+  record.store =
+      e.contains("store") && e["store"].is_string() ? e["store"].get<std::string>() : defaultStore;
+  byKey.emplace(record.uut.key, records.size());
+  records.push_back(std::move(record));
+  gone.push_back(false);
 }
 
 bool ResultsQueue::open(std::string* error) {

@@ -24,6 +24,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json_fwd.hpp>
 #include <set>
 #include <string>
 #include <string_view>
@@ -107,6 +108,11 @@ class ResultsQueue {
     std::vector<bool> gone;             // acknowledged
     size_t goneCount = 0;
     std::unordered_map<std::string, size_t> byKey;  // of those not gone
+
+    // Takes the whole lines of `text` (up to `whole`): records, their
+    // acknowledgements and records set aside; a damaged line is passed over.
+    void takeLines(const std::string& text, size_t whole, const std::string& defaultStore);
+    void takeEntry(const nlohmann::json& entry, const std::string& defaultStore);
   };
   std::unique_ptr<FileLock> lockJournal(std::string* error) const;
   // Callers hold the lock on the journal: brings journal_ up to date with

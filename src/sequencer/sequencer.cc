@@ -267,7 +267,7 @@ void Sequencer::dispatchLine(std::string& line, bool fromFile) {
     keptProgress = std::move(resumedProgress_);
   }
   dispatcher_.run(*this, command);
-  resumedWaitLeft_ = std::move(keptWaitLeft);
+  resumedWaitLeft_ = keptWaitLeft;
   resumedProgress_ = std::move(keptProgress);
   lineProgress_ = nullptr;
   lineInProgress_ = false;

@@ -86,10 +86,11 @@ std::vector<std::string> SplitTabFields(std::string_view line) {
   }
 }
 
-bool ReadTestDefinitionFiles(const std::string& detailsPath, const DefinitionReadOptions& options,
-                             TestDefinition& definition) {
-  Reader reader(options);
+namespace {
 
+// The details file: of its rows, the one with the highest version.
+bool ReadDetails(Reader& reader, const std::string& detailsPath,
+                 const DefinitionReadOptions& options, TestDefinition& definition) {
   Section details;
   if (!reader.section(detailsPath, kDetailsHeader, kDetailsColumns, kMsgDetailsColumns, details)) {
     return false;
@@ -124,7 +125,10 @@ bool ReadTestDefinitionFiles(const std::string& detailsPath, const DefinitionRea
   if (!chosen) {
     return reader.fault(std::string(kMsgNoDetailsRow) + detailsPath);
   }
+  return true;
+}
 
+bool ReadFieldNames(Reader& reader, TestDefinition& definition) {
   const std::string fieldNamesPath = definition.details.fieldNamesFile;
   Section names;
   if (!reader.section(fieldNamesPath, kFieldNamesHeader, kFieldNamesColumns, kMsgDetailsColumns,
@@ -142,7 +146,10 @@ bool ReadTestDefinitionFiles(const std::string& detailsPath, const DefinitionRea
     if (record.secondFlag) record.text5 = Field(fields, 5);
     definition.fieldNames.push_back(std::move(record));
   }
+  return true;
+}
 
+bool ReadStageChecks(Reader& reader, TestDefinition& definition) {
   const std::string stagesPath = definition.details.stageChecksFile;
   Section stages;
   if (!reader.section(stagesPath, kStagesHeader, kStagesColumns, kMsgStagesColumns, stages)) {
@@ -171,6 +178,15 @@ bool ReadTestDefinitionFiles(const std::string& detailsPath, const DefinitionRea
     definition.stageChecks.push_back(std::move(row));
   }
   return true;
+}
+
+}  // namespace
+
+bool ReadTestDefinitionFiles(const std::string& detailsPath, const DefinitionReadOptions& options,
+                             TestDefinition& definition) {
+  Reader reader(options);
+  return ReadDetails(reader, detailsPath, options, definition) &&
+         ReadFieldNames(reader, definition) && ReadStageChecks(reader, definition);
 }
 
 }  // namespace tavrix

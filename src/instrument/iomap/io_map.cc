@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <optional>
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
@@ -20,6 +21,24 @@ constexpr int kMaxChannelsPerDevice = 9999;
 struct MapError {
   std::string text;
 };
+
+// The Modbus table a channel's key names, kNone for any other key.
+ModbusTable TableOfKey(std::string_view key) {
+  if (key == "coil") return ModbusTable::kCoil;
+  if (key == "discrete_input") return ModbusTable::kDiscreteInput;
+  if (key == "input_register") return ModbusTable::kInputRegister;
+  if (key == "holding_register") return ModbusTable::kHoldingRegister;
+  return ModbusTable::kNone;
+}
+
+std::optional<ValueType> ValueTypeNamed(std::string_view name) {
+  if (name == "int16") return ValueType::kInt16;
+  if (name == "uint16") return ValueType::kUint16;
+  if (name == "int32") return ValueType::kInt32;
+  if (name == "uint32") return ValueType::kUint32;
+  if (name == "float32") return ValueType::kFloat32;
+  return std::nullopt;
+}
 
 class Reader {
  public:
@@ -161,88 +180,90 @@ class Reader {
     }
     const MapDevice& d = map.devices[c.device];
     bool typed = false;
-    for (auto&& [key, node] : table) {
-      const std::string_view k = key.str();
-      const int line = lineOf(node);
-      const auto modbusOnly = [&] {
-        if (!d.isModbus())
-          fail(line, where,
-               "\"" + std::string(k) + "\" needs a Modbus device; " + d.name + " is SCPI");
-      };
-      const auto scpiOnly = [&] {
-        if (d.isModbus())
-          fail(line, where,
-               "\"" + std::string(k) + "\" needs an SCPI device; " + d.name + " is Modbus");
-      };
-      ModbusTable table = ModbusTable::kNone;
-      if (k == "coil") table = ModbusTable::kCoil;
-      if (k == "discrete_input") table = ModbusTable::kDiscreteInput;
-      if (k == "input_register") table = ModbusTable::kInputRegister;
-      if (k == "holding_register") table = ModbusTable::kHoldingRegister;
-      if (table != ModbusTable::kNone) {
-        modbusOnly();
-        if (c.table != ModbusTable::kNone)
-          fail(line, where,
-               "a channel has one coil, discrete_input, input_register or holding_register");
-        c.table = table;
-        c.address = static_cast<int>(whole(node, where, k, 0, 65535));
-      } else if (k == "device") {
-      } else if (k == "type") {
-        modbusOnly();
-        const std::string t = text(node, where, k);
-        typed = true;
-        if (t == "int16") {
-          c.type = ValueType::kInt16;
-        } else if (t == "uint16") {
-          c.type = ValueType::kUint16;
-        } else if (t == "int32") {
-          c.type = ValueType::kInt32;
-        } else if (t == "uint32") {
-          c.type = ValueType::kUint32;
-        } else if (t == "float32") {
-          c.type = ValueType::kFloat32;
-        } else {
-          fail(line, where, "type \"" + t + "\" is not int16, uint16, int32, uint32 or float32");
-        }
-      } else if (k == "word_order") {
-        modbusOnly();
-        const std::string t = text(node, where, k);
-        if (t != "big" && t != "little")
-          fail(line, where, "word_order \"" + t + "\" is not big (high word first) or little");
-        c.lowWordFirst = t == "little";
-      } else if (k == "scale") {
-        c.scale = number(node, where, k);
-        if (c.scale == 0) fail(line, where, "\"scale\" must not be 0");
-      } else if (k == "offset") {
-        c.offset = number(node, where, k);
-      } else if (k == "min") {
-        c.min = number(node, where, k);
-      } else if (k == "max") {
-        c.max = number(node, where, k);
-      } else if (k == "high") {
-        c.high = number(node, where, k);
-      } else if (k == "low") {
-        c.low = number(node, where, k);
-      } else if (k == "units") {
-        c.units = text(node, where, k);
-        if (c.units.size() > kChannelNameLength || c.units.find(' ') != std::string::npos)
-          fail(line, where, "units are at most 13 characters without blanks");
-      } else if (k == "tag") {
-        c.tag = text(node, where, k);
-        if (c.tag.empty() || c.tag.find_first_of(", ") != std::string::npos)
-          fail(line, where, "a tag is a name without blanks or commas");
-      } else if (k == "read") {
-        scpiOnly();
-        c.readCommand = text(node, where, k);
-      } else if (k == "write") {
-        scpiOnly();
-        c.writeCommand = text(node, where, k);
-        if (c.writeCommand.find("{value}") == std::string::npos)
-          fail(line, where, "the write command needs \"{value}\" where the value goes");
-      } else {
-        fail(line, where, "unknown key \"" + std::string(k) + "\"");
-      }
+    for (auto&& [key, node] : table) channelKey(c, d, key.str(), node, where, typed);
+    checkChannel(c, d, where, typed);
+  }
+
+ private:
+  // One key of a channel's table; `typed` is set by "type".
+  void channelKey(MapChannel& c, const MapDevice& d, std::string_view k, const toml::node& node,
+                  const std::string& where, bool& typed) const {
+    const int line = lineOf(node);
+    const auto modbusOnly = [&] {
+      if (!d.isModbus())
+        fail(line, where,
+             "\"" + std::string(k) + "\" needs a Modbus device; " + d.name + " is SCPI");
+    };
+    const auto scpiOnly = [&] {
+      if (d.isModbus())
+        fail(line, where,
+             "\"" + std::string(k) + "\" needs an SCPI device; " + d.name + " is Modbus");
+    };
+    const ModbusTable table = TableOfKey(k);
+    if (table != ModbusTable::kNone) {
+      modbusOnly();
+      if (c.table != ModbusTable::kNone)
+        fail(line, where,
+             "a channel has one coil, discrete_input, input_register or holding_register");
+      c.table = table;
+      c.address = static_cast<int>(whole(node, where, k, 0, 65535));
+    } else if (k == "device") {
+    } else if (k == "type") {
+      modbusOnly();
+      const std::string t = text(node, where, k);
+      typed = true;
+      const std::optional<ValueType> type = ValueTypeNamed(t);
+      if (!type)
+        fail(line, where, "type \"" + t + "\" is not int16, uint16, int32, uint32 or float32");
+      c.type = *type;
+    } else if (k == "word_order") {
+      modbusOnly();
+      const std::string t = text(node, where, k);
+      if (t != "big" && t != "little")
+        fail(line, where, "word_order \"" + t + "\" is not big (high word first) or little");
+      c.lowWordFirst = t == "little";
+    } else if (k == "read" || k == "write") {
+      scpiOnly();
+      (k == "read" ? c.readCommand : c.writeCommand) = text(node, where, k);
+      if (k == "write" && c.writeCommand.find("{value}") == std::string::npos)
+        fail(line, where, "the write command needs \"{value}\" where the value goes");
+    } else {
+      scaleOrAlarmKey(c, k, node, where);
     }
+  }
+
+  // The keys of a channel's scale, limits, units and alarm.
+  void scaleOrAlarmKey(MapChannel& c, std::string_view k, const toml::node& node,
+                       const std::string& where) const {
+    const int line = lineOf(node);
+    if (k == "scale") {
+      c.scale = number(node, where, k);
+      if (c.scale == 0) fail(line, where, "\"scale\" must not be 0");
+    } else if (k == "offset") {
+      c.offset = number(node, where, k);
+    } else if (k == "min") {
+      c.min = number(node, where, k);
+    } else if (k == "max") {
+      c.max = number(node, where, k);
+    } else if (k == "high") {
+      c.high = number(node, where, k);
+    } else if (k == "low") {
+      c.low = number(node, where, k);
+    } else if (k == "units") {
+      c.units = text(node, where, k);
+      if (c.units.size() > kChannelNameLength || c.units.find(' ') != std::string::npos)
+        fail(line, where, "units are at most 13 characters without blanks");
+    } else if (k == "tag") {
+      c.tag = text(node, where, k);
+      if (c.tag.empty() || c.tag.find_first_of(", ") != std::string::npos)
+        fail(line, where, "a tag is a name without blanks or commas");
+    } else {
+      fail(line, where, "unknown key \"" + std::string(k) + "\"");
+    }
+  }
+
+  // What a channel's keys must make together.
+  void checkChannel(MapChannel& c, const MapDevice& d, const std::string& where, bool typed) const {
     if (d.isModbus()) {
       if (c.table == ModbusTable::kNone) {
         fail(c.line, where,
@@ -264,7 +285,6 @@ class Reader {
     if (!c.tag.empty() && !c.hasAlarm()) fail(c.line, where, "\"tag\" needs \"high\" or \"low\"");
   }
 
- private:
   std::string file_;
 };
 

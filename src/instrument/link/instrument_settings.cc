@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <sstream>
+#include <string>
+#include <utility>
 
 #include "common/checked_numbers.h"
 #include "common/paths.h"
@@ -36,10 +38,34 @@ bool parseCount(std::string_view value, int minimum, int maximum, int& out) {
   return true;
 }
 
+// The settings that take their value as it is written.
+std::string InstrumentSettings::*TextSetting(std::string_view key) {
+  static constexpr std::pair<std::string_view, std::string InstrumentSettings::*> kTexts[] = {
+      {"check_channel", &InstrumentSettings::checkChannel},
+      {"data_root", &InstrumentSettings::dataRoot},
+      {"results_store", &InstrumentSettings::resultsStore},
+      {"station", &InstrumentSettings::station},
+      {"safe_state", &InstrumentSettings::safeStateSequence},
+      {"link", &InstrumentSettings::link},
+      {"link_key", &InstrumentSettings::linkKeyFile},
+      {"io_map", &InstrumentSettings::ioMap},
+      {"bridge_program", &InstrumentSettings::bridgeProgram},
+      {"library_folder", &InstrumentSettings::libraryFolder},
+  };
+  for (const auto& [name, member] : kTexts) {
+    if (name == key) return member;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 bool InstrumentSettings::set(std::string_view key, std::string_view value, std::string& error) {
   const std::string k = lowerCase(key);
+  if (std::string InstrumentSettings::*text = TextSetting(k)) {
+    this->*text = std::string(value);
+    return true;
+  }
   int n = 0;
   if (k == "no_hardware") {
     if (!parseFlag(value, noHardware)) error = "no_hardware takes 0 or 1";
@@ -51,16 +77,6 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     } else {
       error = "reply_timeout_secs takes whole seconds 0-32767";
     }
-  } else if (k == "check_channel") {
-    checkChannel = std::string(value);
-  } else if (k == "data_root") {
-    dataRoot = std::string(value);
-  } else if (k == "results_store") {
-    resultsStore = std::string(value);
-  } else if (k == "station") {
-    station = std::string(value);
-  } else if (k == "safe_state") {
-    safeStateSequence = std::string(value);
   } else if (k == "records_max_age") {
     if (lowerCase(value) == "off") {
       recordsMaxAge.reset();
@@ -80,22 +96,12 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
     driveMap[k[6]] = std::string(value);
-  } else if (k == "link") {
-    link = std::string(value);
-  } else if (k == "link_key") {
-    linkKeyFile = std::string(value);
-  } else if (k == "io_map") {
-    ioMap = std::string(value);
-  } else if (k == "bridge_program") {
-    bridgeProgram = std::string(value);
   } else if (k == "bridge_port") {
     if (parseCount(value, 1, 65535, n)) {
       bridgePort = static_cast<int>(n);
     } else {
       error = "bridge_port takes a port number 1-65535";
     }
-  } else if (k == "library_folder") {
-    libraryFolder = std::string(value);
   } else if (k == "link_library") {
     if (value.empty()) error = "link_library takes a file name";
     linkLibraryName = std::string(value);

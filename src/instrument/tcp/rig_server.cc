@@ -205,6 +205,114 @@ std::string RigServer::handshake(Client& c, std::string_view line, bool full) {
                 kTextNeedsKey);
 }
 
+void RigServer::accept(std::vector<Client>& clients, int64_t nowMs) {
+  bool outOfHandles = false;
+  std::string peer;
+  const platform::Socket socket = platform::acceptClient(listener_, &outOfHandles, &peer);
+  if (socket != platform::kNoSocket && outOfHandles) {
+    refuse(socket, kRigTooManyClients, "the rig server has no file descriptors left");
+  } else if (socket != platform::kNoSocket && key_.empty() && clients.size() >= kMaxClients) {
+    refuse(socket, kRigTooManyClients,
+           "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
+  } else if (socket != platform::kNoSocket) {
+    // With a key, a new connection joins those yet to pass the check;
+    // the oldest of them goes when their share is full.
+    const auto unproven = [](const Client& c) { return !c.trusted && !c.closing; };
+    if (!key_.empty() && static_cast<size_t>(std::count_if(clients.begin(), clients.end(),
+                                                           unproven)) >= kMaxUnprovenClients) {
+      Client& oldest = *std::find_if(clients.begin(), clients.end(), unproven);
+      tell("refused " + oldest.peer + ": too many connections waiting for the key check");
+      oldest.out += "0 " + std::to_string(kRigTooManyClients) + " =" +
+                    EscapeField(
+                        "the rig server has too many connections waiting for the key "
+                        "check; the connection is closed") +
+                    "\n";
+      oldest.in.clear();
+      oldest.closing = true;
+    }
+    Client client;
+    client.socket = socket;
+    client.lastHeardMs = nowMs;
+    client.peer = peer;
+    client.trusted = key_.empty();
+    client.acceptedMs = nowMs;
+    clients.push_back(std::move(client));
+  }
+}
+
+bool RigServer::serveClient(Client& c, bool readable, size_t& proven, int64_t nowMs) {
+  const bool wasTrusted = c.trusted;
+  bool closed = false;
+  if (readable) {
+    char chunk[8192];
+    // Reads up to the bound of one request, so that a line without end
+    // costs no more than that.
+    const size_t bound = c.trusted ? kMaxRequestBytes : kMaxHandshakeBytes;
+    while (c.in.size() <= bound) {
+      const long n = platform::receiveSome(c.socket, chunk, sizeof chunk);
+      if (n > 0) {
+        c.in.append(chunk, static_cast<size_t>(n));
+        c.lastHeardMs = nowMs;
+        continue;
+      }
+      if (n == 0 || n == platform::kBroken) closed = true;
+      break;
+    }
+  }
+  size_t start = 0;
+  size_t eol;
+  while (!c.closing && c.out.size() < kMaxQueuedReplyBytes &&
+         (eol = c.in.find('\n', start)) != std::string::npos) {
+    std::string_view line(c.in.data() + start, eol - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    c.out += line.size() > kMaxRequestBytes
+                 ? "0 " + std::to_string(kRigRequestTooLong) + " =request line too long"
+             : c.trusted ? answer(line)
+                         : handshake(c, line, proven >= kMaxClients);
+    c.out += '\n';
+    start = eol + 1;
+  }
+  c.in.erase(0, start);
+  if (c.trusted && !wasTrusted) ++proven;
+  if (!c.closing && !c.trusted &&
+      (c.in.size() > kMaxHandshakeBytes || nowMs - c.acceptedMs > kHandshakeTimeoutMs)) {
+    c.out += "0 " + std::to_string(kRigKeyRefused) + " =" + EscapeField(kTextNeedsKey) + "\n";
+    tell("refused " + c.peer + ": " +
+         (c.in.size() > kMaxHandshakeBytes
+              ? "it did not begin with the key check"
+              : "no key check within " + std::to_string(kHandshakeTimeoutMs / 1000) + " seconds"));
+    c.in.clear();
+    c.closing = true;
+  }
+  if (!c.closing && c.in.size() > kMaxRequestBytes && c.in.find('\n') == std::string::npos) {
+    c.out += "0 " + std::to_string(kRigRequestTooLong) + " =" +
+             EscapeField("a request line is longer than " + std::to_string(kMaxRequestBytes >> 20) +
+                         " MiB; the connection is closed") +
+             "\n";
+    c.in.clear();
+    c.in.shrink_to_fit();
+    c.closing = true;
+  }
+  while (!closed && !c.out.empty()) {
+    const long n = platform::sendSome(c.socket, c.out.data(), c.out.size());
+    if (n > 0) {
+      c.out.erase(0, static_cast<size_t>(n));
+    } else {
+      if (n == platform::kBroken) closed = true;
+      break;
+    }
+  }
+  if (c.closing && c.out.empty()) closed = true;
+  if (!closed && !c.closing && nowMs - c.lastHeardMs > kIdleTimeoutMs) {
+    const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
+                               EscapeField("no request for an hour; the connection is closed") +
+                               "\n";
+    platform::sendSome(c.socket, notice.data(), notice.size());
+    closed = true;
+  }
+  return closed;
+}
+
 void RigServer::serve(const std::atomic<bool>& stop) {
   const std::function<int64_t()> now = nowMs_ ? nowMs_ : std::function<int64_t()>(steadyMs);
   std::vector<Client> clients;
@@ -221,116 +329,12 @@ void RigServer::serve(const std::atomic<bool>& stop) {
     }
     platform::waitSockets(watches, 100);
     const int64_t nowMs = now();
-    if (watches[0].readable) {
-      bool outOfHandles = false;
-      std::string peer;
-      const platform::Socket socket = platform::acceptClient(listener_, &outOfHandles, &peer);
-      if (socket != platform::kNoSocket && outOfHandles) {
-        refuse(socket, kRigTooManyClients, "the rig server has no file descriptors left");
-      } else if (socket != platform::kNoSocket && key_.empty() && clients.size() >= kMaxClients) {
-        refuse(socket, kRigTooManyClients,
-               "the rig server serves at most " + std::to_string(kMaxClients) + " connections");
-      } else if (socket != platform::kNoSocket) {
-        // With a key, a new connection joins those yet to pass the check;
-        // the oldest of them goes when their share is full.
-        const auto unproven = [](const Client& c) { return !c.trusted && !c.closing; };
-        if (!key_.empty() && static_cast<size_t>(std::count_if(clients.begin(), clients.end(),
-                                                               unproven)) >= kMaxUnprovenClients) {
-          Client& oldest = *std::find_if(clients.begin(), clients.end(), unproven);
-          tell("refused " + oldest.peer + ": too many connections waiting for the key check");
-          oldest.out += "0 " + std::to_string(kRigTooManyClients) + " =" +
-                        EscapeField(
-                            "the rig server has too many connections waiting for the key "
-                            "check; the connection is closed") +
-                        "\n";
-          oldest.in.clear();
-          oldest.closing = true;
-        }
-        Client client;
-        client.socket = socket;
-        client.lastHeardMs = nowMs;
-        client.peer = peer;
-        client.trusted = key_.empty();
-        client.acceptedMs = nowMs;
-        clients.push_back(std::move(client));
-      }
-    }
+    if (watches[0].readable) accept(clients, nowMs);
     size_t proven = static_cast<size_t>(
         std::count_if(clients.begin(), clients.end(), [](const Client& c) { return c.trusted; }));
     for (size_t i = 0; i + 1 < watches.size() && i < clients.size(); ++i) {
       Client& c = clients[i];
-      const bool wasTrusted = c.trusted;
-      bool closed = false;
-      if (watches[i + 1].readable) {
-        char chunk[8192];
-        // Reads up to the bound of one request, so that a line without end
-        // costs no more than that.
-        const size_t bound = c.trusted ? kMaxRequestBytes : kMaxHandshakeBytes;
-        while (c.in.size() <= bound) {
-          const long n = platform::receiveSome(c.socket, chunk, sizeof chunk);
-          if (n > 0) {
-            c.in.append(chunk, static_cast<size_t>(n));
-            c.lastHeardMs = nowMs;
-            continue;
-          }
-          if (n == 0 || n == platform::kBroken) closed = true;
-          break;
-        }
-      }
-      size_t start = 0;
-      size_t eol;
-      while (!c.closing && c.out.size() < kMaxQueuedReplyBytes &&
-             (eol = c.in.find('\n', start)) != std::string::npos) {
-        std::string_view line(c.in.data() + start, eol - start);
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        c.out += line.size() > kMaxRequestBytes
-                     ? "0 " + std::to_string(kRigRequestTooLong) + " =request line too long"
-                 : c.trusted ? answer(line)
-                             : handshake(c, line, proven >= kMaxClients);
-        c.out += '\n';
-        start = eol + 1;
-      }
-      c.in.erase(0, start);
-      if (c.trusted && !wasTrusted) ++proven;
-      if (!c.closing && !c.trusted &&
-          (c.in.size() > kMaxHandshakeBytes || nowMs - c.acceptedMs > kHandshakeTimeoutMs)) {
-        c.out += "0 " + std::to_string(kRigKeyRefused) + " =" + EscapeField(kTextNeedsKey) + "\n";
-        tell("refused " + c.peer + ": " +
-             (c.in.size() > kMaxHandshakeBytes
-                  ? "it did not begin with the key check"
-                  : "no key check within " + std::to_string(kHandshakeTimeoutMs / 1000) +
-                        " seconds"));
-        c.in.clear();
-        c.closing = true;
-      }
-      if (!c.closing && c.in.size() > kMaxRequestBytes && c.in.find('\n') == std::string::npos) {
-        c.out +=
-            "0 " + std::to_string(kRigRequestTooLong) + " =" +
-            EscapeField("a request line is longer than " + std::to_string(kMaxRequestBytes >> 20) +
-                        " MiB; the connection is closed") +
-            "\n";
-        c.in.clear();
-        c.in.shrink_to_fit();
-        c.closing = true;
-      }
-      while (!closed && !c.out.empty()) {
-        const long n = platform::sendSome(c.socket, c.out.data(), c.out.size());
-        if (n > 0) {
-          c.out.erase(0, static_cast<size_t>(n));
-        } else {
-          if (n == platform::kBroken) closed = true;
-          break;
-        }
-      }
-      if (c.closing && c.out.empty()) closed = true;
-      if (!closed && !c.closing && nowMs - c.lastHeardMs > kIdleTimeoutMs) {
-        const std::string notice = "0 " + std::to_string(kRigIdleClosed) + " =" +
-                                   EscapeField("no request for an hour; the connection is closed") +
-                                   "\n";
-        platform::sendSome(c.socket, notice.data(), notice.size());
-        closed = true;
-      }
-      if (closed) {
+      if (serveClient(c, watches[i + 1].readable, proven, nowMs)) {
         platform::closeSocket(c.socket);
         c.socket = platform::kNoSocket;
       }

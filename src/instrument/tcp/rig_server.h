@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "instrument/link/link_library.h"
 #include "instrument/simrig/sim_rig.h"
@@ -87,6 +88,12 @@ class RigServer {
   // the client to be closed when it fails the check.
   // `full`: kMaxClients connections have passed the key check already.
   std::string handshake(Client& client, std::string_view line, bool full);
+  // Takes a new connection into `clients`, or refuses it.
+  void accept(std::vector<Client>& clients, int64_t nowMs);
+  // Reads what a client sent (`readable`), answers its whole lines, sends
+  // what is queued for it; true when its connection is over. `proven`
+  // counts the clients past the key check.
+  bool serveClient(Client& client, bool readable, size_t& proven, int64_t nowMs);
   void tell(const std::string& text) const {
     if (log_) log_(text);
   }

@@ -288,36 +288,15 @@ bool TcpLink::greet(RigResponse& r) {
   return true;
 }
 
-TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
-  if (socket_ != platform::kNoSocket && body != kRigHello2 && depth_ == 0) reconnectIfDropped();
-  if (socket_ == platform::kNoSocket) return Outcome::kLost;
+void TcpLink::forget(uint64_t id) {
   Watch& watch = *watch_;
-  const uint64_t id = nextId_++;
-  const std::string line = std::to_string(id) + " " + body + "\n";
-  // Whole milliseconds, rounded up: the wait is never shorter than asked.
-  const int64_t deadline = steadyMs() + waitMs + 1;
-  // The response is read on this thread first when the watcher is idle and
-  // the call is not made from within another call's wait.
-  bool direct = false;
-  {
-    std::unique_lock<std::mutex> lock(watch.mutex);
-    if (!watch.closed) {
-      watch.waiting[id] = deadline;
-      direct = directWaitMs > 0 && depth_ == 0 && watch.waiting.size() == 1 && !watch.polling;
-      watch.direct = direct;
-    }
-  }
-  if (watch.closed) {
-    disconnect();
-    return Outcome::kLost;
-  }
-  if (!direct) watch.wake.notify_all();
-  const auto forget = [&] {
-    std::lock_guard<std::mutex> lock(watch.mutex);
-    watch.waiting.erase(id);
-    watch.expired.erase(id);
-    watch.direct = false;
-  };
+  std::lock_guard<std::mutex> lock(watch.mutex);
+  watch.waiting.erase(id);
+  watch.expired.erase(id);
+  watch.direct = false;
+}
+
+TcpLink::Outcome TcpLink::sendLine(const std::string& line, uint64_t id, int64_t deadline) {
   size_t sent = 0;
   while (sent < line.size()) {
     const long n = platform::sendSome(socket_, line.data() + sent, line.size() - sent);
@@ -338,31 +317,15 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
         disconnect();
         return Outcome::kLost;
       }
-      forget();
+      forget(id);
       return Outcome::kNoAnswer;
     }
   }
-  if (direct) {
-    // Never past the run's next due timer, which the direct wait would hold up.
-    int64_t until = std::min(deadline, steadyMs() + directWaitMs);
-    const Micros due = events().nextDue();
-    if (due != Clock::kNever)
-      until = std::min(until, steadyMs() + std::max<Micros>(0, due - events().now()) / 1000);
-    waitDirectly(id, until);
-  }
-  const uint64_t generation = generation_;
-  const auto settled = [&] {
-    if (generation_ != generation) return true;
-    std::lock_guard<std::mutex> lock(watch.mutex);
-    return watch.answered.count(id) > 0 || watch.expired.count(id) > 0 || watch.closed ||
-           watch.refusal.has_value();
-  };
-  ++depth_;
-  {
-    EventLoop::OutsideWait network(events());
-    events().waitUntil(settled);
-  }
-  --depth_;
+  return Outcome::kOk;
+}
+
+TcpLink::Outcome TcpLink::takeAnswer(uint64_t id, uint64_t generation, RigResponse& response) {
+  Watch& watch = *watch_;
   // A task run during the wait closed the link.
   if (generation_ != generation) return Outcome::kLost;
   std::unique_lock<std::mutex> lock(watch.mutex);
@@ -391,6 +354,55 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
   watch.waiting.erase(id);
   watch.expired.erase(id);
   return Outcome::kNoAnswer;
+}
+
+TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response, int waitMs) {
+  if (socket_ != platform::kNoSocket && body != kRigHello2 && depth_ == 0) reconnectIfDropped();
+  if (socket_ == platform::kNoSocket) return Outcome::kLost;
+  Watch& watch = *watch_;
+  const uint64_t id = nextId_++;
+  const std::string line = std::to_string(id) + " " + body + "\n";
+  // Whole milliseconds, rounded up: the wait is never shorter than asked.
+  const int64_t deadline = steadyMs() + waitMs + 1;
+  // The response is read on this thread first when the watcher is idle and
+  // the call is not made from within another call's wait.
+  bool direct = false;
+  {
+    std::unique_lock<std::mutex> lock(watch.mutex);
+    if (!watch.closed) {
+      watch.waiting[id] = deadline;
+      direct = directWaitMs > 0 && depth_ == 0 && watch.waiting.size() == 1 && !watch.polling;
+      watch.direct = direct;
+    }
+  }
+  if (watch.closed) {
+    disconnect();
+    return Outcome::kLost;
+  }
+  if (!direct) watch.wake.notify_all();
+  if (const Outcome sent = sendLine(line, id, deadline); sent != Outcome::kOk) return sent;
+  if (direct) {
+    // Never past the run's next due timer, which the direct wait would hold up.
+    int64_t until = std::min(deadline, steadyMs() + directWaitMs);
+    const Micros due = events().nextDue();
+    if (due != Clock::kNever)
+      until = std::min(until, steadyMs() + std::max<Micros>(0, due - events().now()) / 1000);
+    waitDirectly(id, until);
+  }
+  const uint64_t generation = generation_;
+  const auto settled = [&] {
+    if (generation_ != generation) return true;
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    return watch.answered.count(id) > 0 || watch.expired.count(id) > 0 || watch.closed ||
+           watch.refusal.has_value();
+  };
+  ++depth_;
+  {
+    EventLoop::OutsideWait network(events());
+    events().waitUntil(settled);
+  }
+  --depth_;
+  return takeAnswer(id, generation, response);
 }
 
 std::string TcpLink::timeText() const { return std::to_string(clock_.now()); }

@@ -123,6 +123,13 @@ class TcpLink final : public LinkLibrary {
   EventLoop& events() { return events_ != nullptr ? *events_ : *ownEvents_; }
   // Sends one request and waits for its response.
   Outcome request(const std::string& body, RigResponse& response, int waitMs);
+  // Writes the request's whole line by `deadline` (steady ms); kOk once it
+  // is sent. A line cut in half gives the link up.
+  Outcome sendLine(const std::string& line, uint64_t id, int64_t deadline);
+  // The request `id` no longer waits for its answer.
+  void forget(uint64_t id);
+  // What became of request `id` once its wait is settled.
+  Outcome takeAnswer(uint64_t id, uint64_t generation, RigResponse& response);
   // request() as a link result: 0 once answered, the link-lost result, or
   // `whenNoAnswer` when no answer came in time.
   int32_t exchange(const std::string& body, RigResponse& response, int waitMs,
