@@ -193,7 +193,7 @@ ResultsCommands::ResultsCommands(CLI::App& app) {
 int ResultsCommands::runQueue(const Host& host, const std::optional<StoreSpec>& only,
                               std::FILE* out, std::FILE* err) {
   const ResultsOptions& o = options_;
-  const std::string root = host.dataRoot;
+  const std::string& root = host.dataRoot;
   const std::string journal = join(root, kQueueFileName);
   const std::string defaultStore = StoreKey({StoreSpec::Kind::kSqlite, join(root, kStoreFileName)});
   const std::string onlyKey = only ? StoreKey(*only) : "";

@@ -65,7 +65,7 @@ std::optional<int> ServeCommand::run(const Host& cli, std::FILE* out, std::FILE*
     std::fprintf(err, "tavrix-cli serve: %s\n", error.c_str());
     return kExitUsage;
   }
-  const std::string root = cli.dataRoot;
+  const std::string& root = cli.dataRoot;
   plant::ServerOptions options;
   if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), root, options.store, &error)) {
     std::fprintf(err, "tavrix-cli serve: %s\n", error.c_str());
