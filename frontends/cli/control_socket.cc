@@ -1,26 +1,19 @@
 #include "control_socket.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <thread>
 
 #include "common/checked_numbers.h"
+#include "common/clock.h"
 #include "common/trace.h"
 #include "control_protocol.h"
-#include "control_socket_address.h"
+#include "engine/run_record.h"
+#include "platform/files.h"
+#include "platform/local_endpoint.h"
 
 namespace tavrix {
 
@@ -33,14 +26,14 @@ std::string Error(const std::string& text) {
 }
 const std::string kOk = "{\"ok\":true}";
 
-// "20261126-021500-4711": the local time the run started and its process.
-std::string NewRunId() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &local);
-  return std::string(text) + "-" + std::to_string(getpid());
+using platform::LocalServer;
+namespace fs = std::filesystem;
+
+// Makes `folder` for its owner alone; false when it is there already.
+bool MakePrivateFolder(const std::string& folder, std::error_code& error) {
+  if (!fs::create_directory(folder, error)) return false;
+  fs::permissions(folder, fs::perms::owner_all, error);
+  return !error;
 }
 
 }  // namespace
@@ -57,41 +50,36 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 
   bool open(const std::string& dataRoot, const std::string& runId, std::string* error) {
     const std::string runs = RunsFolder(dataRoot);
-    std::error_code ignored;
-    std::filesystem::create_directories(dataRoot, ignored);
-    if (::mkdir(runs.c_str(), 0700) != 0 && errno != EEXIST) {
-      *error = "cannot make " + runs + ": " + std::strerror(errno);
+    std::error_code failed;
+    fs::create_directories(dataRoot, failed);
+    if (!MakePrivateFolder(runs, failed) && failed) {
+      *error = "cannot make " + runs + ": " + failed.message();
       return false;
     }
-    const std::string base = NewRunId();
+    const std::string base = NewRunId(SystemClock().now());
     if (!runId.empty()) {
       // The run's folder, made for its record: it is for its owner alone.
       runId_ = runId;
       const std::string folder = runs + "/" + runId_;
-      if (::chmod(folder.c_str(), 0700) != 0) {
-        *error = "cannot make " + folder + " private: " + std::strerror(errno);
+      fs::permissions(folder, fs::perms::owner_all, failed);
+      if (failed) {
+        *error = "cannot make " + folder + " private: " + failed.message();
         return false;
       }
     }
     for (int n = 1; runId.empty(); ++n) {
       runId_ = n == 1 ? base : base + "-" + std::to_string(n);
       dir_ = runs + "/" + runId_;
-      if (::mkdir(dir_.c_str(), 0700) == 0) break;
-      if (errno != EEXIST || n > 100) {
-        *error = "cannot make " + dir_ + ": " + std::strerror(errno);
+      if (MakePrivateFolder(dir_, failed)) break;
+      if (failed || n > 100) {
+        *error = "cannot make " + dir_ + ": " + failed.message();
         dir_.clear();
         return false;
       }
     }
     path_ = (runId.empty() ? dir_ : runs + "/" + runId_) + "/control.sock";
-    listen_ = ListenControlSocket(path_, error);
-    if (listen_ < 0) return false;
-    if (::pipe(wake_) != 0) {
-      *error = std::string("cannot make a pipe: ") + std::strerror(errno);
-      return false;
-    }
-    ::fcntl(wake_[0], F_SETFL, O_NONBLOCK);
-    ::fcntl(wake_[1], F_SETFL, O_NONBLOCK);
+    server_ = LocalServer::Listen(path_, error);
+    if (!server_) return false;
     auto self = shared_from_this();
     subscription_ = engine_.subscribe([self](const RunEvent& event) { self->runEvent(event); });
     thread_ = std::thread([self] { self->serve(); });
@@ -109,16 +97,11 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
     wake();
     if (thread_.joinable()) thread_.join();
     std::lock_guard guard(mutex_);
-    for (auto& [id, client] : clients_) ::close(client.fd);
     clients_.clear();
-    if (listen_ >= 0) ::close(listen_);
-    listen_ = -1;
-    for (int& fd : wake_) {
-      if (fd >= 0) ::close(fd);
-      fd = -1;
-    }
-    if (!path_.empty()) ::unlink(path_.c_str());
-    if (!dir_.empty()) ::rmdir(dir_.c_str());
+    server_.reset();
+    std::error_code ignored;
+    if (!path_.empty()) fs::remove(path_, ignored);
+    if (!dir_.empty()) fs::remove(dir_, ignored);
   }
 
   const std::string& runId() const { return runId_; }
@@ -127,7 +110,6 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
 
  private:
   struct Client {
-    int fd = -1;
     std::string in;
     std::string out;
     bool events = false;
@@ -137,10 +119,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   };
 
   void wake() {
-    if (wake_[1] >= 0) {
-      const char c = 1;
-      [[maybe_unused]] const ssize_t n = ::write(wake_[1], &c, 1);
-    }
+    if (server_) server_->wake();
   }
 
   // Engine thread: keeps the status and hands the event to the followers.
@@ -170,6 +149,9 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         break;
       case RunEventKind::kStatus:
         status_ = event.text;
+        // A socket opened as its run starts (the window's) has missed the
+        // start, but not the status that follows it.
+        if (state_ == "ready" && event.text == kStatusRunning) state_ = "running";
         break;
       case RunEventKind::kEnd:
         state_ = "ended";
@@ -200,12 +182,13 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   }
 
   std::string statusJson() const {
-    std::string json =
-        "{\"ok\":true,\"run\":" + jsonString(runId_) + ",\"pid\":" + std::to_string(getpid()) +
-        ",\"sequence\":" + jsonString(sequence_) +
-        (testSocket_.empty() ? "" : ",\"socket\":" + jsonString(testSocket_)) +
-        ",\"state\":" + jsonString(state_) + ",\"line\":" + std::to_string(line_.load()) +
-        ",\"status\":" + jsonString(status_);
+    std::string json = "{\"ok\":true,\"run\":" + jsonString(runId_) +
+                       ",\"pid\":" + std::to_string(platform::processId()) +
+                       ",\"sequence\":" + jsonString(sequence_) +
+                       (testSocket_.empty() ? "" : ",\"socket\":" + jsonString(testSocket_)) +
+                       ",\"state\":" + jsonString(state_) +
+                       ",\"line\":" + std::to_string(line_.load()) +
+                       ",\"status\":" + jsonString(status_);
     if (state_ == "held") {
       json += ",\"hold\":" + jsonString(holdReason_);
       if (holdReason_ == "break") json += ",\"breakpoint\":" + std::to_string(holdId_);
@@ -334,8 +317,8 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   void serve() {
     std::chrono::steady_clock::time_point stopBy{};
     for (;;) {
-      std::vector<pollfd> fds;
-      std::vector<int> ids;
+      std::vector<LocalServer::Interest> interests;
+      bool accept = false;
       {
         std::lock_guard guard(mutex_);
         if (stopping_ && stopBy == std::chrono::steady_clock::time_point{})
@@ -345,7 +328,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
           Client& c = it->second;
           if (c.drop || (c.closeWhenFlushed && c.out.empty())) {
             if (c.events) --followers_;
-            ::close(c.fd);
+            server_->close(it->first);
             it = clients_.erase(it);
           } else {
             ++it;
@@ -354,41 +337,28 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         bool pending = false;
         for (auto& [id, c] : clients_) pending = pending || !c.out.empty();
         if (stopping_ && (!pending || std::chrono::steady_clock::now() >= stopBy)) return;
-        fds.push_back({wake_[0], POLLIN, 0});
-        fds.push_back({listen_, static_cast<short>(stopping_ ? 0 : POLLIN), 0});
-        for (auto& [id, c] : clients_) {
-          short want = stopping_ || c.readClosed ? 0 : POLLIN;
-          if (!c.out.empty()) want |= POLLOUT;
-          fds.push_back({c.fd, want, 0});
-          ids.push_back(id);
-        }
+        accept = !stopping_;
+        for (auto& [id, c] : clients_)
+          interests.push_back({id, !stopping_ && !c.readClosed, !c.out.empty()});
       }
-      if (::poll(fds.data(), fds.size(), stopping_ ? 100 : -1) < 0 && errno != EINTR) return;
-      char drain[256];
-      while (::read(wake_[0], drain, sizeof drain) > 0) {
-      }
-      if (fds[1].revents & POLLIN) {
-        const int fd = ::accept(listen_, nullptr, nullptr);
-        if (fd >= 0) {
-          ::fcntl(fd, F_SETFL, O_NONBLOCK);
-          ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-          std::lock_guard guard(mutex_);
-          clients_[nextClient_++].fd = fd;
-        }
-      }
+      // Only this thread uses the server's connections; other threads only
+      // wake it.
+      std::vector<int> accepted;
+      std::vector<LocalServer::Ready> ready;
+      if (!server_->wait(accept, interests, stopping_ ? 100 : -1, accepted, ready)) return;
       std::lock_guard guard(mutex_);
-      for (size_t i = 0; i < ids.size(); ++i) {
-        const auto it = clients_.find(ids[i]);
+      for (const int id : accepted) clients_[id];
+      for (const LocalServer::Ready& r : ready) {
+        const auto it = clients_.find(r.id);
         if (it == clients_.end()) continue;
         Client& c = it->second;
-        const short got = fds[i + 2].revents;
-        if ((got & (POLLIN | POLLHUP | POLLERR)) && !c.readClosed) readFrom(ids[i], c);
-        if ((got & (POLLHUP | POLLERR)) && c.readClosed && !(got & POLLOUT)) c.drop = true;
-        if ((got & POLLOUT) && !c.out.empty()) {
-          const ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL);
+        if (r.readable && !c.readClosed) readFrom(r.id, c);
+        if (r.hangup && c.readClosed && !r.writable) c.drop = true;
+        if (r.writable && !c.out.empty()) {
+          const long n = server_->write(r.id, c.out.data(), c.out.size());
           if (n > 0) {
             c.out.erase(0, static_cast<size_t>(n));
-          } else if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+          } else if (n == LocalServer::kBroken) {
             c.drop = true;
           }
         }
@@ -400,16 +370,16 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   void readFrom(int id, Client& c) {
     char buf[8192];
     for (;;) {
-      const ssize_t n = ::recv(c.fd, buf, sizeof buf, 0);
+      const long n = server_->read(id, buf, sizeof buf);
       if (n == 0) {
         // The client sent all it will; it may still read its replies.
         if (c.out.empty() && !c.events) c.drop = true;
         c.closeWhenFlushed = !c.events;
-        shutdownRead(c);
+        shutdownRead(id, c);
         return;
       }
       if (n < 0) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) c.drop = true;
+        if (n == LocalServer::kBroken) c.drop = true;
         return;
       }
       c.in.append(buf, static_cast<size_t>(n));
@@ -418,27 +388,27 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         std::string line = c.in.substr(start, end - start);
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (line.size() > kControlMessageLimit) {
-          oversized(c);
+          oversized(id, c);
           return;
         }
         if (!line.empty()) request(id, c, line);
       }
       c.in.erase(0, start);
       if (c.in.size() > kControlMessageLimit) {
-        oversized(c);
+        oversized(id, c);
         return;
       }
     }
   }
 
-  void oversized(Client& c) {
+  void oversized(int id, Client& c) {
     c.in.clear();
     c.out += Error("a message may hold at most 65536 bytes") + "\n";
     c.closeWhenFlushed = true;
-    shutdownRead(c);
+    shutdownRead(id, c);
   }
-  static void shutdownRead(Client& c) {
-    ::shutdown(c.fd, SHUT_RD);
+  void shutdownRead(int id, Client& c) {
+    server_->stopReading(id);
     c.readClosed = true;
   }
 
@@ -448,14 +418,12 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   std::string testSocket_;
   int64_t origin_;
   std::string runId_, dir_, path_;
-  int listen_ = -1;
-  int wake_[2] = {-1, -1};
+  std::unique_ptr<LocalServer> server_;
   std::thread thread_;
   RunEventBus::Subscription subscription_;
 
   mutable std::mutex mutex_;
   std::map<int, Client> clients_;
-  int nextClient_ = 1;
   bool stopping_ = false;
   std::string state_ = "ready";
   std::string status_;

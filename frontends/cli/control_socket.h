@@ -1,5 +1,7 @@
-// The control socket of a run: a Unix-domain socket that only its user can
-// open, at <data root>/runs/<run id>/control.sock, through which `tavrix-cli
+// The control socket of a run: a local endpoint that only its user can open
+// (platform/local_endpoint.h: a Unix-domain socket, or on Windows a named
+// pipe whose name is kept in the file), known by the path
+// <data root>/runs/<run id>/control.sock, through which `tavrix-cli
 // ctl` (or any client speaking control_protocol.h) asks for the run's
 // status, pauses, steps, skips, resumes or stops it, sets and clears
 // breakpoints, reads channels, and follows its events. Several clients are

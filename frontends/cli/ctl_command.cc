@@ -11,17 +11,11 @@
 #include "common/paths.h"
 #include "common/trace.h"
 #include "control_protocol.h"
+#include "control_socket.h"
 #include "engine/run_checkpoints.h"
 #include "engine/run_record.h"
+#include "platform/local_endpoint.h"
 #include "run_command.h"
-#ifndef _WIN32
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
-
-#include "control_socket.h"
-#include "control_socket_address.h"
-#endif
 
 namespace tavrix {
 
@@ -145,49 +139,24 @@ int ReplayRun(const FileSystem& files, const std::string& run, std::FILE* out, s
   return kExitOk;
 }
 
-#ifdef _WIN32
-
-bool RunAnswers(const std::string&) { return false; }
-
-int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, std::FILE* out,
-           std::FILE* err) {
-  // A run's record is read without its control socket.
-  if (words.size() == 2 && words[1] == "events") {
-    const LocalFileSystem files(dataRoot);
-    return ReplayRun(files, words[0], out, err);
-  }
-  std::fprintf(err,
-               "tavrix-cli ctl: this Windows build has no control socket; control a run from its "
-               "window or its terminal\n");
-  return kExitSequenceError;
-}
-
-#else
-
 namespace {
 
 namespace fs = std::filesystem;
 
+using platform::LocalConnection;
+
 // A connection to one run's socket that sends requests and reads lines.
 class Connection {
  public:
-  explicit Connection(int fd) : fd_(fd) {}
-  ~Connection() {
-    if (fd_ >= 0) ::close(fd_);
-  }
+  explicit Connection(std::unique_ptr<LocalConnection> connection)
+      : connection_(std::move(connection)) {}
   bool send(const std::string& line) {
     const std::string text = line + "\n";
-    size_t sent = 0;
-    while (sent < text.size()) {
-      const ssize_t n = ::send(fd_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      sent += static_cast<size_t>(n);
-    }
-    return true;
+    return connection_->send(text.data(), text.size());
   }
-  // The next line; false when the run closed the connection.
-  bool line(std::string& text) {
+  // The next line; false when the run closed the connection or did not
+  // answer within `timeoutMs` (-1: no limit).
+  bool line(std::string& text, int timeoutMs = -1) {
     for (;;) {
       const size_t end = buffer_.find('\n');
       if (end != std::string::npos) {
@@ -196,15 +165,14 @@ class Connection {
         return true;
       }
       char chunk[8192];
-      const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-      if (n < 0 && errno == EINTR) continue;
+      const long n = connection_->receive(chunk, sizeof chunk, timeoutMs);
       if (n <= 0) return false;
       buffer_.append(chunk, static_cast<size_t>(n));
     }
   }
 
  private:
-  int fd_;
+  std::unique_ptr<LocalConnection> connection_;
   std::string buffer_;
 };
 
@@ -220,10 +188,9 @@ void Clean(const fs::path& runFolder) {
 }  // namespace
 
 bool RunAnswers(const std::string& runFolder) {
-  const int fd = ConnectControlSocket(Socket(runFolder));
-  if (fd < 0) return false;
-  ::close(fd);
-  return true;
+  std::unique_ptr<LocalConnection> connection;
+  return LocalConnection::Connect(Socket(runFolder), connection) ==
+         LocalConnection::Outcome::kConnected;
 }
 
 namespace {
@@ -237,17 +204,17 @@ int List(const std::string& runs, std::FILE* out) {
   int listed = 0;
   for (const fs::path& folder : folders) {
     if (!fs::exists(folder / "control.sock", error)) continue;
-    const int fd = ConnectControlSocket(Socket(folder));
-    if (fd < 0) {
-      if (errno == ECONNREFUSED || errno == ENOENT) Clean(folder);
+    std::unique_ptr<LocalConnection> reached;
+    const auto outcome = LocalConnection::Connect(Socket(folder), reached);
+    if (outcome != LocalConnection::Outcome::kConnected) {
+      if (outcome == LocalConnection::Outcome::kGone) Clean(folder);
       continue;
     }
-    // A run that does not answer within a while is left out of the list.
-    const timeval wait{5, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    Connection connection(fd);
+    Connection connection(std::move(reached));
     std::string reply;
-    if (!connection.send(ControlRequestJson({"status", {}})) || !connection.line(reply)) continue;
+    // A run that does not answer within a while is left out of the list.
+    if (!connection.send(ControlRequestJson({"status", {}})) || !connection.line(reply, 5000))
+      continue;
     if (listed++ == 0)
       std::fprintf(out, "%-24s %-8s %6s  %s\n", "RUN", "STATE", "LINE", "SEQUENCE");
     size_t at = reply.find("\"line\":");
@@ -268,7 +235,7 @@ int List(const std::string& runs, std::FILE* out) {
 // The folder of run `run`: its id, or the process id that ends it.
 std::optional<fs::path> FindRun(const std::string& runs, const std::string& run) {
   std::error_code error;
-  if (run.empty() || run.find('/') != std::string::npos || run == "." || run == "..")
+  if (run.empty() || run.find_first_of("/\\") != std::string::npos || run == "." || run == "..")
     return std::nullopt;
   if (fs::is_directory(fs::path(runs) / run, error)) return fs::path(runs) / run;
   // A process id: the folders of ended runs of an earlier process with the
@@ -333,12 +300,13 @@ int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, s
   };
   const auto folder = FindRun(runs, run);
   if (!folder) return ended();
-  const int fd = ConnectControlSocket(Socket(*folder));
-  if (fd < 0) {
-    if (errno == ECONNREFUSED || errno == ENOENT) Clean(*folder);
+  std::unique_ptr<LocalConnection> reached;
+  const auto outcome = LocalConnection::Connect(Socket(*folder), reached);
+  if (outcome != LocalConnection::Outcome::kConnected) {
+    if (outcome == LocalConnection::Outcome::kGone) Clean(*folder);
     return ended();
   }
-  Connection connection(fd);
+  Connection connection(std::move(reached));
   ControlRequest request{words[1], {words.begin() + 2, words.end()}};
   std::string reply;
   if (!connection.send(ControlRequestJson(request)) || !connection.line(reply)) {
@@ -360,7 +328,5 @@ int RunCtl(const std::string& dataRoot, const std::vector<std::string>& words, s
   }
   return kExitOk;
 }
-
-#endif
 
 }  // namespace tavrix

@@ -4,8 +4,13 @@
 
 namespace tavrix {
 
-EachRunControl::EachRunControl(Engine& engine, std::function<void(const std::string&)> onProblem)
-    : engine_(engine), onProblem_(std::move(onProblem)), breakpoints_(engine) {
+EachRunControl::EachRunControl(Engine& engine, Breakpoints& breakpoints,
+                               std::function<void(const std::string&)> onProblem,
+                               std::string testSocket)
+    : engine_(engine),
+      onProblem_(std::move(onProblem)),
+      breakpoints_(breakpoints),
+      testSocket_(std::move(testSocket)) {
   subscription_ = engine.subscribe([this](const RunEvent& e) { event(e); });
 }
 
@@ -22,8 +27,8 @@ void EachRunControl::event(const RunEvent& event) {
     socket_.reset();
     std::string error;
     socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(),
-                                  engine_.sequencer().sequenceFileName(), event.time, &error, {},
-                                  engine_.recordId());
+                                  engine_.sequencer().sequenceFileName(), event.time, &error,
+                                  testSocket_, engine_.recordId());
     if (!socket_ && onProblem_) onProblem_("this run has no control socket: " + error);
     if (socket_ && onOpened_) onOpened_(socket_->runId());
   } else if (event.kind == RunEventKind::kEnd && socket_) {

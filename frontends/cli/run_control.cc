@@ -1,18 +1,10 @@
 #include "run_control.h"
 
+#include "control_socket.h"
 #include "terminal_keys.h"
 #include "terminal_view.h"
 
-#ifndef _WIN32
-#include "control_socket.h"
-#endif
-
 namespace tavrix {
-
-#ifdef _WIN32
-// This build has no control socket; the class is only named.
-class ControlSocket {};
-#endif
 
 RunRecording::RunRecording(Engine& engine, const RunRecord::Start& start,
                            const RunRecordLimits& limits, std::FILE* err)
@@ -74,7 +66,6 @@ bool RunControl::setBreakpoints(const std::vector<std::string>& lines,
 
 void RunControl::openSocket(const std::string& sequence, const std::string& testSocket,
                             const std::string& runId) {
-#ifndef _WIN32
   std::string error;
   socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(), sequence,
                                 engine_.clock().now(), &error, testSocket, runId);
@@ -82,18 +73,11 @@ void RunControl::openSocket(const std::string& sequence, const std::string& test
   if (!socket_)
     std::fprintf(err_, "tavrix-cli: warning: no control socket (the run goes on): %s\n",
                  error.c_str());
-#else
-  (void)sequence;
-  (void)testSocket;
-  (void)runId;
-#endif
 }
 
 void RunControl::setAnswers(AnswerRelay& relay) {
   answers_ = &relay;
-#ifndef _WIN32
   if (socket_) socket_->setAnswers(&relay);
-#endif
 }
 
 void RunControl::takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view) {
@@ -103,9 +87,7 @@ void RunControl::takeKeys(TerminalKeys& keys, std::FILE* in, TerminalView& view)
 }
 
 std::string RunControl::runId() const {
-#ifndef _WIN32
   if (socket_) return socket_->runId();
-#endif
   return {};
 }
 

@@ -4,6 +4,7 @@
 #include <future>
 #include <optional>
 
+#include "engine/run_record.h"
 #include "instrument/link/instrument.h"
 #include "resultsdb/results_feed.h"
 #include "scripted_operator.h"
@@ -52,6 +53,7 @@ struct StationSockets::Socket {
   size_t index = 0;
   std::unique_ptr<Operator> op;
   std::unique_ptr<Engine> engine;
+  std::shared_ptr<void> companion;
   RunEventBus::Subscription events;
   std::thread thread;
   // Engine thread only.
@@ -122,6 +124,11 @@ bool StationSockets::startSocket(size_t index, const Options& options, std::stri
     Engine& engine = *socket.engine;
     if (const std::string& folder = station_.resultsOf(own); !folder.empty())
       engine.testDatabase().results.dataDirectory = folder;
+    // Each run of the socket keeps a record, and then whatever the front
+    // end keeps beside it finds the run's record.
+    engine.recordEveryRun({options.settings.recordsMaxAge, options.settings.recordsMaxBytes},
+                          "station", own.name);
+    if (options.companion) socket.companion = options.companion(engine, socket.index, own.name);
     Instrument* instrument = engine.instrument();
     if (instrument == nullptr || !instrument->ensureOpen()) {
       return fail("cannot open the instrument link: " +
@@ -173,6 +180,7 @@ void StationSockets::serve(Socket& socket) {
     if (time_) time_->leave(socket.index);
   }
   socket.events.reset();
+  socket.companion.reset();
   if (ResultsFeed* feed = engine.resultsFeed()) {
     std::string why;
     if (!feed->finish(std::chrono::seconds(10), &why) && messages_)

@@ -4,6 +4,8 @@
 // it is told to. A socket that has finished starts its next unit while the
 // others run on. On a virtual clock the sockets take turns on the station's
 // clock while they run (station_time.h); a socket at rest takes no turns.
+// Every run of a socket keeps its record in the data root (runs/<run id>/),
+// named for the socket, as each socket of tavrix-cli run --station does.
 #pragma once
 
 #include <functional>
@@ -27,6 +29,11 @@ class StationSockets {
     // The sockets share one virtual clock that starts at `start` (0: now).
     bool virtualTime = false;
     Micros start = 0;
+    // Made on each socket's engine thread once its engine is built and its
+    // records begun, and let go there before the engine goes: what the
+    // front end keeps beside the socket's engine (its control socket).
+    std::function<std::shared_ptr<void>(Engine& engine, size_t socket, const std::string& name)>
+        companion;
   };
   // Called on a socket's engine thread for each of its run events, with the
   // unit the engine holds then.

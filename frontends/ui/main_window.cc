@@ -41,6 +41,7 @@
 #include "qt_text.h"
 #include "question_dialogs.h"
 #include "report_dialog.h"
+#include "sequence_lines_view.h"
 #include "sequencer/line_splitter.h"
 #include "station_view.h"
 #include "testdb/definition_files.h"
@@ -156,19 +157,23 @@ MainWindow::MainWindow(const Host& machine, EngineFactory factory, const std::st
   host_ = std::make_unique<EngineHost>([this, factory] {
     auto engine = factory(operator_);
     operator_.attach(engine->events());
+    breakpoints_ = std::make_unique<Breakpoints>(*engine);
 #ifndef _WIN32
-    runControl_ = std::make_unique<EachRunControl>(*engine, [](const std::string& problem) {
-      std::fprintf(stderr, "tavrix: %s\n", problem.c_str());
-    });
+    runControl_ = std::make_unique<EachRunControl>(
+        *engine, *breakpoints_,
+        [](const std::string& problem) { std::fprintf(stderr, "tavrix: %s\n", problem.c_str()); });
 #endif
     return engine;
   });
   QPointer<MainWindow> self(this);
-  runEvents_ = host_->engine().subscribe([self](const RunEvent& event) {
+  // On the engine thread: the lines view's share of the event is taken
+  // there, as the event happens.
+  runEvents_ = host_->engine().subscribe([self, this](const RunEvent& event) {
+    LinesSnapshot snapshot = LinesSnapshot::Take(host_->engine(), *breakpoints_, event);
     QMetaObject::invokeMethod(
         qApp,
-        [self, event] {
-          if (self) self->showRunEvent(event);
+        [self, event, snapshot = std::move(snapshot)] {
+          if (self) self->showRunEvent(event, snapshot);
         },
         Qt::QueuedConnection);
   });
@@ -224,8 +229,12 @@ void MainWindow::offerResume(const ResumeOffer& offer) {
   });
 }
 
-void MainWindow::showRunEvent(const RunEvent& event) {
+void MainWindow::showRunEvent(const RunEvent& event, const LinesSnapshot& snapshot) {
   if (panel_.apply(event)) setControls(panel_.controls());
+  linesView_->take(event, snapshot);
+  // A breakpoint that holds the run brings its line into view.
+  if (event.kind == RunEventKind::kHold && event.title == "break")
+    tabs_->setCurrentWidget(linesView_);
   switch (event.kind) {
     case RunEventKind::kStatus:
       setRunStatus(Text(event.text));
@@ -293,14 +302,18 @@ MainWindow::~MainWindow() {
   }
   channelDisplay_ = nullptr;
   runEvents_.reset();
+  host_->post([this](Engine&) {
 #ifndef _WIN32
-  host_->post([this](Engine&) { runControl_.reset(); });
+    runControl_.reset();
 #endif
+    breakpoints_.reset();
+  });
   host_.reset();
 }
 
 void MainWindow::onRunSocket(std::function<void(const std::string&)> told) {
 #ifndef _WIN32
+  runSocketTold_ = told;
   host_->post([this, told = std::move(told)](Engine&) { runControl_->onOpened(told); });
 #else
   (void)told;
@@ -389,6 +402,12 @@ void MainWindow::showUnit(const UnitState& unit) {
   unitTile_->show();
 }
 
+void MainWindow::showHold() {
+  const QString text = Text(linesView_->view().holdText());
+  laHold_->setText(text);
+  laHold_->setVisible(!text.isEmpty());
+}
+
 void MainWindow::showRunEnd() {
   laRunEnd_->setText(Text(panel_.endText()));
   QPalette palette = laRunEnd_->palette();
@@ -448,6 +467,9 @@ void MainWindow::buildControls() {
   statusRow->addWidget(sRunStatus_);
   laRunEnd_ = Named(new QLabel, "laRunEnd");
   statusRow->addWidget(laRunEnd_);
+  laHold_ = Named(new QLabel, "laHold");
+  laHold_->hide();
+  statusRow->addWidget(laHold_);
   statusRow->addWidget(new QLabel(tr("Timeout (secs)")));
   sTimeout_ = Named(new QLabel(QStringLiteral("0")), "sTimeout");
   sTimeout_->setFrameShape(QFrame::Panel);
@@ -552,6 +574,12 @@ void MainWindow::buildControls() {
   }
   pageLayout->addLayout(lists, 1);
   tabs_->addTab(sequencePage_, tr("Sequence"));
+
+  linesView_ = new SequenceLinesView([this](std::function<void(Engine&, Breakpoints&)> task) {
+    host_->post([this, task = std::move(task)](Engine& engine) { task(engine, *breakpoints_); });
+  });
+  linesView_->onHoldChanged([this] { showHold(); });
+  tabs_->addTab(linesView_, tr("Lines"));
 
   auto* manual = Named(new QGroupBox(tr("Manual control")), "frManual");
   auto* manualLayout = new QVBoxLayout(manual);
@@ -1216,9 +1244,23 @@ bool MainWindow::openStation(const std::string& path) {
   }
   auto* view = new StationView;
   auto questions = std::make_shared<SocketQuestions>();
+  StationSockets::Options options = stationOptions_;
+#ifndef _WIN32
+  // Each run of a socket listens on a control socket of its own, in its
+  // record's folder, as the one-sequence runs do.
+  options.companion = [told = runSocketTold_](Engine& engine, size_t,
+                                              const std::string& name) -> std::shared_ptr<void> {
+    auto control =
+        std::make_shared<SocketRunControl>(engine, name, [name](const std::string& problem) {
+          std::fprintf(stderr, "tavrix: %s: %s\n", name.c_str(), problem.c_str());
+        });
+    if (told) control->control().onOpened(told);
+    return control;
+  };
+#endif
   std::string error;
   const bool opened = view->open(
-      path, stationOptions_,
+      path, options,
       [this, questions](size_t socket, const std::string& name) -> std::unique_ptr<Operator> {
         return std::make_unique<SocketPersonOperator>(*this, questions, socket, name);
       },

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "common/host.h"
+#include "engine/breakpoints.h"
 #include "engine_host.h"
 #ifndef _WIN32
 #include "each_run_control.h"
@@ -43,7 +44,9 @@ namespace tavrix {
 
 class ChannelDisplayDialog;
 class ChartWindow;
+class SequenceLinesView;
 class StationView;
+struct LinesSnapshot;
 
 // Start-up makes the hardware setups folder of the instrument link the
 // working folder, when that folder exists here. A sequence file named on the
@@ -204,17 +207,26 @@ class MainWindow : public QMainWindow {
   // Asks the engine for the unit's state (one question at a time).
   void refreshUnit();
   void showUnit(const UnitState& unit);
-  // Shows one run event of the engine (on the window's thread).
-  void showRunEvent(const RunEvent& event);
+  // Shows one run event of the engine (on the window's thread), with what
+  // the lines view needs of the engine at that event.
+  void showRunEvent(const RunEvent& event, const LinesSnapshot& snapshot);
+  // What holds the run, beside the status.
+  void showHold();
   void message(const QString& title, const QString& text);
   EngineTasks tasks();
 
   QtOperator operator_;
   std::unique_ptr<EngineHost> host_;
   Host machine_;
+  // The breakpoints of the window's runs, set on the lines view and
+  // through the control socket; engine thread only (made with the engine).
+  std::unique_ptr<Breakpoints> breakpoints_;
 #ifndef _WIN32
   // The control socket of each run; engine thread only.
   std::unique_ptr<EachRunControl> runControl_;
+  // Told the run id of each control socket that opens (the station's runs'
+  // too).
+  std::function<void(const std::string&)> runSocketTold_;
 #endif
   RunEventBus::Subscription runEvents_;
   RunPanel panel_;
@@ -227,6 +239,8 @@ class MainWindow : public QMainWindow {
   QCheckBox* cbSingleStep_ = nullptr;
   QLabel* sRunStatus_ = nullptr;
   QLabel* laRunEnd_ = nullptr;
+  QLabel* laHold_ = nullptr;
+  SequenceLinesView* linesView_ = nullptr;
   QPointer<QMessageBox> closeQuestion_;
   QLabel* sTimeout_ = nullptr;
   QLineEdit* sCurrentCommand_ = nullptr;

@@ -3,6 +3,7 @@
 
 #include <QAction>
 #include <QCheckBox>
+#include <QComboBox>
 #include <QElapsedTimer>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -20,12 +21,15 @@
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QScreen>
+#include <QSpinBox>
 #include <QTabWidget>
+#include <QTableView>
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTextDocument>
 #include <QTextEdit>
 #include <QtTest>
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <filesystem>
@@ -191,6 +195,21 @@ class MainWindowTest : public QObject {
     return Sequence(name, {"DB_DATAENTRY " + d + "/details.txt", "DB_STAGECHECK 1", "STOP"});
   }
 
+#ifndef _WIN32
+  // tavrix-cli ctl against the data root `root`: its exit status, and what
+  // it printed in `text`.
+  static int Ctl(const std::string& root, const std::vector<std::string>& words,
+                 std::string& text) {
+    std::FILE* out = std::tmpfile();
+    const int status = RunCtl(root, words, out, out);
+    text.assign(static_cast<size_t>(std::ftell(out)), '\0');
+    std::rewind(out);
+    text.resize(std::fread(text.data(), 1, text.size(), out));
+    std::fclose(out);
+    return status;
+  }
+#endif
+
  private slots:
 
   // The questions of sockets without an answers file are asked in the
@@ -245,6 +264,89 @@ class MainWindowTest : public QObject {
     QTest::mouseClick(Find<QPushButton>(*okTile, "pbSocketRun"), Qt::LeftButton);
     asked();
   }
+
+#ifndef _WIN32
+  // Each run of a station's socket in the window keeps its record in the
+  // data root, named for its socket, and listens on a control socket in the
+  // record's folder while it goes: ctl lists both runs and tells each
+  // socket's status while they wait on their questions; once they end, the
+  // sockets are gone and the records list with how the runs ended.
+  void stationSocketsKeepRecordsAndListen() {
+    const std::string d = dir_.path().toStdString() + "/recorded station";
+    const std::string root = d + "/data";
+    QVERIFY(testFiles().makeFolders(root, nullptr));
+    Write(d + "/ask.wts", "ENTEROKCANCEL Fitted?, GONE\r\nSTOP\r\nGONE:\r\nSTOP\r\n");
+    Write(d + "/rec.toml", "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
+    MainWindow w(TestHost(), Factory(), "");
+    StationSockets::Options options;
+    options.dataRoot = root;
+    options.virtualTime = true;
+    w.setStationOptions(options);
+    w.show();
+    QVERIFY(w.openStation(d + "/rec.toml"));
+    const LocalFileSystem files(root);
+    QCOMPARE(ListRunRecords(files).size(), size_t{0});
+    Click(w, "pbRunAll");
+    const auto asked = [&] {
+      QMessageBox* box = nullptr;
+      if (!QTest::qWaitFor([&] {
+            box = w.findChild<QMessageBox*>("socketQuestion");
+            return box != nullptr && box->isVisible();
+          }))
+        qFatal("no socket question");
+      return box;
+    };
+    QMessageBox* box = asked();
+    QTRY_COMPARE(ListRunRecords(files).size(), size_t{2});
+    std::vector<std::string> sockets;
+    std::string text;
+    for (const RunRecordSummary& record : ListRunRecords(files)) {
+      sockets.push_back(record.testSocket);
+      QCOMPARE(record.frontEnd, std::string("station"));
+      QVERIFY(!record.end);
+      QTRY_VERIFY(RunAnswers(record.folder));
+      QCOMPARE(Ctl(root, {record.id, "status"}, text), 0);
+      QVERIFY2(text.find("\"socket\":\"" + record.testSocket + "\"") != std::string::npos &&
+                   text.find("ask.wts") != std::string::npos &&
+                   text.find("\"state\":\"running\"") != std::string::npos,
+               text.c_str());
+    }
+    std::sort(sockets.begin(), sockets.end());
+    QCOMPARE(sockets, (std::vector<std::string>{"A", "B"}));
+    QCOMPARE(Ctl(root, {"list"}, text), 0);
+    for (const RunRecordSummary& record : ListRunRecords(files))
+      QVERIFY2(text.find(record.id) != std::string::npos, text.c_str());
+
+    // Both answered: the runs end, their sockets go, their records stay.
+    const QString first = box->text();
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_OK"), Qt::LeftButton);
+    QTRY_VERIFY((box = w.findChild<QMessageBox*>("socketQuestion")) != nullptr &&
+                box->isVisible() && box->text() != first);
+    QTest::mouseClick(Find<QPushButton>(*box, "answer_OK"), Qt::LeftButton);
+    QTRY_VERIFY(ListRunRecords(files).size() == 2 && ListRunRecords(files)[0].end &&
+                ListRunRecords(files)[1].end);
+    // What ctl list --all prints.
+    std::FILE* out = std::tmpfile();
+    QCOMPARE(ListAllRuns(files, out,
+                         [&](const std::string& id) {
+                           return RunAnswers(RunRecordsFolder(files) + "/" + id);
+                         }),
+             0);
+    text.assign(static_cast<size_t>(std::ftell(out)), '\0');
+    std::rewind(out);
+    text.resize(std::fread(text.data(), 1, text.size(), out));
+    std::fclose(out);
+    for (const RunRecordSummary& record : ListRunRecords(files)) {
+      QCOMPARE(record.endReason, std::string("stop"));
+      QVERIFY2(text.find(record.id) != std::string::npos, text.c_str());
+      QTRY_VERIFY(testFiles().info(record.folder + "/control.sock").kind == FileKind::kMissing);
+      const std::string trace = ReadAll(record.folder + "/trace.jsonl");
+      QVERIFY2(trace.find("\"ev\":\"prompt\"") != std::string::npos &&
+                   trace.find("\"ev\":\"end\",\"reason\":\"stop\"}") != std::string::npos,
+               trace.c_str());
+    }
+  }
+#endif
 
   // A station of two sockets on the simulated rig, on one virtual clock:
   // each tile reaches its own verdict, Stop on one socket leaves the other
@@ -391,6 +493,107 @@ class MainWindowTest : public QObject {
     QTRY_COMPARE(Status(w), QString("Stopped"));
     QTRY_VERIFY(!Find<QCheckBox>(w, "cbSingleStep")->isChecked());
     QVERIFY(!Find<QPushButton>(w, "pbStep")->isEnabled());
+  }
+
+  // The lines view: the margin and F9 set and clear line breakpoints, the
+  // form adds a label with a hit count while the run waits on a question;
+  // a breakpoint holds the run as single step does, the status says which
+  // one, the held line is marked, and Run, Step and Clear carry on from
+  // there until the run ends.
+  void breakpointsOnTheLinesView() {
+    MainWindow w(
+        Factory(),
+        Sequence("breaks.wts", {"CONTINUEOK Ready?", "RESETLOOPCOUNT", "TOP:", "LOOPCHECK 3, DONE",
+                                "INCREMENTLOOPCOUNT", "GOTO TOP", "DONE:", "STOP"}));
+    w.show();
+    QVERIFY(QTest::qWaitForWindowActive(&w));
+    auto* table = Find<QTableView>(w, "tvLines");
+    QAbstractItemModel* lines = table->model();
+    QTRY_COMPARE(lines->rowCount(), 8);
+    QCOMPARE(lines->index(3, 1).data().toInt(), 4);
+    QCOMPARE(lines->index(3, 2).data().toString(), QString("LOOPCHECK 3, DONE"));
+    auto* tabs = Find<QTabWidget>(w, "tabs");
+    tabs->setCurrentWidget(Find<QWidget>(w, "frLines"));
+    auto* list = Find<QListWidget>(w, "lbBreakpoints");
+    auto* hold = Find<QLabel>(w, "laHold");
+    const auto margin = [&](int line) { return lines->index(line - 1, 0).data().toString(); };
+    const auto clickMargin = [&](int line) {
+      QTest::mouseClick(table->viewport(), Qt::LeftButton, {},
+                        table->visualRect(lines->index(line - 1, 0)).center());
+    };
+    const QString dot = QString::fromUtf8("\u25CF");
+    const QString arrow = QString::fromUtf8("\u25B6");
+
+    // F9 on the selected line sets a breakpoint and clears it again.
+    table->setFocus();
+    table->setCurrentIndex(lines->index(1, 2));
+    QTest::keyClick(table, Qt::Key_F9);
+    QTRY_COMPARE(list->count(), 1);
+    QCOMPARE(list->item(0)->text(), QString("1: line 2, hit 0 times"));
+    QCOMPARE(margin(2), dot);
+    QTest::keyClick(table, Qt::Key_F9);
+    QTRY_COMPARE(list->count(), 0);
+    QCOMPARE(margin(2), QString());
+    // A click in line 5's margin.
+    clickMargin(5);
+    QTRY_COMPARE(list->count(), 1);
+    QCOMPARE(list->item(0)->text(), QString("2: line 5, hit 0 times"));
+    QCOMPARE(margin(5), dot);
+
+    // While the run waits on its first question: a label with a hit count,
+    // and a label the file lacks, which the engine refuses.
+    Click(w, "pbRun");
+    QTRY_VERIFY(Find<QGroupBox>(w, "frOKcancel")->isVisible());
+    tabs->setCurrentWidget(Find<QWidget>(w, "frLines"));
+    Find<QComboBox>(w, "cbBreakKind")->setCurrentIndex(0);
+    Find<QLineEdit>(w, "ebBreakTarget")->setText("WARM");
+    Click(w, "pbBreakAdd");
+    auto* problem = Find<QLabel>(w, "laBreakProblem");
+    QTRY_VERIFY(problem->isVisible() && problem->text().contains("label WARM does not exist"));
+    Find<QLineEdit>(w, "ebBreakTarget")->setText("TOP");
+    Find<QSpinBox>(w, "sbBreakHits")->setValue(2);
+    Click(w, "pbBreakAdd");
+    QTRY_COMPARE(list->count(), 2);
+    QCOMPARE(list->item(1)->text(), QString("3: label TOP (line 4), from hit 2, hit 0 times"));
+    QVERIFY(!problem->isVisible());
+    QCOMPARE(margin(4), dot);
+    QCOMPARE(Find<QSpinBox>(w, "sbBreakHits")->value(), 1);
+    tabs->setCurrentWidget(Find<QWidget>(w, "frManual"));
+    Click(w, "pbOKcancelOK");
+
+    // Held before line 5 by its breakpoint, the lines view in front.
+    QTRY_COMPARE(hold->text(), QString("Held before line 5 by breakpoint 2 (line 5, hit 1 time)"));
+    QVERIFY(hold->isVisible());
+    QCOMPARE(tabs->currentWidget(), Find<QWidget>(w, "frLines"));
+    QCOMPARE(Status(w), QString("Running"));
+    QTRY_VERIFY(Find<QPushButton>(w, "pbStep")->isEnabled());
+    QVERIFY(Find<QPushButton>(w, "pbSkip")->isEnabled());
+    QVERIFY(Find<QPushButton>(w, "pbRun")->isEnabled());
+    QCOMPARE(Find<QLineEdit>(w, "sCurrentCommand")->text(), QString("INCREMENTLOOPCOUNT"));
+    QTRY_COMPARE(margin(5), arrow + dot);
+    QVERIFY(lines->index(4, 2).data(Qt::BackgroundRole).isValid());
+    QVERIFY(!lines->index(3, 2).data(Qt::BackgroundRole).isValid());
+    // Cleared while held; Run goes on to the label's second hit.
+    clickMargin(5);
+    QTRY_COMPARE(list->count(), 1);
+    QCOMPARE(margin(5), arrow);
+    Click(w, "pbRun");
+    QTRY_COMPARE(hold->text(), QString("Held before line 4 by breakpoint 3 (label TOP (line 4), "
+                                       "from hit 2, hit 2 times)"));
+    QTRY_COMPARE(margin(4), arrow + dot);
+    QCOMPARE(margin(5), QString());
+    // Step runs the held line and holds the next, as single step does.
+    Click(w, "pbStep");
+    QTRY_COMPARE(hold->text(), QString("Held before line 5 (single step)"));
+    // The last one cleared from the list; Run goes to the end.
+    list->setCurrentRow(0);
+    Click(w, "pbBreakClear");
+    QTRY_COMPARE(list->count(), 0);
+    Click(w, "pbRun");
+    QTRY_COMPARE(Status(w), QString("Stopped"));
+    QTRY_COMPARE(Find<QLabel>(w, "laRunEnd")->text(), QString("Ended: STOP in the sequence"));
+    QTRY_VERIFY(!hold->isVisible());
+    for (int line = 1; line <= 8; ++line) QCOMPARE(margin(line), QString());
   }
 
   void panelIsAnsweredByClicks() {
@@ -1204,13 +1407,7 @@ class MainWindowTest : public QObject {
         Sequence("held.wts", {"WAITSECONDS 600"}));
     w.show();
     const auto ctl = [&](const std::vector<std::string>& words, std::string& text) {
-      std::FILE* out = std::tmpfile();
-      const int status = RunCtl(root, words, out, out);
-      text.assign(static_cast<size_t>(std::ftell(out)), '\0');
-      std::rewind(out);
-      text.resize(std::fread(text.data(), 1, text.size(), out));
-      std::fclose(out);
-      return status;
+      return Ctl(root, words, text);
     };
     const LocalFileSystem files(root);
     std::vector<std::string> seen;
@@ -1229,8 +1426,9 @@ class MainWindowTest : public QObject {
           text.find(record.id) != std::string::npos && text.find("held.wts") != std::string::npos,
           text.c_str());
       QCOMPARE(ctl({record.id, "status"}, text), 0);
-      QVERIFY2(text.find("WAITSECONDS") != std::string::npos ||
-                   text.find("\"line\":1") != std::string::npos,
+      QVERIFY2((text.find("WAITSECONDS") != std::string::npos ||
+                text.find("\"line\":1") != std::string::npos) &&
+                   text.find("\"state\":\"running\"") != std::string::npos,
                text.c_str());
       QCOMPARE(ctl({record.id, "stop"}, text), 0);
       QTRY_COMPARE(Status(w), QString("Stopped"));

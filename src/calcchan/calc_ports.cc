@@ -25,6 +25,24 @@ bool InstrumentChannelPort::read(std::string_view name, std::string& value, Chan
   return true;
 }
 
+bool InstrumentChannelPort::readInto(std::string_view name, ChannelReading& reading,
+                                     ChannelRef* ref) {
+  if (!instrument_.ensureOpen() || !instrument_.channels().ReadChannel(name, reading, ref)) {
+    reading.isNumber = false;
+    reading.text = "ERROR " + instrument_.link().lastErrorText();
+    return false;
+  }
+  return true;
+}
+
+bool InstrumentChannelPort::read(std::string_view name, ChannelReading& reading, ChannelRef& ref) {
+  return readInto(name, reading, &ref);
+}
+
+bool InstrumentChannelPort::read(std::string_view name, ChannelReading& reading) {
+  return readInto(name, reading, nullptr);
+}
+
 bool InstrumentChannelPort::write(std::string_view name, std::string_view value, ChannelRef& ref) {
   return instrument_.ensureOpen() && instrument_.channels().WriteChannel(name, value, &ref);
 }

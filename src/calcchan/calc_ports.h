@@ -34,6 +34,16 @@ class CalcChannelPort {
   virtual bool write(std::string_view name, std::string_view value, ChannelRef& /*ref*/) {
     return write(name, value);
   }
+  // A read that may give the number alone (see ChannelReading); a port
+  // without that gives the text.
+  virtual bool read(std::string_view name, ChannelReading& reading, ChannelRef& ref) {
+    reading.isNumber = false;
+    return read(name, reading.text, ref);
+  }
+  virtual bool read(std::string_view name, ChannelReading& reading) {
+    reading.isNumber = false;
+    return read(name, reading.text);
+  }
 };
 
 // The channel operations of an Instrument; the link is opened on first use.
@@ -44,8 +54,11 @@ class InstrumentChannelPort final : public CalcChannelPort {
   bool write(std::string_view name, std::string_view value) override;
   bool read(std::string_view name, std::string& value, ChannelRef& ref) override;
   bool write(std::string_view name, std::string_view value, ChannelRef& ref) override;
+  bool read(std::string_view name, ChannelReading& reading, ChannelRef& ref) override;
+  bool read(std::string_view name, ChannelReading& reading) override;
 
  private:
+  bool readInto(std::string_view name, ChannelReading& reading, ChannelRef* ref);
   Instrument& instrument_;
 };
 

@@ -210,13 +210,13 @@ void CalcChannels::runPass() {
 // --- Reading and publishing -------------------------------------------------
 
 bool CalcChannels::analysing() {
-  std::string value;
+  ChannelReading value;
   if (!ports_.channels->read(analyseName_, value, analyseRef_)) return false;
-  return leadingNumber(value) > 0.5;
+  return value.value() > 0.5;
 }
 
 bool CalcChannels::readSource(ChannelRef& ref, const std::string& source, bool guarded,
-                              std::string& reading) {
+                              ChannelReading& reading) {
   if (guarded) {
     if (analysing()) return false;
     ports_.channels->read(source, reading, ref);
@@ -224,8 +224,10 @@ bool CalcChannels::readSource(ChannelRef& ref, const std::string& source, bool g
   } else {
     ports_.channels->read(source, reading, ref);
   }
-  return !hasLetter(reading) ||
-         (!containsUpperCased(reading, "ERROR") && !containsUpperCased(reading, "UNAVAILABLE"));
+  if (reading.isNumber) return true;
+  const std::string& text = reading.text;
+  return !hasLetter(text) ||
+         (!containsUpperCased(text, "ERROR") && !containsUpperCased(text, "UNAVAILABLE"));
 }
 
 void CalcChannels::writeDirect(ChannelRef& ref, const std::string& name, std::string_view text) {
@@ -271,14 +273,14 @@ void CalcChannels::formula(CalcChannel& row, RowPlan& plan) {
 }
 
 void CalcChannels::loggerSwitch(CalcChannel& row, RowPlan& plan) {
-  std::string reading;
+  ChannelReading reading;
   // Guarded like every other row by PARAM2, although for this type it also
   // names folder B: during an analysis cycle the switch cannot be read.
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
     ports_.showMessage(std::string(kTextUnableToReadChannel) + row.source);
     return;
   }
-  const bool on = leadingNumber(reading) != 0;
+  const bool on = reading.value() != 0;
   const int position = on ? 1 : 0;
   const bool changed = state_.loggingSwitch != position;
   state_.loggingSwitch = position;
@@ -299,34 +301,34 @@ void CalcChannels::loggerSwitch(CalcChannel& row, RowPlan& plan) {
 }
 
 void CalcChannels::refer(CalcChannel& row, RowPlan& plan) {
-  std::string reading;
-  std::string oxygen;
+  ChannelReading reading;
+  ChannelReading oxygen;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading) ||
       !readSource(plan.oxygenRef, plan.oxygenName, plan.guarded, oxygen)) {
     publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
-  const double x = leadingNumber(reading);
-  const double o = leadingNumber(oxygen) + plan.param1;
+  const double x = reading.value();
+  const double o = oxygen.value() + plan.param1;
   const double result = o > 11.0 ? x * (20.9 - 11.0) / (20.9 - o) : x;
   publish(plan.resultRef, row.newName, formatNumber(result, "#.00"));
 }
 
 void CalcChannels::referStp(CalcChannel& row, RowPlan& plan) {
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
     publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
-  const double x = leadingNumber(reading);
+  const double x = reading.value();
   publish(plan.resultRef, row.newName, formatNumber(x * (plan.param1 + 273) / 273, "#.00"));
 }
 
 void CalcChannels::average(CalcChannel& row, RowPlan& plan) {
   row.flags = 0;
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
-  row.total += leadingNumber(reading);
+  row.total += reading.value();
   ++row.passes;
   row.counter = clampedCount(row.passes);
   const Micros now = state_.passTime;
@@ -418,9 +420,9 @@ void CalcChannels::check95(CalcChannel& row, RowPlan& plan) {
 }
 
 void CalcChannels::daily(CalcChannel& row, RowPlan& plan) {
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
-  row.total += leadingNumber(reading);
+  row.total += reading.value();
   ++row.passes;
   row.counter = clampedCount(row.passes);
   publish(plan.resultRef, row.newName,
@@ -428,17 +430,17 @@ void CalcChannels::daily(CalcChannel& row, RowPlan& plan) {
 }
 
 void CalcChannels::alarm(CalcChannel& row, RowPlan& plan, bool high) {
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) {
     publish(plan.resultRef, row.newName, kTextUnavailable);
     return;
   }
   ++row.passes;
-  if (contains(reading, kTextNotAvailable)) {
+  if (reading.contains(kTextNotAvailable)) {
     publish(plan.resultRef, row.newName, kTextNotAvailable);
     return;
   }
-  const double x = leadingNumber(reading);
+  const double x = reading.value();
   const double limit = plan.param1;
   if (high ? x > limit : x < limit) {
     row.total += 1;
@@ -449,9 +451,9 @@ void CalcChannels::alarm(CalcChannel& row, RowPlan& plan, bool high) {
 }
 
 void CalcChannels::scale(CalcChannel& row, RowPlan& plan) {
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, false, reading)) return;
-  const double result = leadingNumber(reading) * plan.param1 + plan.param2;
+  const double result = reading.value() * plan.param1 + plan.param2;
   publish(plan.resultRef, row.newName, formatNumber(result, "#0.00"));
 }
 
@@ -461,9 +463,9 @@ void CalcChannels::report(CalcChannel& row, RowPlan& plan) {
                        std::string(kTextUnrecognisedOperator) + plan.reportOperator);
     return;
   }
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
-  const double x = leadingNumber(reading);
+  const double x = reading.value();
   if (CompareByOperator(x, plan.reportOperator, plan.reportLimit)) {
     if (!row.flags) AppendAlarmReport(state_, row, x, state_.passTime, ports_);
     row.flags = -1;
@@ -488,18 +490,18 @@ void CalcChannels::cremAverage(CalcChannel& row, RowPlan& plan) {
     row.periodResult = 0;
     row.passes = 0;
   }
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   ++row.passes;
-  row.periodResult += (leadingNumber(reading) - row.periodResult) / row.passes;
+  row.periodResult += (reading.value() - row.periodResult) / row.passes;
   publish(plan.resultRef, row.newName, formatNumber(row.periodResult, "#.00"));
 }
 
 void CalcChannels::minimum(CalcChannel& row, RowPlan& plan) {
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
   const bool first = state_.firstPassPending || row.passes == 0;
-  if (contains(reading, kTextNotAvailable)) {
+  if (reading.contains(kTextNotAvailable)) {
     publish(plan.resultRef, row.newName, kTextNotAvailable);
     if (first) {
       row.total = kNoMinimum;
@@ -507,17 +509,17 @@ void CalcChannels::minimum(CalcChannel& row, RowPlan& plan) {
     }
     return;
   }
-  const double x = leadingNumber(reading);
+  const double x = reading.value();
   if (first || x < row.total) row.total = x;
   ++row.passes;
   publish(plan.resultRef, row.newName, formatNumber(x, "#.00"));
 }
 
 void CalcChannels::switchRow(CalcChannel& row, RowPlan& plan, bool high) {
-  std::string reading;
+  ChannelReading reading;
   if (!readSource(plan.sourceRef, row.source, plan.guarded, reading)) return;
-  if (contains(reading, kTextNotAvailable)) return;
-  const double x = leadingNumber(reading);
+  if (reading.contains(kTextNotAvailable)) return;
+  const double x = reading.value();
   const double limit = plan.param1;
   publish(plan.resultRef, row.newName, (high ? x > limit : x < limit) ? "0" : "1");
 }

@@ -113,7 +113,8 @@ class CalcChannels {
   void makePlan();
 
   bool analysing();
-  bool readSource(ChannelRef& ref, const std::string& source, bool guarded, std::string& reading);
+  bool readSource(ChannelRef& ref, const std::string& source, bool guarded,
+                  ChannelReading& reading);
   void publish(ChannelRef& ref, const std::string& name, std::string_view text);
   void writeDirect(ChannelRef& ref, const std::string& name, std::string_view text);
   void sendToLoggers(std::string_view command);

@@ -206,9 +206,9 @@ bool Analyser::EvaluateExpression(std::string_view expression) {
 
 bool Analyser::channelValue(std::string_view name, double& out) {
   if (ports_.userValue && ports_.userValue(name, out)) return true;
-  std::string reading;
+  ChannelReading reading;
   if (ports_.channels != nullptr && ports_.channels->read(name, reading)) {
-    out = leadingNumber(reading);
+    out = reading.value();
     return true;
   }
   fail(std::string(kTextNoReading) + std::string(name));

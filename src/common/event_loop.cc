@@ -23,7 +23,7 @@ bool EventLoop::takeTasks(std::deque<Task>& out) {
   return !out.empty();
 }
 
-void EventLoop::processPendingEvents() {
+void EventLoop::processEvents() {
   if (tasksWaiting_.load(std::memory_order_acquire)) {
     std::deque<Task> batch;
     if (takeTasks(batch)) {

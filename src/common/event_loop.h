@@ -34,8 +34,19 @@ class EventLoop {
   void post(Task task);
 
   // Runs the tasks posted so far and every timer that is due, each once.
-  // A timer never ticks inside its own tick.
-  void processPendingEvents();
+  // A timer never ticks inside its own tick. (The usual turn, with nothing
+  // to do, is decided here without a call.)
+  void processPendingEvents() {
+    if (!idleNow()) processEvents();
+  }
+
+  // Whether a turn of processing now would do nothing: no task posted and no
+  // timer due.
+  bool idleNow() const {
+    if (tasksWaiting_.load(std::memory_order_acquire)) return false;
+    if (!dueBoundExact_) refreshDueBound();
+    return dueBound_ == Clock::kNever || clock_.now() < dueBound_;
+  }
 
   // Processes events until `done()` is true: after each turn of processing
   // it calls `eachTurn` (if any), and then sleeps until the next timer is
@@ -82,6 +93,7 @@ class EventLoop {
     bool ticking = false;
   };
 
+  void processEvents();
   bool takeTasks(std::deque<Task>& out);
   void fireDueTimers();
   // A timer's due instant or its enabled or ticking state is about to change

@@ -54,6 +54,13 @@ Breakpoints::Breakpoints(Engine& engine)
   subscription_ = engine.subscribe([this](const RunEvent& event) {
     switch (event.kind) {
       case RunEventKind::kPrepared:
+        // Lines and labels name lines of the file they were set on: another
+        // file takes them away. Conditions stay.
+        if (event.text != preparedFile_) {
+          std::lock_guard guard(mutex_);
+          std::erase_if(breakpoints_,
+                        [](const Breakpoint& b) { return b.kind != Breakpoint::Kind::kCondition; });
+        }
         preparedFile_ = event.text;
         inPreparedFile_ = true;
         break;

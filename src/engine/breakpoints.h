@@ -4,9 +4,10 @@
 // the hold says which breakpoint held it (RunEventKind::kHold with reason
 // "break" and the breakpoint's id in `number`).
 //
-// Line and label breakpoints belong to the file prepared for running; a
-// label breakpoint holds before the first line after the label, whether the
-// run falls through the label or jumps to it. A condition is tested before
+// Line and label breakpoints belong to the file prepared for running (they
+// go when another file is prepared; conditions stay); a label breakpoint
+// holds before the first line after the label, whether the run falls
+// through the label or jumps to it. A condition is tested before
 // every line and hits when it turns true (it was false, or not yet tested,
 // before the line before). A hit count N lets the first N-1 hits pass; from
 // the Nth hit on, every hit holds.

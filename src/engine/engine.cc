@@ -70,8 +70,9 @@ Engine::Engine(EngineConfig& config)
 
 Engine::~Engine() = default;
 
-void Engine::recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd) {
-  recorder_ = std::make_unique<RunRecorder>(*this, limits, frontEnd);
+void Engine::recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd,
+                            const std::string& testSocket) {
+  recorder_ = std::make_unique<RunRecorder>(*this, limits, frontEnd, nullptr, testSocket);
 }
 
 std::string Engine::recordId() const { return recorder_ ? recorder_->currentId() : std::string(); }

@@ -134,8 +134,10 @@ class Engine {
   RunCheckpoints& keepCheckpoints();
   RunCheckpoints* checkpoints() { return checkpoints_.get(); }
   // Keeps a record of every run from now on (data root, runs/<run id>/),
-  // for a front end that starts many runs with one engine (the window).
-  void recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd);
+  // for a front end that starts many runs with one engine (the window, and
+  // each test socket of the window's station: `testSocket`).
+  void recordEveryRun(const RunRecordLimits& limits, const std::string& frontEnd,
+                      const std::string& testSocket = {});
   // The id of the record of the run in progress; empty without one. Engine
   // thread (a subscriber to the run's start, subscribed after the records
   // began, finds the new run's id here).

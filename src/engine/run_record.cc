@@ -236,11 +236,12 @@ PruneResult PruneRunRecords(FileSystem& files, int64_t nowNs, const RunRecordLim
 }
 
 RunRecorder::RunRecorder(Engine& engine, RunRecordLimits limits, std::string frontEnd,
-                         std::function<void(const std::string&)> onProblem)
+                         std::function<void(const std::string&)> onProblem, std::string testSocket)
     : engine_(engine),
       limits_(limits),
       frontEnd_(std::move(frontEnd)),
-      onProblem_(std::move(onProblem)) {
+      onProblem_(std::move(onProblem)),
+      testSocket_(std::move(testSocket)) {
   subscription_ = engine.subscribe([this](const RunEvent& e) { event(e); });
 }
 
@@ -254,9 +255,10 @@ void RunRecorder::event(const RunEvent& event) {
     record_.reset();
     engine_.trace().setOrigin(event.time);
     std::string error;
-    record_ = RunRecord::Begin(engine_.files(), engine_.trace(),
-                               {engine_.sequencer().sequenceFileName(), {}, frontEnd_, event.time},
-                               limits_, &error);
+    record_ = RunRecord::Begin(
+        engine_.files(), engine_.trace(),
+        {engine_.sequencer().sequenceFileName(), testSocket_, frontEnd_, event.time}, limits_,
+        &error);
     if (!record_ && onProblem_) onProblem_("this run keeps no record: " + error);
   } else if (event.kind == RunEventKind::kEnd && record_) {
     engine_.trace().event("end").field("reason", event.text);

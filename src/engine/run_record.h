@@ -104,11 +104,11 @@ class Engine;
 // Keeps a record of each run of an engine that runs many times (the
 // window's): a record begins as a run starts and ends with it. A record that
 // cannot be made leaves that run without one (the run goes on); `onProblem`
-// is told why.
+// is told why. `testSocket` names a station's test socket the runs are of.
 class RunRecorder {
  public:
   RunRecorder(Engine& engine, RunRecordLimits limits, std::string frontEnd,
-              std::function<void(const std::string&)> onProblem = {});
+              std::function<void(const std::string&)> onProblem = {}, std::string testSocket = {});
   ~RunRecorder();
   RunRecorder(const RunRecorder&) = delete;
   RunRecorder& operator=(const RunRecorder&) = delete;
@@ -123,6 +123,7 @@ class RunRecorder {
   RunRecordLimits limits_;
   std::string frontEnd_;
   std::function<void(const std::string&)> onProblem_;
+  std::string testSocket_;
   std::unique_ptr<RunRecord> record_;
   RunEventBus::Subscription subscription_;
 };

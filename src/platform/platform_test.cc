@@ -1,13 +1,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "platform/files.h"
+#include "platform/local_endpoint.h"
 #include "platform/sockets.h"
 #include "platform/wildcard.h"
 
@@ -131,6 +137,159 @@ TEST(Files, ReplaceAppendIdentityAndLocks) {
   PathInfo folder;
   ASSERT_EQ(pathInfo(dir.path, folder), 0);
   EXPECT_EQ(folder.kind, PathKind::kFolder);
+}
+
+// Serves what `server` has until `done` says so (at most `rounds` waits),
+// echoing each line back upper-cased; what it read and saw is kept.
+struct EchoServer {
+  explicit EchoServer(LocalServer& s) : server(s) {}
+  LocalServer& server;
+  std::map<int, std::string> in, out;
+  std::vector<int> ended;
+  void serve(const std::function<bool()>& done, int rounds = 200) {
+    for (int round = 0; round < rounds && !done(); ++round) {
+      std::vector<LocalServer::Interest> interests;
+      for (const auto& [id, text] : out) interests.push_back({id, true, !text.empty()});
+      std::vector<int> accepted;
+      std::vector<LocalServer::Ready> ready;
+      ASSERT_TRUE(server.wait(true, interests, 5000, accepted, ready));
+      for (const int id : accepted) out[id];
+      for (const LocalServer::Ready& r : ready) {
+        if (r.readable) {
+          char buf[256];
+          long n;
+          while ((n = server.read(r.id, buf, sizeof buf)) > 0) {
+            for (long i = 0; i < n; ++i) {
+              in[r.id] += buf[i];
+              out[r.id] += static_cast<char>(std::toupper(static_cast<unsigned char>(buf[i])));
+            }
+          }
+          if (n == 0 || n == LocalServer::kBroken) {
+            ended.push_back(r.id);
+            out.erase(r.id);
+            server.close(r.id);
+            continue;
+          }
+        }
+        if (r.writable && !out[r.id].empty()) {
+          const long n = server.write(r.id, out[r.id].data(), out[r.id].size());
+          ASSERT_NE(n, 0);
+          if (n > 0) out[r.id].erase(0, static_cast<size_t>(n));
+        }
+      }
+    }
+  }
+};
+
+std::string Receive(LocalConnection& c, size_t size) {
+  std::string text;
+  char buf[256];
+  while (text.size() < size) {
+    const long n = c.receive(buf, sizeof buf, 5000);
+    if (n <= 0) break;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  return text;
+}
+
+TEST(LocalEndpoint, OwnerOnlySeveralClientsAFullPipeAndAStaleEndpoint) {
+  Scratch dir;
+  const std::string path = dir.path + "/control.sock";
+  std::string error;
+  auto server = LocalServer::Listen(path, &error);
+  ASSERT_TRUE(server) << error;
+  std::string why;
+  EXPECT_TRUE(server->onlyOwnerMayConnect(&why)) << why;
+  // Being listened on twice is refused: the file is there.
+  EXPECT_FALSE(LocalServer::Listen(path, &error));
+
+  // wake() from before the wait still ends it.
+  server->wake();
+  std::vector<int> accepted;
+  std::vector<LocalServer::Ready> ready;
+  ASSERT_TRUE(server->wait(true, {}, -1, accepted, ready));
+  EXPECT_TRUE(accepted.empty());
+
+  // Two clients at once, each answered on its own connection.
+  std::unique_ptr<LocalConnection> a, b;
+  ASSERT_EQ(LocalConnection::Connect(path, a, &error), LocalConnection::Outcome::kConnected)
+      << error;
+  // A pipe takes its next client once the server has seen the last one.
+  EchoServer echo(*server);
+  echo.serve([&] { return echo.out.size() == 1; });
+  ASSERT_EQ(LocalConnection::Connect(path, b, &error), LocalConnection::Outcome::kConnected)
+      << error;
+  ASSERT_TRUE(a->send("first\n", 6));
+  ASSERT_TRUE(b->send("second\n", 7));
+  echo.serve([&] {
+    return echo.in.size() == 2 && echo.out.size() == 2 && echo.out.begin()->second.empty() &&
+           echo.out.rbegin()->second.empty();
+  });
+  EXPECT_EQ(Receive(*a, 6), "FIRST\n");
+  EXPECT_EQ(Receive(*b, 7), "SECOND\n");
+  // A client that goes is seen to go; the other one stays served.
+  a.reset();
+  echo.serve([&] { return !echo.ended.empty(); });
+  ASSERT_EQ(echo.ended.size(), 1u);
+  ASSERT_EQ(echo.out.size(), 1u);
+  const int bId = echo.out.begin()->first;
+  ASSERT_TRUE(b->send("again\n", 6));
+  echo.serve([&] { return echo.in[bId] == "second\nagain\n" && echo.out[bId].empty(); });
+  EXPECT_EQ(Receive(*b, 6), "AGAIN\n");
+
+  // A client that never reads: the server's writes stop being taken, they
+  // never block, and the connection can be closed all the same.
+  std::unique_ptr<LocalConnection> sleeper;
+  ASSERT_EQ(LocalConnection::Connect(path, sleeper, &error), LocalConnection::Outcome::kConnected);
+  int id = 0;
+  for (int round = 0; id == 0 && round < 100; ++round) {
+    accepted.clear();
+    ASSERT_TRUE(server->wait(true, {}, 5000, accepted, ready));
+    if (!accepted.empty()) id = accepted.front();
+  }
+  ASSERT_NE(id, 0);
+  const std::string block(64 * 1024, 'x');
+  size_t taken = 0;
+  bool full = false;
+  for (int round = 0; !full && round < 1000; ++round) {
+    const long n = server->write(id, block.data(), block.size());
+    ASSERT_NE(n, LocalServer::kBroken);
+    if (n > 0) taken += static_cast<size_t>(n);
+    if (n == LocalServer::kWouldBlock) {
+      // Room may come as the system moves data along; a full pipe stays full.
+      ready.clear();
+      accepted.clear();
+      ASSERT_TRUE(server->wait(false, {{id, false, true}}, 50, accepted, ready));
+      full = ready.empty();
+    }
+  }
+  EXPECT_TRUE(full) << taken << " bytes were taken";
+  EXPECT_LT(taken, 64u * 1024 * 1024);
+  server->close(id);
+  // What was taken is there to read.
+  char first[16];
+  EXPECT_GT(sleeper->receive(first, sizeof first, 5000), 0);
+
+  // A server that went leaves its file, which a client finds stale; so is
+  // a path where nothing ever listened.
+  server.reset();
+  sleeper.reset();
+  std::unique_ptr<LocalConnection> late;
+  EXPECT_EQ(LocalConnection::Connect(path, late), LocalConnection::Outcome::kGone);
+  EXPECT_EQ(LocalConnection::Connect(dir.path + "/none.sock", late),
+            LocalConnection::Outcome::kGone);
+  // What the client got from the server that went: the end.
+  EXPECT_EQ(b->receive(first, sizeof first, 5000), 0);
+#ifndef _WIN32
+  // The check sees a socket others may open.
+  std::filesystem::remove(path);
+  server = LocalServer::Listen(path, &error);
+  ASSERT_TRUE(server) << error;
+  std::filesystem::permissions(path, std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  EXPECT_FALSE(server->onlyOwnerMayConnect(&why));
+  EXPECT_NE(why.find("mode 602"), std::string::npos) << why;
+#endif
 }
 
 }  // namespace

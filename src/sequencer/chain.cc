@@ -15,6 +15,7 @@
 
 #include "common/text_conventions.h"
 #include "platform/files.h"
+#include "sequencer/command_family.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -28,7 +29,8 @@ struct ReturnPosition {
   int16_t line = 0;
 };
 
-struct ChainState {
+// Where each RETURN goes back to.
+struct ChainFamily final : CommandFamily {
   std::vector<ReturnPosition> stack;
 };
 
@@ -54,7 +56,7 @@ Parsed<ChainCommand> ParseChain(const CommandLine& cmd) {
   return chain;
 }
 
-void Chain(ChainState& state, Sequencer& seq, const ChainCommand& cmd) {
+void Chain(ChainFamily& state, Sequencer& seq, const ChainCommand& cmd) {
   const std::string_view written = cmd.file;
   if (state.stack.size() >= kMaxChainDepth) {
     seq.reportSequenceError("Chain - more than " + std::to_string(kMaxChainDepth) +
@@ -72,7 +74,7 @@ void Chain(ChainState& state, Sequencer& seq, const ChainCommand& cmd) {
   if (!trim(cmd.label).empty()) seq.searchLabel(cmd.label);
 }
 
-void Return(ChainState& state, Sequencer& seq, const CommandLine&) {
+void Return(ChainFamily& state, Sequencer& seq, const CommandLine&) {
   if (state.stack.empty()) {
     seq.reportSequenceError("Return - there is no Chain command to return to");
     return;
@@ -92,15 +94,18 @@ constexpr std::string_view kFamily = "src/sequencer/chain.cc";
 const Keyword<ChainCommand> kChain{"CHAIN", kFamily, ParseChain};
 const Keyword<CommandLine> kReturn{"RETURN", kFamily, AsWritten};
 
+const FamilyTable<ChainFamily>& ChainTable() {
+  static const FamilyTable<ChainFamily> table{Handles(kChain, Chain), Handles(kReturn, Return)};
+  return table;
+}
+
 }  // namespace
 
-std::vector<KeywordEntry> ChainKeywords() { return {Entry(kChain), Entry(kReturn)}; }
+std::vector<KeywordEntry> ChainKeywords() { return EntriesOf(ChainTable()); }
 
 void RegisterChainCommands(Sequencer& seq) {
-  auto state = std::make_shared<ChainState>();
-  auto& d = seq.dispatcher();
-  d.bind(kChain, [state](Sequencer& s, const ChainCommand& c) { Chain(*state, s, c); });
-  d.bind(kReturn, [state](Sequencer& s, const CommandLine& c) { Return(*state, s, c); });
+  ChainFamily* state = &seq.addFamily(std::make_unique<ChainFamily>());
+  BindAll(seq.dispatcher(), *state, ChainTable());
   seq.addPrepareHook([state] { state->stack.clear(); });
   seq.addStopHook([state] { state->stack.clear(); });
   // Where each RETURN goes back to, for a run that goes on in a chained file.

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/text_conventions.h"
+#include "sequencer/command_family.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 
@@ -27,7 +28,8 @@ namespace tavrix {
 
 namespace {
 
-struct ClockWaitState {
+// The source of WAITRANDOM's lengths.
+struct ClockWaitFamily final : CommandFamily {
   UniformSource uniform;
 };
 
@@ -103,7 +105,7 @@ Parsed<RandomWaitCommand> ParseWaitRandom(const CommandLine& cmd) {
   return RandomWaitCommand{low, high};
 }
 
-void WaitRandom(ClockWaitState& state, RunContext& seq, const RandomWaitCommand& cmd) {
+void WaitRandom(ClockWaitFamily& state, RunContext& seq, const RandomWaitCommand& cmd) {
   const double low = cmd.low;
   const double high = cmd.high;
   const double seconds = low == high ? low : std::min(high, low + (high - low) * state.uniform());
@@ -125,7 +127,7 @@ Parsed<TimeOfDayCommand> ParseWaitTimeOfDay(const CommandLine& cmd) {
   return TimeOfDayCommand{*seconds};
 }
 
-void WaitTimeOfDay(ClockWaitState&, RunContext& seq, const TimeOfDayCommand& cmd) {
+void WaitTimeOfDay(ClockWaitFamily&, RunContext& seq, const TimeOfDayCommand& cmd) {
   const Micros now = seq.clock().now();
   const Micros midnight = now - static_cast<Micros>(secondsSinceMidnight(now) * kMicrosPerSecond);
   Micros due = midnight + cmd.seconds * kMicrosPerSecond;
@@ -156,7 +158,7 @@ Parsed<DateTimeCommand> ParseWaitDateTime(const CommandLine& cmd) {
   return DateTimeCommand{*day + *seconds * kMicrosPerSecond};
 }
 
-void WaitDateTime(ClockWaitState&, RunContext& seq, const DateTimeCommand& cmd) {
+void WaitDateTime(ClockWaitFamily&, RunContext& seq, const DateTimeCommand& cmd) {
   WaitForInstant(seq, cmd.due, "waitdatetime");
 }
 
@@ -165,19 +167,16 @@ const Keyword<RandomWaitCommand> kWaitRandom{"WAITRANDOM", kFamily, ParseWaitRan
 const Keyword<TimeOfDayCommand> kWaitTimeOfDay{"WAITTIMEOFDAY", kFamily, ParseWaitTimeOfDay};
 const Keyword<DateTimeCommand> kWaitDateTime{"WAITDATETIME", kFamily, ParseWaitDateTime};
 
-template <class Command>
-std::function<void(Sequencer&, const Command&)> WithState(std::shared_ptr<ClockWaitState> state,
-                                                          void (*handler)(ClockWaitState&,
-                                                                          RunContext&,
-                                                                          const Command&)) {
-  return [state, handler](Sequencer& s, const Command& c) { handler(*state, s, c); };
+const FamilyTable<ClockWaitFamily>& ClockWaitTable() {
+  static const FamilyTable<ClockWaitFamily> table{Handles(kWaitRandom, WaitRandom),
+                                                  Handles(kWaitTimeOfDay, WaitTimeOfDay),
+                                                  Handles(kWaitDateTime, WaitDateTime)};
+  return table;
 }
 
 }  // namespace
 
-std::vector<KeywordEntry> ClockWaitKeywords() {
-  return {Entry(kWaitRandom), Entry(kWaitTimeOfDay), Entry(kWaitDateTime)};
-}
+std::vector<KeywordEntry> ClockWaitKeywords() { return EntriesOf(ClockWaitTable()); }
 
 UniformSource SystemUniformSource() {
   auto engine = std::make_shared<std::mt19937_64>(std::random_device{}());
@@ -185,12 +184,9 @@ UniformSource SystemUniformSource() {
 }
 
 void RegisterClockWaitCommands(Sequencer& seq, UniformSource uniform) {
-  auto state = std::make_shared<ClockWaitState>();
+  ClockWaitFamily* state = &seq.addFamily(std::make_unique<ClockWaitFamily>());
   state->uniform = uniform ? std::move(uniform) : SystemUniformSource();
-  auto& d = seq.dispatcher();
-  d.bind(kWaitRandom, WithState(state, WaitRandom));
-  d.bind(kWaitTimeOfDay, WithState(state, WaitTimeOfDay));
-  d.bind(kWaitDateTime, WithState(state, WaitDateTime));
+  BindAll(seq.dispatcher(), *state, ClockWaitTable());
 }
 
 }  // namespace tavrix

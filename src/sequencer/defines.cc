@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/text_conventions.h"
+#include "sequencer/command_family.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -30,7 +31,8 @@ namespace {
 // Defines that run defines: beyond this depth the chain is taken to loop.
 constexpr int kMaxDefineDepth = 8;
 
-struct DefineState {
+// The defines of the file and the armed time-out.
+struct DefineFamily final : CommandFamily {
   bool armed = false;
   std::string target;
   int depth = 0;
@@ -45,7 +47,7 @@ const DefineEntry* FindDefine(Sequencer& seq, std::string_view name) {
   return nullptr;
 }
 
-void RunDefine(DefineState& state, Sequencer& seq, std::string_view name) {
+void RunDefine(DefineFamily& state, Sequencer& seq, std::string_view name) {
   const DefineEntry* entry = FindDefine(seq, name);
   if (!entry) {
     seq.reportSequenceError("Define " + std::string(trim(name)) + ": does not exist");
@@ -82,7 +84,7 @@ Parsed<DefineCommand> ParseExecuteDefine(const CommandLine& cmd) {
   return define;
 }
 
-void ExecuteDefine(DefineState& state, Sequencer& seq, const DefineCommand& cmd) {
+void ExecuteDefine(DefineFamily& state, Sequencer& seq, const DefineCommand& cmd) {
   const std::string& name = cmd.name;
   const std::string& text = cmd.text;
   if (name.empty()) {
@@ -121,7 +123,7 @@ Parsed<TimeoutCommand> ParseOnTimeout(const CommandLine& cmd) {
   return timeout;
 }
 
-void OnTimeout(DefineState& state, Sequencer& seq, const TimeoutCommand& cmd) {
+void OnTimeout(DefineFamily& state, Sequencer& seq, const TimeoutCommand& cmd) {
   const double value = cmd.seconds;
   if (!(value > 0)) {
     state.armed = false;
@@ -140,7 +142,7 @@ void OnTimeout(DefineState& state, Sequencer& seq, const TimeoutCommand& cmd) {
 // The time-out has fired: it is spent (disarmed, its expired flag cleared,
 // the seconds timer off) and its target becomes the jump target, a define
 // when one of that name exists now. False when none was armed.
-bool SpendTimeout(DefineState& state, Sequencer& seq) {
+bool SpendTimeout(DefineFamily& state, Sequencer& seq) {
   if (!state.armed) return false;
   state.armed = false;
   seq.cancelTimeout();
@@ -154,7 +156,7 @@ bool SpendTimeout(DefineState& state, Sequencer& seq) {
   return true;
 }
 
-void ExamineDefines(DefineState& state, Sequencer& seq) {
+void ExamineDefines(DefineFamily& state, Sequencer& seq) {
   if (!seq.timeoutExpired() || seq.timeoutPending()) return;
   if (SpendTimeout(state, seq)) {
     seq.makeTimeoutPending();
@@ -167,16 +169,19 @@ constexpr std::string_view kFamily = "src/sequencer/defines.cc";
 const Keyword<DefineCommand> kExecuteDefine{"EXECUTEDEFINE", kFamily, ParseExecuteDefine};
 const Keyword<TimeoutCommand> kOnTimeout{"ONTIMEOUT", kFamily, ParseOnTimeout};
 
+const FamilyTable<DefineFamily>& DefineTable() {
+  static const FamilyTable<DefineFamily> table{Handles(kExecuteDefine, ExecuteDefine),
+                                               Handles(kOnTimeout, OnTimeout)};
+  return table;
+}
+
 }  // namespace
 
-std::vector<KeywordEntry> DefineKeywords() { return {Entry(kExecuteDefine), Entry(kOnTimeout)}; }
+std::vector<KeywordEntry> DefineKeywords() { return EntriesOf(DefineTable()); }
 
 void RegisterDefineCommands(Sequencer& seq) {
-  auto state = std::make_shared<DefineState>();
-  auto& d = seq.dispatcher();
-  d.bind(kExecuteDefine,
-         [state](Sequencer& s, const DefineCommand& c) { ExecuteDefine(*state, s, c); });
-  d.bind(kOnTimeout, [state](Sequencer& s, const TimeoutCommand& c) { OnTimeout(*state, s, c); });
+  DefineFamily* state = &seq.addFamily(std::make_unique<DefineFamily>());
+  BindAll(seq.dispatcher(), *state, DefineTable());
   seq.setDefineActions(
       [state](Sequencer& s) { ExamineDefines(*state, s); },
       [state](Sequencer& s, const std::string& name) { RunDefine(*state, s, name); },

@@ -21,6 +21,7 @@
 #include "common/text_conventions.h"
 #include "common/text_file.h"
 #include "platform/wildcard.h"
+#include "sequencer/command_family.h"
 #include "sequencer/sequencer.h"
 #include "sequencer/timed_wait.h"
 
@@ -33,7 +34,8 @@ constexpr std::string_view kRecorderCaptured = "CAPTURED";
 // WAIT580 looks at the recorder's status file this often.
 constexpr Micros kRecorderPollInterval = kMicrosPerSecond;
 
-struct FileState {
+// What LOGONCE has logged in this run.
+struct FileFamily final : CommandFamily {
   std::set<std::pair<std::string, std::string>> logged;  // LOGONCE (file, text) this run
 };
 
@@ -41,7 +43,7 @@ std::string Local(RunContext& seq, std::string_view written) {
   return seq.paths().toLocal(trim(written));
 }
 
-void CopyFile(FileState&, RunContext& seq, const CommandLine& cmd) {
+void CopyFile(FileFamily&, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty() || trim(cmd.arg2).empty()) {
     seq.reportSequenceError("CopyFile - a source and a destination file are needed");
     return;
@@ -64,7 +66,7 @@ void CopyFile(FileState&, RunContext& seq, const CommandLine& cmd) {
   }
 }
 
-void FileDelete(FileState&, RunContext& seq, const CommandLine& cmd) {
+void FileDelete(FileFamily&, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty()) {
     seq.reportSequenceError("FileDelete - no file given");
     return;
@@ -102,7 +104,7 @@ void FileDelete(FileState&, RunContext& seq, const CommandLine& cmd) {
   }
 }
 
-void LogOnce(FileState& state, RunContext& seq, const CommandLine& cmd) {
+void LogOnce(FileFamily& state, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty()) {
     seq.reportSequenceError("LogOnce - no log file given");
     return;
@@ -121,7 +123,7 @@ void LogOnce(FileState& state, RunContext& seq, const CommandLine& cmd) {
   }
 }
 
-void Wait580(FileState&, RunContext& seq, const CommandLine& cmd) {
+void Wait580(FileFamily&, RunContext& seq, const CommandLine& cmd) {
   if (trim(cmd.arg1).empty()) {
     seq.reportSequenceError("Wait580 - no recorder folder given");
     return;
@@ -142,22 +144,20 @@ const Keyword<CommandLine> kFileDelete{"FILEDELETE", kFamily, AsWritten};
 const Keyword<CommandLine> kLogOnce{"LOGONCE", kFamily, AsWritten};
 const Keyword<CommandLine> kWait580{"WAIT580", kFamily, AsWritten};
 
-}  // namespace
-
-std::vector<KeywordEntry> FileCommandKeywords() {
-  return {Entry(kCopyFile), Entry(kFileDelete), Entry(kLogOnce), Entry(kWait580)};
+const FamilyTable<FileFamily>& FileTable() {
+  static const FamilyTable<FileFamily> table{
+      Handles(kCopyFile, CopyFile), Handles(kFileDelete, FileDelete), Handles(kLogOnce, LogOnce),
+      Handles(kWait580, Wait580)};
+  return table;
 }
 
+}  // namespace
+
+std::vector<KeywordEntry> FileCommandKeywords() { return EntriesOf(FileTable()); }
+
 void RegisterFileCommands(Sequencer& seq) {
-  auto state = std::make_shared<FileState>();
-  auto bind = [state](void (*handler)(FileState&, RunContext&, const CommandLine&)) {
-    return [state, handler](Sequencer& s, const CommandLine& c) { handler(*state, s, c); };
-  };
-  auto& d = seq.dispatcher();
-  d.bind(kCopyFile, bind(CopyFile));
-  d.bind(kFileDelete, bind(FileDelete));
-  d.bind(kLogOnce, bind(LogOnce));
-  d.bind(kWait580, bind(Wait580));
+  FileFamily* state = &seq.addFamily(std::make_unique<FileFamily>());
+  BindAll(seq.dispatcher(), *state, FileTable());
   seq.addPrepareHook([state] { state->logged.clear(); });
   seq.addStopHook([state] { state->logged.clear(); });
   // What LOGONCE has logged this run is logged no second time after a resume.

@@ -21,6 +21,7 @@
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "common/trace.h"
+#include "sequencer/command_family.h"
 #include "sequencer/dispatcher.h"
 #include "sequencer/operator.h"
 #include "sequencer/run_context.h"
@@ -234,6 +235,15 @@ class Sequencer : public RunContext {
   // The loop count of LOOPCHECK and friends (one for the whole run).
   int32_t loopCount() const { return loopCount_; }
   void setLoopCount(int32_t count) { loopCount_ = count; }
+
+  // Keeps a family of keywords (command_family.h) as long as the sequencer;
+  // the family has bound its keywords and hooks to itself.
+  template <class Family>
+  Family& addFamily(std::unique_ptr<Family> family) {
+    Family& kept = *family;
+    families_.push_back(std::move(family));
+    return kept;
+  }
 
   // Called whenever a sequence file is prepared, so subsystems reset their
   // per-file state.
@@ -457,6 +467,8 @@ class Sequencer : public RunContext {
   bool resumeInsideLine_ = false;
   // The number of the line in progress (a block command reads on past it).
   int16_t lineStart_ = 0;
+  // Last, so that they go first: the handlers and hooks above refer to them.
+  std::vector<std::unique_ptr<CommandFamily>> families_;
 };
 
 }  // namespace tavrix

@@ -27,8 +27,9 @@ constexpr Micros kDelayTimerInterval = kMicrosPerSecond;
 // and the clock's arithmetic stays in range.
 constexpr double kLongestWaitSeconds = 100.0 * 366 * 86400;
 
-struct WaitState {
-  explicit WaitState(EventLoop& loop)
+// The family keeps the delay timer and the time count.
+struct WaitFamily final : CommandFamily {
+  explicit WaitFamily(EventLoop& loop)
       : delayTimer(loop, kDelayTimerInterval, [this] { delayTick(); }) {}
 
   // The delay timer's tick: the wait ends once its length has passed; a
@@ -79,7 +80,7 @@ Parsed<WaitSecondsCommand> ParseWaitSeconds(const CommandLine& cmd) {
   return WaitSecondsCommand{seconds};
 }
 
-void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd) {
+void WaitSeconds(WaitFamily& state, Sequencer& seq, const WaitSecondsCommand& cmd) {
   const Micros start = seq.clock().now();
   state.waitStart = secondsSinceMidnight(start);
   state.waitLength = cmd.seconds;
@@ -114,7 +115,7 @@ void WaitSeconds(WaitState& state, Sequencer& seq, const WaitSecondsCommand& cmd
   if (secondsTimerWasOn) seq.setSecondsTimerEnabled(true);
 }
 
-void StartTimeCount(WaitState& state, Sequencer& seq, const CommandLine&) {
+void StartTimeCount(WaitFamily& state, Sequencer& seq, const CommandLine&) {
   state.timeCountStart = seq.clock().now();
 }
 
@@ -149,7 +150,7 @@ Parsed<AfterTimeCountCommand> ParseAfterTimeCount(const CommandLine& cmd) {
   return count;
 }
 
-void AfterTimeCount(WaitState& state, Sequencer& seq, const AfterTimeCountCommand& cmd) {
+void AfterTimeCount(WaitFamily& state, Sequencer& seq, const AfterTimeCountCommand& cmd) {
   if (state.timeCountStart == 0) {
     seq.reportSequenceError("AfterTimeCount - a StartTimeCount command has not been executed");
     return;
@@ -171,26 +172,20 @@ const Keyword<CommandLine> kStartTimeCount{"STARTTIMECOUNT", kFamily, AsWritten}
 const Keyword<AfterTimeCountCommand> kAfterTimeCount{"AFTERTIMECOUNT", kFamily,
                                                      ParseAfterTimeCount};
 
-// The handler of a keyword, given the family's state.
-template <class Command>
-std::function<void(Sequencer&, const Command&)> WithState(std::shared_ptr<WaitState> state,
-                                                          void (*handler)(WaitState&, Sequencer&,
-                                                                          const Command&)) {
-  return [state, handler](Sequencer& s, const Command& c) { handler(*state, s, c); };
+const FamilyTable<WaitFamily>& WaitTable() {
+  static const FamilyTable<WaitFamily> table{Handles(kWaitSeconds, WaitSeconds),
+                                             Handles(kStartTimeCount, StartTimeCount),
+                                             Handles(kAfterTimeCount, AfterTimeCount)};
+  return table;
 }
 
 }  // namespace
 
-std::vector<KeywordEntry> WaitKeywords() {
-  return {Entry(kWaitSeconds), Entry(kStartTimeCount), Entry(kAfterTimeCount)};
-}
+std::vector<KeywordEntry> WaitKeywords() { return EntriesOf(WaitTable()); }
 
 void RegisterWaitCommands(Sequencer& seq) {
-  auto state = std::make_shared<WaitState>(seq.events());
-  auto& d = seq.dispatcher();
-  d.bind(kWaitSeconds, WithState(state, WaitSeconds));
-  d.bind(kStartTimeCount, WithState(state, StartTimeCount));
-  d.bind(kAfterTimeCount, WithState(state, AfterTimeCount));
+  WaitFamily* state = &seq.addFamily(std::make_unique<WaitFamily>(seq.events()));
+  BindAll(seq.dispatcher(), *state, WaitTable());
   seq.addPrepareHook([state] { state->timeCountStart = 0; });
   seq.addStopHook([state] { state->delayTimer.setEnabled(false); });
   // The time count goes on across a resume: the time the program was down

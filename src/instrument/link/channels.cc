@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 
 #include "common/text_conventions.h"
 
@@ -43,6 +44,7 @@ const ChannelRecord* Channels::lookup(std::string_view name, ChannelRef* ref) co
     ref->record = lookup(name);
     ref->generation = generation_;
     ref->written = nullptr;
+    ref->direct = DirectHint{};
   }
   return static_cast<const ChannelRecord*>(ref->record);
 }
@@ -111,45 +113,99 @@ bool Channels::FindEnabledChannel(std::string_view name, int16_t& device) const 
   return record->enabled;
 }
 
-bool Channels::ReadChannel(std::string_view name, std::string& value, ChannelRef* ref) {
-  if (link_.noHardware()) {
-    value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
-    return true;
+double ChannelReading::value() const { return isNumber ? number : leadingNumber(text); }
+
+const std::string& Channels::lastReading() const {
+  if (lastReadingDirect_) {
+    DirectExchanges* direct = link_.library().direct();
+    if (direct != nullptr) lastReading_ = direct->lastReadText();
+    lastReadingDirect_ = false;
   }
-  std::string rigName;
+  return lastReading_;
+}
+
+bool Channels::target(std::string_view& name, std::string& storage, ChannelRef* ref,
+                      int16_t& device) {
   const std::string_view asked = name;
-  if (!toRig(name, rigName)) return false;
-  int16_t device = 0;
+  if (!toRig(name, storage)) return false;
   if (!findEnabled(name, ref, device)) {
     recordNameError(asked);
     return false;
   }
-  std::string command = "REA ";
-  command += name;
+  return true;
+}
+
+bool Channels::readExchange(int16_t device, std::string_view name, std::string& value) {
+  // Commands are put together in a buffer on the stack: a channel's name is
+  // short, and the usual command needs no allocation.
+  char bytes[64];
+  std::string longCommand;
+  std::string_view command;
+  if (name.size() + 4 <= sizeof bytes) {
+    std::memcpy(bytes, "REA ", 4);
+    std::memcpy(bytes + 4, name.data(), name.size());
+    command = std::string_view(bytes, name.size() + 4);
+  } else {
+    longCommand = "REA ";
+    longCommand += name;
+    command = longCommand;
+  }
   if (!link_.IMLSendCommand(device, command, true)) return false;
   link_.events().processPendingEvents();
   link_.events().processPendingEvents();
   std::string reply;
   if (!link_.IMLGetReply(device, reply)) return false;
   const size_t nul = reply.find('\0');
-  value = nul != std::string::npos && nul >= 1 ? reply.substr(0, nul) : reply;
+  if (nul != std::string::npos && nul >= 1) {
+    value.assign(reply, 0, nul);
+  } else {
+    value = std::move(reply);
+  }
   lastReading_ = value;
+  lastReadingDirect_ = false;
   return true;
+}
+
+bool Channels::ReadChannel(std::string_view name, std::string& value, ChannelRef* ref) {
+  if (link_.noHardware()) {
+    value.assign(1, '0');  // (assigning the literal trips a false -Wrestrict in GCC 12)
+    return true;
+  }
+  std::string rigName;
+  int16_t device = 0;
+  if (!target(name, rigName, ref, device)) return false;
+  return readExchange(device, name, value);
+}
+
+bool Channels::ReadChannel(std::string_view name, ChannelReading& reading, ChannelRef* ref) {
+  reading.isNumber = false;
+  if (link_.noHardware()) {
+    reading.text.assign(1, '0');
+    return true;
+  }
+  std::string rigName;
+  int16_t device = 0;
+  if (!target(name, rigName, ref, device)) return false;
+  DirectHint scratch;
+  if (link_.directRead(device, name, ref != nullptr ? ref->direct : scratch, reading.number)) {
+    reading.isNumber = true;
+    lastReadingDirect_ = true;
+    return true;
+  }
+  return readExchange(device, name, reading.text);
 }
 
 bool Channels::WriteChannel(std::string_view name, std::string_view value, ChannelRef* ref) {
   std::string rigName;
-  const std::string_view asked = name;
-  if (!toRig(name, rigName)) return false;
   int16_t device = 0;
-  if (!findEnabled(name, ref, device)) {
-    recordNameError(asked);
-    return false;
+  if (!target(name, rigName, ref, device)) return false;
+  DirectHint scratch;
+  if (!link_.directWrite(device, name, value, ref != nullptr ? ref->direct : scratch)) {
+    std::string command = "WRI ";
+    command.append(name).append(" ").append(value);
+    link_.IMLSendCommand(device, command, false);
+    if (!link_.IMLCheckReply(device)) return false;
   }
-  std::string command = "WRI ";
-  command.append(name).append(" ").append(value);
-  link_.IMLSendCommand(device, command, false);
-  if (!link_.IMLCheckReply(device)) return false;
   // The values written are never forgotten, so a place found once stays
   // for as long as the table the reference was looked up in.
   std::string* kept = ref != nullptr ? ref->written : nullptr;

@@ -49,6 +49,23 @@ struct ChannelRef {
   uint64_t generation = 0;         // the table it was looked up in; 0: not yet
   const void* record = nullptr;    // the record found (nullptr: none)
   std::string* written = nullptr;  // where the last value written to it is kept
+  DirectHint direct;               // the link library's own lookup of it
+};
+
+// A channel's reading: the reply's text, or, when the link gave it without
+// a text (an in-process rig), the number that text reads as. Such a text is
+// a plain number: no letter, no word, no "N.A.".
+struct ChannelReading {
+  std::string text;  // when !isNumber
+  double number = 0;
+  bool isNumber = false;
+
+  // The reading's value as leadingNumber reads its text.
+  double value() const;
+  // Whether the reply's text contains `part`.
+  bool contains(std::string_view part) const {
+    return !isNumber && text.find(part) != std::string::npos;
+  }
 };
 
 // How one test socket's channel names reach the rig: a name in the table is
@@ -85,7 +102,7 @@ class Channels {
   bool devicePresent(int device) const { return device >= 0 && device < 100 && present_[device]; }
   int16_t highestDevice() const { return highestDevice_; }
   // The text of the last successful read.
-  const std::string& lastReading() const { return lastReading_; }
+  const std::string& lastReading() const;
 
   // --- Operations ----------------------------------------------------------
   bool FindChannel(std::string_view name, int16_t& device) const;
@@ -93,6 +110,8 @@ class Channels {
   // With `ref`, the name is looked up only when the table changed since
   // `ref` was last filled for it.
   bool ReadChannel(std::string_view name, std::string& value, ChannelRef* ref = nullptr);
+  // The same, with the number alone when the link gives it without a text.
+  bool ReadChannel(std::string_view name, ChannelReading& reading, ChannelRef* ref = nullptr);
   bool WriteChannel(std::string_view name, std::string_view value, ChannelRef* ref = nullptr);
   bool DefineChannel(std::string_view name, std::string_view settings);
   bool EscapeChannel(std::string_view name, std::string_view settings);
@@ -123,6 +142,12 @@ class Channels {
   const ChannelRecord* lookup(std::string_view name) const;
   const ChannelRecord* lookup(std::string_view name, ChannelRef* ref) const;
   bool findEnabled(std::string_view name, ChannelRef* ref, int16_t& device) const;
+  // What a read or write does before its exchange: the rig's name (in
+  // `storage` when it is new) and its device; false, with the error
+  // recorded, when there is no such enabled channel.
+  bool target(std::string_view& name, std::string& storage, ChannelRef* ref, int16_t& device);
+  // The usual exchange of a read, its reply's text into `value`.
+  bool readExchange(int16_t device, std::string_view name, std::string& value);
   // Any change of the records or their names drops the name index and the
   // references looked up before it. Generations are unique to the process,
   // so a reference filled by another table never matches this one.
@@ -144,7 +169,10 @@ class Channels {
   std::vector<std::string> definitions_;
   std::array<bool, 100> present_{};
   int16_t highestDevice_ = -1;
-  std::string lastReading_;
+  // The last reading's text; when lastReadingDirect_, the link library's
+  // last direct read has it.
+  mutable std::string lastReading_;
+  mutable bool lastReadingDirect_ = false;
   bool mapped_ = false;
   ChannelNameMap map_;
 };

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
+#include <vector>
 
 #include "common/civil_time.h"
+#include "common/text_conventions.h"
 #include "instrument/link/recording_link.h"
 #include "instrument/simrig/sim_rig.h"
 #include "testing/test_files.h"
@@ -261,6 +264,102 @@ TEST(SmcCommands, AreWrittenAsHexadecimalCharacterCodes) {
   EXPECT_TRUE(EncodeSmcCommand("X123456", hex));
   EXPECT_EQ(hex, "583132333435360D");
   EXPECT_FALSE(EncodeSmcCommand("X1234567", hex));
+}
+
+}  // namespace
+}  // namespace tavrix
+
+namespace tavrix {
+namespace {
+
+// The in-process rig answers reads and writes at once, without the texts in
+// between; whatever it gives must be what the exchanges through the buffers
+// give: the same numbers to the last bit, the same last reading, the same
+// failures, and the rig left in the same state.
+TEST(DirectExchanges, GiveWhatTheExchangesThroughTheBuffersGive) {
+  constexpr std::string_view kMixed =
+      "D 2 NOTREADY=2\n"
+      "  10001 E=1 M=A N=NOISY V=12 JITTER=3\n"
+      "  10002 E=1 M=A N=NEG V=-0.5 JITTER=0.25\n"
+      "  10003 E=1 M=A N=SMALL V=0.000123456789\n"
+      "  10004 E=1 M=A N=ZERO V=0\n"
+      "  10005 E=1 M=A N=BIG V=123456789012\n"
+      "  10006 E=1 M=A N=TINY V=0.00000123\n"
+      "  10007 E=0 M=A N=OFF V=1\n"
+      "  10008 E=1 M=A N=HUGE V=9999999999.6\n"
+      "  20001 E=1 M=A N=SLOW V=4\n";
+  const std::string file = WriteFile("direct_rig.ims", kMixed);
+  VirtualClock clock{*parseDateTime("2024-03-01 10:00:00")};
+  EventLoop events{clock};
+  SimLink direct{clock, "", Files()};
+  SimLink usual{clock, "", Files()};
+  // A recording link passes on no direct exchanges: everything goes through
+  // the buffers.
+  RecordingLink recorder{usual};
+  ImlLink directLink{direct, events, nullptr};
+  ImlLink usualLink{recorder, events, nullptr};
+  Channels a{directLink};
+  Channels b{usualLink};
+  ASSERT_TRUE(directLink.OpenLink() && usualLink.OpenLink());
+  ASSERT_TRUE(a.LoadSetup(file) && b.LoadSetup(file));
+
+  const std::vector<std::string> names = {"NOISY", "NEG", "SMALL", "ZERO",    "BIG",
+                                          "TINY",  "OFF", "HUGE",  "MISSING", "SLOW"};
+  std::vector<ChannelRef> refs(names.size());
+  auto same = [](double x, double y) { return std::memcmp(&x, &y, sizeof x) == 0; };
+  int atOnce = 0;
+  for (int step = 0; step < 300; ++step) {
+    clock.advanceBy(37'000);
+    for (size_t i = 0; i < names.size(); ++i) {
+      ChannelReading reading;
+      std::string text;
+      const bool readA = a.ReadChannel(names[i], reading, &refs[i]);
+      const bool readB = b.ReadChannel(names[i], text);
+      ASSERT_EQ(readA, readB) << names[i];
+      if (!readA) {
+        EXPECT_EQ(directLink.lastErrorText(), usualLink.lastErrorText());
+        continue;
+      }
+      atOnce += reading.isNumber ? 1 : 0;
+      EXPECT_TRUE(same(reading.value(), leadingNumber(text)))
+          << names[i] << ": " << reading.value() << " for " << text;
+      EXPECT_EQ(a.lastReading(), text) << names[i];
+    }
+  }
+  // NOISY, NEG, SMALL and ZERO at once; BIG, TINY and HUGE write an exponent
+  // and SLOW's device is not ready at once: those went the usual way.
+  EXPECT_EQ(atOnce, 4 * 300);
+
+  for (const std::string value : {"12.5", " 7 ", "1e3", "abc", "-0", "", "&H10", "3.1 4"}) {
+    for (const std::string name : {"NOISY", "OFF", "SLOW", "MISSING"}) {
+      const bool wroteA = a.WriteChannel(name, value);
+      const bool wroteB = b.WriteChannel(name, value);
+      ASSERT_EQ(wroteA, wroteB) << name << " " << value;
+      if (!wroteA) {
+        EXPECT_EQ(directLink.lastErrorText(), usualLink.lastErrorText());
+      }
+      const Micros now = clock.now();
+      if (SimChannel* c = direct.model().find(name == "SLOW" ? 2 : 1, name)) {
+        EXPECT_TRUE(same(c->value, usual.model().find(name == "SLOW" ? 2 : 1, name)->value));
+      }
+      for (int device : {1, 2}) {
+        EXPECT_EQ(direct.model().execute(device, "REP", now),
+                  usual.model().execute(device, "REP", now));
+      }
+      ASSERT_EQ(a.written().count(name), b.written().count(name));
+      if (a.written().count(name) != 0) {
+        EXPECT_EQ(a.written().at(name), b.written().at(name));
+      }
+    }
+  }
+
+  // Something waiting on the event loop runs before the read, as it does
+  // in the usual exchange.
+  bool ran = false;
+  events.post([&] { ran = true; });
+  ChannelReading reading;
+  ASSERT_TRUE(a.ReadChannel("NOISY", reading, &refs[0]));
+  EXPECT_TRUE(ran);
 }
 
 }  // namespace

@@ -214,6 +214,46 @@ std::string_view ReplyBuffer::text(bool onlyTheReply) {
   return buffer.substr(0, end);
 }
 
+DirectExchanges* ImlLink::directNow() {
+  DirectExchanges* direct = library_.direct();
+  return direct != nullptr && events_.idleNow() ? direct : nullptr;
+}
+
+bool ImlLink::directRead(int16_t device, std::string_view name, DirectHint& hint, double& value) {
+  DirectExchanges* direct = directNow();
+  if (direct == nullptr) return false;
+  const bool tracing = trace_ != nullptr && trace_->enabled();
+  std::string text;
+  if (!direct->readNumber(device, name, hint, value, tracing ? &text : nullptr)) return false;
+  // What the send and the one poll of the reply leave.
+  linkTimedOut_ = false;
+  ++polls_;
+  if (tracing) {
+    if (device >= 0 && device < 100) pendingTrace_[device].reset();
+    std::string command = "REA ";
+    command.append(name);
+    traceExchange(device, command, &text, std::nullopt);
+  }
+  return true;
+}
+
+bool ImlLink::directWrite(int16_t device, std::string_view name, std::string_view value,
+                          DirectHint& hint) {
+  DirectExchanges* direct = directNow();
+  if (direct == nullptr || !direct->writeChecked(device, name, value, hint)) return false;
+  linkTimedOut_ = false;
+  ++polls_;
+  if (trace_ != nullptr && trace_->enabled()) {
+    std::string command = "WRI ";
+    command.append(name).append(1, ' ').append(value);
+    traceExchange(device, command, nullptr, std::nullopt);
+    if (device >= 0 && device < 100) pendingTrace_[device].reset();
+    const std::string report = "0";
+    traceExchange(device, "REP", &report, std::nullopt);
+  }
+  return true;
+}
+
 bool ImlLink::IMLSendReceive(int16_t device, std::string_view command, std::string& reply) {
   for (;;) {
     if (!IMLSendCommand(device, command, true)) {

@@ -136,6 +136,16 @@ class ImlLink {
   std::string GetSetupsDirectory();
   std::string GetDataDirectory();
 
+  // REA of channel `name` on `device` with its reply fetched, as one call to
+  // a library that takes it at once (see DirectExchanges), when nothing else
+  // is due on the event loop (the turns between the command and its reply
+  // would then do nothing). False, with nothing done, when the exchange must
+  // go the usual way (IMLSendCommand and IMLGetReply).
+  bool directRead(int16_t device, std::string_view name, DirectHint& hint, double& value);
+  // WRI of `value` to `name`, then the REP check, in the same way: true when
+  // both went through and the report was "0".
+  bool directWrite(int16_t device, std::string_view name, std::string_view value, DirectHint& hint);
+
   // Records an error number and text (unless nothing may be recorded).
   void recordError(int16_t number, std::string text);
 
@@ -147,6 +157,8 @@ class ImlLink {
   // Waits the poll interval through the event loop.
   void waitPoll();
   bool abandoned() const { return abandonWaits_ && abandonWaits_(); }
+  // The direct exchanges of the library, when they may be used now.
+  DirectExchanges* directNow();
   void traceExchange(int16_t device, std::string_view command, const std::string* reply,
                      std::optional<int32_t> ret);
   std::string directory(std::string_view folder);

@@ -62,6 +62,40 @@ struct SetupLoad {
 class EventLoop;
 class Trace;
 
+// Where a library keeps its own lookup of one channel from one exchange to
+// the next (the caller keeps it with its own lookup of the name and empties
+// it whenever that changes).
+struct DirectHint {
+  uint64_t generation = 0;  // the library's table it was found in; 0: none
+  size_t slot = 0;
+};
+
+// The channel exchanges that a library in this process carries out at once,
+// as a single call, with the same outcome as the commands sent and the
+// replies fetched through the buffers: the device's state afterwards is the
+// one the exchanges leave, and a reading is the number its reply's text reads
+// as. Each call either does all of it and returns true, or does nothing and
+// returns false (the exchange then goes the usual way): a device that would
+// not answer at once, a channel it does not know or has disabled, a reply
+// that would not be a plain number, a command that would not fit the buffer.
+class DirectExchanges {
+ public:
+  // "REA <name>" sent to `device` with the wait flag, then its reply
+  // fetched: `value` is what the reply's text reads as (leadingNumber), and
+  // `text`, when given, gets that text.
+  virtual bool readNumber(int16_t device, std::string_view name, DirectHint& hint, double& value,
+                          std::string* text) = 0;
+  // "WRI <name> <value>" sent to `device` without the wait flag, then "REP"
+  // sent with it and its reply fetched, that reply being "0".
+  virtual bool writeChecked(int16_t device, std::string_view name, std::string_view value,
+                            DirectHint& hint) = 0;
+  // The text of the last reply that readNumber gave a number for.
+  virtual std::string lastReadText() const = 0;
+
+ protected:
+  ~DirectExchanges() = default;
+};
+
 class LinkLibrary {
  public:
   virtual ~LinkLibrary() = default;
@@ -101,6 +135,9 @@ class LinkLibrary {
   // does that), so that the link layer need not look at the rest of the
   // buffer. A vendor library may write anything anywhere: false.
   virtual bool writesOnlyTheReply() const { return false; }
+  // The exchanges this library carries out at once in this process; nullptr
+  // when every exchange goes through the buffers.
+  virtual DirectExchanges* direct() { return nullptr; }
   virtual int32_t abortReply(int16_t handle, int16_t device) = 0;
   virtual int32_t millisecondCount() = 0;
   // Why the link last failed to reach its far end, in the system's words

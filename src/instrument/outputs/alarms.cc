@@ -8,6 +8,7 @@
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_support.h"
+#include "sequencer/command_family.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -24,7 +25,11 @@ std::vector<std::string_view> splitAtCommas(std::string_view list) {
   }
 }
 
-struct AlarmState {
+// The alarm definitions of the run and a pause of their checks.
+struct AlarmFamily final : CommandFamily {
+  explicit AlarmFamily(Instrument& instrument) : instrument(instrument) {}
+
+  Instrument& instrument;
   std::vector<AlarmDefinition> definitions;
   bool paused = false;
   Micros pausedUntil = 0;  // with `paused`, 0 for no end
@@ -35,7 +40,7 @@ struct AlarmState {
   }
 };
 
-void ShowDefinitions(Sequencer& seq, const AlarmState& state) {
+void ShowDefinitions(Sequencer& seq, const AlarmFamily& state) {
   std::vector<std::string> labels;
   std::vector<std::string> commands;
   for (const auto& d : state.definitions) {
@@ -69,7 +74,7 @@ void WaitForAlarms(Sequencer& seq, Instrument& instrument, AlarmWait kind, std::
   }
 }
 
-void AlarmDefine(Sequencer& seq, AlarmState& state, const CommandLine& cmd) {
+void AlarmDefine(AlarmFamily& state, Sequencer& seq, const CommandLine& cmd) {
   const std::string name(trim(cmd.arg1));
   std::string command(trim(cmd.arg2));
   if (!cmd.arg3.empty()) command += ", " + std::string(trimRight(cmd.arg3));
@@ -90,7 +95,7 @@ void AlarmDefine(Sequencer& seq, AlarmState& state, const CommandLine& cmd) {
   ShowDefinitions(seq, state);
 }
 
-void PauseAlarm(Sequencer& seq, AlarmState& state, const CommandLine& cmd) {
+void PauseAlarm(AlarmFamily& state, Sequencer& seq, const CommandLine& cmd) {
   const std::string word = upperCase(trim(cmd.arg1));
   if (word.empty() || word == "ON") {
     state.paused = true;
@@ -171,27 +176,32 @@ const Keyword<CommandLine> kWaitNoAlarm{"WAITNOALARM", kFamily, AsWritten};
 const Keyword<CommandLine> kAlarmDefine{"ALARMDEFINE", kFamily, AsWritten};
 const Keyword<CommandLine> kPauseAlarm{"PAUSEALARM", kFamily, AsWritten};
 
-}  // namespace
-
-std::vector<KeywordEntry> AlarmKeywords() {
-  return {Entry(kWaitAlarm), Entry(kWaitNoAlarm), Entry(kAlarmDefine), Entry(kPauseAlarm)};
+void WaitAlarm(AlarmFamily& state, Sequencer& seq, const CommandLine& cmd) {
+  if (trim(cmd.arg1).empty()) {
+    seq.reportSequenceError(kTextWaitAlarmNoName);
+    return;
+  }
+  WaitForAlarms(seq, state.instrument, AlarmWait::kNamed, trim(cmd.arg1));
 }
 
+void WaitNoAlarm(AlarmFamily& state, Sequencer& seq, const CommandLine&) {
+  WaitForAlarms(seq, state.instrument, AlarmWait::kNone, {});
+}
+
+const FamilyTable<AlarmFamily>& AlarmTable() {
+  static const FamilyTable<AlarmFamily> table{
+      Handles(kWaitAlarm, WaitAlarm), Handles(kWaitNoAlarm, WaitNoAlarm),
+      Handles(kAlarmDefine, AlarmDefine), Handles(kPauseAlarm, PauseAlarm)};
+  return table;
+}
+
+}  // namespace
+
+std::vector<KeywordEntry> AlarmKeywords() { return EntriesOf(AlarmTable()); }
+
 void RegisterAlarmCommands(Sequencer& seq, Instrument& instrument) {
-  auto state = std::make_shared<AlarmState>();
-  Dispatcher& d = seq.dispatcher();
-  d.bind(kWaitAlarm, [&instrument](Sequencer& s, const CommandLine& c) {
-    if (trim(c.arg1).empty()) {
-      s.reportSequenceError(kTextWaitAlarmNoName);
-      return;
-    }
-    WaitForAlarms(s, instrument, AlarmWait::kNamed, trim(c.arg1));
-  });
-  d.bind(kWaitNoAlarm, [&instrument](Sequencer& s, const CommandLine&) {
-    WaitForAlarms(s, instrument, AlarmWait::kNone, {});
-  });
-  d.bind(kAlarmDefine, [state](Sequencer& s, const CommandLine& c) { AlarmDefine(s, *state, c); });
-  d.bind(kPauseAlarm, [state](Sequencer& s, const CommandLine& c) { PauseAlarm(s, *state, c); });
+  AlarmFamily* state = &seq.addFamily(std::make_unique<AlarmFamily>(instrument));
+  BindAll(seq.dispatcher(), *state, AlarmTable());
   seq.addPrepareHook([state, &seq] {
     state->definitions.clear();
     state->paused = false;

@@ -12,6 +12,7 @@
 #include "instrument/outputs/output_support.h"
 #include "instrument/outputs/output_timing.h"
 #include "instrument/outputs/ramps.h"
+#include "sequencer/command_family.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -229,7 +230,11 @@ class Maintainer {
   std::optional<Micros> resumeWait_;
 };
 
-struct MaintainState {
+// The load maintenance's instrument and its last settings.
+struct MaintainFamily final : CommandFamily {
+  explicit MaintainFamily(Instrument& instrument) : instrument(instrument) {}
+
+  Instrument& instrument;
   // Rate, gain and tolerance of the last maintenance, the defaults of an
   // MT_RAMP that names none.
   MaintainSetup last;
@@ -277,16 +282,16 @@ Parsed<MaintainRampCommand> ParseMaintainRamp(const CommandLine& cmd) {
   return command;
 }
 
-void Maintain(Sequencer& seq, Instrument& instrument, MaintainState& state,
-              const MaintainSetup& setup) {
+void Maintain(MaintainFamily& state, Sequencer& seq, const MaintainSetup& setup) {
+  Instrument& instrument = state.instrument;
   state.last = setup;
   Maintainer maintainer(seq, instrument, setup);
   OutputProgress kept(seq, "maintain", [&] { return maintainer.save(); });
   if (maintainer.start(kept)) maintainer.hold(setup.target);
 }
 
-void MaintainRamp(Sequencer& seq, Instrument& instrument, MaintainState& state,
-                  const MaintainRampCommand& cmd) {
+void MaintainRamp(MaintainFamily& state, Sequencer& seq, const MaintainRampCommand& cmd) {
+  Instrument& instrument = state.instrument;
   MaintainSetup setup = state.last;
   setup.loadChannel = cmd.loadChannel;
   setup.outputChannel = cmd.outputChannel;
@@ -338,6 +343,12 @@ constexpr std::string_view kFamily = "src/instrument/outputs/load_maintenance.cc
 const Keyword<MaintainSetup> kMaintain{kMaintainKeyword, kFamily, ParseMaintain};
 const Keyword<MaintainRampCommand> kMaintainRamp{kMaintainRampKeyword, kFamily, ParseMaintainRamp};
 
+const FamilyTable<MaintainFamily>& MaintenanceTable() {
+  static const FamilyTable<MaintainFamily> table{Handles(kMaintain, Maintain),
+                                                 Handles(kMaintainRamp, MaintainRamp)};
+  return table;
+}
+
 }  // namespace
 
 std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::string& error) {
@@ -374,19 +385,11 @@ int64_t CorrectionTimeMs(double deviation, float rate) {
   return (checkedInteger<int64_t>(std::min(steps, 1e9)).value_or(1'000'000'000) + 1) * 1000;
 }
 
-std::vector<KeywordEntry> LoadMaintenanceKeywords() {
-  return {Entry(kMaintain), Entry(kMaintainRamp)};
-}
+std::vector<KeywordEntry> LoadMaintenanceKeywords() { return EntriesOf(MaintenanceTable()); }
 
 void RegisterLoadMaintenance(Sequencer& seq, Instrument& instrument) {
-  auto state = std::make_shared<MaintainState>();
-  Dispatcher& d = seq.dispatcher();
-  d.bind(kMaintain, [state, &instrument](Sequencer& s, const MaintainSetup& setup) {
-    Maintain(s, instrument, *state, setup);
-  });
-  d.bind(kMaintainRamp, [state, &instrument](Sequencer& s, const MaintainRampCommand& cmd) {
-    MaintainRamp(s, instrument, *state, cmd);
-  });
+  MaintainFamily* state = &seq.addFamily(std::make_unique<MaintainFamily>(instrument));
+  BindAll(seq.dispatcher(), *state, MaintenanceTable());
   seq.addPrepareHook([state] { state->last = MaintainSetup{}; });
   // The settings of the last maintenance are the defaults of the next
   // MT_RAMP, in a resumed run too.

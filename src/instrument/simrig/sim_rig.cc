@@ -1,8 +1,10 @@
 #include "instrument/simrig/sim_rig.h"
 
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 
 #include "common/text_conventions.h"
@@ -252,12 +254,18 @@ bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup
 
 void RigModel::load(RigSetup setup) {
   setup_ = std::move(setup);
-  indexValid_ = false;
+  tableChanged();
   loaded_ = true;
   state_ = {};
   anyFollow_ = false;
   for (const auto& c : setup_.channels) anyFollow_ = anyFollow_ || !c.follow.empty();
   lastAdvance_ = 0;
+}
+
+void RigModel::tableChanged() {
+  static std::atomic<uint64_t> generations{0};
+  indexValid_ = false;
+  generation_ = ++generations;
 }
 
 template <class Visit>
@@ -361,7 +369,7 @@ bool RigModel::define(SimChannel& channel, std::string_view settings) {
     changed.value = followTarget(changed);
   }
   channel = std::move(changed);
-  indexValid_ = false;
+  tableChanged();
   if (!channel.follow.empty()) anyFollow_ = true;
   return true;
 }
@@ -465,9 +473,97 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   // CLEAR
   if (!channel->monitor) return fail(state, rig_error::kNotMonitor, "not a monitor channel");
   setup_.channels.erase(setup_.channels.begin() + (channel - setup_.channels.data()));
-  indexValid_ = false;
+  tableChanged();
   reportOk(state);
   return "0";
+}
+
+// --- Exchanges at once ---------------------------------------------------------
+
+namespace {
+
+constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6, 1e7,
+                                   1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14};
+
+// Whether `name` goes into a command and comes out of it as the channel's
+// name: not empty, and nothing the device would take for a separator.
+bool plainName(std::string_view name) {
+  if (name.empty()) return false;
+  for (const char c : name) {
+    if (static_cast<unsigned char>(c) <= ' ') return false;
+  }
+  return true;
+}
+
+// The number that rigNumber's text of `raw` reads as (leadingNumber), when
+// that text is a plain decimal: ten significant digits at most and no
+// exponent. Its digits over a power of ten are what the reading of the text
+// divides too; both are exact doubles, so the one division rounds alike.
+bool plainReading(double raw, double& value) {
+  if (raw == 0) {
+    value = raw;  // "0" or "-0"
+    return true;
+  }
+  uint64_t digits = 0;
+  int exponent = 0;
+  if (!roundedDigits(raw, 10, digits, exponent) || exponent < -4 || exponent > 9) return false;
+  value = static_cast<double>(digits) / kPowersOfTen[9 - exponent];
+  if (raw < 0) value = -value;
+  return true;
+}
+
+}  // namespace
+
+bool RigModel::answersAtOnce(int device) const {
+  if (device < 0 || device > 99) return false;
+  const SimDeviceConfig& config = setup_.devices[device];
+  return !config.silent && config.notReadyPolls == 0 && config.latencyMs == 0;
+}
+
+SimChannel* RigModel::findHinted(int device, std::string_view name, DirectHint& hint) {
+  if (hint.generation == generation_ && generation_ != 0) return &setup_.channels[hint.slot];
+  SimChannel* channel = find(device, name);
+  if (channel != nullptr) {
+    hint.generation = generation_;
+    hint.slot = static_cast<size_t>(channel - setup_.channels.data());
+  }
+  return channel;
+}
+
+void RigModel::answered(DeviceState& state, Micros now) {
+  reportOk(state);
+  state.reply.clear();
+  state.replyPending = false;
+  state.pollsLeft = 0;
+  state.readyAt = now;
+}
+
+bool RigModel::readNow(int device, std::string_view name, DirectHint& hint, Micros now, double& raw,
+                       double& value) {
+  if (!answersAtOnce(device) || name.size() + 4 >= kCommandBufferLength || !plainName(name)) {
+    return false;
+  }
+  SimChannel* channel = findHinted(device, name, hint);
+  if (channel == nullptr || !enabled(*channel)) return false;
+  advance(now);
+  raw = reading(*channel, now);
+  if (!plainReading(raw, value)) return false;
+  answered(state_[device], now);
+  return true;
+}
+
+bool RigModel::writeNow(int device, std::string_view name, std::string_view value, DirectHint& hint,
+                        Micros now) {
+  if (!answersAtOnce(device) || name.size() + value.size() + 5 >= kCommandBufferLength ||
+      !plainName(name) || std::memchr(value.data(), '\0', value.size()) != nullptr) {
+    return false;
+  }
+  SimChannel* channel = findHinted(device, name, hint);
+  if (channel == nullptr || !enabled(*channel)) return false;
+  advance(now);
+  channel->value = leadingNumber(value);
+  answered(state_[device], now);
+  return true;
 }
 
 int32_t RigModel::send(int device, std::string_view command, Micros now) {
@@ -524,7 +620,7 @@ int32_t RigModel::requestMonitor(std::string_view setupName, int device, int16_t
     c.enabled = "0";
     c.mode = "Z";
     setup_.channels.push_back(std::move(c));
-    indexValid_ = false;
+    tableChanged();
     channelNumber = static_cast<int16_t>(number);
     return link_result::kOk;
   }
@@ -564,6 +660,22 @@ int32_t SimLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffe
   if (result == link_result::kOk) WriteBuffer(buffer, reply_);
   return result;
 }
+
+bool SimLink::readNumber(int16_t device, std::string_view name, DirectHint& hint, double& value,
+                         std::string* text) {
+  double raw = 0;
+  if (!model_.readNow(device, name, hint, clock_.now(), raw, value)) return false;
+  lastRead_ = raw;
+  if (text != nullptr) *text = rigNumber(raw);
+  return true;
+}
+
+bool SimLink::writeChecked(int16_t device, std::string_view name, std::string_view value,
+                           DirectHint& hint) {
+  return model_.writeNow(device, name, value, hint, clock_.now());
+}
+
+std::string SimLink::lastReadText() const { return rigNumber(lastRead_); }
 
 int32_t SimLink::abortReply(int16_t /*handle*/, int16_t device) {
   model_.abort(device);

@@ -98,6 +98,16 @@ class RigModel {
   // 0 and the new channel number, or 59 (not the loaded setup) or 76.
   int32_t requestMonitor(std::string_view setupName, int device, int16_t& channelNumber);
 
+  // A command and its reply as one call, when the device answers at once
+  // and the exchange goes through (see DirectExchanges); false with nothing
+  // changed otherwise. readNow: "REA <name>", with the channel's reading
+  // and the number its reply's text reads as. writeNow: "WRI <name>
+  // <value>" followed by "REP".
+  bool readNow(int device, std::string_view name, DirectHint& hint, Micros now, double& raw,
+               double& value);
+  bool writeNow(int device, std::string_view name, std::string_view value, DirectHint& hint,
+                Micros now);
+
   // What a device answers to one command (executed at once).
   std::string execute(int device, std::string_view command, Micros now);
   // A channel's reading at `now` (raw value plus jitter plus offset).
@@ -114,6 +124,13 @@ class RigModel {
     std::string report = "0";
   };
   void advance(Micros now);
+  // Any change of the channels or of a name.
+  void tableChanged();
+  bool answersAtOnce(int device) const;
+  SimChannel* findHinted(int device, std::string_view name, DirectHint& hint);
+  // What a command and the fetch of its reply leave when the command went
+  // through.
+  static void answered(DeviceState& state, Micros now);
   double followTarget(const SimChannel& channel);
   std::string fail(DeviceState& state, int code, std::string_view text);
   // Sets the error report to "0" (no error).
@@ -128,6 +145,8 @@ class RigModel {
   bool visitIndexed(std::string_view key, Visit&& visit);
   NameIndex index_;
   bool indexValid_ = false;
+  // Unique to the process; 0 before the first setup.
+  uint64_t generation_ = 0;
 
   RigSetup setup_;
   bool loaded_ = false;
@@ -137,7 +156,7 @@ class RigModel {
 };
 
 // The in-process rig behind the link library port, on the run's clock.
-class SimLink final : public LinkLibrary {
+class SimLink final : public LinkLibrary, public DirectExchanges {
  public:
   // `files` holds the setup files and the data folder `dirPath`.
   SimLink(const Clock& clock, std::string dirPath, const FileSystem& files);
@@ -149,6 +168,12 @@ class SimLink final : public LinkLibrary {
   int32_t sendCommand(int16_t handle, int16_t device, std::string_view command, bool wait) override;
   int32_t getReply(int16_t handle, int16_t device, std::string& buffer, bool wait) override;
   bool writesOnlyTheReply() const override { return true; }
+  DirectExchanges* direct() override { return open_ ? this : nullptr; }
+  bool readNumber(int16_t device, std::string_view name, DirectHint& hint, double& value,
+                  std::string* text) override;
+  bool writeChecked(int16_t device, std::string_view name, std::string_view value,
+                    DirectHint& hint) override;
+  std::string lastReadText() const override;
   int32_t abortReply(int16_t handle, int16_t device) override;
   int32_t millisecondCount() override;
   int32_t dirPath(std::string& path) override;
@@ -164,6 +189,7 @@ class SimLink final : public LinkLibrary {
   RigModel model_;
   bool open_ = false;
   std::string reply_;
+  double lastRead_ = 0;  // the raw reading of the last readNumber
 };
 
 // The version texts and number that the simulated libraries report.

@@ -1,9 +1,11 @@
-// The few POSIX helpers the tests use to make scratch folders and set the
-// environment, for the Windows build of the tests (included into every test
-// source there by the build). The programs themselves never use them.
+// The few POSIX helpers the tests use to make scratch folders, set the
+// environment and join threads with a pipe, for the Windows build of the
+// tests (included into every test source there by the build). The programs
+// themselves never use them.
 #pragma once
 
 #include <direct.h>
+#include <fcntl.h>
 #include <io.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -34,5 +36,8 @@ inline int setenv(const char* name, const char* value, int overwrite) {
   if (!overwrite && std::getenv(name) != nullptr) return 0;
   return _putenv_s(name, value) == 0 ? 0 : -1;
 }
+
+// A pipe between two threads of a test (binary, as POSIX pipes are).
+inline int pipe(int fds[2]) { return _pipe(fds, 64 * 1024, _O_BINARY); }
 
 inline int unsetenv(const char* name) { return _putenv_s(name, "") == 0 ? 0 : -1; }
