@@ -10,6 +10,7 @@
 
 #include "common/paths.h"
 #include "engine/engine.h"
+#include "machine_door.h"
 #include "platform/files.h"
 #include "sequencer/operator.h"
 

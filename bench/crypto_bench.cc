@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "crypto/tea.h"
+#include "machine_door.h"
 
 namespace {
 

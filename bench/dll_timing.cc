@@ -6,6 +6,7 @@
 
 #include "instrument/dll/dll_link.h"
 #include "instrument/link/instrument_settings.h"
+#include "machine_door.h"
 #include "timing.h"
 
 namespace tavrix::bench {
@@ -15,7 +16,7 @@ const RegisterTiming kDllExchangeRate("dll_exchange", [] {
   InstrumentSettings settings;
   settings.libraryFolder = TAVRIX_STAND_IN_FOLDER;
   std::string error;
-  auto link = MakeDllLink(settings, error);
+  auto link = MakeDllLink(settings, localFiles(), error);
   if (!link) return Rows{{"exchanges through DllLink", error}};
   int16_t handle = 0;
   link->openInterface(handle);

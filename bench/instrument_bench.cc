@@ -20,6 +20,7 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"
+#include "machine_door.h"
 
 namespace tavrix::bench {
 namespace {
@@ -123,7 +124,7 @@ void LoopbackExchanges(benchmark::State& state, bool bridged) {
   const std::string key(kNewKeyBytes, '\x5a');
   if (bridged) {
     auto service = std::make_unique<LibraryService>(
-        std::make_unique<SimLink>(clock, std::string(), localFiles()));
+        std::make_unique<SimLink>(clock, std::string(), localFiles()), localFiles());
     if (!service->open(error)) {
       state.SkipWithError(error.c_str());
       return;

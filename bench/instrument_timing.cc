@@ -11,6 +11,7 @@
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
+#include "machine_door.h"
 #include "timing.h"
 
 namespace tavrix::bench {

@@ -13,6 +13,7 @@
 #include "instrument/iomap/map_link.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
+#include "machine_door.h"
 #include "testing/modbus_oven_server.h"
 #include "testing/scpi_instrument_server.h"
 

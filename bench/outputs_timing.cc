@@ -12,6 +12,7 @@
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_rig.h"
+#include "machine_door.h"
 #include "timing.h"
 
 namespace tavrix::bench {

@@ -13,6 +13,7 @@
 #include <random>
 
 #include "common/file_system.h"
+#include "machine_door.h"
 #include "plant_server.h"
 #include "resultsdb/results_analytics.h"
 #include "resultsdb/results_store.h"
@@ -109,7 +110,7 @@ struct PlantStore {
     options.runsFolder = folder.path() + "/runs";
     options.auditLog = folder.path() + "/audit.log";
     options.now = [] { return 1800000010LL; };
-    server = plant::Server::Start(options, &error);
+    server = plant::Server::Start(localFiles(), options, &error);
     if (!server) {
       std::fprintf(stderr, "%s\n", error.c_str());
       std::abort();

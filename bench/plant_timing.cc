@@ -21,6 +21,7 @@
 #include "control_socket.h"
 #include "engine/breakpoints.h"
 #include "engine/engine.h"
+#include "machine_door.h"
 #include "plant_server.h"
 #include "run_command.h"
 #include "timing.h"
@@ -40,7 +41,7 @@ const RegisterTiming kPlantLive("plant_live", [] {
   options.runsFolder = RunsFolder(folder.path());
   options.auditLog = folder.path() + "/audit.log";
   std::string error;
-  auto server = plant::Server::Start(options, &error);
+  auto server = plant::Server::Start(localFiles(), options, &error);
   if (!server) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return Rows{};
@@ -144,7 +145,7 @@ const RegisterTiming kPlantStation("plant_station", [] {
   options.runsFolder = RunsFolder(home);
   options.auditLog = home + "/audit.log";
   std::string error;
-  auto server = plant::Server::Start(options, &error);
+  auto server = plant::Server::Start(localFiles(), options, &error);
   if (!server) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return Rows{};
@@ -154,7 +155,8 @@ const RegisterTiming kPlantStation("plant_station", [] {
     Viewers viewers(server->port());
     setenv("TAVRIX_HOME", home.c_str(), 1);
     std::FILE* null = std::fopen("/dev/null", "w");
-    TavrixCliMain({"tavrix-cli", "run", "--results-store", "off", "--trace", dir + "/t.jsonl",
+    TavrixCliMain(Host{localFiles(), defaultDataRoot()},
+                  {"tavrix-cli", "run", "--results-store", "off", "--trace", dir + "/t.jsonl",
                    "--station", dir + "/station.toml"},
                   nullptr, null, null);
     std::fclose(null);

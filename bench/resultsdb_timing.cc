@@ -14,6 +14,7 @@
 #include "bench_support.h"
 #include "common/file_system.h"
 #include "engine/engine.h"
+#include "machine_door.h"
 #include "resultsdb/results_recorder.h"
 #include "resultsdb/store_test_support.h"
 #include "timing.h"

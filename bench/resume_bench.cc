@@ -13,6 +13,7 @@
 #include "common/text_file.h"
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
+#include "machine_door.h"
 
 namespace tavrix::bench {
 namespace {

@@ -24,6 +24,7 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"
+#include "machine_door.h"
 #include "platform/files.h"
 #include "run_command.h"
 #include "station_link.h"
@@ -70,7 +71,8 @@ struct StationFolder {
 int Cli(std::vector<std::string> args) {
   args.insert(args.begin(), "tavrix-cli");
   std::FILE* null = std::fopen("/dev/null", "w");
-  const int status = TavrixCliMain(args, nullptr, null, null);
+  const int status =
+      TavrixCliMain(Host{localFiles(), defaultDataRoot()}, args, nullptr, null, null);
   std::fclose(null);
   return status;
 }
@@ -293,7 +295,7 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
   SystemClock serverClock;
   LocalFileSystem serverFiles(folder.dir);
   auto service = std::make_unique<LibraryService>(
-      std::make_unique<SimLink>(serverClock, std::string(), serverFiles));
+      std::make_unique<SimLink>(serverClock, std::string(), serverFiles), serverFiles);
   if (!server.listen("127.0.0.1:0", error) || !service->open(error)) {
     state.SkipWithError(error.c_str());
     return;

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <regex>
 
+#include "machine_door.h"
 #include "run_command.h"
 #include "timing.h"
 
@@ -33,7 +34,8 @@ void RunStationOf(const std::string& dir, const std::vector<std::string>& lines)
   }
   setenv("TAVRIX_HOME", (dir + "/home").c_str(), 1);
   std::FILE* null = std::fopen("/dev/null", "w");
-  TavrixCliMain({"tavrix-cli", "run", "--no-control-socket", "--results-store", "off", "--trace",
+  TavrixCliMain(Host{localFiles(), defaultDataRoot()},
+                {"tavrix-cli", "run", "--no-control-socket", "--results-store", "off", "--trace",
                  dir + "/t.jsonl", "--station", dir + "/station.toml"},
                 nullptr, null, null);
   std::fclose(null);

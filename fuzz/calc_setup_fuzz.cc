@@ -8,6 +8,7 @@
 #include "calcchan/fake_channels.h"
 #include "common/clock.h"
 #include "fuzz_support.h"
+#include "machine_door.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;

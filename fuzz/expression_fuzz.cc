@@ -13,6 +13,7 @@
 #include "calcchan/fake_channels.h"
 #include "common/file_system.h"
 #include "fuzz_support.h"
+#include "machine_door.h"
 
 namespace {
 

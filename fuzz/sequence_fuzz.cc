@@ -8,6 +8,7 @@
 
 #include "engine/engine.h"
 #include "fuzz_support.h"
+#include "machine_door.h"
 
 // Sequences may copy, write and delete files (COPYFILE, LOGONCE, FILEDELETE,
 // INDEXINIT...): run them in a folder of their own, with the data root there

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "fuzz_support.h"
+#include "machine_door.h"
 #include "testdb/definition_files.h"
 
 namespace tavrix::fuzz {

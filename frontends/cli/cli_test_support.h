@@ -11,8 +11,13 @@
 
 #include "common/file_system.h"
 #include "run_command.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
+
+// What tavrix-cli's entry point would hand the commands in this process:
+// the real disk, and the data root of the environment as it is now.
+inline Host testHost() { return {testFiles(), testDataRoot()}; }
 
 // A stream whose text is kept for the test: a temporary file.
 class Captured {
@@ -65,7 +70,7 @@ class CliTestBase : public ::testing::Test {
 
   // Writes `text` to a file of the folder and returns its path.
   std::string File(const std::string& name, const std::string& text) {
-    EXPECT_TRUE(localFiles().writeAtomically(Path(name), text, nullptr));
+    EXPECT_TRUE(testFiles().writeAtomically(Path(name), text, nullptr));
     return Path(name);
   }
 
@@ -87,7 +92,7 @@ class CliTestBase : public ::testing::Test {
     args.insert(args.begin(), "tavrix-cli");
     Captured out;
     Captured err;
-    const int status = TavrixCliMain(args, in, out.stream(), err.stream());
+    const int status = TavrixCliMain(testHost(), args, in, out.stream(), err.stream());
     out_ = out.take();
     err_ = err.take();
     return status;

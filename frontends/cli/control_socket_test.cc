@@ -18,6 +18,7 @@
 #include "platform/files.h"
 #include "platform/local_endpoint.h"
 #include "run_command.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -98,7 +99,8 @@ TEST_F(ControlSocketTest, ClientsLookStepSkipBreakAndResumeAHeldRunWhileOneFollo
   Captured out;
   int status = -1;
   std::thread run([&] {
-    status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
+    status = TavrixCliMain(testHost(),
+                           {"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
                             "--break", "2", "--trace", Path("trace.jsonl"), seq},
                            nullptr, out.stream(), errWrite);
     std::fclose(errWrite);
@@ -187,7 +189,7 @@ TEST_F(ControlSocketTest, ClientsLookStepSkipBreakAndResumeAHeldRunWhileOneFollo
   EXPECT_NE(ctlErr_.find("run " + id + " has ended (eof, exit status 0)"), std::string::npos)
       << ctlErr_;
   std::string trace;
-  ASSERT_TRUE(localFiles().readFile(Path("trace.jsonl"), trace, nullptr));
+  ASSERT_TRUE(testFiles().readFile(Path("trace.jsonl"), trace, nullptr));
   EXPECT_NE(trace.find("\"ev\":\"hold\",\"n\":4,\"reason\":\"break\",\"id\":2}"),
             std::string::npos);
   EXPECT_NE(trace.find("\"ev\":\"resume\",\"by\":\"skip\"}"), std::string::npos);
@@ -209,7 +211,8 @@ TEST_F(ControlSocketTest, ASlowClientIsDroppedAndTheRunGoesOn) {
   Captured out;
   int status = -1;
   std::thread run([&] {
-    status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--break", "1", seq},
+    status = TavrixCliMain(testHost(),
+                           {"tavrix-cli", "run", "--virtual-time", "--quiet", "--break", "1", seq},
                            nullptr, out.stream(), errWrite);
     std::fclose(errWrite);
   });
@@ -275,7 +278,7 @@ TEST_F(ControlSocketTest, AStaleSocketIsCleanedByListAndBadBreakpointsEndTheRunA
 
 std::string ReadAll(const std::string& path) {
   std::string text;
-  EXPECT_TRUE(localFiles().readFile(path, text, nullptr)) << path;
+  EXPECT_TRUE(testFiles().readFile(path, text, nullptr)) << path;
   return text;
 }
 

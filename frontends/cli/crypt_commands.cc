@@ -21,9 +21,10 @@ constexpr int kBarWidth = 40;
 
 class ProgressBar {
  public:
-  ProgressBar(std::FILE* err, std::string_view verb, const std::string& path)
+  ProgressBar(const FileSystem& files, std::FILE* err, std::string_view verb,
+              const std::string& path)
       : err_(err), verb_(verb) {
-    const FileInfo info = localFiles().info(path);
+    const FileInfo info = files.info(path);
     shown_ = info.kind == FileKind::kFile && info.size >= kProgressFrom && err != nullptr &&
              platform::isTerminal(err);
   }
@@ -66,12 +67,12 @@ class InterruptGuard {
 };
 
 // Asks the overwrite question; true for Yes.
-bool ConfirmOverwrite(const CryptOptions& options, const std::string& destination, std::FILE* in,
-                      std::FILE* err) {
+bool ConfirmOverwrite(FileSystem& files, const CryptOptions& options,
+                      const std::string& destination, std::FILE* in, std::FILE* err) {
   if (options.yes) return true;
   std::string operatorError;
   std::unique_ptr<Operator> op =
-      MakeConsoleOperator(localFiles(), options.answers, in, err, &operatorError);
+      MakeConsoleOperator(files, options.answers, in, err, &operatorError);
   if (!op) {
     std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
     return false;
@@ -94,8 +95,8 @@ bool ConfirmOverwrite(const CryptOptions& options, const std::string& destinatio
   return *got == "Yes";
 }
 
-int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err,
-             bool decrypt) {
+int RunCrypt(FileSystem& files, const CryptOptions& options, std::FILE* in, std::FILE* out,
+             std::FILE* err, bool decrypt) {
   const CounterpartName name =
       decrypt ? plainCounterpart(options.file) : encryptedCounterpart(options.file);
   if (name.outcome == CounterpartName::Outcome::kNotRecognised) {
@@ -107,18 +108,17 @@ int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FI
                  std::string(kMsgNotRecognised).c_str(), options.file.c_str());
     return kCryptUsage;
   }
-  if (localFiles().info(name.destination).kind != FileKind::kMissing &&
-      !ConfirmOverwrite(options, name.destination, in, err)) {
+  if (files.info(name.destination).kind != FileKind::kMissing &&
+      !ConfirmOverwrite(files, options, name.destination, in, err)) {
     return kCryptDeclined;
   }
   const InterruptGuard interrupts(err);
-  ProgressBar bar(err, decrypt ? "Decrypting" : "Encrypting", options.file);
+  ProgressBar bar(files, err, decrypt ? "Decrypting" : "Encrypting", options.file);
   std::string error;
   const std::string_view key = options.key ? std::string_view(*options.key) : kDefaultUtilityKey;
   const bool ok =
-      decrypt
-          ? decryptFile(localFiles(), options.file, name.destination, key, &error, bar.callback())
-          : encryptFile(localFiles(), options.file, name.destination, key, &error, bar.callback());
+      decrypt ? decryptFile(files, options.file, name.destination, key, &error, bar.callback())
+              : encryptFile(files, options.file, name.destination, key, &error, bar.callback());
   if (!ok) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kCryptFailed;
@@ -129,14 +129,16 @@ int RunCrypt(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FI
 
 }  // namespace
 
-int DecryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+int DecryptCommand(FileSystem& files, const CryptOptions& options, std::FILE* in, std::FILE* out,
+                   std::FILE* err) {
   CryptOptions withUtilityKey = options;
   withUtilityKey.key.reset();
-  return RunCrypt(withUtilityKey, in, out, err, true);
+  return RunCrypt(files, withUtilityKey, in, out, err, true);
 }
 
-int EncryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
-  return RunCrypt(options, in, out, err, false);
+int EncryptCommand(FileSystem& files, const CryptOptions& options, std::FILE* in, std::FILE* out,
+                   std::FILE* err) {
+  return RunCrypt(files, options, in, out, err, false);
 }
 
 CryptCommands::CryptCommands(CLI::App& app) {
@@ -156,9 +158,10 @@ CryptCommands::CryptCommands(CLI::App& app) {
   encrypt_->add_option("FILE", encryptOptions_.file, "The plain file")->required();
 }
 
-std::optional<int> CryptCommands::run(std::FILE* in, std::FILE* out, std::FILE* err) const {
-  if (decrypt_->parsed()) return DecryptCommand(decryptOptions_, in, out, err);
-  if (encrypt_->parsed()) return EncryptCommand(encryptOptions_, in, out, err);
+std::optional<int> CryptCommands::run(const Host& host, std::FILE* in, std::FILE* out,
+                                      std::FILE* err) const {
+  if (decrypt_->parsed()) return DecryptCommand(host.files, decryptOptions_, in, out, err);
+  if (encrypt_->parsed()) return EncryptCommand(host.files, encryptOptions_, in, out, err);
   return std::nullopt;
 }
 

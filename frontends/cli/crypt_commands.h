@@ -9,11 +9,15 @@
 #include <optional>
 #include <string>
 
+#include "common/host.h"
+
 namespace CLI {
 class App;
 }
 
 namespace tavrix {
+
+class FileSystem;
 
 // Exit statuses of decrypt and encrypt.
 constexpr int kCryptDone = 0;
@@ -31,16 +35,18 @@ struct CryptOptions {
 };
 
 // Decrypts FILE with the utility key into its plain counterpart.
-int DecryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err);
+int DecryptCommand(FileSystem& files, const CryptOptions& options, std::FILE* in, std::FILE* out,
+                   std::FILE* err);
 // Encrypts FILE (.wts, .txt, .xml, .wl) into its encrypted counterpart.
-int EncryptCommand(const CryptOptions& options, std::FILE* in, std::FILE* out, std::FILE* err);
+int EncryptCommand(FileSystem& files, const CryptOptions& options, std::FILE* in, std::FILE* out,
+                   std::FILE* err);
 
 // Adds both subcommands to the command line; run() runs the one parsed.
 class CryptCommands {
  public:
   explicit CryptCommands(CLI::App& app);
   // The exit status of decrypt or encrypt when one of them was parsed.
-  std::optional<int> run(std::FILE* in, std::FILE* out, std::FILE* err) const;
+  std::optional<int> run(const Host& host, std::FILE* in, std::FILE* out, std::FILE* err) const;
 
  private:
   CLI::App* decrypt_;

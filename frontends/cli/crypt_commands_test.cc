@@ -6,6 +6,7 @@
 #include "cli_test_support.h"
 #include "crypto/tea.h"
 #include "run_command.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -18,21 +19,21 @@ class CryptCliTest : public CliTestBase {
   CryptCliTest() : CliTestBase(true) {}
   std::string Read(const std::string& name) const {
     std::string text;
-    localFiles().readFile(Path(name), text, nullptr);
+    testFiles().readFile(Path(name), text, nullptr);
     return text;
   }
   size_t Count() const {
     std::vector<std::string> names;
-    localFiles().list(dir_, names, nullptr);
+    testFiles().list(dir_, names, nullptr);
     return names.size();
   }
   // An encrypted file made with `key`.
   std::string Sealed(const std::string& name, const std::string& plain, std::string_view key) {
     TeaCipher tea;
-    tea.useFiles(localFiles());
+    tea.useFiles(testFiles());
     const std::string source = File("source.tmp", plain);
     EXPECT_TRUE(tea.EncryptFile(source, Path(name), key));
-    localFiles().remove(source, nullptr);
+    testFiles().remove(source, nullptr);
     return Path(name);
   }
 };
@@ -77,7 +78,7 @@ TEST_F(CryptCliTest, FailuresLeaveNoFileAndSayWhy) {
   EXPECT_EQ(Cli({"decrypt", wrongKey}), kCryptFailed);
   EXPECT_THAT(err_, HasSubstr("Failed to decrypt " + wrongKey));
   EXPECT_THAT(err_, HasSubstr("Incorrect size descriptor in TEA decryption"));
-  EXPECT_FALSE(localFiles().isFile(Path("a.xml")));
+  EXPECT_FALSE(testFiles().isFile(Path("a.xml")));
 
   File("empty.wte", "");
   EXPECT_EQ(Cli({"decrypt", Path("empty.wte")}), kCryptFailed);
@@ -100,13 +101,13 @@ TEST_F(CryptCliTest, EncryptThenDecryptWithAKey) {
   EXPECT_EQ(Cli({"encrypt", Path("seq.wts"), "--key", "secret"}), kCryptDone) << err_;
   EXPECT_EQ(out_, Path("seq.wte") + "\n");
   TeaCipher tea;
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   ASSERT_TRUE(tea.DecryptFile(Path("seq.wte"), Path("back"), "secret"));
   EXPECT_EQ(Read("back"), "STOP\r\n");
   // Without --key the utility key is used, which decrypt takes.
-  localFiles().remove(Path("seq.wte"), nullptr);
+  testFiles().remove(Path("seq.wte"), nullptr);
   EXPECT_EQ(Cli({"encrypt", Path("seq.wts")}), kCryptDone) << err_;
-  localFiles().remove(Path("seq.wts"), nullptr);
+  testFiles().remove(Path("seq.wts"), nullptr);
   EXPECT_EQ(Cli({"decrypt", Path("seq.wte")}), kCryptDone) << err_;
   EXPECT_EQ(Read("seq.wts"), "STOP\r\n");
   EXPECT_EQ(Cli({"encrypt", Path("seq.wte")}), kCryptUsage);

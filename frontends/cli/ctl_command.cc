@@ -31,25 +31,25 @@ CtlCommand::CtlCommand(CLI::App& app) {
   command_->allow_extras();
 }
 
-std::optional<int> CtlCommand::run(std::FILE* out, std::FILE* err) {
+std::optional<int> CtlCommand::run(const Host& host, std::FILE* out, std::FILE* err) {
   if (!command_->parsed()) return std::nullopt;
   std::vector<std::string> words = words_;
   for (const std::string& extra : command_->remaining()) words.push_back(extra);
   if (words.size() == 2 && words[0] == "list" && words[1] == "--interrupted") {
-    const LocalFileSystem files(defaultDataRoot());
+    const LocalFileSystem files(host.dataRoot);
     return ListInterrupted(files, out);
   }
   if (words.size() == 2 && words[0] == "list" && words[1] == "--all") {
-    const LocalFileSystem files(defaultDataRoot());
+    const LocalFileSystem files(host.dataRoot);
     return ListAllRuns(files, out, [&files](const std::string& id) {
       return RunAnswers(join(RunRecordsFolder(files), id));
     });
   }
   if (words.size() == 2 && words[0] == "discard") {
-    LocalFileSystem files(defaultDataRoot());
+    LocalFileSystem files(host.dataRoot);
     return DiscardInterrupted(files, words[1], out, err);
   }
-  return RunCtl(defaultDataRoot(), words, out, err);
+  return RunCtl(host.dataRoot, words, out, err);
 }
 
 int DiscardInterrupted(FileSystem& files, const std::string& run, std::FILE* out, std::FILE* err) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "common/host.h"
+
 namespace CLI {
 class App;
 }
@@ -19,7 +21,7 @@ class CtlCommand {
   explicit CtlCommand(CLI::App& app);
   // The exit status when `ctl` was given: 0, 1 (no such run, the run has
   // ended, or it refused the command), 2 (bad usage).
-  std::optional<int> run(std::FILE* out, std::FILE* err);
+  std::optional<int> run(const Host& host, std::FILE* out, std::FILE* err);
 
  private:
   CLI::App* command_;

@@ -30,10 +30,10 @@ struct Line {
   CommandLine command;
 };
 
-bool ReadLines(const std::string& path, std::vector<Line>& lines, std::vector<std::string>& upper,
-               bool& bareLineFeeds, std::string* error) {
+bool ReadLines(const FileSystem& files, const std::string& path, std::vector<Line>& lines,
+               std::vector<std::string>& upper, bool& bareLineFeeds, std::string* error) {
   SequenceFile file;
-  if (!file.open(localFiles(), path, error)) return false;
+  if (!file.open(files, path, error)) return false;
   bareLineFeeds = file.hasBareLineFeeds();
   std::string text;
   int number = 0;
@@ -112,13 +112,13 @@ std::optional<std::string> NearKeyword(std::string_view word) {
 
 class Linter {
  public:
-  Linter(const std::string& path, const PathMap& paths, std::vector<LintMessage>& out,
-         const IoMap* map)
-      : path_(path), paths_(paths), out_(out), map_(map) {}
+  Linter(const FileSystem& files, const std::string& path, const PathMap& paths,
+         std::vector<LintMessage>& out, const IoMap* map)
+      : files_(files), path_(path), paths_(paths), out_(out), map_(map) {}
 
   bool run(std::string* error) {
     bool bareLineFeeds = false;
-    if (!ReadLines(path_, lines_, upper_, bareLineFeeds, error)) return false;
+    if (!ReadLines(files_, path_, lines_, upper_, bareLineFeeds, error)) return false;
     if (bareLineFeeds) out_.push_back({1, false, std::string(kBareLineFeedWarning)});
     for (const auto& line : lines_) {
       if (line.command.word == "EXECUTEDEFINE" && !trim(line.command.arg1).empty() &&
@@ -281,7 +281,7 @@ class Linter {
     std::vector<std::string> upper;
     std::string readError;
     bool bareLineFeeds = false;
-    if (!ReadLines(file, lines, upper, bareLineFeeds, &readError)) {
+    if (!ReadLines(files_, file, lines, upper, bareLineFeeds, &readError)) {
       error(line, "Chain - " + readError);
       return;
     }
@@ -319,6 +319,7 @@ class Linter {
     return lines_.size();
   }
 
+  const FileSystem& files_;
   const std::string& path_;
   const PathMap& paths_;
   std::vector<LintMessage>& out_;
@@ -330,10 +331,10 @@ class Linter {
 
 }  // namespace
 
-bool LintSequenceFile(const std::string& path, const PathMap& paths,
+bool LintSequenceFile(const FileSystem& files, const std::string& path, const PathMap& paths,
                       std::vector<LintMessage>& messages, std::string* readError,
                       const IoMap* map) {
-  return Linter(path, paths, messages, map).run(readError);
+  return Linter(files, path, paths, messages, map).run(readError);
 }
 
 CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files, std::string* link,
@@ -353,9 +354,9 @@ CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files, std::st
   return lint;
 }
 
-int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err,
+int RunLint(const Host& host, const std::vector<std::string>& files, std::FILE* out, std::FILE* err,
             const std::string& link) {
-  const PathMap paths(defaultDataRoot());
+  const PathMap paths(host.dataRoot);
   IoMap map;
   const IoMap* checkedMap = nullptr;
   if (!link.empty()) {
@@ -364,7 +365,7 @@ int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* er
       return 2;
     }
     std::string why;
-    if (!LoadIoMapFile(localFiles(), link.substr(kLinkMapPrefix.size()), map, why)) {
+    if (!LoadIoMapFile(host.files, link.substr(kLinkMapPrefix.size()), map, why)) {
       std::fprintf(err, "tavrix-cli: %s\n", why.c_str());
       return 2;
     }
@@ -375,7 +376,7 @@ int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* er
   for (const auto& file : files) {
     std::vector<LintMessage> messages;
     std::string readError;
-    if (!LintSequenceFile(file, paths, messages, &readError, checkedMap)) {
+    if (!LintSequenceFile(host.files, file, paths, messages, &readError, checkedMap)) {
       std::fprintf(err, "tavrix-cli: %s\n", readError.c_str());
       unreadable = true;
       continue;

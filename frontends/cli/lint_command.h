@@ -10,12 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "common/host.h"
+
 namespace CLI {
 class App;
 }
 
 namespace tavrix {
 
+class FileSystem;
 class PathMap;
 struct IoMap;
 
@@ -25,10 +28,10 @@ struct LintMessage {
   std::string text;
 };
 
-// Lints one sequence file. False, with `readError`, when it cannot be read.
+// Lints one sequence file of `files`. False, with `readError`, when it cannot be read.
 // With an I/O map, lines that name a channel the map lacks, write a channel
 // the map cannot write or read one it cannot read are errors too.
-bool LintSequenceFile(const std::string& path, const PathMap& paths,
+bool LintSequenceFile(const FileSystem& files, const std::string& path, const PathMap& paths,
                       std::vector<LintMessage>& messages, std::string* readError,
                       const IoMap* map = nullptr);
 
@@ -41,7 +44,7 @@ CLI::App* AddLintCommand(CLI::App& app, std::vector<std::string>& files,
 // Lints the files and prints the messages to `out`. Returns 0 when there is
 // no error, 1 when there are errors, 2 when a file (or the map) cannot be
 // read.
-int RunLint(const std::vector<std::string>& files, std::FILE* out, std::FILE* err,
+int RunLint(const Host& host, const std::vector<std::string>& files, std::FILE* out, std::FILE* err,
             const std::string& link = {});
 
 }  // namespace tavrix

@@ -8,6 +8,7 @@
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "common/text_file.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -18,7 +19,7 @@ class LintTest : public ::testing::Test {
 
   std::string Write(const std::string& name, const std::vector<std::string>& lines) {
     const std::string path = dir_ + "/" + name;
-    EXPECT_TRUE(writeTextFileAtomically(localFiles(), path, lines, nullptr));
+    EXPECT_TRUE(writeTextFileAtomically(testFiles(), path, lines, nullptr));
     return path;
   }
 
@@ -26,7 +27,8 @@ class LintTest : public ::testing::Test {
   std::vector<std::string> Lint(const std::vector<std::string>& lines) {
     std::vector<LintMessage> messages;
     std::string error;
-    EXPECT_TRUE(LintSequenceFile(Write("s.wts", lines), paths_, messages, &error)) << error;
+    EXPECT_TRUE(LintSequenceFile(testFiles(), Write("s.wts", lines), paths_, messages, &error))
+        << error;
     std::vector<std::string> out;
     for (const auto& m : messages) {
       out.push_back(std::to_string(m.line) + ": " + (m.error ? "error" : "warning") + ": " +
@@ -136,9 +138,9 @@ TEST_F(LintTest, ExitStatusAndOutputLikeACompiler) {
   const std::string good = Write("good.wts", {"STOP"});
   const std::string bad = Write("bad.wts", {"GOTO NOWHERE", "WAITSECONDSX 1"});
   Captured out;
-  EXPECT_EQ(RunLint({good}, out.stream(), stderr), 0);
-  EXPECT_EQ(RunLint({good, bad}, out.stream(), stderr), 1);
-  EXPECT_EQ(RunLint({dir_ + "/none.wts"}, out.stream(), stderr), 2);
+  EXPECT_EQ(RunLint(testHost(), {good}, out.stream(), stderr), 0);
+  EXPECT_EQ(RunLint(testHost(), {good, bad}, out.stream(), stderr), 1);
+  EXPECT_EQ(RunLint(testHost(), {dir_ + "/none.wts"}, out.stream(), stderr), 2);
   EXPECT_EQ(out.take(), bad + ":1: error: Label NOWHERE: does not exist\n" + bad +
                             ":2: warning: \"WAITSECONDSX\" is no keyword and is ignored; did you "
                             "mean WAITSECONDS?\n");

@@ -1,6 +1,7 @@
 #include <exception>
 #include <new>
 
+#include "machine_door.h"
 #include "run_command.h"
 
 // Nothing escapes: an exception that reaches here (memory exhausted, a
@@ -9,7 +10,9 @@
 int main(int argc, char** argv) {
   try {
     std::vector<std::string> args(argv, argv + argc);
-    return tavrix::TavrixCliMain(args, stdin, stdout, stderr);
+    // The data root is decided here, once, for every command.
+    const tavrix::Host host{tavrix::localFiles(), tavrix::defaultDataRoot()};
+    return tavrix::TavrixCliMain(host, args, stdin, stdout, stderr);
   } catch (const std::bad_alloc&) {
     std::fputs("tavrix-cli: out of memory\n", stderr);
   } catch (const std::exception& e) {

@@ -13,6 +13,7 @@
 #include "simulated_devices.h"
 #include "testing/modbus_oven_server.h"
 #include "testing/scpi_instrument_server.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -84,12 +85,12 @@ TEST_F(MapCliTest, AMapServedThroughAKeyedRigServer) {
   std::string error;
   ASSERT_TRUE(WriteNewLinkKey(key, error)) << error;
   std::string keyBytes;
-  ASSERT_TRUE(LoadLinkKey(key, keyBytes, error)) << error;
+  ASSERT_TRUE(LoadLinkKey(testFiles(), key, keyBytes, error)) << error;
   RigServer server;
   server.requireKey(keyBytes);
-  auto library = MakeLinkLibrary("map:" + map_, clock_, InstrumentSettings{}, localFiles(), &error);
+  auto library = MakeLinkLibrary("map:" + map_, clock_, InstrumentSettings{}, testFiles(), &error);
   ASSERT_NE(library, nullptr) << error;
-  auto service = std::make_unique<LibraryService>(std::move(library));
+  auto service = std::make_unique<LibraryService>(std::move(library), testFiles());
   ASSERT_TRUE(service->open(error)) << error;
   server.serveLibrary(std::move(service));
   ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;

@@ -190,10 +190,10 @@ ResultsCommands::ResultsCommands(CLI::App& app) {
   queue_->add_flag("--retry", options_.retry, "Deliver what waits to its store now");
 }
 
-int ResultsCommands::runQueue(const std::optional<StoreSpec>& only, std::FILE* out,
-                              std::FILE* err) {
+int ResultsCommands::runQueue(const Host& host, const std::optional<StoreSpec>& only,
+                              std::FILE* out, std::FILE* err) {
   const ResultsOptions& o = options_;
-  const std::string root = defaultDataRoot();
+  const std::string& root = host.dataRoot;
   const std::string journal = join(root, kQueueFileName);
   const std::string defaultStore = StoreKey({StoreSpec::Kind::kSqlite, join(root, kStoreFileName)});
   const std::string onlyKey = only ? StoreKey(*only) : "";
@@ -201,7 +201,7 @@ int ResultsCommands::runQueue(const std::optional<StoreSpec>& only, std::FILE* o
   std::vector<QueuedRecord> records;
   auto read = [&] {
     records.clear();
-    if (!ResultsQueue::ReadAll(localFiles(), journal, defaultStore, records, &error)) return false;
+    if (!ResultsQueue::ReadAll(host.files, journal, defaultStore, records, &error)) return false;
     if (!onlyKey.empty()) {
       std::erase_if(records, [&](const QueuedRecord& r) { return r.store != onlyKey; });
     }
@@ -228,7 +228,7 @@ int ResultsCommands::runQueue(const std::optional<StoreSpec>& only, std::FILE* o
       } else {
         spec = {StoreSpec::Kind::kSqlite, store};
       }
-      ResultsQueue queue(localFiles(), journal, store);
+      ResultsQueue queue(host.files, journal, store);
       ResultsRecorder recorder(queue, [spec](std::string* e) -> std::unique_ptr<ResultsStore> {
         return OpenResultsStore(spec, e);
       });
@@ -270,7 +270,7 @@ int ResultsCommands::runQueue(const std::optional<StoreSpec>& only, std::FILE* o
   return status;
 }
 
-std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
+std::optional<int> ResultsCommands::run(const Host& host, std::FILE* out, std::FILE* err) {
   if (!results_->parsed()) return std::nullopt;
   ResultsOptions& o = options_;
   auto usage = [err](const std::string& text) {
@@ -297,17 +297,17 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
 
   std::string error;
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(localFiles(), *o.settings, settings, error))
+  if (o.settings && !LoadInstrumentSettings(host.files, *o.settings, settings, error))
     return usage(error);
   StoreSpec spec;
-  if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), defaultDataRoot(), spec, &error)) {
+  if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), host.dataRoot, spec, &error)) {
     return usage(error);
   }
   if (queue_->parsed()) {
     // Every store's records unless one is named.
     const bool named = o.store || !settings.resultsStore.empty();
     if (named && spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
-    return runQueue(named ? std::optional<StoreSpec>(spec) : std::nullopt, out, err);
+    return runQueue(host, named ? std::optional<StoreSpec>(spec) : std::nullopt, out, err);
   }
   if (spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
   std::unique_ptr<SqlResultsStore> store = OpenResultsStore(spec, &error);
@@ -420,7 +420,7 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
       return kResultsDone;
     }
     // Only a complete export takes the file's name.
-    const auto file = localFiles().rewrite(o.output, &error);
+    const auto file = host.files.rewrite(o.output, &error);
     if (!file) return usage("cannot write " + o.output);
     if (!file->write(text, &error) || !file->commit(&error)) {
       std::fprintf(err, "tavrix-cli results: cannot write %s\n", o.output.c_str());
@@ -571,8 +571,8 @@ std::optional<int> ResultsCommands::run(std::FILE* out, std::FILE* err) {
 
   // import
   const std::string station = o.station.empty() ? DefaultStationName() : o.station;
-  if (!localFiles().isFolder(o.folder)) return usage("no folder " + o.folder);
-  ImportScan scan = ScanResultsFolder(localFiles(), o.folder, station);
+  if (!host.files.isFolder(o.folder)) return usage("no folder " + o.folder);
+  ImportScan scan = ScanResultsFolder(host.files, o.folder, station);
   // Each file is loaded in a transaction of its own: a value the store
   // refuses skips its file, named, and the others are loaded.
   size_t loaded = 0;

@@ -17,6 +17,8 @@
 #include <optional>
 #include <string>
 
+#include "common/host.h"
+
 namespace CLI {
 class App;
 }
@@ -56,11 +58,12 @@ class ResultsCommands {
  public:
   explicit ResultsCommands(CLI::App& app);
   // The status of the results command parsed, or nullopt when none was.
-  std::optional<int> run(std::FILE* out, std::FILE* err);
+  std::optional<int> run(const Host& host, std::FILE* out, std::FILE* err);
 
  private:
   // `results queue`: what waits (for `only`, or for every store).
-  int runQueue(const std::optional<StoreSpec>& only, std::FILE* out, std::FILE* err);
+  int runQueue(const Host& host, const std::optional<StoreSpec>& only, std::FILE* out,
+               std::FILE* err);
 
   ResultsOptions options_;
   CLI::App* results_;

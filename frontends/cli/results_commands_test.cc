@@ -15,6 +15,7 @@
 #include "common/file_system.h"
 #include "resultsdb/results_queue.h"
 #include "resultsdb/results_store.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -221,7 +222,7 @@ TEST_F(ResultsCliTest, AServerThatCannotBeReachedNeitherEndsTheRunNorLosesItsRec
   const std::string trace = Read("trace.jsonl");
   EXPECT_THAT(trace, HasSubstr("\"ev\":\"results_store\""));
   EXPECT_THAT(trace, Not(HasSubstr(secret)));
-  ResultsQueue queue(localFiles(), Path("home/results-queue.journal"),
+  ResultsQueue queue(testFiles(), Path("home/results-queue.journal"),
                      StoreKey({StoreSpec::Kind::kPostgres, unreachable}));
   ASSERT_TRUE(queue.open(nullptr));
   EXPECT_EQ(queue.size(), 2u);
@@ -286,7 +287,7 @@ TEST_F(ResultsCliTest, OutputsThatAreNotRegularFilesAreWrittenIntoAndAFullStanda
     std::FILE* full = std::fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);
     Captured err;
-    EXPECT_EQ(TavrixCliMain(args, nullptr, full, err.stream()), 1) << args[1];
+    EXPECT_EQ(TavrixCliMain(testHost(), args, nullptr, full, err.stream()), 1) << args[1];
     std::fclose(full);
     EXPECT_THAT(err.take(), HasSubstr("tavrix-cli: cannot write standard output")) << args[1];
   }

@@ -36,6 +36,7 @@
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
 #include "instrument/simrig/sim_rig.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -45,8 +46,8 @@ using Files = std::map<std::string, std::string>;
 std::string Example(const std::string& name) {
   std::string text;
   std::string error;
-  EXPECT_TRUE(readTextFile(localFiles(), std::string(TAVRIX_SOURCE_DIR) + "/examples/" + name, text,
-                           &error))
+  EXPECT_TRUE(
+      readTextFile(testFiles(), std::string(TAVRIX_SOURCE_DIR) + "/examples/" + name, text, &error))
       << error;
   return text;
 }
@@ -727,16 +728,16 @@ class ResumeCli : public CliTestBase {
   Files TakeResults() {
     Files found;
     std::vector<std::string> names;
-    localFiles().list(Path("results"), names, nullptr);
+    testFiles().list(Path("results"), names, nullptr);
     for (const auto& name : names) {
       std::string bytes;
-      localFiles().readFile(Path("results/" + name), bytes, nullptr);
+      testFiles().readFile(Path("results/" + name), bytes, nullptr);
       std::string kept;
       for (const auto& line : splitLines(bytes)) {
         if (line.rfind("Resumed: ", 0) != 0) kept += line + "\r\n";
       }
       found[name] = kept;
-      localFiles().remove(Path("results/" + name), nullptr);
+      testFiles().remove(Path("results/" + name), nullptr);
     }
     return found;
   }
@@ -754,7 +755,7 @@ class ResumeCli : public CliTestBase {
     if (child == 0) {
       std::FILE* messages = std::tmpfile();
       std::string error;
-      auto answers = AnswersFile::load(localFiles(), answers_, &error);
+      auto answers = AnswersFile::load(testFiles(), answers_, &error);
       if (!answers) _exit(10);
       ScriptedOperator op(std::move(*answers), messages);
       EngineConfig config;
@@ -838,14 +839,14 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
   EXPECT_EQ(Cli(args), kExitUutFailed) << err_;
   EXPECT_NE(err_.find("gap 2 d 01 h 00 min 00 s"), std::string::npos) << err_;
   std::string trace;
-  ASSERT_TRUE(localFiles().readFile(Path("trace.jsonl"), trace, nullptr));
+  ASSERT_TRUE(testFiles().readFile(Path("trace.jsonl"), trace, nullptr));
   const size_t resume = trace.find("\"ev\":\"resume\"");
   ASSERT_NE(resume, std::string::npos) << trace.substr(0, 2000);
   EXPECT_NE(trace.find("\"gap\":176400", resume), std::string::npos) << trace.substr(resume, 300);
   // The wait went on with the time it had left: the first unit ended then,
   // and only its results say that it was resumed.
   std::vector<std::string> names;
-  localFiles().list(Path("results"), names, nullptr);
+  testFiles().list(Path("results"), names, nullptr);
   const std::string first =
       "SN_1_" + formatDate(kStart + (600 + 2 * 86400 + 3600) * kMicrosPerSecond, "yymmdd_hhmmss") +
       ".txt";
@@ -853,7 +854,7 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
   int notes = 0;
   for (const auto& name : names) {
     std::string bytes;
-    localFiles().readFile(Path("results/" + name), bytes, nullptr);
+    testFiles().readFile(Path("results/" + name), bytes, nullptr);
     if (bytes.find("Resumed: ") == std::string::npos) continue;
     ++notes;
     EXPECT_EQ(name, first);
@@ -880,14 +881,14 @@ TEST_F(ResumeCli, TheGapIsToldInTheTraceAndTheResultsOfTheUnitInProgress) {
 TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept) {
   RunAndKill(0, 305 * kMicrosPerSecond);
   std::vector<std::string> names;
-  ASSERT_TRUE(localFiles().list(RunsDir(), names, nullptr));
+  ASSERT_TRUE(testFiles().list(RunsDir(), names, nullptr));
   std::string checkpoint;
   for (const auto& name : names) {
     if (name.find(".checkpoint") != std::string::npos) checkpoint = Path("home/runs/" + name);
   }
   ASSERT_FALSE(checkpoint.empty());
   std::string good;
-  ASSERT_TRUE(localFiles().readFile(checkpoint, good, nullptr));
+  ASSERT_TRUE(testFiles().readFile(checkpoint, good, nullptr));
   std::vector<std::string> resume = RunArgs();
   resume.push_back("--resume");
 
@@ -902,11 +903,11 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
            {damaged, "is damaged"},
            {otherVersion, "checkpoint format version 7; this program reads version 1"},
            {"{}", "is not a run checkpoint"}}) {
-    ASSERT_TRUE(localFiles().writeAtomically(checkpoint, bytes, nullptr));
+    ASSERT_TRUE(testFiles().writeAtomically(checkpoint, bytes, nullptr));
     EXPECT_EQ(Cli(resume), kExitUsage) << message;
     EXPECT_NE(err_.find(message), std::string::npos) << err_;
     std::string after;
-    ASSERT_TRUE(localFiles().readFile(checkpoint, after, nullptr));
+    ASSERT_TRUE(testFiles().readFile(checkpoint, after, nullptr));
     EXPECT_EQ(after, bytes) << "the checkpoint was touched: " << message;
     // The listing tells why it cannot be used.
     EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
@@ -915,7 +916,7 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
 
   // A sequence file changed since the checkpoint: refused, naming the file,
   // unless forced.
-  ASSERT_TRUE(localFiles().writeAtomically(checkpoint, good, nullptr));
+  ASSERT_TRUE(testFiles().writeAtomically(checkpoint, good, nullptr));
   File("test.wts", "NEXT:\r\nDB_DATAENTRY " + Path("details.txt") +
                        "\r\nDB_STAGECHECK 1\r\nWAITSECONDS 601\r\n"
                        "DB_STAGECHECK 2\r\nINCREMENTLOOPCOUNT\r\nGOTO NEXT\r\n");
@@ -923,12 +924,12 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
   EXPECT_NE(err_.find("the sequence file " + sequence_ + " has changed"), std::string::npos)
       << err_;
   std::string after;
-  ASSERT_TRUE(localFiles().readFile(checkpoint, after, nullptr));
+  ASSERT_TRUE(testFiles().readFile(checkpoint, after, nullptr));
   EXPECT_EQ(after, good);
   resume.push_back("--force");
   EXPECT_EQ(Cli(resume), kExitUutFailed) << err_;
   EXPECT_NE(err_.find("warning: the sequence file changed"), std::string::npos) << err_;
-  EXPECT_FALSE(localFiles().isFile(checkpoint));
+  EXPECT_FALSE(testFiles().isFile(checkpoint));
 
   // A run that is not to go on is discarded: kept aside, no longer listed.
   RunAndKill(0, 305 * kMicrosPerSecond);
@@ -936,7 +937,7 @@ TEST_F(ResumeCli, ACheckpointThatCannotBeUsedOrAChangedSequenceIsRefusedAndKept)
   const std::string name =
       out_.substr(out_.find('\n') + 1, out_.find('\t', out_.find('\n')) - out_.find('\n') - 1);
   EXPECT_EQ(Cli({"ctl", "discard", name}), kExitOk) << err_;
-  EXPECT_TRUE(localFiles().isFile(Path("home/runs/discarded/" + name + ".checkpoint")));
+  EXPECT_TRUE(testFiles().isFile(Path("home/runs/discarded/" + name + ".checkpoint")));
   EXPECT_EQ(Cli({"ctl", "list", "--interrupted"}), kExitOk);
   EXPECT_EQ(out_, "no interrupted run\n");
   EXPECT_EQ(Cli(resume), kExitUsage);
@@ -955,7 +956,7 @@ TEST_F(ResumeCli, TheSafeStateSequenceRunsBeforeAResumeAndAfterAnAbnormalEnd) {
       kExitSequenceError);
   EXPECT_NE(err_.find("the safe-state sequence " + safe + " ran"), std::string::npos) << err_;
   std::string trace;
-  ASSERT_TRUE(localFiles().readFile(Path("t1.jsonl"), trace, nullptr));
+  ASSERT_TRUE(testFiles().readFile(Path("t1.jsonl"), trace, nullptr));
   const size_t sent = trace.find("WRI HEATER 77");
   const size_t safed = trace.find("WRI HEATER 0");
   EXPECT_NE(sent, std::string::npos);

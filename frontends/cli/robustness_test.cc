@@ -103,7 +103,7 @@ TEST_F(RobustnessTest, VirtualWaitsJumpAndEndAsTheirLengthSays) {
   options.loopWarningLines = 1000;
   std::FILE* err = std::tmpfile();
   std::FILE* out = std::tmpfile();
-  EXPECT_EQ(RunSequence(options, nullptr, out, err), kExitLimit);
+  EXPECT_EQ(RunSequence(testHost(), options, nullptr, out, err), kExitLimit);
   std::fclose(out);
   const std::string text = Slurp(err);
   EXPECT_THAT(text, HasSubstr("tavrix-cli: warning: 1000 lines have run without the virtual clock "

@@ -211,9 +211,10 @@ class StopBridge {
 
 }  // namespace
 
-int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err) {
+int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std::FILE* out,
+                std::FILE* err) {
   if (options.station && NamesStationFile(*options.station))
-    return RunStation(options, *options.station, in, out, err);
+    return RunStation(host, options, *options.station, in, out, err);
   // Taken before any thread of the run starts (the results store's writer,
   // the terminal view), so that a stop request never ends the process
   // before the results are written.
@@ -224,7 +225,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   // as it is.
   InterruptedRun interrupted;
   if (options.resume) {
-    const LocalFileSystem probe(defaultDataRoot());
+    const LocalFileSystem probe(host.dataRoot);
     std::string problem;
     nlohmann::json checkpoint;
     if (!FindInterruptedRun(probe, options.resumeRun, interrupted, &problem) ||
@@ -257,7 +258,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   }
 
   // The data root is decided here, once, for the whole run.
-  auto files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+  auto files = std::make_unique<LocalFileSystem>(host.dataRoot);
   std::optional<Micros> stopAfter;
   if (options.stopAfter) {
     stopAfter = parseDuration(*options.stopAfter);
@@ -429,7 +430,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
     if (options.shell) {
       shellFolder.emplace();
       sequence = shellFolder->file("shell.wts");
-      if (!localFiles().writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
+      if (!host.files.writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
         std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
         return kExitUsage;
       }
@@ -536,7 +537,7 @@ int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::F
   return status;
 }
 
-int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
+int RunRig(const Host& host, const RigOptions& options, std::FILE* out, std::FILE* err,
            const std::atomic<bool>* stop) {
   std::string error;
   if (options.newKey) {
@@ -555,25 +556,25 @@ int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
   serving.keyFile = options.key.value_or("");
   InstrumentSettings settings;
   if (options.instrumentSettings &&
-      !LoadInstrumentSettings(localFiles(), *options.instrumentSettings, settings, error)) {
+      !LoadInstrumentSettings(host.files, *options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
     return kExitUsage;
   }
   SystemClock clock;
   if (options.link != kLinkSim) {
-    serving.library = MakeLinkLibrary(options.link, clock, settings, localFiles(), &error);
+    serving.library = MakeLinkLibrary(options.link, clock, settings, host.files, &error);
     if (!serving.library) {
       std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
       return kExitUsage;
     }
     serving.libraryName = options.link;
   }
-  return RunRigServer(std::move(serving), err, stop);
+  return RunRigServer(host.files, std::move(serving), err, stop);
 }
 
 namespace {
-int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
-                std::FILE* err);
+int CommandMain(const Host& host, const std::vector<std::string>& args, std::FILE* in,
+                std::FILE* out, std::FILE* err);
 
 // "tavrix-cli 7.0 (commit 0123456789ab)": what --version shows.
 std::string VersionText() {
@@ -581,9 +582,9 @@ std::string VersionText() {
 }
 }  // namespace
 
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
-                  std::FILE* err) {
-  const int status = CommandMain(args, in, out, err);
+int TavrixCliMain(const Host& host, const std::vector<std::string>& args, std::FILE* in,
+                  std::FILE* out, std::FILE* err) {
+  const int status = CommandMain(host, args, in, out, err);
   // What a command printed must have arrived: a full disk or a closed pipe
   // behind standard output is a failure of the command, not a success.
   errno = 0;
@@ -607,8 +608,8 @@ bool NamesStationFileIn(const std::vector<std::string>& args) {
   return false;
 }
 
-int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
-                std::FILE* err) {
+int CommandMain(const Host& host, const std::vector<std::string>& args, std::FILE* in,
+                std::FILE* out, std::FILE* err) {
   CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
   app.require_subcommand(1);
   app.set_version_flag("--version", VersionText(),
@@ -791,21 +792,21 @@ int CommandMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* 
       std::fprintf(err, "tavrix-cli: --force goes with --resume\n");
       return kExitUsage;
     }
-    return RunSequence(run, in, out, err);
+    return RunSequence(host, run, in, out, err);
   }
-  if (shellCommand->parsed()) return RunSequence(shell, in, out, err);
-  if (auto status = cryptCommands.run(in, out, err)) return *status;
-  if (auto status = resultsCommands.run(out, err)) return *status;
-  if (auto status = ctlCommand.run(out, err)) return *status;
-  if (auto status = serveCommand.run(out, err)) return *status;
-  if (rigCommand->parsed()) return RunRig(rig, out, err);
+  if (shellCommand->parsed()) return RunSequence(host, shell, in, out, err);
+  if (auto status = cryptCommands.run(host, in, out, err)) return *status;
+  if (auto status = resultsCommands.run(host, out, err)) return *status;
+  if (auto status = ctlCommand.run(host, out, err)) return *status;
+  if (auto status = serveCommand.run(host, out, err)) return *status;
+  if (rigCommand->parsed()) return RunRig(host, rig, out, err);
   if (lintCommand->parsed() && !lintStation.empty())
-    return LintStation(lintStation, lintFiles, out, err);
+    return LintStation(host, lintStation, lintFiles, out, err);
   if (lintCommand->parsed() && lintFiles.empty()) {
     std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
     return kExitUsage;
   }
-  if (lintCommand->parsed()) return RunLint(lintFiles, out, err, lintLink);
+  if (lintCommand->parsed()) return RunLint(host, lintFiles, out, err, lintLink);
   return kExitUsage;
 }
 

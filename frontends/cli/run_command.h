@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/host.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -98,15 +99,16 @@ struct RigOptions {
 
 // Runs `tavrix-cli rig`; returns the exit status. Serves until `stop` (when
 // given) becomes true.
-int RunRig(const RigOptions& options, std::FILE* out, std::FILE* err,
+int RunRig(const Host& host, const RigOptions& options, std::FILE* out, std::FILE* err,
            const std::atomic<bool>* stop = nullptr);
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,
 // a trace to "-" goes to `out`.
-int RunSequence(const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err);
+int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std::FILE* out,
+                std::FILE* err);
 
-// The whole command line of tavrix-cli.
-int TavrixCliMain(const std::vector<std::string>& args, std::FILE* in, std::FILE* out,
-                  std::FILE* err);
+// The whole command line of tavrix-cli, on the machine `host` describes.
+int TavrixCliMain(const Host& host, const std::vector<std::string>& args, std::FILE* in,
+                  std::FILE* out, std::FILE* err);
 
 }  // namespace tavrix

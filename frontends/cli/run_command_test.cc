@@ -243,14 +243,14 @@ TEST_F(CliTest, TheRigCommandLetsOtherComputersInOnlyWithAKey) {
     options.key = key;
     std::atomic<bool> stopAtOnce{true};
     Captured log;
-    EXPECT_EQ(RunRig(options, nullptr, log.stream(), &stopAtOnce), kExitOk);
+    EXPECT_EQ(RunRig(testHost(), options, nullptr, log.stream(), &stopAtOnce), kExitOk);
     EXPECT_NE(log.take().find("serving an empty rig on 127.0.0.1:"), std::string::npos);
   }
   RigServer server;
   std::string error;
   ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
   std::string keyBytes;
-  ASSERT_TRUE(LoadLinkKey(key, keyBytes, error)) << error;
+  ASSERT_TRUE(LoadLinkKey(testFiles(), key, keyBytes, error)) << error;
   server.requireKey(keyBytes);
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });

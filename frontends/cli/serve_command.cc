@@ -48,7 +48,7 @@ ServeCommand::ServeCommand(CLI::App& app) {
 
 #ifdef _WIN32
 
-std::optional<int> ServeCommand::run(std::FILE*, std::FILE* err) {
+std::optional<int> ServeCommand::run(const Host&, std::FILE*, std::FILE* err) {
   if (!command_->parsed()) return std::nullopt;
   std::fprintf(err, "tavrix-cli serve: this Windows build has no plant view\n");
   return kExitSequenceError;
@@ -56,16 +56,16 @@ std::optional<int> ServeCommand::run(std::FILE*, std::FILE* err) {
 
 #else
 
-std::optional<int> ServeCommand::run(std::FILE* out, std::FILE* err) {
+std::optional<int> ServeCommand::run(const Host& cli, std::FILE* out, std::FILE* err) {
   if (!command_->parsed()) return std::nullopt;
   const ServeOptions& o = options_;
   std::string error;
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(localFiles(), *o.settings, settings, error)) {
+  if (o.settings && !LoadInstrumentSettings(cli.files, *o.settings, settings, error)) {
     std::fprintf(err, "tavrix-cli serve: %s\n", error.c_str());
     return kExitUsage;
   }
-  const std::string root = defaultDataRoot();
+  const std::string& root = cli.dataRoot;
   plant::ServerOptions options;
   if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), root, options.store, &error)) {
     std::fprintf(err, "tavrix-cli serve: %s\n", error.c_str());
@@ -91,7 +91,7 @@ std::optional<int> ServeCommand::run(std::FILE* out, std::FILE* err) {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  auto server = plant::Server::Start(options, &error);
+  auto server = plant::Server::Start(cli.files, options, &error);
   if (!server) {
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     std::fprintf(err, "tavrix-cli serve: %s\n", error.c_str());

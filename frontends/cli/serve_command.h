@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "common/host.h"
+
 namespace CLI {
 class App;
 }
@@ -30,7 +32,7 @@ class ServeCommand {
   explicit ServeCommand(CLI::App& app);
   // The exit status when `serve` was given: 0 after an interrupt, 1 when it
   // cannot serve (the store, the address), 2 bad usage.
-  std::optional<int> run(std::FILE* out, std::FILE* err);
+  std::optional<int> run(const Host& host, std::FILE* out, std::FILE* err);
 
  private:
   CLI::App* command_;

@@ -506,13 +506,13 @@ int RunSocket(StationShared& shared, size_t index) {
 
 }  // namespace
 
-int LintStation(const std::string& stationFile, const std::vector<std::string>& sequences,
-                std::FILE* out, std::FILE* err) {
+int LintStation(const Host& host, const std::string& stationFile,
+                const std::vector<std::string>& sequences, std::FILE* out, std::FILE* err) {
   if (sequences.size() > 1) {
     std::fprintf(err, "tavrix-cli: lint --station takes at most one SEQUENCE\n");
     return kExitUsage;
   }
-  LocalFileSystem files(defaultDataRoot());
+  LocalFileSystem files(host.dataRoot);
   Station station;
   std::string error;
   const std::optional<std::string> sequence =
@@ -526,7 +526,7 @@ int LintStation(const std::string& stationFile, const std::vector<std::string>& 
     const std::string& path = station.sequenceOf(socket);
     if (std::find(linted.begin(), linted.end(), path) == linted.end()) linted.push_back(path);
   }
-  const int status = RunLint(linted, out, err);
+  const int status = RunLint(host, linted, out, err);
   if (status == 0) {
     std::fprintf(out, "%s: %zu socket%s ready\n", stationFile.c_str(), station.sockets.size(),
                  station.sockets.size() == 1 ? "" : "s");
@@ -540,9 +540,9 @@ bool NamesStationFile(const std::string& value) {
   return value.size() > 5 && value.compare(value.size() - 5, 5, ".toml") == 0;
 }
 
-int RunStation(const RunOptions& options, const std::string& stationFile, std::FILE* in,
-               std::FILE* out, std::FILE* err) {
-  LocalFileSystem files(defaultDataRoot());
+int RunStation(const Host& host, const RunOptions& options, const std::string& stationFile,
+               std::FILE* in, std::FILE* out, std::FILE* err) {
+  LocalFileSystem files(host.dataRoot);
   Station station;
   std::string error;
   const std::optional<std::string> sequence =

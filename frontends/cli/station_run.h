@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/host.h"
 #include "run_command.h"
 
 namespace tavrix {
@@ -23,13 +24,13 @@ bool NamesStationFile(const std::string& value);
 // Runs the station; the exit status is the worst of the sockets'. A station
 // file that cannot be used is told on `err` with status 2 before anything
 // runs.
-int RunStation(const RunOptions& options, const std::string& stationFile, std::FILE* in,
-               std::FILE* out, std::FILE* err);
+int RunStation(const Host& host, const RunOptions& options, const std::string& stationFile,
+               std::FILE* in, std::FILE* out, std::FILE* err);
 
 // `tavrix-cli lint --station FILE [SEQUENCE]`: checks the station file as a
 // run would before it starts anything (status 2 with the same message), then
 // lints each socket's sequence once.
-int LintStation(const std::string& stationFile, const std::vector<std::string>& sequences,
-                std::FILE* out, std::FILE* err);
+int LintStation(const Host& host, const std::string& stationFile,
+                const std::vector<std::string>& sequences, std::FILE* out, std::FILE* err);
 
 }  // namespace tavrix

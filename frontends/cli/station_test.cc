@@ -27,6 +27,7 @@
 #include "station_link.h"
 #include "station_run.h"
 #include "station_time.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -75,7 +76,7 @@ class StationTest : public CliTestBase {
 
   std::string Trace(const std::string& socket) {
     std::string text;
-    localFiles().readFile(Path("t." + socket + ".jsonl"), text, nullptr);
+    testFiles().readFile(Path("t." + socket + ".jsonl"), text, nullptr);
     return text;
   }
 };
@@ -109,7 +110,7 @@ TEST_F(StationTest, AStationFileThatCannotBeUsedStartsNothing) {
     EXPECT_THAT(err_, HasSubstr(c.message));
     EXPECT_THAT(err_, HasSubstr(Path("station.toml")));
     std::string trace;
-    EXPECT_FALSE(localFiles().readFile(Path("t.S1.jsonl"), trace, nullptr)) << "a socket started";
+    EXPECT_FALSE(testFiles().readFile(Path("t.S1.jsonl"), trace, nullptr)) << "a socket started";
     const std::string runError = err_;
     EXPECT_EQ(Cli({"lint", "--station", Path("station.toml")}), kExitUsage);
     EXPECT_EQ(err_, runError) << "lint says what run says";
@@ -343,7 +344,7 @@ TEST_F(StationTest, EachUutRecordNamesItsSocket) {
   std::string summary;
   for (const auto& entry : std::filesystem::directory_iterator(Path("results"))) {
     if (entry.path().filename().string().rfind("Oven test_", 0) == 0)
-      localFiles().readFile(entry.path().string(), summary, nullptr);
+      testFiles().readFile(entry.path().string(), summary, nullptr);
   }
   EXPECT_THAT(summary, HasSubstr("101\tPASS"));
   EXPECT_THAT(summary, HasSubstr("202\tPASS"));
@@ -558,7 +559,7 @@ class EchoBackend : public SlowBackend {
 TEST(SharedLinkTest, SocketsOnARigServerShareADeviceOneExchangeAtATime) {
   auto owned = std::make_unique<EchoBackend>();
   EchoBackend& backend = *owned;
-  auto service = std::make_unique<LibraryService>(std::move(owned));
+  auto service = std::make_unique<LibraryService>(std::move(owned), testFiles());
   std::string error;
   ASSERT_TRUE(service->open(error)) << error;
   RigServer server;
@@ -575,7 +576,7 @@ TEST(SharedLinkTest, SocketsOnARigServerShareADeviceOneExchangeAtATime) {
   for (int s = 0; s < kSockets; ++s) {
     threads.emplace_back([&, s] {
       SystemClock clock;
-      auto tcp = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), localFiles());
+      auto tcp = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), testFiles());
       tcp->responseWaitMs = 10'000;
       SocketLink link(s, gate, setup, std::move(tcp));
       int16_t handle = 0;

@@ -13,6 +13,7 @@
 
 #include "cli_test_support.h"
 #include "run_command.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -98,7 +99,8 @@ TEST_F(TerminalKeysTest, KeysWatchListStepSkipResumeAndStopButNeverAnswerAQuesti
   std::FILE* out = terminal.Stream("w");
   std::FILE* err = terminal.Stream("w");
   const int status =
-      TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--setup", setup, "--break", "2",
+      TavrixCliMain(testHost(),
+                    {"tavrix-cli", "run", "--virtual-time", "--setup", setup, "--break", "2",
                      "--break", "7", "--trace", Path("keys.jsonl"), seq},
                     in, out, err);
   // The terminal is left as it was found: lines and echo again.
@@ -113,7 +115,7 @@ TEST_F(TerminalKeysTest, KeysWatchListStepSkipResumeAndStopButNeverAnswerAQuesti
   // q at the last hold stopped the run.
   EXPECT_EQ(status, kExitStopped) << shown;
   std::string trace;
-  ASSERT_TRUE(localFiles().readFile(Path("keys.jsonl"), trace, nullptr));
+  ASSERT_TRUE(testFiles().readFile(Path("keys.jsonl"), trace, nullptr));
   // The question got every key typed for it.
   EXPECT_NE(trace.find("\"answer\":\"8 sk q\""), std::string::npos) << trace;
   EXPECT_NE(trace.find("\"ev\":\"resume\",\"by\":\"skip\""), std::string::npos) << trace;

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "cli_test_support.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -74,7 +75,7 @@ class TerminalViewTest : public CliTestBase {
     std::FILE* out = terminal.Stream("w");
     std::FILE* in = errToo ? terminal.Stream("r") : nullptr;
     std::FILE* err = errToo ? terminal.Stream("w") : std::tmpfile();
-    const int status = TavrixCliMain(args, in, out, err);
+    const int status = TavrixCliMain(testHost(), args, in, out, err);
     std::fclose(out);
     if (in != nullptr) std::fclose(in);
     if (errToo) {
@@ -194,7 +195,7 @@ TEST_F(TerminalViewTest, ElsewhereOnlyMessagesAndTheSummary) {
   EXPECT_TRUE(Has(out_, "Written: " + d + "/results/SN_2_261115_143005.txt\n")) << out_;
   const std::string summaryFile = "Written: " + d + "/results/Pump test_261115.txt\n";
   EXPECT_EQ(out_.find(summaryFile), out_.rfind(summaryFile)) << "each file once";
-  EXPECT_TRUE(localFiles().isFile(d + "/results/SN_1_261115_143005.txt"));
+  EXPECT_TRUE(testFiles().isFile(d + "/results/SN_1_261115_143005.txt"));
 }
 
 }  // namespace

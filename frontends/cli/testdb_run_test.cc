@@ -8,6 +8,7 @@
 #include "cli_test_support.h"
 #include "common/file_system.h"
 #include "run_command.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -34,12 +35,12 @@ class TestDbRunTest : public ::testing::Test {
   }
   ~TestDbRunTest() override { unsetenv("TAVRIX_HOME"); }
   std::string File(const std::string& name, const std::string& text) {
-    EXPECT_TRUE(localFiles().writeAtomically(dir_ + "/" + name, text, nullptr));
+    EXPECT_TRUE(testFiles().writeAtomically(dir_ + "/" + name, text, nullptr));
     return dir_ + "/" + name;
   }
   std::string Read(const std::string& name) const {
     std::string text;
-    localFiles().readFile(dir_ + "/" + name, text, nullptr);
+    testFiles().readFile(dir_ + "/" + name, text, nullptr);
     return text;
   }
   int Run(const std::string& answers, std::vector<std::string> extra = {}) {
@@ -50,7 +51,7 @@ class TestDbRunTest : public ::testing::Test {
     args.push_back(dir_ + "/test.wts");
     Captured out;
     Captured err;
-    const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+    const int status = TavrixCliMain(testHost(), args, nullptr, out.stream(), err.stream());
     err_ = err.take();
     return status;
   }
@@ -93,7 +94,7 @@ TEST_F(TestDbRunTest, PassingUutsEndWithStatusZeroAndXmlCanBeChosen) {
   // Results can be switched off.
   removeTree(dir_ + "/results");
   EXPECT_EQ(Run("Accept|serial=9\nPass\nCancel\n", {"--results", "off"}), kExitOk);
-  EXPECT_FALSE(localFiles().isFolder(dir_ + "/results"));
+  EXPECT_FALSE(testFiles().isFolder(dir_ + "/results"));
   EXPECT_EQ(Run("Cancel\n", {"--results", "html"}), kExitUsage);
 }
 
@@ -122,8 +123,8 @@ TEST_F(TestDbRunTest, AStandingAnswerThatLoopsEndsTheRunWithOneMessage) {
 // The example of docs/test-database.md, on the simulated rig: run from a copy
 // of the examples folder, as from the top of the repository.
 TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
-  ASSERT_TRUE(copyTree(localFiles(), TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples"));
-  const std::string before = localFiles().currentFolder();
+  ASSERT_TRUE(copyTree(testFiles(), TAVRIX_SOURCE_DIR "/examples", dir_ + "/examples"));
+  const std::string before = testFiles().currentFolder();
   ASSERT_TRUE(changeCurrentFolder(dir_));
   std::vector<std::string> args = {"tavrix-cli",
                                    "run",
@@ -137,7 +138,7 @@ TEST_F(TestDbRunTest, TheTwoPumpExampleOnTheSimulatedRig) {
                                    "examples/uut_test.wts"};
   Captured out;
   Captured err;
-  const int status = TavrixCliMain(args, nullptr, out.stream(), err.stream());
+  const int status = TavrixCliMain(testHost(), args, nullptr, out.stream(), err.stream());
   changeCurrentFolder(before);
   EXPECT_EQ(status, kExitUutFailed);
   EXPECT_THAT(Read("results/Pump test_261115.txt"),

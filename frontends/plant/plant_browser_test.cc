@@ -304,7 +304,8 @@ TEST_F(PlantBrowserTest, EveryPageLoadsCleanlyAndTheLivePageFollowsARun) {
   std::FILE* errRead = ::fdopen(pipeFds[0], "r");
   Captured runOut;
   std::thread run([&] {
-    TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup, "--break",
+    TavrixCliMain(testHost(),
+                  {"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup, "--break",
                    "2", "--results-store", "off", seq},
                   nullptr, runOut.stream(), errWrite);
     std::fclose(errWrite);
@@ -340,7 +341,7 @@ TEST_F(PlantBrowserTest, EveryPageLoadsCleanlyAndTheLivePageFollowsARun) {
   o.liveScanMs = 50;
   o.station = "LINE3";
   o.publishSeconds = 1;
-  auto server = Server::Start(o, &error);
+  auto server = Server::Start(testFiles(), o, &error);
   ASSERT_TRUE(server) << error;
   const std::string base = "http://127.0.0.1:" + std::to_string(server->port());
 

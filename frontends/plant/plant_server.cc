@@ -259,7 +259,7 @@ bool IsLoopback(const std::string& host) {
 
 class Server::Impl {
  public:
-  explicit Impl(ServerOptions options) : options_(std::move(options)) {
+  Impl(FileSystem& files, ServerOptions options) : files_(files), options_(std::move(options)) {
     if (!options_.now) options_.now = [] { return static_cast<long long>(std::time(nullptr)); };
   }
 
@@ -290,7 +290,7 @@ class Server::Impl {
       if (file.empty()) continue;
       std::string key;
       std::string why;
-      if (!LoadLinkKey(file, key, why)) {
+      if (!LoadLinkKey(files_, file, key, why)) {
         *error = why;
         return false;
       }
@@ -665,7 +665,7 @@ class Server::Impl {
     if (fs::file_size(path, ec) > kLargestServedFile || ec)
       return ErrorPage(413, "The results file is too large to show here.");
     std::string text;
-    if (!localFiles().readFile(path, text, nullptr))
+    if (!files_.readFile(path, text, nullptr))
       return ErrorPage(404, "The results file " + files[n - 1] + " cannot be read.");
     const bool xml = fs::path(path).extension() == ".xml";
     return {200, xml ? "application/xml" : "text/plain; charset=utf-8", std::move(text)};
@@ -960,9 +960,8 @@ class Server::Impl {
     std::lock_guard guard(auditMutex_);
     std::string error;
     const size_t slash = options_.auditLog.rfind('/');
-    if (slash != std::string::npos)
-      localFiles().makeFolders(options_.auditLog.substr(0, slash), nullptr);
-    localFiles().append(options_.auditLog, line, &error);
+    if (slash != std::string::npos) files_.makeFolders(options_.auditLog.substr(0, slash), nullptr);
+    files_.append(options_.auditLog, line, &error);
   }
 
   static void Send(httplib::Response& res, const Reply& r) {
@@ -1196,6 +1195,7 @@ class Server::Impl {
         [this](bool) { viewers_.fetch_sub(1); });
   }
 
+  FileSystem& files_;
   ServerOptions options_;
   std::unique_ptr<httplib::Server> server_;
   std::unique_ptr<LiveMonitor> monitor_;
@@ -1215,8 +1215,9 @@ class Server::Impl {
   std::mutex auditMutex_;
 };
 
-std::unique_ptr<Server> Server::Start(ServerOptions options, std::string* error) {
-  auto impl = std::make_unique<Impl>(std::move(options));
+std::unique_ptr<Server> Server::Start(FileSystem& files, ServerOptions options,
+                                      std::string* error) {
+  auto impl = std::make_unique<Impl>(files, std::move(options));
   std::string why;
   if (!impl->start(&why)) {
     if (error) *error = why;

@@ -16,6 +16,10 @@
 
 #include "resultsdb/results_store.h"
 
+namespace tavrix {
+class FileSystem;
+}
+
 namespace tavrix::plant {
 
 struct ServerOptions {
@@ -56,8 +60,10 @@ struct Reply {
 class Server {
  public:
   // Checks the options, binds and starts serving on a thread of its own;
-  // nullptr with a message (nothing bound) when it cannot.
-  static std::unique_ptr<Server> Start(ServerOptions options, std::string* error);
+  // nullptr with a message (nothing bound) when it cannot. The results files
+  // and the audit log are reached through `files`.
+  static std::unique_ptr<Server> Start(FileSystem& files, ServerOptions options,
+                                       std::string* error);
   ~Server();
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;

@@ -33,6 +33,7 @@
 #include "resultsdb/station_status.h"
 #include "resultsdb/store_test_support.h"
 #include "station_publisher.h"
+#include "testing/test_files.h"
 
 namespace tavrix::plant {
 namespace {
@@ -99,7 +100,7 @@ class PlantServerTest : public CliTestBase {
 
   void Start(ServerOptions o) {
     std::string error;
-    server_ = Server::Start(std::move(o), &error);
+    server_ = Server::Start(testFiles(), std::move(o), &error);
     ASSERT_TRUE(server_) << error;
     client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
     client_->set_read_timeout(20);
@@ -119,7 +120,7 @@ class PlantServerTest : public CliTestBase {
     std::string error;
     EXPECT_TRUE(WriteNewLinkKey(Path(name), error)) << error;
     std::string key;
-    EXPECT_TRUE(LoadLinkKey(Path(name), key, error)) << error;
+    EXPECT_TRUE(LoadLinkKey(testFiles(), Path(name), key, error)) << error;
     return Hex(key);
   }
 
@@ -319,29 +320,29 @@ TEST_F(PlantServerTest, TokensCookiesAndWhereItListens) {
   std::string error;
   ServerOptions o = Options();
   o.listen = "0.0.0.0:0";
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   EXPECT_THAT(error, HasSubstr("refused to listen on 0.0.0.0"));
   o.tokenFile = Path("early.key");
   Key("early.key");
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   EXPECT_THAT(error, HasSubstr("needs TLS"));
   o.listen = "[::]:0";
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   o.tlsCert = Path("cert.pem");
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   EXPECT_THAT(error, HasSubstr("both a certificate"));
   o = Options();
   o.listen = "127.0.0.1:99999";
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   o.listen = "nonsense";
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   o = Options();
   o.allowControl = true;
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   EXPECT_THAT(error, HasSubstr("--control-token-file"));
   o = Options();
   o.tokenFile = Path("unreadable.key");
-  EXPECT_FALSE(Server::Start(o, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), o, &error));
   EXPECT_TRUE(IsLoopback("127.0.0.1") && IsLoopback("127.8.0.1") && IsLoopback("::1") &&
               IsLoopback("localhost"));
   EXPECT_FALSE(IsLoopback("0.0.0.0") || IsLoopback("10.0.0.1") || IsLoopback("::") ||
@@ -464,10 +465,10 @@ TEST_F(PlantServerTest, OverTlsTheTokenIsNeededAndTheCookieIsSecure) {
   // A key that is not the certificate's is refused.
   ServerOptions wrong = o;
   wrong.tlsKey = Path("viewer.key");
-  EXPECT_FALSE(Server::Start(wrong, &error));
+  EXPECT_FALSE(Server::Start(testFiles(), wrong, &error));
   EXPECT_THAT(error, HasSubstr("cannot use the certificate"));
 
-  auto server = Server::Start(o, &error);
+  auto server = Server::Start(testFiles(), o, &error);
   ASSERT_TRUE(server) << error;
   EXPECT_TRUE(server->tls());
   httplib::SSLClient tls("127.0.0.1", server->port());
@@ -551,7 +552,8 @@ TEST_F(PlantServerTest, TheLivePageFollowsAHeldRunAndOnlyAControlTokenFromThisSi
   Captured out;
   int status = -1;
   std::thread run([&] {
-    status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
+    status = TavrixCliMain(testHost(),
+                           {"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
                             "--break", "2", "--results-store", "off", seq},
                            nullptr, out.stream(), errWrite);
     std::fclose(errWrite);
@@ -625,7 +627,7 @@ TEST_F(PlantServerTest, TheLivePageFollowsAHeldRunAndOnlyAControlTokenFromThisSi
 
   // Every control action, refused or done, is in the audit log.
   std::string audit;
-  ASSERT_TRUE(localFiles().readFile(Home() + "/plant-audit.log", audit, nullptr));
+  ASSERT_TRUE(testFiles().readFile(Home() + "/plant-audit.log", audit, nullptr));
   EXPECT_EQ(Count(audit, "\n"), 11u) << audit;
   EXPECT_THAT(audit, HasSubstr("\tanswer Continue\trefused by the run: "));
   EXPECT_THAT(audit, HasSubstr("viewer token\t127.0.0.1\t" + id +
@@ -679,7 +681,8 @@ TEST_F(PlantServerTest, ARunPublishesItsStationIntoAPlantsServerWithoutServe) {
   int status = -1;
   const long long before = std::time(nullptr);
   std::thread run([&] {
-    status = TavrixCliMain({"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
+    status = TavrixCliMain(testHost(),
+                           {"tavrix-cli", "run", "--virtual-time", "--quiet", "--setup", setup,
                             "--break", "2", "--results-store", store, "--station", "LINE9", seq},
                            nullptr, out.stream(), errWrite);
     std::fclose(errWrite);

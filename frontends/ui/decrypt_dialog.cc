@@ -15,7 +15,7 @@
 
 namespace tavrix {
 
-DecryptDialog::DecryptDialog(QWidget* parent) : QDialog(parent) {
+DecryptDialog::DecryptDialog(FileSystem& files, QWidget* parent) : QDialog(parent), files_(files) {
   setObjectName("frmDecrypt");
   setWindowTitle(tr("Decrypt File"));
   ebSrcFileSpec_ = new QLineEdit;
@@ -92,7 +92,7 @@ void DecryptDialog::browse() {
 void DecryptDialog::decrypt() {
   const QString source = ebSrcFileSpec_->text();
   const QString destination = ebDestFileSpec_->text();
-  if (localFiles().info(Std(destination)).kind == FileKind::kMissing) {
+  if (files_.info(Std(destination)).kind == FileKind::kMissing) {
     decryptNow(source, destination);
     return;
   }
@@ -104,14 +104,14 @@ void DecryptDialog::decrypt() {
   box->setAttribute(Qt::WA_DeleteOnClose);
   connect(box, &QMessageBox::finished, this, [this, box, source, destination] {
     if (box->clickedButton() != box->button(QMessageBox::Yes)) return;
-    localFiles().remove(Std(destination), nullptr);
+    files_.remove(Std(destination), nullptr);
     decryptNow(source, destination);
   });
   box->open();
 }
 
 void DecryptDialog::decryptNow(const QString& source, const QString& destination) {
-  if (!decryptFile(localFiles(), Std(source), Std(destination), kDefaultUtilityKey, nullptr)) {
+  if (!decryptFile(files_, Std(source), Std(destination), kDefaultUtilityKey, nullptr)) {
     laMessage_->clear();
     message(Text(kMsgFailedToDecrypt) + source);
     return;

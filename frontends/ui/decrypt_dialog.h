@@ -19,9 +19,12 @@ class QPushButton;
 
 namespace tavrix {
 
+class FileSystem;
+
 class DecryptDialog : public QDialog {
  public:
-  explicit DecryptDialog(QWidget* parent);
+  // Decrypts files of `files`.
+  DecryptDialog(FileSystem& files, QWidget* parent);
 
  private:
   void sourceChanged(const QString& text);
@@ -30,6 +33,7 @@ class DecryptDialog : public QDialog {
   void decryptNow(const QString& source, const QString& destination);
   void message(const QString& text);
 
+  FileSystem& files_;
   QLineEdit* ebSrcFileSpec_;
   QLineEdit* ebDestFileSpec_;
   QPushButton* pbDecrypt_;

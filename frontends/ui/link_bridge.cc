@@ -21,14 +21,14 @@ std::string LoopbackLink(int port) {
 }
 
 // Whether a rig server answers on the port (with the key, when there is one).
-bool Answers(int port, const std::string& keyFile) {
+bool Answers(const FileSystem& files, int port, const std::string& keyFile) {
   SystemClock clock;
-  TcpLink link(clock, kLoopback, static_cast<uint16_t>(port), localFiles());
+  TcpLink link(clock, kLoopback, static_cast<uint16_t>(port), files);
   link.connectWaitMs = 500;
   if (!keyFile.empty()) {
     std::string key;
     std::string error;
-    if (!LoadLinkKey(keyFile, key, error)) return false;
+    if (!LoadLinkKey(files, keyFile, key, error)) return false;
     link.setKey(std::move(key));
   }
   int16_t handle = 0;
@@ -62,12 +62,13 @@ LinkPlan PlanLink(const InstrumentSettings& settings, const std::string& setting
   return plan;
 }
 
-bool DllLoadsInProcess(const InstrumentSettings& settings) {
+bool DllLoadsInProcess(const InstrumentSettings& settings, const FileSystem& files) {
 #if defined(_WIN32) && !defined(_WIN64)
   std::string ignored;
-  return MakeDllLink(settings, ignored) != nullptr;
+  return MakeDllLink(settings, files, ignored) != nullptr;
 #else
   (void)settings;
+  (void)files;
   return false;
 #endif
 }
@@ -80,11 +81,11 @@ LinkBridge::~LinkBridge() {
   process_->waitForFinished(5000);
 }
 
-std::unique_ptr<LinkBridge> LinkBridge::findOrStart(const LinkPlan& plan,
+std::unique_ptr<LinkBridge> LinkBridge::findOrStart(const FileSystem& files, const LinkPlan& plan,
                                                     const std::string& keyFile, std::string& error,
                                                     int startMs) {
   std::unique_ptr<LinkBridge> bridge(new LinkBridge);
-  if (plan.port != 0 && Answers(plan.port, keyFile)) {
+  if (plan.port != 0 && Answers(files, plan.port, keyFile)) {
     bridge->link_ = LoopbackLink(plan.port);
     return bridge;
   }

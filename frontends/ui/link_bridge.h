@@ -15,6 +15,8 @@
 
 namespace tavrix {
 
+class FileSystem;
+
 // What the window does about its link.
 struct LinkPlan {
   std::string link;  // the link the window's instrument uses
@@ -34,7 +36,7 @@ LinkPlan PlanLink(const InstrumentSettings& settings, const std::string& setting
 
 // True when this build of the window is one that can load the rig PC's
 // 32-bit libraries and they do load with `settings`.
-bool DllLoadsInProcess(const InstrumentSettings& settings);
+bool DllLoadsInProcess(const InstrumentSettings& settings, const FileSystem& files);
 
 // A bridge found on its port or started by the window.
 class LinkBridge {
@@ -46,9 +48,10 @@ class LinkBridge {
   // Uses a rig server that already answers on the plan's port, else starts
   // the plan's program and waits (at most `startMs`) until it says that it
   // serves. nullptr with a message when neither works. The key, when the
-  // settings name one, is the link's.
-  static std::unique_ptr<LinkBridge> findOrStart(const LinkPlan& plan, const std::string& keyFile,
-                                                 std::string& error, int startMs = 15000);
+  // settings name one, is the link's; its file is read from `files`.
+  static std::unique_ptr<LinkBridge> findOrStart(const FileSystem& files, const LinkPlan& plan,
+                                                 const std::string& keyFile, std::string& error,
+                                                 int startMs = 15000);
 
   // The link to the bridge: "tcp://127.0.0.1:PORT".
   const std::string& link() const { return link_; }

@@ -14,6 +14,7 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -23,7 +24,7 @@ bool Opens(const std::string& link, const std::string& key = "") {
   const std::string address = link.substr(std::string("tcp://").size());
   const size_t colon = address.rfind(':');
   TcpLink tcp(clock, address.substr(0, colon),
-              static_cast<uint16_t>(std::stoi(address.substr(colon + 1))), localFiles());
+              static_cast<uint16_t>(std::stoi(address.substr(colon + 1))), testFiles());
   tcp.setKey(key);
   int16_t handle = 0;
   return tcp.openInterface(handle) == link_result::kOk;
@@ -58,7 +59,7 @@ TEST(LinkBridge, TheSettingsDecideWhetherTheWindowNeedsABridge) {
   EXPECT_EQ(plan.arguments.join(' '),
             "rig --link dll --listen 127.0.0.1:6000 --key c:/keys/rig.key");
 #if !defined(_WIN32)
-  EXPECT_FALSE(DllLoadsInProcess(settings));
+  EXPECT_FALSE(DllLoadsInProcess(settings, testFiles()));
 #endif
 }
 
@@ -70,7 +71,7 @@ TEST(LinkBridge, ABridgeStartedByTheWindowServesAndEndsWithIt) {
   std::string error;
   std::string link;
   {
-    auto bridge = LinkBridge::findOrStart(plan, "", error);
+    auto bridge = LinkBridge::findOrStart(testFiles(), plan, "", error);
     ASSERT_NE(bridge, nullptr) << error;
     EXPECT_TRUE(bridge->started());
     link = bridge->link();
@@ -81,11 +82,11 @@ TEST(LinkBridge, ABridgeStartedByTheWindowServesAndEndsWithIt) {
 
   // A program that is not there, and one that ends at once, say why.
   plan.program = TAVRIX_CLI_PATH ".missing";
-  EXPECT_EQ(LinkBridge::findOrStart(plan, "", error), nullptr);
+  EXPECT_EQ(LinkBridge::findOrStart(testFiles(), plan, "", error), nullptr);
   EXPECT_NE(error.find("does not start"), std::string::npos) << error;
   plan.program = TAVRIX_CLI_PATH;
   plan.arguments = {"rig", "--listen", "0.0.0.0:0"};
-  EXPECT_EQ(LinkBridge::findOrStart(plan, "", error), nullptr);
+  EXPECT_EQ(LinkBridge::findOrStart(testFiles(), plan, "", error), nullptr);
   EXPECT_NE(error.find(" ended: tavrix-cli rig: listening on 0.0.0.0"), std::string::npos) << error;
 }
 
@@ -99,7 +100,7 @@ TEST(LinkBridge, ABridgeAlreadyServingIsUsedAsItIs) {
   plan.bridge = true;
   plan.port = server.port();
   plan.program = TAVRIX_CLI_PATH ".missing";
-  auto bridge = LinkBridge::findOrStart(plan, "", error);
+  auto bridge = LinkBridge::findOrStart(testFiles(), plan, "", error);
   ASSERT_NE(bridge, nullptr) << error;
   EXPECT_FALSE(bridge->started());
   EXPECT_EQ(bridge->link(), "tcp://127.0.0.1:" + std::to_string(server.port()));

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "link_bridge.h"
+#include "machine_door.h"
 #include "main_window.h"
 #include "window_engine.h"
 #ifndef _WIN32
@@ -67,9 +68,11 @@ int RunWindow(int argc, char** argv) {
              QFileInfo(beside).isFile()) {
     settingsFile = beside.toLocal8Bit().toStdString();
   }
+  // The disk and the data root are decided here, once, for the window.
+  const tavrix::Host machine{tavrix::localFiles(), tavrix::defaultDataRoot()};
   std::string error;
   if (!settingsFile.empty() &&
-      !tavrix::LoadInstrumentSettings(tavrix::localFiles(), settingsFile, settings, error)) {
+      !tavrix::LoadInstrumentSettings(machine.files, settingsFile, settings, error)) {
     QMessageBox::critical(nullptr, "tavrix", QString::fromStdString(error));
     return 2;
   }
@@ -77,12 +80,12 @@ int RunWindow(int argc, char** argv) {
   // the rig PC's libraries are reached through the bridge when this window
   // cannot load them itself.
   const tavrix::LinkPlan plan =
-      tavrix::PlanLink(settings, settingsFile, tavrix::DllLoadsInProcess(settings),
+      tavrix::PlanLink(settings, settingsFile, tavrix::DllLoadsInProcess(settings, machine.files),
                        QCoreApplication::applicationDirPath());
   std::unique_ptr<tavrix::LinkBridge> bridge;
   std::string link = plan.link;
   if (plan.bridge) {
-    bridge = tavrix::LinkBridge::findOrStart(plan, settings.linkKeyFile, error);
+    bridge = tavrix::LinkBridge::findOrStart(machine.files, plan, settings.linkKeyFile, error);
     if (!bridge) {
       QMessageBox::critical(nullptr, "tavrix", QString::fromStdString(error));
       return 2;
@@ -90,23 +93,24 @@ int RunWindow(int argc, char** argv) {
     link = bridge->link();
   }
   tavrix::MainWindow window(
-      [settings, link](tavrix::Operator& op) {
-        return tavrix::MakeWindowEngine(op, tavrix::defaultDataRoot(), settings, link);
+      machine,
+      [settings, link, root = machine.dataRoot](tavrix::Operator& op) {
+        return tavrix::MakeWindowEngine(op, root, settings, link);
       },
       commandLine);
   window.setPlantViewStore(settings.resultsStore);
 #ifndef _WIN32
   // With a plant's database server for a store, the station's runs are
   // published into it while the window is open (the plant page shows them).
-  const auto publishing = tavrix::plant::RunPublishing::Start(
-      settings.resultsStore, tavrix::defaultDataRoot(), settings.station);
+  const auto publishing = tavrix::plant::RunPublishing::Start(settings.resultsStore,
+                                                              machine.dataRoot, settings.station);
   if (publishing) {
     window.onRunSocket([p = publishing.get()](const std::string& id) { p->ranHere(id); });
   }
 #endif
   // A station's sockets run on the system's clock with the same settings.
   tavrix::StationSockets::Options station;
-  station.dataRoot = tavrix::defaultDataRoot();
+  station.dataRoot = machine.dataRoot;
   station.settings = settings;
   window.setStationOptions(station);
   window.show();

@@ -146,8 +146,9 @@ void EnterSetupsFolder(Engine& engine) {
   if (engine.files().isFolder(folder)) changeCurrentFolder(folder);
 }
 
-MainWindow::MainWindow(EngineFactory factory, const std::string& commandLine) : operator_(*this) {
-  stationOptions_.dataRoot = defaultDataRoot();
+MainWindow::MainWindow(const Host& machine, EngineFactory factory, const std::string& commandLine)
+    : operator_(*this), machine_(machine) {
+  stationOptions_.dataRoot = machine_.dataRoot;
   setWindowTitle(QString::fromUtf8(kCaption.data(), static_cast<int>(kCaption.size())));
   buildControls();
   buildMenus();
@@ -681,7 +682,7 @@ void MainWindow::chooseSequenceFile() {
 }
 
 void MainWindow::openDecryptWindow() {
-  auto* dialog = new DecryptDialog(this);
+  auto* dialog = new DecryptDialog(machine_.files, this);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->show();
 }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 
+#include "common/host.h"
 #include "engine/breakpoints.h"
 #include "engine_host.h"
 #include "each_run_control.h"
@@ -73,8 +74,10 @@ class MainWindow : public QMainWindow {
   using EngineFactory = std::function<std::unique_ptr<Engine>(Operator&)>;
 
   // Builds the window and its engine; `commandLine` is the program's command
-  // line after its name (a sequence file, optionally " /A").
-  MainWindow(EngineFactory factory, const std::string& commandLine);
+  // line after its name (a sequence file, optionally " /A"); `machine` is
+  // what the program's entry point hands it: the disk for the files a person
+  // names, and the data root.
+  MainWindow(const Host& machine, EngineFactory factory, const std::string& commandLine);
   ~MainWindow() override;
 
   // Carried over from the engine thread by QtOperator.
@@ -212,6 +215,7 @@ class MainWindow : public QMainWindow {
 
   QtOperator operator_;
   std::unique_ptr<EngineHost> host_;
+  Host machine_;
   // The breakpoints of the window's runs, set on the lines view and
   // through the control socket; engine thread only (made with the engine).
   std::unique_ptr<Breakpoints> breakpoints_;

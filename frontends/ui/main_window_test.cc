@@ -60,6 +60,7 @@
 #include "resultsdb/results_store.h"
 #include "sequencer/recording_operator.h"
 #include "station_view.h"
+#include "testing/test_files.h"
 #include "window_engine.h"
 
 namespace tavrix {
@@ -70,9 +71,12 @@ class MainWindowTest : public QObject {
  private:
   QTemporaryDir dir_;
 
+  // What the window's entry point would hand it in this process.
+  static Host TestHost() { return {testFiles(), testDataRoot()}; }
+
   std::string Sequence(const char* name, const std::vector<std::string>& lines) {
     const std::string path = dir_.path().toStdString() + "/" + name;
-    writeTextFileAtomically(localFiles(), path, lines, nullptr);
+    writeTextFileAtomically(testFiles(), path, lines, nullptr);
     return path;
   }
 
@@ -81,7 +85,7 @@ class MainWindowTest : public QObject {
   static std::unique_ptr<Engine> Build(Operator& op, bool rig) {
     EngineConfig config;
     config.clock = std::make_unique<SystemClock>();
-    config.files = std::make_unique<LocalFileSystem>(defaultDataRoot());
+    config.files = std::make_unique<LocalFileSystem>(testDataRoot());
     config.op = &op;
     if (rig) config.link = "sim";
     EngineBuildError error;
@@ -114,12 +118,12 @@ class MainWindowTest : public QObject {
 
   static std::string ReadAll(const std::string& path) {
     std::string text;
-    localFiles().readFile(path, text, nullptr);
+    testFiles().readFile(path, text, nullptr);
     return text;
   }
 
   static void Write(const std::string& path, const std::string& text) {
-    localFiles().writeAtomically(path, text, nullptr);
+    testFiles().writeAtomically(path, text, nullptr);
   }
 
   // The message box a window opened, once it is shown.
@@ -213,12 +217,12 @@ class MainWindowTest : public QObject {
   // answer goes to the socket that asked.
   void stationSocketsWithoutAnswersAskInTheWindow() {
     const std::string d = dir_.path().toStdString() + "/asking station";
-    QVERIFY(localFiles().makeFolders(d + "/data", nullptr));
+    QVERIFY(testFiles().makeFolders(d + "/data", nullptr));
     Write(d + "/ask.wts",
           "ENTEROKCANCEL Is the unit fitted?, NOTFITTED\r\nSTOP\r\nNOTFITTED:\r\n"
           "GOTO NOWHERE\r\n");
     Write(d + "/ask.toml", "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     StationSockets::Options options;
     options.dataRoot = d + "/data";
     options.virtualTime = true;
@@ -270,10 +274,10 @@ class MainWindowTest : public QObject {
   void stationSocketsKeepRecordsAndListen() {
     const std::string d = dir_.path().toStdString() + "/recorded station";
     const std::string root = d + "/data";
-    QVERIFY(localFiles().makeFolders(root, nullptr));
+    QVERIFY(testFiles().makeFolders(root, nullptr));
     Write(d + "/ask.wts", "ENTEROKCANCEL Fitted?, GONE\r\nSTOP\r\nGONE:\r\nSTOP\r\n");
     Write(d + "/rec.toml", "sequence = \"ask.wts\"\nlink = \"sim\"\n[socket.A]\n[socket.B]\n");
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     StationSockets::Options options;
     options.dataRoot = root;
     options.virtualTime = true;
@@ -335,7 +339,7 @@ class MainWindowTest : public QObject {
     for (const RunRecordSummary& record : ListRunRecords(files)) {
       QCOMPARE(record.endReason, std::string("stop"));
       QVERIFY2(text.find(record.id) != std::string::npos, text.c_str());
-      QTRY_VERIFY(localFiles().info(record.folder + "/control.sock").kind == FileKind::kMissing);
+      QTRY_VERIFY(testFiles().info(record.folder + "/control.sock").kind == FileKind::kMissing);
       const std::string trace = ReadAll(record.folder + "/trace.jsonl");
       QVERIFY2(trace.find("\"ev\":\"prompt\"") != std::string::npos &&
                    trace.find("\"ev\":\"end\",\"reason\":\"stop\"}") != std::string::npos,
@@ -350,7 +354,7 @@ class MainWindowTest : public QObject {
   // gives back the one-sequence window.
   void stationTilesRunEachSocketOnItsOwn() {
     const std::string d = dir_.path().toStdString() + "/station";
-    QVERIFY(localFiles().makeFolders(d + "/data", nullptr));
+    QVERIFY(testFiles().makeFolders(d + "/data", nullptr));
     Write(d + "/details.txt",
           "TEST SEQUENCE - DETAILS\r\nTitle\tNotes\tVersion\r\nPump test\t\t1\t\t" + d +
               "/fields.txt\t" + d + "/stages.txt\t" + d + "/results\r\n");
@@ -380,7 +384,7 @@ class MainWindowTest : public QObject {
       // A station file that cannot be used is told, and the window stays as
       // it was.
       Write(d + "/bad.toml", "sequence = \"unit.wts\"\n[socket.S1]\nanswer = \"s1.answers\"\n");
-      MainWindow w(Factory(), "");
+      MainWindow w(TestHost(), Factory(), "");
       w.setStationOptions(options);
       w.show();
       QVERIFY(Find<QAction>(w, "mbOpenStation")->isEnabled());
@@ -393,7 +397,7 @@ class MainWindowTest : public QObject {
       QVERIFY(Find<QLabel>(w, "sRunStatus")->isVisible());
     }
     // Named on the command line, the station opens with the window.
-    MainWindow w(Factory(), d + "/bench.toml");
+    MainWindow w(TestHost(), Factory(), d + "/bench.toml");
     w.setStationOptions(options);
     w.show();
     QTRY_VERIFY(w.station() != nullptr && w.station()->isVisible());
@@ -451,7 +455,7 @@ class MainWindowTest : public QObject {
     QVERIFY(Find<QLabel>(w, "sRunStatus")->isVisible());
   }
   void runsAndStopsAWait() {
-    MainWindow w(Factory(), Sequence("wait.wts", {"WAITSECONDS 60"}));
+    MainWindow w(TestHost(), Factory(), Sequence("wait.wts", {"WAITSECONDS 60"}));
     w.show();
     QTRY_COMPARE(Status(w), QString("Ready"));
     QTRY_VERIFY(Find<QPushButton>(w, "pbRun")->isEnabled());
@@ -472,7 +476,7 @@ class MainWindowTest : public QObject {
   }
 
   void singleStepsWithStepAndSkip() {
-    MainWindow w(Factory(),
+    MainWindow w(TestHost(), Factory(),
                  Sequence("steps.wts", {"RESETLOOPCOUNT", "INCREMENTLOOPCOUNT", "STOP"}));
     w.show();
     QTRY_VERIFY(Find<QCheckBox>(w, "cbSingleStep")->isEnabled());
@@ -593,7 +597,7 @@ class MainWindowTest : public QObject {
   }
 
   void panelIsAnsweredByClicks() {
-    MainWindow w(Factory(),
+    MainWindow w(TestHost(), Factory(),
                  Sequence("panel.wts", {"CONTINUEOK Fit the unit", "ENTEROKCANCEL Hot?, COOL",
                                         "WAITSECONDS 60", "COOL:", "STOP"}));
     w.show();
@@ -622,7 +626,7 @@ class MainWindowTest : public QObject {
     const std::string file =
         Sequence("held.wts",
                  {"IMSFILESPEC " TAVRIX_SOURCE_DIR "/examples/rig.ims", "SEND HEATER, 77", "STOP"});
-    MainWindow w(RigFactory(), file);
+    MainWindow w(TestHost(), RigFactory(), file);
     w.show();
     QVERIFY(Find<QPushButton>(w, "pbSkip")->toolTip().contains("held line still runs"));
     QVERIFY(Find<QPushButton>(w, "pbStop")->text().contains("F12"));
@@ -643,7 +647,7 @@ class MainWindowTest : public QObject {
   // Exit and the close box ask while a test runs; No leaves it running,
   // Yes stops it and closes. Enter answers No.
   void exitDuringARunAsksFirst() {
-    auto* w = new MainWindow(Factory(), Sequence("exit.wts", {"WAITSECONDS 60"}));
+    auto* w = new MainWindow(TestHost(), Factory(), Sequence("exit.wts", {"WAITSECONDS 60"}));
     w->setAttribute(Qt::WA_DeleteOnClose);
     QPointer<MainWindow> alive(w);
     w->show();
@@ -673,7 +677,7 @@ class MainWindowTest : public QObject {
     QTRY_VERIFY(!alive);
 
     // Once the run has ended, Exit closes without a question.
-    auto* idle = new MainWindow(Factory(), Sequence("idle.wts", {"WAITSECONDS 0"}));
+    auto* idle = new MainWindow(TestHost(), Factory(), Sequence("idle.wts", {"WAITSECONDS 0"}));
     idle->setAttribute(Qt::WA_DeleteOnClose);
     QPointer<MainWindow> idleAlive(idle);
     idle->show();
@@ -686,7 +690,8 @@ class MainWindowTest : public QObject {
   // open and reaches the next line.
   void theRunGoesOnWhileTheCloseQuestionIsOpen() {
     auto* w = new MainWindow(
-        Factory(), Sequence("nonstop2.wts", {"NONSTOP", "WAITSECONDS 1", "CONTINUEOK Wait over"}));
+        TestHost(), Factory(),
+        Sequence("nonstop2.wts", {"NONSTOP", "WAITSECONDS 1", "CONTINUEOK Wait over"}));
     w->setAttribute(Qt::WA_DeleteOnClose);
     QPointer<MainWindow> alive(w);
     w->show();
@@ -711,7 +716,7 @@ class MainWindowTest : public QObject {
   // works while the data entry, the about box or the report's PDF dialog is
   // open: none of them is modal.
   void stopIsInReachWhateverWindowIsOpen() {
-    MainWindow w(Factory(), UutSequence("reach.wts"));
+    MainWindow w(TestHost(), Factory(), UutSequence("reach.wts"));
     w.show();
     Click(w, "pbRun");
     DataEntryDialog* entry = nullptr;
@@ -722,7 +727,7 @@ class MainWindowTest : public QObject {
     entry->cancel();
     QTRY_VERIFY(Idle(w));
 
-    MainWindow other(Factory(), Sequence("reach2.wts", {"WAITSECONDS 60"}));
+    MainWindow other(TestHost(), Factory(), Sequence("reach2.wts", {"WAITSECONDS 60"}));
     other.show();
     Click(other, "pbRun");
     QTRY_COMPARE(Status(other), QString("Running"));
@@ -754,7 +759,7 @@ class MainWindowTest : public QObject {
   // Beside the status: how the run ended; a sequence error names its line
   // and its box carries the error icon.
   void howTheRunEndedIsShown() {
-    MainWindow w(Factory(), Sequence("error.wts", {"RESETLOOPCOUNT", "GOTO NOWHERE"}));
+    MainWindow w(TestHost(), Factory(), Sequence("error.wts", {"RESETLOOPCOUNT", "GOTO NOWHERE"}));
     w.show();
     Click(w, "pbRun");
     QMessageBox* box = Box(w, "engineMessageBox");
@@ -764,7 +769,7 @@ class MainWindowTest : public QObject {
     QTRY_COMPARE(Find<QLabel>(w, "laRunEnd")->text(), QString("Ended: sequence error at line 2"));
     QTRY_VERIFY(Idle(w));
 
-    MainWindow eof(Factory(), Sequence("eof.wts", {"RESETLOOPCOUNT"}));
+    MainWindow eof(TestHost(), Factory(), Sequence("eof.wts", {"RESETLOOPCOUNT"}));
     eof.show();
     Click(eof, "pbRun");
     QTRY_COMPARE(Find<QLabel>(eof, "laRunEnd")->text(), QString("Ended: end of file"));
@@ -822,7 +827,8 @@ class MainWindowTest : public QObject {
           "TEST SEQUENCE - FIELD NAMES\r\nField Name\tRequired\r\nSerial\tTRUE\r\nDate\tTRUE\r\n"
           "Operator\tFALSE\r\nDescription\tTRUE\r\n");
     Write(d + "/stages.txt", "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n");
-    MainWindow w(Factory(), Sequence("required.wts", {"DB_DATAENTRY " + d + "/rdetails.txt"}));
+    MainWindow w(TestHost(), Factory(),
+                 Sequence("required.wts", {"DB_DATAENTRY " + d + "/rdetails.txt"}));
     w.show();
     Click(w, "pbRun");
     DataEntryDialog* entry = nullptr;
@@ -841,7 +847,7 @@ class MainWindowTest : public QObject {
   // chosen button). ENTERSEND types into its entry and SELECTMENU's list
   // takes the arrow keys at once.
   void enterNeverChangesTheRigOrAVerdict() {
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     w.show();
     QVERIFY(QTest::qWaitForWindowActive(&w));
     Answers verdicts;
@@ -914,7 +920,7 @@ class MainWindowTest : public QObject {
   // A question is shown whichever tab is in front: the panel stands above
   // the tabs, and opening it leaves the operator's tab alone.
   void aQuestionIsShownOnEveryTab() {
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     w.show();
     auto* tabs = Find<QTabWidget>(w, "tabs");
     tabs->setCurrentIndex(1);
@@ -954,7 +960,7 @@ class MainWindowTest : public QObject {
           "TEST SEQUENCE - STAGE CHECKS\r\nStep Number\r\n"
           "1\tMANUAL\t\t\t\t\tSeal\t\tIs the seal fitted?\r\n"
           "2\tMANUAL\t\t\t\t\tPaint\t\tIs the paint dry?\r\n");
-    MainWindow w(Factory(),
+    MainWindow w(TestHost(), Factory(),
                  Sequence("tile.wts", {"NEXT:", "DB_DATAENTRY " + d + "/tdetails.txt",
                                        "DB_STAGECHECK 1", "DB_STAGECHECK 2", "GOTO NEXT"}));
     w.show();
@@ -997,7 +1003,7 @@ class MainWindowTest : public QObject {
 
   // A wait shows its time left as minutes and seconds, with a progress bar.
   void aWaitCountsDownInMinutes() {
-    MainWindow w(Factory(), Sequence("long.wts", {"WAITSECONDS 600"}));
+    MainWindow w(TestHost(), Factory(), Sequence("long.wts", {"WAITSECONDS 600"}));
     w.show();
     Click(w, "pbRun");
     auto* command = Find<QLineEdit>(w, "sCurrentCommand");
@@ -1011,7 +1017,7 @@ class MainWindowTest : public QObject {
     QTRY_VERIFY(!bar->isVisible());
 
     // WAIT shows the reading it waits on beside its condition.
-    MainWindow rig(RigFactory(), Sequence("oven.wts", {"WAIT OVEN > 5000"}));
+    MainWindow rig(TestHost(), RigFactory(), Sequence("oven.wts", {"WAIT OVEN > 5000"}));
     rig.show();
     Click(rig, "pbRun");
     auto* reading = Find<QLabel>(rig, "laWaitReading");
@@ -1077,7 +1083,7 @@ class MainWindowTest : public QObject {
     const std::string fileA = Sequence(
         "a.wts", {"IMSFILESPEC " TAVRIX_SOURCE_DIR "/examples/rig.ims", "SEND HEATER, 77", "STOP"});
     const std::string fileB = Sequence("b.wts", {"SEND FAN, 5", "STOP"});
-    MainWindow w(RigFactory(), fileA);
+    MainWindow w(TestHost(), RigFactory(), fileA);
     w.show();
     QTRY_VERIFY(Find<QCheckBox>(w, "cbSingleStep")->isEnabled());
     Find<QCheckBox>(w, "cbSingleStep")->setChecked(true);
@@ -1118,7 +1124,7 @@ class MainWindowTest : public QObject {
   // button focused, and Enter or Space answers it; a failure alert stands
   // out from the panel's usual green.
   void aQuestionComesIntoViewAndTheKeyboardAnswersIt() {
-    MainWindow w(Factory(),
+    MainWindow w(TestHost(), Factory(),
                  Sequence("ask.wts", {"CONTINUEOK Fit the unit", "ENTEROKCANCEL Hot?, COOL", "STOP",
                                       "COOL:", "WAITSECONDS 60"}));
     w.show();
@@ -1157,7 +1163,7 @@ class MainWindowTest : public QObject {
         {"DOWITHSHOW Watch the oven, OVEN", "frmChannelDisplay"},
         {"MANUALADJUST HEATER, 5", "frmChannelDisplay"}};
     for (const auto& [line, dialogName] : commands) {
-      MainWindow w(RigFactory(),
+      MainWindow w(TestHost(), RigFactory(),
                    Sequence("dialog.wts", {line, "SET:", "SEND HEATER, 40", "OTHER:"}));
       w.show();
       Click(w, "pbRun");
@@ -1182,7 +1188,7 @@ class MainWindowTest : public QObject {
   // A box or file dialog the engine waits for never holds the engine's
   // thread: its timers keep running while the dialog is open.
   void theEngineRunsWhileItsDialogsAreOpen() {
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     w.show();
     auto ticks = std::make_shared<std::atomic<int>>(0);
     auto timer = std::make_shared<std::unique_ptr<Timer>>();
@@ -1218,7 +1224,8 @@ class MainWindowTest : public QObject {
   // The status reads "Running" whenever the engine runs, stepped or free,
   // and the Single Step box shows what the engine does.
   void statusAndSingleStepBoxTellTheTruth() {
-    MainWindow w(Factory(), Sequence("truth.wts", {"RESETLOOPCOUNT", "WAITSECONDS 60", "STOP"}));
+    MainWindow w(TestHost(), Factory(),
+                 Sequence("truth.wts", {"RESETLOOPCOUNT", "WAITSECONDS 60", "STOP"}));
     w.show();
     auto* box = Find<QCheckBox>(w, "cbSingleStep");
     QTRY_VERIFY(box->isEnabled());
@@ -1245,7 +1252,7 @@ class MainWindowTest : public QObject {
   // After each unit the verdict shows on the main window; the report is a
   // table with its failed rows marked, and prints from its data.
   void theVerdictAndTheReportTable() {
-    MainWindow w(Factory(), UutSequence("uut.wts"));
+    MainWindow w(TestHost(), Factory(), UutSequence("uut.wts"));
     w.show();
     Click(w, "pbRun");
     QDialog* entry = nullptr;
@@ -1299,7 +1306,7 @@ class MainWindowTest : public QObject {
   // end, with its sequence and the gap; Discard puts it aside.
   void anInterruptedRunIsOfferedAtStartUp() {
     const std::string root = dir_.path().toStdString() + "/interrupted data";
-    QVERIFY(localFiles().makeFolders(root, nullptr));
+    QVERIFY(testFiles().makeFolders(root, nullptr));
     const std::string soak = Sequence("soak.wts", {"RESETLOOPCOUNT 0", "WAITSECONDS 600", "STOP"});
     std::string checkpoint;
     {
@@ -1317,15 +1324,16 @@ class MainWindowTest : public QObject {
       std::string bytes;
       Timer kill(engine->events(), kMicrosPerSecond, [&] {
         checkpoint = engine->keepCheckpoints().path();
-        localFiles().readFile(checkpoint, bytes, nullptr);
+        testFiles().readFile(checkpoint, bytes, nullptr);
         engine->sequencer().stop();
       });
       kill.setDue(engine->clock().now() + 100 * kMicrosPerSecond);
       engine->run();
       QVERIFY(!bytes.empty());
-      QVERIFY(localFiles().writeAtomically(checkpoint, bytes, nullptr));
+      QVERIFY(testFiles().writeAtomically(checkpoint, bytes, nullptr));
     }
-    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); }, "");
+    MainWindow w(
+        TestHost(), [root](Operator& op) { return MakeWindowEngine(op, root); }, "");
     w.show();
     QMessageBox* box = nullptr;
     QTRY_VERIFY((box = w.findChild<QMessageBox*>("questionBox")) != nullptr && box->isVisible());
@@ -1335,8 +1343,8 @@ class MainWindowTest : public QObject {
              qPrintable(box->text()));
     QTest::mouseClick(Find<QPushButton>(*box, "answer_Discard"), Qt::LeftButton);
     const std::string name = checkpoint.substr(checkpoint.rfind('/') + 1);
-    QTRY_VERIFY(localFiles().isFile(root + "/runs/discarded/" + name));
-    QVERIFY(!localFiles().isFile(checkpoint));
+    QTRY_VERIFY(testFiles().isFile(root + "/runs/discarded/" + name));
+    QVERIFY(!testFiles().isFile(checkpoint));
   }
 
   // The window feeds the results store as tavrix-cli run does: the UUT that
@@ -1344,9 +1352,10 @@ class MainWindowTest : public QObject {
   // there, with its serial number, verdict and checks.
   void theWindowFeedsTheResultsStore() {
     const std::string root = dir_.path().toStdString() + "/window data";
-    QVERIFY(localFiles().makeFolders(root, nullptr));
-    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); },
-                 UutSequence("stored.wts"));
+    QVERIFY(testFiles().makeFolders(root, nullptr));
+    MainWindow w(
+        TestHost(), [root](Operator& op) { return MakeWindowEngine(op, root); },
+        UutSequence("stored.wts"));
     w.show();
     Click(w, "pbRun");
     QDialog* entry = nullptr;
@@ -1392,9 +1401,10 @@ class MainWindowTest : public QObject {
   // stops it, and the socket goes with the run. The next run has its own.
   void ctlReachesTheWindowsRuns() {
     const std::string root = dir_.path().toStdString() + "/ctl data";
-    QVERIFY(localFiles().makeFolders(root, nullptr));
-    MainWindow w([root](Operator& op) { return MakeWindowEngine(op, root); },
-                 Sequence("held.wts", {"WAITSECONDS 600"}));
+    QVERIFY(testFiles().makeFolders(root, nullptr));
+    MainWindow w(
+        TestHost(), [root](Operator& op) { return MakeWindowEngine(op, root); },
+        Sequence("held.wts", {"WAITSECONDS 600"}));
     w.show();
     const auto ctl = [&](const std::vector<std::string>& words, std::string& text) {
       return Ctl(root, words, text);
@@ -1423,7 +1433,7 @@ class MainWindowTest : public QObject {
       QCOMPARE(ctl({record.id, "stop"}, text), 0);
       QTRY_COMPARE(Status(w), QString("Stopped"));
       QTRY_VERIFY(!RunAnswers(record.folder));
-      QTRY_VERIFY(localFiles().info(record.folder + "/control.sock").kind == FileKind::kMissing);
+      QTRY_VERIFY(testFiles().info(record.folder + "/control.sock").kind == FileKind::kMissing);
     }
   }
 #endif
@@ -1435,7 +1445,7 @@ class MainWindowTest : public QObject {
     const std::string first =
         Sequence("help.wts", {"[HELPTEXT]", "Fit the pump first", "[END]", "ONTIMEOUT 30, LATE",
                               "WAITRANDOM 50, 60", "LATE:"});
-    MainWindow w(Factory(), first);
+    MainWindow w(TestHost(), Factory(), first);
     // 1280x1024 at 150 % is 853x682 in the window's own pixels.
     const QSize smallest = w.minimumSizeHint();
     QVERIFY2(smallest.width() <= 853 && smallest.height() <= 682,
@@ -1477,7 +1487,7 @@ class MainWindowTest : public QObject {
     const std::string setups = dir_.path().toStdString() + "/c/corvane/setups";
     std::filesystem::create_directories(setups);
     {
-      MainWindow w(RigFactory(), "");
+      MainWindow w(TestHost(), RigFactory(), "");
       QTRY_COMPARE(QFileInfo(QDir::currentPath()).canonicalFilePath(),
                    QFileInfo(QString::fromStdString(setups)).canonicalFilePath());
     }
@@ -1489,7 +1499,8 @@ class MainWindowTest : public QObject {
   }
 
   void closeAsksWhileTheRunMustNotBeStopped() {
-    auto* w = new MainWindow(Factory(), Sequence("nonstop.wts", {"NONSTOP", "WAITSECONDS 60"}));
+    auto* w = new MainWindow(TestHost(), Factory(),
+                             Sequence("nonstop.wts", {"NONSTOP", "WAITSECONDS 60"}));
     w->setAttribute(Qt::WA_DeleteOnClose);
     QPointer<MainWindow> alive(w);
     w->show();
@@ -1515,7 +1526,7 @@ class MainWindowTest : public QObject {
   }
 
   void panelTakesTheStageCheckForms() {
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     w.show();
     auto* panel = Find<QGroupBox>(w, "frOKcancel");
     auto* ok = Find<QPushButton>(w, "pbOKcancelOK");
@@ -1635,11 +1646,11 @@ class MainWindowTest : public QObject {
     const std::string base = "PUMP";
     const std::string plainText = "WAITSECONDS 5\r\nSTOP\r\n";
     Write(base + ".wts", plainText);
-    QVERIFY(encryptFile(localFiles(), base + ".wts", "", kDefaultUtilityKey, nullptr));
+    QVERIFY(encryptFile(testFiles(), base + ".wts", "", kDefaultUtilityKey, nullptr));
     std::filesystem::rename(base + ".wte", base + ".WTE");
     Write(base + ".wts", "old");
 
-    DecryptDialog dialog(nullptr);
+    DecryptDialog dialog(testFiles(), nullptr);
     dialog.show();
     auto* source = Find<QLineEdit>(dialog, "ebSrcFileSpec");
     auto* destination = Find<QLineEdit>(dialog, "ebDestFileSpec");
@@ -1693,7 +1704,7 @@ class MainWindowTest : public QObject {
   }
 
   void manualTabReadsAndWritesTheRig() {
-    MainWindow w(RigFactory(), "");
+    MainWindow w(TestHost(), RigFactory(), "");
     w.show();
     w.findChild<QTabWidget*>()->setCurrentWidget(Find<QWidget>(w, "frManual"));
     auto* channel = Find<QLineEdit>(w, "ebManualChannel");
@@ -1720,7 +1731,7 @@ class MainWindowTest : public QObject {
   }
 
   void pulseShowsItsStatusAndAlarmDefinitionsAreListed() {
-    MainWindow w(RigFactory(),
+    MainWindow w(TestHost(), RigFactory(),
                  Sequence("pulse.wts", {"ALARMDEFINE OVENHOT, GOTO COOL",
                                         "PULSEOUTPUT HEATER, HI, 800", "WAITSECONDS 60", "COOL:"}));
     w.show();
@@ -1740,9 +1751,10 @@ class MainWindowTest : public QObject {
   }
 
   void sequenceMenuAndChannelDisplayAnswerTheSequence() {
-    MainWindow w(RigFactory(), Sequence("menu.wts", {"SELECTMENU Which way?, WARM, COOL", "WARM:",
-                                                     "DOWITHSHOW Watch the oven, OVEN", "STOP",
-                                                     "COOL:", "CONTINUEOK Cooling", "STOP"}));
+    MainWindow w(TestHost(), RigFactory(),
+                 Sequence("menu.wts", {"SELECTMENU Which way?, WARM, COOL",
+                                       "WARM:", "DOWITHSHOW Watch the oven, OVEN", "STOP",
+                                       "COOL:", "CONTINUEOK Cooling", "STOP"}));
     w.show();
     QTRY_VERIFY(Find<QPushButton>(w, "pbRun")->isEnabled());
     QTest::mouseClick(Find<QPushButton>(w, "pbRun"), Qt::LeftButton);
@@ -1766,7 +1778,8 @@ class MainWindowTest : public QObject {
 
 #ifdef TAVRIX_HAVE_CHARTS
   void chartPlotsChannelsWhileTheSequenceRuns() {
-    MainWindow w(RigFactory(), Sequence("chart.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
+    MainWindow w(TestHost(), RigFactory(),
+                 Sequence("chart.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
     w.show();
     Find<QAction>(w, "mbChart")->trigger();
     ChartWindow* chart = nullptr;
@@ -1800,7 +1813,8 @@ class MainWindowTest : public QObject {
 
   // On a small screen the chart fits it, and its ticks fall on round values.
   void chartFitsTheScreenWithRoundTicks() {
-    MainWindow w(RigFactory(), Sequence("ticks.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
+    MainWindow w(TestHost(), RigFactory(),
+                 Sequence("ticks.wts", {"SEND HEATER, 80", "WAITSECONDS 60"}));
     w.show();
     Find<QAction>(w, "mbChart")->trigger();
     ChartWindow* chart = nullptr;
@@ -1840,7 +1854,8 @@ class MainWindowTest : public QObject {
   void chartFollowsTheSetupAndGivesEachUnitAnAxis() {
     const std::string other = dir_.path().toStdString() + "/other.ims";
     Write(other, "D 1\n  10001 E=1 M=A N=MOTOR U=rpm V=1200\n  10002 E=1 M=A N=KILN U=degC V=30\n");
-    MainWindow w(RigFactory(), Sequence("swap.wts", {"IMSFILESPEC " + other, "WAITSECONDS 60"}));
+    MainWindow w(TestHost(), RigFactory(),
+                 Sequence("swap.wts", {"IMSFILESPEC " + other, "WAITSECONDS 60"}));
     w.show();
     Find<QAction>(w, "mbChart")->trigger();
     ChartWindow* chart = nullptr;
@@ -1881,7 +1896,7 @@ class MainWindowTest : public QObject {
   }
 
   void menusOpenTheirWindows() {
-    MainWindow w(Factory(), "");
+    MainWindow w(TestHost(), Factory(), "");
     w.show();
     Find<QAction>(w, "mbFileDecrypt")->trigger();
     QTRY_VERIFY(Find<QDialog>(w, "frmDecrypt")->isVisible());
@@ -1894,7 +1909,8 @@ class MainWindowTest : public QObject {
   }
 
   void endTavrixClosesTheWindowAfterTheRun() {
-    auto* w = new MainWindow(Factory(), Sequence("end.wts", {"ENDTAVRIX", "RESETLOOPCOUNT"}));
+    auto* w =
+        new MainWindow(TestHost(), Factory(), Sequence("end.wts", {"ENDTAVRIX", "RESETLOOPCOUNT"}));
     w->setAttribute(Qt::WA_DeleteOnClose);
     QPointer<MainWindow> alive(w);
     w->show();

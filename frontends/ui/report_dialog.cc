@@ -1,6 +1,7 @@
 #include "report_dialog.h"
 
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -185,9 +186,9 @@ bool ReportDialog::printToPdf(const QString& path) {
   printer.setOutputFormat(QPrinter::PdfFormat);
   printer.setOutputFileName(path);
   print(printer);
-  // The printer writes the file itself; whether it did is asked of the file
-  // system.
-  return localFiles().info(path.toLocal8Bit().toStdString()).size > 0;
+  // The printer writes the file itself; whether it did is asked of the disk
+  // the same way.
+  return QFileInfo(path).size() > 0;
 }
 
 void ReportDialog::printOnDefaultPrinter() {

@@ -31,6 +31,7 @@
 #include "common/text_file.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
+#include "machine_door.h"
 #include "main_window.h"
 #include "report_dialog.h"
 #include "station_view.h"
@@ -134,7 +135,7 @@ int UnitScenes(const QString& dir) {
        "DB_STAGECHECK 1", "DB_STAGECHECK 2", "WAITSECONDS 600", "DONE:", "STOP"});
   int status = 0;
   {
-    MainWindow w(RigEngine, seq);
+    MainWindow w(Host{localFiles(), defaultDataRoot()}, RigEngine, seq);
     w.show();
     WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
     Find<QPushButton>(w, "pbRun")->click();
@@ -178,7 +179,7 @@ int UnitScenes(const QString& dir) {
 // first wait, one stepped and held at a line, one stopped.
 int StationScene(const QString& dir) {
   QTemporaryDir temp;
-  MainWindow w(RigEngine, "");
+  MainWindow w(Host{localFiles(), defaultDataRoot()}, RigEngine, "");
   StationSockets::Options options;
   options.dataRoot = temp.path().toStdString();
   w.setStationOptions(options);
@@ -217,7 +218,7 @@ int Screenshots(const QString& dir) {
       temp, "warmup.wts",
       {"[HELPTEXT]", "Warm the oven to 60 degC, then check the fan.", "[END]", "SEND HEATER, 70",
        "CONTINUEOK Fit the unit under test and close the oven door", "WAITSECONDS 600"});
-  MainWindow w(RigEngine, seq);
+  MainWindow w(Host{localFiles(), defaultDataRoot()}, RigEngine, seq);
   w.show();
   WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
   // The operator is on the Manual tab when the question comes: the panel
@@ -278,7 +279,7 @@ int Screenshots(const QString& dir) {
   report.show();
   Save(report, dir, "report");
 
-  DecryptDialog decrypt(&w);
+  DecryptDialog decrypt(localFiles(), &w);
   Find<QLineEdit>(decrypt, "ebSrcFileSpec")->setText("/srv/rig/data/RUN042.TXE");
   decrypt.show();
   Save(decrypt, dir, "decrypt");
@@ -314,7 +315,8 @@ double CpuSeconds() {
 int Measure() {
   QTemporaryDir temp;
   {
-    MainWindow w(RigEngine, Sequence(temp, "wait10.wts", {"WAITSECONDS 10"}));
+    MainWindow w(Host{localFiles(), defaultDataRoot()}, RigEngine,
+                 Sequence(temp, "wait10.wts", {"WAITSECONDS 10"}));
     w.show();
     WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
     Find<QPushButton>(w, "pbRun")->click();
@@ -330,7 +332,8 @@ int Measure() {
         "core\n",
         seconds, cpu, 100 * cpu / seconds);
   }
-  MainWindow w(RigEngine, Sequence(temp, "wait60.wts", {"WAITSECONDS 60"}));
+  MainWindow w(Host{localFiles(), defaultDataRoot()}, RigEngine,
+               Sequence(temp, "wait60.wts", {"WAITSECONDS 60"}));
   w.show();
   WaitFor([&] { return Find<QPushButton>(w, "pbRun")->isEnabled(); });
   for (int i = 0; i < 5; ++i) {

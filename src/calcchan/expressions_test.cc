@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "calcchan/fake_channels.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -19,7 +20,7 @@ struct ExpressionsTest : ::testing::Test {
 
   ExpressionsTest() {
     ports.channels = &rig;
-    ports.files = &localFiles();
+    ports.files = &testFiles();
     ports.showMessage = [this](std::string_view m) { messages.emplace_back(m); };
     analyser = std::make_unique<Analyser>(ports);
     rig.values = {{"T1", "21.5 degC"}, {"T2", "-4"}, {"A[1]", "3"}};

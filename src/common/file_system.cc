@@ -621,15 +621,6 @@ bool removeTree(const std::string& path) {
 
 namespace tavrix {
 
-FileSystem& localFiles() {
-  static LocalFileSystem files;
-  return files;
-}
-
-}  // namespace tavrix
-
-namespace tavrix {
-
 namespace {
 
 class StreamOutput final : public OutputFile {

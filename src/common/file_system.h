@@ -250,15 +250,6 @@ bool removeTree(const std::string& path);
 
 namespace tavrix {
 
-// The machine's file system without a data root, for the places that are
-// handed file names by a person directly (the file tools) and have no run
-// to take the door from.
-FileSystem& localFiles();
-
-}  // namespace tavrix
-
-namespace tavrix {
-
 // An output that goes to an open stream (standard output), not owned.
 std::unique_ptr<OutputFile> streamOutput(std::FILE* stream);
 

@@ -1,7 +1,5 @@
 #include "common/paths.h"
 
-#include <cstdlib>
-
 #include "platform/files.h"
 
 namespace tavrix {
@@ -13,11 +11,6 @@ char driveKey(char letter) {
 }
 
 bool isDriveLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-
-std::string nonEmptyEnv(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
 
 }  // namespace
 
@@ -60,16 +53,6 @@ std::string join(std::string_view dir, std::string_view name) {
   if (!out.empty() && out.back() != '/' && !name.empty()) out += '/';
   out += name;
   return out;
-}
-
-std::string defaultDataRoot() {
-  const std::string home = nonEmptyEnv("TAVRIX_HOME");
-  if (!home.empty()) return home;
-  // A rig PC keeps its data where the rig's software always has.
-  if (platform::hasDriveLetters()) return "c:/corvane";
-  const std::string user = nonEmptyEnv("HOME");
-  if (!user.empty()) return join(user, ".tavrix");
-  return "/tmp/tavrix";
 }
 
 }  // namespace tavrix

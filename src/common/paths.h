@@ -41,9 +41,4 @@ bool isAbsolutePath(std::string_view path);
 // `name` inside `dir`, with one '/' between them. An empty `dir` gives `name`.
 std::string join(std::string_view dir, std::string_view name);
 
-// The folder under which the sequencer keeps its data by default:
-// $TAVRIX_HOME if set and not empty, else on Windows c:\corvane, elsewhere
-// $HOME/.tavrix, else /tmp/tavrix.
-std::string defaultDataRoot();
-
 }  // namespace tavrix

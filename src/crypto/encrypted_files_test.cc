@@ -9,6 +9,7 @@
 
 #include "common/file_system.h"
 #include "crypto/tea.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -65,7 +66,7 @@ class TempFolder {
   std::string file(const std::string& name) const { return scratch_.file(name); }
   std::vector<std::string> names() const {
     std::vector<std::string> out;
-    localFiles().list(scratch_.path(), out, nullptr);
+    testFiles().list(scratch_.path(), out, nullptr);
     std::sort(out.begin(), out.end());
     return out;
   }
@@ -75,12 +76,12 @@ class TempFolder {
 };
 
 void writeFile(const std::string& path, const std::string& content) {
-  localFiles().writeAtomically(path, content, nullptr);
+  testFiles().writeAtomically(path, content, nullptr);
 }
 
 std::string readFile(const std::string& path) {
   std::string text;
-  localFiles().readFile(path, text, nullptr);
+  testFiles().readFile(path, text, nullptr);
   return text;
 }
 
@@ -92,27 +93,27 @@ TEST(EncryptedFiles, EncryptThenDecryptNextToTheSource) {
     const std::string plain = folder.file("seq" + std::to_string(n) + ".wts");
     writeFile(plain, content);
     std::string error;
-    ASSERT_TRUE(encryptFile(localFiles(), plain, "", kDefaultUtilityKey, &error)) << error;
+    ASSERT_TRUE(encryptFile(testFiles(), plain, "", kDefaultUtilityKey, &error)) << error;
     const std::string sealed = folder.file("seq" + std::to_string(n) + ".wte");
     EXPECT_EQ(readFile(sealed).size(), (n + 12 + 7) / 8 * 8);
-    localFiles().remove(plain, nullptr);
-    ASSERT_TRUE(decryptFile(localFiles(), sealed, "", kDefaultUtilityKey, &error)) << error;
+    testFiles().remove(plain, nullptr);
+    ASSERT_TRUE(decryptFile(testFiles(), sealed, "", kDefaultUtilityKey, &error)) << error;
     EXPECT_EQ(readFile(plain), content) << n;
   }
 
   // The utility key is the text key OSKIRA: a frame made by TeaCipher with it
   // decrypts, to an explicitly named output as well.
   TeaCipher tea;
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   const auto frame = tea.EncryptString("1,2,3\r\n", "OSKIRA");
   ASSERT_TRUE(frame);
   writeFile(folder.file("LOG.WLE"), *frame);
   std::string error;
-  ASSERT_TRUE(decryptFile(localFiles(), folder.file("LOG.WLE"), "", kDefaultUtilityKey, &error))
+  ASSERT_TRUE(decryptFile(testFiles(), folder.file("LOG.WLE"), "", kDefaultUtilityKey, &error))
       << error;
   EXPECT_EQ(readFile(folder.file("LOG.wl")), "1,2,3\r\n");
   ASSERT_TRUE(
-      decryptFile(localFiles(), folder.file("LOG.WLE"), folder.file("copy"), "OSKIRA", &error));
+      decryptFile(testFiles(), folder.file("LOG.WLE"), folder.file("copy"), "OSKIRA", &error));
   EXPECT_EQ(readFile(folder.file("copy")), "1,2,3\r\n");
 }
 
@@ -120,43 +121,43 @@ TEST(EncryptedFiles, FailuresExplainThemselvesAndLeaveNoPartialOutput) {
   TempFolder folder;
   std::string error;
   writeFile(folder.file("a.wts"), "WAITSECONDS 5\r\n");
-  ASSERT_TRUE(encryptFile(localFiles(), folder.file("a.wts"), "", "OSKIRA", &error)) << error;
+  ASSERT_TRUE(encryptFile(testFiles(), folder.file("a.wts"), "", "OSKIRA", &error)) << error;
   writeFile(folder.file("a.wts"), "previous plain file");
 
   // A wrong key: the existing plain file stays as it was.
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("a.wte"), "", "WRONG", &error));
+  EXPECT_FALSE(decryptFile(testFiles(), folder.file("a.wte"), "", "WRONG", &error));
   EXPECT_THAT(error, StartsWith("Failed to decrypt " + folder.file("a.wte")));
   EXPECT_THAT(error, HasSubstr("Incorrect size descriptor in TEA decryption"));
   EXPECT_EQ(readFile(folder.file("a.wts")), "previous plain file");
 
   // A damaged file.
   writeFile(folder.file("b.wte"), "this is not a frame at all......");
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("b.wte"), "", "OSKIRA", &error));
+  EXPECT_FALSE(decryptFile(testFiles(), folder.file("b.wte"), "", "OSKIRA", &error));
   EXPECT_THAT(error, HasSubstr("Incorrect size descriptor in TEA decryption"));
   EXPECT_EQ(folder.names(), (std::vector<std::string>{"a.wte", "a.wts", "b.wte"}));
 
   // A missing file.
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("gone.wte"), "", "OSKIRA", &error));
+  EXPECT_FALSE(decryptFile(testFiles(), folder.file("gone.wte"), "", "OSKIRA", &error));
   EXPECT_THAT(error, StartsWith("Failed to decrypt " + folder.file("gone.wte")));
   EXPECT_THAT(error, HasSubstr("No such file or directory"));
 
   // A folder that cannot be written to.
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("a.wte"), folder.file("missing/a.wts"),
+  EXPECT_FALSE(decryptFile(testFiles(), folder.file("a.wte"), folder.file("missing/a.wts"),
                            "OSKIRA", &error));
   EXPECT_THAT(error, HasSubstr("cannot write file " + folder.file("missing/a.wts")));
-  EXPECT_FALSE(encryptFile(localFiles(), folder.file("a.wts"), folder.file("missing/a.wte"),
+  EXPECT_FALSE(encryptFile(testFiles(), folder.file("a.wts"), folder.file("missing/a.wte"),
                            "OSKIRA", &error));
   EXPECT_THAT(error, StartsWith("Failed to encrypt " + folder.file("a.wts")));
 
   // No output name can be made for an unknown extension.
   writeFile(folder.file("c.dat"), "x");
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("c.dat"), "", "OSKIRA", &error));
+  EXPECT_FALSE(decryptFile(testFiles(), folder.file("c.dat"), "", "OSKIRA", &error));
   EXPECT_THAT(error, HasSubstr("File extension not recognised by encrypt software: "));
-  EXPECT_FALSE(encryptFile(localFiles(), folder.file("c.dat"), "", "OSKIRA", &error));
+  EXPECT_FALSE(encryptFile(testFiles(), folder.file("c.dat"), "", "OSKIRA", &error));
 
   EXPECT_EQ(folder.names(), (std::vector<std::string>{"a.wte", "a.wts", "b.wte", "c.dat"}));
   // The error pointer is optional.
-  EXPECT_FALSE(decryptFile(localFiles(), folder.file("b.wte"), "", "OSKIRA", nullptr));
+  EXPECT_FALSE(decryptFile(testFiles(), folder.file("b.wte"), "", "OSKIRA", nullptr));
 }
 
 }  // namespace

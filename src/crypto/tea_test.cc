@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "common/file_system.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -105,7 +106,7 @@ TEST(TeaFrame, LayoutMatchesPublishedVectors) {
   // of plaintext put 01..08 into the third block, so whole blocks of the
   // frame are the published vectors.
   TeaCipher tea([] { return 0.0; });
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   std::vector<uint8_t> data{0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8};
   ASSERT_TRUE(tea.EncryptByte(data, ""));
   ASSERT_EQ(data.size(), 24u);
@@ -135,7 +136,7 @@ TEST(TeaFrame, LayoutMatchesPublishedVectors) {
 TEST(TeaFrame, HeaderWordsLittleEndianAndZeroPadding) {
   const TeaKey key = teaKeyFromText("frame key");
   TeaCipher tea([] { return 0.5; });
-  tea.useFiles(localFiles());  // 0.5 x 2147483647 -> 1073741823 = 0x3FFFFFFF
+  tea.useFiles(testFiles());  // 0.5 x 2147483647 -> 1073741823 = 0x3FFFFFFF
 
   std::vector<uint8_t> data = bytesOf("hello");
   ASSERT_TRUE(tea.EncryptByte(data, "frame key"));
@@ -165,7 +166,7 @@ TEST(TeaFrame, RandomWordMakesEachFrameDifferent) {
   std::vector<double> draws{0.25, 0.75};
   size_t next = 0;
   TeaCipher seeded([&] { return draws[next++ % draws.size()]; });
-  seeded.useFiles(localFiles());
+  seeded.useFiles(testFiles());
   const auto first = seeded.EncryptString("same data", "k");
   const auto second = seeded.EncryptString("same data", "k");
   ASSERT_TRUE(first && second);
@@ -175,7 +176,7 @@ TEST(TeaFrame, RandomWordMakesEachFrameDifferent) {
 
   // The clock-seeded default as well.
   TeaCipher clocked;
-  clocked.useFiles(localFiles());
+  clocked.useFiles(testFiles());
   const auto a = clocked.EncryptString("same data", "k");
   const auto b = clocked.EncryptString("same data", "k");
   ASSERT_TRUE(a && b);
@@ -186,7 +187,7 @@ TEST(TeaFrame, RandomWordMakesEachFrameDifferent) {
 
 TEST(TeaRoundTrip, BytesAndStringsOfEverySize) {
   TeaCipher tea;
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   tea.Key("round trip key");
   for (size_t n : {0, 1, 7, 8, 9, 1000}) {
     const std::vector<uint8_t> original = sample(n);
@@ -215,7 +216,7 @@ TEST(TeaRoundTrip, BytesAndStringsOfEverySize) {
 
 TEST(TeaHex, UpperCaseDigitPairsAndLenientReading) {
   TeaCipher tea([] { return 0.0; });
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   const auto hex = tea.EncryptString("Hex text", "hex key", true);
   ASSERT_TRUE(hex);
   EXPECT_EQ(hex->size(), 48u);
@@ -238,7 +239,7 @@ TEST(TeaHex, UpperCaseDigitPairsAndLenientReading) {
 
 TEST(TeaDecrypt, BadSizeDescriptorIsReportedAndLeavesDataAlone) {
   TeaCipher tea([] { return 0.0; });
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   std::vector<uint8_t> frame = sample(30);
   ASSERT_TRUE(tea.EncryptByte(frame, "right key"));
 
@@ -289,7 +290,7 @@ TEST(TeaDecrypt, BadSizeDescriptorIsReportedAndLeavesDataAlone) {
 TEST(TeaProgress, PercentsAtThresholdsEndingWithHundred) {
   std::vector<int> seen;
   TeaCipher tea([] { return 0.0; });
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   tea.Progress = [&](int percent) { seen.push_back(percent); };
 
   std::vector<uint8_t> data;  // a 16-byte frame: blocks at 0 and 8
@@ -326,7 +327,7 @@ class TempFolder {
   std::string file(const std::string& name) const { return scratch_.file(name); }
   size_t count() const {
     std::vector<std::string> names;
-    localFiles().list(scratch_.path(), names, nullptr);
+    testFiles().list(scratch_.path(), names, nullptr);
     return names.size();
   }
 
@@ -335,21 +336,21 @@ class TempFolder {
 };
 
 void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  localFiles().writeAtomically(path, std::string(bytes.begin(), bytes.end()), nullptr);
+  testFiles().writeAtomically(path, std::string(bytes.begin(), bytes.end()), nullptr);
 }
 
 std::vector<uint8_t> readFile(const std::string& path) {
   std::string bytes;
-  localFiles().readFile(path, bytes, nullptr);
+  testFiles().readFile(path, bytes, nullptr);
   return {bytes.begin(), bytes.end()};
 }
 
-bool exists(const std::string& path) { return localFiles().info(path).kind != FileKind::kMissing; }
+bool exists(const std::string& path) { return testFiles().info(path).kind != FileKind::kMissing; }
 
 TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   TempFolder folder;
   TeaCipher tea;
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   for (size_t n : {0, 1, 7, 8, 9, 1000}) {
     const std::string plain = folder.file("plain" + std::to_string(n));
     const std::string sealed = folder.file("sealed" + std::to_string(n));
@@ -384,7 +385,7 @@ TEST(TeaFiles, RoundTripAndFailuresLeaveNoPartialFile) {
   EXPECT_THAT(tea.LastError().description, ::testing::HasSubstr("no/such/folder/x"));
 
   // A folder in the target's place cannot be replaced.
-  localFiles().makeFolders(folder.file("taken"), nullptr);
+  testFiles().makeFolders(folder.file("taken"), nullptr);
   EXPECT_FALSE(tea.EncryptFile(folder.file("plain8"), folder.file("taken"), "k"));
   EXPECT_EQ(tea.LastError().number, kTeaErrFileWrite);
   EXPECT_EQ(folder.count(), 19u);
@@ -399,11 +400,11 @@ TEST(TeaFiles, StreamedFramesMatchTheByteFramesAcrossChunkEdges) {
     std::vector<int> fileProgress;
     std::vector<int> byteProgress;
     TeaCipher streamed([] { return 0.25; });
-    streamed.useFiles(localFiles());
+    streamed.useFiles(testFiles());
     streamed.Progress = [&](int p) { fileProgress.push_back(p); };
     ASSERT_TRUE(streamed.EncryptFile(plain, folder.file("sealed"), "chunk key"));
     TeaCipher whole([] { return 0.25; });
-    whole.useFiles(localFiles());
+    whole.useFiles(testFiles());
     whole.Progress = [&](int p) { byteProgress.push_back(p); };
     std::vector<uint8_t> frame = sample(n);
     ASSERT_TRUE(whole.EncryptByte(frame, "chunk key"));
@@ -422,7 +423,7 @@ TEST(TeaFiles, StreamedFramesMatchTheByteFramesAcrossChunkEdges) {
 TEST(TeaFiles, DamagedFramesGiveTheSizeDescriptorErrorAndNoFile) {
   TempFolder folder;
   TeaCipher tea([] { return 0.5; });
-  tea.useFiles(localFiles());
+  tea.useFiles(testFiles());
   std::vector<uint8_t> frame = sample(100);
   ASSERT_TRUE(tea.EncryptByte(frame, "k"));
 

@@ -12,6 +12,7 @@
 #include "engine/engine.h"
 #include "instrument/link/instrument_settings.h"
 #include "sequencer/recording_operator.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -43,7 +44,7 @@ std::string ReadExample(const std::string& name) {
   std::string text;
   std::string error;
   EXPECT_TRUE(
-      readTextFile(localFiles(), std::string(TAVRIX_EXAMPLES_DIR) + "/" + name, text, &error))
+      readTextFile(testFiles(), std::string(TAVRIX_EXAMPLES_DIR) + "/" + name, text, &error))
       << error;
   return text;
 }

@@ -9,6 +9,7 @@
 #include "common/text_file.h"
 #include "engine/engine.h"
 #include "sequencer/recording_operator.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -19,7 +20,7 @@ TEST(SafeState, AnAbnormalEndOfAStartedRunRunsTheSafeStateSequenceAndSaysSo) {
   MemoryFileSystem& files = *owned;
   std::string rig;
   ASSERT_TRUE(
-      readTextFile(localFiles(), std::string(TAVRIX_EXAMPLES_DIR) + "/rig.ims", rig, nullptr));
+      readTextFile(testFiles(), std::string(TAVRIX_EXAMPLES_DIR) + "/rig.ims", rig, nullptr));
   files.put("/rig.ims", rig);
   files.put("/safe.wts", "SEND HEATER, 0\r\n");
   files.put("/broken.wts", "SEND HEATER, 77\r\nGOTO NOWHERE\r\n");

@@ -16,6 +16,7 @@
 #include "engine/engine.h"
 #include "platform/process.h"
 #include "sequencer/operator.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -46,7 +47,7 @@ class CountingOperator : public Operator {
 TEST(Soak, AWeekOfALoopingSequenceWithCalculatedChannelsKeepsResidentMemoryFlat) {
   const ScratchFolder scratch;
   const std::string home = scratch.path();
-  FileSystem& files = localFiles();
+  FileSystem& files = testFiles();
   std::string error;
   const std::string examples = TAVRIX_EXAMPLES_DIR;
   // The day example's rig, and an oven whose reading wanders over its alarm

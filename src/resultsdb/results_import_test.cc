@@ -8,6 +8,7 @@
 
 #include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -116,7 +117,7 @@ TEST(ResultsImport, AFileThatCannotBeReadIsNamedWithItsLineAndSkippedWhole) {
   std::ofstream(folder.file("Pump test_261115.txt"), std::ios::binary) << "Test_Results\r\n";
   std::ofstream(folder.file("notes.txt"), std::ios::binary) << "shift notes\r\n";
   std::ofstream(folder.file("rig.ims"), std::ios::binary) << "not looked at";
-  const ImportScan scan = ScanResultsFolder(localFiles(), folder.path(), "s");
+  const ImportScan scan = ScanResultsFolder(testFiles(), folder.path(), "s");
   EXPECT_EQ(scan.uuts.size(), 3u);
   EXPECT_EQ(scan.detailsFiles, 2);
   EXPECT_EQ(scan.summaryFiles, 1);
@@ -182,8 +183,8 @@ TEST(ResultsImport, LinksLargeFilesAndFoldersImportedTwiceLoadEachRecordOnce) {
   }
   std::filesystem::resize_file(sub + "/SN_9_261115_000000.txt", std::uintmax_t{100} << 20);
 
-  const ImportScan below = ScanResultsFolder(localFiles(), sub, "s");
-  const ImportScan above = ScanResultsFolder(localFiles(), folder.path(), "s");
+  const ImportScan below = ScanResultsFolder(testFiles(), sub, "s");
+  const ImportScan above = ScanResultsFolder(testFiles(), folder.path(), "s");
   ASSERT_EQ(below.uuts.size(), 2u);
   ASSERT_EQ(above.uuts.size(), 2u);
   EXPECT_EQ(below.uuts[0].key, above.uuts[0].key);

@@ -8,6 +8,7 @@
 
 #include "common/file_system.h"
 #include "resultsdb/store_test_support.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -29,7 +30,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
   testing::TempFolder folder;
   const std::string path = folder.file("data root/results-queue.journal");
   {
-    ResultsQueue queue(localFiles(), path);
+    ResultsQueue queue(testFiles(), path);
     std::string error;
     ASSERT_TRUE(queue.open(&error)) << error;
     for (const char* key : {"a", "b", "c"}) {
@@ -41,7 +42,7 @@ TEST(ResultsQueue, RecordsSurviveAReopenInOrderUntilAcknowledged) {
     }
     ASSERT_TRUE(queue.acknowledge({"a"}, &error)) << error;
   }
-  ResultsQueue reopened(localFiles(), path);
+  ResultsQueue reopened(testFiles(), path);
   std::string error;
   ASSERT_TRUE(reopened.open(&error)) << error;
   const auto waiting = reopened.front(10);
@@ -65,7 +66,7 @@ TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
   testing::TempFolder folder;
   const std::string path = folder.file("results-queue.journal");
   {
-    ResultsQueue queue(localFiles(), path);
+    ResultsQueue queue(testFiles(), path);
     std::string error;
     ASSERT_TRUE(queue.open(&error));
     for (const char* key : {"a", "b", "c"}) {
@@ -79,12 +80,12 @@ TEST(ResultsQueue, ACutOffOrDamagedEntryIsPassedOverAndTheRestKept) {
   text.resize(text.size() - 30);
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 
-  ResultsQueue reopened(localFiles(), path);
+  ResultsQueue reopened(testFiles(), path);
   std::string error;
   ASSERT_TRUE(reopened.open(&error)) << error;
   EXPECT_THAT(Keys(reopened.front(10)), ::testing::ElementsAre("a"));
   // The rewritten journal holds only whole entries.
-  ResultsQueue again(localFiles(), path);
+  ResultsQueue again(testFiles(), path);
   ASSERT_TRUE(again.open(&error));
   EXPECT_EQ(again.size(), 1u);
   const std::string rewritten = Slurp(path);
@@ -105,9 +106,9 @@ TEST(ResultsQueue, ARecordWaitsForTheStoreItWasMadeForAndNoOther) {
     std::ofstream(path, std::ios::binary) << ResultsQueue::EntryLine(
         "{\"uut\":" + StoredUutToJson(SampleUut("old", "0", "2026-11-14 10:00:00")) + "}");
   }
-  ResultsQueue file(localFiles(), path, "/plant/results.sqlite");
-  ResultsQueue server(localFiles(), path, "host=db dbname=results user=rig");
-  ResultsQueue beside(localFiles(), path);
+  ResultsQueue file(testFiles(), path, "/plant/results.sqlite");
+  ResultsQueue server(testFiles(), path, "host=db dbname=results user=rig");
+  ResultsQueue beside(testFiles(), path);
   std::string error;
   ASSERT_TRUE(file.open(&error)) << error;
   ASSERT_TRUE(server.open(&error)) << error;
@@ -125,14 +126,14 @@ TEST(ResultsQueue, ARecordWaitsForTheStoreItWasMadeForAndNoOther) {
   ASSERT_TRUE(file.acknowledge({"f1", "f2"}, &error)) << error;
   EXPECT_EQ(file.size(), 0u);
   EXPECT_EQ(file.ownWaiting(), 0u);
-  ResultsQueue again(localFiles(), path, "host=db dbname=results user=rig");
+  ResultsQueue again(testFiles(), path, "host=db dbname=results user=rig");
   ASSERT_TRUE(again.open(&error)) << error;
   EXPECT_THAT(Keys(again.front(10)), ::testing::ElementsAre("s1"));
   ASSERT_TRUE(again.acknowledge({"s1"}, &error)) << error;
   EXPECT_EQ(server.size(), 0u);
   EXPECT_EQ(server.ownWaiting(), 0u);  // taken by the other run
   std::vector<QueuedRecord> all;
-  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), path, "", all, &error)) << error;
+  ASSERT_TRUE(ResultsQueue::ReadAll(testFiles(), path, "", all, &error)) << error;
   ASSERT_EQ(all.size(), 1u);
   EXPECT_EQ(all[0].uut.key, "old");
   EXPECT_EQ(all[0].store, folder.file("results.sqlite"));

@@ -22,6 +22,7 @@
 #include "common/file_system.h"
 #include "resultsdb/sqlite_connection.h"
 #include "resultsdb/store_test_support.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -88,7 +89,7 @@ class RecorderTest : public ::testing::Test {
 
   // How many records the journal on disk holds, read afresh.
   size_t JournalHolds(const std::string& path) {
-    ResultsQueue reread(localFiles(), path);
+    ResultsQueue reread(testFiles(), path);
     std::string error;
     EXPECT_TRUE(reread.open(&error)) << error;
     return reread.size();
@@ -133,7 +134,7 @@ class RecorderTest : public ::testing::Test {
 };
 
 TEST_F(RecorderTest, TheEngineSideNeverWaitsAndTheStoreGetsEachRecordOnceInOrder) {
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   FakeStore::Shared shared;
   ResultsRecorder recorder(queue,
                            [&](std::string*) { return std::make_unique<FakeStore>(shared); });
@@ -155,7 +156,7 @@ TEST_F(RecorderTest, TheEngineSideNeverWaitsAndTheStoreGetsEachRecordOnceInOrder
 }
 
 TEST_F(RecorderTest, AStoreThatFailsOrCannotBeReachedLeavesTheQueueWhole) {
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c"});
   FakeStore::Shared shared;
   bool reachable = false;
@@ -182,7 +183,7 @@ TEST_F(RecorderTest, AStoreThatFailsOrCannotBeReachedLeavesTheQueueWhole) {
 }
 
 TEST_F(RecorderTest, ARecordRefusedForWhatItHoldsIsSetAsideAndTheEndOfRunWaitKeepsTrying) {
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c", "d"});
   FakeStore::Shared shared;
   shared.refuse = {"b"};
@@ -202,7 +203,7 @@ TEST_F(RecorderTest, ARecordRefusedForWhatItHoldsIsSetAsideAndTheEndOfRunWaitKee
   }
   // b stays in the journal with the store's reason, and is not sent again.
   std::vector<QueuedRecord> records;
-  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), queue.path(), "", records, &error)) << error;
+  ASSERT_TRUE(ResultsQueue::ReadAll(testFiles(), queue.path(), "", records, &error)) << error;
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].uut.key, "b");
   EXPECT_TRUE(records[0].setAside);
@@ -212,7 +213,7 @@ TEST_F(RecorderTest, ARecordRefusedForWhatItHoldsIsSetAsideAndTheEndOfRunWaitKee
 }
 
 TEST_F(RecorderTest, TheEndOfRunWaitTriesAgainEveryDelayUntilItsLimit) {
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   std::string error;
   ASSERT_TRUE(queue.open(&error)) << error;
   FakeStore::Shared shared;
@@ -266,7 +267,7 @@ TEST_F(RecorderTest, ARecordTheJournalCannotHoldIsStillOfferedToTheStoreAndCount
 
 TEST_F(RecorderTest, ALockedDatabaseFileKeepsTheRecordsQueued) {
   const std::string db = folder_.file("results.sqlite");
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b"});
   std::string error;
   ASSERT_TRUE(OpenResultsStore({StoreSpec::Kind::kSqlite, db}, &error)) << error;
@@ -291,7 +292,7 @@ class SharedFolderRecorderTest : public RecorderTest {
 TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   const std::string db = folder_.file("results.sqlite");
   const StoreSpec spec{StoreSpec::Kind::kSqlite, db};
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b"});
   std::string error;
   {
@@ -308,7 +309,7 @@ TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   if (::geteuid() == 0 && account == nullptr) GTEST_SKIP() << "no unprivileged account";
   const int status = InChild(
       [&] {
-        ResultsQueue childQueue(localFiles(), queue.path());
+        ResultsQueue childQueue(testFiles(), queue.path());
         if (!childQueue.open(nullptr) && childQueue.size() != 2) return 3;
         ResultsRecorder recorder(childQueue, SqliteOpener(db));
         if (recorder.drain() != 0) return 1;
@@ -321,7 +322,7 @@ TEST_F(SharedFolderRecorderTest, AReadOnlyDatabaseFileKeepsTheRecordsQueued) {
   EXPECT_EQ(JournalHolds(queue.path()), 2u);
   EXPECT_THAT(StoredKeys(spec), ElementsAre("before"));
 
-  ResultsQueue reopened(localFiles(), queue.path());
+  ResultsQueue reopened(testFiles(), queue.path());
   ASSERT_TRUE(reopened.open(&error));
   ResultsRecorder recorder(reopened, SqliteOpener(db));
   EXPECT_EQ(recorder.drain(), 2u);
@@ -334,7 +335,7 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
   // can still be read but not rewritten.
   const std::string db = folder_.file("results.sqlite");
   const StoreSpec spec{StoreSpec::Kind::kSqlite, db};
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c", "d"}, 200);
   std::string error;
   ASSERT_TRUE(OpenResultsStore(spec, &error)) << error;
@@ -348,7 +349,7 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit r{limit, limit};
     if (::setrlimit(RLIMIT_FSIZE, &r) != 0) return 4;
-    ResultsQueue childQueue(localFiles(), queue.path());
+    ResultsQueue childQueue(testFiles(), queue.path());
     childQueue.open(nullptr);
     ResultsRecorder recorder(childQueue, SqliteOpener(db));
     if (recorder.drain() != 0) return 1;
@@ -362,7 +363,7 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
   EXPECT_EQ(rows.at(0).at(0), "ok");
   EXPECT_THAT(StoredKeys(spec), ElementsAre());
 
-  ResultsQueue reopened(localFiles(), queue.path());
+  ResultsQueue reopened(testFiles(), queue.path());
   ASSERT_TRUE(reopened.open(&error));
   ResultsRecorder recorder(reopened, SqliteOpener(db));
   EXPECT_EQ(recorder.drain(), 4u);
@@ -377,7 +378,7 @@ TEST_F(RecorderTest, AServerKilledInTheMiddleOfABatchLosesNothingAndDuplicatesNo
     FAIL() << reason;
   }
   const StoreSpec spec{StoreSpec::Kind::kPostgres, server.conninfo()};
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"));
   Queue(queue, {"a", "b", "c", "d", "e"});
   bool killed = false;
   ResultsRecorder recorder(queue, [&](std::string* error) -> std::unique_ptr<ResultsStore> {
@@ -406,7 +407,7 @@ TEST_F(RecorderTest, AServerRefusingOneRecordTakesTheOthersAndTheRefusalIsKeptWi
   if (testing::SharedServer(&reason) == nullptr) GTEST_SKIP() << reason;
   const StoreSpec spec{StoreSpec::Kind::kPostgres, testing::FreshPostgresDatabase()};
   ASSERT_FALSE(spec.target.empty());
-  ResultsQueue queue(localFiles(), folder_.file("q.journal"), StoreKey(spec));
+  ResultsQueue queue(testFiles(), folder_.file("q.journal"), StoreKey(spec));
   std::string error;
   ASSERT_TRUE(queue.open(&error)) << error;
   for (const char* key : {"a", "b", "c"}) {
@@ -422,7 +423,7 @@ TEST_F(RecorderTest, AServerRefusingOneRecordTakesTheOthersAndTheRefusalIsKeptWi
   EXPECT_THAT(StoredKeys(spec), ElementsAre("a", "c"));
   EXPECT_EQ(queue.size(), 0u);
   std::vector<QueuedRecord> records;
-  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), queue.path(), "", records, &error)) << error;
+  ASSERT_TRUE(ResultsQueue::ReadAll(testFiles(), queue.path(), "", records, &error)) << error;
   ASSERT_EQ(records.size(), 1u);
   EXPECT_TRUE(records[0].setAside);
   EXPECT_THAT(records[0].reason, HasSubstr("out of range"));
@@ -459,7 +460,7 @@ TEST_F(RecorderTest, RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHowev
     if (pid == 0) {
       ::close(fds[0]);
       const StoreSpec& mine = run % 4 == 3 ? elsewhere : spec;
-      ResultsQueue q(localFiles(), journal, StoreKey(mine));
+      ResultsQueue q(testFiles(), journal, StoreKey(mine));
       if (!q.open(nullptr)) _exit(3);
       ResultsRecorder recorder(q, [mine](std::string* e) -> std::unique_ptr<ResultsStore> {
         return OpenResultsStore(mine, e, 0);
@@ -539,7 +540,7 @@ TEST_F(RecorderTest, RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHowev
   ::close(fds[0]);
 
   // Whoever comes next delivers what the killed runs left.
-  ResultsQueue last(localFiles(), journal, StoreKey(spec));
+  ResultsQueue last(testFiles(), journal, StoreKey(spec));
   ASSERT_TRUE(last.open(&error)) << error;
   ResultsRecorder recorder(last, SqliteOpener(db, 5000));
   recorder.drain();
@@ -549,7 +550,7 @@ TEST_F(RecorderTest, RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHowev
   const std::set<std::string> storedSet(stored.begin(), stored.end());
   EXPECT_EQ(storedSet.size(), stored.size());  // none twice
   std::vector<QueuedRecord> left;
-  ASSERT_TRUE(ResultsQueue::ReadAll(localFiles(), journal, "", left, &error)) << error;
+  ASSERT_TRUE(ResultsQueue::ReadAll(testFiles(), journal, "", left, &error)) << error;
   std::set<std::string> waiting;
   for (const auto& r : left) {
     EXPECT_EQ(r.store, StoreKey(elsewhere)) << r.uut.key;

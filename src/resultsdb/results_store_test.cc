@@ -14,6 +14,7 @@
 #include "resultsdb/results_queue.h"
 #include "resultsdb/sqlite_connection.h"
 #include "resultsdb/store_test_support.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -278,7 +279,7 @@ TEST_P(StoreTest, AnUpToDateStoreOpensWithReadAccessOnly) {
     struct stat st {};
     ASSERT_EQ(::stat(spec_.target.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 077, 0u) << std::oct << st.st_mode;
-    ResultsQueue queue(localFiles(), folder_.file(std::string(kQueueFileName)));
+    ResultsQueue queue(testFiles(), folder_.file(std::string(kQueueFileName)));
     ASSERT_TRUE(queue.append(SampleUut("k2", "2", "2026-11-15 09:00:00", 1), &error)) << error;
     ASSERT_EQ(::stat(queue.path().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 077, 0u) << std::oct << st.st_mode;

@@ -167,9 +167,12 @@ std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, const SqliteO
   // SQLite opens the database file itself; its folder is made here.
   // A new database is for its owner alone to read, as is its journal; the
   // database's log files take its permissions.
+  // SQLite reaches the disk by itself, past any file system a run is
+  // given, so its file is prepared on the disk directly.
   if (!options.readOnly) {
-    localFiles().makeFolders(parentFolder(path), nullptr);
-    localFiles().createPrivate(path, nullptr);
+    LocalFileSystem disk;
+    disk.makeFolders(parentFolder(path), nullptr);
+    disk.createPrivate(path, nullptr);
   }
   sqlite3* db = nullptr;
   const int flags =

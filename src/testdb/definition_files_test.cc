@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "testdb/testdb_fixture.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -24,7 +25,7 @@ class DefinitionFilesTest : public ::testing::Test {
  protected:
   DefinitionFilesTest() : paths_(folder_.path() + "/drives") {
     options_.paths = &paths_;
-    options_.files = &localFiles();
+    options_.files = &testFiles();
     options_.currentDirectory = "/work/here";
     options_.showMessage = [this](const std::string& text) { messages_.push_back(text); };
   }

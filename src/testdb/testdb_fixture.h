@@ -8,13 +8,14 @@
 #include "common/file_system.h"
 #include "common/text_file.h"
 #include "platform/files.h"
+#include "testing/test_files.h"
 
 namespace tavrix::testing_support {
 
 class TempFolder {
  public:
   const std::string& path() const { return scratch_.path(); }
-  FileSystem& files() const { return localFiles(); }
+  FileSystem& files() const { return testFiles(); }
 
   // Writes `lines`, each ended by CR LF, and returns the file's path.
   std::string Write(const std::string& name, const std::vector<std::string>& lines) const {

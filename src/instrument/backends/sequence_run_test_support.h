@@ -19,6 +19,7 @@
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/test_files.h"
 
 namespace tavrix::testing {
 
@@ -40,18 +41,18 @@ inline LinkRun RunSequenceOver(
   Trace trace(clock);
   RecordingOperator op;
   PathMap paths(folder);
-  Sequencer seq(events, op, trace, localFiles(), paths);
+  Sequencer seq(events, op, trace, testFiles(), paths);
   RegisterSequencerCommands(seq);
   std::string error;
-  auto instrument = MakeInstrument(events, trace, settings, link, localFiles(), paths, &error);
+  auto instrument = MakeInstrument(events, trace, settings, link, testFiles(), paths, &error);
   if (!instrument) return {error, {}};
   RegisterInstrumentCommands(seq, *instrument);
   std::string text;
   for (const auto& line : lines) text += line + "\r\n";
   const std::string sequence = folder + "/sequence" + std::to_string(++runs) + ".wts";
   const std::string tracePath = sequence + ".jsonl";
-  EXPECT_TRUE(localFiles().writeAtomically(sequence, text, nullptr));
-  trace.setOutput(localFiles().create(tracePath, nullptr));
+  EXPECT_TRUE(testFiles().writeAtomically(sequence, text, nullptr));
+  trace.setOutput(testFiles().create(tracePath, nullptr));
   trace.setOrigin(clock.now());
   EXPECT_TRUE(seq.prepareFile(sequence, &error)) << error;
   std::unique_ptr<Timer> hook;
@@ -59,14 +60,14 @@ inline LinkRun RunSequenceOver(
   seq.start();
   trace.setOutput(nullptr);
   std::string traced;
-  localFiles().readFile(tracePath, traced, nullptr);
+  testFiles().readFile(tracePath, traced, nullptr);
   // The trace is JSON: a '\' in the name (Windows) is written doubled.
   std::string named;
   for (const char c : sequence) named += c == '\\' ? std::string("\\\\") : std::string(1, c);
   for (size_t at; (at = traced.find(named)) != std::string::npos;)
     traced.replace(at, named.size(), "SEQUENCE");
-  localFiles().remove(sequence, nullptr);
-  localFiles().remove(tracePath, nullptr);
+  testFiles().remove(sequence, nullptr);
+  testFiles().remove(tracePath, nullptr);
   return {seq.lastSequenceError(), traced};
 }
 

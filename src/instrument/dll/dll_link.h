@@ -13,6 +13,8 @@
 
 namespace tavrix {
 
+class FileSystem;
+
 inline constexpr std::string_view kLinkDll = "dll";
 
 // The setup summary the setup library produces for a setup: beside the
@@ -22,7 +24,9 @@ std::string SetupSummaryPath(std::string_view setupFile);
 // Loads both libraries named by `settings` (library_folder, link_library,
 // setup_library) and resolves every function the program calls. nullptr and
 // a message naming the file, and the function when one is missing, when
-// that cannot be done.
-std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& settings, std::string& error);
+// that cannot be done. The setup summaries the setup library writes are
+// read from `files`.
+std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& settings,
+                                         const FileSystem& files, std::string& error);
 
 }  // namespace tavrix

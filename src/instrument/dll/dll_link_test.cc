@@ -14,6 +14,7 @@
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -58,7 +59,7 @@ struct DllLinkTest : ::testing::Test {
 TEST_F(DllLinkTest, ASequenceThroughTheLibrariesGivesTheSimulatedRigsTrace) {
   ASSERT_FALSE(folder.empty());
   const std::string rig = folder + "/rig.ims";
-  ASSERT_TRUE(localFiles().writeAtomically(rig, kRig, nullptr));
+  ASSERT_TRUE(testFiles().writeAtomically(rig, kRig, nullptr));
   const std::vector<std::string> lines = {"IMSFILESPEC " + rig, "SEND HEATER, 100", "WAIT SLOW = 3",
                                           "MONITOR 1, TMON", "IMLDEF HEATER, Q=1"};
   const RunResult sim = RunOver("sim", standIns(), folder, lines);
@@ -69,7 +70,7 @@ TEST_F(DllLinkTest, ASequenceThroughTheLibrariesGivesTheSimulatedRigsTrace) {
   EXPECT_EQ(dll.trace, sim.trace);
   // The setup library left the setup's summary where the link reads it.
   std::string summary;
-  localFiles().readFile(SetupSummaryPath(rig), summary, nullptr);
+  testFiles().readFile(SetupSummaryPath(rig), summary, nullptr);
   EXPECT_NE(summary.find("10023 E=1"), std::string::npos);
 }
 
@@ -77,25 +78,25 @@ TEST_F(DllLinkTest, AMissingLibraryOrFunctionIsAStartUpErrorNamingIt) {
   InstrumentSettings settings = standIns();
   settings.libraryFolder = folder;
   std::string error;
-  EXPECT_EQ(MakeDllLink(settings, error), nullptr);
+  EXPECT_EQ(MakeDllLink(settings, testFiles(), error), nullptr);
   EXPECT_EQ(error.rfind("cannot load the link library " + folder + "\\commslib.dll: ", 0), 0u)
       << error;
 
   // The setup library loaded as the link library lacks every link function.
   settings = standIns();
   settings.linkLibraryName = "imslib.dll";
-  EXPECT_EQ(MakeDllLink(settings, error), nullptr);
+  EXPECT_EQ(MakeDllLink(settings, testFiles(), error), nullptr);
   EXPECT_EQ(error, std::string(TAVRIX_STAND_IN_FOLDER) +
                        "\\imslib.dll has no function _OpenIMLInterface@4");
 
   settings = standIns();
   settings.setupLibraryName = "commslib.dll";
-  EXPECT_EQ(MakeDllLink(settings, error), nullptr);
+  EXPECT_EQ(MakeDllLink(settings, testFiles(), error), nullptr);
   EXPECT_EQ(error, std::string(TAVRIX_STAND_IN_FOLDER) +
                        "\\commslib.dll has no function _IMSLibVersion@8");
 
   settings = standIns();
-  EXPECT_NE(MakeDllLink(settings, error), nullptr) << error;
+  EXPECT_NE(MakeDllLink(settings, testFiles(), error), nullptr) << error;
 }
 
 }  // namespace

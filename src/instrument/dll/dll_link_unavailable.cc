@@ -3,7 +3,7 @@
 namespace tavrix {
 
 std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& /*settings*/,
-                                         std::string& error) {
+                                         const FileSystem& /*files*/, std::string& error) {
   error =
       "the dll link loads the rig PC's link libraries and exists only in the Windows build; "
       "reach a rig PC through tcp://HOST:PORT";

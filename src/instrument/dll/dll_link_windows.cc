@@ -39,6 +39,8 @@ constexpr size_t kDirPathLength = 260;
 
 class DllLink final : public LinkLibrary {
  public:
+  explicit DllLink(const FileSystem& files) : files_(files) {}
+
   int32_t openInterface(int16_t& handle) override { return open_(&handle); }
   int32_t closeInterface(int16_t handle) override { return close_(handle); }
   int32_t interfaceVersion(int16_t handle, std::string& text) override {
@@ -76,7 +78,7 @@ class DllLink final : public LinkLibrary {
     load.setupName = name;
     const std::string summary = SetupSummaryPath(path);
     std::string error;
-    if (!readTextFile(localFiles(), summary, load.summary, &error)) {
+    if (!readTextFile(files_, summary, load.summary, &error)) {
       load.message = error;
       return link_result::kSetupFileUnreadable;
     }
@@ -112,6 +114,7 @@ class DllLink final : public LinkLibrary {
            find(ims_, imsFile_, "_IMSRequestMonitorChannel@8", monitor_, error);
   }
 
+  const FileSystem& files_;
   std::unique_ptr<platform::SharedLibrary> comms_;
   std::unique_ptr<platform::SharedLibrary> ims_;
   std::string commsFile_;
@@ -148,8 +151,9 @@ std::string inFolder(const std::string& folder, const std::string& name) {
 
 }  // namespace
 
-std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& settings, std::string& error) {
-  auto link = std::make_unique<DllLink>();
+std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& settings,
+                                         const FileSystem& files, std::string& error) {
+  auto link = std::make_unique<DllLink>(files);
   link->commsFile_ = inFolder(settings.libraryFolder, settings.linkLibraryName);
   link->imsFile_ = inFolder(settings.libraryFolder, settings.setupLibraryName);
   std::string why;

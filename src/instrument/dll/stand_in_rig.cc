@@ -16,9 +16,11 @@ namespace {
 // TAVRIX_RIG_DIR as the library's own directory.
 struct Rig {
   SystemClock clock;
-  // The library is a program of its own: the machine's files are its files.
+  // The library is a program of its own, loaded into its caller without a
+  // file system to be handed: the machine's files are its files.
+  LocalFileSystem files;
   SimLink link{clock, std::getenv("TAVRIX_RIG_DIR") != nullptr ? std::getenv("TAVRIX_RIG_DIR") : "",
-               localFiles()};
+               files};
   std::mutex mutex;
 };
 
@@ -120,7 +122,7 @@ int16_t rig_load_setup(char* path, int32_t second, char* setupName) {
     lines.push_back(std::move(line));
     rest = end == std::string_view::npos ? std::string_view{} : rest.substr(end + 1);
   }
-  if (!writeTextFileAtomically(localFiles(), SetupSummaryPath(path), lines, nullptr)) {
+  if (!writeTextFileAtomically(rig().files, SetupSummaryPath(path), lines, nullptr)) {
     return static_cast<int16_t>(link_result::kSetupFileUnreadable);
   }
   std::memset(setupName, ' ', kSetupNameLength);

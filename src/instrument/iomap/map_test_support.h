@@ -20,6 +20,7 @@
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/test_files.h"
 
 namespace tavrix::testing {
 
@@ -37,14 +38,14 @@ class MapRun {
         events_(clock_),
         trace_(clock_),
         paths_(folder.path()),
-        seq_(events_, op_, trace_, localFiles(), paths_),
+        seq_(events_, op_, trace_, testFiles(), paths_),
         folder_(folder) {
     RegisterSequencerCommands(seq_);
     const std::string mapPath = folder.file("rig" + std::to_string(++files_) + ".toml");
-    EXPECT_TRUE(localFiles().writeAtomically(mapPath, mapText, nullptr));
+    EXPECT_TRUE(testFiles().writeAtomically(mapPath, mapText, nullptr));
     IoMap map;
     std::string error;
-    EXPECT_TRUE(LoadIoMapFile(localFiles(), mapPath, map, error)) << error;
+    EXPECT_TRUE(LoadIoMapFile(testFiles(), mapPath, map, error)) << error;
     auto link = std::make_unique<MapLink>(clock_, std::move(map));
     link->replyWaitMs = replyWaitMs;
     link->reconnectPauseMs = 20;
@@ -56,12 +57,12 @@ class MapRun {
     RegisterInstrumentCommands(seq_, *instrument_);
     RegisterOutputCommands(seq_, *instrument_);
     tracePath_ = folder.file("trace" + std::to_string(files_) + ".jsonl");
-    trace_.setOutput(localFiles().create(tracePath_, nullptr));
+    trace_.setOutput(testFiles().create(tracePath_, nullptr));
     trace_.setOrigin(clock_.now());
   }
   ~MapRun() {
     trace_.setOutput(nullptr);
-    localFiles().remove(tracePath_, nullptr);
+    testFiles().remove(tracePath_, nullptr);
   }
 
   // Runs `lines`; the run's last sequence error ("" when none).
@@ -70,13 +71,13 @@ class MapRun {
     std::string text;
     for (const auto& line : lines) text += line + "\r\n";
     const std::string sequence = folder_.file("seq" + std::to_string(++files_) + ".wts");
-    EXPECT_TRUE(localFiles().writeAtomically(sequence, text, nullptr));
+    EXPECT_TRUE(testFiles().writeAtomically(sequence, text, nullptr));
     std::string error;
     EXPECT_TRUE(seq_.prepareFile(sequence, &error)) << error;
     std::unique_ptr<Timer> hook;
     if (duringRun) hook = duringRun(events_);
     seq_.start();
-    localFiles().remove(sequence, nullptr);
+    testFiles().remove(sequence, nullptr);
     return seq_.lastSequenceError();
   }
   // A timer that presses Stop `after` the run starts.
@@ -89,7 +90,7 @@ class MapRun {
   }
   std::string trace() {
     std::string text;
-    localFiles().readFile(tracePath_, text, nullptr);
+    testFiles().readFile(tracePath_, text, nullptr);
     return text;
   }
 

@@ -12,6 +12,7 @@
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -274,7 +275,7 @@ TEST_F(ChannelCommandsTest, TheSetupFileMayBeChosenByTheOperator) {
   // Without hardware nothing is loaded or sent, and every channel reads "0".
   InstrumentSettings settings;
   settings.noHardware = true;
-  Instrument none(events_, trace_, settings, std::make_unique<SimLink>(clock_, "", localFiles()),
+  Instrument none(events_, trace_, settings, std::make_unique<SimLink>(clock_, "", testFiles()),
                   paths_);
   std::string value;
   EXPECT_TRUE(none.selectSetupFile("/nonexistent.ims"));

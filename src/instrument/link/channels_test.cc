@@ -11,6 +11,7 @@
 #include "common/text_conventions.h"
 #include "instrument/link/recording_link.h"
 #include "instrument/simrig/sim_rig.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -56,7 +57,7 @@ struct ChannelsFixture : ::testing::Test {
 TEST(ChannelSummary, LinesBecomeChannelRecords) {
   VirtualClock clock{0};
   EventLoop events{clock};
-  SimLink sim{clock, "", localFiles()};
+  SimLink sim{clock, "", testFiles()};
   ImlLink link{sim, events, nullptr};
   Channels channels{link};
   channels.ReadSummary(

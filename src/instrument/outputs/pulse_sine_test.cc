@@ -7,6 +7,7 @@
 
 #include "instrument/outputs/output_test_rig.h"
 #include "instrument/outputs/output_timing.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -62,7 +63,7 @@ TEST(PulseOutput, FailedWritesToAChannelNotInTheTableDoNotStopThePulse) {
 TEST(WaitMilliseconds, CountsOnTheLinkCounterAcrossItsWrap) {
   // The counter is 32 bits wide: start 50 ms before it wraps.
   VirtualClock clock((int64_t{1} << 31) * 1000 - 50'000);
-  SimLink link(clock, "", localFiles());
+  SimLink link(clock, "", testFiles());
   const int32_t start = link.millisecondCount();
   EXPECT_EQ(start, INT32_MAX - 49);
   WaitMilliseconds(link, clock, start, 120);

@@ -6,6 +6,7 @@
 
 #include "common/civil_time.h"
 #include "common/text_conventions.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -80,7 +81,7 @@ TEST(RigSetupFile, GarbageLinesAreNamedWithTheirNumber) {
   }
   std::string error;
   RigSetup setup;
-  EXPECT_FALSE(LoadRigSetupFile(localFiles(), "/nonexistent/rig.ims", setup, error));
+  EXPECT_FALSE(LoadRigSetupFile(testFiles(), "/nonexistent/rig.ims", setup, error));
   EXPECT_EQ(error, "cannot read the setup file /nonexistent/rig.ims: No such file or directory");
 }
 

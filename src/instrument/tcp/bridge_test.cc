@@ -24,6 +24,7 @@
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -49,7 +50,7 @@ std::string Path(const std::string& stem) {
 
 std::string TempFile(const std::string& stem, std::string_view text) {
   const std::string path = Path(stem);
-  EXPECT_TRUE(localFiles().writeAtomically(path, text, nullptr));
+  EXPECT_TRUE(testFiles().writeAtomically(path, text, nullptr));
   return path;
 }
 
@@ -63,7 +64,7 @@ std::string NewKeyFile() {
 std::string KeyOf(const std::string& keyFile) {
   std::string key;
   std::string error;
-  EXPECT_TRUE(LoadLinkKey(keyFile, key, error)) << error;
+  EXPECT_TRUE(LoadLinkKey(testFiles(), keyFile, key, error)) << error;
   return key;
 }
 
@@ -164,7 +165,7 @@ RunResult RunOver(VirtualClock& clock, const std::string& link, const std::strin
 // The problem a TCP link reports when it does not open.
 std::string OpenProblem(uint16_t port, const std::string& key) {
   VirtualClock clock(kStart);
-  TcpLink link(clock, "127.0.0.1", port, localFiles());
+  TcpLink link(clock, "127.0.0.1", port, testFiles());
   link.setKey(key);
   int16_t handle = 0;
   EXPECT_EQ(link.openInterface(handle), link_result::kLinkLost);
@@ -204,15 +205,15 @@ TEST(LinkKey, KeyFilesHoldHexDigitsAndStayPrivate) {
                                            std::filesystem::perms::group_read);
   const bool permissionBits = !platform::hasDriveLetters();
   EXPECT_EQ(platform::othersMayAccess(shared), permissionBits);
-  EXPECT_EQ(LoadLinkKey(shared, key, error), !permissionBits);
+  EXPECT_EQ(LoadLinkKey(testFiles(), shared, key, error), !permissionBits);
   if (permissionBits) {
     EXPECT_EQ(error, "the key file " + shared +
                          " may be read by other users; make it private (chmod 600) and try again");
   }
   std::filesystem::permissions(shared, std::filesystem::perms::group_read,
                                std::filesystem::perm_options::remove);
-  EXPECT_TRUE(LoadLinkKey(shared, key, error)) << error;
-  EXPECT_FALSE(LoadLinkKey(Path("missing"), key, error));
+  EXPECT_TRUE(LoadLinkKey(testFiles(), shared, key, error)) << error;
+  EXPECT_FALSE(LoadLinkKey(testFiles(), Path("missing"), key, error));
   EXPECT_NE(error.find("cannot read the key file"), std::string::npos);
 
   // The two proofs differ, depend on both nonces and on the key.
@@ -249,7 +250,7 @@ TEST(Bridge, OnlyALinkWithTheSameKeyIsServed) {
 
   // The right key opens the link.
   VirtualClock clock(kStart);
-  TcpLink link(clock, "127.0.0.1", bridge.port(), localFiles());
+  TcpLink link(clock, "127.0.0.1", bridge.port(), testFiles());
   link.setKey(key);
   int16_t handle = 0;
   EXPECT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
@@ -334,7 +335,7 @@ TEST(Bridge, SilentConnectionsNeverKeepAKeyHolderOut) {
   }
   {
     VirtualClock clock(kStart);
-    TcpLink link(clock, "127.0.0.1", bridge.port(), localFiles());
+    TcpLink link(clock, "127.0.0.1", bridge.port(), testFiles());
     link.setKey(key);
     int16_t handle = 0;
     EXPECT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
@@ -353,7 +354,7 @@ TEST(Bridge, SilentConnectionsNeverKeepAKeyHolderOut) {
                 " closed the connection: the rig server serves at most 64 connections");
   served.pop_back();
   VirtualClock clock(kStart);
-  TcpLink link(clock, "127.0.0.1", bridge.port(), localFiles());
+  TcpLink link(clock, "127.0.0.1", bridge.port(), testFiles());
   link.setKey(key);
   int16_t handle = 0;
   EXPECT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();
@@ -419,7 +420,7 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
   // run's clock): the bridge a 32-bit library is served through.
   VirtualClock libraryClock(kStart);
   auto service = std::make_unique<LibraryService>(
-      std::make_unique<SimLink>(libraryClock, Scratch().path(), localFiles()));
+      std::make_unique<SimLink>(libraryClock, Scratch().path(), testFiles()), testFiles());
   std::string error;
   ASSERT_TRUE(service->open(error)) << error;
   {
@@ -427,8 +428,8 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
     // not ready for three polls answers the fourth.
     VirtualClock clock(kStart);
     RigServer direct;
-    auto simLink = std::make_unique<SimLink>(clock, Scratch().path(), localFiles());
-    auto served = std::make_unique<LibraryService>(std::move(simLink));
+    auto simLink = std::make_unique<SimLink>(clock, Scratch().path(), testFiles());
+    auto served = std::make_unique<LibraryService>(std::move(simLink), testFiles());
     ASSERT_TRUE(served->open(error)) << error;
     direct.serveLibrary(std::move(served));
     EXPECT_EQ(direct.answer("1 SETUP =c:\\rigs\\rig.ims\t" + EscapeField(kRig)).substr(0, 5),
@@ -447,7 +448,7 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
   }
   Bridge library(KeyOf(keyFile), std::move(service));
   {
-    TcpLink link(libraryClock, "127.0.0.1", library.port(), localFiles());
+    TcpLink link(libraryClock, "127.0.0.1", library.port(), testFiles());
     link.setKey(KeyOf(keyFile));
     int16_t handle = 0;
     ASSERT_EQ(link.openInterface(handle), link_result::kOk) << link.connectionProblem();

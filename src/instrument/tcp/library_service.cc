@@ -38,8 +38,8 @@ std::string setupFileName(std::string_view clientPath) {
 
 }  // namespace
 
-LibraryService::LibraryService(std::unique_ptr<LinkLibrary> library)
-    : library_(std::move(library)) {}
+LibraryService::LibraryService(std::unique_ptr<LinkLibrary> library, FileSystem& files)
+    : library_(std::move(library)), files_(files) {}
 
 LibraryService::~LibraryService() {
   if (open_) {
@@ -67,7 +67,7 @@ bool LibraryService::open(std::string& error) {
 
 LibraryService::Answer LibraryService::loadSetup(std::string_view clientPath,
                                                  std::string_view text) {
-  FileSystem& files = localFiles();
+  FileSystem& files = files_;
   std::string failed;
   if (setupFolder_.empty()) {
     const std::string folder =

@@ -15,9 +15,12 @@
 
 namespace tavrix {
 
+class FileSystem;
+
 class LibraryService {
  public:
-  explicit LibraryService(std::unique_ptr<LinkLibrary> library);
+  // `files`: where the setups that clients send are written for the library.
+  LibraryService(std::unique_ptr<LinkLibrary> library, FileSystem& files);
   ~LibraryService();
   LibraryService(const LibraryService&) = delete;
   LibraryService& operator=(const LibraryService&) = delete;
@@ -38,6 +41,7 @@ class LibraryService {
   Answer loadSetup(std::string_view clientPath, std::string_view text);
 
   std::unique_ptr<LinkLibrary> library_;
+  FileSystem& files_;
   int16_t handle_ = 0;
   bool open_ = false;
   std::string setupName_;

@@ -79,8 +79,8 @@ bool ParseLinkKey(std::string_view text, std::string& key, std::string& why) {
   return true;
 }
 
-bool LoadLinkKey(const std::string& path, std::string& key, std::string& error) {
-  const FileSystem& files = localFiles();
+bool LoadLinkKey(const FileSystem& files, const std::string& path, std::string& key,
+                 std::string& error) {
   const FileInfo info = files.info(path);
   std::string text;
   if (info.kind != FileKind::kFile) {

@@ -14,6 +14,8 @@
 
 namespace tavrix {
 
+class FileSystem;
+
 // A key file holds the key as hex digits: at least kMinKeyBytes bytes (32
 // digits) and at most kMaxKeyBytes. Blanks and line ends between the digits
 // are ignored, and so are lines that begin with "#".
@@ -21,10 +23,11 @@ inline constexpr size_t kMinKeyBytes = 16;
 inline constexpr size_t kMaxKeyBytes = 128;
 inline constexpr size_t kNewKeyBytes = 32;
 
-// Reads the key of `path` into `key` (the raw bytes). False with a message
+// Reads the key of `path` in `files` into `key` (the raw bytes). False with a message
 // naming the file when it cannot be read, is not a key, or (on POSIX) when
 // users other than its owner may read it.
-bool LoadLinkKey(const std::string& path, std::string& key, std::string& error);
+bool LoadLinkKey(const FileSystem& files, const std::string& path, std::string& key,
+                 std::string& error);
 // Parses the text of a key file.
 bool ParseLinkKey(std::string_view text, std::string& key, std::string& why);
 

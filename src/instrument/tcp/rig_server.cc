@@ -344,7 +344,8 @@ void RigServer::serve(const std::atomic<bool>& stop) {
   for (auto& c : clients) platform::closeSocket(c.socket);
 }
 
-int RunRigServer(RigServing serving, std::FILE* log, const std::atomic<bool>* stop) {
+int RunRigServer(FileSystem& files, RigServing serving, std::FILE* log,
+                 const std::atomic<bool>* stop) {
   const auto fail = [log](const std::string& error) {
     std::fprintf(log, "tavrix-cli rig: %s\n", error.c_str());
     return 2;
@@ -363,19 +364,19 @@ int RunRigServer(RigServing serving, std::FILE* log, const std::atomic<bool>* st
   }
   if (!serving.keyFile.empty()) {
     std::string key;
-    if (!LoadLinkKey(serving.keyFile, key, error)) return fail(error);
+    if (!LoadLinkKey(files, serving.keyFile, key, error)) return fail(error);
     server.requireKey(std::move(key));
   }
   std::string what;
   if (serving.library) {
-    auto service = std::make_unique<LibraryService>(std::move(serving.library));
+    auto service = std::make_unique<LibraryService>(std::move(serving.library), files);
     if (!service->open(error)) return fail(serving.libraryName + ": " + error);
     server.serveLibrary(std::move(service));
     what = "the " + serving.libraryName + " link";
   } else {
     if (!serving.setupFile.empty()) {
       RigSetup setup;
-      if (!LoadRigSetupFile(localFiles(), serving.setupFile, setup, error)) return fail(error);
+      if (!LoadRigSetupFile(files, serving.setupFile, setup, error)) return fail(error);
       server.model().load(std::move(setup));
     }
     what = serving.setupFile.empty() ? "an empty rig" : serving.setupFile;

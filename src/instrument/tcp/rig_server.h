@@ -124,9 +124,11 @@ bool IsLoopbackAddress(std::string_view host);
 
 // `tavrix-cli rig`: serves the simulated rig (with its setup file loaded) or
 // the given library on `serving.listen` until `stop` (when given) becomes
-// true. Listening on an address other computers can reach needs a key file.
-// Messages go to `log`. Returns the exit status: 0 after a stop, 2 when the
-// setup, the library, the key or the address is bad.
-int RunRigServer(RigServing serving, std::FILE* log, const std::atomic<bool>* stop = nullptr);
+// true. The setup and key files are read from `files`, and the setups that
+// clients send a library are written there. Listening on an address other computers can reach needs
+// a key file. Messages go to `log`. Returns the exit status: 0 after a stop, 2 when the setup, the
+// library, the key or the address is bad.
+int RunRigServer(FileSystem& files, RigServing serving, std::FILE* log,
+                 const std::atomic<bool>* stop = nullptr);
 
 }  // namespace tavrix

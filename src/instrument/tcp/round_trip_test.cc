@@ -22,6 +22,7 @@
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/socket_test_support.h"
 #include "instrument/tcp/tcp_link.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -86,7 +87,7 @@ class Bridge {
   explicit Bridge(int protocol) {
     auto owned = std::make_unique<EchoLibrary>();
     library = owned.get();
-    auto service = std::make_unique<LibraryService>(std::move(owned));
+    auto service = std::make_unique<LibraryService>(std::move(owned), testFiles());
     std::string error;
     EXPECT_TRUE(service->open(error)) << error;
     server_.serveLibrary(std::move(service));
@@ -100,7 +101,7 @@ class Bridge {
     thread_.join();
   }
   std::unique_ptr<TcpLink> link(const Clock& clock) {
-    auto link = std::make_unique<TcpLink>(clock, "127.0.0.1", server_.port(), localFiles());
+    auto link = std::make_unique<TcpLink>(clock, "127.0.0.1", server_.port(), testFiles());
     link->setKey(key);
     link->responseWaitMs = 5000;
     return link;
@@ -298,7 +299,7 @@ TEST(RoundTrip, ResponsesOutOfOrderOnOneConnectionReachTheirOwnRequests) {
     }
     return {id + " 0 =0:two\n", firstId + " 0 =0:one\n"};
   });
-  TcpLink own(clock, "127.0.0.1", peer.port(), localFiles());
+  TcpLink own(clock, "127.0.0.1", peer.port(), testFiles());
   link = &own;
   own.useEventLoop(events);
   own.responseWaitMs = 10'000;
@@ -335,7 +336,7 @@ TEST(RoundTrip, APeerThatGoesAwayMidExchangeLosesTheLinkAtOnce) {
     SCOPED_TRACE("a peer that " + what);
     ScriptedPeer peer(heard);
     SystemClock clock;
-    TcpLink link(clock, "127.0.0.1", peer.port(), localFiles());
+    TcpLink link(clock, "127.0.0.1", peer.port(), testFiles());
     // Long enough that a wait for the response would not end by itself
     // within the test's time.
     link.responseWaitMs = 20'000;

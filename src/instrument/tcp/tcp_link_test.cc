@@ -18,6 +18,7 @@
 #include "sequencer/core_commands.h"
 #include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/test_files.h"
 
 namespace tavrix {
 namespace {
@@ -40,11 +41,11 @@ ScratchFolder& Scratch() {
 std::string TempFile(const std::string& stem, std::string_view text) {
   static int files = 0;
   const std::string path = Scratch().file(stem + std::to_string(++files));
-  EXPECT_TRUE(localFiles().writeAtomically(path, text, nullptr));
+  EXPECT_TRUE(testFiles().writeAtomically(path, text, nullptr));
   return path;
 }
 
-void Remove(const std::string& path) { localFiles().remove(path, nullptr); }
+void Remove(const std::string& path) { testFiles().remove(path, nullptr); }
 
 // A rig server on an ephemeral loopback port, served by a thread.
 class ServerThread {
@@ -133,13 +134,13 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
   Trace trace(clock);
   RecordingOperator op;
   PathMap paths(Scratch().path());
-  Sequencer seq(events, op, trace, localFiles(), paths);
+  Sequencer seq(events, op, trace, testFiles(), paths);
   RegisterSequencerCommands(seq);
   InstrumentSettings settings;
   settings.replyTimeoutSecs = 5;
   std::string error;
   auto instrument =
-      MakeInstrument(events, trace, settings, server->link(), localFiles(), paths, &error);
+      MakeInstrument(events, trace, settings, server->link(), testFiles(), paths, &error);
   ASSERT_NE(instrument, nullptr) << error;
   RegisterInstrumentCommands(seq, *instrument);
   const std::string sequence = TempFile("restart", "IMSFILESPEC " + rig +
@@ -234,7 +235,7 @@ TEST(TcpLink, WaitsForAResponseGoThroughTheRunsEventLoop) {
       if (closeTheLink) linkInUse->closeInterface(1);
     });
   });
-  TcpLink link(clock, "127.0.0.1", server.port(), localFiles());
+  TcpLink link(clock, "127.0.0.1", server.port(), testFiles());
   link.useEventLoop(events);
   linkInUse = &link;
   int16_t handle = 0;
@@ -308,7 +309,7 @@ TEST(RigServer, RunRigServerReportsBadSetupsAndAddresses) {
     RigServing serving;
     serving.listen = std::move(listen);
     serving.setupFile = std::move(setup);
-    return RunRigServer(std::move(serving), log, &stop);
+    return RunRigServer(testFiles(), std::move(serving), log, &stop);
   };
   EXPECT_EQ(serve("127.0.0.1:0", bad), 2);
   EXPECT_EQ(serve("localhost:0", ""), 2);
