@@ -502,7 +502,7 @@ class MainWindowTest : public QObject {
   // there until the run ends.
   void breakpointsOnTheLinesView() {
     MainWindow w(
-        Factory(),
+        TestHost(), Factory(),
         Sequence("breaks.wts", {"CONTINUEOK Ready?", "RESETLOOPCOUNT", "TOP:", "LOOPCHECK 3, DONE",
                                 "INCREMENTLOOPCOUNT", "GOTO TOP", "DONE:", "STOP"}));
     w.show();
