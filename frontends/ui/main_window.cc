@@ -69,12 +69,6 @@ const QColor kWarningColour(255, 176, 144);
 const QColor kPassColour(192, 255, 192);
 const QColor kFailColour(255, 128, 128);
 
-template <typename T>
-T* Named(T* widget, const char* name) {
-  widget->setObjectName(name);
-  return widget;
-}
-
 // The fields of the data entry that must be filled in, in the form's order:
 // the first flag of the field names file's rows. Before the file's first
 // unit the engine has not read the definition yet, so it is read here from

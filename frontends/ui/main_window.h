@@ -14,9 +14,9 @@
 #include <string>
 
 #include "common/host.h"
+#include "each_run_control.h"
 #include "engine/breakpoints.h"
 #include "engine_host.h"
-#include "each_run_control.h"
 #include "panel/plant_view_launcher.h"
 #include "panel/resume_offer.h"
 #include "panel/run_panel.h"

@@ -24,6 +24,13 @@ inline QString Text(std::string_view text) {
 
 inline std::string Std(const QString& text) { return text.toStdString(); }
 
+// A widget with the object name the tests find it by.
+template <typename T>
+T* Named(T* widget, const char* name) {
+  widget->setObjectName(name);
+  return widget;
+}
+
 // A file dialog filter as the engine writes it ("Text (*.a, *.b)|*.a, *.b")
 // as a Qt name filter. Qt takes the patterns from the parentheses and splits
 // them at blanks only, so the patterns are taken from behind the bar and

@@ -25,12 +25,6 @@ namespace {
 
 const QColor kFailedRow(255, 208, 208);
 
-template <typename T>
-T* Named(T* widget, const char* name) {
-  widget->setObjectName(name);
-  return widget;
-}
-
 QStringList RowTexts(const CheckEntry& c) {
   const QString result =
       c.passed ? QStringLiteral("Pass")

@@ -24,12 +24,6 @@ namespace tavrix {
 
 namespace {
 
-template <typename T>
-T* Named(T* widget, const char* name) {
-  widget->setObjectName(name);
-  return widget;
-}
-
 const QColor kCurrentColour(255, 240, 160);
 const QColor kHeldColour(255, 176, 144);
 const QColor kBreakColour(200, 0, 0);

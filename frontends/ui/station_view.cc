@@ -15,12 +15,6 @@ namespace tavrix {
 
 namespace {
 
-template <typename T>
-T* Named(T* widget, const char* name) {
-  widget->setObjectName(name);
-  return widget;
-}
-
 QColor StateColour(SocketState state) {
   switch (state) {
     case SocketState::kRunning:
