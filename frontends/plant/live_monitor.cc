@@ -263,14 +263,14 @@ void LiveMonitor::follow(const std::string& id, int fd) {
     auto f = followers_.find(id);
     if (f != followers_.end()) f->second->done = true;
   };
-  // The status first, then the events as they come.
-  if (!SendLine(fd, ControlRequestJson({"status", {}})) ||
-      !ReadSocketLine(fd, buffer, line, 5000)) {
-    return finish(false);
-  }
-  {
-    json status = Parse(line);
-    std::lock_guard guard(mutex_);
+  // The events first, and then the status on the same connection: the
+  // status comes in the stream at its place among the events, so nothing
+  // that happens between the two is missed (a hold just before the events
+  // were asked for would leave the run "running" for good). Events before
+  // the status are older than it and are passed over.
+  bool known = false;
+  const auto takeStatus = [&](json status) {
+    known = true;
     LiveRun& run = runs_[id];
     run.id = id;
     run.state = Str(status, "state");
@@ -278,19 +278,34 @@ void LiveMonitor::follow(const std::string& id, int fd) {
     run.runStatus = Str(status, "status");
     run.endReason = Str(status, "end");
     status.erase("breakpoints");
-    run.status = status;
+    run.status = std::move(status);
     changed();
-  }
+  };
   if (!SendLine(fd, ControlRequestJson({"events", {}})) ||
-      !ReadSocketLine(fd, buffer, line, 5000) || line.rfind("{\"ok\":true", 0) != 0) {
+      !ReadSocketLine(fd, buffer, line, 5000)) {
     return finish(false);
   }
+  if (line.rfind("{\"ok\":true", 0) != 0) {
+    // A run that has ended takes no followers: its last status is all.
+    if (SendLine(fd, ControlRequestJson({"status", {}})) &&
+        ReadSocketLine(fd, buffer, line, 5000)) {
+      std::lock_guard guard(mutex_);
+      takeStatus(Parse(line));
+    }
+    return finish(false);
+  }
+  if (!SendLine(fd, ControlRequestJson({"status", {}}))) return finish(false);
   while (ReadSocketLine(fd, buffer, line, -1)) {
-    const json event = Parse(line);
+    json message = Parse(line);
     std::lock_guard guard(mutex_);
     if (stopping_) break;
-    Apply(runs_[id], event);
-    changed();
+    if (message.contains("ev")) {
+      if (!known) continue;
+      Apply(runs_[id], message);
+      changed();
+    } else if (!known && message.contains("state")) {
+      takeStatus(std::move(message));
+    }
   }
   finish(true);
 }
