@@ -325,9 +325,9 @@ TcpLink::Outcome TcpLink::sendLine(const std::string& line, uint64_t id, int64_t
 }
 
 TcpLink::Outcome TcpLink::takeAnswer(uint64_t id, uint64_t generation, RigResponse& response) {
-  Watch& watch = *watch_;
-  // A task run during the wait closed the link.
+  // A task run during the wait closed the link (and let its watch go).
   if (generation_ != generation) return Outcome::kLost;
+  Watch& watch = *watch_;
   std::unique_lock<std::mutex> lock(watch.mutex);
   if (const auto it = watch.answered.find(id); it != watch.answered.end()) {
     response = std::move(it->second);
