@@ -65,6 +65,17 @@
 
 namespace tavrix {
 
+// The question box of a station's socket, once it shows.
+static QMessageBox* SocketQuestion(MainWindow& w) {
+  QMessageBox* box = nullptr;
+  if (!QTest::qWaitFor([&] {
+        box = w.findChild<QMessageBox*>("socketQuestion");
+        return box != nullptr && box->isVisible();
+      }))
+    qFatal("no socket question");
+  return box;
+}
+
 class MainWindowTest : public QObject {
   Q_OBJECT
 
@@ -233,15 +244,7 @@ class MainWindowTest : public QObject {
     auto* b = Find<QGroupBox>(*w.station(), "tile_B");
     const auto state = [](QGroupBox* tile) { return Find<QLabel>(*tile, "laSocketState")->text(); };
     Click(w, "pbRunAll");
-    const auto asked = [&] {
-      QMessageBox* box = nullptr;
-      if (!QTest::qWaitFor([&] {
-            box = w.findChild<QMessageBox*>("socketQuestion");
-            return box != nullptr && box->isVisible();
-          }))
-        qFatal("no socket question");
-      return box;
-    };
+    const auto asked = [&] { return SocketQuestion(w); };
     QMessageBox* box = asked();
     const QString first = box->text();
     QVERIFY2(first == "A: Is the unit fitted?" || first == "B: Is the unit fitted?",
@@ -287,15 +290,7 @@ class MainWindowTest : public QObject {
     const LocalFileSystem files(root);
     QCOMPARE(ListRunRecords(files).size(), size_t{0});
     Click(w, "pbRunAll");
-    const auto asked = [&] {
-      QMessageBox* box = nullptr;
-      if (!QTest::qWaitFor([&] {
-            box = w.findChild<QMessageBox*>("socketQuestion");
-            return box != nullptr && box->isVisible();
-          }))
-        qFatal("no socket question");
-      return box;
-    };
+    const auto asked = [&] { return SocketQuestion(w); };
     QMessageBox* box = asked();
     QTRY_COMPARE(ListRunRecords(files).size(), size_t{2});
     std::vector<std::string> sockets;
