@@ -11,7 +11,8 @@
 #include <mutex>
 #include <thread>
 
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {

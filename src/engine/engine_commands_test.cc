@@ -10,7 +10,8 @@
 #include <thread>
 
 #include "engine/engine.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {

@@ -10,7 +10,8 @@
 #include "common/file_system.h"
 #include "common/text_file.h"
 #include "instrument/link/instrument_settings.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {

@@ -13,8 +13,8 @@
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 
