@@ -209,154 +209,187 @@ class StopBridge {
   platform::FineTimerResolution timers_;
 };
 
-}  // namespace
-
-int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std::FILE* out,
-                std::FILE* err) {
-  if (options.station && NamesStationFile(*options.station))
-    return RunStation(host, options, *options.station, in, out, err);
-  // Taken before any thread of the run starts (the results store's writer,
-  // the terminal view), so that a stop request never ends the process
-  // before the results are written.
-  StopRelay stopRelay;
-  const platform::StopRequests stopRequests([&stopRelay](int) { stopRelay.request(); });
-  // The run to go on with: found, and its checkpoint read, before anything
-  // else, so that a checkpoint that cannot be used is told at once and left
-  // as it is.
-  InterruptedRun interrupted;
-  if (options.resume) {
-    const LocalFileSystem probe(host.dataRoot);
-    std::string problem;
-    nlohmann::json checkpoint;
-    if (!FindInterruptedRun(probe, options.resumeRun, interrupted, &problem) ||
-        !ReadCheckpoint(probe, interrupted.path, checkpoint, &problem)) {
-      std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
-      return kExitUsage;
-    }
-    interrupted.taken = checkpoint.value("taken", Micros{0});
-  }
+// What the options and the settings file ask of a run, read and checked
+// before anything of the run starts.
+struct RunSetup {
+  InterruptedRun interrupted;  // with --resume: the run to go on with
   std::unique_ptr<Clock> clock;
-  if (options.virtualTime) {
-    // A resumed run's virtual clock goes on from its checkpoint.
-    Micros start = options.resume ? interrupted.taken : SystemClock().now();
-    if (options.start) {
-      const auto parsed = parseDateTime(*options.start);
-      if (!parsed) {
-        std::fprintf(err, "tavrix-cli: --start wants \"YYYY-MM-DD HH:MM:SS\", not \"%s\"\n",
-                     options.start->c_str());
-        return kExitUsage;
-      }
-      start = *parsed;
-    }
-    clock = std::make_unique<VirtualClock>(start);
-  } else {
+  std::unique_ptr<LocalFileSystem> files;
+  std::optional<Micros> stopAfter;
+  std::optional<int64_t> maxLines;
+  std::unique_ptr<Operator> op;
+  InstrumentSettings settings;
+  RunRecordLimits recordLimits;
+  std::string link;
+  std::string storeSetting;
+  std::string stationName;
+};
+
+// The run to go on with: found, and its checkpoint read, before anything
+// else, so that a checkpoint that cannot be used is told at once and left
+// as it is.
+bool FindRunToResume(const Host& host, const RunOptions& options, InterruptedRun& interrupted,
+                     std::FILE* err) {
+  const LocalFileSystem probe(host.dataRoot);
+  std::string problem;
+  nlohmann::json checkpoint;
+  if (!FindInterruptedRun(probe, options.resumeRun, interrupted, &problem) ||
+      !ReadCheckpoint(probe, interrupted.path, checkpoint, &problem)) {
+    std::fprintf(err, "tavrix-cli: %s\n", problem.c_str());
+    return false;
+  }
+  interrupted.taken = checkpoint.value("taken", Micros{0});
+  return true;
+}
+
+// The run's clock: the system's, or a virtual one from --start (a resumed
+// run's from its checkpoint, else now).
+std::unique_ptr<Clock> MakeRunClock(const RunOptions& options, const InterruptedRun& interrupted,
+                                    std::FILE* err) {
+  if (!options.virtualTime) {
     if (options.start) {
       std::fprintf(err, "tavrix-cli: --start needs --virtual-time\n");
-      return kExitUsage;
+      return nullptr;
     }
-    clock = std::make_unique<SystemClock>();
+    return std::make_unique<SystemClock>();
   }
+  // A resumed run's virtual clock goes on from its checkpoint.
+  Micros start = options.resume ? interrupted.taken : SystemClock().now();
+  if (options.start) {
+    const auto parsed = parseDateTime(*options.start);
+    if (!parsed) {
+      std::fprintf(err, "tavrix-cli: --start wants \"YYYY-MM-DD HH:MM:SS\", not \"%s\"\n",
+                   options.start->c_str());
+      return nullptr;
+    }
+    start = *parsed;
+  }
+  return std::make_unique<VirtualClock>(start);
+}
 
-  // The data root is decided here, once, for the whole run.
-  auto files = std::make_unique<LocalFileSystem>(host.dataRoot);
-  std::optional<Micros> stopAfter;
+// --stop-after and --max-lines.
+bool ParseRunLimits(const RunOptions& options, RunSetup& setup, std::FILE* err) {
   if (options.stopAfter) {
-    stopAfter = parseDuration(*options.stopAfter);
-    if (!stopAfter) {
+    setup.stopAfter = parseDuration(*options.stopAfter);
+    if (!setup.stopAfter) {
       std::fprintf(
           err, "tavrix-cli: --stop-after wants a span such as 90s, 30m, 48h or 7d, not \"%s\"\n",
           options.stopAfter->c_str());
-      return kExitUsage;
+      return false;
     }
   }
-  std::optional<int64_t> maxLines;
   if (options.maxLines) {
-    maxLines = parseWholeNumber(*options.maxLines);
-    if (!maxLines || *maxLines < 1) {
+    setup.maxLines = parseWholeNumber(*options.maxLines);
+    if (!setup.maxLines || *setup.maxLines < 1) {
       std::fprintf(err, "tavrix-cli: --max-lines wants a whole number from 1 to %lld, not \"%s\"\n",
                    static_cast<long long>(INT64_MAX), options.maxLines->c_str());
-      return kExitUsage;
+      return false;
     }
   }
+  return true;
+}
 
-  std::string operatorError;
-  std::unique_ptr<Operator> op =
-      MakeConsoleOperator(*files, options.answers, in, err, &operatorError);
-  if (!op) {
-    std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
-    return kExitUsage;
-  }
-
-  InstrumentSettings settings;
+// The settings file, with what the command line sets over it.
+bool LoadRunSettings(const FileSystem& files, const RunOptions& options,
+                     InstrumentSettings& settings, std::FILE* err) {
   std::string error;
   if (options.instrumentSettings &&
-      !LoadInstrumentSettings(*files, *options.instrumentSettings, settings, error)) {
+      !LoadInstrumentSettings(files, *options.instrumentSettings, settings, error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
+    return false;
   }
   if (options.noHardware) settings.noHardware = true;
   if (options.replyTimeout) {
     if (*options.replyTimeout < 0 || *options.replyTimeout > 32767) {
       std::fprintf(err, "tavrix-cli: --reply-timeout takes whole seconds 0-32767\n");
-      return kExitUsage;
+      return false;
     }
     settings.useReplyTimeout = true;
     settings.replyTimeoutSecs = *options.replyTimeout;
   }
   if (options.linkKey) settings.linkKeyFile = *options.linkKey;
-  const RunRecordLimits recordLimits{settings.recordsMaxAge, settings.recordsMaxBytes};
-  const std::string link = !options.link.empty()    ? options.link
-                           : !settings.link.empty() ? settings.link
-                                                    : std::string(kLinkSim);
+  return true;
+}
 
-  // The terminal view, unless the trace takes standard output.
-  const bool traceToOut = options.trace && *options.trace == "-";
-  TerminalView view(
-      *op, out, traceToOut ? err : out,
-      !traceToOut && !options.quiet && !options.shell && TerminalView::IsTerminal(out));
+// Reads and checks the options, the answers file and the settings file;
+// false once it has told what is wrong.
+bool ParseRun(const Host& host, const RunOptions& options, std::FILE* in, std::FILE* err,
+              RunSetup& setup) {
+  if (options.resume && !FindRunToResume(host, options, setup.interrupted, err)) return false;
+  setup.clock = MakeRunClock(options, setup.interrupted, err);
+  if (!setup.clock) return false;
+  // The data root is decided here, once, for the whole run.
+  setup.files = std::make_unique<LocalFileSystem>(host.dataRoot);
+  if (!ParseRunLimits(options, setup, err)) return false;
+  std::string operatorError;
+  setup.op = MakeConsoleOperator(*setup.files, options.answers, in, err, &operatorError);
+  if (!setup.op) {
+    std::fprintf(err, "tavrix-cli: %s\n", operatorError.c_str());
+    return false;
+  }
+  if (!LoadRunSettings(*setup.files, options, setup.settings, err)) return false;
+  setup.recordLimits = {setup.settings.recordsMaxAge, setup.settings.recordsMaxBytes};
+  setup.link = !options.link.empty()          ? options.link
+               : !setup.settings.link.empty() ? setup.settings.link
+                                              : std::string(kLinkSim);
+  setup.storeSetting = options.resultsStore.value_or(setup.settings.resultsStore);
+  setup.stationName = options.station.value_or(setup.settings.station);
+  return true;
+}
+
+// The terminal side of a run: the view (unless the trace takes standard
+// output), the keys that drive a run on a terminal, and the relay through
+// which questions may also be answered from the control socket.
+struct RunConsole {
+  RunConsole(Operator& op, const RunOptions& options, std::FILE* in, std::FILE* out, std::FILE* err)
+      : traceToOut(options.trace && *options.trace == "-"),
+        view(op, out, traceToOut ? err : out,
+             !traceToOut && !options.quiet && !options.shell && TerminalView::IsTerminal(out)),
+        keys(view),
+        takeKeys(!options.shell && TerminalKeys::Available(in)),
+        answers(takeKeys ? static_cast<Operator&>(keys) : view) {}
+
+  const bool traceToOut;
+  TerminalView view;
   // On a terminal, keys drive the run; they stand before the view so that
   // no key is read once a question is on its way to the screen.
-  TerminalKeys keys(view);
-  const bool takeKeys = !options.shell && TerminalKeys::Available(in);
+  TerminalKeys keys;
+  const bool takeKeys;
+  AnswerRelay answers;
+};
+
+// The engine the run goes on, its questions put through `answers`.
+std::unique_ptr<Engine> BuildRunEngine(const RunOptions& options, RunSetup& setup,
+                                       AnswerRelay& answers, std::FILE* err) {
   EngineConfig config;
-  config.clock = std::move(clock);
-  config.files = std::move(files);
-  // Questions may also be answered through the control socket.
-  AnswerRelay answers(takeKeys ? static_cast<Operator&>(keys) : view);
+  config.clock = std::move(setup.clock);
+  config.files = std::move(setup.files);
   config.op = &answers;
-  const std::string storeSetting = options.resultsStore.value_or(settings.resultsStore);
-  const std::string stationName = options.station.value_or(settings.station);
   config.resultsStore = EngineConfig::ResultsStore{
-      storeSetting, stationName,
+      setup.storeSetting, setup.stationName,
       [err](const std::string& text) { std::fprintf(err, "tavrix-cli: %s\n", text.c_str()); }};
-  config.settings = std::move(settings);
-  config.link = link;
+  config.settings = std::move(setup.settings);
+  config.link = setup.link;
   config.linkFactory = MakeLinkLibrary;
   config.xmlResultsFiles = options.results == "xml";
   config.writeResultsFiles = options.results != "off";
   config.companionPrograms = options.companions == "programs";
   config.companionAnswers = options.companionAnswers;
   EngineBuildError problem;
-  const std::unique_ptr<Engine> built = BuildEngine(std::move(config), &problem);
+  std::unique_ptr<Engine> built = BuildEngine(std::move(config), &problem);
   if (built == nullptr) {
     const char* option = problem.part == EnginePart::kCompanionPrograms ? "--companions programs: "
                          : problem.part == EnginePart::kCompanionAnswer ? "--companion-answer: "
                                                                         : "";
     std::fprintf(err, "tavrix-cli: %s%s\n", option, problem.text.c_str());
-    return kExitUsage;
   }
-  Engine& engine = *built;
-  engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
-    std::fprintf(
-        err,
-        "tavrix-cli: output lost: %s (the run goes on; later failures of this file are counted)\n",
-        loss.firstError.c_str());
-  });
-  view.attach(engine, options.virtualTime);
-  struct Detach {
-    TerminalView& view;
-    ~Detach() { view.detach(); }
-  } detach{view};
+  return built;
+}
+
+// The trace goes to --trace (a file, or standard output for "-"); its times
+// count from now.
+bool StartTrace(Engine& engine, TerminalView& view, const RunOptions& options, bool traceToOut,
+                std::FILE* out, std::FILE* err) {
   if (options.trace && !traceToOut) view.addFileWritten(*options.trace);
   if (options.trace) {
     if (*options.trace == "-") {
@@ -365,144 +398,128 @@ int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std:
       auto file = engine.files().create(*options.trace, nullptr);
       if (file == nullptr) {
         std::fprintf(err, "tavrix-cli: cannot write the trace file %s\n", options.trace->c_str());
-        return kExitUsage;
+        return false;
       }
       engine.trace().setOutput(std::move(file));
     }
   }
   engine.trace().setOrigin(engine.clock().now());
-  Sequencer& seq = engine.sequencer();
-  // Every run keeps its trace in the data root, whether or not --trace asks
-  // for one as well.
-  RunRecording record(
-      engine,
-      {options.shell    ? std::string("(shell)")
-       : options.resume ? (interrupted.sequence.empty() ? interrupted.path : interrupted.sequence)
-                        : options.sequence,
-       {},
-       options.shell ? "shell" : "cli",
-       engine.clock().now()},
-      recordLimits, err);
+  return true;
+}
 
+// The instrument link opened, and the --setup file loaded into it.
+bool OpenInstrument(Engine& engine, const std::string& link, const RunOptions& options,
+                    std::FILE* err) {
   Instrument* instrument = engine.instrument();
   if (!instrument->ensureOpen()) {
     const std::string problem = instrument->link().library().connectionProblem();
     std::fprintf(err, "tavrix-cli: cannot open the instrument link %s: %s%s\n", link.c_str(),
                  instrument->link().lastErrorText().c_str(),
                  problem.empty() ? "" : (" (" + problem + ")").c_str());
-    return kExitUsage;
+    return false;
   }
   if (options.setup && !instrument->selectSetupFile(*options.setup)) {
     std::fprintf(err, "tavrix-cli: cannot load the setup %s: %s\n", options.setup->c_str(),
                  instrument->link().lastErrorText().c_str());
-    return kExitUsage;
+    return false;
   }
+  return true;
+}
 
-  // Every run keeps a checkpoint in the data root, which goes when it ends
-  // (not the shell's, whose lines come from its input).
-  if (!options.shell) engine.keepCheckpoints();
-  // The shell's run goes round a sequence of its own, kept in a folder of
-  // its own for as long as the shell runs.
-  std::optional<ScratchFolder> shellFolder;
-  std::string sequence = options.sequence;
-  std::optional<ShellSession> shell;
-  if (options.resume) {
-    ResumeReport report;
-    if (!engine.prepareResume(interrupted.path, options.force, &report, &error)) {
-      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-      return kExitUsage;
-    }
-    if (report.safeStateRan) {
-      std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
-                   engine.safeStateSequence().c_str());
-    }
-    if (report.sequenceChanged) {
-      std::fprintf(err, "tavrix-cli: warning: the sequence file changed since the checkpoint\n");
-    }
-    for (const auto& warning : report.warnings)
-      std::fprintf(err, "tavrix-cli: warning: %s\n", warning.c_str());
-    std::fprintf(err,
-                 "tavrix-cli: resuming run %s of %s after line %d%s%s: checkpoint of %s, gap %s\n",
-                 report.run.c_str(), report.sequence.c_str(), report.line,
-                 report.serial.empty() ? "" : ", UUT ", report.serial.c_str(),
-                 isoDateTime(report.taken).c_str(), GapText(report.gap).c_str());
-  } else {
-    if (options.shell) {
-      shellFolder.emplace();
-      sequence = shellFolder->file("shell.wts");
-      if (!host.files.writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
-        std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-        return kExitUsage;
-      }
-    }
-    if (!seq.prepareFile(sequence, &error)) {
-      std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-      return kExitUsage;
-    }
-    if (options.shell) {
-      shell.emplace(engine, in, out, TerminalView::IsTerminal(in),
-                    join(engine.files().dataRoot(), "shell-history"));
-      shell->attach();
-    }
-    if (seq.sequenceHasBareLineFeeds()) {
-      std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
-                   std::string(kBareLineFeedWarning).c_str());
-    }
-  }
-
-  // Breakpoints and the control socket.
-  RunControl control(engine, err);
-  if (!control.setBreakpoints(options.breaks, options.breakIfs, &error)) {
+// An interrupted run made ready to go on after its checkpoint, and told.
+bool PrepareResume(Engine& engine, const InterruptedRun& interrupted, bool force, std::FILE* err) {
+  ResumeReport report;
+  std::string error;
+  if (!engine.prepareResume(interrupted.path, force, &report, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
+    return false;
   }
-  control.setAnswers(answers);
-  if (options.controlSocket)
-    control.openSocket(options.resume ? seq.sequenceFileName() : options.sequence, {}, record.id());
-  if (takeKeys) control.takeKeys(keys, in, view);
-#ifndef _WIN32
-  // With a plant's database server for a store, the station's runs are
-  // published into it while this one runs (the plant page shows them).
-  std::unique_ptr<plant::RunPublishing> publishing;
-  if (options.controlSocket) {
-    publishing = plant::RunPublishing::Start(storeSetting, engine.files().dataRoot(), stationName);
-    if (publishing) publishing->ranHere(control.runId());
+  if (report.safeStateRan) {
+    std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
+                 engine.safeStateSequence().c_str());
   }
-#endif
+  if (report.sequenceChanged) {
+    std::fprintf(err, "tavrix-cli: warning: the sequence file changed since the checkpoint\n");
+  }
+  for (const auto& warning : report.warnings)
+    std::fprintf(err, "tavrix-cli: warning: %s\n", warning.c_str());
+  std::fprintf(err,
+               "tavrix-cli: resuming run %s of %s after line %d%s%s: checkpoint of %s, gap %s\n",
+               report.run.c_str(), report.sequence.c_str(), report.line,
+               report.serial.empty() ? "" : ", UUT ", report.serial.c_str(),
+               isoDateTime(report.taken).c_str(), GapText(report.gap).c_str());
+  return true;
+}
 
-  // The results store: records wait in a journal in the data root and are
-  // written by the recorder's thread, never by the engine's.
-  if (!engine.feedResultsStore(&error)) {
-    std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
-    return kExitUsage;
-  }
-
-  EndReason reason;
-  std::string limit;
-  {
-    RunLimits limits(engine, stopAfter, options.stopAfter.value_or(""), maxLines,
-                     options.loopWarningLines, err);
-    StopBridge stops(stopRelay, engine);
-    reason = options.resume ? engine.runResumed() : engine.run();
-    // In the shell a line that is a sequence error ends that run only: the
-    // shell goes on with the next line, and ends with the status of the
-    // first that failed.
-    const EndReason first = reason;
-    while (shell && reason == EndReason::kError && shell->wantsAnotherRun()) reason = engine.run();
-    if (shell && first == EndReason::kError) reason = first;
-    limit = limits.reached();
-  }
-  // After an abnormal end the rig is put in its safe state.
-  if (reason == EndReason::kAbort || reason == EndReason::kError || reason == EndReason::kUnload ||
-      reason == EndReason::kLimit) {
-    bool ran = false;
-    if (!engine.runSafeState(&ran, &error)) {
+// The sequence file loaded. The shell's run goes round a sequence of its
+// own, kept in a folder of its own for as long as the shell runs.
+bool PrepareSequence(const Host& host, Engine& engine, const RunOptions& options, std::FILE* in,
+                     std::FILE* out, std::optional<ScratchFolder>& shellFolder,
+                     std::optional<ShellSession>& shell, std::FILE* err) {
+  std::string error;
+  std::string sequence = options.sequence;
+  if (options.shell) {
+    shellFolder.emplace();
+    sequence = shellFolder->file("shell.wts");
+    if (!host.files.writeAtomically(sequence, ShellSession::kLoopSequence, &error)) {
       std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    } else if (ran) {
-      std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
-                   engine.safeStateSequence().c_str());
+      return false;
     }
   }
+  Sequencer& seq = engine.sequencer();
+  if (!seq.prepareFile(sequence, &error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return false;
+  }
+  if (options.shell) {
+    shell.emplace(engine, in, out, TerminalView::IsTerminal(in),
+                  join(engine.files().dataRoot(), "shell-history"));
+    shell->attach();
+  }
+  if (seq.sequenceHasBareLineFeeds()) {
+    std::fprintf(err, "tavrix-cli: warning: %s: %s\n", options.sequence.c_str(),
+                 std::string(kBareLineFeedWarning).c_str());
+  }
+  return true;
+}
+
+// Runs to the end, within the limits of the options and open to stop
+// requests; `limit` is the limit that ended it, if one did.
+EndReason RunToEnd(Engine& engine, const RunOptions& options, const RunSetup& setup,
+                   StopRelay& stopRelay, ShellSession* shell, std::string& limit, std::FILE* err) {
+  RunLimits limits(engine, setup.stopAfter, options.stopAfter.value_or(""), setup.maxLines,
+                   options.loopWarningLines, err);
+  StopBridge stops(stopRelay, engine);
+  EndReason reason = options.resume ? engine.runResumed() : engine.run();
+  // In the shell a line that is a sequence error ends that run only: the
+  // shell goes on with the next line, and ends with the status of the
+  // first that failed.
+  const EndReason first = reason;
+  while (shell && reason == EndReason::kError && shell->wantsAnotherRun()) reason = engine.run();
+  if (shell && first == EndReason::kError) reason = first;
+  limit = limits.reached();
+  return reason;
+}
+
+// After an abnormal end the rig is put in its safe state.
+void PutInSafeState(Engine& engine, EndReason reason, std::FILE* err) {
+  if (reason != EndReason::kAbort && reason != EndReason::kError && reason != EndReason::kUnload &&
+      reason != EndReason::kLimit) {
+    return;
+  }
+  bool ran = false;
+  std::string error;
+  if (!engine.runSafeState(&ran, &error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+  } else if (ran) {
+    std::fprintf(err, "tavrix-cli: the safe-state sequence %s ran\n",
+                 engine.safeStateSequence().c_str());
+  }
+}
+
+// The exit status of a run that ended for `reason`, once the results store
+// has had its records: a lost output turns a finished run into a failed one.
+int EndStatus(Engine& engine, EndReason reason, const std::string& limit, std::FILE* err) {
   size_t recordsLost = 0;
   if (ResultsFeed* feed = engine.resultsFeed()) {
     // What the store has not taken after a while waits in the journal for
@@ -517,24 +534,123 @@ int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std:
   int status = ExitStatusFor(reason);
   if (status == kExitOk && engine.testDatabase().anyUutFailed()) status = kExitUutFailed;
   const auto losses = engine.files().losses();
-  if (!losses.empty() || recordsLost > 0) {
-    for (const auto& loss : losses) {
-      std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n",
-                   static_cast<long long>(loss.writes), loss.writes == 1 ? "" : "s",
-                   loss.path.c_str());
-    }
-    if (status == kExitOk || status == kExitUutFailed) {
-      std::fprintf(err, "tavrix-cli: the run ended (%s) but some of its output was lost\n",
-                   status == kExitOk ? "no UUT failed" : "a UUT failed its test");
-      status = kExitOutputLost;
-    }
+  if (losses.empty() && recordsLost == 0) return status;
+  for (const auto& loss : losses) {
+    std::fprintf(err, "tavrix-cli: lost %lld write%s of %s\n", static_cast<long long>(loss.writes),
+                 loss.writes == 1 ? "" : "s", loss.path.c_str());
   }
+  if (status == kExitOk || status == kExitUutFailed) {
+    std::fprintf(err, "tavrix-cli: the run ended (%s) but some of its output was lost\n",
+                 status == kExitOk ? "no UUT failed" : "a UUT failed its test");
+    status = kExitOutputLost;
+  }
+  return status;
+}
+
+// Everything of a run once its engine is built: the view attached, the
+// trace, the run's record and the link opened, the sequence (or the
+// checkpoint) loaded, breakpoints and the control socket, the run itself,
+// and its exit status.
+int DriveRun(const Host& host, const RunOptions& options, RunSetup& setup, RunConsole& console,
+             StopRelay& stopRelay, Engine& engine, std::FILE* in, std::FILE* out, std::FILE* err) {
+  engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
+    std::fprintf(
+        err,
+        "tavrix-cli: output lost: %s (the run goes on; later failures of this file are counted)\n",
+        loss.firstError.c_str());
+  });
+  TerminalView& view = console.view;
+  view.attach(engine, options.virtualTime);
+  struct Detach {
+    TerminalView& view;
+    ~Detach() { view.detach(); }
+  } detach{view};
+  if (!StartTrace(engine, view, options, console.traceToOut, out, err)) return kExitUsage;
+  // Every run keeps its trace in the data root, whether or not --trace asks
+  // for one as well.
+  const InterruptedRun& interrupted = setup.interrupted;
+  RunRecording record(
+      engine,
+      {options.shell    ? std::string("(shell)")
+       : options.resume ? (interrupted.sequence.empty() ? interrupted.path : interrupted.sequence)
+                        : options.sequence,
+       {},
+       options.shell ? "shell" : "cli",
+       engine.clock().now()},
+      setup.recordLimits, err);
+  if (!OpenInstrument(engine, setup.link, options, err)) return kExitUsage;
+
+  // Every run keeps a checkpoint in the data root, which goes when it ends
+  // (not the shell's, whose lines come from its input).
+  if (!options.shell) engine.keepCheckpoints();
+  std::optional<ScratchFolder> shellFolder;
+  std::optional<ShellSession> shell;
+  if (options.resume ? !PrepareResume(engine, interrupted, options.force, err)
+                     : !PrepareSequence(host, engine, options, in, out, shellFolder, shell, err)) {
+    return kExitUsage;
+  }
+
+  // Breakpoints and the control socket.
+  std::string error;
+  RunControl control(engine, err);
+  if (!control.setBreakpoints(options.breaks, options.breakIfs, &error)) {
+    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  control.setAnswers(console.answers);
+  if (options.controlSocket) {
+    control.openSocket(options.resume ? engine.sequencer().sequenceFileName() : options.sequence,
+                       {}, record.id());
+  }
+  if (console.takeKeys) control.takeKeys(console.keys, in, view);
+#ifndef _WIN32
+  // With a plant's database server for a store, the station's runs are
+  // published into it while this one runs (the plant page shows them).
+  std::unique_ptr<plant::RunPublishing> publishing;
+  if (options.controlSocket) {
+    publishing = plant::RunPublishing::Start(setup.storeSetting, engine.files().dataRoot(),
+                                             setup.stationName);
+    if (publishing) publishing->ranHere(control.runId());
+  }
+#endif
+
+  // The results store: records wait in a journal in the data root and are
+  // written by the recorder's thread, never by the engine's.
+  if (!engine.feedResultsStore(&error)) {
+    std::fprintf(err, "tavrix-cli: --results-store: %s\n", error.c_str());
+    return kExitUsage;
+  }
+
+  std::string limit;
+  const EndReason reason =
+      RunToEnd(engine, options, setup, stopRelay, shell ? &*shell : nullptr, limit, err);
+  PutInSafeState(engine, reason, err);
+  const int status = EndStatus(engine, reason, limit, err);
   if (engine.trace().enabled()) {
     engine.trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   }
   record.finish(reason, status);
   view.finish(reason, status);
   return status;
+}
+
+}  // namespace
+
+int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std::FILE* out,
+                std::FILE* err) {
+  if (options.station && NamesStationFile(*options.station))
+    return RunStation(host, options, *options.station, in, out, err);
+  // Taken before any thread of the run starts (the results store's writer,
+  // the terminal view), so that a stop request never ends the process
+  // before the results are written.
+  StopRelay stopRelay;
+  const platform::StopRequests stopRequests([&stopRelay](int) { stopRelay.request(); });
+  RunSetup setup;
+  if (!ParseRun(host, options, in, err, setup)) return kExitUsage;
+  RunConsole console(*setup.op, options, in, out, err);
+  const std::unique_ptr<Engine> engine = BuildRunEngine(options, setup, console.answers, err);
+  if (engine == nullptr) return kExitUsage;
+  return DriveRun(host, options, setup, console, stopRelay, *engine, in, out, err);
 }
 
 int RunRig(const Host& host, const RigOptions& options, std::FILE* out, std::FILE* err,
