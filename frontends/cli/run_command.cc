@@ -724,123 +724,147 @@ bool NamesStationFileIn(const std::vector<std::string>& args) {
   return false;
 }
 
-int CommandMain(const Host& host, const std::vector<std::string>& args, std::FILE* in,
-                std::FILE* out, std::FILE* err) {
-  CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
-  app.require_subcommand(1);
-  app.set_version_flag("--version", VersionText(),
-                       "Show the version and the commit it was built from");
-  RunOptions run;
-  CLI::App* runCommand = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
-  runCommand->add_flag("--virtual-time", run.virtualTime,
-                       "Run on a virtual clock: waits take no real time");
-  runCommand->add_option("--start", run.start,
-                         "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
-  runCommand->add_option("--answers", run.answers, "File of scripted operator answers");
-  runCommand->add_option("--trace", run.trace,
-                         "Write a JSON-lines trace to FILE (- for standard output)");
-  runCommand->add_flag("--no-hardware", run.noHardware,
-                       "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
-  runCommand->add_option("--companion-answer", run.companionAnswers,
-                         "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
+// The options of `run` that say how the run goes: its clock, who answers
+// its questions, its trace, and the companion programs.
+void AddRunOptions(CLI::App* command, RunOptions& run) {
+  command->add_flag("--virtual-time", run.virtualTime,
+                    "Run on a virtual clock: waits take no real time");
+  command->add_option("--start", run.start,
+                      "Where the virtual clock starts: \"YYYY-MM-DD HH:MM:SS\"");
+  command->add_option("--answers", run.answers, "File of scripted operator answers");
+  command->add_option("--trace", run.trace,
+                      "Write a JSON-lines trace to FILE (- for standard output)");
+  command->add_flag("--no-hardware", run.noHardware,
+                    "Every channel reads \"0\"; no setup is loaded, so writes find no channel");
+  command->add_option("--companion-answer", run.companionAnswers,
+                      "Answer of a companion program's DDE item: TOPIC!ITEM=VALUE (repeatable)");
   run.companions = platform::hasCompanionPrograms() ? "programs" : "record";
-  runCommand
+  command
       ->add_option("--companions", run.companions,
                    "record: companion commands only go to the trace; programs: they reach the "
                    "programs of this computer (Windows; the default there)")
       ->check(CLI::IsMember({"record", "programs"}));
-  runCommand->add_option("--setup", run.setup,
-                         "Hardware setup (.ims) to load before the first line");
-  runCommand->add_option(
+}
+
+// The options of `run` for the instrument link.
+void AddRunLinkOptions(CLI::App* command, RunOptions& run) {
+  command->add_option("--setup", run.setup, "Hardware setup (.ims) to load before the first line");
+  command->add_option(
       "--link", run.link,
       "The instrument link: sim (default), dll (Windows), tcp://HOST:PORT or map:FILE (an I/O map "
       "of Modbus and SCPI devices)");
-  runCommand->add_option("--link-key", run.linkKey,
-                         "Key file for a rig server that asks for a key (tcp:// links)");
-  runCommand->add_option("--reply-timeout", run.replyTimeout,
-                         "Give up a device exchange after SECONDS");
-  runCommand->add_option("--instrument-settings", run.instrumentSettings,
-                         "Settings file of the instrument link (key = value)");
-  runCommand
+  command->add_option("--link-key", run.linkKey,
+                      "Key file for a rig server that asks for a key (tcp:// links)");
+  command->add_option("--reply-timeout", run.replyTimeout,
+                      "Give up a device exchange after SECONDS");
+  command->add_option("--instrument-settings", run.instrumentSettings,
+                      "Settings file of the instrument link (key = value)");
+}
+
+// The options of `run` for what it leaves, when it ends and what it shows.
+void AddRunOutputOptions(CLI::App* command, RunOptions& run) {
+  command
       ->add_option("--results", run.results,
                    "Results files of tested UUTs: text (default), xml or off")
       ->check(CLI::IsMember({"text", "xml", "off"}));
-  runCommand->add_option(
+  command->add_option(
       "--stop-after", run.stopAfter,
       "End the run (exit status 5) after this long on its clock: 90s, 30m, 48h, 7d");
-  runCommand->add_option("--max-lines", run.maxLines,
-                         "End the run (exit status 5) after N dispatched lines");
-  runCommand->add_flag("--quiet", run.quiet,
-                       "Show only messages and the summary, even on a terminal");
-  runCommand->add_option("--results-store", run.resultsStore,
-                         "Where UUT records go besides the results files: sqlite (default), "
-                         "sqlite:FILE, off, or a connection string");
-  runCommand->add_option("--station", run.station,
-                         "This station's name in the UUT records, or a station file (.toml) whose "
-                         "test sockets all run at once (see docs/stations.md)");
-  runCommand->add_option("--break", run.breaks,
-                         "Hold the run before LINE or after LABEL, from hit N on with LINE:N "
-                         "(repeatable; see docs/run-control.md)");
-  runCommand->add_option("--break-if", run.breakIfs,
-                         "Hold the run when a channel condition such as \"T1 > 80\" turns true "
-                         "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
-  runCommand->add_flag("!--no-control-socket", run.controlSocket,
-                       "Open no control socket for tavrix-cli ctl");
+  command->add_option("--max-lines", run.maxLines,
+                      "End the run (exit status 5) after N dispatched lines");
+  command->add_flag("--quiet", run.quiet, "Show only messages and the summary, even on a terminal");
+  command->add_option("--results-store", run.resultsStore,
+                      "Where UUT records go besides the results files: sqlite (default), "
+                      "sqlite:FILE, off, or a connection string");
+  command->add_option("--station", run.station,
+                      "This station's name in the UUT records, or a station file (.toml) whose "
+                      "test sockets all run at once (see docs/stations.md)");
+}
+
+// The options of `run` that hold it, and the control socket.
+void AddRunControlOptions(CLI::App* command, RunOptions& run) {
+  command->add_option("--break", run.breaks,
+                      "Hold the run before LINE or after LABEL, from hit N on with LINE:N "
+                      "(repeatable; see docs/run-control.md)");
+  command->add_option("--break-if", run.breakIfs,
+                      "Hold the run when a channel condition such as \"T1 > 80\" turns true "
+                      "(=, >, <, <>; \"T1 > 80:N\" from hit N on; repeatable)");
+  command->add_flag("!--no-control-socket", run.controlSocket,
+                    "Open no control socket for tavrix-cli ctl");
+}
+
+struct RunCommand {
+  CLI::App* command;
+  CLI::Option* resume;
+};
+
+// `tavrix-cli run`: its options, then --resume and SEQUENCE, which the
+// command line `args` decides whether it wants.
+RunCommand AddRunCommand(CLI::App& app, RunOptions& run, const std::vector<std::string>& args) {
+  CLI::App* command = app.add_subcommand("run", "Run a sequence file (.wts) to its end");
+  AddRunOptions(command, run);
+  AddRunLinkOptions(command, run);
+  AddRunOutputOptions(command, run);
+  AddRunControlOptions(command, run);
   CLI::Option* resumeOption =
-      runCommand
+      command
           ->add_option("--resume", run.resumeRun,
                        "Go on with an interrupted run (RUN: its name from 'tavrix-cli ctl list "
                        "--interrupted'; the latest when left out) instead of starting SEQUENCE")
           ->expected(0, 1);
-  runCommand->add_flag(
-      "--force", run.force,
-      "With --resume: go on although the sequence file changed since the checkpoint");
+  command->add_flag("--force", run.force,
+                    "With --resume: go on although the sequence file changed since the checkpoint");
   // SEQUENCE is wanted unless a run goes on (which is told before the
   // parse, so that options taking several values leave SEQUENCE alone).
   const bool resuming = std::any_of(args.begin(), args.end(), [](const std::string& arg) {
     return arg == "--resume" || arg.rfind("--resume=", 0) == 0;
   });
-  CLI::Option* sequence = runCommand->add_option(
+  CLI::Option* sequence = command->add_option(
       "SEQUENCE", run.sequence,
       "The sequence file (with a station file: every socket's sequence; not with --resume)");
   // Required unless a station file names the sockets' sequences or a run
   // goes on. Required, a positional is kept from the repeatable options
   // before it (--break 1 FILE).
   if (!NamesStationFileIn(args) && !resuming) sequence->required();
+  return {command, resumeOption};
+}
 
-  RunOptions shell;
+// `tavrix-cli shell`: a run whose lines are typed one at a time.
+CLI::App* AddShellCommand(CLI::App& app, RunOptions& shell, const std::string& companions) {
   shell.shell = true;
-  shell.companions = run.companions;
-  CLI::App* shellCommand =
+  shell.companions = companions;
+  CLI::App* command =
       app.add_subcommand("shell",
                          "Run each line typed on the rig at once (.read CH, .channels, .watch CH, "
                          ".trace FILE, .quit)");
-  shellCommand->add_option("--setup", shell.setup, "Hardware setup (.ims) to load first");
-  shellCommand->add_option("--link", shell.link,
-                           "The instrument link: sim (default), dll (Windows), tcp://HOST:PORT or "
-                           "map:FILE");
-  shellCommand->add_option("--link-key", shell.linkKey,
-                           "Key file for a rig server that asks for one (tcp:// links)");
-  shellCommand->add_option("--instrument-settings", shell.instrumentSettings,
-                           "Settings file of the instrument link (key = value)");
-  shellCommand->add_option("--answers", shell.answers, "File of scripted operator answers");
-  shellCommand->add_flag("--virtual-time", shell.virtualTime,
-                         "Run on a virtual clock: waits take no real time");
-  shellCommand->add_option("--trace", shell.trace,
-                           "Write a JSON-lines trace to FILE from the start");
-  shellCommand->add_option("--results-store", shell.resultsStore,
-                           "Where UUT records go besides the results files");
+  command->add_option("--setup", shell.setup, "Hardware setup (.ims) to load first");
+  command->add_option("--link", shell.link,
+                      "The instrument link: sim (default), dll (Windows), tcp://HOST:PORT or "
+                      "map:FILE");
+  command->add_option("--link-key", shell.linkKey,
+                      "Key file for a rig server that asks for one (tcp:// links)");
+  command->add_option("--instrument-settings", shell.instrumentSettings,
+                      "Settings file of the instrument link (key = value)");
+  command->add_option("--answers", shell.answers, "File of scripted operator answers");
+  command->add_flag("--virtual-time", shell.virtualTime,
+                    "Run on a virtual clock: waits take no real time");
+  command->add_option("--trace", shell.trace, "Write a JSON-lines trace to FILE from the start");
+  command->add_option("--results-store", shell.resultsStore,
+                      "Where UUT records go besides the results files");
   shell.results = "text";
   shell.controlSocket = false;
+  return command;
+}
 
-  RigOptions rig;
-  CLI::App* rigCommand = app.add_subcommand(
+// `tavrix-cli rig`: serves a rig over TCP.
+CLI::App* AddRigCommand(CLI::App& app, RigOptions& rig) {
+  CLI::App* command = app.add_subcommand(
       "rig", "Serve the simulated rig, or the rig PC's link libraries, over TCP (tcp:// links)");
-  rigCommand->add_option("--listen", rig.listen,
-                         "Address to listen on, HOST:PORT (default 127.0.0.1:5025); any address "
-                         "but 127.x.x.x needs --key");
-  rigCommand->add_option("--setup", rig.setup, "The simulated rig's setup file (.ims)");
-  rigCommand
+  command->add_option("--listen", rig.listen,
+                      "Address to listen on, HOST:PORT (default 127.0.0.1:5025); any address "
+                      "but 127.x.x.x needs --key");
+  command->add_option("--setup", rig.setup, "The simulated rig's setup file (.ims)");
+  command
       ->add_option("--link", rig.link,
                    "What to serve: sim (the simulated rig, default), dll (the rig PC's "
                    "libraries, 32-bit Windows build) or map:FILE (the devices of an I/O map)")
@@ -853,28 +877,24 @@ int CommandMain(const Host& host, const std::vector<std::string>& args, std::FIL
             return "sim, dll or map:FILE";
           },
           "sim|dll|map:FILE"));
-  rigCommand
+  command
       ->add_option("--simulate", rig.simulate,
                    "Serve a simulated device on --listen instead: modbus (an oven, Modbus TCP) or "
                    "scpi (a power supply, SCPI on a raw socket)")
       ->check(CLI::IsMember({"modbus", "scpi"}));
-  rigCommand->add_option("--key", rig.key,
-                         "Key file: clients must prove they hold the same key (--link-key)");
-  rigCommand->add_option("--new-key", rig.newKey,
-                         "Write a new random key to FILE (readable by its owner only) and exit");
-  rigCommand->add_option("--instrument-settings", rig.instrumentSettings,
-                         "Settings file: where the dll link finds its libraries");
+  command->add_option("--key", rig.key,
+                      "Key file: clients must prove they hold the same key (--link-key)");
+  command->add_option("--new-key", rig.newKey,
+                      "Write a new random key to FILE (readable by its owner only) and exit");
+  command->add_option("--instrument-settings", rig.instrumentSettings,
+                      "Settings file: where the dll link finds its libraries");
+  return command;
+}
 
-  std::vector<std::string> lintFiles;
-  std::string lintLink;
-  std::string lintStation;
-  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink, &lintStation);
-
-  CryptCommands cryptCommands(app);
-  ResultsCommands resultsCommands(app);
-  CtlCommand ctlCommand(app);
-  ServeCommand serveCommand(app);
-
+// Parses the command line; the status when that alone ends the command
+// (help, the version, or a command line it cannot take).
+std::optional<int> ParseCommandLine(CLI::App& app, const std::vector<std::string>& args,
+                                    std::FILE* out, std::FILE* err) {
   std::vector<std::string> reversed(args.rbegin(), args.rend());
   if (!reversed.empty()) reversed.pop_back();  // the program name
   try {
@@ -892,23 +912,65 @@ int CommandMain(const Host& host, const std::vector<std::string>& args, std::FIL
     std::fprintf(err, "tavrix-cli: %s\nRun 'tavrix-cli --help' for usage.\n", e.what());
     return kExitUsage;
   }
-  if (runCommand->parsed()) {
-    run.resume = resumeOption->count() > 0;
-    const bool station = run.station && NamesStationFile(*run.station);
-    if (run.resume && station) {
-      std::fprintf(err, "tavrix-cli: --resume goes on with one run, not a station's sockets\n");
-      return kExitUsage;
-    }
-    if (!station && run.resume == !run.sequence.empty()) {
-      std::fprintf(err, "tavrix-cli: run wants %s\nRun 'tavrix-cli --help' for usage.\n",
-                   run.resume ? "either --resume or a SEQUENCE, not both" : "a SEQUENCE");
-      return kExitUsage;
-    }
-    if (run.force && !run.resume) {
-      std::fprintf(err, "tavrix-cli: --force goes with --resume\n");
-      return kExitUsage;
-    }
-    return RunSequence(host, run, in, out, err);
+  return std::nullopt;
+}
+
+// `run` once the options that go together have been checked.
+int StartRun(const Host& host, const RunOptions& run, std::FILE* in, std::FILE* out,
+             std::FILE* err) {
+  const bool station = run.station && NamesStationFile(*run.station);
+  if (run.resume && station) {
+    std::fprintf(err, "tavrix-cli: --resume goes on with one run, not a station's sockets\n");
+    return kExitUsage;
+  }
+  if (!station && run.resume == !run.sequence.empty()) {
+    std::fprintf(err, "tavrix-cli: run wants %s\nRun 'tavrix-cli --help' for usage.\n",
+                 run.resume ? "either --resume or a SEQUENCE, not both" : "a SEQUENCE");
+    return kExitUsage;
+  }
+  if (run.force && !run.resume) {
+    std::fprintf(err, "tavrix-cli: --force goes with --resume\n");
+    return kExitUsage;
+  }
+  return RunSequence(host, run, in, out, err);
+}
+
+// `lint`: the files given, or a station file's sequences.
+int StartLint(const Host& host, const std::vector<std::string>& files, const std::string& link,
+              const std::string& station, std::FILE* out, std::FILE* err) {
+  if (!station.empty()) return LintStation(host, station, files, out, err);
+  if (files.empty()) {
+    std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
+    return kExitUsage;
+  }
+  return RunLint(host, files, out, err, link);
+}
+
+int CommandMain(const Host& host, const std::vector<std::string>& args, std::FILE* in,
+                std::FILE* out, std::FILE* err) {
+  CLI::App app{"Runs test sequences headless against a rig or its simulation.", "tavrix-cli"};
+  app.require_subcommand(1);
+  app.set_version_flag("--version", VersionText(),
+                       "Show the version and the commit it was built from");
+  RunOptions run;
+  const RunCommand runCommand = AddRunCommand(app, run, args);
+  RunOptions shell;
+  CLI::App* shellCommand = AddShellCommand(app, shell, run.companions);
+  RigOptions rig;
+  CLI::App* rigCommand = AddRigCommand(app, rig);
+  std::vector<std::string> lintFiles;
+  std::string lintLink;
+  std::string lintStation;
+  CLI::App* lintCommand = AddLintCommand(app, lintFiles, &lintLink, &lintStation);
+  CryptCommands cryptCommands(app);
+  ResultsCommands resultsCommands(app);
+  CtlCommand ctlCommand(app);
+  ServeCommand serveCommand(app);
+
+  if (auto status = ParseCommandLine(app, args, out, err)) return *status;
+  if (runCommand.command->parsed()) {
+    run.resume = runCommand.resume->count() > 0;
+    return StartRun(host, run, in, out, err);
   }
   if (shellCommand->parsed()) return RunSequence(host, shell, in, out, err);
   if (auto status = cryptCommands.run(host, in, out, err)) return *status;
@@ -916,13 +978,7 @@ int CommandMain(const Host& host, const std::vector<std::string>& args, std::FIL
   if (auto status = ctlCommand.run(host, out, err)) return *status;
   if (auto status = serveCommand.run(host, out, err)) return *status;
   if (rigCommand->parsed()) return RunRig(host, rig, out, err);
-  if (lintCommand->parsed() && !lintStation.empty())
-    return LintStation(host, lintStation, lintFiles, out, err);
-  if (lintCommand->parsed() && lintFiles.empty()) {
-    std::fprintf(err, "tavrix-cli: SEQUENCE is required\nRun 'tavrix-cli --help' for usage.\n");
-    return kExitUsage;
-  }
-  if (lintCommand->parsed()) return RunLint(host, lintFiles, out, err, lintLink);
+  if (lintCommand->parsed()) return StartLint(host, lintFiles, lintLink, lintStation, out, err);
   return kExitUsage;
 }
 
