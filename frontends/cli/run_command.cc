@@ -547,18 +547,23 @@ int EndStatus(Engine& engine, EndReason reason, const std::string& limit, std::F
   return status;
 }
 
-// Everything of a run once its engine is built: the view attached, the
-// trace, the run's record and the link opened, the sequence (or the
-// checkpoint) loaded, breakpoints and the control socket, the run itself,
-// and its exit status.
-int DriveRun(const Host& host, const RunOptions& options, RunSetup& setup, RunConsole& console,
-             StopRelay& stopRelay, Engine& engine, std::FILE* in, std::FILE* out, std::FILE* err) {
+// The first write the run loses is told at once; the run goes on.
+void ReportFirstLoss(Engine& engine, std::FILE* err) {
   engine.files().onFirstLoss([err](const WatchedFileSystem::Loss& loss) {
     std::fprintf(
         err,
         "tavrix-cli: output lost: %s (the run goes on; later failures of this file are counted)\n",
         loss.firstError.c_str());
   });
+}
+
+// Everything of a run once its engine is built: the view attached, the
+// trace, the run's record and the link opened, the sequence (or the
+// checkpoint) loaded, breakpoints and the control socket, the run itself,
+// and its exit status.
+int DriveRun(const Host& host, const RunOptions& options, RunSetup& setup, RunConsole& console,
+             StopRelay& stopRelay, Engine& engine, std::FILE* in, std::FILE* out, std::FILE* err) {
+  ReportFirstLoss(engine, err);
   TerminalView& view = console.view;
   view.attach(engine, options.virtualTime);
   struct Detach {
