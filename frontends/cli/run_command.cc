@@ -289,7 +289,8 @@ bool ParseRunLimits(const RunOptions& options, RunSetup& setup, std::FILE* err) 
   return true;
 }
 
-// The settings file, with what the command line sets over it.
+}  // namespace
+
 bool LoadRunSettings(const FileSystem& files, const RunOptions& options,
                      InstrumentSettings& settings, std::FILE* err) {
   std::string error;
@@ -310,6 +311,8 @@ bool LoadRunSettings(const FileSystem& files, const RunOptions& options,
   if (options.linkKey) settings.linkKeyFile = *options.linkKey;
   return true;
 }
+
+namespace {
 
 // Reads and checks the options, the answers file and the settings file;
 // false once it has told what is wrong.

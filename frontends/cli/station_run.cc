@@ -614,23 +614,6 @@ bool RefuseOneRunOptions(const RunOptions& options, std::FILE* err) {
   return true;
 }
 
-// The settings file, with what the command line sets over it.
-bool LoadStationSettings(const FileSystem& files, const RunOptions& options,
-                         InstrumentSettings& settings, std::FILE* err) {
-  std::string error;
-  if (options.instrumentSettings &&
-      !LoadInstrumentSettings(files, *options.instrumentSettings, settings, error)) {
-    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return false;
-  }
-  if (options.replyTimeout) {
-    settings.useReplyTimeout = true;
-    settings.replyTimeoutSecs = *options.replyTimeout;
-  }
-  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
-  return true;
-}
-
 // With --virtual-time, the clock the sockets share, from --start or now;
 // false once a --start it cannot read is told.
 bool MakeStationTime(const RunOptions& options, size_t sockets, std::unique_ptr<StationTime>& time,
@@ -684,7 +667,7 @@ int RunStation(const Host& host, const RunOptions& options, const std::string& s
   }
   if (!RefuseOneRunOptions(options, err)) return kExitUsage;
   InstrumentSettings settings;
-  if (!LoadStationSettings(files, options, settings, err)) return kExitUsage;
+  if (!LoadRunSettings(files, options, settings, err)) return kExitUsage;
   std::unique_ptr<StationTime> time;
   if (!MakeStationTime(options, station.sockets.size(), time, err)) return kExitUsage;
 

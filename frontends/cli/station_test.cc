@@ -121,8 +121,10 @@ TEST_F(StationTest, AStationFileThatCannotBeUsedStartsNothing) {
   }
   // What the station file says, or what holds one run, is not given again.
   Station(both);
-  for (const auto& extra : std::vector<std::vector<std::string>>{
-           {"--setup", Path("rig.ims")}, {"--break", "1"}, {"--max-lines", "5"}}) {
+  for (const auto& extra : std::vector<std::vector<std::string>>{{"--setup", Path("rig.ims")},
+                                                                 {"--break", "1"},
+                                                                 {"--max-lines", "5"},
+                                                                 {"--reply-timeout", "40000"}}) {
     EXPECT_EQ(RunStation(extra), kExitUsage) << extra[0];
     EXPECT_THAT(err_, HasSubstr(extra[0]));
   }
