@@ -14,8 +14,8 @@
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "machine_door.h"
-#include "testing/modbus_oven_server.h"
-#include "testing/scpi_instrument_server.h"
+#include "instrument/simdevices/modbus_oven_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 
 namespace tavrix::bench {
 namespace {

@@ -13,7 +13,7 @@
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_commands.h"
-#include "testing/modbus_oven_server.h"
+#include "instrument/simdevices/modbus_oven_server.h"
 #include "timing.h"
 
 namespace tavrix::bench {

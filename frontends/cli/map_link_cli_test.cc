@@ -11,8 +11,8 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "simulated_devices.h"
-#include "testing/modbus_oven_server.h"
-#include "testing/scpi_instrument_server.h"
+#include "instrument/simdevices/modbus_oven_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

@@ -8,9 +8,9 @@
 #include "instrument/tcp/rig_protocol.h"
 #include "platform/console.h"
 #include "platform/sockets.h"
-#include "testing/scpi_instrument_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 #ifndef _WIN32
-#include "testing/modbus_oven_server.h"
+#include "instrument/simdevices/modbus_oven_server.h"
 #endif
 
 namespace tavrix {

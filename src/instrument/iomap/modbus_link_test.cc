@@ -6,7 +6,7 @@
 
 #include "instrument/outputs/alarms.h"
 #include "testing/map_run.h"
-#include "testing/modbus_oven_server.h"
+#include "instrument/simdevices/modbus_oven_server.h"
 
 namespace tavrix {
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "testing/map_run.h"
-#include "testing/scpi_instrument_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 
 namespace tavrix {
 namespace {

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "testing/map_run.h"
-#include "testing/scpi_instrument_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 
 namespace tavrix {
 namespace {

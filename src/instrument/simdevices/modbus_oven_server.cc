@@ -1,4 +1,4 @@
-#include "testing/modbus_oven_server.h"
+#include "instrument/simdevices/modbus_oven_server.h"
 
 #include <arpa/inet.h>
 #include <modbus/modbus.h>

@@ -1,4 +1,4 @@
-#include "testing/scpi_instrument_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 
 #include <algorithm>
 #include <chrono>
