@@ -334,15 +334,22 @@ NumberPattern readNumberPattern(std::string_view pattern) {
 // The room on the stack for the usual value and pattern.
 constexpr size_t kStackDigits = 80;
 
+// Where the point falls in the digits of a value written to a pattern.
+struct DigitLayout {
+  size_t zeros = 0;  // the zeros before the first digit of a value below 1
+  long point = 1;    // the digits before the point, those zeros included
+  size_t keep = 0;   // the digits kept: those before the point and the fraction
+};
+
 // The 15 rounded digits, with the zeros that lead a value below 1, rounded
 // half up to the pattern's fraction digits and written out, in a buffer on
-// the stack. `point` is the number of digits before the point; the caller
-// has checked that the digits fit.
-std::string formatOnStack(double value, uint64_t rounded, long point, const NumberPattern& p) {
+// the stack; the caller has checked that the digits fit.
+std::string formatOnStack(double value, uint64_t rounded, const DigitLayout& layout,
+                          const NumberPattern& p) {
   char d[kStackDigits];
-  const size_t zeros = point < 1 ? static_cast<size_t>(1 - point) : 0;
-  if (point < 1) point = 1;
-  const size_t keep = static_cast<size_t>(point) + p.fractionDigits;
+  const size_t zeros = layout.zeros;
+  long point = layout.point;
+  const size_t keep = layout.keep;
   size_t n = zeros + 15;
   std::memset(d, '0', zeros);
   uint64_t r = rounded;
@@ -436,9 +443,12 @@ std::string formatNumber(double value, std::string_view pattern) {
   int exponent = 0;
   roundedDigits(value, 15, rounded, exponent);
   const long point = exponent + 1;  // digits before the point
-  const size_t zeros = point < 1 ? static_cast<size_t>(1 - point) : 0;
-  const size_t keep = static_cast<size_t>(point < 1 ? 1 : point) + p.fractionDigits;
-  if (zeros <= 40 && keep + 2 <= kStackDigits) return formatOnStack(value, rounded, point, p);
+  DigitLayout layout;
+  layout.zeros = point < 1 ? static_cast<size_t>(1 - point) : 0;
+  layout.point = point < 1 ? 1 : point;
+  layout.keep = static_cast<size_t>(layout.point) + p.fractionDigits;
+  if (layout.zeros <= 40 && layout.keep + 2 <= kStackDigits)
+    return formatOnStack(value, rounded, layout, p);
   return formatInString(value, rounded, point, p);
 }
 
