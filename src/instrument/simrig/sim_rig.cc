@@ -419,9 +419,13 @@ std::string_view upperCaseWord(std::string_view written, char (&shortWord)[8],
   return longWord;
 }
 
-bool isChannelCommand(std::string_view word) {
-  return word == "REA" || word == "WRI" || word == "SHO" || word == "DEF" || word == "ESC" ||
-         word == "CLEAR";
+// What SHO answers: the channel's settings as DEF takes them.
+std::string settingsText(const SimChannel& channel) {
+  std::string text = "E=" + channel.enabled + " M=" + channel.mode;
+  if (!channel.name.empty()) text += " N=" + channel.name;
+  if (!channel.units.empty()) text += " U=" + channel.units;
+  text += " O=" + rigNumber(channel.offset);
+  return text;
 }
 
 }  // namespace
@@ -442,10 +446,47 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   const std::string_view channelName = rest.substr(0, nameEnd);
   const std::string_view argument =
       nameEnd == std::string_view::npos ? std::string_view{} : trimLeft(rest.substr(nameEnd + 1));
-  if (!isChannelCommand(word)) return fail(state, rig_error::kBadCommand, "bad command");
+  if (word != "REA" && word != "WRI" && word != "SHO" && word != "DEF" && word != "ESC" &&
+      word != "CLEAR") {
+    return fail(state, rig_error::kBadCommand, "bad command");
+  }
   SimChannel* channel = find(device, channelName);
   if (channel == nullptr) return fail(state, rig_error::kBadChannel, "bad channel");
-  return channelCommand(state, word, *channel, argument, now);
+  if (word == "REA") {
+    if (!enabled(*channel)) {
+      return fail(state, rig_error::kDisabled, "channel disabled");
+    }
+    reportOk(state);
+    return rigNumber(reading(*channel, now));
+  }
+  if (word == "WRI") {
+    if (!enabled(*channel)) {
+      return fail(state, rig_error::kDisabled, "channel disabled");
+    }
+    channel->value = leadingNumber(argument);
+    reportOk(state);
+    return "0";
+  }
+  if (word == "SHO") {
+    reportOk(state);
+    return settingsText(*channel);
+  }
+  if (word == "DEF") {
+    if (!define(*channel, argument)) return fail(state, rig_error::kBadSetting, "bad setting");
+    reportOk(state);
+    return "0";
+  }
+  if (word == "ESC") {
+    channel->escape = std::string(argument);
+    reportOk(state);
+    return "0";
+  }
+  // CLEAR
+  if (!channel->monitor) return fail(state, rig_error::kNotMonitor, "not a monitor channel");
+  setup_.channels.erase(setup_.channels.begin() + (channel - setup_.channels.data()));
+  tableChanged();
+  reportOk(state);
+  return "0";
 }
 
 std::string RigModel::alarmAnswer(DeviceState& state, int device, std::string_view what,
@@ -462,49 +503,6 @@ std::string RigModel::alarmAnswer(DeviceState& state, int device, std::string_vi
     return names.empty() ? "-" : names;
   }
   return fail(state, rig_error::kBadCommand, "bad command");
-}
-
-std::string RigModel::channelCommand(DeviceState& state, std::string_view word, SimChannel& channel,
-                                     std::string_view argument, Micros now) {
-  if (word == "REA") {
-    if (!enabled(channel)) {
-      return fail(state, rig_error::kDisabled, "channel disabled");
-    }
-    reportOk(state);
-    return rigNumber(reading(channel, now));
-  }
-  if (word == "WRI") {
-    if (!enabled(channel)) {
-      return fail(state, rig_error::kDisabled, "channel disabled");
-    }
-    channel.value = leadingNumber(argument);
-    reportOk(state);
-    return "0";
-  }
-  if (word == "SHO") {
-    reportOk(state);
-    std::string text = "E=" + channel.enabled + " M=" + channel.mode;
-    if (!channel.name.empty()) text += " N=" + channel.name;
-    if (!channel.units.empty()) text += " U=" + channel.units;
-    text += " O=" + rigNumber(channel.offset);
-    return text;
-  }
-  if (word == "DEF") {
-    if (!define(channel, argument)) return fail(state, rig_error::kBadSetting, "bad setting");
-    reportOk(state);
-    return "0";
-  }
-  if (word == "ESC") {
-    channel.escape = std::string(argument);
-    reportOk(state);
-    return "0";
-  }
-  // CLEAR
-  if (!channel.monitor) return fail(state, rig_error::kNotMonitor, "not a monitor channel");
-  setup_.channels.erase(setup_.channels.begin() + (&channel - setup_.channels.data()));
-  tableChanged();
-  reportOk(state);
-  return "0";
 }
 
 // --- Exchanges at once ---------------------------------------------------------

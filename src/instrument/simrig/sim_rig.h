@@ -140,10 +140,6 @@ class RigModel {
   // The answer to "ALA T" (how many alarms are active) or "ALA N" (their
   // names).
   std::string alarmAnswer(DeviceState& state, int device, std::string_view what, Micros now);
-  // The answer to a command on one channel of the device (REA, WRI, SHO,
-  // DEF, ESC or CLEAR).
-  std::string channelCommand(DeviceState& state, std::string_view word, SimChannel& channel,
-                             std::string_view argument, Micros now);
 
   // Channels by name and by hardware text, in table order; rebuilt after
   // any change of the table or of a name. Calls visit(position) for each
