@@ -444,7 +444,45 @@ bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
 void MainWindow::buildControls() {
   auto* central = new QWidget(this);
   auto* layout = new QVBoxLayout(central);
+  layout->addLayout(buildStatusRow());
+  buildLineDisplays(layout);
+  layout->addLayout(buildRunButtons());
 
+  sDataFileSpec_ = Named(new QLineEdit, "sDataFileSpec");
+  sDataFileSpec_->setReadOnly(true);
+  layout->addWidget(sDataFileSpec_);
+
+  unitTile_ = buildUnitTile();
+  layout->addWidget(unitTile_);
+
+  tabs_ = Named(new QTabWidget, "tabs");
+  buildOperatorPanel();
+  sequencePage_ = buildSequencePage();
+  tabs_->addTab(sequencePage_, tr("Sequence"));
+
+  linesView_ = new SequenceLinesView([this](std::function<void(Engine&, Breakpoints&)> task) {
+    host_->post([this, task = std::move(task)](Engine& engine) { task(engine, *breakpoints_); });
+  });
+  linesView_->onHoldChanged([this] { showHold(); });
+  tabs_->addTab(linesView_, tr("Lines"));
+
+  auto* manual = Named(new QGroupBox(tr("Manual control")), "frManual");
+  auto* manualLayout = new QVBoxLayout(manual);
+  manualLayout->addWidget(new ManualControl(tasks(), manual));
+  manualLayout->addStretch();
+  tabs_->addTab(manual, tr("Manual"));
+  // A question waiting is shown above the tabs, whichever tab is in front.
+  layout->addWidget(frOKcancel_);
+  layout->addWidget(tabs_, 1);
+  // The one-sequence view, or an open station's tiles.
+  pages_ = Named(new QStackedWidget, "stPages");
+  pages_->addWidget(central);
+  setCentralWidget(pages_);
+
+  connectButtons();
+}
+
+QHBoxLayout* MainWindow::buildStatusRow() {
   auto* statusRow = new QHBoxLayout;
   sRunStatus_ = Named(new QLabel(tr("Ready")), "sRunStatus");
   sRunStatus_->setFrameShape(QFrame::Panel);
@@ -469,8 +507,10 @@ void MainWindow::buildControls() {
   laVerdict_->setAutoFillBackground(true);
   laVerdict_->hide();
   statusRow->addWidget(laVerdict_);
-  layout->addLayout(statusRow);
+  return statusRow;
+}
 
+void MainWindow::buildLineDisplays(QVBoxLayout* layout) {
   sCurrentCommand_ = Named(new QLineEdit, "sCurrentCommand");
   sCurrentCommand_->setReadOnly(true);
   layout->addWidget(sCurrentCommand_);
@@ -483,7 +523,9 @@ void MainWindow::buildControls() {
   layout->addWidget(laWaitReading_);
   waitReadings_.setInterval(1000);
   connect(&waitReadings_, &QTimer::timeout, this, &MainWindow::readWaitChannel);
+}
 
+QHBoxLayout* MainWindow::buildRunButtons() {
   auto* buttons = new QHBoxLayout;
   pbRun_ = Named(new QPushButton(tr("Run")), "pbRun");
   pbStop_ =
@@ -501,19 +543,10 @@ void MainWindow::buildControls() {
     w->setEnabled(false);
     buttons->addWidget(w);
   }
-  layout->addLayout(buttons);
+  return buttons;
+}
 
-  sDataFileSpec_ = Named(new QLineEdit, "sDataFileSpec");
-  sDataFileSpec_->setReadOnly(true);
-  layout->addWidget(sDataFileSpec_);
-
-  unitTile_ = buildUnitTile();
-  layout->addWidget(unitTile_);
-
-  tabs_ = Named(new QTabWidget, "tabs");
-  sequencePage_ = new QWidget;
-  auto* pageLayout = new QVBoxLayout(sequencePage_);
-
+void MainWindow::buildOperatorPanel() {
   frOKcancel_ = Named(new QGroupBox(tr("Operator Message")), "frOKcancel");
   auto* panel = new QVBoxLayout(frOKcancel_);
   laAlertType_ = Named(new QLabel(tr("Alert!")), "laAlertType");
@@ -535,7 +568,11 @@ void MainWindow::buildControls() {
   frOKcancel_->setFocusPolicy(Qt::StrongFocus);
   restorePanel();
   frOKcancel_->hide();
+}
 
+QWidget* MainWindow::buildSequencePage() {
+  auto* page = new QWidget;
+  auto* pageLayout = new QVBoxLayout(page);
   ebHelp_ = Named(new QTextEdit, "ebHelp");
   ebHelp_->setReadOnly(true);
   pageLayout->addWidget(ebHelp_, 2);
@@ -559,27 +596,10 @@ void MainWindow::buildControls() {
     lists->addLayout(column);
   }
   pageLayout->addLayout(lists, 1);
-  tabs_->addTab(sequencePage_, tr("Sequence"));
+  return page;
+}
 
-  linesView_ = new SequenceLinesView([this](std::function<void(Engine&, Breakpoints&)> task) {
-    host_->post([this, task = std::move(task)](Engine& engine) { task(engine, *breakpoints_); });
-  });
-  linesView_->onHoldChanged([this] { showHold(); });
-  tabs_->addTab(linesView_, tr("Lines"));
-
-  auto* manual = Named(new QGroupBox(tr("Manual control")), "frManual");
-  auto* manualLayout = new QVBoxLayout(manual);
-  manualLayout->addWidget(new ManualControl(tasks(), manual));
-  manualLayout->addStretch();
-  tabs_->addTab(manual, tr("Manual"));
-  // A question waiting is shown above the tabs, whichever tab is in front.
-  layout->addWidget(frOKcancel_);
-  layout->addWidget(tabs_, 1);
-  // The one-sequence view, or an open station's tiles.
-  pages_ = Named(new QStackedWidget, "stPages");
-  pages_->addWidget(central);
-  setCentralWidget(pages_);
-
+void MainWindow::connectButtons() {
   connect(pbRun_, &QPushButton::clicked, this, [this] { host_->engine().start(); });
   connect(pbStop_, &QPushButton::clicked, this, &MainWindow::pressStop);
   connect(pbStep_, &QPushButton::clicked, this, [this] {

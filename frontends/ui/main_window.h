@@ -26,6 +26,7 @@
 
 class QCheckBox;
 class QGroupBox;
+class QHBoxLayout;
 class QLabel;
 class QLineEdit;
 class QListWidget;
@@ -33,6 +34,7 @@ class QProgressBar;
 class QPushButton;
 class QTabWidget;
 class QTextEdit;
+class QVBoxLayout;
 class QMenu;
 class QAction;
 class QMessageBox;
@@ -170,6 +172,18 @@ class MainWindow : public QMainWindow {
   // Ends the open station: its questions get no answer, its runs stop.
   void endStation();
   void buildControls();
+  // The run's status, how the last run ended, the hold, the timeout and the
+  // verdict, in one row.
+  QHBoxLayout* buildStatusRow();
+  // The current line, and the progress and reading of a wait.
+  void buildLineDisplays(QVBoxLayout* layout);
+  // Run, Stop, Step, Skip and Single Step, disabled until a file is ready.
+  QHBoxLayout* buildRunButtons();
+  // The operator message panel (frOKcancel_), hidden until a question.
+  void buildOperatorPanel();
+  // The sequence tab: the help text and the alarm and DDE lists.
+  QWidget* buildSequencePage();
+  void connectButtons();
   // How the last run ended, beside the status.
   void showRunEnd();
   // The widget lies in this window or in a window it opened.

@@ -76,35 +76,9 @@ ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
   ebSequenceList_->setEditTriggers(QAbstractItemView::NoEditTriggers);
   ebSequenceList_->setSelectionBehavior(QAbstractItemView::SelectRows);
   ebSequenceList_->horizontalHeader()->setStretchLastSection(true);
-  for (const CheckEntry& check : contents_.checks) {
-    const int row = ebSequenceList_->rowCount();
-    ebSequenceList_->insertRow(row);
-    const QStringList texts = RowTexts(check);
-    for (int column = 0; column < texts.size(); ++column) {
-      auto* item = new QTableWidgetItem(texts[column]);
-      if (!check.passed) {
-        item->setBackground(kFailedRow);
-        if (column == texts.size() - 1) {
-          QFont font = item->font();
-          font.setBold(true);
-          item->setFont(font);
-        }
-      }
-      ebSequenceList_->setItem(row, column, item);
-    }
-  }
+  fillChecks();
   ebSequenceList_->resizeColumnsToContents();
-  if (contents_.inProgress) {
-    // A verdict before the last stage would claim what is not known yet.
-    laVerdict_->setText(tr("in progress"));
-  } else if (contents_.checks.empty()) {
-    laVerdict_->setText(tr("No checks recorded"));
-  } else {
-    laVerdict_->setText(failed() ? tr("Fail") : tr("Pass"));
-    QPalette palette = laVerdict_->palette();
-    palette.setColor(QPalette::WindowText, failed() ? QColor(176, 0, 0) : QColor(0, 112, 0));
-    laVerdict_->setPalette(palette);
-  }
+  showVerdict();
 
   pbPrint_ = Named(new QPushButton(tr("&Print")), "pbPrint");
   pbPdf_ = Named(new QPushButton(tr("P&DF...")), "pbPrintPdf");
@@ -130,6 +104,40 @@ ReportDialog::ReportDialog(const ReportContents& contents, QWidget* parent)
 }
 
 ReportDialog::~ReportDialog() = default;
+
+void ReportDialog::fillChecks() {
+  for (const CheckEntry& check : contents_.checks) {
+    const int row = ebSequenceList_->rowCount();
+    ebSequenceList_->insertRow(row);
+    const QStringList texts = RowTexts(check);
+    for (int column = 0; column < texts.size(); ++column) {
+      auto* item = new QTableWidgetItem(texts[column]);
+      if (!check.passed) {
+        item->setBackground(kFailedRow);
+        if (column == texts.size() - 1) {
+          QFont font = item->font();
+          font.setBold(true);
+          item->setFont(font);
+        }
+      }
+      ebSequenceList_->setItem(row, column, item);
+    }
+  }
+}
+
+void ReportDialog::showVerdict() {
+  if (contents_.inProgress) {
+    // A verdict before the last stage would claim what is not known yet.
+    laVerdict_->setText(tr("in progress"));
+  } else if (contents_.checks.empty()) {
+    laVerdict_->setText(tr("No checks recorded"));
+  } else {
+    laVerdict_->setText(failed() ? tr("Fail") : tr("Pass"));
+    QPalette palette = laVerdict_->palette();
+    palette.setColor(QPalette::WindowText, failed() ? QColor(176, 0, 0) : QColor(0, 112, 0));
+    laVerdict_->setPalette(palette);
+  }
+}
 
 bool ReportDialog::failed() const {
   for (const CheckEntry& check : contents_.checks)

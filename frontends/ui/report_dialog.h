@@ -47,6 +47,11 @@ class ReportDialog : public QDialog {
   void printOnDefaultPrinter();
   void saveAsPdf();
   bool failed() const;
+  // One row of the table per check; a failed check's row is marked and its
+  // result bold.
+  void fillChecks();
+  // Pass or Fail in colour, or why there is no verdict yet.
+  void showVerdict();
 
   ReportContents contents_;
   QTableWidget* ebSequenceList_;

@@ -148,20 +148,7 @@ SequenceLinesView::SequenceLinesView(BreakpointTasks tasks, QWidget* parent)
   lines_->setContextMenuPolicy(Qt::CustomContextMenu);
   layout->addWidget(lines_, 3);
 
-  auto* form = new QHBoxLayout;
-  kind_ = Named(new QComboBox, "cbBreakKind");
-  kind_->addItems({tr("Label"), tr("Condition")});
-  target_ = Named(new QLineEdit, "ebBreakTarget");
-  target_->setPlaceholderText(tr("TOP, or T1 > 80"));
-  hits_ = Named(new QSpinBox, "sbBreakHits");
-  hits_->setRange(1, 1'000'000);
-  hits_->setPrefix(tr("from hit "));
-  add_ = Named(new QPushButton(tr("Add Breakpoint")), "pbBreakAdd");
-  form->addWidget(kind_);
-  form->addWidget(target_, 1);
-  form->addWidget(hits_);
-  form->addWidget(add_);
-  layout->addLayout(form);
+  layout->addLayout(buildBreakpointForm());
   problem_ = Named(new QLabel, "laBreakProblem");
   problem_->setWordWrap(true);
   QPalette palette = problem_->palette();
@@ -182,6 +169,43 @@ SequenceLinesView::SequenceLinesView(BreakpointTasks tasks, QWidget* parent)
   listRow->addLayout(listButtons);
   layout->addLayout(listRow, 1);
 
+  toggleFromLines();
+  connect(add_, &QPushButton::clicked, this, &SequenceLinesView::addFromForm);
+  connect(target_, &QLineEdit::returnPressed, this, &SequenceLinesView::addFromForm);
+  connect(clear_, &QPushButton::clicked, this, &SequenceLinesView::clearSelected);
+  connect(list_, &QListWidget::currentRowChanged, this,
+          [this](int row) { clear_->setEnabled(row >= 0); });
+  auto* clearKey = new QAction(list_);
+  clearKey->setShortcut(QKeySequence::Delete);
+  clearKey->setShortcutContext(Qt::WidgetShortcut);
+  list_->addAction(clearKey);
+  connect(clearKey, &QAction::triggered, this, &SequenceLinesView::clearSelected);
+
+  redraw_.setSingleShot(true);
+  redraw_.setInterval(100);
+  connect(&redraw_, &QTimer::timeout, this, &SequenceLinesView::redraw);
+}
+
+SequenceLinesView::~SequenceLinesView() = default;
+
+QHBoxLayout* SequenceLinesView::buildBreakpointForm() {
+  auto* form = new QHBoxLayout;
+  kind_ = Named(new QComboBox, "cbBreakKind");
+  kind_->addItems({tr("Label"), tr("Condition")});
+  target_ = Named(new QLineEdit, "ebBreakTarget");
+  target_->setPlaceholderText(tr("TOP, or T1 > 80"));
+  hits_ = Named(new QSpinBox, "sbBreakHits");
+  hits_->setRange(1, 1'000'000);
+  hits_->setPrefix(tr("from hit "));
+  add_ = Named(new QPushButton(tr("Add Breakpoint")), "pbBreakAdd");
+  form->addWidget(kind_);
+  form->addWidget(target_, 1);
+  form->addWidget(hits_);
+  form->addWidget(add_);
+  return form;
+}
+
+void SequenceLinesView::toggleFromLines() {
   connect(lines_, &QTableView::clicked, this, [this](const QModelIndex& index) {
     if (index.column() == kMargin) toggle(index.row() + 1);
   });
@@ -204,23 +228,7 @@ SequenceLinesView::SequenceLinesView(BreakpointTasks tasks, QWidget* parent)
     if (chosen == toggleLine) toggle(index.row() + 1);
     if (chosen == clearAll) carryOut(view_.clearAll());
   });
-  connect(add_, &QPushButton::clicked, this, &SequenceLinesView::addFromForm);
-  connect(target_, &QLineEdit::returnPressed, this, &SequenceLinesView::addFromForm);
-  connect(clear_, &QPushButton::clicked, this, &SequenceLinesView::clearSelected);
-  connect(list_, &QListWidget::currentRowChanged, this,
-          [this](int row) { clear_->setEnabled(row >= 0); });
-  auto* clearKey = new QAction(list_);
-  clearKey->setShortcut(QKeySequence::Delete);
-  clearKey->setShortcutContext(Qt::WidgetShortcut);
-  list_->addAction(clearKey);
-  connect(clearKey, &QAction::triggered, this, &SequenceLinesView::clearSelected);
-
-  redraw_.setSingleShot(true);
-  redraw_.setInterval(100);
-  connect(&redraw_, &QTimer::timeout, this, &SequenceLinesView::redraw);
 }
-
-SequenceLinesView::~SequenceLinesView() = default;
 
 void SequenceLinesView::take(const RunEvent& event, const LinesSnapshot& snapshot) {
   const bool changed = view_.apply(event);

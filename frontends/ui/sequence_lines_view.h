@@ -22,6 +22,7 @@
 #include "panel/sequence_view.h"
 
 class QComboBox;
+class QHBoxLayout;
 class QLabel;
 class QLineEdit;
 class QListWidget;
@@ -61,6 +62,11 @@ class SequenceLinesView : public QWidget {
   void onHoldChanged(std::function<void()> told) { holdChanged_ = std::move(told); }
 
  private:
+  // The kind, target and hit count of a new breakpoint, and its Add button.
+  QHBoxLayout* buildBreakpointForm();
+  // A click in a line's margin, F9 and the context menu toggle the line's
+  // breakpoint; the menu also clears them all.
+  void toggleFromLines();
   void carryOut(const SequenceView::Change& change);
   void addFromForm();
   void clearSelected();

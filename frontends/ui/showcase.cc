@@ -211,6 +211,57 @@ int StationScene(const QString& dir) {
   return 0;
 }
 
+#ifdef TAVRIX_HAVE_CHARTS
+// The chart of three rig channels, plotting every 100 ms.
+void ChartScene(MainWindow& w, const QString& dir) {
+  w.findChild<QAction*>("mbChart")->trigger();
+  // The chart is a window of its own, not a child of the main window.
+  ChartWindow* chart = nullptr;
+  WaitFor([&] {
+    for (QWidget* own : w.ownWindows())
+      if ((chart = dynamic_cast<ChartWindow*>(own)) != nullptr) return true;
+    return false;
+  });
+  chart->setSampleInterval(100);
+  chart->plot("OVEN");
+  chart->plot("HEATER");
+  chart->plot("AMBIENT");
+  WaitFor([&] { return chart->pointCount("OVEN") >= 40; }, 10000);
+  Save(*chart, dir, "chart");
+  chart->close();
+}
+#endif
+
+// The dialogs that stand alone: a check failure, the report, the decrypt
+// dialog and About.
+void DialogScenes(MainWindow& w, const QString& dir) {
+  CheckFailureDialog failure(
+      {"CHECKFAILURE",
+       "Check Failure",
+       "Stage 3\rFlow  Value: 3.00  Min: 1  Max: 2\rF1: Ignore  F2 Repeat  F3: Fail and Abandon",
+       {"Ignore", "Repeat", "Fail and Abandon"}},
+      [](Answer) {}, &w);
+  failure.show();
+  Save(failure, dir, "check-failure");
+
+  ReportContents contents{{"15-11-2026", "A. Lee", "Pump acceptance test", "3", "PX-20417", {}},
+                          {{"Flow", "FLOW", "2.50", "l/min", "1", "3", 1, true, ""},
+                           {"Seal", "", "", "", "", "", 2, false, "Op Fail"},
+                           {"Pressure", "PRESS", "1.03", "bar", "0.9", "1.2", 3, true, ""}}};
+  ReportDialog report(contents, &w);
+  report.show();
+  Save(report, dir, "report");
+
+  DecryptDialog decrypt(localFiles(), &w);
+  Find<QLineEdit>(decrypt, "ebSrcFileSpec")->setText("/srv/rig/data/RUN042.TXE");
+  decrypt.show();
+  Save(decrypt, dir, "decrypt");
+
+  AboutDialog about(&w);
+  about.show();
+  Save(about, dir, "about");
+}
+
 int Screenshots(const QString& dir) {
   QDir().mkpath(dir);
   QTemporaryDir temp;
@@ -245,48 +296,9 @@ int Screenshots(const QString& dir) {
   Find<QPushButton>(w, "pbOKcancelOK")->click();
 
 #ifdef TAVRIX_HAVE_CHARTS
-  w.findChild<QAction*>("mbChart")->trigger();
-  // The chart is a window of its own, not a child of the main window.
-  ChartWindow* chart = nullptr;
-  WaitFor([&] {
-    for (QWidget* own : w.ownWindows())
-      if ((chart = dynamic_cast<ChartWindow*>(own)) != nullptr) return true;
-    return false;
-  });
-  chart->setSampleInterval(100);
-  chart->plot("OVEN");
-  chart->plot("HEATER");
-  chart->plot("AMBIENT");
-  WaitFor([&] { return chart->pointCount("OVEN") >= 40; }, 10000);
-  Save(*chart, dir, "chart");
-  chart->close();
+  ChartScene(w, dir);
 #endif
-
-  CheckFailureDialog failure(
-      {"CHECKFAILURE",
-       "Check Failure",
-       "Stage 3\rFlow  Value: 3.00  Min: 1  Max: 2\rF1: Ignore  F2 Repeat  F3: Fail and Abandon",
-       {"Ignore", "Repeat", "Fail and Abandon"}},
-      [](Answer) {}, &w);
-  failure.show();
-  Save(failure, dir, "check-failure");
-
-  ReportContents contents{{"15-11-2026", "A. Lee", "Pump acceptance test", "3", "PX-20417", {}},
-                          {{"Flow", "FLOW", "2.50", "l/min", "1", "3", 1, true, ""},
-                           {"Seal", "", "", "", "", "", 2, false, "Op Fail"},
-                           {"Pressure", "PRESS", "1.03", "bar", "0.9", "1.2", 3, true, ""}}};
-  ReportDialog report(contents, &w);
-  report.show();
-  Save(report, dir, "report");
-
-  DecryptDialog decrypt(localFiles(), &w);
-  Find<QLineEdit>(decrypt, "ebSrcFileSpec")->setText("/srv/rig/data/RUN042.TXE");
-  decrypt.show();
-  Save(decrypt, dir, "decrypt");
-
-  AboutDialog about(&w);
-  about.show();
-  Save(about, dir, "about");
+  DialogScenes(w, dir);
 
   w.openQuestion({"SELECTMENU", "", "Which test?", {"WARMUP", "LEAK", "FULL"}}, [](Answer) {});
   auto* menu = Find<QListWidget>(w, "lbMenu");

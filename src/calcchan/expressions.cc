@@ -27,6 +27,20 @@ bool sameName(std::string_view a, std::string_view b) {
 
 bool isOperator(char c) { return c == '*' || c == '/' || c == '+' || c == '-'; }
 
+// `left` and `right` joined by one of the four operators.
+double arithmetic(char op, double left, double right) {
+  switch (op) {
+    case '*':
+      return left * right;
+    case '/':
+      return left / right;
+    case '+':
+      return left + right;
+    default:
+      return left - right;
+  }
+}
+
 // The position of the bracket that closes the one at `open`, counting
 // nesting; npos when it is never closed.
 size_t matching(std::string_view text, size_t open, char opening, char closing) {
@@ -348,22 +362,7 @@ bool Analyser::eval(std::string_view text, AnalysisResult& out, int depth) {
       double right = 0;
       if (trim(rest).empty()) return cannotEvaluate(text);
       if (!number(rest, right, depth)) return false;
-      double v = 0;
-      switch (c) {
-        case '*':
-          v = left.number * right;
-          break;
-        case '/':
-          v = left.number / right;
-          break;
-        case '+':
-          v = left.number + right;
-          break;
-        default:
-          v = left.number - right;
-          break;
-      }
-      out = AnalysisResult{false, v, {}};
+      out = AnalysisResult{false, arithmetic(c, left.number, right), {}};
       return true;
     }
     if (c == '[') {

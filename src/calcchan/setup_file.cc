@@ -24,6 +24,70 @@ void clearCounters(CalcChannel& row, Micros now) {
   row.passes = 0;
 }
 
+// Reads on to the next line that starts a block; false at the end of the
+// file.
+bool nextBlockStart(TextItemReader& reader, std::string& item) {
+  while (reader.next(item)) {
+    if (upperCase(item).find(kCalcBlockStart) != std::string::npos) return true;
+  }
+  return false;
+}
+
+// One KEY=value line of the block being read, into its row (the last of
+// the table); comments and the block's end line change nothing. False, with
+// the message shown, for a line that is not KEY=value.
+bool applyBlockEntry(const std::string& item, CalcState& state, const CalcPorts& ports) {
+  CalcChannel& row = state.table.back();
+  const std::string upper = upperCase(item);
+  if (upper.compare(0, kCalcComment.size(), kCalcComment) == 0 || upper == kCalcBlockEnd)
+    return true;
+  const size_t eq = item.find('=');
+  if (eq == std::string::npos) {
+    ports.showMessage(cr(kTextInvalidEntry, item));
+    return false;
+  }
+  const std::string key = upperCase(std::string_view(item).substr(0, eq + 1));
+  const std::string value(trim(std::string_view(item).substr(eq + 1)));
+  if (key == kKeyType) {
+    row.type = upperCase(value);
+  } else if (key == kKeySource) {
+    row.source = value;
+  } else if (key == kKeyNewName) {
+    row.newName = value;
+  } else if (key == kKeyParam1) {
+    row.param1 = value;
+  } else if (key == kKeyParam2) {
+    row.param2 = value;
+  }
+  if (row.type == calc_type::kLoggerOnOff) {
+    if (!row.param1.empty()) state.summaryFolderA = row.param1;
+    if (!row.param2.empty()) state.summaryFolderB = row.param2;
+    if (!row.newName.empty()) state.summaryPrefix = row.newName;
+  } else if (row.type == calc_type::kAverage || row.type == calc_type::kDaily || row.type.empty()) {
+    // Deliberately also for a block whose first key line is not TYPE=.
+    state.dailyTrackingWanted = true;
+  }
+  return true;
+}
+
+// The block just read (the last row of the table) is complete: its counters
+// start cleared and an average gets its first due time; a block of a type
+// this program does not know is shown and dropped. False when an average's
+// period does not fit the clock, an error while loading.
+bool finishBlock(CalcState& state, const CalcPorts& ports, Micros now) {
+  CalcChannel& row = state.table.back();
+  clearCounters(row, now);
+  if (row.type == calc_type::kAverage) {
+    const auto period = checkedMicros(60 * leadingNumber(row.param1) * kMicrosPerMinute);
+    if (!period) return false;
+    row.dueTime = now + *period;
+  } else if (!IsCalcChannelType(row.type)) {
+    ports.showMessage(cr(kTextUnrecognisedType, row.type));
+    state.table.pop_back();
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string SummaryPrefixOf(std::string_view fileSpec) {
@@ -63,62 +127,15 @@ bool LoadCalcChannelSetup(std::string_view fileSpec, CalcState& state, const Cal
   }
 
   while (!reader.atEnd()) {
-    bool found = false;
-    while (reader.next(item)) {
-      if (upperCase(item).find(kCalcBlockStart) != std::string::npos) {
-        found = true;
-        break;
-      }
-    }
-    if (!found) break;
-
+    if (!nextBlockStart(reader, item)) break;
     state.table.emplace_back();
     for (;;) {
-      CalcChannel& row = state.table.back();
       if (upperCase(item) == kCalcBlockEnd) {
-        clearCounters(row, now);
-        if (row.type == calc_type::kAverage) {
-          // A period that does not fit the clock is an error while loading.
-          const auto period = checkedMicros(60 * leadingNumber(row.param1) * kMicrosPerMinute);
-          if (!period) return failed();
-          row.dueTime = now + *period;
-        } else if (!IsCalcChannelType(row.type)) {
-          ports.showMessage(cr(kTextUnrecognisedType, row.type));
-          state.table.pop_back();
-        }
+        if (!finishBlock(state, ports, now)) return failed();
         break;
       }
       if (!reader.next(item)) return failed();
-      const std::string upper = upperCase(item);
-      if (upper.compare(0, kCalcComment.size(), kCalcComment) == 0 || upper == kCalcBlockEnd)
-        continue;
-      const size_t eq = item.find('=');
-      if (eq == std::string::npos) {
-        ports.showMessage(cr(kTextInvalidEntry, item));
-        return failed();
-      }
-      const std::string key = upperCase(std::string_view(item).substr(0, eq + 1));
-      const std::string value(trim(std::string_view(item).substr(eq + 1)));
-      if (key == kKeyType) {
-        row.type = upperCase(value);
-      } else if (key == kKeySource) {
-        row.source = value;
-      } else if (key == kKeyNewName) {
-        row.newName = value;
-      } else if (key == kKeyParam1) {
-        row.param1 = value;
-      } else if (key == kKeyParam2) {
-        row.param2 = value;
-      }
-      if (row.type == calc_type::kLoggerOnOff) {
-        if (!row.param1.empty()) state.summaryFolderA = row.param1;
-        if (!row.param2.empty()) state.summaryFolderB = row.param2;
-        if (!row.newName.empty()) state.summaryPrefix = row.newName;
-      } else if (row.type == calc_type::kAverage || row.type == calc_type::kDaily ||
-                 row.type.empty()) {
-        // Deliberately also for a block whose first key line is not TYPE=.
-        state.dailyTrackingWanted = true;
-      }
+      if (!applyBlockEntry(item, state, ports)) return failed();
     }
   }
 

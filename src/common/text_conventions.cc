@@ -311,79 +311,95 @@ std::string numberText(double value) { return runtimeNumberText(value, 15); }
 
 std::string numberTextSingle(float value) { return runtimeNumberText(value, 7); }
 
-std::string formatNumber(double value, std::string_view pattern) {
-  const size_t pointAt = pattern.find('.');
-  const std::string_view integerPattern = pattern.substr(0, pointAt);
-  const size_t fractionDigits =
-      pointAt == std::string_view::npos ? 0 : pattern.size() - pointAt - 1;
+namespace {
+
+// What a "0.00" pattern asks for: how many digits after the point (and
+// whether there is a point at all) and how many zeros the integer part
+// keeps at least.
+struct NumberPattern {
+  bool hasPoint = false;
+  size_t fractionDigits = 0;
   size_t integerZeros = 0;
-  for (char c : integerPattern) integerZeros += c == '0';
+};
 
-  if (!std::isfinite(value)) return numberText(value).substr(value < 0 ? 0 : 1);
+NumberPattern readNumberPattern(std::string_view pattern) {
+  NumberPattern p;
+  const size_t pointAt = pattern.find('.');
+  p.hasPoint = pointAt != std::string_view::npos;
+  p.fractionDigits = p.hasPoint ? pattern.size() - pointAt - 1 : 0;
+  for (char c : pattern.substr(0, pointAt)) p.integerZeros += c == '0';
+  return p;
+}
 
-  // Round the decimal digits of the value as it is written (15 significant
-  // digits), so 2.675 gives "2.68" although its binary value lies below.
-  // As "%.14e" writes them.
-  uint64_t rounded = 0;
-  int exponent = 0;
-  roundedDigits(value, 15, rounded, exponent);
-  {
-    // The usual value and pattern in a buffer on the stack; the same steps
-    // as below, where any other goes.
-    char d[80];
-    long point = exponent + 1;
-    const size_t zeros = point < 1 ? static_cast<size_t>(1 - point) : 0;
-    if (point < 1) point = 1;
-    const size_t keep = static_cast<size_t>(point) + fractionDigits;
-    if (zeros <= 40 && keep + 2 <= sizeof d) {
-      size_t n = zeros + 15;
-      std::memset(d, '0', zeros);
-      uint64_t r = rounded;
-      for (size_t i = n; i-- > zeros; r /= 10) d[i] = static_cast<char>('0' + r % 10);
-      if (n < keep + 1) {
-        std::memset(d + n, '0', keep + 1 - n);
-        n = keep + 1;
-      }
-      const bool up = d[keep] >= '5';
-      n = keep;
-      if (up) {
-        size_t k = keep;
-        while (k > 0 && d[k - 1] == '9') d[--k] = '0';
-        if (k == 0) {
-          std::memmove(d + 1, d, n);
-          d[0] = '1';
-          ++n;
-          ++point;
-        } else {
-          ++d[k - 1];
-        }
-      }
-      const size_t integerEnd = static_cast<size_t>(point);
-      size_t first = 0;
-      while (first < integerEnd && d[first] == '0') ++first;
-      bool zero = first == integerEnd;
-      for (size_t i = integerEnd; zero && i < n; ++i) zero = d[i] == '0';
-      const size_t integerLength = integerEnd - first;
-      std::string out;
-      out.reserve(n + integerZeros + 2);
-      if (value < 0 && !zero) out += '-';
-      if (integerLength < integerZeros) out.append(integerZeros - integerLength, '0');
-      out.append(d + first, integerLength);
-      if (pointAt != std::string_view::npos) {
-        out += '.';
-        out.append(d + integerEnd, n - integerEnd);
-      }
-      return out;
+// The room on the stack for the usual value and pattern.
+constexpr size_t kStackDigits = 80;
+
+// Where the point falls in the digits of a value written to a pattern.
+struct DigitLayout {
+  size_t zeros = 0;  // the zeros before the first digit of a value below 1
+  long point = 1;    // the digits before the point, those zeros included
+  size_t keep = 0;   // the digits kept: those before the point and the fraction
+};
+
+// The 15 rounded digits, with the zeros that lead a value below 1, rounded
+// half up to the pattern's fraction digits and written out, in a buffer on
+// the stack; the caller has checked that the digits fit.
+std::string formatOnStack(double value, uint64_t rounded, const DigitLayout& layout,
+                          const NumberPattern& p) {
+  char d[kStackDigits];
+  const size_t zeros = layout.zeros;
+  long point = layout.point;
+  const size_t keep = layout.keep;
+  size_t n = zeros + 15;
+  std::memset(d, '0', zeros);
+  uint64_t r = rounded;
+  for (size_t i = n; i-- > zeros; r /= 10) d[i] = static_cast<char>('0' + r % 10);
+  if (n < keep + 1) {
+    std::memset(d + n, '0', keep + 1 - n);
+    n = keep + 1;
+  }
+  const bool up = d[keep] >= '5';
+  n = keep;
+  if (up) {
+    size_t k = keep;
+    while (k > 0 && d[k - 1] == '9') d[--k] = '0';
+    if (k == 0) {
+      std::memmove(d + 1, d, n);
+      d[0] = '1';
+      ++n;
+      ++point;
+    } else {
+      ++d[k - 1];
     }
   }
+  const size_t integerEnd = static_cast<size_t>(point);
+  size_t first = 0;
+  while (first < integerEnd && d[first] == '0') ++first;
+  bool zero = first == integerEnd;
+  for (size_t i = integerEnd; zero && i < n; ++i) zero = d[i] == '0';
+  const size_t integerLength = integerEnd - first;
+  std::string out;
+  out.reserve(n + p.integerZeros + 2);
+  if (value < 0 && !zero) out += '-';
+  if (integerLength < p.integerZeros) out.append(p.integerZeros - integerLength, '0');
+  out.append(d + first, integerLength);
+  if (p.hasPoint) {
+    out += '.';
+    out.append(d + integerEnd, n - integerEnd);
+  }
+  return out;
+}
+
+// The same steps as formatOnStack for a value or a pattern with more digits
+// than the stack buffer holds.
+std::string formatInString(double value, uint64_t rounded, long pointPos, const NumberPattern& p) {
   std::string digits(15, '0');
   for (size_t i = 15; i-- > 0; rounded /= 10) digits[i] = static_cast<char>('0' + rounded % 10);
-  long pointPos = exponent + 1;  // digits before the point
   while (pointPos < 1) {
     digits.insert(digits.begin(), '0');
     ++pointPos;
   }
-  const size_t keep = static_cast<size_t>(pointPos) + fractionDigits;
+  const size_t keep = static_cast<size_t>(pointPos) + p.fractionDigits;
   if (digits.size() < keep + 1) digits.append(keep + 1 - digits.size(), '0');
   const bool roundUp = digits[keep] >= '5';
   digits.resize(keep);
@@ -402,15 +418,38 @@ std::string formatNumber(double value, std::string_view pattern) {
   const std::string fractionPart = digits.substr(static_cast<size_t>(pointPos));
   const size_t firstNonZero = integerPart.find_first_not_of('0');
   integerPart.erase(0, firstNonZero == std::string::npos ? integerPart.size() : firstNonZero);
-  if (integerPart.size() < integerZeros)
-    integerPart.insert(0, integerZeros - integerPart.size(), '0');
+  if (integerPart.size() < p.integerZeros)
+    integerPart.insert(0, p.integerZeros - integerPart.size(), '0');
 
   // A value that rounds to zero is written without a sign.
   const bool zero = digits.find_first_not_of('0') == std::string::npos;
   std::string out = value < 0 && !zero ? "-" : "";
   out += integerPart;
-  if (pointAt != std::string_view::npos) out += '.' + fractionPart;
+  if (p.hasPoint) out += '.' + fractionPart;
   return out;
+}
+
+}  // namespace
+
+std::string formatNumber(double value, std::string_view pattern) {
+  const NumberPattern p = readNumberPattern(pattern);
+
+  if (!std::isfinite(value)) return numberText(value).substr(value < 0 ? 0 : 1);
+
+  // Round the decimal digits of the value as it is written (15 significant
+  // digits), so 2.675 gives "2.68" although its binary value lies below.
+  // As "%.14e" writes them.
+  uint64_t rounded = 0;
+  int exponent = 0;
+  roundedDigits(value, 15, rounded, exponent);
+  const long point = exponent + 1;  // digits before the point
+  DigitLayout layout;
+  layout.zeros = point < 1 ? static_cast<size_t>(1 - point) : 0;
+  layout.point = point < 1 ? 1 : point;
+  layout.keep = static_cast<size_t>(layout.point) + p.fractionDigits;
+  if (layout.zeros <= 40 && layout.keep + 2 <= kStackDigits)
+    return formatOnStack(value, rounded, layout, p);
+  return formatInString(value, rounded, point, p);
 }
 
 namespace {

@@ -136,94 +136,88 @@ std::string fileStem(std::string_view path) {
   return std::string(path.substr(0, kSetupNameLength));
 }
 
-}  // namespace
-
-bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& setup,
-                   std::string& error) {
-  setup = RigSetup{};
-  setup.name = fileStem(fileName);
-  size_t lineNo = 0;
-  for (const std::string& text_line : splitLines(text)) {
-    ++lineNo;
-    const std::string_view line = text_line;
-    const std::string_view content = trim(line);
-    if (content.empty() || content[0] == ';' || content[0] == '#') continue;
-
-    if (line[0] == 'D') {
-      const auto fields = words(line.substr(1));
-      int device = 0;
-      if (fields.empty() || !parseInt(fields[0], device) || device > 99) {
-        error = lineError(fileName, lineNo, "a device line needs a device number 0-99");
-        return false;
-      }
-      SimDeviceConfig& config = setup.devices[device];
-      config.present = true;
-      for (size_t i = 1; i < fields.size(); ++i) {
-        const std::string_view f = fields[i];
-        const size_t eq = f.find('=');
-        int n = 0;
-        const std::string_view key = eq == std::string_view::npos ? f : f.substr(0, eq);
-        if (eq == std::string_view::npos || !parseInt(f.substr(eq + 1), n)) {
-          error = lineError(fileName, lineNo, "\"" + std::string(f) + "\" is not KEY=number");
-          return false;
-        }
-        if (key == "NOTREADY") {
-          config.notReadyPolls = n;
-        } else if (key == "LATENCY") {
-          config.latencyMs = n;
-        } else if (key == "SILENT") {
-          config.silent = n != 0;
-        } else if (key == "MONITORS") {
-          config.monitors = n;
-        } else {
-          error = lineError(fileName, lineNo, "unknown device field \"" + std::string(key) + "=\"");
-          return false;
-        }
-      }
-      setup.summary.append(line).append("\r\n");
-      continue;
-    }
-
-    // A channel line: two characters, the hardware channel text, a blank,
-    // then the fields.
-    if (line.size() < 8) {
-      error = lineError(fileName, lineNo, "not a channel line (too short)");
-      return false;
-    }
-    const size_t hwLength = line[7] != ' ' ? 6 : 5;
-    const std::string_view hw = line.substr(2, hwLength);
-    int device = 0;
-    int number = 0;
-    if (!parseInt(hw.substr(0, hw.size() - 4), device) ||
-        !parseInt(hw.substr(hw.size() - 4), number) ||
-        (line.size() > 2 + hwLength && line[2 + hwLength] != ' ')) {
-      error = lineError(fileName, lineNo,
-                        "a channel line starts with two characters, then the device number and "
-                        "four-digit channel number, then a blank");
-      return false;
-    }
-    SimChannel channel;
-    channel.device = device;
-    channel.number = number;
-    channel.hardwareText = std::string(hw);
-    for (const auto field : words(line.substr(2 + hwLength))) {
-      if (auto reason = applySetting(channel, field); !reason.empty()) {
-        error = lineError(fileName, lineNo, reason);
-        return false;
-      }
-    }
-    for (const auto& other : setup.channels) {
-      if (other.hardwareText == channel.hardwareText) {
-        error =
-            lineError(fileName, lineNo, "channel " + channel.hardwareText + " is defined twice");
-        return false;
-      }
-    }
-    setup.devices[device].present = true;
-    setup.channels.push_back(std::move(channel));
-    setup.summary.append(line).append("\r\n");
+// A device line: "D", the device number, then NOTREADY=, LATENCY=, SILENT=
+// and MONITORS= fields.
+bool parseDeviceLine(std::string_view line, std::string_view fileName, size_t lineNo,
+                     RigSetup& setup, std::string& error) {
+  const auto fields = words(line.substr(1));
+  int device = 0;
+  if (fields.empty() || !parseInt(fields[0], device) || device > 99) {
+    error = lineError(fileName, lineNo, "a device line needs a device number 0-99");
+    return false;
   }
-  // A channel may only follow a channel of the setup.
+  SimDeviceConfig& config = setup.devices[device];
+  config.present = true;
+  for (size_t i = 1; i < fields.size(); ++i) {
+    const std::string_view f = fields[i];
+    const size_t eq = f.find('=');
+    int n = 0;
+    const std::string_view key = eq == std::string_view::npos ? f : f.substr(0, eq);
+    if (eq == std::string_view::npos || !parseInt(f.substr(eq + 1), n)) {
+      error = lineError(fileName, lineNo, "\"" + std::string(f) + "\" is not KEY=number");
+      return false;
+    }
+    if (key == "NOTREADY") {
+      config.notReadyPolls = n;
+    } else if (key == "LATENCY") {
+      config.latencyMs = n;
+    } else if (key == "SILENT") {
+      config.silent = n != 0;
+    } else if (key == "MONITORS") {
+      config.monitors = n;
+    } else {
+      error = lineError(fileName, lineNo, "unknown device field \"" + std::string(key) + "=\"");
+      return false;
+    }
+  }
+  setup.summary.append(line).append("\r\n");
+  return true;
+}
+
+// A channel line: two characters, the hardware channel text, a blank, then
+// the fields.
+bool parseChannelLine(std::string_view line, std::string_view fileName, size_t lineNo,
+                      RigSetup& setup, std::string& error) {
+  if (line.size() < 8) {
+    error = lineError(fileName, lineNo, "not a channel line (too short)");
+    return false;
+  }
+  const size_t hwLength = line[7] != ' ' ? 6 : 5;
+  const std::string_view hw = line.substr(2, hwLength);
+  int device = 0;
+  int number = 0;
+  if (!parseInt(hw.substr(0, hw.size() - 4), device) ||
+      !parseInt(hw.substr(hw.size() - 4), number) ||
+      (line.size() > 2 + hwLength && line[2 + hwLength] != ' ')) {
+    error = lineError(fileName, lineNo,
+                      "a channel line starts with two characters, then the device number and "
+                      "four-digit channel number, then a blank");
+    return false;
+  }
+  SimChannel channel;
+  channel.device = device;
+  channel.number = number;
+  channel.hardwareText = std::string(hw);
+  for (const auto field : words(line.substr(2 + hwLength))) {
+    if (auto reason = applySetting(channel, field); !reason.empty()) {
+      error = lineError(fileName, lineNo, reason);
+      return false;
+    }
+  }
+  for (const auto& other : setup.channels) {
+    if (other.hardwareText == channel.hardwareText) {
+      error = lineError(fileName, lineNo, "channel " + channel.hardwareText + " is defined twice");
+      return false;
+    }
+  }
+  setup.devices[device].present = true;
+  setup.channels.push_back(std::move(channel));
+  setup.summary.append(line).append("\r\n");
+  return true;
+}
+
+// A channel may only follow a channel of the setup.
+bool checkFollowedChannels(const RigSetup& setup, std::string_view fileName, std::string& error) {
   for (const auto& channel : setup.channels) {
     if (channel.follow.empty()) continue;
     bool found = false;
@@ -237,6 +231,25 @@ bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& s
     }
   }
   return true;
+}
+
+}  // namespace
+
+bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& setup,
+                   std::string& error) {
+  setup = RigSetup{};
+  setup.name = fileStem(fileName);
+  size_t lineNo = 0;
+  for (const std::string& text_line : splitLines(text)) {
+    ++lineNo;
+    const std::string_view line = text_line;
+    const std::string_view content = trim(line);
+    if (content.empty() || content[0] == ';' || content[0] == '#') continue;
+    const bool parsed = line[0] == 'D' ? parseDeviceLine(line, fileName, lineNo, setup, error)
+                                       : parseChannelLine(line, fileName, lineNo, setup, error);
+    if (!parsed) return false;
+  }
+  return checkFollowedChannels(setup, fileName, error);
 }
 
 bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup& setup,
@@ -389,44 +402,46 @@ std::string RigModel::activeAlarms(int device, Micros now, int& count) {
   return names;
 }
 
-std::string RigModel::execute(int device, std::string_view command, Micros now) {
-  DeviceState& state = state_[device];
-  advance(now);
-  command = trim(command);
-  const size_t blank = command.find(' ');
-  // The command word upper-cased; the usual short one without a copy on
-  // the heap.
-  const std::string_view written = command.substr(0, blank);
-  char shortWord[8];
-  std::string longWord;
-  std::string_view word;
+namespace {
+
+// The command word upper-cased; the usual short one in `shortWord`, without
+// a copy on the heap, a longer one in `longWord`.
+std::string_view upperCaseWord(std::string_view written, char (&shortWord)[8],
+                               std::string& longWord) {
   if (written.size() <= sizeof shortWord) {
     for (size_t i = 0; i < written.size(); ++i) {
       const char c = written[i];
       shortWord[i] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
     }
-    word = std::string_view(shortWord, written.size());
-  } else {
-    longWord = upperCase(written);
-    word = longWord;
+    return std::string_view(shortWord, written.size());
   }
+  longWord = upperCase(written);
+  return longWord;
+}
+
+// What SHO answers: the channel's settings as DEF takes them.
+std::string settingsText(const SimChannel& channel) {
+  std::string text = "E=" + channel.enabled + " M=" + channel.mode;
+  if (!channel.name.empty()) text += " N=" + channel.name;
+  if (!channel.units.empty()) text += " U=" + channel.units;
+  text += " O=" + rigNumber(channel.offset);
+  return text;
+}
+
+}  // namespace
+
+std::string RigModel::execute(int device, std::string_view command, Micros now) {
+  DeviceState& state = state_[device];
+  advance(now);
+  command = trim(command);
+  const size_t blank = command.find(' ');
+  char shortWord[8];
+  std::string longWord;
+  const std::string_view word = upperCaseWord(command.substr(0, blank), shortWord, longWord);
   const std::string_view rest =
       blank == std::string_view::npos ? std::string_view{} : trimLeft(command.substr(blank + 1));
   if (word == "REP") return state.report;
-  if (word == "ALA") {
-    const std::string what = upperCase(trim(rest));
-    int count = 0;
-    const std::string names = activeAlarms(device, now, count);
-    if (what == "T") {
-      reportOk(state);
-      return std::to_string(count);
-    }
-    if (what == "N") {
-      reportOk(state);
-      return names.empty() ? "-" : names;
-    }
-    return fail(state, rig_error::kBadCommand, "bad command");
-  }
+  if (word == "ALA") return alarmAnswer(state, device, rest, now);
   const size_t nameEnd = rest.find(' ');
   const std::string_view channelName = rest.substr(0, nameEnd);
   const std::string_view argument =
@@ -454,11 +469,7 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   }
   if (word == "SHO") {
     reportOk(state);
-    std::string text = "E=" + channel->enabled + " M=" + channel->mode;
-    if (!channel->name.empty()) text += " N=" + channel->name;
-    if (!channel->units.empty()) text += " U=" + channel->units;
-    text += " O=" + rigNumber(channel->offset);
-    return text;
+    return settingsText(*channel);
   }
   if (word == "DEF") {
     if (!define(*channel, argument)) return fail(state, rig_error::kBadSetting, "bad setting");
@@ -476,6 +487,22 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
   tableChanged();
   reportOk(state);
   return "0";
+}
+
+std::string RigModel::alarmAnswer(DeviceState& state, int device, std::string_view what,
+                                  Micros now) {
+  const std::string which = upperCase(trim(what));
+  int count = 0;
+  const std::string names = activeAlarms(device, now, count);
+  if (which == "T") {
+    reportOk(state);
+    return std::to_string(count);
+  }
+  if (which == "N") {
+    reportOk(state);
+    return names.empty() ? "-" : names;
+  }
+  return fail(state, rig_error::kBadCommand, "bad command");
 }
 
 // --- Exchanges at once ---------------------------------------------------------

@@ -137,6 +137,9 @@ class RigModel {
   static void reportOk(DeviceState& state);
   bool define(SimChannel& channel, std::string_view settings);
   std::string activeAlarms(int device, Micros now, int& count);
+  // The answer to "ALA T" (how many alarms are active) or "ALA N" (their
+  // names).
+  std::string alarmAnswer(DeviceState& state, int device, std::string_view what, Micros now);
 
   // Channels by name and by hardware text, in table order; rebuilt after
   // any change of the table or of a name. Calls visit(position) for each
