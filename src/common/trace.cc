@@ -330,11 +330,27 @@ void Trace::line(Micros at, int number, std::string_view text) {
   std::memcpy(first, start_, sizeof start_);
   char* p = first + startLength_;
   p = put(p, ",\"ev\":\"line\",\"n\":");
-  if (number >= 0 && number < 100000) {
-    p = putSmallNumber(p, number);
-  } else {
-    p = std::to_chars(p, p + 16, number).ptr;
+  if (number != lastNumber_) {
+    if (number == lastNumber_ + 1 && number > 0) {
+      int i = numberLength_ - 1;
+      while (i >= 0 && numberText_[i] == '9') numberText_[i--] = '0';
+      if (i >= 0) {
+        ++numberText_[i];
+      } else {
+        std::memmove(numberText_ + 1, numberText_, static_cast<size_t>(numberLength_));
+        numberText_[0] = '1';
+        ++numberLength_;
+      }
+    } else if (number >= 0 && number < 100000) {
+      numberLength_ = static_cast<int>(putSmallNumber(numberText_, number) - numberText_);
+    } else {
+      numberLength_ = static_cast<int>(
+          std::to_chars(numberText_, numberText_ + sizeof numberText_, number).ptr - numberText_);
+    }
+    lastNumber_ = number;
   }
+  std::memcpy(p, numberText_, sizeof numberText_);
+  p += numberLength_;
   p = put(p, ",\"text\":\"");
   size_t length;
   if (copyPlainJson(p, text)) {

@@ -114,6 +114,11 @@ class Trace {
   std::string building_;
   std::string lineBuffer_;
   bool buildingInUse_ = false;
+  // The digits of the last line's number (a line's number is usually the
+  // last one's plus one: its digits are counted up).
+  char numberText_[16] = {};
+  int numberLength_ = 0;
+  int64_t lastNumber_ = INT64_MIN;
   // The start of the last line, {"t":..., for the millisecond `startMs_`.
   char start_[40] = {};
   size_t startLength_ = 0;

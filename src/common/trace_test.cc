@@ -81,9 +81,12 @@ std::vector<std::string> Texts() {
 
 TEST(Trace, ALinesEventIsWhatTheGeneralWriterWritesForAnyText) {
   const std::vector<std::string> texts = Texts();
-  const std::vector<int> numbers = {0,     1,     9,     10,        99,         100,        999,
-                                    1000,  9999,  10000, 54321,     99999,      100000,     123456,
-                                    65535, 12345, -1,    -99999999, 2147483647, -2147483647};
+  // Lines one after the other (their digits counted up, carries and all),
+  // the same line again, and numbers anywhere.
+  const std::vector<int> numbers = {
+      0,     1,         9,          10,         99,          100,   999,   1000,  9999,
+      10000, 54321,     99999,      100000,     123456,      65535, 12345, 12345, -1,
+      0,     -99999999, 2147483646, 2147483647, -2147483647, -2,    -1};
   // Instants about the origin, rounded to the millisecond either way; in
   // order, as a clock gives them.
   const std::vector<Micros> instants = {-1500, -500, -499,       0,          499,
