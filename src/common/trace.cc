@@ -1,6 +1,7 @@
 #include "common/trace.h"
 
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -330,27 +331,46 @@ void Trace::line(Micros at, int number, std::string_view text) {
   std::memcpy(first, start_, sizeof start_);
   char* p = first + startLength_;
   p = put(p, ",\"ev\":\"line\",\"n\":");
+  // The digits are kept as one word (when there are at most eight of them)
+  // and counted up in a register: a word read back right after bytes were
+  // stored into it would wait for those stores.
+  uint64_t digits;
+  std::memcpy(&digits, numberText_, sizeof digits);
   if (number != lastNumber_) {
-    if (number == lastNumber_ + 1 && number > 0) {
+    if (number == lastNumber_ + 1 && number > 0 && numberLength_ > 0) {
+      // (The place of the i-th character in the word.)
+      constexpr bool kLittle = std::endian::native == std::endian::little;
+      const auto shift = [](int i) { return kLittle ? 8 * i : 56 - 8 * i; };
       int i = numberLength_ - 1;
-      while (i >= 0 && numberText_[i] == '9') numberText_[i--] = '0';
-      if (i >= 0) {
-        ++numberText_[i];
-      } else {
-        std::memmove(numberText_ + 1, numberText_, static_cast<size_t>(numberLength_));
-        numberText_[0] = '1';
-        ++numberLength_;
+      while (i >= 0 && ((digits >> shift(i)) & 0xFF) == '9') {
+        digits -= uint64_t{9} << shift(i);  // '9' to '0'
+        --i;
       }
-    } else if (number >= 0 && number < 100000) {
-      numberLength_ = static_cast<int>(putSmallNumber(numberText_, number) - numberText_);
+      if (i >= 0) {
+        digits += uint64_t{1} << shift(i);
+      } else if (numberLength_ < 8) {
+        digits = kLittle ? (digits << 8) | '1' : (digits >> 8) | (uint64_t{'1'} << 56);
+        ++numberLength_;
+      } else {
+        numberLength_ = 0;
+      }
     } else {
-      numberLength_ = static_cast<int>(
-          std::to_chars(numberText_, numberText_ + sizeof numberText_, number).ptr - numberText_);
+      numberLength_ = 0;
     }
+    if (numberLength_ == 0 && number >= 0 && number < 100000) {
+      char text[8] = {};
+      numberLength_ = static_cast<int>(putSmallNumber(text, number) - text);
+      std::memcpy(&digits, text, sizeof digits);
+    }
+    std::memcpy(numberText_, &digits, sizeof digits);
     lastNumber_ = number;
   }
-  std::memcpy(p, numberText_, sizeof numberText_);
-  p += numberLength_;
+  if (numberLength_ > 0) {
+    std::memcpy(p, &digits, sizeof digits);
+    p += numberLength_;
+  } else {
+    p = std::to_chars(p, p + 16, number).ptr;
+  }
   p = put(p, ",\"text\":\"");
   size_t length;
   if (copyPlainJson(p, text)) {
