@@ -10,6 +10,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <regex>
 #include <sstream>
@@ -144,6 +145,72 @@ void BM_SocketTracesMatchASingleRun(benchmark::State& state) {
 }
 BENCHMARK(BM_SocketTracesMatchASingleRun)->Unit(benchmark::kMillisecond)->Iterations(1);
 
+// What `sockets` threads read in `period`, each through an instrument of its
+// own with the link `linkOf(s, clock, settings, files)` makes for it (nullptr:
+// that socket could not start), after loading `setupFile`, reading the channel
+// `channelOf(s)` names over and over. With `timeEach` each read is timed and
+// the longest one kept.
+struct SocketReads {
+  int64_t exchanges = 0;
+  double worstSeconds = 0;
+  int failed = 0;
+};
+using LinkOfSocket = std::function<std::unique_ptr<LinkLibrary>(
+    int, Clock&, const InstrumentSettings&, FileSystem&)>;
+SocketReads ReadOnSockets(int sockets, const std::string& dir, const std::string& setupFile,
+                          std::chrono::milliseconds period, bool timeEach,
+                          const LinkOfSocket& linkOf,
+                          const std::function<std::string(int)>& channelOf) {
+  std::atomic<int64_t> exchanges{0};
+  std::atomic<int> failed{0};
+  std::atomic<bool> stop{false};
+  std::mutex worstMutex;
+  double worst = 0;
+  std::vector<std::thread> threads;
+  for (int s = 0; s < sockets; ++s) {
+    threads.emplace_back([&, s] {
+      SystemClock clock;
+      EventLoop events(clock);
+      Trace trace(clock);
+      PathMap paths(dir);
+      InstrumentSettings settings;
+      LocalFileSystem files(dir);
+      auto link = linkOf(s, clock, settings, files);
+      if (!link) {
+        ++failed;
+        return;
+      }
+      Instrument instrument(events, trace, settings, std::move(link), paths);
+      if (!instrument.ensureOpen() || !instrument.selectSetupFile(setupFile)) {
+        ++failed;
+        return;
+      }
+      const std::string channel = channelOf(s);
+      std::string value;
+      int64_t mine = 0;
+      double myWorst = 0;
+      while (!stop.load(std::memory_order_relaxed)) {
+        if (!timeEach) {
+          if (instrument.channels().ReadChannel(channel, value)) ++mine;
+          continue;
+        }
+        const auto began = std::chrono::steady_clock::now();
+        if (instrument.channels().ReadChannel(channel, value)) ++mine;
+        myWorst = std::max(
+            myWorst,
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
+      }
+      exchanges += mine;
+      std::lock_guard guard(worstMutex);
+      worst = std::max(worst, myWorst);
+    });
+  }
+  std::this_thread::sleep_for(period);
+  stop = true;
+  for (auto& t : threads) t.join();
+  return {exchanges.load(), worst, failed.load()};
+}
+
 // Exchanges a second through the shared simulated rig on the system's clock:
 // `range(0)` sockets, each reading a channel of its own device (arg 1 = 0)
 // or all reading one device (arg 1 = 1).
@@ -157,33 +224,14 @@ void BM_SharedLinkExchanges(benchmark::State& state) {
   DeviceGate gate(true);
   int64_t total = 0;
   for (auto _ : state) {
-    std::atomic<int64_t> exchanges{0};
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int s = 0; s < sockets; ++s) {
-      threads.emplace_back([&, s] {
-        SystemClock clock;
-        EventLoop events(clock);
-        Trace trace(clock);
-        PathMap paths(folder.dir);
-        InstrumentSettings settings;
-        Instrument instrument(events, trace, settings,
-                              std::make_unique<SocketLink>(s, gate, shared), paths);
-        if (!instrument.ensureOpen() || !instrument.selectSetupFile(folder.dir + "/rig8.ims"))
-          return;
-        const std::string channel = oneDevice ? "S1_OVEN" : "S" + std::to_string(s + 1) + "_OVEN";
-        std::string value;
-        int64_t mine = 0;
-        while (!stop.load(std::memory_order_relaxed)) {
-          if (instrument.channels().ReadChannel(channel, value)) ++mine;
-        }
-        exchanges += mine;
-      });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    stop = true;
-    for (auto& t : threads) t.join();
-    total += exchanges.load();
+    total +=
+        ReadOnSockets(
+            sockets, folder.dir, folder.dir + "/rig8.ims", std::chrono::milliseconds(500), false,
+            [&](int s, Clock&, const InstrumentSettings&, FileSystem&) {
+              return std::make_unique<SocketLink>(s, gate, shared);
+            },
+            [&](int s) { return oneDevice ? "S1_OVEN" : "S" + std::to_string(s + 1) + "_OVEN"; })
+            .exchanges;
   }
   state.counters["exchanges/s"] =
       benchmark::Counter(static_cast<double>(total), benchmark::Counter::kIsRate);
@@ -225,45 +273,18 @@ void BM_SharedRigServerExchanges(benchmark::State& state) {
   int64_t total = 0;
   double worst = 0;
   for (auto _ : state) {
-    std::atomic<int64_t> exchanges{0};
-    std::atomic<bool> stop{false};
-    std::mutex worstMutex;
-    std::vector<std::thread> threads;
-    for (int s = 0; s < sockets; ++s) {
-      threads.emplace_back([&, s] {
-        SystemClock clock;
-        EventLoop events(clock);
-        Trace trace(clock);
-        PathMap paths(folder.dir);
-        InstrumentSettings settings;
-        LocalFileSystem files(folder.dir);
-        std::string why;
-        auto own = MakeLinkLibrary(link, clock, settings, files, &why);
-        if (!own) return;
-        Instrument instrument(events, trace, settings,
-                              std::make_unique<SocketLink>(s, gate, setup, std::move(own)), paths);
-        if (!instrument.ensureOpen() || !instrument.selectSetupFile(folder.dir + "/rig16.ims"))
-          return;
-        const std::string channel = "S" + std::to_string(oneDevice ? 1 : s + 1) + "_OVEN";
-        std::string value;
-        int64_t mine = 0;
-        double myWorst = 0;
-        while (!stop.load(std::memory_order_relaxed)) {
-          const auto began = std::chrono::steady_clock::now();
-          if (instrument.channels().ReadChannel(channel, value)) ++mine;
-          myWorst = std::max(
-              myWorst,
-              std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
-        }
-        exchanges += mine;
-        std::lock_guard guard(worstMutex);
-        worst = std::max(worst, myWorst);
-      });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    stop = true;
-    for (auto& t : threads) t.join();
-    total += exchanges.load();
+    const SocketReads reads = ReadOnSockets(
+        sockets, folder.dir, folder.dir + "/rig16.ims", std::chrono::milliseconds(1000), true,
+        [&](int s, Clock& clock, const InstrumentSettings& settings,
+            FileSystem& files) -> std::unique_ptr<LinkLibrary> {
+          std::string why;
+          auto own = MakeLinkLibrary(link, clock, settings, files, &why);
+          if (!own) return nullptr;
+          return std::make_unique<SocketLink>(s, gate, setup, std::move(own));
+        },
+        [&](int s) { return "S" + std::to_string(oneDevice ? 1 : s + 1) + "_OVEN"; });
+    total += reads.exchanges;
+    worst = std::max(worst, reads.worstSeconds);
   }
   serverStop = true;
   serving.join();
@@ -310,49 +331,20 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
   SetupOnce setup;
   int64_t total = 0;
   double worst = 0;
-  std::atomic<int> failed{0};
+  int failed = 0;
   for (auto _ : state) {
-    std::atomic<int64_t> exchanges{0};
-    std::atomic<bool> stop{false};
-    std::mutex worstMutex;
-    std::vector<std::thread> threads;
-    for (int s = 0; s < sockets; ++s) {
-      threads.emplace_back([&, s] {
-        SystemClock clock;
-        EventLoop events(clock);
-        Trace trace(clock);
-        PathMap paths(folder.dir);
-        InstrumentSettings settings;
-        LocalFileSystem files(folder.dir);
-        auto own = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), files);
-        own->setKey(key);
-        if (before) own->directWaitMs = 0;
-        Instrument instrument(events, trace, settings,
-                              std::make_unique<SocketLink>(s, gate, setup, std::move(own)), paths);
-        if (!instrument.ensureOpen() || !instrument.selectSetupFile(folder.dir + "/rig8.ims")) {
-          ++failed;
-          return;
-        }
-        const std::string channel = "S" + std::to_string(s + 1) + "_OVEN";
-        std::string value;
-        int64_t mine = 0;
-        double myWorst = 0;
-        while (!stop.load(std::memory_order_relaxed)) {
-          const auto began = std::chrono::steady_clock::now();
-          if (instrument.channels().ReadChannel(channel, value)) ++mine;
-          myWorst = std::max(
-              myWorst,
-              std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count());
-        }
-        exchanges += mine;
-        std::lock_guard guard(worstMutex);
-        worst = std::max(worst, myWorst);
-      });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    stop = true;
-    for (auto& t : threads) t.join();
-    total += exchanges.load();
+    const SocketReads reads = ReadOnSockets(
+        sockets, folder.dir, folder.dir + "/rig8.ims", std::chrono::milliseconds(1000), true,
+        [&](int s, Clock& clock, const InstrumentSettings&, FileSystem& files) {
+          auto own = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), files);
+          own->setKey(key);
+          if (before) own->directWaitMs = 0;
+          return std::make_unique<SocketLink>(s, gate, setup, std::move(own));
+        },
+        [](int s) { return "S" + std::to_string(s + 1) + "_OVEN"; });
+    total += reads.exchanges;
+    worst = std::max(worst, reads.worstSeconds);
+    failed += reads.failed;
   }
   serverStop = true;
   serving.join();

@@ -270,316 +270,352 @@ int ResultsCommands::runQueue(const Host& host, const std::optional<StoreSpec>& 
   return status;
 }
 
-std::optional<int> ResultsCommands::run(const Host& host, std::FILE* out, std::FILE* err) {
-  if (!results_->parsed()) return std::nullopt;
-  ResultsOptions& o = options_;
-  auto usage = [err](const std::string& text) {
-    std::fprintf(err, "tavrix-cli results: %s\n", text.c_str());
-    return kResultsUsage;
-  };
-  if (export_->parsed() && o.csv == o.json) return usage("export wants one of --csv and --json");
-  std::transform(o.verdict.begin(), o.verdict.end(), o.verdict.begin(), ::toupper);
-  UutFilter filter;
+namespace {
+
+int Usage(std::FILE* err, const std::string& text) {
+  std::fprintf(err, "tavrix-cli results: %s\n", text.c_str());
+  return kResultsUsage;
+}
+
+int Failed(std::FILE* err, const std::string& error) {
+  std::fprintf(err, "tavrix-cli results: %s\n", visibleText(error).c_str());
+  return kResultsFailed;
+}
+
+// The records the filter options ask for; false, with what is wrong in
+// `problem`, on a date bound it cannot read. The station of an import names
+// the records it loads and filters nothing.
+bool ParseFilter(const ResultsOptions& o, bool importing, UutFilter& filter, std::string& problem) {
   filter.serial = o.serial;
-  filter.station = import_->parsed() ? "" : o.station;
+  filter.station = importing ? "" : o.station;
   filter.socket = o.socket;
   filter.test = o.test;
   filter.verdict = o.verdict;
   if (!o.from.empty() && !NormaliseDateBound(o.from, false, filter.from)) {
-    return usage("--from wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.from + "\"");
+    problem = "--from wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.from + "\"";
+    return false;
   }
   if (!o.to.empty() && !NormaliseDateBound(o.to, true, filter.to)) {
-    return usage("--to wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.to + "\"");
+    problem = "--to wants YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\", not \"" + o.to + "\"";
+    return false;
   }
-  if (list_->parsed()) filter.limit = o.limit.value_or(50);
-  if (cpk_->parsed()) filter.limit = o.limit.value_or(0);
-  if (topFailures_->parsed()) filter.limit = o.limit.value_or(10);
+  return true;
+}
 
-  std::string error;
+// The store --store names, else the one the settings file names, else the
+// data root's; `named` tells whether either option named one.
+bool ResolveStore(const Host& host, const ResultsOptions& o, StoreSpec& spec, bool& named,
+                  std::string& problem) {
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(host.files, *o.settings, settings, error))
-    return usage(error);
-  StoreSpec spec;
-  if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), host.dataRoot, spec, &error)) {
-    return usage(error);
+  if (o.settings && !LoadInstrumentSettings(host.files, *o.settings, settings, problem))
+    return false;
+  if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), host.dataRoot, spec, &problem)) {
+    return false;
   }
-  if (queue_->parsed()) {
-    // Every store's records unless one is named.
-    const bool named = o.store || !settings.resultsStore.empty();
-    if (named && spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
-    return runQueue(host, named ? std::optional<StoreSpec>(spec) : std::nullopt, out, err);
+  named = o.store || !settings.resultsStore.empty();
+  return true;
+}
+
+int ListUuts(SqlResultsStore& store, const UutFilter& filter, const ResultsOptions& o,
+             std::FILE* out, std::FILE* err) {
+  std::string error;
+  std::vector<StoredUut> uuts;
+  if (!store.list(filter, uuts, &error)) return Failed(err, error);
+  if (o.json) {
+    json array = json::array();
+    for (const auto& u : uuts) array.push_back(UutJson(u, false));
+    PrintJson(out, array);
+    return kResultsDone;
   }
-  if (spec.kind == StoreSpec::Kind::kOff) return usage("the results store is off");
-  std::unique_ptr<SqlResultsStore> store = OpenResultsStore(spec, &error);
-  if (!store) {
-    std::fprintf(err, "tavrix-cli results: %s\n", visibleText(error).c_str());
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& u : uuts) {
+    rows.push_back({u.endedAt, u.station, u.testTitle, u.serial, u.passed ? "PASS" : "FAIL",
+                    std::to_string(u.checkCount), std::to_string(u.failedCount)});
+  }
+  PrintTable(out, {"Ended", "Station", "Test", "Serial", "Result", "Checks", "Failed"}, rows);
+  return kResultsDone;
+}
+
+// One UUT as `show` prints it: its record, then a table of its checks.
+void PrintUut(std::FILE* out, const StoredUut& u) {
+  std::fprintf(out,
+               "Serial_Number: %s\nResult: %s\nTest: %s (version %s)\nStation: %s\n"
+               "Sequence: %s\nDefinition: %s\nOperator(s): %s\nDescription: %s\n"
+               "Test date: %s\nStarted: %s\nEnded: %s\n",
+               visibleText(u.serial).c_str(), u.passed ? "PASS" : "FAIL",
+               visibleText(u.testTitle).c_str(), visibleText(u.testVersion).c_str(),
+               visibleText(u.station).c_str(), visibleText(u.sequenceFile).c_str(),
+               visibleText(u.testDefinition).c_str(), visibleText(u.operators).c_str(),
+               visibleText(u.description).c_str(), visibleText(u.testDate.substr(0, 10)).c_str(),
+               visibleText(u.startedAt).c_str(), visibleText(u.endedAt).c_str());
+  if (!u.resumed.empty()) {
+    for (const auto& note : splitLines(u.resumed))
+      std::fprintf(out, "Resumed: %s\n", visibleText(note).c_str());
+  }
+  std::fputs("\n", out);
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& c : u.checks) {
+    rows.push_back({std::to_string(c.step), std::to_string(c.row), c.kind, c.parameter, c.channel,
+                    c.value, c.units, c.lower, c.upper, c.passed ? "Pass" : "Fail", c.message});
+  }
+  PrintTable(out,
+             {"Stage", "Row", "Kind", "Parameter", "Channel", "Value", "Units", "Lower", "Upper",
+              "Result", "Message"},
+             rows);
+}
+
+int ShowSerial(SqlResultsStore& store, const UutFilter& filter, const ResultsOptions& o,
+               std::FILE* out, std::FILE* err) {
+  std::string error;
+  std::vector<StoredUut> uuts;
+  if (!store.fetch(filter, uuts, &error)) return Failed(err, error);
+  if (uuts.empty()) {
+    std::fprintf(err, "tavrix-cli results: no UUT with serial number %s in %s\n", o.serial.c_str(),
+                 store.describe().c_str());
     return kResultsFailed;
   }
-  auto failed = [&] {
-    std::fprintf(err, "tavrix-cli results: %s\n", visibleText(error).c_str());
+  if (o.json) {
+    json array = json::array();
+    for (const auto& u : uuts) array.push_back(UutJson(u, true));
+    PrintJson(out, array);
+    return kResultsDone;
+  }
+  for (size_t i = 0; i < uuts.size(); ++i) {
+    if (i) std::fputs("\n", out);
+    PrintUut(out, uuts[i]);
+  }
+  return kResultsDone;
+}
+
+// The records as CSV: a header line, then one line a check (a UUT without
+// checks has one line, its check columns empty).
+std::string ExportCsv(const std::vector<StoredUut>& uuts) {
+  std::string text =
+      "key,station,sequence_file,test_definition,test,version,serial,test_date,"
+      "operators,description,started,ended,verdict,step,row,kind,parameter,channel,"
+      "value,units,lower,upper,result,message\r\n";
+  for (const auto& u : uuts) {
+    std::string head;
+    for (const std::string* f :
+         {&u.key, &u.station, &u.sequenceFile, &u.testDefinition, &u.testTitle, &u.testVersion,
+          &u.serial, &u.testDate, &u.operators, &u.description, &u.startedAt, &u.endedAt}) {
+      head += Csv(*f) + ",";
+    }
+    head += u.passed ? "PASS" : "FAIL";
+    if (u.checks.empty()) text += head + ",,,,,,,,,,,\r\n";
+    for (const auto& c : u.checks) {
+      text += head + "," + std::to_string(c.step) + "," + std::to_string(c.row) + "," +
+              Csv(c.kind) + "," + Csv(c.parameter) + "," + Csv(c.channel) + "," + Csv(c.value) +
+              "," + Csv(c.units) + "," + Csv(c.lower) + "," + Csv(c.upper) + "," +
+              (c.passed ? "Pass" : "Fail") + "," + Csv(c.message) + "\r\n";
+    }
+  }
+  return text;
+}
+
+int ExportUuts(const Host& host, SqlResultsStore& store, const UutFilter& filter,
+               const ResultsOptions& o, std::FILE* out, std::FILE* err) {
+  std::string error;
+  std::vector<StoredUut> uuts;
+  if (!store.fetch(filter, uuts, &error)) return Failed(err, error);
+  std::string text;
+  if (o.json) {
+    json array = json::array();
+    for (const auto& u : uuts) array.push_back(UutJson(u, true));
+    text = array.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+  } else {
+    text = ExportCsv(uuts);
+  }
+  if (o.output.empty()) {
+    std::fwrite(text.data(), 1, text.size(), out);
+    return kResultsDone;
+  }
+  // Only a complete export takes the file's name.
+  const auto file = host.files.rewrite(o.output, &error);
+  if (!file) return Usage(err, "cannot write " + o.output);
+  if (!file->write(text, &error) || !file->commit(&error)) {
+    std::fprintf(err, "tavrix-cli results: cannot write %s\n", o.output.c_str());
     return kResultsFailed;
+  }
+  return kResultsDone;
+}
+
+void PrintYieldJson(std::FILE* out, const std::vector<YieldRow>& rows,
+                    const std::vector<RetestRow>& retests, bool firstPass) {
+  json array = json::array();
+  for (const auto& r : rows) {
+    json j = {{"day", r.day},
+              {"test", r.test},
+              {"station", r.station},
+              {"tested", r.tested},
+              {"passed", r.passed},
+              {"yield", r.tested ? static_cast<double>(r.passed) / r.tested : 0.0}};
+    if (firstPass) {
+      j["first_tested"] = r.firstTested;
+      j["first_passed"] = r.firstPassed;
+      j["first_pass_yield"] =
+          r.firstTested ? static_cast<double>(r.firstPassed) / r.firstTested : 0.0;
+      j["retests"] = r.tested - r.firstTested;
+    }
+    array.push_back(j);
+  }
+  if (!firstPass) {
+    PrintJson(out, array);
+    return;
+  }
+  json serials = json::array();
+  for (const auto& r : retests) {
+    serials.push_back(
+        {{"serial", r.serial}, {"test", r.test}, {"tests", r.tests}, {"passed", r.passed}});
+  }
+  PrintJson(out, {{"yield", array}, {"retested", serials}});
+}
+
+void PrintYieldTable(std::FILE* out, const std::vector<YieldRow>& rows,
+                     const std::vector<RetestRow>& retests, bool firstPass) {
+  std::vector<std::vector<std::string>> table;
+  for (const auto& r : rows) {
+    table.push_back({r.day, r.test, r.station, std::to_string(r.tested), std::to_string(r.passed),
+                     Percent(r.passed, r.tested)});
+    if (firstPass) {
+      table.back().insert(table.back().end(),
+                          {std::to_string(r.firstTested), std::to_string(r.firstPassed),
+                           r.firstTested ? Percent(r.firstPassed, r.firstTested) : "-",
+                           std::to_string(r.tested - r.firstTested)});
+    }
+  }
+  if (!firstPass) {
+    PrintTable(out, {"Day", "Test", "Station", "Tested", "Passed", "Yield"}, table);
+    return;
+  }
+  PrintTable(out,
+             {"Day", "Test", "Station", "Tested", "Passed", "Yield", "First", "First passed",
+              "First-pass yield", "Retests"},
+             table);
+  int extra = 0;
+  for (const auto& r : retests) extra += r.tests - 1;
+  std::fprintf(out, "\n%zu serial number%s tested more than once (%d retest%s)\n", retests.size(),
+               retests.size() == 1 ? "" : "s", extra, extra == 1 ? "" : "s");
+}
+
+int PrintYield(SqlResultsStore& store, const UutFilter& filter, const ResultsOptions& o,
+               std::FILE* out, std::FILE* err) {
+  std::string error;
+  std::vector<YieldRow> rows;
+  if (!store.yield(filter, rows, &error)) return Failed(err, error);
+  std::vector<RetestRow> retests;
+  if (o.firstPass && !Retests(store, filter, retests, &error)) return Failed(err, error);
+  if (o.json) {
+    PrintYieldJson(out, rows, retests, o.firstPass);
+  } else {
+    PrintYieldTable(out, rows, retests, o.firstPass);
+  }
+  return kResultsDone;
+}
+
+void PrintCapabilityJson(std::FILE* out, const ResultsOptions& o, const CheckStatistics& s) {
+  auto number = [](const std::optional<double>& v) -> json { return v ? json(*v) : json(nullptr); };
+  PrintJson(out, {{"check", o.check},
+                  {"step", o.step},
+                  {"readings", s.count},
+                  {"failed", s.failed},
+                  {"mean", s.mean},
+                  {"std_dev", s.stdDev},
+                  {"sigma_within", s.sigmaWithin},
+                  {"min", s.minimum},
+                  {"max", s.maximum},
+                  {"lower", number(s.lower)},
+                  {"upper", number(s.upper)},
+                  {"limits_varied", s.limitsVaried},
+                  {"cp", number(s.cp)},
+                  {"cpk", number(s.cpk)},
+                  {"pp", number(s.pp)},
+                  {"ppk", number(s.ppk)}});
+}
+
+void PrintCapabilityText(std::FILE* out, const ResultsOptions& o,
+                         const std::vector<CheckReading>& readings, const CheckStatistics& s) {
+  auto text = [](const std::optional<double>& v) {
+    if (!v) return std::string("-");
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.3f", *v);
+    return std::string(buf);
   };
+  auto g = [](double v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.6g", v);
+    return std::string(buf);
+  };
+  std::fprintf(out,
+               "Check: %s\nReadings: %zu (%zu failed), %s to %s\nLimits: %s to %s%s\n"
+               "Mean: %s\nStd dev: %s (overall), %s (within)\nMin: %s  Max: %s\n"
+               "Cp: %s  Cpk: %s\nPp: %s  Ppk: %s\n",
+               visibleText(o.check).c_str(), s.count, s.failed, readings.front().endedAt.c_str(),
+               readings.back().endedAt.c_str(), text(s.lower).c_str(), text(s.upper).c_str(),
+               s.limitsVaried ? " (older readings had other limits)" : "", g(s.mean).c_str(),
+               g(s.stdDev).c_str(), g(s.sigmaWithin).c_str(), g(s.minimum).c_str(),
+               g(s.maximum).c_str(), text(s.cp).c_str(), text(s.cpk).c_str(), text(s.pp).c_str(),
+               text(s.ppk).c_str());
+}
 
-  if (list_->parsed()) {
-    std::vector<StoredUut> uuts;
-    if (!store->list(filter, uuts, &error)) return failed();
-    if (o.json) {
-      json array = json::array();
-      for (const auto& u : uuts) array.push_back(UutJson(u, false));
-      PrintJson(out, array);
-      return kResultsDone;
-    }
-    std::vector<std::vector<std::string>> rows;
-    for (const auto& u : uuts) {
-      rows.push_back({u.endedAt, u.station, u.testTitle, u.serial, u.passed ? "PASS" : "FAIL",
-                      std::to_string(u.checkCount), std::to_string(u.failedCount)});
-    }
-    PrintTable(out, {"Ended", "Station", "Test", "Serial", "Result", "Checks", "Failed"}, rows);
-    return kResultsDone;
+int PrintCapability(SqlResultsStore& store, const UutFilter& filter, const ResultsOptions& o,
+                    std::FILE* out, std::FILE* err) {
+  std::string error;
+  std::vector<CheckReading> readings;
+  if (!CheckReadings(store, o.check, o.step, filter, readings, &error)) return Failed(err, error);
+  if (readings.empty()) {
+    std::fprintf(err, "tavrix-cli results: no numeric reading of check \"%s\" in %s\n",
+                 visibleText(o.check).c_str(), store.describe().c_str());
+    return kResultsFailed;
   }
-
-  if (show_->parsed()) {
-    std::vector<StoredUut> uuts;
-    if (!store->fetch(filter, uuts, &error)) return failed();
-    if (uuts.empty()) {
-      std::fprintf(err, "tavrix-cli results: no UUT with serial number %s in %s\n",
-                   o.serial.c_str(), store->describe().c_str());
-      return kResultsFailed;
-    }
-    if (o.json) {
-      json array = json::array();
-      for (const auto& u : uuts) array.push_back(UutJson(u, true));
-      PrintJson(out, array);
-      return kResultsDone;
-    }
-    for (size_t i = 0; i < uuts.size(); ++i) {
-      const StoredUut& u = uuts[i];
-      if (i) std::fputs("\n", out);
-      std::fprintf(out,
-                   "Serial_Number: %s\nResult: %s\nTest: %s (version %s)\nStation: %s\n"
-                   "Sequence: %s\nDefinition: %s\nOperator(s): %s\nDescription: %s\n"
-                   "Test date: %s\nStarted: %s\nEnded: %s\n",
-                   visibleText(u.serial).c_str(), u.passed ? "PASS" : "FAIL",
-                   visibleText(u.testTitle).c_str(), visibleText(u.testVersion).c_str(),
-                   visibleText(u.station).c_str(), visibleText(u.sequenceFile).c_str(),
-                   visibleText(u.testDefinition).c_str(), visibleText(u.operators).c_str(),
-                   visibleText(u.description).c_str(),
-                   visibleText(u.testDate.substr(0, 10)).c_str(), visibleText(u.startedAt).c_str(),
-                   visibleText(u.endedAt).c_str());
-      if (!u.resumed.empty()) {
-        for (const auto& note : splitLines(u.resumed))
-          std::fprintf(out, "Resumed: %s\n", visibleText(note).c_str());
-      }
-      std::fputs("\n", out);
-      std::vector<std::vector<std::string>> rows;
-      for (const auto& c : u.checks) {
-        rows.push_back({std::to_string(c.step), std::to_string(c.row), c.kind, c.parameter,
-                        c.channel, c.value, c.units, c.lower, c.upper, c.passed ? "Pass" : "Fail",
-                        c.message});
-      }
-      PrintTable(out,
-                 {"Stage", "Row", "Kind", "Parameter", "Channel", "Value", "Units", "Lower",
-                  "Upper", "Result", "Message"},
-                 rows);
-    }
-    return kResultsDone;
+  const CheckStatistics s = ComputeCheckStatistics(readings);
+  if (o.json) {
+    PrintCapabilityJson(out, o, s);
+  } else {
+    PrintCapabilityText(out, o, readings, s);
   }
+  return kResultsDone;
+}
 
-  if (export_->parsed()) {
-    std::vector<StoredUut> uuts;
-    if (!store->fetch(filter, uuts, &error)) return failed();
-    std::string text;
-    if (o.json) {
-      json array = json::array();
-      for (const auto& u : uuts) array.push_back(UutJson(u, true));
-      text = array.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
-    } else {
-      text =
-          "key,station,sequence_file,test_definition,test,version,serial,test_date,"
-          "operators,description,started,ended,verdict,step,row,kind,parameter,channel,"
-          "value,units,lower,upper,result,message\r\n";
-      for (const auto& u : uuts) {
-        std::string head;
-        for (const std::string* f :
-             {&u.key, &u.station, &u.sequenceFile, &u.testDefinition, &u.testTitle, &u.testVersion,
-              &u.serial, &u.testDate, &u.operators, &u.description, &u.startedAt, &u.endedAt}) {
-          head += Csv(*f) + ",";
-        }
-        head += u.passed ? "PASS" : "FAIL";
-        if (u.checks.empty()) text += head + ",,,,,,,,,,,\r\n";
-        for (const auto& c : u.checks) {
-          text += head + "," + std::to_string(c.step) + "," + std::to_string(c.row) + "," +
-                  Csv(c.kind) + "," + Csv(c.parameter) + "," + Csv(c.channel) + "," + Csv(c.value) +
-                  "," + Csv(c.units) + "," + Csv(c.lower) + "," + Csv(c.upper) + "," +
-                  (c.passed ? "Pass" : "Fail") + "," + Csv(c.message) + "\r\n";
-        }
-      }
-    }
-    if (o.output.empty()) {
-      std::fwrite(text.data(), 1, text.size(), out);
-      return kResultsDone;
-    }
-    // Only a complete export takes the file's name.
-    const auto file = host.files.rewrite(o.output, &error);
-    if (!file) return usage("cannot write " + o.output);
-    if (!file->write(text, &error) || !file->commit(&error)) {
-      std::fprintf(err, "tavrix-cli results: cannot write %s\n", o.output.c_str());
-      return kResultsFailed;
-    }
-    return kResultsDone;
-  }
-
-  if (yield_->parsed()) {
-    std::vector<YieldRow> rows;
-    if (!store->yield(filter, rows, &error)) return failed();
-    std::vector<RetestRow> retests;
-    if (o.firstPass && !Retests(*store, filter, retests, &error)) return failed();
-    if (o.json) {
-      json array = json::array();
-      for (const auto& r : rows) {
-        json j = {{"day", r.day},
-                  {"test", r.test},
-                  {"station", r.station},
-                  {"tested", r.tested},
-                  {"passed", r.passed},
-                  {"yield", r.tested ? static_cast<double>(r.passed) / r.tested : 0.0}};
-        if (o.firstPass) {
-          j["first_tested"] = r.firstTested;
-          j["first_passed"] = r.firstPassed;
-          j["first_pass_yield"] =
-              r.firstTested ? static_cast<double>(r.firstPassed) / r.firstTested : 0.0;
-          j["retests"] = r.tested - r.firstTested;
-        }
-        array.push_back(j);
-      }
-      if (!o.firstPass) {
-        PrintJson(out, array);
-        return kResultsDone;
-      }
-      json serials = json::array();
-      for (const auto& r : retests) {
-        serials.push_back(
-            {{"serial", r.serial}, {"test", r.test}, {"tests", r.tests}, {"passed", r.passed}});
-      }
-      PrintJson(out, {{"yield", array}, {"retested", serials}});
-      return kResultsDone;
-    }
-    std::vector<std::vector<std::string>> table;
+int PrintTopFailures(SqlResultsStore& store, const UutFilter& filter, const ResultsOptions& o,
+                     std::FILE* out, std::FILE* err) {
+  std::string error;
+  std::vector<FailureRow> rows;
+  if (!TopFailures(store, filter, rows, &error)) return Failed(err, error);
+  if (o.json) {
+    json array = json::array();
     for (const auto& r : rows) {
-      table.push_back({r.day, r.test, r.station, std::to_string(r.tested), std::to_string(r.passed),
-                       Percent(r.passed, r.tested)});
-      if (o.firstPass) {
-        table.back().insert(table.back().end(),
-                            {std::to_string(r.firstTested), std::to_string(r.firstPassed),
-                             r.firstTested ? Percent(r.firstPassed, r.firstTested) : "-",
-                             std::to_string(r.tested - r.firstTested)});
-      }
+      array.push_back({{"test", r.test},
+                       {"step", r.step},
+                       {"check", r.parameter},
+                       {"failed", r.failed},
+                       {"checked", r.checked}});
     }
-    if (!o.firstPass) {
-      PrintTable(out, {"Day", "Test", "Station", "Tested", "Passed", "Yield"}, table);
-      return kResultsDone;
-    }
-    PrintTable(out,
-               {"Day", "Test", "Station", "Tested", "Passed", "Yield", "First", "First passed",
-                "First-pass yield", "Retests"},
-               table);
-    int extra = 0;
-    for (const auto& r : retests) extra += r.tests - 1;
-    std::fprintf(out, "\n%zu serial number%s tested more than once (%d retest%s)\n", retests.size(),
-                 retests.size() == 1 ? "" : "s", extra, extra == 1 ? "" : "s");
+    PrintJson(out, array);
     return kResultsDone;
   }
-
-  if (cpk_->parsed()) {
-    std::vector<CheckReading> readings;
-    if (!CheckReadings(*store, o.check, o.step, filter, readings, &error)) return failed();
-    if (readings.empty()) {
-      std::fprintf(err, "tavrix-cli results: no numeric reading of check \"%s\" in %s\n",
-                   visibleText(o.check).c_str(), store->describe().c_str());
-      return kResultsFailed;
-    }
-    const CheckStatistics s = ComputeCheckStatistics(readings);
-    auto number = [](const std::optional<double>& v) -> json {
-      return v ? json(*v) : json(nullptr);
-    };
-    if (o.json) {
-      PrintJson(out, {{"check", o.check},
-                      {"step", o.step},
-                      {"readings", s.count},
-                      {"failed", s.failed},
-                      {"mean", s.mean},
-                      {"std_dev", s.stdDev},
-                      {"sigma_within", s.sigmaWithin},
-                      {"min", s.minimum},
-                      {"max", s.maximum},
-                      {"lower", number(s.lower)},
-                      {"upper", number(s.upper)},
-                      {"limits_varied", s.limitsVaried},
-                      {"cp", number(s.cp)},
-                      {"cpk", number(s.cpk)},
-                      {"pp", number(s.pp)},
-                      {"ppk", number(s.ppk)}});
-      return kResultsDone;
-    }
-    auto text = [](const std::optional<double>& v) {
-      if (!v) return std::string("-");
-      char buf[32];
-      std::snprintf(buf, sizeof buf, "%.3f", *v);
-      return std::string(buf);
-    };
-    auto g = [](double v) {
-      char buf[32];
-      std::snprintf(buf, sizeof buf, "%.6g", v);
-      return std::string(buf);
-    };
-    std::fprintf(out,
-                 "Check: %s\nReadings: %zu (%zu failed), %s to %s\nLimits: %s to %s%s\n"
-                 "Mean: %s\nStd dev: %s (overall), %s (within)\nMin: %s  Max: %s\n"
-                 "Cp: %s  Cpk: %s\nPp: %s  Ppk: %s\n",
-                 visibleText(o.check).c_str(), s.count, s.failed, readings.front().endedAt.c_str(),
-                 readings.back().endedAt.c_str(), text(s.lower).c_str(), text(s.upper).c_str(),
-                 s.limitsVaried ? " (older readings had other limits)" : "", g(s.mean).c_str(),
-                 g(s.stdDev).c_str(), g(s.sigmaWithin).c_str(), g(s.minimum).c_str(),
-                 g(s.maximum).c_str(), text(s.cp).c_str(), text(s.cpk).c_str(), text(s.pp).c_str(),
-                 text(s.ppk).c_str());
-    return kResultsDone;
+  std::vector<std::vector<std::string>> table;
+  for (const auto& r : rows) {
+    table.push_back({r.test, std::to_string(r.step), r.parameter, std::to_string(r.failed),
+                     std::to_string(r.checked), Percent(r.failed, r.checked)});
   }
+  PrintTable(out, {"Test", "Stage", "Check", "Failed", "Checked", "Failure rate"}, table);
+  return kResultsDone;
+}
 
-  if (topFailures_->parsed()) {
-    std::vector<FailureRow> rows;
-    if (!TopFailures(*store, filter, rows, &error)) return failed();
-    if (o.json) {
-      json array = json::array();
-      for (const auto& r : rows) {
-        array.push_back({{"test", r.test},
-                         {"step", r.step},
-                         {"check", r.parameter},
-                         {"failed", r.failed},
-                         {"checked", r.checked}});
-      }
-      PrintJson(out, array);
-      return kResultsDone;
-    }
-    std::vector<std::vector<std::string>> table;
-    for (const auto& r : rows) {
-      table.push_back({r.test, std::to_string(r.step), r.parameter, std::to_string(r.failed),
-                       std::to_string(r.checked), Percent(r.failed, r.checked)});
-    }
-    PrintTable(out, {"Test", "Stage", "Check", "Failed", "Checked", "Failure rate"}, table);
-    return kResultsDone;
-  }
-
-  // import
+int ImportFolder(const Host& host, SqlResultsStore& store, const ResultsOptions& o, std::FILE* out,
+                 std::FILE* err) {
   const std::string station = o.station.empty() ? DefaultStationName() : o.station;
-  if (!host.files.isFolder(o.folder)) return usage("no folder " + o.folder);
+  if (!host.files.isFolder(o.folder)) return Usage(err, "no folder " + o.folder);
   ImportScan scan = ScanResultsFolder(host.files, o.folder, station);
   // Each file is loaded in a transaction of its own: a value the store
   // refuses skips its file, named, and the others are loaded.
+  std::string error;
   size_t loaded = 0;
   for (const ImportedFile& f : scan.files) {
     const std::vector<StoredUut> batch(scan.uuts.begin() + static_cast<long>(f.first),
                                        scan.uuts.begin() + static_cast<long>(f.first + f.count));
-    if (store->record(batch, &error)) {
+    if (store.record(batch, &error)) {
       loaded += batch.size();
       continue;
     }
@@ -609,6 +645,45 @@ std::optional<int> ResultsCommands::run(const Host& host, std::FILE* out, std::F
                  loaded, scan.detailsFiles, scan.summaryFiles, scan.problems.size());
   }
   return scan.problems.empty() ? kResultsDone : kResultsFailed;
+}
+
+}  // namespace
+
+// Parse the options into a filter and a store, open the store, and hand it
+// to the subcommand given.
+std::optional<int> ResultsCommands::run(const Host& host, std::FILE* out, std::FILE* err) {
+  if (!results_->parsed()) return std::nullopt;
+  ResultsOptions& o = options_;
+  if (export_->parsed() && o.csv == o.json) {
+    return Usage(err, "export wants one of --csv and --json");
+  }
+  std::transform(o.verdict.begin(), o.verdict.end(), o.verdict.begin(), ::toupper);
+  UutFilter filter;
+  std::string problem;
+  if (!ParseFilter(o, import_->parsed(), filter, problem)) return Usage(err, problem);
+  if (list_->parsed()) filter.limit = o.limit.value_or(50);
+  if (cpk_->parsed()) filter.limit = o.limit.value_or(0);
+  if (topFailures_->parsed()) filter.limit = o.limit.value_or(10);
+
+  StoreSpec spec;
+  bool named = false;
+  if (!ResolveStore(host, o, spec, named, problem)) return Usage(err, problem);
+  if (queue_->parsed()) {
+    // Every store's records unless one is named.
+    if (named && spec.kind == StoreSpec::Kind::kOff) return Usage(err, "the results store is off");
+    return runQueue(host, named ? std::optional<StoreSpec>(spec) : std::nullopt, out, err);
+  }
+  if (spec.kind == StoreSpec::Kind::kOff) return Usage(err, "the results store is off");
+  std::unique_ptr<SqlResultsStore> store = OpenResultsStore(spec, &problem);
+  if (!store) return Failed(err, problem);
+
+  if (list_->parsed()) return ListUuts(*store, filter, o, out, err);
+  if (show_->parsed()) return ShowSerial(*store, filter, o, out, err);
+  if (export_->parsed()) return ExportUuts(host, *store, filter, o, out, err);
+  if (yield_->parsed()) return PrintYield(*store, filter, o, out, err);
+  if (cpk_->parsed()) return PrintCapability(*store, filter, o, out, err);
+  if (topFailures_->parsed()) return PrintTopFailures(*store, filter, o, out, err);
+  return ImportFolder(host, *store, o, out, err);
 }
 
 }  // namespace tavrix

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/host.h"
+#include "instrument/link/instrument_settings.h"
 #include "sequencer/sequencer.h"
 
 namespace tavrix {
@@ -104,6 +105,12 @@ int RunRig(const Host& host, const RigOptions& options, std::FILE* out, std::FIL
 
 // Runs a sequence headless; returns the exit status. Messages go to `err`,
 // a trace to "-" goes to `out`.
+// Reads the instrument settings file --instrument-settings names, if any, and
+// sets over it what the command line sets (--no-hardware, --reply-timeout,
+// --link-key); false once it has told `err` what is wrong.
+bool LoadRunSettings(const FileSystem& files, const RunOptions& options,
+                     InstrumentSettings& settings, std::FILE* err);
+
 int RunSequence(const Host& host, const RunOptions& options, std::FILE* in, std::FILE* out,
                 std::FILE* err);
 

@@ -403,28 +403,25 @@ struct StationShared {
   }
 };
 
-// Runs socket `index` to its end on the calling thread; its exit status.
-int RunSocket(StationShared& shared, size_t index) {
+// Who answers the questions of socket `index`: its answers file, else the
+// question desk of the terminal, else the station's answers file or none.
+std::unique_ptr<Operator> MakeSocketOperator(StationShared& shared, size_t index,
+                                             const FileSystem& files, std::string& error) {
+  const Station& station = shared.station;
+  const StationSocket& socket = station.sockets[index];
+  if (!station.answersOf(socket) && shared.desk)
+    return std::make_unique<DeskOperator>(*shared.desk, index, socket.name);
+  return MakeConsoleOperator(files, station.answersOf(socket), nullptr, nullptr, &error);
+}
+
+// The engine of socket `index`, on the station's rig, its questions put to
+// `op` and its results files in the socket's folder.
+std::unique_ptr<Engine> BuildSocketEngine(StationShared& shared, size_t index,
+                                          std::unique_ptr<LocalFileSystem> files, Operator& op,
+                                          std::string& error) {
   const Station& station = shared.station;
   const StationSocket& socket = station.sockets[index];
   const RunOptions& options = shared.options;
-  const auto fail = [&](const std::string& text) {
-    shared.report(socket.name, text);
-    shared.view.ended(index, kExitUsage, "an error before its run");
-    return kExitUsage;
-  };
-
-  auto files = std::make_unique<LocalFileSystem>(shared.dataRoot);
-  std::string error;
-  std::unique_ptr<Operator> inner;
-  if (!station.answersOf(socket) && shared.desk) {
-    inner = std::make_unique<DeskOperator>(*shared.desk, index, socket.name);
-  } else {
-    inner = MakeConsoleOperator(*files, station.answersOf(socket), nullptr, nullptr, &error);
-    if (!inner) return fail(error);
-  }
-  SocketOperator op(std::move(inner), shared.view, index);
-
   EngineConfig config;
   shared.rig->configure(index, config);
   config.files = std::move(files);
@@ -438,35 +435,106 @@ int RunSocket(StationShared& shared, size_t index) {
   config.writeResultsFiles = options.results != "off";
   config.companionAnswers = options.companionAnswers;
   EngineBuildError problem;
-  const std::unique_ptr<Engine> engine = BuildEngine(std::move(config), &problem);
-  if (!engine) return fail(problem.text);
+  std::unique_ptr<Engine> engine = BuildEngine(std::move(config), &problem);
+  if (!engine) {
+    error = problem.text;
+    return nullptr;
+  }
   if (const std::string& folder = station.resultsOf(socket); !folder.empty())
     engine->testDatabase().results.dataDirectory = folder;
   engine->files().onFirstLoss([&shared, &socket](const WatchedFileSystem::Loss& loss) {
     shared.report(socket.name, "output lost: " + loss.firstError);
   });
+  return engine;
+}
+
+// The socket's trace file (--trace FILE, named for the socket); its times
+// count from now.
+bool StartSocketTrace(Engine& engine, const RunOptions& options, const StationSocket& socket,
+                      std::string& error) {
   if (options.trace) {
     const std::string path = SocketTracePath(*options.trace, socket.name);
-    auto file = engine->files().create(path, nullptr);
-    if (file == nullptr) return fail("cannot write the trace file " + path);
-    engine->trace().setOutput(std::move(file));
+    auto file = engine.files().create(path, nullptr);
+    if (file == nullptr) {
+      error = "cannot write the trace file " + path;
+      return false;
+    }
+    engine.trace().setOutput(std::move(file));
   }
-  engine->trace().setOrigin(engine->clock().now());
+  engine.trace().setOrigin(engine.clock().now());
+  return true;
+}
+
+// The socket's link opened and the station's setup loaded into it.
+bool OpenSocketLink(Engine& engine, const Station& station, std::string& error) {
+  Instrument* instrument = engine.instrument();
+  if (!instrument->ensureOpen()) {
+    error = "cannot open the instrument link: " + instrument->link().lastErrorText();
+    return false;
+  }
+  if (!station.setup.empty() && !instrument->selectSetupFile(station.setup)) {
+    error = "cannot load the setup " + station.setup + ": " + instrument->link().lastErrorText();
+    return false;
+  }
+  return true;
+}
+
+// The socket's run, its events shown in the station's view; a stop request
+// that came before it starts ends it unstarted.
+EndReason RunSocketEngine(StationShared& shared, size_t index, Engine& engine) {
+  auto events = engine.subscribe(
+      [&shared, index](const RunEvent& event) { shared.view.event(index, event); });
+  if (!shared.attach(&engine)) return EndReason::kAbort;
+  const EndReason reason = engine.run();
+  shared.detach(&engine);
+  return reason;
+}
+
+// The socket's exit status once the results store has had its records: a
+// lost output turns a finished run into a failed one.
+int SocketEndStatus(StationShared& shared, const StationSocket& socket, Engine& engine,
+                    EndReason reason) {
+  size_t recordsLost = 0;
+  if (ResultsFeed* feed = engine.resultsFeed()) {
+    std::string why;
+    if (!feed->finish(std::chrono::seconds(10), &why)) shared.report(socket.name, why);
+    recordsLost = feed->lost();
+  }
+  int status = ExitStatusFor(reason);
+  if (status == kExitOk && engine.testDatabase().anyUutFailed()) status = kExitUutFailed;
+  const auto losses = engine.files().losses();
+  if ((!losses.empty() || recordsLost > 0) && (status == kExitOk || status == kExitUutFailed))
+    status = kExitOutputLost;
+  return status;
+}
+
+// Runs socket `index` to its end on the calling thread; its exit status.
+int RunSocket(StationShared& shared, size_t index) {
+  const Station& station = shared.station;
+  const StationSocket& socket = station.sockets[index];
+  const RunOptions& options = shared.options;
+  const auto fail = [&](const std::string& text) {
+    shared.report(socket.name, text);
+    shared.view.ended(index, kExitUsage, "an error before its run");
+    return kExitUsage;
+  };
+
+  auto files = std::make_unique<LocalFileSystem>(shared.dataRoot);
+  std::string error;
+  std::unique_ptr<Operator> inner = MakeSocketOperator(shared, index, *files, error);
+  if (!inner) return fail(error);
+  SocketOperator op(std::move(inner), shared.view, index);
+  const std::unique_ptr<Engine> engine =
+      BuildSocketEngine(shared, index, std::move(files), op, error);
+  if (!engine) return fail(error);
+  if (!StartSocketTrace(*engine, options, socket, error)) return fail(error);
   // Each socket's run keeps its own record in the data root.
   RunRecording record(*engine,
                       {station.sequenceOf(socket), socket.name, "station", engine->clock().now()},
                       {shared.settings.recordsMaxAge, shared.settings.recordsMaxBytes}, shared.err);
-
-  Instrument* instrument = engine->instrument();
-  if (!instrument->ensureOpen())
-    return fail("cannot open the instrument link: " + instrument->link().lastErrorText());
-  if (!station.setup.empty() && !instrument->selectSetupFile(station.setup)) {
-    return fail("cannot load the setup " + station.setup + ": " +
-                instrument->link().lastErrorText());
-  }
-  Sequencer& seq = engine->sequencer();
+  if (!OpenSocketLink(*engine, station, error)) return fail(error);
   const std::string& sequence = station.sequenceOf(socket);
-  if (!seq.prepareFile(sequence, &error)) return fail(error);
+  if (!engine->sequencer().prepareFile(sequence, &error)) return fail(error);
 
   RunControl control(*engine, shared.err);
   if (options.controlSocket) control.openSocket(sequence, socket.name, record.id());
@@ -475,28 +543,8 @@ int RunSocket(StationShared& shared, size_t index) {
 #endif
   if (!engine->feedResultsStore(&error)) return fail("--results-store: " + error);
 
-  EndReason reason;
-  {
-    auto events = engine->subscribe(
-        [&shared, index](const RunEvent& event) { shared.view.event(index, event); });
-    if (shared.attach(engine.get())) {
-      reason = engine->run();
-      shared.detach(engine.get());
-    } else {
-      reason = EndReason::kAbort;
-    }
-  }
-  size_t recordsLost = 0;
-  if (ResultsFeed* feed = engine->resultsFeed()) {
-    std::string why;
-    if (!feed->finish(std::chrono::seconds(10), &why)) shared.report(socket.name, why);
-    recordsLost = feed->lost();
-  }
-  int status = ExitStatusFor(reason);
-  if (status == kExitOk && engine->testDatabase().anyUutFailed()) status = kExitUutFailed;
-  const auto losses = engine->files().losses();
-  if ((!losses.empty() || recordsLost > 0) && (status == kExitOk || status == kExitUutFailed))
-    status = kExitOutputLost;
+  const EndReason reason = RunSocketEngine(shared, index, *engine);
+  const int status = SocketEndStatus(shared, socket, *engine, reason);
   if (engine->trace().enabled())
     engine->trace().event("end").field("reason", EndReasonName(reason)).field("code", status);
   record.finish(reason, status);
@@ -540,18 +588,11 @@ bool NamesStationFile(const std::string& value) {
   return value.size() > 5 && value.compare(value.size() - 5, 5, ".toml") == 0;
 }
 
-int RunStation(const Host& host, const RunOptions& options, const std::string& stationFile,
-               std::FILE* in, std::FILE* out, std::FILE* err) {
-  LocalFileSystem files(host.dataRoot);
-  Station station;
-  std::string error;
-  const std::optional<std::string> sequence =
-      options.sequence.empty() ? std::nullopt : std::optional<std::string>(options.sequence);
-  if (!LoadStationFile(files, stationFile, station, error, sequence)) {
-    std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
-    return kExitUsage;
-  }
-  // What a station file says for each socket, or what runs for one only.
+namespace {
+
+// What a station file says for each socket, or what runs for one only:
+// refused, told, with a station file.
+bool RefuseOneRunOptions(const RunOptions& options, std::FILE* err) {
   const std::pair<bool, const char*> refused[] = {
       {options.setup.has_value(), "--setup: the station file's \"setup\" names the rig's setup"},
       {!options.link.empty(), "--link: the station file's \"link\" names the link"},
@@ -563,39 +604,72 @@ int RunStation(const Host& host, const RunOptions& options, const std::string& s
   for (const auto& [given, why] : refused) {
     if (given) {
       std::fprintf(err, "tavrix-cli: %s\n", why);
-      return kExitUsage;
+      return false;
     }
   }
   if (options.trace && *options.trace == "-") {
     std::fprintf(err, "tavrix-cli: a station writes one trace file per socket: --trace FILE\n");
-    return kExitUsage;
+    return false;
   }
-  InstrumentSettings settings;
-  if (options.instrumentSettings &&
-      !LoadInstrumentSettings(files, *options.instrumentSettings, settings, error)) {
+  return true;
+}
+
+// With --virtual-time, the clock the sockets share, from --start or now;
+// false once a --start it cannot read is told.
+bool MakeStationTime(const RunOptions& options, size_t sockets, std::unique_ptr<StationTime>& time,
+                     std::FILE* err) {
+  if (!options.virtualTime) return true;
+  Micros start = SystemClock().now();
+  if (options.start) {
+    const auto parsed = parseDateTime(*options.start);
+    if (!parsed) {
+      std::fprintf(err, "tavrix-cli: --start wants \"YYYY-MM-DD HH:MM:SS\", not \"%s\"\n",
+                   options.start->c_str());
+      return false;
+    }
+    start = *parsed;
+  }
+  time = std::make_unique<StationTime>(start, sockets);
+  return true;
+}
+
+// Every socket run to its end; the worst of their exit statuses.
+int RunSockets(StationShared& shared, StationTime* time) {
+  const size_t sockets = shared.station.sockets.size();
+  std::vector<int> statuses(sockets, kExitUsage);
+  if (time) {
+    // On the virtual clock the sockets take turns, on one thread where the
+    // build can switch stacks.
+    time->run([&](size_t i) { statuses[i] = RunSocket(shared, i); });
+  } else {
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < sockets; ++i)
+      threads.emplace_back([&, i] { statuses[i] = RunSocket(shared, i); });
+    for (auto& thread : threads) thread.join();
+  }
+  int status = kExitOk;
+  for (const int s : statuses) status = WorseExitStatus(status, s);
+  return status;
+}
+
+}  // namespace
+
+int RunStation(const Host& host, const RunOptions& options, const std::string& stationFile,
+               std::FILE* in, std::FILE* out, std::FILE* err) {
+  LocalFileSystem files(host.dataRoot);
+  Station station;
+  std::string error;
+  const std::optional<std::string> sequence =
+      options.sequence.empty() ? std::nullopt : std::optional<std::string>(options.sequence);
+  if (!LoadStationFile(files, stationFile, station, error, sequence)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
-  if (options.replyTimeout) {
-    settings.useReplyTimeout = true;
-    settings.replyTimeoutSecs = *options.replyTimeout;
-  }
-  if (options.linkKey) settings.linkKeyFile = *options.linkKey;
-
+  if (!RefuseOneRunOptions(options, err)) return kExitUsage;
+  InstrumentSettings settings;
+  if (!LoadRunSettings(files, options, settings, err)) return kExitUsage;
   std::unique_ptr<StationTime> time;
-  if (options.virtualTime) {
-    Micros start = SystemClock().now();
-    if (options.start) {
-      const auto parsed = parseDateTime(*options.start);
-      if (!parsed) {
-        std::fprintf(err, "tavrix-cli: --start wants \"YYYY-MM-DD HH:MM:SS\", not \"%s\"\n",
-                     options.start->c_str());
-        return kExitUsage;
-      }
-      start = *parsed;
-    }
-    time = std::make_unique<StationTime>(start, station.sockets.size());
-  }
+  if (!MakeStationTime(options, station.sockets.size(), time, err)) return kExitUsage;
 
   std::vector<std::string> names;
   for (const auto& s : station.sockets) names.push_back(s.name);
@@ -620,19 +694,7 @@ int RunStation(const Host& host, const RunOptions& options, const std::string& s
         station.name.empty() ? DefaultStationName() : station.name);
   }
 #endif
-  std::vector<int> statuses(station.sockets.size(), kExitUsage);
-  if (time) {
-    // On the virtual clock the sockets take turns, on one thread where the
-    // build can switch stacks.
-    time->run([&](size_t i) { statuses[i] = RunSocket(shared, i); });
-  } else {
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < station.sockets.size(); ++i)
-      threads.emplace_back([&, i] { statuses[i] = RunSocket(shared, i); });
-    for (auto& thread : threads) thread.join();
-  }
-  int status = kExitOk;
-  for (const int s : statuses) status = WorseExitStatus(status, s);
+  const int status = RunSockets(shared, time.get());
   view.finish(status);
   return status;
 }

@@ -98,6 +98,10 @@ TEST_F(StationTest, AStationFileThatCannotBeUsedStartsNothing) {
        "line 6: socket S2: map.HEATER names \"NOPE\", no channel of the rig's setup"},
       {both + "[socket.S2]\nprefix = \"S2_\"\nsequence = \"missing.wts\"\n",
        "line 7: socket S2: cannot read the sequence"},
+      {both + "[socket.S2]\nprefix = \"S2_\"\nanswers = \"missing.answers\"\n",
+       "line 5: socket S2: cannot read the answers file"},
+      {both + "[socket.S2]\nprefix = \"S2_\"\nlink = \"tcp://127.0.0.1:1\"\n",
+       "line 5: socket S2: the sockets of a station share one link"},
       {both + "[socket.S2]\nmap = { HEATER = \"S1_HEATER\" }\n",
        "line 6: socket S2: writes the rig's channel S1_HEATER as socket S1 (line 4) does"},
       {both + "[socket.S2]\nprefix = \"S1_\"\n", "socket S2: writes the rig's prefixes"},
@@ -117,8 +121,10 @@ TEST_F(StationTest, AStationFileThatCannotBeUsedStartsNothing) {
   }
   // What the station file says, or what holds one run, is not given again.
   Station(both);
-  for (const auto& extra : std::vector<std::vector<std::string>>{
-           {"--setup", Path("rig.ims")}, {"--break", "1"}, {"--max-lines", "5"}}) {
+  for (const auto& extra : std::vector<std::vector<std::string>>{{"--setup", Path("rig.ims")},
+                                                                 {"--break", "1"},
+                                                                 {"--max-lines", "5"},
+                                                                 {"--reply-timeout", "40000"}}) {
     EXPECT_EQ(RunStation(extra), kExitUsage) << extra[0];
     EXPECT_THAT(err_, HasSubstr(extra[0]));
   }

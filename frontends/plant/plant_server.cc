@@ -257,6 +257,66 @@ bool IsLoopback(const std::string& host) {
   return false;
 }
 
+namespace {
+
+// Units tested and passed, in all and at their first test.
+struct YieldSum {
+  int tested = 0, passed = 0, firstTested = 0, firstPassed = 0;
+};
+
+// The yield of each day, test, station or socket: bars and a table.
+std::string YieldSection(const std::string& title, const std::map<std::string, YieldSum>& sums,
+                         bool newestFirst) {
+  std::vector<Bar> bars;
+  std::string table = "<table><tr><th>" + title +
+                      "</th><th>Tested</th><th>Passed</th><th>Yield</th><th>First-pass "
+                      "yield</th><th>Retests</th></tr>";
+  std::vector<std::pair<std::string, YieldSum>> ordered(sums.begin(), sums.end());
+  if (newestFirst) std::reverse(ordered.begin(), ordered.end());
+  for (const auto& [name, s] : ordered) {
+    if (bars.size() < 31) {
+      bars.push_back({name, s.tested ? static_cast<double>(s.passed) / s.tested : 0,
+                      std::to_string(s.passed) + " of " + std::to_string(s.tested)});
+    }
+    table += "<tr><td>" + Html(name) + "</td><td>" + std::to_string(s.tested) + "</td><td>" +
+             std::to_string(s.passed) + "</td><td>" + Percent(s.passed, s.tested) + "</td><td>" +
+             Percent(s.firstPassed, s.firstTested) + "</td><td>" +
+             std::to_string(s.tested - s.firstTested) + "</td></tr>";
+  }
+  return "<h2>Yield per " + Html(title) + "</h2>" + Bars(bars) + table + "</table>";
+}
+
+// The yield of every unit, then per day, test, station and socket.
+std::string YieldSections(const std::vector<YieldRow>& rows) {
+  // A station of several sockets records each under "NAME/SOCKET": its
+  // units count for the station NAME, and for the socket.
+  std::map<std::string, YieldSum> byDay, byTest, byStation, bySocket;
+  YieldSum all;
+  YieldSum none;
+  for (const auto& r : rows) {
+    const size_t slash = r.station.find('/');
+    YieldSum& socket = slash == std::string::npos ? none : bySocket[r.station];
+    for (YieldSum* s :
+         {&byDay[r.day], &byTest[r.test], &byStation[r.station.substr(0, slash)], &socket, &all}) {
+      s->tested += r.tested;
+      s->passed += r.passed;
+      s->firstTested += r.firstTested;
+      s->firstPassed += r.firstPassed;
+    }
+  }
+  std::string body = "<p id=\"yield-all\">" + std::to_string(all.tested) + " units tested, yield " +
+                     Percent(all.passed, all.tested) + ", first-pass yield " +
+                     Percent(all.firstPassed, all.firstTested) + ", " +
+                     std::to_string(all.tested - all.firstTested) + " retests.</p>";
+  body += YieldSection("day", byDay, true);
+  body += YieldSection("test", byTest, false);
+  body += YieldSection("station", byStation, false);
+  if (!bySocket.empty()) body += YieldSection("socket", bySocket, false);
+  return body;
+}
+
+}  // namespace
+
 class Server::Impl {
  public:
   Impl(FileSystem& files, ServerOptions options) : files_(files), options_(std::move(options)) {
@@ -678,57 +738,17 @@ class Server::Impl {
     std::string error;
     std::vector<YieldRow> rows;
     if (!store->yield(filter, rows, &error)) store.fail(error);
-    struct Sum {
-      int tested = 0, passed = 0, firstTested = 0, firstPassed = 0;
-    };
-    // A station of several sockets records each under "NAME/SOCKET": its
-    // units count for the station NAME, and for the socket.
-    std::map<std::string, Sum> byDay, byTest, byStation, bySocket;
-    Sum all;
-    Sum none;
-    for (const auto& r : rows) {
-      const size_t slash = r.station.find('/');
-      Sum& socket = slash == std::string::npos ? none : bySocket[r.station];
-      for (Sum* s : {&byDay[r.day], &byTest[r.test], &byStation[r.station.substr(0, slash)],
-                     &socket, &all}) {
-        s->tested += r.tested;
-        s->passed += r.passed;
-        s->firstTested += r.firstTested;
-        s->firstPassed += r.firstPassed;
-      }
-    }
-    std::string body = SearchForm(q, "/analytics", false);
-    body += "<p id=\"yield-all\">" + std::to_string(all.tested) + " units tested, yield " +
-            Percent(all.passed, all.tested) + ", first-pass yield " +
-            Percent(all.firstPassed, all.firstTested) + ", " +
-            std::to_string(all.tested - all.firstTested) + " retests.</p>";
-    auto section = [&](const std::string& title, const std::map<std::string, Sum>& sums,
-                       bool newestFirst) {
-      std::vector<Bar> bars;
-      std::string table = "<table><tr><th>" + title +
-                          "</th><th>Tested</th><th>Passed</th><th>Yield</th><th>First-pass "
-                          "yield</th><th>Retests</th></tr>";
-      std::vector<std::pair<std::string, Sum>> ordered(sums.begin(), sums.end());
-      if (newestFirst) std::reverse(ordered.begin(), ordered.end());
-      for (const auto& [name, s] : ordered) {
-        if (bars.size() < 31) {
-          bars.push_back({name, s.tested ? static_cast<double>(s.passed) / s.tested : 0,
-                          std::to_string(s.passed) + " of " + std::to_string(s.tested)});
-        }
-        table += "<tr><td>" + Html(name) + "</td><td>" + std::to_string(s.tested) + "</td><td>" +
-                 std::to_string(s.passed) + "</td><td>" + Percent(s.passed, s.tested) +
-                 "</td><td>" + Percent(s.firstPassed, s.firstTested) + "</td><td>" +
-                 std::to_string(s.tested - s.firstTested) + "</td></tr>";
-      }
-      body += "<h2>Yield per " + Html(title) + "</h2>" + Bars(bars) + table + "</table>";
-    };
-    section("day", byDay, true);
-    section("test", byTest, false);
-    section("station", byStation, false);
-    if (!bySocket.empty()) section("socket", bySocket, false);
+    std::string body = SearchForm(q, "/analytics", false) + YieldSections(rows);
+    body += topFailuresTable(store, filter);
+    body += retestsTable(store, filter);
+    body += measuredChecksTable(store, filter, Param(q, "station"));
+    return {200, "text/html; charset=utf-8", Page("Analytics", "Analytics", body)};
+  }
 
-    // The checks failing most in the last seven days that have results,
-    // unless the query names the days.
+  // The checks failing most in the last seven days that have results,
+  // unless the filter names the days.
+  std::string topFailuresTable(Lease& store, const UutFilter& filter) {
+    std::string error;
     UutFilter week = filter;
     if (week.from.empty()) {
       UutFilter newest = filter;
@@ -743,8 +763,8 @@ class Server::Impl {
     week.limit = 10;
     std::vector<FailureRow> failures;
     if (!TopFailures(*store, week, failures, &error)) store.fail(error);
-    body += "<h2>Checks failing most" +
-            (week.from.empty() ? std::string() : " since " + Html(week.from)) + "</h2>";
+    std::string body = "<h2>Checks failing most" +
+                       (week.from.empty() ? std::string() : " since " + Html(week.from)) + "</h2>";
     body +=
         "<table id=\"top-failures\"><tr><th>Test</th><th>Stage</th><th>Check</th><th>Failed</th>"
         "<th>Checked</th><th>Failure rate</th></tr>";
@@ -755,13 +775,17 @@ class Server::Impl {
               Html(f.parameter) + "</a></td><td>" + std::to_string(f.failed) + "</td><td>" +
               std::to_string(f.checked) + "</td><td>" + Percent(f.failed, f.checked) + "</td></tr>";
     }
-    body += "</table>";
+    return body + "</table>";
+  }
 
+  // The serial numbers tested more than once.
+  std::string retestsTable(Lease& store, const UutFilter& filter) {
+    std::string error;
     UutFilter retestFilter = filter;
     retestFilter.limit = 20;
     std::vector<RetestRow> retests;
     if (!Retests(*store, retestFilter, retests, &error)) store.fail(error);
-    body +=
+    std::string body =
         "<h2>Serial numbers tested more than once</h2><table id=\"retests\"><tr><th>Serial"
         "</th><th>Test</th><th>Tests</th><th>Passed</th></tr>";
     for (const auto& r : retests) {
@@ -769,13 +793,19 @@ class Server::Impl {
               "</a></td><td>" + Html(r.test) + "</td><td>" + std::to_string(r.tests) + "</td><td>" +
               std::to_string(r.passed) + "</td></tr>";
     }
-    body += "</table>";
+    return body + "</table>";
+  }
 
+  // The checks with numeric readings, each a link to its page (for the
+  // query's station, when it names one).
+  std::string measuredChecksTable(Lease& store, const UutFilter& filter,
+                                  const std::string& station) {
+    std::string error;
     UutFilter checkFilter = filter;
     checkFilter.limit = 200;
     std::vector<NumericCheck> checks;
     if (!NumericChecks(*store, checkFilter, checks, &error)) store.fail(error);
-    body +=
+    std::string body =
         "<h2>Measured checks</h2><table "
         "id=\"measured\"><tr><th>Test</th><th>Stage</th><th>Check</th>"
         "<th>Units</th><th>Readings</th></tr>";
@@ -783,12 +813,11 @@ class Server::Impl {
       body += "<tr><td>" + Html(c.test) + "</td><td>" + std::to_string(c.step) +
               "</td><td><a href=\"/check?name=" + Url(c.parameter) +
               "&step=" + std::to_string(c.step) + "&test=" + Url(c.test) +
-              (Param(q, "station").empty() ? "" : "&station=" + Url(Param(q, "station"))) + "\">" +
-              Html(c.parameter) + "</a></td><td>" + Html(c.units) + "</td><td>" +
-              std::to_string(c.readings) + "</td></tr>";
+              (station.empty() ? "" : "&station=" + Url(station)) + "\">" + Html(c.parameter) +
+              "</a></td><td>" + Html(c.units) + "</td><td>" + std::to_string(c.readings) +
+              "</td></tr>";
     }
-    body += "</table>";
-    return {200, "text/html; charset=utf-8", Page("Analytics", "Analytics", body)};
+    return body + "</table>";
   }
 
   Reply check(const Query& q) {
@@ -983,6 +1012,33 @@ class Server::Impl {
 
   void routes() {
     httplib::Server& s = *server_;
+    limitServer(s);
+    for (const char* path :
+         {"/", "/units", "/unit", "/file", "/analytics", "/check", "/live.json", "/plant"}) {
+      s.Get(path, guarded([this, path](const httplib::Request& req, httplib::Response& res,
+                                       const Principal&) { Send(res, page(path, QueryOf(req))); }));
+    }
+    s.Get("/live",
+          guarded([this](const httplib::Request&, httplib::Response& res, const Principal& p) {
+            Send(res, live(options_.allowControl && p.control, p.csrf));
+          }));
+    s.Get("/units.csv", guarded([this](const httplib::Request& req, httplib::Response& res,
+                                       const Principal&) { csv(req, res); }));
+    s.Get("/live/events", guarded([this](const httplib::Request&, httplib::Response& res,
+                                         const Principal&) { events(res); }));
+    s.Get("/login", [this](const httplib::Request&, httplib::Response& res) {
+      res.set_content(LoginForm(""), "text/html; charset=utf-8");
+    });
+    s.Post("/login",
+           [this](const httplib::Request& req, httplib::Response& res) { login(req, res); });
+    s.Post("/control", guarded([this](const httplib::Request& req, httplib::Response& res,
+                                      const Principal& p) { control(req, res, p); }));
+  }
+
+  // What every answer carries and what a request may take: its threads,
+  // size and time, the headers that keep pages from being framed or
+  // cached, and the pages for a failure.
+  static void limitServer(httplib::Server& s) {
     s.new_task_queue = [] { return new httplib::ThreadPool(64); };
     s.set_payload_max_length(64 * 1024);
     s.set_read_timeout(10);
@@ -1003,65 +1059,50 @@ class Server::Impl {
       if (!res.body.empty()) return;
       Send(res, ErrorPage(res.status, "The request " + req.path + " cannot be answered."));
     });
+  }
 
-    // Every page but the login asks who it is for.
-    auto guarded = [this](auto handler) {
-      return [this, handler](const httplib::Request& req, httplib::Response& res) {
-        const Principal p = identify(req);
-        if (!p.known) {
-          res.status = 401;
-          res.set_header("WWW-Authenticate", "Bearer");
-          res.set_content(LoginForm(""), "text/html; charset=utf-8");
-          return;
-        }
-        handler(req, res, p);
-      };
-    };
-    for (const char* path :
-         {"/", "/units", "/unit", "/file", "/analytics", "/check", "/live.json", "/plant"}) {
-      s.Get(path, guarded([this, path](const httplib::Request& req, httplib::Response& res,
-                                       const Principal&) { Send(res, page(path, QueryOf(req))); }));
-    }
-    s.Get("/live",
-          guarded([this](const httplib::Request&, httplib::Response& res, const Principal& p) {
-            Send(res, live(options_.allowControl && p.control, p.csrf));
-          }));
-    s.Get("/units.csv", guarded([this](const httplib::Request& req, httplib::Response& res,
-                                       const Principal&) { csv(req, res); }));
-    s.Get("/live/events", guarded([this](const httplib::Request&, httplib::Response& res,
-                                         const Principal&) { events(res); }));
-    s.Get("/login", [this](const httplib::Request&, httplib::Response& res) {
-      res.set_content(LoginForm(""), "text/html; charset=utf-8");
-    });
-    s.Post("/login", [this](const httplib::Request& req, httplib::Response& res) {
-      if (!req.get_header_value("Origin").empty() && !SameSite(req)) {
-        return Send(res, ErrorPage(403, "A login from another site is refused."));
-      }
-      std::string given = req.get_param_value("token");
-      std::transform(given.begin(), given.end(), given.begin(), ::tolower);
-      const Token* match = nullptr;
-      for (const Token& t : tokens_)
-        if (SameProof(given, t.hex)) match = &t;
-      if (match == nullptr) {
+  // Every page but the login asks who it is for.
+  template <typename Handler>
+  httplib::Server::Handler guarded(Handler handler) {
+    return [this, handler](const httplib::Request& req, httplib::Response& res) {
+      const Principal p = identify(req);
+      if (!p.known) {
         res.status = 401;
-        res.set_content(LoginForm("That token is not known here."), "text/html; charset=utf-8");
+        res.set_header("WWW-Authenticate", "Bearer");
+        res.set_content(LoginForm(""), "text/html; charset=utf-8");
         return;
       }
-      const std::string id = RandomHex(32);
-      {
-        std::lock_guard guard(sessionMutex_);
-        const long long now = options_.now();
-        std::erase_if(sessions_, [&](const auto& s) { return s.second.expires <= now; });
-        sessions_[id] = {now + options_.sessionSeconds, match->control, RandomHex(16)};
-      }
-      res.set_header("Set-Cookie", std::string(kCookie) + "=" + id +
-                                       "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" +
-                                       std::to_string(options_.sessionSeconds) +
-                                       (tls_ ? "; Secure" : ""));
-      res.set_redirect("/live", 303);
-    });
-    s.Post("/control", guarded([this](const httplib::Request& req, httplib::Response& res,
-                                      const Principal& p) { control(req, res, p); }));
+      handler(req, res, p);
+    };
+  }
+
+  // A login with a known token opens a session, kept in a cookie.
+  void login(const httplib::Request& req, httplib::Response& res) {
+    if (!req.get_header_value("Origin").empty() && !SameSite(req)) {
+      return Send(res, ErrorPage(403, "A login from another site is refused."));
+    }
+    std::string given = req.get_param_value("token");
+    std::transform(given.begin(), given.end(), given.begin(), ::tolower);
+    const Token* match = nullptr;
+    for (const Token& t : tokens_)
+      if (SameProof(given, t.hex)) match = &t;
+    if (match == nullptr) {
+      res.status = 401;
+      res.set_content(LoginForm("That token is not known here."), "text/html; charset=utf-8");
+      return;
+    }
+    const std::string id = RandomHex(32);
+    {
+      std::lock_guard guard(sessionMutex_);
+      const long long now = options_.now();
+      std::erase_if(sessions_, [&](const auto& s) { return s.second.expires <= now; });
+      sessions_[id] = {now + options_.sessionSeconds, match->control, RandomHex(16)};
+    }
+    res.set_header("Set-Cookie", std::string(kCookie) + "=" + id +
+                                     "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" +
+                                     std::to_string(options_.sessionSeconds) +
+                                     (tls_ ? "; Secure" : ""));
+    res.set_redirect("/live", 303);
   }
 
   void control(const httplib::Request& req, httplib::Response& res, const Principal& p) {

@@ -199,7 +199,11 @@ bool StationRigChannels(const FileSystem& files, const Station& station,
   return true;
 }
 
-bool CheckStation(const FileSystem& files, const Station& station, std::string& error) {
+namespace {
+
+// Each socket's sequence and answers file can be read, and every socket
+// goes through the station's link.
+bool CheckSocketFiles(const FileSystem& files, const Station& station, std::string& error) {
   std::string problem;
   for (const auto& s : station.sockets) {
     const std::string& sequence = station.sequenceOf(s);
@@ -225,7 +229,59 @@ bool CheckStation(const FileSystem& files, const Station& station, std::string& 
       return false;
     }
   }
+  return true;
+}
+
+// Where the rig's channels are known, a socket's map and prefix name some
+// of them.
+bool CheckSocketNamesRigChannels(const Station& station, const StationSocket& s,
+                                 const std::vector<std::string>& channels,
+                                 const std::set<std::string>& rig, std::string& error) {
+  for (const auto& [from, to] : s.table) {
+    if (rig.count(to) == 0) {
+      error = fail(station, s.mapLine, where(s),
+                   "map." + from + " names \"" + to + "\", no channel of the rig's setup");
+      return false;
+    }
+  }
+  if (!s.prefix.empty() &&
+      std::none_of(channels.begin(), channels.end(), [&](const std::string& name) {
+        return name.compare(0, s.prefix.size(), s.prefix) == 0;
+      })) {
+    error = fail(station, s.mapLine, where(s),
+                 "prefix \"" + s.prefix + "\" names no channel of the rig's setup");
+    return false;
+  }
+  return true;
+}
+
+// What sockets `a` and `b` would both write ("channel NAME", or their
+// prefixes when one starts the other); empty when nothing.
+std::string SharedByBoth(const StationSocket& a, const std::set<std::string>& ownedByA,
+                         const StationSocket& b, const std::set<std::string>& ownedByB) {
+  if (!a.prefix.empty() && !b.prefix.empty() &&
+      (a.prefix.compare(0, b.prefix.size(), b.prefix) == 0 ||
+       b.prefix.compare(0, a.prefix.size(), a.prefix) == 0)) {
+    return "prefixes \"" + b.prefix + "\" and \"" + a.prefix + "\"";
+  }
+  for (const auto& name : ownedByA) {
+    if (ownedByB.count(name) != 0) return "channel " + name;
+  }
+  for (const auto& [from, to] : a.table) {
+    if (!b.prefix.empty() && to.compare(0, b.prefix.size(), b.prefix) == 0) return "channel " + to;
+  }
+  for (const auto& [from, to] : b.table) {
+    if (!a.prefix.empty() && to.compare(0, a.prefix.size(), a.prefix) == 0) return "channel " + to;
+  }
+  return {};
+}
+
+}  // namespace
+
+bool CheckStation(const FileSystem& files, const Station& station, std::string& error) {
+  if (!CheckSocketFiles(files, station, error)) return false;
   std::vector<std::string> channels;
+  std::string problem;
   if (!StationRigChannels(files, station, channels, problem)) {
     error = fail(station, 0, "", "cannot read the rig's channels: " + problem);
     return false;
@@ -234,46 +290,15 @@ bool CheckStation(const FileSystem& files, const Station& station, std::string& 
   const std::set<std::string> rig(channels.begin(), channels.end());
   std::vector<std::set<std::string>> owned;
   for (const auto& s : station.sockets) {
-    if (known) {
-      for (const auto& [from, to] : s.table) {
-        if (rig.count(to) == 0) {
-          error = fail(station, s.mapLine, where(s),
-                       "map." + from + " names \"" + to + "\", no channel of the rig's setup");
-          return false;
-        }
-      }
-      if (!s.prefix.empty() &&
-          std::none_of(channels.begin(), channels.end(), [&](const std::string& name) {
-            return name.compare(0, s.prefix.size(), s.prefix) == 0;
-          })) {
-        error = fail(station, s.mapLine, where(s),
-                     "prefix \"" + s.prefix + "\" names no channel of the rig's setup");
-        return false;
-      }
-    }
+    if (known && !CheckSocketNamesRigChannels(station, s, channels, rig, error)) return false;
     owned.push_back(ownedChannels(s, channels));
   }
+  // Two sockets never share a channel they write.
   for (size_t i = 0; i < station.sockets.size(); ++i) {
     const StationSocket& a = station.sockets[i];
     for (size_t j = 0; j < i; ++j) {
       const StationSocket& b = station.sockets[j];
-      std::string both;
-      if (!a.prefix.empty() && !b.prefix.empty() &&
-          (a.prefix.compare(0, b.prefix.size(), b.prefix) == 0 ||
-           b.prefix.compare(0, a.prefix.size(), a.prefix) == 0)) {
-        both = "prefixes \"" + b.prefix + "\" and \"" + a.prefix + "\"";
-      }
-      for (const auto& name : owned[i]) {
-        if (both.empty() && owned[j].count(name) != 0) both = "channel " + name;
-      }
-      for (const auto& [from, to] : a.table) {
-        if (both.empty() && !b.prefix.empty() && to.compare(0, b.prefix.size(), b.prefix) == 0)
-          both = "channel " + to;
-      }
-      for (const auto& [from, to] : b.table) {
-        if (both.empty() && !a.prefix.empty() && to.compare(0, a.prefix.size(), a.prefix) == 0)
-          both = "channel " + to;
-      }
+      const std::string both = SharedByBoth(a, owned[i], b, owned[j]);
       if (!both.empty()) {
         error = fail(station, a.mapLine > 0 ? a.mapLine : a.line, where(a),
                      "writes the rig's " + both + " as socket " + b.name + " (line " +
