@@ -1,7 +1,9 @@
 // The run engine in the shape of an endurance soak, on the virtual clock: a
 // loop of LOOPCHECK, WAITSECONDS 60 and GOTO turned 1,000,000 times (goal:
 // at least 1,000,000 lines a second), and what the trace costs: the free run
-// and the soak loop with the trace on, next to the same runs without it.
+// and the soak loop with the trace on, next to the same runs without it; and
+// the soak loop with the run's record in a data root of its own, as every
+// run of tavrix-cli keeps one.
 
 #include <benchmark/benchmark.h>
 
@@ -10,6 +12,7 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
+#include "engine/run_record.h"
 
 namespace tavrix::bench {
 namespace {
@@ -37,23 +40,46 @@ std::vector<std::string> SoakLoop(int turns) {
           "DONE:",          "STOP"};
 }
 
-void RunSoakLoop(benchmark::State& state, bool traced) {
+enum class Kept { kNothing, kTrace, kRecord };
+
+void RunSoakLoop(benchmark::State& state, Kept kept) {
   const std::string path = WriteSequence(SoakLoop(kSoakTurns));
   int64_t traceBytes = 0;
+  ScratchFolder root;
   for (auto _ : state) {
     QuietOperator op;
     auto clock = std::make_unique<VirtualClock>(0);
     VirtualClock& virtualClock = *clock;
-    const auto built = MakeBenchEngine(std::move(clock), op);
+    EngineConfig config;
+    config.clock = std::move(clock);
+    config.files = std::make_unique<LocalFileSystem>(root.path());
+    config.op = &op;
+    const auto built = BuildEngine(std::move(config));
     Engine& engine = *built;
-    if (traced) engine.trace().setOutput(std::make_unique<CountingOutput>(traceBytes));
+    if (kept == Kept::kTrace)
+      engine.trace().setOutput(std::make_unique<CountingOutput>(traceBytes));
     std::string error;
     if (!engine.sequencer().prepareFile(path, &error)) {
       state.SkipWithError(error.c_str());
       break;
     }
+    std::unique_ptr<RunRecord> record;
+    if (kept == Kept::kRecord) {
+      engine.trace().setOrigin(0);
+      record = RunRecord::Begin(engine.files(), engine.trace(), {path, {}, "cli", 0},
+                                {std::nullopt, std::nullopt}, &error);
+      if (!record) {
+        state.SkipWithError(error.c_str());
+        break;
+      }
+    }
     engine.sequencer().start();
     engine.trace().setOutput(nullptr);
+    if (record) {
+      record->finish(virtualClock.now(), "stop", 0);
+      traceBytes += static_cast<int64_t>(
+          engine.files().info(record->folder() + "/" + std::string(kRecordTrace)).size);
+    }
     if (!engine.sequencer().lastSequenceError().empty()) {
       state.SkipWithError(engine.sequencer().lastSequenceError().c_str());
       break;
@@ -67,16 +93,21 @@ void RunSoakLoop(benchmark::State& state, bool traced) {
   state.counters["lines_per_s"] =
       benchmark::Counter(static_cast<double>(state.iterations()) * kSoakTurns * kLinesPerTurn,
                          benchmark::Counter::kIsRate);
-  if (traced)
+  if (kept != Kept::kNothing)
     state.counters["trace_MiB"] = static_cast<double>(traceBytes) / state.iterations() / (1 << 20);
   std::remove(path.c_str());
 }
 
-void BM_SoakLoopWaitSeconds(benchmark::State& state) { RunSoakLoop(state, false); }
+void BM_SoakLoopWaitSeconds(benchmark::State& state) { RunSoakLoop(state, Kept::kNothing); }
 BENCHMARK(BM_SoakLoopWaitSeconds)->Unit(benchmark::kSecond)->Iterations(1);
 
-void BM_SoakLoopWaitSecondsTraced(benchmark::State& state) { RunSoakLoop(state, true); }
+void BM_SoakLoopWaitSecondsTraced(benchmark::State& state) { RunSoakLoop(state, Kept::kTrace); }
 BENCHMARK(BM_SoakLoopWaitSecondsTraced)->Unit(benchmark::kSecond)->Iterations(1);
+
+void BM_SoakLoopWaitSecondsWithRecord(benchmark::State& state) {
+  RunSoakLoop(state, Kept::kRecord);
+}
+BENCHMARK(BM_SoakLoopWaitSecondsWithRecord)->Unit(benchmark::kSecond)->Iterations(1);
 
 void BM_FreeRunLinesTraced(benchmark::State& state) {
   const std::string path = WriteSequence(LabelsAndWords());

@@ -48,6 +48,11 @@ END {
   row("Soak loop (LOOPCHECK, WAITSECONDS 60, GOTO), virtual time",
       rate("BM_SoakLoopWaitSeconds", "lines_per_s", "lines/s"))
   row("Soak loop with the trace on", rate("BM_SoakLoopWaitSecondsTraced", "lines_per_s", "lines/s"))
+  row("Soak loop with the run's record in the data root",
+      rate("BM_SoakLoopWaitSecondsWithRecord", "lines_per_s", "lines/s"))
+  bare = num("BM_FreeRunLines", "lines_per_s"); traced = num("BM_FreeRunLinesTraced", "lines_per_s")
+  row("  cost of the trace, free run (CPU time per line)",
+      bare > 0 && traced > 0 ? sprintf("%+.1f %%", (bare / traced - 1) * 100) : "not measured")
   row("Free run heard by a front end, as tavrix-cli runs it", rate("BM_FreeRunHeard", "lines_per_s", "lines/s"))
   row("The same with the run's record in the data root", rate("BM_FreeRunWithRecord", "lines_per_s", "lines/s"))
   heard = num("BM_FreeRunHeard", "lines_per_s"); recorded = num("BM_FreeRunWithRecord", "lines_per_s")

@@ -1,6 +1,7 @@
 #include "common/trace.h"
 
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -118,6 +119,71 @@ bool plainJson(std::string_view text) {
   return true;
 }
 
+// Copies `text` to `to` and says whether it goes into a JSON string as it
+// is, reading each byte once: eight bytes at a time (the last word
+// overlapping the one before), the word test as plainJson's.
+bool copyPlainJson(char* to, std::string_view text) {
+  const size_t n = text.size();
+  const char* const from = text.data();
+  if (n < 8) {
+    bool plain = true;
+    for (size_t i = 0; i < n; ++i) {
+      to[i] = from[i];
+      plain &= kPlainBytes[static_cast<unsigned char>(from[i])];
+    }
+    return plain;
+  }
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHigh = 0x8080808080808080ULL;
+  uint64_t found = 0;
+  for (size_t i = 0;; i += 8) {
+    if (i > n - 8) i = n - 8;
+    uint64_t w;
+    std::memcpy(&w, from + i, 8);
+    std::memcpy(to + i, &w, 8);
+    const uint64_t quote = w ^ (kOnes * '"');
+    const uint64_t backslash = w ^ (kOnes * '\\');
+    // A byte below 0x20, a quote or a backslash borrows into its top bit; a
+    // DEL carries into it; a byte above 0x7F has it (any carry it makes
+    // goes past a byte already found).
+    found |= ((w - kOnes * 0x20) & ~w) | ((quote - kOnes) & ~quote) |
+             ((backslash - kOnes) & ~backslash) | (w + kOnes) | w;
+    if (i == n - 8) break;
+  }
+  if ((found & kHigh) == 0) return true;
+  for (size_t i = 0; i < n; ++i) {
+    if (!kPlainBytes[static_cast<unsigned char>(from[i])]) return false;
+  }
+  return true;
+}
+
+// A number 0..99999 in decimal, two digits at a time from a table.
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+char* putSmallNumber(char* p, int number) {
+  const int digits = number < 10      ? 1
+                     : number < 100   ? 2
+                     : number < 1000  ? 3
+                     : number < 10000 ? 4
+                                      : 5;
+  char* at = p + digits;
+  while (number >= 100) {
+    const int pair = number % 100;
+    number /= 100;
+    at -= 2;
+    std::memcpy(at, kDigitPairs + 2 * pair, 2);
+  }
+  if (number >= 10) {
+    std::memcpy(at - 2, kDigitPairs + 2 * number, 2);
+  } else {
+    at[-1] = static_cast<char>('0' + number);
+  }
+  return p + digits;
+}
+
 // Appends the JSON string literal of `text` to `out`.
 void appendJsonString(std::string& out, std::string_view text) {
   // Most texts are printable ASCII with nothing to escape: they go as they are.
@@ -190,12 +256,21 @@ bool Trace::flushRecord(Micros at, std::string* error) {
 
 bool Trace::mayWait(Micros at) {
   if (gatheredUsed_ >= kGatherBytes) return false;
-  // A clock set back writes at once rather than hold lines.
-  if (at - gatheredSince_ >= kGatherAtMost || at < gatheredSince_) return false;
-  if (++linesUnclocked_ < kLinesPerSteadyReading) return true;
+  // (A clock set back counts as a quarter second gone.)
+  const bool runQuarter = at - gatheredSince_ >= kGatherAtMost || at < gatheredSince_;
+  if (!runQuarter && ++linesUnclocked_ < kLinesPerSteadyReading) return true;
   linesUnclocked_ = 0;
-  return std::chrono::steady_clock::now() - gatheredSinceSteady_ <
-         std::chrono::microseconds(kGatherAtMost);
+  const auto now = std::chrono::steady_clock::now();
+  constexpr auto kQuarter = std::chrono::microseconds(kGatherAtMost);
+  // A quarter second of real time since the last write; or of the run's
+  // time, unless lines alone were written less than a real quarter second
+  // ago: a run whose clock goes ahead of real time (a dry run skipping its
+  // waits) writes its lines four times a second, not at every wait.
+  if (now - gatheredSinceSteady_ < kQuarter &&
+      !(runQuarter && now - linesWrittenSteady_ >= kQuarter))
+    return true;
+  linesWrittenSteady_ = now;
+  return false;
 }
 
 void Trace::write(std::string_view line, bool aLine, Micros at) {
@@ -241,46 +316,77 @@ std::string_view Trace::start(Micros at) {
 }
 
 void Trace::line(Micros at, int number, std::string_view text) {
-  std::string escaped;
-  const bool plain = plainJson(text);
-  if (!plain) escaped = nlohmann::json(utf8FromSequenceText(text)).dump();
-  // (The kept start of the line without a call when the millisecond is the last one's.)
+  // The kept start of the line when the millisecond is the last one's.
   const Micros t = at - origin_;
   const int64_t ms = (t >= 0 ? t + 500 : t - 500) / 1000;
-  const std::string_view prefix =
-      ms == startMs_ && startLength_ != 0 ? std::string_view(start_, startLength_) : start(at);
-  const size_t most = prefix.size() + 48 + (plain ? text.size() + 2 : escaped.size());
+  if (ms != startMs_ || startLength_ == 0) start(at);
   // With the record alone (no --trace output) the line is put together
   // where it waits to be written.
   const bool gathered = out_ == nullptr && record_ != nullptr;
   std::string& buffer = gathered ? gathered_ : lineBuffer_;
   const size_t used = gathered ? gatheredUsed_ : 0;
-  char* const first = room(buffer, used, most);
-  char* p = put(first, prefix);
+  // Room for the whole kept start (copied whole, then cut to its length),
+  // the fixed parts, the number and the text as it is plus a word.
+  char* const first = room(buffer, used, sizeof start_ + 64 + text.size());
+  std::memcpy(first, start_, sizeof start_);
+  char* p = first + startLength_;
   p = put(p, ",\"ev\":\"line\",\"n\":");
-  if (number >= 0 && number < 100000) {
-    // A line number: its digits from the last, straight into place.
-    const int digits = number < 10      ? 1
-                       : number < 100   ? 2
-                       : number < 1000  ? 3
-                       : number < 10000 ? 4
-                                        : 5;
-    for (int i = digits - 1, v = number; i >= 0; --i, v /= 10)
-      p[i] = static_cast<char>('0' + v % 10);
-    p += digits;
+  // The digits are kept as one word (when there are at most eight of them)
+  // and counted up in a register: a word read back right after bytes were
+  // stored into it would wait for those stores.
+  uint64_t digits;
+  std::memcpy(&digits, numberText_, sizeof digits);
+  if (number != lastNumber_) {
+    if (number == lastNumber_ + 1 && number > 0 && numberLength_ > 0) {
+      // (The place of the i-th character in the word.)
+      constexpr bool kLittle = std::endian::native == std::endian::little;
+      const auto shift = [](int i) { return kLittle ? 8 * i : 56 - 8 * i; };
+      int i = numberLength_ - 1;
+      while (i >= 0 && ((digits >> shift(i)) & 0xFF) == '9') {
+        digits -= uint64_t{9} << shift(i);  // '9' to '0'
+        --i;
+      }
+      if (i >= 0) {
+        digits += uint64_t{1} << shift(i);
+      } else if (numberLength_ < 8) {
+        digits = kLittle ? (digits << 8) | '1' : (digits >> 8) | (uint64_t{'1'} << 56);
+        ++numberLength_;
+      } else {
+        numberLength_ = 0;
+      }
+    } else {
+      numberLength_ = 0;
+    }
+    if (numberLength_ == 0 && number >= 0 && number < 100000) {
+      char text[8] = {};
+      numberLength_ = static_cast<int>(putSmallNumber(text, number) - text);
+      std::memcpy(&digits, text, sizeof digits);
+    }
+    std::memcpy(numberText_, &digits, sizeof digits);
+    lastNumber_ = number;
+  }
+  if (numberLength_ > 0) {
+    std::memcpy(p, &digits, sizeof digits);
+    p += numberLength_;
   } else {
     p = std::to_chars(p, p + 16, number).ptr;
   }
-  p = put(p, ",\"text\":");
-  if (plain) {
-    *p++ = '"';
-    p = put(p, text);
-    *p++ = '"';
+  p = put(p, ",\"text\":\"");
+  size_t length;
+  if (copyPlainJson(p, text)) {
+    p += text.size();
+    p = put(p, "\"}\n");
+    length = static_cast<size_t>(p - first);
   } else {
-    p = put(p, escaped);
+    // The text needs escaping or converting: the general writer's literal
+    // in place of the copy (the buffer may move to make room for it).
+    const size_t head = static_cast<size_t>(p - first) - 1;
+    const std::string literal = nlohmann::json(utf8FromSequenceText(text)).dump();
+    char* const again = room(buffer, used, head + literal.size() + 2);
+    p = put(again + head, literal);
+    p = put(p, "}\n");
+    length = static_cast<size_t>(p - again);
   }
-  p = put(p, "}\n");
-  const size_t length = static_cast<size_t>(p - first);
   if (gathered) {
     gatheredUsed_ += length;
     // What mayWait decides, for the usual line without a call.
@@ -291,7 +397,7 @@ void Trace::line(Micros at, int number, std::string_view text) {
     }
     recordGathered(true, at, true, std::string());
   } else {
-    write(std::string_view(first, length), true, at);
+    write(std::string_view(lineBuffer_.data(), length), true, at);
   }
 }
 

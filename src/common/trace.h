@@ -33,7 +33,8 @@ class Trace {
   // next event after that writes it); every other event is written at once
   // together with the lines before it, so that a hold, a question, a message
   // or the end is on the disk as it happens, while a free-running sequence
-  // costs little.
+  // costs little. Lines alone are written at most four times a second of
+  // real time (or 64 KiB at a time), however fast the run's clock goes.
   void setRecord(std::unique_ptr<OutputFile> record);
   bool enabled() const { return out_ != nullptr || record_ != nullptr; }
   // Lines that could not be written, and why the first one could not.
@@ -105,12 +106,19 @@ class Trace {
   size_t gatheredUsed_ = 0;
   Micros gatheredSince_ = 0;
   std::chrono::steady_clock::time_point gatheredSinceSteady_;
+  // When waiting lines were last written for their time alone (steady clock).
+  std::chrono::steady_clock::time_point linesWrittenSteady_;
   int linesUnclocked_ = 0;
   // The event being put together, kept from one event to the next, and the
   // room for a line's event that goes to the output.
   std::string building_;
   std::string lineBuffer_;
   bool buildingInUse_ = false;
+  // The digits of the last line's number (a line's number is usually the
+  // last one's plus one: its digits are counted up).
+  char numberText_[16] = {};
+  int numberLength_ = 0;
+  int64_t lastNumber_ = INT64_MIN;
   // The start of the last line, {"t":..., for the millisecond `startMs_`.
   char start_[40] = {};
   size_t startLength_ = 0;

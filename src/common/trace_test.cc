@@ -1,0 +1,156 @@
+// The trace's own writer for a line's event gives the bytes the general
+// writer gives (the event built field by field, the text's literal as the
+// JSON library writes it) for any text: quotes, backslashes, control
+// characters, DEL, valid UTF-8, and bytes that are not UTF-8, at every place
+// of the eight-byte words it reads; to the output, to the record, and to
+// both. Lines that a run's clock spreads over its waits are not written one
+// wait at a time.
+#include "common/trace.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace tavrix {
+namespace {
+
+class Captured final : public OutputFile {
+ public:
+  Captured(std::string& bytes, int& writes) : bytes_(bytes), writes_(writes) {}
+  bool write(std::string_view bytes, std::string*) override {
+    bytes_.append(bytes);
+    ++writes_;
+    return true;
+  }
+
+ private:
+  std::string& bytes_;
+  int& writes_;
+};
+
+std::vector<std::string> Texts() {
+  const std::vector<std::string> specials = {"\"",
+                                             "\\",
+                                             std::string(1, '\0'),
+                                             "\x01",
+                                             "\t",
+                                             "\n",
+                                             "\x1F",
+                                             "\x7F",
+                                             "\x80",
+                                             "\x9D",
+                                             "\xC3\xA9",
+                                             "\xE2\x82\xAC",
+                                             "\xF0\x9F\x98\x80",
+                                             "\xC3",
+                                             "\xE2\x82",
+                                             "\xED\xA0\x80",
+                                             "\xC0\xAF",
+                                             "\xFF",
+                                             " ",
+                                             "~",
+                                             "/"};
+  std::vector<std::string> texts = {"", "SEND OUT, 1", "LABEL12345:", "REMARK line 17"};
+  // Each special byte (or sequence) at every place of texts up to three
+  // words long, so that it falls in each byte of a word and in the last,
+  // overlapping word.
+  for (const std::string& special : specials) {
+    for (size_t length = 0; length <= 24; ++length) {
+      for (size_t at = 0; at <= length; ++at) {
+        std::string text(length, 'a');
+        text.insert(at, special);
+        texts.push_back(text);
+      }
+    }
+  }
+  std::mt19937 random(32);
+  for (int i = 0; i < 2000; ++i) {
+    std::string text(random() % 40, ' ');
+    // Mostly printable, sometimes anything.
+    for (char& c : text)
+      c = static_cast<char>(random() % 8 == 0 ? random() % 256 : 0x20 + random() % 0x5F);
+    texts.push_back(text);
+  }
+  return texts;
+}
+
+TEST(Trace, ALinesEventIsWhatTheGeneralWriterWritesForAnyText) {
+  const std::vector<std::string> texts = Texts();
+  // Lines one after the other (their digits counted up, carries and all),
+  // the same line again, and numbers anywhere.
+  const std::vector<int> numbers = {
+      0,     1,         9,          10,         99,          100,   999,   1000,  9999,
+      10000, 54321,     99999,      100000,     123456,      65535, 12345, 12345, -1,
+      0,     -99999999, 2147483646, 2147483647, -2147483647, -2,    -1};
+  // Instants about the origin, rounded to the millisecond either way; in
+  // order, as a clock gives them.
+  const std::vector<Micros> instants = {-1500, -500, -499,       0,          499,
+                                        500,   1500, 61'234'567, 999'999'999};
+  const auto instant = [&](size_t i) { return instants[i * instants.size() / texts.size()]; };
+  std::string general;
+  {
+    // The general writer: the event built field by field.
+    VirtualClock clock(instants.front());
+    Trace trace(clock);
+    int writes = 0;
+    trace.setOutput(std::make_unique<Captured>(general, writes));
+    for (size_t i = 0; i < texts.size(); ++i) {
+      const int n = numbers[i % numbers.size()];
+      clock.advanceTo(instant(i));
+      trace.event("line").field("n", n).field("text", texts[i]);
+      // Its text is the literal the JSON library writes.
+      const std::string literal = nlohmann::json(utf8FromSequenceText(texts[i])).dump();
+      const std::string tail =
+          ",\"ev\":\"line\",\"n\":" + std::to_string(n) + ",\"text\":" + literal + "}\n";
+      ASSERT_GE(general.size(), tail.size());
+      EXPECT_EQ(general.substr(general.size() - tail.size()), tail) << i;
+    }
+  }
+  for (const int where : {0, 1, 2}) {  // the output, the record, both
+    VirtualClock clock(instants.front());
+    Trace trace(clock);
+    std::string out;
+    std::string record;
+    int writes = 0;
+    if (where != 1) trace.setOutput(std::make_unique<Captured>(out, writes));
+    if (where != 0) trace.setRecord(std::make_unique<Captured>(record, writes));
+    for (size_t i = 0; i < texts.size(); ++i)
+      trace.line(instant(i), numbers[i % numbers.size()], texts[i]);
+    trace.setRecord(nullptr);
+    EXPECT_EQ(out, where != 1 ? general : "") << where;
+    EXPECT_EQ(record, where != 0 ? general : "") << where;
+  }
+}
+
+TEST(Trace, ARunWhoseClockJumpsItsWaitsWritesItsLinesAFewTimesASecond) {
+  VirtualClock clock(0);
+  Trace trace(clock);
+  std::string record;
+  int writes = 0;
+  trace.setRecord(std::make_unique<Captured>(record, writes));
+  const auto start = std::chrono::steady_clock::now();
+  // A soak on the virtual clock: a minute of the run between lines.
+  constexpr int kTurns = 3000;
+  for (int i = 0; i < kTurns; ++i) {
+    trace.line(static_cast<Micros>(i) * 60 * kMicrosPerSecond, i, "WAITSECONDS 60");
+  }
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  const auto quarters = elapsed / std::chrono::milliseconds(250);
+  // The first minute writes (a quarter second of the run), then the lines
+  // wait for a quarter second of real time (or 64 KiB) however far the
+  // run's clock goes.
+  EXPECT_GE(writes, 1);
+  EXPECT_LE(writes, 2 + 2 * quarters + static_cast<int>(record.size() / (64 * 1024)));
+  trace.setRecord(nullptr);
+  EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), kTurns);
+  EXPECT_EQ(record.substr(record.rfind('{')),
+            "{\"t\":179940.000,\"ev\":\"line\",\"n\":2999,\"text\":\"WAITSECONDS 60\"}\n");
+}
+
+}  // namespace
+}  // namespace tavrix
