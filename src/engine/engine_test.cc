@@ -37,7 +37,7 @@ struct EngineFiles {
     config.files = std::move(owned);
     config.op = &op;
     std::string error;
-    EXPECT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, error))
+    EXPECT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, &error))
         << error;
     config.link = "sim";
     EngineBuildError problem;
