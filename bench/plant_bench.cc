@@ -18,7 +18,7 @@
 #include "resultsdb/results_analytics.h"
 #include "resultsdb/results_store.h"
 #include "resultsdb/station_status.h"
-#include "resultsdb/throwaway_postgres.h"
+#include "testing/throwaway_postgres.h"
 
 namespace {
 

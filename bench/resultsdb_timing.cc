@@ -16,7 +16,7 @@
 #include "engine/engine.h"
 #include "machine_door.h"
 #include "resultsdb/results_recorder.h"
-#include "resultsdb/store_test_support.h"
+#include "testing/store_fixture.h"
 #include "timing.h"
 
 namespace tavrix::bench {

@@ -14,6 +14,7 @@
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
 #include "machine_door.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix::bench {
 namespace {

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "calcchan/evaluation.h"
-#include "calcchan/fake_channels.h"
 #include "common/clock.h"
 #include "fuzz_support.h"
 #include "machine_door.h"
+#include "testing/fake_channels.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;

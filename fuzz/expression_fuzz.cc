@@ -10,10 +10,10 @@
 #include <string_view>
 
 #include "calcchan/expressions.h"
-#include "calcchan/fake_channels.h"
 #include "common/file_system.h"
 #include "fuzz_support.h"
 #include "machine_door.h"
+#include "testing/fake_channels.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "indexing/index_files.h"
+#include "testing/memory_file_system.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;

@@ -36,6 +36,7 @@
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
 #include "instrument/simrig/sim_rig.h"
+#include "testing/memory_file_system.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

@@ -8,7 +8,8 @@
 
 #include "common/civil_time.h"
 #include "engine/engine.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {

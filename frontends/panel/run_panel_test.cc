@@ -6,26 +6,20 @@
 #include <gtest/gtest.h>
 
 #include "engine/engine.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_engine.h"
 
 namespace tavrix {
 namespace {
 
-constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
-
 class RunPanelTest : public ::testing::Test {
  protected:
   RunPanelTest() {
-    auto files = std::make_unique<MemoryFileSystem>("/data");
-    files_ = files.get();
-    EngineConfig config;
-    config.clock = std::make_unique<VirtualClock>(kStart);
-    config.files = std::move(files);
-    config.op = &op_;
-    engine_ = BuildEngine(std::move(config));
-    first_ = engine_->subscribe([this](const RunEvent& e) { Take(e); });
-    second_ = engine_->subscribe([this](const RunEvent& e) { other_.apply(e); });
+    first_ = engine().subscribe([this](const RunEvent& e) { Take(e); });
+    second_ = engine().subscribe([this](const RunEvent& e) { other_.apply(e); });
   }
+
+  Engine& engine() { return rig_.engine(); }
+  MemoryFileSystem& files() { return rig_.files(); }
 
   void Take(const RunEvent& event) {
     panel_.apply(event);
@@ -33,14 +27,12 @@ class RunPanelTest : public ::testing::Test {
   }
 
   void Prepare(const std::string& text) {
-    files_->put("/data/main.wts", text);
-    engine_->prepare("/data/main.wts");
-    engine_->events().processPendingEvents();
+    files().put("/data/main.wts", text);
+    engine().prepare("/data/main.wts");
+    engine().events().processPendingEvents();
   }
 
-  RecordingOperator op_;
-  MemoryFileSystem* files_ = nullptr;
-  std::unique_ptr<Engine> engine_;
+  MemoryEngine rig_;
   RunPanel panel_;
   RunPanel other_;
   std::function<void(const RunEvent&)> onEvent;
@@ -60,8 +52,8 @@ TEST_F(RunPanelTest, AFreeRunLocksTheFileItemsAndFreesRunAtItsEnd) {
   onEvent = [&](const RunEvent& e) {
     if (e.kind == RunEventKind::kLine) during.push_back(panel_.controls());
   };
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   ASSERT_EQ(during.size(), 2u);
   for (const RunControls& c : during) {
     EXPECT_FALSE(c.runEnabled);
@@ -92,11 +84,11 @@ TEST_F(RunPanelTest, TheSingleStepBoxStepsUntilRunFreesTheRun) {
     if (e.kind != RunEventKind::kHold) return;
     atHold.push_back(panel_.controls());
     EXPECT_TRUE(panel_.held());
-    if (atHold.size() == 1) engine_->step();
-    if (atHold.size() == 2) engine_->start();  // Run: on freely from here
+    if (atHold.size() == 1) engine().step();
+    if (atHold.size() == 2) engine().start();  // Run: on freely from here
   };
-  engine_->startStepping();
-  engine_->events().processPendingEvents();
+  engine().startStepping();
+  engine().events().processPendingEvents();
   ASSERT_EQ(atHold.size(), 2u);
   for (const RunControls& c : atHold) {
     EXPECT_TRUE(c.runEnabled && c.stopEnabled && c.stepEnabled && c.skipEnabled);
@@ -120,8 +112,8 @@ TEST_F(RunPanelTest, NonStopTakesStopAwayForTheRun) {
     if (e.kind == RunEventKind::kLine && e.line == 2)
       stopDuringWait = panel_.controls().stopEnabled;
   };
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   EXPECT_FALSE(stopDuringWait);
   EXPECT_TRUE(panel_.controls().runEnabled);
 }
@@ -131,8 +123,8 @@ TEST_F(RunPanelTest, NonStopTakesStopAwayForTheRun) {
 TEST_F(RunPanelTest, TellsHowTheRunEndedAndStopLeavesTheHeldLineOut) {
   Prepare("WAITSECONDS 1\r\n");
   EXPECT_EQ(panel_.endText(), "");
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   EXPECT_EQ(panel_.endText(), "Ended: end of file");
   EXPECT_FALSE(panel_.endedInError());
 
@@ -141,32 +133,32 @@ TEST_F(RunPanelTest, TellsHowTheRunEndedAndStopLeavesTheHeldLineOut) {
   onEvent = [&](const RunEvent& e) {
     if (e.kind == RunEventKind::kLine) duringRun.push_back(panel_.endText());
   };
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   EXPECT_EQ(duringRun, (std::vector<std::string>{"", ""}));
   EXPECT_EQ(panel_.endText(), "Ended: sequence error at line 2");
   EXPECT_TRUE(panel_.endedInError());
 
   Prepare("WAITSECONDS 1\r\nSTOP\r\nWAITSECONDS 1\r\n");
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   EXPECT_EQ(panel_.endText(), "Ended: STOP in the sequence");
   EXPECT_FALSE(panel_.endedInError());
 
   // Stepping: line 1 is stepped, line 2 is held when Stop is pressed and
   // never runs (run, its bad figure would end the run with an error).
   Prepare("WAITSECONDS 1\r\nWAITSECONDS abc\r\n");
-  const Micros before = engine_->clock().now();
+  const Micros before = engine().clock().now();
   int holds = 0;
   onEvent = [&](const RunEvent& e) {
     if (e.kind != RunEventKind::kHold) return;
-    if (++holds == 1) engine_->step();
-    if (holds == 2) engine_->stop();
+    if (++holds == 1) engine().step();
+    if (holds == 2) engine().stop();
   };
-  engine_->startStepping();
-  engine_->events().processPendingEvents();
+  engine().startStepping();
+  engine().events().processPendingEvents();
   EXPECT_EQ(holds, 2);
-  EXPECT_EQ(engine_->clock().now() - before, kMicrosPerSecond);
+  EXPECT_EQ(engine().clock().now() - before, kMicrosPerSecond);
   EXPECT_EQ(panel_.endText(), "Ended: Stop");
   EXPECT_FALSE(panel_.held());
 }
@@ -190,10 +182,10 @@ TEST_F(RunPanelTest, AWaitCountsDownInMinutesAndSeconds) {
   };
   // Something else on the engine's loop (an alarm poll) wakes the wait
   // every 100 s, so that it shows its count-down on the way.
-  Timer poll(engine_->events(), 100 * kMicrosPerSecond, [] {});
+  Timer poll(engine().events(), 100 * kMicrosPerSecond, [] {});
   poll.setEnabled(true);
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   poll.setEnabled(false);
   ASSERT_GE(seen.size(), 3u);
   for (size_t i = 0; i < seen.size(); ++i) {

@@ -7,25 +7,16 @@
 #include <gtest/gtest.h>
 
 #include "engine/engine.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_engine.h"
 
 namespace tavrix {
 namespace {
 
-constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
-
 class SequenceViewTest : public ::testing::Test {
  protected:
   SequenceViewTest() {
-    auto files = std::make_unique<MemoryFileSystem>("/data");
-    files_ = files.get();
-    EngineConfig config;
-    config.clock = std::make_unique<VirtualClock>(kStart);
-    config.files = std::move(files);
-    config.op = &op_;
-    engine_ = BuildEngine(std::move(config));
-    breakpoints_ = std::make_unique<Breakpoints>(*engine_);
-    events_ = engine_->subscribe([this](const RunEvent& e) {
+    breakpoints_ = std::make_unique<Breakpoints>(engine());
+    events_ = engine().subscribe([this](const RunEvent& e) {
       view_.apply(e);
       if (onEvent) onEvent(e);
     });
@@ -35,13 +26,16 @@ class SequenceViewTest : public ::testing::Test {
     breakpoints_.reset();
   }
 
+  Engine& engine() { return rig_.engine(); }
+  MemoryFileSystem& files() { return rig_.files(); }
+
   void Prepare(const std::string& path, const std::string& text) {
-    files_->put(path, text);
-    engine_->prepare(path);
-    engine_->events().processPendingEvents();
+    files().put(path, text);
+    engine().prepare(path);
+    engine().events().processPendingEvents();
     std::vector<std::string> lines;
     std::string error;
-    ASSERT_TRUE(SequenceView::ReadLines(*files_, path, lines, &error)) << error;
+    ASSERT_TRUE(SequenceView::ReadLines(files(), path, lines, &error)) << error;
     view_.load(path, std::move(lines));
   }
 
@@ -55,9 +49,7 @@ class SequenceViewTest : public ::testing::Test {
     return error;
   }
 
-  RecordingOperator op_;
-  MemoryFileSystem* files_ = nullptr;
-  std::unique_ptr<Engine> engine_;
+  MemoryEngine rig_;
   std::unique_ptr<Breakpoints> breakpoints_;
   SequenceView view_;
   std::function<void(const RunEvent&)> onEvent;
@@ -142,16 +134,16 @@ TEST_F(SequenceViewTest, TheMarginAndTheFormSetBreakpointsThatHoldTheRunAndSayWh
     EXPECT_FALSE(view_.line(e.line == 3 ? 4 : 3).current);
     if (holds.size() == 1) {
       Carry(view_.toggle(4));
-      engine_->start();
+      engine().start();
     } else if (holds.size() == 2) {
-      engine_->step();
+      engine().step();
     } else {
       Carry(view_.clearAll());
-      engine_->start();
+      engine().start();
     }
   };
-  engine_->start();
-  engine_->events().processPendingEvents();
+  engine().start();
+  engine().events().processPendingEvents();
   ASSERT_EQ(holds.size(), 3u);
   EXPECT_EQ(holds[0], "Held before line 4 by breakpoint 2 (line 4, hit 1 time)");
   EXPECT_EQ(holds[1],
@@ -165,7 +157,7 @@ TEST_F(SequenceViewTest, TheMarginAndTheFormSetBreakpointsThatHoldTheRunAndSayWh
 }
 
 TEST_F(SequenceViewTest, ALineOfAChainedFileIsNotMarkedInThePreparedOne) {
-  files_->put("/data/other.wts", "WAITSECONDS 1\r\nWAITSECONDS 1\r\n");
+  files().put("/data/other.wts", "WAITSECONDS 1\r\nWAITSECONDS 1\r\n");
   Prepare("/data/main.wts", "CHAIN /data/other.wts\r\nSTOP\r\n");
   std::vector<std::string> holds;
   std::vector<int32_t> current;
@@ -174,13 +166,13 @@ TEST_F(SequenceViewTest, ALineOfAChainedFileIsNotMarkedInThePreparedOne) {
     if (e.kind != RunEventKind::kHold) return;
     holds.push_back(view_.holdText());
     if (holds.size() < 3) {
-      engine_->step();
+      engine().step();
     } else {
-      engine_->stop();
+      engine().stop();
     }
   };
-  engine_->startStepping();
-  engine_->events().processPendingEvents();
+  engine().startStepping();
+  engine().events().processPendingEvents();
   ASSERT_EQ(holds.size(), 3u);
   EXPECT_EQ(holds[0], "Held before line 1 (single step)");
   EXPECT_EQ(holds[1], "Held before line 1 of /data/other.wts (single step)");
@@ -193,14 +185,14 @@ TEST_F(SequenceViewTest, ALineOfAChainedFileIsNotMarkedInThePreparedOne) {
   Carry(view_.toggle(2));
   std::string error;
   Carry(*SequenceView::Addition("T1 > 80", true, 1, &error));
-  engine_->prepare("/data/other.wts");
-  engine_->events().processPendingEvents();
+  engine().prepare("/data/other.wts");
+  engine().events().processPendingEvents();
   EXPECT_EQ(view_.lineCount(), 0);
   ASSERT_EQ(breakpoints_->list().size(), 1u);
   EXPECT_EQ(breakpoints_->list()[0].kind, Breakpoint::Kind::kCondition);
   EXPECT_EQ(view_.file(), "/data/other.wts");
   std::vector<std::string> lines{"old"};
-  EXPECT_FALSE(SequenceView::ReadLines(*files_, "/data/none.wts", lines, &error));
+  EXPECT_FALSE(SequenceView::ReadLines(files(), "/data/none.wts", lines, &error));
   EXPECT_FALSE(error.empty());
   EXPECT_TRUE(lines.empty());
 }

@@ -31,8 +31,8 @@
 #include "instrument/tcp/link_key.h"
 #include "panel/plant_view_launcher.h"
 #include "resultsdb/station_status.h"
-#include "resultsdb/store_test_support.h"
 #include "station_publisher.h"
+#include "testing/store_fixture.h"
 #include "testing/test_files.h"
 
 namespace tavrix::plant {

@@ -58,8 +58,8 @@
 #include "question_dialogs.h"
 #include "report_dialog.h"
 #include "resultsdb/results_store.h"
-#include "sequencer/recording_operator.h"
 #include "station_view.h"
+#include "testing/recording_operator.h"
 #include "testing/test_files.h"
 #include "window_engine.h"
 

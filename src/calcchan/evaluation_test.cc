@@ -4,9 +4,10 @@
 
 #include <fstream>
 
-#include "calcchan/fake_channels.h"
 #include "calcchan/summary_files.h"
 #include "common/text_file.h"
+#include "testing/fake_channels.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {

@@ -6,7 +6,8 @@
 #include <cmath>
 #include <fstream>
 
-#include "calcchan/fake_channels.h"
+#include "testing/fake_channels.h"
+#include "testing/memory_file_system.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

@@ -5,7 +5,8 @@
 
 #include <fstream>
 
-#include "calcchan/fake_channels.h"
+#include "testing/fake_channels.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {

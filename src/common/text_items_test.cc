@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/text_file.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {

@@ -11,31 +11,20 @@
 #include <mutex>
 #include <thread>
 
-#include "sequencer/recording_operator.h"
+#include "testing/memory_engine.h"
 
 namespace tavrix {
 namespace {
 
-constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
-
-struct Rig {
-  RecordingOperator op;
-  MemoryFileSystem* files = nullptr;
-  std::unique_ptr<Engine> engine;
-
-  explicit Rig(const std::string& text) {
-    auto ownedFiles = std::make_unique<MemoryFileSystem>("/data");
-    files = ownedFiles.get();
-    files->put("/data/c/rig.ims", "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
-    files->put("/data/main.wts", text);
-    EngineConfig config;
-    config.clock = std::make_unique<VirtualClock>(kStart);
-    config.files = std::move(ownedFiles);
-    config.op = &op;
-    config.link = "sim";
-    engine = BuildEngine(std::move(config));
+// An engine on the simulated rig, with `text` prepared as /data/main.wts.
+class Rig : public MemoryEngine {
+ public:
+  explicit Rig(const std::string& text)
+      : MemoryEngine([](EngineConfig& config) { config.link = "sim"; }) {
+    files().put("/data/c/rig.ims", "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
+    files().put("/data/main.wts", text);
     std::string error;
-    EXPECT_TRUE(engine->sequencer().prepareFile("/data/main.wts", &error)) << error;
+    EXPECT_TRUE(engine().sequencer().prepareFile("/data/main.wts", &error)) << error;
   }
 };
 
@@ -54,7 +43,7 @@ const char* const kLoop =
 TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockStandsStill) {
   Rig rig(std::string("IMSFILESPEC c:\\rig.ims\r\nSEND OUT, 0\r\n") + kLoop);
   // The loop file moved down by two lines: TOP is line 4, line 5 follows it.
-  Breakpoints breakpoints(*rig.engine);
+  Breakpoints breakpoints(rig.engine());
   std::string error;
   const auto label = breakpoints.add("TOP:2", false, &error);
   ASSERT_TRUE(label) << error;
@@ -62,10 +51,10 @@ TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockSt
   ASSERT_TRUE(line) << error;
   const auto condition = breakpoints.add("OUT > 10", true, &error);
   ASSERT_TRUE(condition) << error;
-  auto trace = rig.engine->files().create("/data/trace.jsonl", nullptr);
+  auto trace = rig.engine().files().create("/data/trace.jsonl", nullptr);
   ASSERT_NE(trace, nullptr);
-  rig.engine->trace().setOutput(std::move(trace));
-  rig.engine->trace().setOrigin(kStart);
+  rig.engine().trace().setOutput(std::move(trace));
+  rig.engine().trace().setOrigin(kTestStart);
 
   // Another thread plays the person at the terminal: it waits for each hold,
   // then resumes; the engine thread meanwhile has nothing to do.
@@ -74,7 +63,7 @@ TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockSt
   int holds = 0;
   std::vector<std::string> seen;
   std::vector<Micros> heldAt, releasedAt;
-  auto listener = rig.engine->subscribe([&](const RunEvent& e) {
+  auto listener = rig.engine().subscribe([&](const RunEvent& e) {
     std::lock_guard guard(mutex);
     if (e.kind == RunEventKind::kHold) {
       seen.push_back(std::to_string(e.line) + " " + e.title + " " + std::to_string(e.number));
@@ -94,10 +83,10 @@ TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockSt
       changed.wait(lock, [&] { return holds < 0 || holds > answered; });
       if (holds < 0) return;
       lock.unlock();
-      rig.engine->resume();
+      rig.engine().resume();
     }
   });
-  EXPECT_EQ(rig.engine->run(), EndReason::kEndOfFile);
+  EXPECT_EQ(rig.engine().run(), EndReason::kEndOfFile);
   person.join();
   listener.reset();
 
@@ -110,7 +99,7 @@ TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockSt
                                             "10 break " + std::to_string(*line)}));
   ASSERT_EQ(heldAt.size(), releasedAt.size());
   for (size_t i = 0; i < heldAt.size(); ++i) EXPECT_EQ(heldAt[i], releasedAt[i]) << "hold " << i;
-  EXPECT_EQ(rig.engine->clock().now() - kStart, 31 * kMicrosPerSecond);
+  EXPECT_EQ(rig.engine().clock().now() - kTestStart, 31 * kMicrosPerSecond);
   const auto list = breakpoints.list();
   ASSERT_EQ(list.size(), 3u);
   EXPECT_EQ(list[0].hits, 4);
@@ -119,7 +108,7 @@ TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockSt
   EXPECT_EQ(DescribeBreakpoint(list[0]), "label TOP (line 5), from hit 2, hit 4 times");
 
   std::string text;
-  rig.files->readFile("/data/trace.jsonl", text, nullptr);
+  rig.files().readFile("/data/trace.jsonl", text, nullptr);
   EXPECT_NE(text.find(R"("ev":"hold","n":5,"reason":"break","id":)" + breakId), std::string::npos)
       << text;
   EXPECT_NE(text.find(R"("ev":"resume","by":"resume")"), std::string::npos) << text;
@@ -127,35 +116,35 @@ TEST(Breakpoints, LineLabelAndConditionHoldTheRunWithTheirHitCountsAndTheClockSt
 
 TEST(Breakpoints, PauseAndStepHoldsSayWhyAndABreakpointCanBeCleared) {
   Rig rig("WAITSECONDS 1\r\nWAITSECONDS 2\r\nWAITSECONDS 4\r\nWAITSECONDS 8\r\n");
-  Breakpoints breakpoints(*rig.engine);
+  Breakpoints breakpoints(rig.engine());
   std::string error;
   const auto cleared = breakpoints.add("4", false, &error);
   ASSERT_TRUE(cleared) << error;
   std::vector<std::string> seen;
-  auto listener = rig.engine->subscribe([&](const RunEvent& e) {
+  auto listener = rig.engine().subscribe([&](const RunEvent& e) {
     if (e.kind != RunEventKind::kHold) return;
     seen.push_back(std::to_string(e.line) + " " + e.title);
     if (seen.size() == 1) {
-      rig.engine->step();
+      rig.engine().step();
     } else {
       // Cleared while the run holds: line 4 runs freely.
       EXPECT_TRUE(breakpoints.remove(*cleared));
       EXPECT_FALSE(breakpoints.remove(*cleared));
-      rig.engine->resume();
+      rig.engine().resume();
     }
   });
-  Timer pauser(rig.engine->events(), kMicrosPerSecond / 2, [&] {
+  Timer pauser(rig.engine().events(), kMicrosPerSecond / 2, [&] {
     pauser.setEnabled(false);
-    rig.engine->pause();
+    rig.engine().pause();
   });
   pauser.setEnabled(true);
-  EXPECT_EQ(rig.engine->run(), EndReason::kEndOfFile);
+  EXPECT_EQ(rig.engine().run(), EndReason::kEndOfFile);
   EXPECT_EQ(seen, (std::vector<std::string>{"2 pause", "3 step"}));
 }
 
 TEST(Breakpoints, ABadBreakpointIsRefusedWithTheReason) {
   Rig rig(kLoop);
-  Breakpoints breakpoints(*rig.engine);
+  Breakpoints breakpoints(rig.engine());
   const auto refused = [&](const std::string& spec, bool condition) {
     std::string error;
     EXPECT_FALSE(breakpoints.add(spec, condition, &error)) << spec;

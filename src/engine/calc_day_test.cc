@@ -11,7 +11,8 @@
 #include "common/text_file.h"
 #include "engine/engine.h"
 #include "instrument/link/instrument_settings.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

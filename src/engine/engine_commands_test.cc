@@ -10,103 +10,85 @@
 #include <thread>
 
 #include "engine/engine.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_engine.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {
 
-constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
-
-// One engine on its own virtual clock and in-memory files below `root`.
-struct Rig {
-  RecordingOperator op;
-  MemoryFileSystem* files = nullptr;
-  VirtualClock* clock = nullptr;
-  std::unique_ptr<Engine> engine;
-
-  Rig(const std::string& root, Micros start, const std::string& setup) {
-    auto ownedFiles = std::make_unique<MemoryFileSystem>(root);
-    files = ownedFiles.get();
-    auto ownedClock = std::make_unique<VirtualClock>(start);
-    clock = ownedClock.get();
-    files->put(root + "/c/rig.ims", setup);
-    EngineConfig config;
-    config.clock = std::move(ownedClock);
-    config.files = std::move(ownedFiles);
-    config.op = &op;
-    config.link = "sim";
-    EngineBuildError error;
-    engine = BuildEngine(std::move(config), &error);
-    EXPECT_NE(engine, nullptr) << error.text;
+// One engine on its own virtual clock and in-memory files below `root`,
+// with the simulated rig set up from `setup`.
+class Rig : public MemoryEngine {
+ public:
+  Rig(const std::string& root, Micros start, const std::string& setup)
+      : MemoryEngine([](EngineConfig& config) { config.link = "sim"; }, root, start) {
+    files().put(root + "/c/rig.ims", setup);
   }
 
   void Prepare(const std::string& text) {
-    files->put(files->dataRoot() + "/main.wts", text);
+    files().put(files().dataRoot() + "/main.wts", text);
     std::string error;
-    EXPECT_TRUE(engine->sequencer().prepareFile(files->dataRoot() + "/main.wts", &error)) << error;
-  }
-
-  std::string Read(const std::string& path) const {
-    std::string text;
-    files->readFile(path, text, nullptr);
-    return text;
+    EXPECT_TRUE(engine().sequencer().prepareFile(files().dataRoot() + "/main.wts", &error))
+        << error;
   }
 
   double Elapsed(Micros start) const {
-    return static_cast<double>(clock->now() - start) / kMicrosPerSecond;
+    return static_cast<double>(clock().now() - start) / kMicrosPerSecond;
   }
 };
 
 TEST(Engines, TwoEnginesRunAtOnceEachWithItsOwnRigFilesAndClock) {
-  Rig a("/station-a", kStart,
+  Rig a("/station-a", kTestStart,
         "D 1 MONITORS=1\n  10001 E=1 M=A N=HEATER U=%\n  10002 E=1 M=A N=OUT\n");
-  Rig b("/station-b", kStart + 3600 * kMicrosPerSecond, "D 1 MONITORS=1\n  10001 E=1 M=A N=PUMP\n");
+  Rig b("/station-b", kTestStart + 3600 * kMicrosPerSecond,
+        "D 1 MONITORS=1\n  10001 E=1 M=A N=PUMP\n");
   a.Prepare(
       "IMSFILESPEC c:\\rig.ims\r\nSEND OUT, 7\r\nLOGONCE c:\\log.txt, from a\r\nWAITSECONDS 5\r\n");
   b.Prepare(
       "IMSFILESPEC c:\\rig.ims\r\nSEND PUMP, 3\r\nLOGONCE c:\\log.txt, from b\r\n"
       "WAITSECONDS 50\r\n");
   std::vector<std::string> linesA, linesB;
-  auto seenA = a.engine->subscribe([&](const RunEvent& e) {
+  auto seenA = a.engine().subscribe([&](const RunEvent& e) {
     if (e.kind == RunEventKind::kLine) linesA.push_back(e.text);
   });
-  auto seenB = b.engine->subscribe([&](const RunEvent& e) {
+  auto seenB = b.engine().subscribe([&](const RunEvent& e) {
     if (e.kind == RunEventKind::kLine) linesB.push_back(e.text);
   });
 
   // Each engine runs on a thread of its own, both at once.
   EndReason endA = EndReason::kNone, endB = EndReason::kNone;
-  std::thread runA([&] { endA = a.engine->run(); });
-  std::thread runB([&] { endB = b.engine->run(); });
+  std::thread runA([&] { endA = a.engine().run(); });
+  std::thread runB([&] { endB = b.engine().run(); });
   runA.join();
   runB.join();
 
   EXPECT_EQ(endA, EndReason::kEndOfFile);
   EXPECT_EQ(endB, EndReason::kEndOfFile);
-  EXPECT_TRUE(a.op.messages.empty()) << a.op.messages.front();
-  EXPECT_TRUE(b.op.messages.empty()) << b.op.messages.front();
-  EXPECT_DOUBLE_EQ(a.Elapsed(kStart), 5.0);
-  EXPECT_DOUBLE_EQ(b.Elapsed(kStart + 3600 * kMicrosPerSecond), 50.0);
+  EXPECT_TRUE(a.op().messages.empty()) << a.op().messages.front();
+  EXPECT_TRUE(b.op().messages.empty()) << b.op().messages.front();
+  EXPECT_DOUBLE_EQ(a.Elapsed(kTestStart), 5.0);
+  EXPECT_DOUBLE_EQ(b.Elapsed(kTestStart + 3600 * kMicrosPerSecond), 50.0);
   EXPECT_EQ(linesA.at(1), "SEND OUT, 7");
   EXPECT_EQ(linesB.at(1), "SEND PUMP, 3");
   EXPECT_EQ(linesA.size(), 4u);
   EXPECT_EQ(linesB.size(), 4u);
 
   // Each wrote its own log, in its own files, and holds its own channels.
-  EXPECT_NE(a.Read("/station-a/c/log.txt").find("from a"), std::string::npos);
-  EXPECT_NE(b.Read("/station-b/c/log.txt").find("from b"), std::string::npos);
-  EXPECT_FALSE(a.files->isFile("/station-b/c/log.txt"));
-  EXPECT_FALSE(b.files->isFile("/station-a/c/log.txt"));
+  EXPECT_NE(a.read("/station-a/c/log.txt").find("from a"), std::string::npos);
+  EXPECT_NE(b.read("/station-b/c/log.txt").find("from b"), std::string::npos);
+  EXPECT_FALSE(a.files().isFile("/station-b/c/log.txt"));
+  EXPECT_FALSE(b.files().isFile("/station-a/c/log.txt"));
   std::string value;
-  EXPECT_TRUE(a.engine->instrument()->channels().ReadChannel("OUT", value));
+  EXPECT_TRUE(a.engine().instrument()->channels().ReadChannel("OUT", value));
   EXPECT_EQ(value, "7");
-  EXPECT_FALSE(b.engine->instrument()->channels().ReadChannel("OUT", value));
-  EXPECT_TRUE(b.engine->instrument()->channels().ReadChannel("PUMP", value));
+  EXPECT_FALSE(b.engine().instrument()->channels().ReadChannel("OUT", value));
+  EXPECT_TRUE(b.engine().instrument()->channels().ReadChannel("PUMP", value));
   EXPECT_EQ(value, "3");
 }
 
 TEST(Engines, TwoFrontEndsHearTheSameEventsAndOneMayLetGoMidRun) {
-  Rig rig("/data", kStart, "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
+  Rig rig("/data", kTestStart, "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
   rig.Prepare("WAITSECONDS 1\r\nSEND OUT, 2\r\nWAITSECONDS 1\r\nGOTO NOWHERE\r\n");
   struct Seen {
     RunEventKind kind;
@@ -118,10 +100,10 @@ TEST(Engines, TwoFrontEndsHearTheSameEventsAndOneMayLetGoMidRun) {
   const auto record = [](std::vector<Seen>& into) {
     return [&into](const RunEvent& e) { into.push_back({e.kind, e.line, e.text}); };
   };
-  auto one = rig.engine->subscribe(record(first));
-  auto two = rig.engine->subscribe(record(second));
+  auto one = rig.engine().subscribe(record(first));
+  auto two = rig.engine().subscribe(record(second));
   RunEventBus::Subscription three;
-  three = rig.engine->subscribe([&](const RunEvent& e) {
+  three = rig.engine().subscribe([&](const RunEvent& e) {
     third.push_back({e.kind, e.line, e.text});
     // The third lets go of its own subscription inside its handler.
     if (e.kind == RunEventKind::kLine && e.line == 2) three.reset();
@@ -130,10 +112,10 @@ TEST(Engines, TwoFrontEndsHearTheSameEventsAndOneMayLetGoMidRun) {
   std::atomic<bool> done{false};
   std::thread churn([&] {
     while (!done) {
-      auto passing = rig.engine->subscribe([](const RunEvent&) {});
+      auto passing = rig.engine().subscribe([](const RunEvent&) {});
     }
   });
-  EXPECT_EQ(rig.engine->run(), EndReason::kError);
+  EXPECT_EQ(rig.engine().run(), EndReason::kError);
   done = true;
   churn.join();
 
@@ -157,13 +139,13 @@ TEST(Engines, TwoFrontEndsHearTheSameEventsAndOneMayLetGoMidRun) {
 }
 
 TEST(Engines, PauseStepSkipAndResumeHoldTheRunBetweenLinesInVirtualTime) {
-  Rig rig("/data", kStart, "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
+  Rig rig("/data", kTestStart, "D 1 MONITORS=1\n  10001 E=1 M=A N=OUT\n");
   rig.Prepare(
       "WAITSECONDS 1\r\nWAITSECONDS 2\r\nWAITSECONDS 4\r\nWAITSECONDS 8\r\n"
       "WAITSECONDS 16\r\n");
   std::vector<std::string> seen;
   std::vector<double> heldAt;
-  auto control = rig.engine->subscribe([&](const RunEvent& e) {
+  auto control = rig.engine().subscribe([&](const RunEvent& e) {
     switch (e.kind) {
       case RunEventKind::kLine:
         seen.push_back("line " + std::to_string(e.line));
@@ -173,10 +155,10 @@ TEST(Engines, PauseStepSkipAndResumeHoldTheRunBetweenLinesInVirtualTime) {
         break;
       case RunEventKind::kHold:
         seen.push_back("hold " + std::to_string(e.line));
-        heldAt.push_back(rig.Elapsed(kStart));
-        if (heldAt.size() == 1) rig.engine->step();
-        if (heldAt.size() == 2) rig.engine->skip();
-        if (heldAt.size() == 3) rig.engine->resume();
+        heldAt.push_back(rig.Elapsed(kTestStart));
+        if (heldAt.size() == 1) rig.engine().step();
+        if (heldAt.size() == 2) rig.engine().skip();
+        if (heldAt.size() == 3) rig.engine().resume();
         break;
       case RunEventKind::kRelease:
         seen.push_back("release " + e.text);
@@ -190,20 +172,20 @@ TEST(Engines, PauseStepSkipAndResumeHoldTheRunBetweenLinesInVirtualTime) {
   });
   // A front end pauses half-way through the first line's wait: the line
   // runs to its end and the run holds before the second.
-  Timer pauser(rig.engine->events(), kMicrosPerSecond / 2, [&] {
+  Timer pauser(rig.engine().events(), kMicrosPerSecond / 2, [&] {
     pauser.setEnabled(false);
-    rig.engine->pause();
+    rig.engine().pause();
   });
   pauser.setEnabled(true);
-  EXPECT_EQ(rig.engine->run(), EndReason::kEndOfFile);
+  EXPECT_EQ(rig.engine().run(), EndReason::kEndOfFile);
   EXPECT_EQ(seen, (std::vector<std::string>{"line 1", "paused", "line 2", "hold 2", "release step",
                                             "line 3", "hold 3", "release skip", "line 4", "hold 4",
                                             "resumed", "release resume", "line 5"}));
   // Each hold came after the line before it had run in full; the holds
   // themselves took no time, and every line ran.
   EXPECT_EQ(heldAt, (std::vector<double>{1.0, 3.0, 7.0}));
-  EXPECT_DOUBLE_EQ(rig.Elapsed(kStart), 31.0);
-  EXPECT_FALSE(rig.engine->sequencer().flags().singleStepMode);
+  EXPECT_DOUBLE_EQ(rig.Elapsed(kTestStart), 31.0);
+  EXPECT_FALSE(rig.engine().sequencer().flags().singleStepMode);
 }
 
 TEST(Engines, ABuildWithoutItsPartsOrWithAnUnknownLinkIsRefusedWithTheReason) {
@@ -213,7 +195,7 @@ TEST(Engines, ABuildWithoutItsPartsOrWithAnUnknownLinkIsRefusedWithTheReason) {
   EXPECT_EQ(error.part, EnginePart::kConfig);
 
   EngineConfig config;
-  config.clock = std::make_unique<VirtualClock>(kStart);
+  config.clock = std::make_unique<VirtualClock>(kTestStart);
   config.files = std::make_unique<MemoryFileSystem>("/data");
   config.op = &op;
   config.link = "carrier-pigeon";
@@ -222,7 +204,7 @@ TEST(Engines, ABuildWithoutItsPartsOrWithAnUnknownLinkIsRefusedWithTheReason) {
   EXPECT_NE(error.text.find("carrier-pigeon"), std::string::npos) << error.text;
 
   EngineConfig answers;
-  answers.clock = std::make_unique<VirtualClock>(kStart);
+  answers.clock = std::make_unique<VirtualClock>(kTestStart);
   answers.files = std::make_unique<MemoryFileSystem>("/data");
   answers.op = &op;
   answers.companionAnswers = {"no equals sign"};

@@ -10,60 +10,43 @@
 #include "common/file_system.h"
 #include "common/text_file.h"
 #include "instrument/link/instrument_settings.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_engine.h"
 
 namespace tavrix {
 namespace {
-
-constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
 
 constexpr std::string_view kRig =
     "D 1 MONITORS=1\n"
     "  10001 E=1 M=A N=HEATER U=%\n"
     "  10002 E=1 M=A N=OUT\n";
 
-struct EngineFiles {
-  RecordingOperator op;
-  MemoryFileSystem* files = nullptr;
-  std::unique_ptr<Engine> engine;
-
-  // An engine whose settings file maps drive Q to /rigs/q; the data root
-  // is /data, so a path of drive Q that missed the map would land in /data/q.
-  EngineFiles() {
-    auto owned = std::make_unique<MemoryFileSystem>("/data");
-    files = owned.get();
-    EngineConfig config;
-    config.clock = std::make_unique<VirtualClock>(kStart);
-    config.files = std::move(owned);
-    config.op = &op;
-    std::string error;
-    EXPECT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, &error))
-        << error;
-    config.link = "sim";
-    EngineBuildError problem;
-    engine = BuildEngine(std::move(config), &problem);
-    EXPECT_NE(engine, nullptr) << problem.text;
-    files->makeFolders("/rigs/q", nullptr);
-    files->makeFolders("/data/q", nullptr);
+// An engine whose settings file maps drive Q to /rigs/q; the data root is
+// /data, so a path of drive Q that missed the map would land in /data/q.
+class EngineFiles : public MemoryEngine {
+ public:
+  EngineFiles()
+      : MemoryEngine([](EngineConfig& config) {
+          std::string error;
+          EXPECT_TRUE(
+              ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, &error))
+              << error;
+          config.link = "sim";
+        }) {
+    files().makeFolders("/rigs/q", nullptr);
+    files().makeFolders("/data/q", nullptr);
   }
 
   std::string Run(const std::string& path) {
     std::string error;
-    EXPECT_TRUE(engine->sequencer().prepareFile(path, &error)) << error;
-    engine->sequencer().start();
-    return engine->sequencer().lastSequenceError();
-  }
-
-  std::string Read(const std::string& path) {
-    std::string text;
-    files->readFile(path, text, nullptr);
-    return text;
+    EXPECT_TRUE(engine().sequencer().prepareFile(path, &error)) << error;
+    engine().sequencer().start();
+    return engine().sequencer().lastSequenceError();
   }
 };
 
 TEST(EngineFiles, EveryFileCommandFindsItsFileThroughTheSettingsDriveMap) {
   EngineFiles e;
-  MemoryFileSystem& files = *e.files;
+  MemoryFileSystem& files = e.files();
   files.put("/rigs/q/rig.ims", std::string(kRig));
   files.put("/rigs/q/a.txt", "copied\r\n");
   files.put("/rigs/q/old.dat", "x");
@@ -81,15 +64,15 @@ TEST(EngineFiles, EveryFileCommandFindsItsFileThroughTheSettingsDriveMap) {
   ASSERT_TRUE(writeTextFileAtomically(files, "/data/main.wts",
                                       {"IMSFILESPEC q:\\rig.ims", "CHAIN q:\\next.wts"}, nullptr));
   EXPECT_EQ(e.Run("/data/main.wts"), "");
-  EXPECT_TRUE(e.op.messages.empty()) << e.op.messages.front();
+  EXPECT_TRUE(e.op().messages.empty()) << e.op().messages.front();
 
-  EXPECT_EQ(e.Read("/rigs/q/b.txt"), "copied\r\n");                               // COPYFILE
-  EXPECT_NE(e.Read("/rigs/q/log.txt").find("\tchained\r\n"), std::string::npos);  // LOGONCE
+  EXPECT_EQ(e.read("/rigs/q/b.txt"), "copied\r\n");                               // COPYFILE
+  EXPECT_NE(e.read("/rigs/q/log.txt").find("\tchained\r\n"), std::string::npos);  // LOGONCE
   EXPECT_FALSE(files.isFile("/rigs/q/old.dat"));                                  // FILEDELETE
   EXPECT_TRUE(files.isFile("/rigs/q/idx/save.idx"));                              // INDEXINIT
-  EXPECT_EQ(e.Read("/rigs/q/save/T001/chn0.bin"), "zero\r\n");                    // INDEXSAVE580
-  ASSERT_NE(e.engine->calcChannels(), nullptr);
-  EXPECT_EQ(e.engine->calcChannels()->state().table.back().newName,
+  EXPECT_EQ(e.read("/rigs/q/save/T001/chn0.bin"), "zero\r\n");                    // INDEXSAVE580
+  ASSERT_NE(e.engine().calcChannels(), nullptr);
+  EXPECT_EQ(e.engine().calcChannels()->state().table.back().newName,
             "OUT");  // STARTCALCULATEDCHANNELS
   // Nothing went below the data root's own folder of drive Q.
   for (const auto& [path, bytes] : files.files()) {
@@ -101,19 +84,19 @@ TEST(EngineFiles, EveryFileCommandFindsItsFileThroughTheSettingsDriveMap) {
 // usually are: the trace holds its text as UTF-8, and every line parses.
 TEST(EngineFiles, TheTraceIsUtf8JsonWhateverTheSequenceFileHolds) {
   EngineFiles e;
-  MemoryFileSystem& files = *e.files;
+  MemoryFileSystem& files = e.files();
   auto trace = files.create("/data/trace.jsonl", nullptr);
   ASSERT_NE(trace, nullptr);
-  e.engine->trace().setOutput(std::move(trace));
+  e.engine().trace().setOutput(std::move(trace));
   // "25 °C – 3 €" in Windows-1252, a byte no code page assigns (0x81), a
   // control character, and text that already is UTF-8 ("é").
   files.put("/data/cp.wts",
             "' 25 \xB0"
             "C \x96 3 \x80 \x81 \x01 \xC3\xA9\r\nSTOP\r\n");
   EXPECT_EQ(e.Run("/data/cp.wts"), "");
-  e.engine->trace().setOutput(nullptr);
+  e.engine().trace().setOutput(nullptr);
 
-  const std::string text = e.Read("/data/trace.jsonl");
+  const std::string text = e.read("/data/trace.jsonl");
   std::vector<std::string> texts;
   size_t lines = 0;
   for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;

@@ -13,7 +13,8 @@
 
 #include "engine/engine.h"
 #include "sequencer/dispatcher.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {

@@ -10,57 +10,43 @@
 #include <map>
 
 #include "engine/engine.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_engine.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {
 
-constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
-
-struct Rig {
-  RecordingOperator op;
-  MemoryFileSystem* files = nullptr;
-  std::unique_ptr<Engine> engine;
-
+// An engine with a sequence that stops after five seconds and one that
+// ends in an error.
+class Rig : public MemoryEngine {
+ public:
   Rig() {
-    auto ownedFiles = std::make_unique<MemoryFileSystem>("/data");
-    files = ownedFiles.get();
-    files->put("/data/ok.wts", "WAITSECONDS 5\r\nSTOP\r\n");
-    files->put("/data/bad.wts", "WAITSECONDS 1\r\nGOTO NOWHERE\r\n");
-    EngineConfig config;
-    config.clock = std::make_unique<VirtualClock>(kStart);
-    config.files = std::move(ownedFiles);
-    config.op = &op;
-    engine = BuildEngine(std::move(config));
+    files().put("/data/ok.wts", "WAITSECONDS 5\r\nSTOP\r\n");
+    files().put("/data/bad.wts", "WAITSECONDS 1\r\nGOTO NOWHERE\r\n");
   }
   EndReason run(const std::string& path) {
     std::string error;
-    EXPECT_TRUE(engine->sequencer().prepareFile(path, &error)) << error;
-    return engine->run();
-  }
-  std::string read(const std::string& path) const {
-    std::string text;
-    files->readFile(path, text, nullptr);
-    return text;
+    EXPECT_TRUE(engine().sequencer().prepareFile(path, &error)) << error;
+    return engine().run();
   }
 };
 
 TEST(RunRecord, EveryRunOfAnEngineLeavesItsTraceAndHowItEnded) {
   Rig rig;
   // (No limits: the memory file system's times are not the real clock's.)
-  rig.engine->recordEveryRun({std::nullopt, std::nullopt}, "window");
+  rig.engine().recordEveryRun({std::nullopt, std::nullopt}, "window");
   EXPECT_EQ(rig.run("/data/ok.wts"), EndReason::kStop);
   EXPECT_EQ(rig.run("/data/bad.wts"), EndReason::kError);
 
-  const auto records = ListRunRecords(rig.engine->files());
+  const auto records = ListRunRecords(rig.engine().files());
   ASSERT_EQ(records.size(), 2u);
   EXPECT_NE(records[0].id, records[1].id);
   EXPECT_EQ(records[0].sequence, "/data/ok.wts");
   EXPECT_EQ(records[0].frontEnd, "window");
   EXPECT_EQ(records[0].endReason, "stop");
-  EXPECT_EQ(records[0].start, kStart);
+  EXPECT_EQ(records[0].start, kTestStart);
   ASSERT_TRUE(records[0].end);
-  EXPECT_EQ(*records[0].end, kStart + 5 * kMicrosPerSecond);
+  EXPECT_EQ(*records[0].end, kTestStart + 5 * kMicrosPerSecond);
   EXPECT_FALSE(records[0].exitStatus);
   EXPECT_EQ(records[1].endReason, "error");
   EXPECT_EQ(records[1].folder, "/data/runs/" + records[1].id);
@@ -82,27 +68,27 @@ TEST(RunRecord, EveryRunOfAnEngineLeavesItsTraceAndHowItEnded) {
       << second;
 
   // Found by its id, or by the process id its id ends with (the latest).
-  EXPECT_EQ(FindRunRecord(rig.engine->files(), records[0].id)->id, records[0].id);
+  EXPECT_EQ(FindRunRecord(rig.engine().files(), records[0].id)->id, records[0].id);
   const std::string pid = records[1].id.substr(records[1].id.rfind('-') + 1);
-  const auto byPid = FindRunRecord(rig.engine->files(), pid);
+  const auto byPid = FindRunRecord(rig.engine().files(), pid);
   ASSERT_TRUE(byPid);
   EXPECT_EQ(byPid->id.substr(0, 20), records[1].id.substr(0, 20));
-  EXPECT_FALSE(FindRunRecord(rig.engine->files(), "../runs"));
-  EXPECT_FALSE(FindRunRecord(rig.engine->files(), "nosuchrun"));
+  EXPECT_FALSE(FindRunRecord(rig.engine().files(), "../runs"));
+  EXPECT_FALSE(FindRunRecord(rig.engine().files(), "nosuchrun"));
 }
 
 TEST(RunRecord, LinesWaitButOtherEventsGoOutAtOnceAndAFailedWriteIsLostOutput) {
   Rig rig;
-  Trace& trace = rig.engine->trace();
-  trace.setOrigin(kStart);
+  Trace& trace = rig.engine().trace();
+  trace.setOrigin(kTestStart);
   std::string error;
   auto record =
-      RunRecord::Begin(rig.engine->files(), trace, {"/data/ok.wts", "S2", "station", kStart},
+      RunRecord::Begin(rig.engine().files(), trace, {"/data/ok.wts", "S2", "station", kTestStart},
                        {std::nullopt, std::nullopt}, &error);
   ASSERT_TRUE(record) << error;
   const std::string path = record->folder() + "/trace.jsonl";
   trace.event("line").field("n", 1).field("text", "SEND OUT, 1");
-  trace.line(kStart + 1000, 2, "SEND OUT, \"2\"");
+  trace.line(kTestStart + 1000, 2, "SEND OUT, \"2\"");
   EXPECT_EQ(rig.read(path), "");
   trace.event("hold").field("n", 3).field("reason", "pause");
   const std::string heldAt =
@@ -112,9 +98,9 @@ TEST(RunRecord, LinesWaitButOtherEventsGoOutAtOnceAndAFailedWriteIsLostOutput) {
   EXPECT_EQ(rig.read(path), heldAt);
   // A line waits a quarter of a second of the run at most: the line after
   // that writes both.
-  trace.line(kStart + 200'000, 4, "A");
+  trace.line(kTestStart + 200'000, 4, "A");
   EXPECT_EQ(rig.read(path), heldAt);
-  trace.line(kStart + 250'000, 5, "B");
+  trace.line(kTestStart + 250'000, 5, "B");
   EXPECT_EQ(rig.read(path), heldAt +
                                 "{\"t\":0.200,\"ev\":\"line\",\"n\":4,\"text\":\"A\"}\n"
                                 "{\"t\":0.250,\"ev\":\"line\",\"n\":5,\"text\":\"B\"}\n");
@@ -123,7 +109,7 @@ TEST(RunRecord, LinesWaitButOtherEventsGoOutAtOnceAndAFailedWriteIsLostOutput) {
   const size_t before = rig.read(path).size();
   size_t lines = 0;
   while (rig.read(path).size() == before && lines < 200) {
-    trace.line(kStart + 250'000, 6, longText);
+    trace.line(kTestStart + 250'000, 6, longText);
     ++lines;
   }
   EXPECT_GE(lines, 32u);
@@ -134,49 +120,49 @@ TEST(RunRecord, LinesWaitButOtherEventsGoOutAtOnceAndAFailedWriteIsLostOutput) {
   trace.event("line").field("n", 3).field("text", "SEND OUT, 3");
   // The next write of the file fails: the trace counts the line as lost and
   // the file system names the record's file among the losses.
-  rig.files->failWrite(1, MemoryFileSystem::Fault::kNoSpace);
+  rig.files().failWrite(1, MemoryFileSystem::Fault::kNoSpace);
   trace.event("message").field("text", "lost");
   EXPECT_EQ(trace.linesLost(), 1);
-  ASSERT_EQ(rig.engine->files().losses().size(), 1u);
-  EXPECT_EQ(rig.engine->files().losses()[0].path, path);
+  ASSERT_EQ(rig.engine().files().losses().size(), 1u);
+  EXPECT_EQ(rig.engine().files().losses()[0].path, path);
   trace.event("line").field("n", 4).field("text", "SEND OUT, 4");
-  record->finish(kStart + kMicrosPerSecond, "stop", 3);
+  record->finish(kTestStart + kMicrosPerSecond, "stop", 3);
   EXPECT_FALSE(trace.enabled());
   const std::string text = rig.read(path);
   EXPECT_EQ(text.find("SEND OUT, 3"), std::string::npos);
   EXPECT_NE(text.find("SEND OUT, 4"), std::string::npos);
 
-  const auto summary = FindRunRecord(rig.engine->files(), record->id());
+  const auto summary = FindRunRecord(rig.engine().files(), record->id());
   ASSERT_TRUE(summary);
   EXPECT_EQ(summary->testSocket, "S2");
   EXPECT_EQ(summary->endReason, "stop");
   EXPECT_EQ(summary->exitStatus, 3);
 
   // A record that goes without finishing stays without an end (cut short).
-  auto cut = RunRecord::Begin(rig.engine->files(), trace, {"/data/bad.wts", {}, "cli", kStart},
+  auto cut = RunRecord::Begin(rig.engine().files(), trace, {"/data/bad.wts", {}, "cli", kTestStart},
                               {std::nullopt, std::nullopt}, &error);
   ASSERT_TRUE(cut) << error;
   const std::string cutId = cut->id();
   cut.reset();
   EXPECT_FALSE(trace.enabled());
-  EXPECT_FALSE(FindRunRecord(rig.engine->files(), cutId)->end);
+  EXPECT_FALSE(FindRunRecord(rig.engine().files(), cutId)->end);
 }
 
 // A finished record of `bytes` bytes of trace, made after the ones before.
 std::string MakeRecord(FileSystem& files, Trace& trace, size_t bytes, bool finish = true) {
   std::string error;
-  auto record = RunRecord::Begin(files, trace, {"/data/ok.wts", {}, "cli", kStart},
+  auto record = RunRecord::Begin(files, trace, {"/data/ok.wts", {}, "cli", kTestStart},
                                  {std::nullopt, std::nullopt}, &error);
   EXPECT_TRUE(record) << error;
   trace.event("message").field("text", std::string(bytes, 'x'));
   const std::string id = record->id();
-  if (finish) record->finish(kStart, "eof", 0);
+  if (finish) record->finish(kTestStart, "eof", 0);
   return id;
 }
 
 TEST(RunRecord, OldRecordsGoByAgeThenOldestFirstBySizeAndNothingElseGoes) {
   MemoryFileSystem files("/data");
-  VirtualClock clock(kStart);
+  VirtualClock clock(kTestStart);
   Trace trace(clock);
   files.put("/data/runs/20260101-000000-main.checkpoint", "checkpoint");
   files.put("/data/runs/discarded/old.checkpoint", "old");

@@ -10,7 +10,7 @@
 
 #include "resultsdb/postgres_connection.h"
 #include "resultsdb/sqlite_connection.h"
-#include "resultsdb/store_test_support.h"
+#include "testing/store_fixture.h"
 
 namespace tavrix {
 namespace {

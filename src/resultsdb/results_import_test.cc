@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "common/file_system.h"
-#include "resultsdb/store_test_support.h"
+#include "testing/store_fixture.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

@@ -21,7 +21,8 @@
 
 #include "common/file_system.h"
 #include "resultsdb/sqlite_connection.h"
-#include "resultsdb/store_test_support.h"
+#include "testing/memory_file_system.h"
+#include "testing/store_fixture.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

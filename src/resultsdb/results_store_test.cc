@@ -13,7 +13,7 @@
 #include "resultsdb/postgres_connection.h"
 #include "resultsdb/results_queue.h"
 #include "resultsdb/sqlite_connection.h"
-#include "resultsdb/store_test_support.h"
+#include "testing/store_fixture.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

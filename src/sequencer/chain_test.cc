@@ -1,6 +1,6 @@
 // CHAIN and RETURN in virtual time.
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

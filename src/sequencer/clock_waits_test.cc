@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <sstream>
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

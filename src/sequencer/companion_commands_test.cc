@@ -1,6 +1,6 @@
 // The companion-program commands against the recording companion.
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

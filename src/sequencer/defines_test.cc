@@ -1,6 +1,6 @@
 // EXECUTEDEFINE and ONTIMEOUT in virtual time.
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

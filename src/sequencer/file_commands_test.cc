@@ -3,7 +3,7 @@
 
 #include "common/text_file.h"
 #include "common/text_items.h"
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

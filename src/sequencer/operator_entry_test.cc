@@ -1,7 +1,7 @@
 // ENTERSEND, SELECTMENU, DOWITHSHOW and MANUALADJUST with a recording
 // operator and a table of channels.
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

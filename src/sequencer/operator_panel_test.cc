@@ -1,6 +1,6 @@
 // The operator message panel, the error display switch and the help text.
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

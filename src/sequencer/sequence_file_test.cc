@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/memory_file_system.h"
+
 namespace tavrix {
 namespace {
 

@@ -5,7 +5,8 @@
 #include <algorithm>
 
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 namespace {

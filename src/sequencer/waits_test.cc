@@ -1,6 +1,6 @@
 // WAITSECONDS, STARTTIMECOUNT and AFTERTIMECOUNT in virtual time.
 
-#include "sequencer/test_run_engine.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "testdb/testdb_fixture.h"
 #include "testing/test_files.h"
+#include "testing/testdb_fixture.h"
 
 namespace tavrix {
 namespace {

@@ -9,7 +9,7 @@
 #include <random>
 #include <set>
 
-#include "testdb/results_files_fixture.h"
+#include "testing/results_files_fixture.h"
 
 namespace tavrix {
 namespace {

@@ -8,8 +8,9 @@
 
 #include "common/text_items.h"
 #include "platform/files.h"
-#include "testdb/results_files_fixture.h"
-#include "testdb/testdb_fixture.h"
+#include "testing/memory_file_system.h"
+#include "testing/results_files_fixture.h"
+#include "testing/testdb_fixture.h"
 
 namespace tavrix {
 namespace {

@@ -7,9 +7,9 @@
 #include <map>
 
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
-#include "testdb/testdb_fixture.h"
+#include "testing/recording_operator.h"
+#include "testing/testdb_fixture.h"
 
 namespace tavrix {
 namespace {

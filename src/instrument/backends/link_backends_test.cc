@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/civil_time.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {

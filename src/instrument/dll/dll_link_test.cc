@@ -8,12 +8,12 @@
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/backends/sequence_run_test_support.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/recording_operator.h"
+#include "testing/sequence_run.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

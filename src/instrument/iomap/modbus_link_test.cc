@@ -4,8 +4,8 @@
 
 #include <cmath>
 
-#include "instrument/iomap/map_test_support.h"
 #include "instrument/outputs/alarms.h"
+#include "testing/map_run.h"
 #include "testing/modbus_oven_server.h"
 
 namespace tavrix {

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <thread>
 
-#include "instrument/iomap/map_test_support.h"
+#include "testing/map_run.h"
 
 namespace tavrix {
 namespace {

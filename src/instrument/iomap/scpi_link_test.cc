@@ -2,7 +2,7 @@
 // tests on loopback, sequences run in virtual time over it.
 #include <gtest/gtest.h>
 
-#include "instrument/iomap/map_test_support.h"
+#include "testing/map_run.h"
 #include "testing/scpi_instrument_server.h"
 
 namespace tavrix {

@@ -10,7 +10,7 @@
 #include <atomic>
 #include <thread>
 
-#include "instrument/iomap/map_test_support.h"
+#include "testing/map_run.h"
 #include "testing/scpi_instrument_server.h"
 
 namespace tavrix {

@@ -7,11 +7,12 @@
 
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
-#include "instrument/link/recording_link.h"
 #include "instrument/simrig/sim_rig.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_link.h"
+#include "testing/recording_operator.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

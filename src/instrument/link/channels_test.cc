@@ -9,8 +9,9 @@
 
 #include "common/civil_time.h"
 #include "common/text_conventions.h"
-#include "instrument/link/recording_link.h"
 #include "instrument/simrig/sim_rig.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_link.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

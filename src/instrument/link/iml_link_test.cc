@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/civil_time.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {

@@ -7,6 +7,7 @@
 
 #include "common/paths.h"
 #include "platform/files.h"
+#include "testing/memory_file_system.h"
 
 namespace tavrix {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "instrument/outputs/output_test_rig.h"
+#include "testing/output_test_rig.h"
 
 namespace tavrix {
 namespace {

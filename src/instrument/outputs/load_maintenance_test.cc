@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "instrument/outputs/output_test_rig.h"
+#include "testing/output_test_rig.h"
 
 namespace tavrix {
 namespace {

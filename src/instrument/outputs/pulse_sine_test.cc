@@ -5,8 +5,8 @@
 #include <cmath>
 #include <numbers>
 
-#include "instrument/outputs/output_test_rig.h"
 #include "instrument/outputs/output_timing.h"
+#include "testing/output_test_rig.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "instrument/outputs/output_test_rig.h"
+#include "testing/output_test_rig.h"
 
 namespace tavrix {
 namespace {

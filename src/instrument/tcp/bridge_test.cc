@@ -11,19 +11,19 @@
 
 #include "common/file_system.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/backends/sequence_run_test_support.h"
 #include "instrument/link/channel_commands.h"
 #include "instrument/simrig/sim_rig.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
-#include "instrument/tcp/socket_test_support.h"
 #include "instrument/tcp/tcp_link.h"
 #include "platform/files.h"
 #include "platform/private_file.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/recording_operator.h"
+#include "testing/sequence_run.h"
+#include "testing/socket_io.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

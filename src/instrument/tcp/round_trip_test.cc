@@ -20,8 +20,8 @@
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
-#include "instrument/tcp/socket_test_support.h"
 #include "instrument/tcp/tcp_link.h"
+#include "testing/socket_io.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

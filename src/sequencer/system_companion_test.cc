@@ -1,8 +1,8 @@
 // The companion commands against real programs: the DDE test server beside
 // this test program answers as the streamer and the logging programs do.
 
-#include "platform/testing/dde_test_server_process.h"
-#include "sequencer/test_run_engine.h"
+#include "testing/dde_test_server_process.h"
+#include "testing/test_run_engine.h"
 
 namespace tavrix {
 namespace {

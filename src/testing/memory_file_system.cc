@@ -1,6 +1,6 @@
-#include <cstring>
+#include "testing/memory_file_system.h"
 
-#include "common/file_system.h"
+#include <cstring>
 
 namespace tavrix {
 

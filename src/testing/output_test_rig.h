@@ -20,8 +20,9 @@
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_rig.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/memory_file_system.h"
+#include "testing/recording_operator.h"
 
 namespace tavrix {
 

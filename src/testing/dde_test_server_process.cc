@@ -1,4 +1,4 @@
-#include "platform/testing/dde_test_server_process.h"
+#include "testing/dde_test_server_process.h"
 
 #include <windows.h>
 

@@ -13,12 +13,11 @@
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/recording_operator.h"
+#include "testing/test_start.h"
 
 namespace tavrix {
-
-inline constexpr Micros kTestStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:00:00
 
 // Channels held in a table; a channel not in it cannot be read or written.
 class TableChannels : public ChannelAccess {

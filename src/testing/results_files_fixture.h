@@ -9,7 +9,7 @@
 #include "common/civil_time.h"
 #include "common/text_items.h"
 #include "testdb/results_files.h"
-#include "testdb/testdb_fixture.h"
+#include "testing/testdb_fixture.h"
 
 namespace tavrix {
 namespace {

@@ -18,8 +18,8 @@
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_commands.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/recording_operator.h"
 #include "testing/test_files.h"
 
 namespace tavrix::testing {

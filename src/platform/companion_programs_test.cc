@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "platform/files.h"
-#include "platform/testing/dde_test_server_process.h"
+#include "testing/dde_test_server_process.h"
 
 namespace tavrix::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "resultsdb/throwaway_postgres.h"
+#include "testing/throwaway_postgres.h"
 
 #include <fcntl.h>
 #include <grp.h>

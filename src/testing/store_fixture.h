@@ -10,7 +10,7 @@
 #include <string>
 
 #include "resultsdb/results_store.h"
-#include "resultsdb/throwaway_postgres.h"
+#include "testing/throwaway_postgres.h"
 
 namespace tavrix::testing {
 

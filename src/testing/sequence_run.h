@@ -17,8 +17,8 @@
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/channel_commands.h"
 #include "sequencer/core_commands.h"
-#include "sequencer/recording_operator.h"
 #include "sequencer/sequencer.h"
+#include "testing/recording_operator.h"
 #include "testing/test_files.h"
 
 namespace tavrix::testing {
