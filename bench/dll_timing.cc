@@ -16,7 +16,7 @@ const RegisterTiming kDllExchangeRate("dll_exchange", [] {
   InstrumentSettings settings;
   settings.libraryFolder = TAVRIX_STAND_IN_FOLDER;
   std::string error;
-  auto link = MakeDllLink(settings, localFiles(), error);
+  auto link = MakeDllLink(settings, localFiles(), &error);
   if (!link) return Rows{{"exchanges through DllLink", error}};
   int16_t handle = 0;
   link->openInterface(handle);

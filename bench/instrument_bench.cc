@@ -116,7 +116,7 @@ void LoopbackExchanges(benchmark::State& state, bool bridged) {
   const std::string rig = WriteRig();
   RigServer server;
   std::string error;
-  if (!server.listen("127.0.0.1:0", error)) {
+  if (!server.listen("127.0.0.1:0", &error)) {
     state.SkipWithError(error.c_str());
     return;
   }
@@ -125,7 +125,7 @@ void LoopbackExchanges(benchmark::State& state, bool bridged) {
   if (bridged) {
     auto service = std::make_unique<LibraryService>(
         std::make_unique<SimLink>(clock, std::string(), localFiles()), localFiles());
-    if (!service->open(error)) {
+    if (!service->open(&error)) {
       state.SkipWithError(error.c_str());
       return;
     }

@@ -41,7 +41,7 @@ void RunLines(benchmark::State& state, const std::vector<std::string>& lines) {
   ModbusOvenServer oven(clock);
   ScpiInstrumentServer psu;
   std::string error;
-  if (!oven.start("127.0.0.1", 0, error) || !psu.start("127.0.0.1", 0, error)) {
+  if (!oven.start("127.0.0.1", 0, &error) || !psu.start("127.0.0.1", 0, &error)) {
     state.SkipWithError(error.c_str());
     return;
   }
@@ -51,7 +51,7 @@ void RunLines(benchmark::State& state, const std::vector<std::string>& lines) {
   const auto built = MakeBenchEngine(std::make_unique<SystemClock>(), op);
   Engine& engine = *built;
   IoMap ioMap;
-  LoadIoMapFile(localFiles(), map, ioMap, error);
+  LoadIoMapFile(localFiles(), map, ioMap, &error);
   Instrument instrument(engine.events(), engine.trace(), InstrumentSettings{},
                         std::make_unique<MapLink>(engine.clock(), std::move(ioMap)),
                         engine.paths());
@@ -102,7 +102,7 @@ void BM_MapLookupAndConversion(benchmark::State& state) {
             "\ntype = \"float32\"\nword_order = \"little\"\nscale = 0.5\noffset = 3\n"
             "min = -1000\nmax = 1000\n";
   }
-  ParseIoMap(text, "bench.toml", map, error);
+  ParseIoMap(text, "bench.toml", map, &error);
   const std::string names[] = {"CH3", "CH17", "CH40", "CH63"};
   size_t n = 0;
   double value = 12.25;
@@ -110,8 +110,8 @@ void BM_MapLookupAndConversion(benchmark::State& state) {
     const MapChannel* c = map.find(names[n++ & 3]);
     uint16_t words[2];
     std::string why;
-    WithinLimits(*c, value, why);
-    EncodeRegisters(*c, value, words, why);
+    WithinLimits(*c, value, &why);
+    EncodeRegisters(*c, value, words, &why);
     const std::string reply = MapNumberText(DecodeRegisters(*c, words));
     benchmark::DoNotOptimize(reply);
     value += 0.5;

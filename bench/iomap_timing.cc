@@ -72,14 +72,14 @@ const RegisterTiming kModbusRamp("modbus ramp", [] {
   SystemClock clock;
   ModbusOvenServer oven(clock);
   std::string error;
-  if (!oven.start("127.0.0.1", 0, error)) return Rows{{"modbus ramp: no server", error}};
+  if (!oven.start("127.0.0.1", 0, &error)) return Rows{{"modbus ramp: no server", error}};
   IoMap map;
   ParseIoMap("[device.io1]\nmodbus = \"tcp://127.0.0.1:" + std::to_string(oven.port()) +
                  "\"\n"
                  "[channel.HEATER]\ndevice = \"io1\"\nholding_register = 10\ntype = \"float32\"\n"
                  "word_order = \"little\"\n"
                  "[channel.VALVE]\ndevice = \"io1\"\nholding_register = 12\ntype = \"float32\"\n",
-             "ramp.toml", map, error);
+             "ramp.toml", map, &error);
   const std::string path = WriteSequence({"[GROUPRAMPS]", "RAMP HEATER, 0 TO 100 OVER 20 IN 200",
                                           "RAMP VALVE, 100 TO 0 OVER 20 IN 200", "[END]"});
   QuietOperator op;

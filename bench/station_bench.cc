@@ -261,7 +261,7 @@ void BM_SharedRigServerExchanges(benchmark::State& state) {
   }
   RigServer server;
   std::string error;
-  if (!server.listen("127.0.0.1:0", error)) {
+  if (!server.listen("127.0.0.1:0", &error)) {
     state.SkipWithError(error.c_str());
     return;
   }
@@ -317,7 +317,7 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
   LocalFileSystem serverFiles(folder.dir);
   auto service = std::make_unique<LibraryService>(
       std::make_unique<SimLink>(serverClock, std::string(), serverFiles), serverFiles);
-  if (!server.listen("127.0.0.1:0", error) || !service->open(error)) {
+  if (!server.listen("127.0.0.1:0", &error) || !service->open(&error)) {
     state.SkipWithError(error.c_str());
     return;
   }
@@ -336,9 +336,10 @@ void BM_BridgeSocketExchanges(benchmark::State& state) {
     const SocketReads reads = ReadOnSockets(
         sockets, folder.dir, folder.dir + "/rig8.ims", std::chrono::milliseconds(1000), true,
         [&](int s, Clock& clock, const InstrumentSettings&, FileSystem& files) {
-          auto own = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), files);
+          TcpLinkOptions options;
+          if (before) options.directWaitMs = 0;
+          auto own = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), files, options);
           own->setKey(key);
-          if (before) own->directWaitMs = 0;
           return std::make_unique<SocketLink>(s, gate, setup, std::move(own));
         },
         [](int s) { return "S" + std::to_string(s + 1) + "_OVEN"; });

@@ -247,7 +247,7 @@ class Linter {
       if (!c.arg3.empty()) text += "," + c.arg3;
       std::string why;
       if (w == "MT_MAINTAIN") {
-        if (const auto setup = ParseMaintainSetup(text, why)) {
+        if (const auto setup = ParseMaintainSetup(text, &why)) {
           channel(line, setup->loadChannel, Use::kRead);
           channel(line, setup->outputChannel, Use::kWrite);
         }
@@ -255,7 +255,7 @@ class Linter {
       }
       // MT_RAMP: the ramp, then "AT load USING output".
       std::string rest;
-      if (!ParseRampSetup(text, false, why, &rest)) return;
+      if (!ParseRampSetup(text, false, &why, &rest)) return;
       const std::string upper = upperCase(rest);
       const auto after = [&](std::string_view keyword, size_t from, size_t& end) {
         const size_t at = upper.find(keyword, from);
@@ -365,7 +365,7 @@ int RunLint(const Host& host, const std::vector<std::string>& files, std::FILE* 
       return 2;
     }
     std::string why;
-    if (!LoadIoMapFile(host.files, link.substr(kLinkMapPrefix.size()), map, why)) {
+    if (!LoadIoMapFile(host.files, link.substr(kLinkMapPrefix.size()), map, &why)) {
       std::fprintf(err, "tavrix-cli: %s\n", why.c_str());
       return 2;
     }

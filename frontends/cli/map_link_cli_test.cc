@@ -22,8 +22,8 @@ class MapCliTest : public CliTestBase {
  protected:
   MapCliTest() {
     std::string error;
-    EXPECT_TRUE(oven_.start("127.0.0.1", 0, error)) << error;
-    EXPECT_TRUE(psu_.start("127.0.0.1", 0, error)) << error;
+    EXPECT_TRUE(oven_.start("127.0.0.1", 0, &error)) << error;
+    EXPECT_TRUE(psu_.start("127.0.0.1", 0, &error)) << error;
     map_ = File("oven rig.toml",
                 "[device.io1]\nmodbus = \"tcp://127.0.0.1:" + std::to_string(oven_.port()) +
                     "\"\n[device.psu]\nscpi = \"tcp://127.0.0.1:" + std::to_string(psu_.port()) +
@@ -83,17 +83,17 @@ TEST_F(MapCliTest, ARunOverAMapFromTheCommandLineOrTheSettingsFile) {
 TEST_F(MapCliTest, AMapServedThroughAKeyedRigServer) {
   const std::string key = Path("link.key");
   std::string error;
-  ASSERT_TRUE(WriteNewLinkKey(key, error)) << error;
+  ASSERT_TRUE(WriteNewLinkKey(key, &error)) << error;
   std::string keyBytes;
-  ASSERT_TRUE(LoadLinkKey(testFiles(), key, keyBytes, error)) << error;
+  ASSERT_TRUE(LoadLinkKey(testFiles(), key, keyBytes, &error)) << error;
   RigServer server;
   server.requireKey(keyBytes);
   auto library = MakeLinkLibrary("map:" + map_, clock_, InstrumentSettings{}, testFiles(), &error);
   ASSERT_NE(library, nullptr) << error;
   auto service = std::make_unique<LibraryService>(std::move(library), testFiles());
-  ASSERT_TRUE(service->open(error)) << error;
+  ASSERT_TRUE(service->open(&error)) << error;
   server.serveLibrary(std::move(service));
-  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });
   EXPECT_EQ(

@@ -307,7 +307,7 @@ bool ParseFilter(const ResultsOptions& o, bool importing, UutFilter& filter, std
 bool ResolveStore(const Host& host, const ResultsOptions& o, StoreSpec& spec, bool& named,
                   std::string& problem) {
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(host.files, *o.settings, settings, problem))
+  if (o.settings && !LoadInstrumentSettings(host.files, *o.settings, settings, &problem))
     return false;
   if (!ParseStoreSpec(o.store.value_or(settings.resultsStore), host.dataRoot, spec, &problem)) {
     return false;

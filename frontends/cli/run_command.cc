@@ -295,7 +295,7 @@ bool LoadRunSettings(const FileSystem& files, const RunOptions& options,
                      InstrumentSettings& settings, std::FILE* err) {
   std::string error;
   if (options.instrumentSettings &&
-      !LoadInstrumentSettings(files, *options.instrumentSettings, settings, error)) {
+      !LoadInstrumentSettings(files, *options.instrumentSettings, settings, &error)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return false;
   }
@@ -665,7 +665,7 @@ int RunRig(const Host& host, const RigOptions& options, std::FILE* out, std::FIL
            const std::atomic<bool>* stop) {
   std::string error;
   if (options.newKey) {
-    if (!WriteNewLinkKey(*options.newKey, error)) {
+    if (!WriteNewLinkKey(*options.newKey, &error)) {
       std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
       return kExitUsage;
     }
@@ -680,7 +680,7 @@ int RunRig(const Host& host, const RigOptions& options, std::FILE* out, std::FIL
   serving.keyFile = options.key.value_or("");
   InstrumentSettings settings;
   if (options.instrumentSettings &&
-      !LoadInstrumentSettings(host.files, *options.instrumentSettings, settings, error)) {
+      !LoadInstrumentSettings(host.files, *options.instrumentSettings, settings, &error)) {
     std::fprintf(err, "tavrix-cli rig: %s\n", error.c_str());
     return kExitUsage;
   }

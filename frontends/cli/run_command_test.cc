@@ -162,7 +162,7 @@ TEST_F(CliTest, TheInstrumentLinkOptions) {
   {
     RigServer server;
     std::string error;
-    ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+    ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
     std::atomic<bool> stop{false};
     std::thread serving([&] { server.serve(stop); });
     link = "tcp://127.0.0.1:" + std::to_string(server.port());
@@ -248,9 +248,9 @@ TEST_F(CliTest, TheRigCommandLetsOtherComputersInOnlyWithAKey) {
   }
   RigServer server;
   std::string error;
-  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
   std::string keyBytes;
-  ASSERT_TRUE(LoadLinkKey(testFiles(), key, keyBytes, error)) << error;
+  ASSERT_TRUE(LoadLinkKey(testFiles(), key, keyBytes, &error)) << error;
   server.requireKey(keyBytes);
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });

@@ -61,7 +61,7 @@ std::optional<int> ServeCommand::run(const Host& cli, std::FILE* out, std::FILE*
   const ServeOptions& o = options_;
   std::string error;
   InstrumentSettings settings;
-  if (o.settings && !LoadInstrumentSettings(cli.files, *o.settings, settings, error)) {
+  if (o.settings && !LoadInstrumentSettings(cli.files, *o.settings, settings, &error)) {
     std::fprintf(err, "tavrix-cli serve: %s\n", error.c_str());
     return kExitUsage;
   }

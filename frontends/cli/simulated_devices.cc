@@ -41,7 +41,7 @@ int ServeSimulatedDevice(const std::string& kind, const std::string& listen, std
   std::string what;
   if (kind == "scpi") {
     scpi = std::make_unique<ScpiInstrumentServer>();
-    if (!scpi->start(host, port, error)) return fail(error);
+    if (!scpi->start(host, port, &error)) return fail(error);
     port = scpi->port();
     what = "a simulated SCPI power supply";
   } else {
@@ -51,7 +51,7 @@ int ServeSimulatedDevice(const std::string& kind, const std::string& listen, std
         "use the Linux build to simulate a Modbus device");
 #else
     oven = std::make_unique<ModbusOvenServer>(clock);
-    if (!oven->start(host, port, error)) return fail(error);
+    if (!oven->start(host, port, &error)) return fail(error);
     port = oven->port();
     what = "a simulated Modbus oven";
 #endif

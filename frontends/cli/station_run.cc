@@ -441,7 +441,7 @@ std::unique_ptr<Engine> BuildSocketEngine(StationShared& shared, size_t index,
     return nullptr;
   }
   if (const std::string& folder = station.resultsOf(socket); !folder.empty())
-    engine->testDatabase().results.dataDirectory = folder;
+    engine->testDatabase().setDataDirectory(folder);
   engine->files().onFirstLoss([&shared, &socket](const WatchedFileSystem::Loss& loss) {
     shared.report(socket.name, "output lost: " + loss.firstError);
   });
@@ -565,7 +565,7 @@ int LintStation(const Host& host, const std::string& stationFile,
   std::string error;
   const std::optional<std::string> sequence =
       sequences.empty() ? std::nullopt : std::optional<std::string>(sequences[0]);
-  if (!LoadStationFile(files, stationFile, station, error, sequence)) {
+  if (!LoadStationFile(files, stationFile, station, &error, sequence)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -661,7 +661,7 @@ int RunStation(const Host& host, const RunOptions& options, const std::string& s
   std::string error;
   const std::optional<std::string> sequence =
       options.sequence.empty() ? std::nullopt : std::optional<std::string>(options.sequence);
-  if (!LoadStationFile(files, stationFile, station, error, sequence)) {
+  if (!LoadStationFile(files, stationFile, station, &error, sequence)) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;
   }
@@ -676,7 +676,7 @@ int RunStation(const Host& host, const RunOptions& options, const std::string& s
   StationView view(names, out, !options.quiet && TerminalView::IsTerminal(out));
   StationShared shared(options, station, settings, files.dataRoot(), view, err);
   shared.time = time.get();
-  shared.rig = StationRig::Open(station, settings, files, time.get(), error);
+  shared.rig = StationRig::Open(station, settings, files, time.get(), &error);
   if (!shared.rig) {
     std::fprintf(err, "tavrix-cli: %s\n", error.c_str());
     return kExitUsage;

@@ -229,7 +229,7 @@ TEST_F(StationTest, OverARigServerEachSocketRunsAsOnTheSimulatedRig) {
   const std::string sim2 = Trace("S2");
   RigServer server;
   std::string error;
-  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });
   // Each socket has a connection of its own; the setup is loaded once, so
@@ -567,10 +567,10 @@ TEST(SharedLinkTest, SocketsOnARigServerShareADeviceOneExchangeAtATime) {
   EchoBackend& backend = *owned;
   auto service = std::make_unique<LibraryService>(std::move(owned), testFiles());
   std::string error;
-  ASSERT_TRUE(service->open(error)) << error;
+  ASSERT_TRUE(service->open(&error)) << error;
   RigServer server;
   server.serveLibrary(std::move(service));
-  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });
   DeviceGate gate(true);
@@ -582,8 +582,8 @@ TEST(SharedLinkTest, SocketsOnARigServerShareADeviceOneExchangeAtATime) {
   for (int s = 0; s < kSockets; ++s) {
     threads.emplace_back([&, s] {
       SystemClock clock;
-      auto tcp = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), testFiles());
-      tcp->responseWaitMs = 10'000;
+      auto tcp = std::make_unique<TcpLink>(clock, "127.0.0.1", server.port(), testFiles(),
+                                           TcpLinkOptions{.responseWaitMs = 10'000});
       SocketLink link(s, gate, setup, std::move(tcp));
       int16_t handle = 0;
       if (link.openInterface(handle) != 0) {

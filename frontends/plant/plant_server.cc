@@ -350,7 +350,7 @@ class Server::Impl {
       if (file.empty()) continue;
       std::string key;
       std::string why;
-      if (!LoadLinkKey(files_, file, key, why)) {
+      if (!LoadLinkKey(files_, file, key, &why)) {
         *error = why;
         return false;
       }

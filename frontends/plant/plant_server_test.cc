@@ -118,9 +118,9 @@ class PlantServerTest : public CliTestBase {
 
   std::string Key(const std::string& name) {
     std::string error;
-    EXPECT_TRUE(WriteNewLinkKey(Path(name), error)) << error;
+    EXPECT_TRUE(WriteNewLinkKey(Path(name), &error)) << error;
     std::string key;
-    EXPECT_TRUE(LoadLinkKey(testFiles(), Path(name), key, error)) << error;
+    EXPECT_TRUE(LoadLinkKey(testFiles(), Path(name), key, &error)) << error;
     return Hex(key);
   }
 

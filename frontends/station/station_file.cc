@@ -118,7 +118,7 @@ std::set<std::string> ownedChannels(const StationSocket& s,
 }  // namespace
 
 bool ParseStation(std::string_view text, std::string_view fileName, Station& station,
-                  std::string& error) {
+                  std::string* error) {
   station = Station{};
   station.path = std::string(fileName);
   Reader reader(fileName);
@@ -175,7 +175,7 @@ bool ParseStation(std::string_view text, std::string_view fileName, Station& sta
       station.sockets.push_back(std::move(s));
     }
   } catch (const StationError& e) {
-    error = e.text;
+    if (error) *error = e.text;
     station = Station{};
     return false;
   }
@@ -183,11 +183,15 @@ bool ParseStation(std::string_view text, std::string_view fileName, Station& sta
 }
 
 bool StationRigChannels(const FileSystem& files, const Station& station,
-                        std::vector<std::string>& channels, std::string& error) {
+                        std::vector<std::string>& channels, std::string* error) {
   channels.clear();
   if (!station.setup.empty()) {
     RigSetup setup;
-    if (!LoadRigSetupFile(files, station.setup, setup, error)) return false;
+    std::string why;
+    if (!LoadRigSetupFile(files, station.setup, setup, why)) {
+      if (error) *error = why;
+      return false;
+    }
     for (const auto& channel : setup.channels) channels.push_back(channel.name);
     return true;
   }
@@ -203,29 +207,34 @@ namespace {
 
 // Each socket's sequence and answers file can be read, and every socket
 // goes through the station's link.
-bool CheckSocketFiles(const FileSystem& files, const Station& station, std::string& error) {
+bool CheckSocketFiles(const FileSystem& files, const Station& station, std::string* error) {
   std::string problem;
   for (const auto& s : station.sockets) {
     const std::string& sequence = station.sequenceOf(s);
     if (sequence.empty()) {
-      error = fail(station, s.line, where(s), "names no sequence (and the station names none)");
+      if (error)
+        *error = fail(station, s.line, where(s), "names no sequence (and the station names none)");
       return false;
     }
     std::string text;
     if (!readTextFile(files, sequence, text, &problem)) {
-      error = fail(station, s.sequence.empty() ? s.line : s.sequenceLine, where(s),
-                   "cannot read the sequence " + sequence + ": " + readFailureReason(problem));
+      if (error)
+        *error = fail(station, s.sequence.empty() ? s.line : s.sequenceLine, where(s),
+                      "cannot read the sequence " + sequence + ": " + readFailureReason(problem));
       return false;
     }
     if (const auto& answers = station.answersOf(s);
         answers && !readTextFile(files, *answers, text, &problem)) {
-      error = fail(station, s.line, where(s),
-                   "cannot read the answers file " + *answers + ": " + readFailureReason(problem));
+      if (error)
+        *error =
+            fail(station, s.line, where(s),
+                 "cannot read the answers file " + *answers + ": " + readFailureReason(problem));
       return false;
     }
     if (station.linkOf(s) != station.link) {
-      error = fail(station, s.line, where(s),
-                   "the sockets of a station share one link: set \"link\" for the station");
+      if (error)
+        *error = fail(station, s.line, where(s),
+                      "the sockets of a station share one link: set \"link\" for the station");
       return false;
     }
   }
@@ -236,11 +245,12 @@ bool CheckSocketFiles(const FileSystem& files, const Station& station, std::stri
 // of them.
 bool CheckSocketNamesRigChannels(const Station& station, const StationSocket& s,
                                  const std::vector<std::string>& channels,
-                                 const std::set<std::string>& rig, std::string& error) {
+                                 const std::set<std::string>& rig, std::string* error) {
   for (const auto& [from, to] : s.table) {
     if (rig.count(to) == 0) {
-      error = fail(station, s.mapLine, where(s),
-                   "map." + from + " names \"" + to + "\", no channel of the rig's setup");
+      if (error)
+        *error = fail(station, s.mapLine, where(s),
+                      "map." + from + " names \"" + to + "\", no channel of the rig's setup");
       return false;
     }
   }
@@ -248,8 +258,9 @@ bool CheckSocketNamesRigChannels(const Station& station, const StationSocket& s,
       std::none_of(channels.begin(), channels.end(), [&](const std::string& name) {
         return name.compare(0, s.prefix.size(), s.prefix) == 0;
       })) {
-    error = fail(station, s.mapLine, where(s),
-                 "prefix \"" + s.prefix + "\" names no channel of the rig's setup");
+    if (error)
+      *error = fail(station, s.mapLine, where(s),
+                    "prefix \"" + s.prefix + "\" names no channel of the rig's setup");
     return false;
   }
   return true;
@@ -278,12 +289,12 @@ std::string SharedByBoth(const StationSocket& a, const std::set<std::string>& ow
 
 }  // namespace
 
-bool CheckStation(const FileSystem& files, const Station& station, std::string& error) {
+bool CheckStation(const FileSystem& files, const Station& station, std::string* error) {
   if (!CheckSocketFiles(files, station, error)) return false;
   std::vector<std::string> channels;
   std::string problem;
-  if (!StationRigChannels(files, station, channels, problem)) {
-    error = fail(station, 0, "", "cannot read the rig's channels: " + problem);
+  if (!StationRigChannels(files, station, channels, &problem)) {
+    if (error) *error = fail(station, 0, "", "cannot read the rig's channels: " + problem);
     return false;
   }
   const bool known = !channels.empty();
@@ -300,10 +311,11 @@ bool CheckStation(const FileSystem& files, const Station& station, std::string& 
       const StationSocket& b = station.sockets[j];
       const std::string both = SharedByBoth(a, owned[i], b, owned[j]);
       if (!both.empty()) {
-        error = fail(station, a.mapLine > 0 ? a.mapLine : a.line, where(a),
-                     "writes the rig's " + both + " as socket " + b.name + " (line " +
-                         std::to_string(b.mapLine > 0 ? b.mapLine : b.line) +
-                         ") does: two sockets never share a channel they write");
+        if (error)
+          *error = fail(station, a.mapLine > 0 ? a.mapLine : a.line, where(a),
+                        "writes the rig's " + both + " as socket " + b.name + " (line " +
+                            std::to_string(b.mapLine > 0 ? b.mapLine : b.line) +
+                            ") does: two sockets never share a channel they write");
         return false;
       }
     }
@@ -312,11 +324,11 @@ bool CheckStation(const FileSystem& files, const Station& station, std::string& 
 }
 
 bool LoadStationFile(const FileSystem& files, const std::string& path, Station& station,
-                     std::string& error, const std::optional<std::string>& sequence) {
+                     std::string* error, const std::optional<std::string>& sequence) {
   std::string text;
   std::string problem;
   if (!readTextFile(files, path, text, &problem)) {
-    error = "cannot read the station file " + path + ": " + readFailureReason(problem);
+    if (error) *error = "cannot read the station file " + path + ": " + readFailureReason(problem);
     return false;
   }
   if (!ParseStation(text, path, station, error)) return false;

@@ -72,23 +72,23 @@ struct Station {
 // is where relative paths start. False with a message for a syntax error, an
 // unknown key, a socket without a sequence or a duplicate socket name.
 bool ParseStation(std::string_view text, std::string_view fileName, Station& station,
-                  std::string& error);
+                  std::string* error);
 // Reads the file (false with a message when it cannot be read) and checks it
 // as CheckStation does. `sequence`, when given, is every socket's sequence.
 bool LoadStationFile(const FileSystem& files, const std::string& path, Station& station,
-                     std::string& error, const std::optional<std::string>& sequence = {});
+                     std::string* error, const std::optional<std::string>& sequence = {});
 // What can be checked before anything runs: every socket's sequence and
 // answers file can be read; with a setup file (or an I/O map link) every
 // mapping names channels of the rig, and no two sockets write the same rig
 // channel. `channels` gives the rig's channel names when known (the setup
 // file's otherwise).
-bool CheckStation(const FileSystem& files, const Station& station, std::string& error);
+bool CheckStation(const FileSystem& files, const Station& station, std::string* error);
 
 // The rig's channel names from the station's setup file or I/O map link;
 // empty when neither names them (a rig server's channels are known only
 // once it is reached). False with a message when the file cannot be read.
 bool StationRigChannels(const FileSystem& files, const Station& station,
-                        std::vector<std::string>& channels, std::string& error);
+                        std::vector<std::string>& channels, std::string* error);
 
 // Socket `index`'s channel mapping for the engine: its own names and, hidden
 // from it, the channels the other sockets own.

@@ -8,7 +8,7 @@ namespace tavrix {
 std::unique_ptr<StationRig> StationRig::Open(const Station& station,
                                              const InstrumentSettings& settings,
                                              const FileSystem& files, StationTime* time,
-                                             std::string& error) {
+                                             std::string* error) {
   std::unique_ptr<StationRig> rig(new StationRig(station, time));
   if (time != nullptr) {
     rig->rigClock_ = time->sharedClock();
@@ -16,7 +16,7 @@ std::unique_ptr<StationRig> StationRig::Open(const Station& station,
     rig->rigClock_ = std::make_unique<SystemClock>();
   }
   if (station.link == kLinkSim) {
-    auto sim = MakeLinkLibrary(station.link, *rig->rigClock_, settings, files, &error);
+    auto sim = MakeLinkLibrary(station.link, *rig->rigClock_, settings, files, error);
     if (!sim) return nullptr;
     rig->simRig_ = std::make_unique<SharedBackend>(std::move(sim));
   }

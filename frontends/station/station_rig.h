@@ -23,7 +23,7 @@ class StationRig {
   static std::unique_ptr<StationRig> Open(const Station& station,
                                           const InstrumentSettings& settings,
                                           const FileSystem& files, StationTime* time,
-                                          std::string& error);
+                                          std::string* error);
   StationRig(const StationRig&) = delete;
   StationRig& operator=(const StationRig&) = delete;
 

@@ -64,7 +64,7 @@ struct StationSockets::Socket {
 std::unique_ptr<StationSockets> StationSockets::Open(const std::string& path,
                                                      const Options& options, EventHandler events,
                                                      MessageHandler messages, PersonFactory person,
-                                                     std::string& error) {
+                                                     std::string* error) {
   std::unique_ptr<StationSockets> s(new StationSockets);
   s->events_ = std::move(events);
   s->messages_ = std::move(messages);
@@ -86,7 +86,7 @@ std::unique_ptr<StationSockets> StationSockets::Open(const std::string& path,
   return s;
 }
 
-bool StationSockets::startSocket(size_t index, const Options& options, std::string& error) {
+bool StationSockets::startSocket(size_t index, const Options& options, std::string* error) {
   sockets_.push_back(std::make_unique<Socket>());
   Socket& socket = *sockets_.back();
   socket.index = index;
@@ -123,7 +123,7 @@ bool StationSockets::startSocket(size_t index, const Options& options, std::stri
     if (!socket.engine) return fail(built.text);
     Engine& engine = *socket.engine;
     if (const std::string& folder = station_.resultsOf(own); !folder.empty())
-      engine.testDatabase().results.dataDirectory = folder;
+      engine.testDatabase().setDataDirectory(folder);
     // Each run of the socket keeps a record, and then whatever the front
     // end keeps beside it finds the run's record.
     engine.recordEveryRun({options.settings.recordsMaxAge, options.settings.recordsMaxBytes},
@@ -153,7 +153,7 @@ bool StationSockets::startSocket(size_t index, const Options& options, std::stri
   if (problem.empty()) return true;
   socket.thread.join();
   sockets_.pop_back();
-  error = problem;
+  if (error) *error = problem;
   return false;
 }
 

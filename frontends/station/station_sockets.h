@@ -53,7 +53,7 @@ class StationSockets {
   // runs then.
   static std::unique_ptr<StationSockets> Open(const std::string& path, const Options& options,
                                               EventHandler events, MessageHandler messages,
-                                              PersonFactory person, std::string& error);
+                                              PersonFactory person, std::string* error);
   // Stops whatever runs and ends the sockets' threads.
   ~StationSockets();
   StationSockets(const StationSockets&) = delete;
@@ -78,7 +78,7 @@ class StationSockets {
  private:
   struct Socket;
   StationSockets() = default;
-  bool startSocket(size_t index, const Options& options, std::string& error);
+  bool startSocket(size_t index, const Options& options, std::string* error);
   void serve(Socket& socket);
 
   Station station_;

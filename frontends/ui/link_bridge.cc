@@ -23,12 +23,11 @@ std::string LoopbackLink(int port) {
 // Whether a rig server answers on the port (with the key, when there is one).
 bool Answers(const FileSystem& files, int port, const std::string& keyFile) {
   SystemClock clock;
-  TcpLink link(clock, kLoopback, static_cast<uint16_t>(port), files);
-  link.connectWaitMs = 500;
+  TcpLink link(clock, kLoopback, static_cast<uint16_t>(port), files,
+               TcpLinkOptions{.connectWaitMs = 500});
   if (!keyFile.empty()) {
     std::string key;
-    std::string error;
-    if (!LoadLinkKey(files, keyFile, key, error)) return false;
+    if (!LoadLinkKey(files, keyFile, key, nullptr)) return false;
     link.setKey(std::move(key));
   }
   int16_t handle = 0;
@@ -64,8 +63,7 @@ LinkPlan PlanLink(const InstrumentSettings& settings, const std::string& setting
 
 bool DllLoadsInProcess(const InstrumentSettings& settings, const FileSystem& files) {
 #if defined(_WIN32) && !defined(_WIN64)
-  std::string ignored;
-  return MakeDllLink(settings, files, ignored) != nullptr;
+  return MakeDllLink(settings, files, nullptr) != nullptr;
 #else
   (void)settings;
   (void)files;
@@ -82,7 +80,7 @@ LinkBridge::~LinkBridge() {
 }
 
 std::unique_ptr<LinkBridge> LinkBridge::findOrStart(const FileSystem& files, const LinkPlan& plan,
-                                                    const std::string& keyFile, std::string& error,
+                                                    const std::string& keyFile, std::string* error,
                                                     int startMs) {
   std::unique_ptr<LinkBridge> bridge(new LinkBridge);
   if (plan.port != 0 && Answers(files, plan.port, keyFile)) {
@@ -95,8 +93,9 @@ std::unique_ptr<LinkBridge> LinkBridge::findOrStart(const FileSystem& files, con
   process->setReadChannel(QProcess::StandardError);
   process->start(plan.program, plan.arguments);
   if (!process->waitForStarted(startMs)) {
-    error = "the link bridge " + plan.program.toStdString() +
-            " does not start: " + process->errorString().toStdString();
+    if (error)
+      *error = "the link bridge " + plan.program.toStdString() +
+               " does not start: " + process->errorString().toStdString();
     return nullptr;
   }
   // The bridge says "serving ... on 127.0.0.1:PORT" once it listens; the
@@ -133,9 +132,10 @@ std::unique_ptr<LinkBridge> LinkBridge::findOrStart(const FileSystem& files, con
     process->kill();
     process->waitForFinished(5000);
   }
-  error = "the link bridge " + plan.program.toStdString() +
-          (running ? " did not begin serving" : " ended") +
-          (said.trimmed().isEmpty() ? std::string() : ": " + said.trimmed().toStdString());
+  if (error)
+    *error = "the link bridge " + plan.program.toStdString() +
+             (running ? " did not begin serving" : " ended") +
+             (said.trimmed().isEmpty() ? std::string() : ": " + said.trimmed().toStdString());
   return nullptr;
 }
 

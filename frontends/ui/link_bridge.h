@@ -50,7 +50,7 @@ class LinkBridge {
   // serves. nullptr with a message when neither works. The key, when the
   // settings name one, is the link's; its file is read from `files`.
   static std::unique_ptr<LinkBridge> findOrStart(const FileSystem& files, const LinkPlan& plan,
-                                                 const std::string& keyFile, std::string& error,
+                                                 const std::string& keyFile, std::string* error,
                                                  int startMs = 15000);
 
   // The link to the bridge: "tcp://127.0.0.1:PORT".

@@ -71,7 +71,7 @@ TEST(LinkBridge, ABridgeStartedByTheWindowServesAndEndsWithIt) {
   std::string error;
   std::string link;
   {
-    auto bridge = LinkBridge::findOrStart(testFiles(), plan, "", error);
+    auto bridge = LinkBridge::findOrStart(testFiles(), plan, "", &error);
     ASSERT_NE(bridge, nullptr) << error;
     EXPECT_TRUE(bridge->started());
     link = bridge->link();
@@ -82,25 +82,25 @@ TEST(LinkBridge, ABridgeStartedByTheWindowServesAndEndsWithIt) {
 
   // A program that is not there, and one that ends at once, say why.
   plan.program = TAVRIX_CLI_PATH ".missing";
-  EXPECT_EQ(LinkBridge::findOrStart(testFiles(), plan, "", error), nullptr);
+  EXPECT_EQ(LinkBridge::findOrStart(testFiles(), plan, "", &error), nullptr);
   EXPECT_NE(error.find("does not start"), std::string::npos) << error;
   plan.program = TAVRIX_CLI_PATH;
   plan.arguments = {"rig", "--listen", "0.0.0.0:0"};
-  EXPECT_EQ(LinkBridge::findOrStart(testFiles(), plan, "", error), nullptr);
+  EXPECT_EQ(LinkBridge::findOrStart(testFiles(), plan, "", &error), nullptr);
   EXPECT_NE(error.find(" ended: tavrix-cli rig: listening on 0.0.0.0"), std::string::npos) << error;
 }
 
 TEST(LinkBridge, ABridgeAlreadyServingIsUsedAsItIs) {
   RigServer server;
   std::string error;
-  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
   std::atomic<bool> stop{false};
   std::thread serving([&] { server.serve(stop); });
   LinkPlan plan;
   plan.bridge = true;
   plan.port = server.port();
   plan.program = TAVRIX_CLI_PATH ".missing";
-  auto bridge = LinkBridge::findOrStart(testFiles(), plan, "", error);
+  auto bridge = LinkBridge::findOrStart(testFiles(), plan, "", &error);
   ASSERT_NE(bridge, nullptr) << error;
   EXPECT_FALSE(bridge->started());
   EXPECT_EQ(bridge->link(), "tcp://127.0.0.1:" + std::to_string(server.port()));

@@ -72,7 +72,7 @@ int RunWindow(int argc, char** argv) {
   const tavrix::Host machine{tavrix::localFiles(), tavrix::defaultDataRoot()};
   std::string error;
   if (!settingsFile.empty() &&
-      !tavrix::LoadInstrumentSettings(machine.files, settingsFile, settings, error)) {
+      !tavrix::LoadInstrumentSettings(machine.files, settingsFile, settings, &error)) {
     QMessageBox::critical(nullptr, "tavrix", QString::fromStdString(error));
     return 2;
   }
@@ -85,7 +85,7 @@ int RunWindow(int argc, char** argv) {
   std::unique_ptr<tavrix::LinkBridge> bridge;
   std::string link = plan.link;
   if (plan.bridge) {
-    bridge = tavrix::LinkBridge::findOrStart(machine.files, plan, settings.linkKeyFile, error);
+    bridge = tavrix::LinkBridge::findOrStart(machine.files, plan, settings.linkKeyFile, &error);
     if (!bridge) {
       QMessageBox::critical(nullptr, "tavrix", QString::fromStdString(error));
       return 2;

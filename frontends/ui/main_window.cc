@@ -1268,7 +1268,7 @@ bool MainWindow::openStation(const std::string& path) {
       [this, questions](size_t socket, const std::string& name) -> std::unique_ptr<Operator> {
         return std::make_unique<SocketPersonOperator>(*this, questions, socket, name);
       },
-      error);
+      &error);
   if (!opened) {
     questions->close();
     delete view;

@@ -64,7 +64,7 @@ StationView::StationView(QWidget* parent) : QWidget(parent) {
 StationView::~StationView() { sockets_.reset(); }
 
 bool StationView::open(const std::string& path, const StationSockets::Options& options,
-                       StationSockets::PersonFactory person, std::string& error) {
+                       StationSockets::PersonFactory person, std::string* error) {
   QPointer<StationView> self(this);
   auto events = [self](size_t socket, const RunEvent& event, const SocketUnit& unit) {
     QMetaObject::invokeMethod(

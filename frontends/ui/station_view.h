@@ -32,7 +32,7 @@ class StationView : public QWidget {
   // Opens the station file; false with a message when it cannot be used
   // (nothing runs then).
   bool open(const std::string& path, const StationSockets::Options& options,
-            StationSockets::PersonFactory person, std::string& error);
+            StationSockets::PersonFactory person, std::string* error);
 
   void runAll();
   void stopAll();

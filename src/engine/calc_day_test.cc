@@ -59,7 +59,7 @@ TEST(CalcDay, ADayAndAHalfOfTheExampleGivesTheSameFilesAndExchangesAsAlways) {
   config.files = std::move(owned);
   config.op = &op;
   std::string error;
-  ASSERT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, error))
+  ASSERT_TRUE(ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, &error))
       << error;
   config.link = "sim";
   const auto built = BuildEngine(std::move(config));

@@ -55,15 +55,15 @@ Engine::Engine(EngineConfig& config)
       trace_(*clock_),
       companion_(&trace_),
       sequencer_(events_, *config.op, trace_, files_, paths_),
-      testDatabase_(sequencer_, paths_),
+      testDatabase_(sequencer_, paths_,
+                    ResultsSettings{.writeResults = config.writeResultsFiles,
+                                    .xmlLayout = config.xmlResultsFiles,
+                                    .dataDirectory = join(files_.dataRoot(), "data")}),
       safeState_(config.settings.safeStateSequence) {
   RegisterSequencerCommands(sequencer_, {}, &loopCountOutput_);
   RegisterCompanionCommands(sequencer_, companion_);
   RegisterOperatorEntryCommands(sequencer_, &channelAccess_);
   RegisterIndexingCommands(sequencer_, companion_);
-  testDatabase_.results.dataDirectory = join(files_.dataRoot(), "data");
-  testDatabase_.results.writeResults = config.writeResultsFiles;
-  testDatabase_.results.xmlLayout = config.xmlResultsFiles;
   testDatabase_.registerCommands();
   publishSubsystemEvents();
 }
@@ -229,13 +229,13 @@ bool Engine::attachInstrument(InstrumentSettings settings, std::string_view link
 
   // The stage checks read channels through the channel operations, and
   // results without a directory of their own go to the link's data directory.
-  testDatabase_.results.dataDirectory = instrument_->link().GetDataDirectory();
-  testDatabase_.readChannel = [this](const std::string& name, std::string& value,
-                                     std::string& error) {
-    if (instrument_->channels().ReadChannel(name, value)) return true;
-    error = instrument_->link().lastErrorText();
-    return false;
-  };
+  testDatabase_.setDataDirectory(instrument_->link().GetDataDirectory());
+  testDatabase_.setChannelReader(
+      [this](const std::string& name, std::string& value, std::string* error) {
+        if (instrument_->channels().ReadChannel(name, value)) return true;
+        if (error != nullptr) *error = instrument_->link().lastErrorText();
+        return false;
+      });
   return true;
 }
 

@@ -28,7 +28,7 @@ class EngineFiles : public MemoryEngine {
       : MemoryEngine([](EngineConfig& config) {
           std::string error;
           EXPECT_TRUE(
-              ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, error))
+              ParseInstrumentSettings("drive.q = /rigs/q\n", "rig.cfg", config.settings, &error))
               << error;
           config.link = "sim";
         }) {

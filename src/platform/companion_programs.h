@@ -27,14 +27,14 @@ class DdeClient {
 
   // A command for the server to carry out.
   bool execute(std::string_view service, std::string_view topic, std::string_view command,
-               std::string& error);
+               std::string* error);
   // Sets `item` to `value` (as text).
   bool poke(std::string_view service, std::string_view topic, std::string_view item,
-            std::string_view value, std::string& error);
+            std::string_view value, std::string* error);
   // The text value of `item`; std::nullopt, with a message, when there is
   // no answer.
   std::optional<std::string> request(std::string_view service, std::string_view topic,
-                                     std::string_view item, std::string& error);
+                                     std::string_view item, std::string* error);
 
   // Why the last failed call failed, as the DDE layer numbers it (0 when
   // it was no DDE failure).
@@ -60,10 +60,10 @@ class DdeClient {
 
 // Brings the top-level window whose title is exactly `windowTitle` to the
 // front and types `keys` (platform/key_string.h) into it.
-bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::string& error);
+bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::string* error);
 
 // Starts the program of `commandLine` (the program, then its arguments) and
 // does not wait for it.
-bool startProgram(std::string_view commandLine, std::string& error);
+bool startProgram(std::string_view commandLine, std::string* error);
 
 }  // namespace tavrix::platform

@@ -57,22 +57,22 @@ class CompanionProgramsTest : public ::testing::Test {
 TEST_F(CompanionProgramsTest, ExecutesPokesAndRequestsReachTheServer) {
   DdeClient dde;
   std::string error;
-  EXPECT_TRUE(dde.execute(streamer_, "System", "COLLECT c:\\data\\run1.dat", error)) << error;
-  EXPECT_TRUE(dde.execute(logger_, "System", "Stop", error)) << error;
-  EXPECT_EQ(dde.request(streamer_, "System", "Status", error), "READY") << error;
-  EXPECT_TRUE(dde.poke(streamer_, "System", "Status", "BUSY", error)) << error;
-  EXPECT_EQ(dde.request(streamer_, "Status", "Status", error), "BUSY") << error;
+  EXPECT_TRUE(dde.execute(streamer_, "System", "COLLECT c:\\data\\run1.dat", &error)) << error;
+  EXPECT_TRUE(dde.execute(logger_, "System", "Stop", &error)) << error;
+  EXPECT_EQ(dde.request(streamer_, "System", "Status", &error), "READY") << error;
+  EXPECT_TRUE(dde.poke(streamer_, "System", "Status", "BUSY", &error)) << error;
+  EXPECT_EQ(dde.request(streamer_, "Status", "Status", &error), "BUSY") << error;
   // Text beyond ASCII crosses as UTF-16 in executes and in the code page in
   // pokes; the degree sign is in every Western code page.
   EXPECT_TRUE(dde.execute(logger_, "System",
                           "Note 20 \xC2\xB0"
                           "C",
-                          error))
+                          &error))
       << error;
   EXPECT_TRUE(dde.poke(logger_, "System", "R1C1",
                        "12.5 \xC2\xB0"
                        "C",
-                       error))
+                       &error))
       << error;
   EXPECT_EQ(
       server_->received(),
@@ -91,43 +91,43 @@ TEST_F(CompanionProgramsTest, ExecutesPokesAndRequestsReachTheServer) {
 TEST_F(CompanionProgramsTest, FailuresSayWhatWentWrong) {
   DdeClient dde(300);
   std::string error;
-  EXPECT_FALSE(dde.execute("Nobody", "System", "Stop", error));
+  EXPECT_FALSE(dde.execute("Nobody", "System", "Stop", &error));
   EXPECT_EQ(error, "no program answers the DDE topic Nobody|System on this computer");
-  EXPECT_EQ(dde.request("Nobody", "System", "Status", error), std::nullopt);
+  EXPECT_EQ(dde.request("Nobody", "System", "Status", &error), std::nullopt);
   EXPECT_EQ(error, "no program answers the DDE item Status of Nobody|System on this computer");
-  EXPECT_EQ(dde.request(streamer_, "System", "Level", error), std::nullopt);
+  EXPECT_EQ(dde.request(streamer_, "System", "Level", &error), std::nullopt);
   EXPECT_EQ(error,
             "no program answers the DDE item Level of " + streamer_ + "|System on this computer");
-  EXPECT_FALSE(dde.execute(logger_, "System", "Refuse", error));
+  EXPECT_FALSE(dde.execute(logger_, "System", "Refuse", &error));
   EXPECT_EQ(error, logger_ + "|System did not carry out the DDE command \"Refuse\"");
   if (!UnderWine()) {
-    EXPECT_FALSE(dde.poke(logger_, "System", "Locked", "1", error));
+    EXPECT_FALSE(dde.poke(logger_, "System", "Locked", "1", &error));
     EXPECT_EQ(error, logger_ + "|System did not take the DDE item Locked");
   } else {
-    dde.poke(logger_, "System", "Locked", "1", error);
+    dde.poke(logger_, "System", "Locked", "1", &error);
   }
-  EXPECT_FALSE(dde.poke(logger_, "System", std::string(300, 'x'), "1", error));
+  EXPECT_FALSE(dde.poke(logger_, "System", std::string(300, 'x'), "1", &error));
   EXPECT_EQ(error, "a DDE name of " + logger_ + "|System is empty or longer than 255 characters");
   // The server holds this one for two seconds.
-  EXPECT_FALSE(dde.execute(logger_, "System", "Hold", error));
+  EXPECT_FALSE(dde.execute(logger_, "System", "Hold", &error));
   EXPECT_EQ(error, logger_ + "|System did not answer within 300 ms");
   EXPECT_EQ(server_->received(),
             (std::vector<std::string>{
                 "request " + streamer_ + "|System Level", "execute " + logger_ + "|System Refuse",
                 "poke " + logger_ + "|System Locked=1", "execute " + logger_ + "|System Hold"}));
   // The client goes on after a time-out.
-  EXPECT_TRUE(dde.execute(logger_, "System", "Start", error)) << error;
+  EXPECT_TRUE(dde.execute(logger_, "System", "Start", &error)) << error;
 }
 
 TEST_F(CompanionProgramsTest, KeysAreTypedIntoTheWindowOfThatTitle) {
   std::string error;
-  EXPECT_FALSE(sendKeysToWindow("No such window", "abc", error));
+  EXPECT_FALSE(sendKeysToWindow("No such window", "abc", &error));
   EXPECT_EQ(error, "no window is titled \"No such window\"");
-  EXPECT_FALSE(sendKeysToWindow(window_, "%D{DELL}", error));
+  EXPECT_FALSE(sendKeysToWindow(window_, "%D{DELL}", &error));
   EXPECT_EQ(error, "the key string \"%D{DELL}\" names no key DELL");
   EXPECT_TRUE(server_->received().empty());
 
-  ASSERT_TRUE(sendKeysToWindow(window_, "+ab{TAB}~", error)) << error;
+  ASSERT_TRUE(sendKeysToWindow(window_, "+ab{TAB}~", &error)) << error;
   ASSERT_TRUE(typed_.waitFor()) << "Enter never arrived";
   // Shift and A as keys; b as a character of its own (through the key the
   // system keeps for typed characters); Tab; Enter.
@@ -139,12 +139,12 @@ TEST_F(CompanionProgramsTest, KeysAreTypedIntoTheWindowOfThatTitle) {
 TEST_F(CompanionProgramsTest, ProgramsStartAndAreNotWaitedFor) {
   NamedEvent started("started");
   std::string error;
-  ASSERT_TRUE(startProgram(DdeTestServerProcess::path() + " --signal " + started.name(), error))
+  ASSERT_TRUE(startProgram(DdeTestServerProcess::path() + " --signal " + started.name(), &error))
       << error;
   EXPECT_TRUE(started.waitFor()) << "the started program never ran";
 
   const std::string missing = (folder_ / "missing.exe").string();
-  EXPECT_FALSE(startProgram(missing + " /auto", error));
+  EXPECT_FALSE(startProgram(missing + " /auto", &error));
   EXPECT_FALSE(error.empty());
 }
 

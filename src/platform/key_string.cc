@@ -105,14 +105,14 @@ struct Modifiers {
 // The inside of a "{...}": a key's name or one character, and how many
 // times it is pressed ("{TAB 3}").
 bool parseBraced(std::string_view inside, const std::string& quoted, NamedKey& key,
-                 char32_t& character, int& times, std::string& error) {
+                 char32_t& character, int& times, std::string* error) {
   const size_t blank = inside.find(' ');
   if (blank != std::string_view::npos && blank > 0) {
     const std::string_view count = inside.substr(blank + 1);
     const auto [end, ec] = std::from_chars(count.data(), count.data() + count.size(), times);
     if (ec != std::errc() || end != count.data() + count.size() || times < 0 ||
         times > kMostRepeats) {
-      error = quoted + " repeats a key \"" + std::string(count) + "\" times";
+      if (error) *error = quoted + " repeats a key \"" + std::string(count) + "\" times";
       return false;
     }
     inside = inside.substr(0, blank);
@@ -126,7 +126,7 @@ bool parseBraced(std::string_view inside, const std::string& quoted, NamedKey& k
   character = 0;
   key = keyNamed(inside);
   if (key == NamedKey::kNone) {
-    error = quoted + " names no key " + std::string(inside);
+    if (error) *error = quoted + " names no key " + std::string(inside);
     return false;
   }
   return true;
@@ -134,7 +134,7 @@ bool parseBraced(std::string_view inside, const std::string& quoted, NamedKey& k
 
 }  // namespace
 
-bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std::string& error) {
+bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std::string* error) {
   std::vector<KeyStroke> out;
   const std::string quoted = "the key string \"" + std::string(keys) + "\"";
   Modifiers pending;  // held for the next key or group
@@ -158,7 +158,7 @@ bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std:
       ++at;
     } else if (c == '(') {
       if (inGroup) {
-        error = quoted + " opens a group inside a group";
+        if (error) *error = quoted + " opens a group inside a group";
         return false;
       }
       inGroup = true;
@@ -167,11 +167,11 @@ bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std:
       ++at;
     } else if (c == ')') {
       if (!inGroup) {
-        error = quoted + " closes a group it never opened";
+        if (error) *error = quoted + " closes a group it never opened";
         return false;
       }
       if (pending.any()) {
-        error = quoted + " holds Shift, Ctrl or Alt down for no key";
+        if (error) *error = quoted + " holds Shift, Ctrl or Alt down for no key";
         return false;
       }
       inGroup = false;
@@ -181,7 +181,7 @@ bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std:
       // "{}}" quotes a closing brace: the name is never empty.
       const size_t close = keys.find('}', at + 2);
       if (close == std::string_view::npos) {
-        error = quoted + " has a \"{\" without its \"}\"";
+        if (error) *error = quoted + " has a \"{\" without its \"}\"";
         return false;
       }
       NamedKey key = NamedKey::kNone;
@@ -192,18 +192,18 @@ bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std:
       add(key, character, times);
       at = close + 1;
     } else if (c == '}') {
-      error = quoted + " has a \"}\" without its \"{\"";
+      if (error) *error = quoted + " has a \"}\" without its \"{\"";
       return false;
     } else {
       add(NamedKey::kNone, nextCharacter(keys, at), 1);
     }
   }
   if (pending.any()) {
-    error = quoted + " holds Shift, Ctrl or Alt down for no key";
+    if (error) *error = quoted + " holds Shift, Ctrl or Alt down for no key";
     return false;
   }
   if (inGroup) {
-    error = quoted + " leaves a group open";
+    if (error) *error = quoted + " leaves a group open";
     return false;
   }
   strokes = std::move(out);

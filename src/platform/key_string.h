@@ -52,6 +52,6 @@ struct KeyStroke {
 
 // The strokes `keys` stands for, in order; false, with a message naming the
 // fault, when the string is not well formed (nothing is typed then).
-bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std::string& error);
+bool parseKeyString(std::string_view keys, std::vector<KeyStroke>& strokes, std::string* error);
 
 }  // namespace tavrix::platform

@@ -8,14 +8,14 @@ namespace {
 std::vector<KeyStroke> Strokes(std::string_view keys) {
   std::vector<KeyStroke> strokes;
   std::string error;
-  EXPECT_TRUE(parseKeyString(keys, strokes, error)) << keys << ": " << error;
+  EXPECT_TRUE(parseKeyString(keys, strokes, &error)) << keys << ": " << error;
   return strokes;
 }
 
 std::string Fault(std::string_view keys) {
   std::vector<KeyStroke> strokes{KeyStroke{}};
   std::string error;
-  EXPECT_FALSE(parseKeyString(keys, strokes, error)) << keys;
+  EXPECT_FALSE(parseKeyString(keys, strokes, &error)) << keys;
   EXPECT_EQ(strokes.size(), 1u) << "nothing is handed out from a faulty string";
   return error;
 }

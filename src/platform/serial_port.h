@@ -30,6 +30,6 @@ class SerialPort {
 };
 
 // The port opened with `settings`; nullptr with the reason in `problem`.
-std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& settings, std::string& problem);
+std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& settings, std::string* problem);
 
 }  // namespace tavrix::platform

@@ -11,7 +11,7 @@ class SharedLibrary {
  public:
   // Loads the library at `path` (a bare name is looked for where the system
   // looks for libraries); nullptr with the system's reason in `error`.
-  static std::unique_ptr<SharedLibrary> open(const std::string& path, std::string& error);
+  static std::unique_ptr<SharedLibrary> open(const std::string& path, std::string* error);
   ~SharedLibrary();
   SharedLibrary(const SharedLibrary&) = delete;
   SharedLibrary& operator=(const SharedLibrary&) = delete;

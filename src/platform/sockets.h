@@ -19,7 +19,7 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs,
                   std::string* problem = nullptr);
 // Listens on the IPv4 address `host`; `port` 0 picks a free port, which
 // `port` then holds. kNoSocket with a message in `error` on failure.
-Socket listenTcp(const std::string& host, uint16_t& port, std::string& error);
+Socket listenTcp(const std::string& host, uint16_t& port, std::string* error);
 // A waiting client of `listener`, or kNoSocket. When the process has no
 // handles left for it, the client is still taken off the queue (a handle
 // kept in reserve makes room) and `outOfHandles` is set: the caller tells it

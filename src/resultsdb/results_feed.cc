@@ -48,12 +48,12 @@ std::unique_ptr<ResultsFeed> ResultsFeed::Start(FileSystem& files, const std::st
 }
 
 ResultsFeed::~ResultsFeed() {
-  testDatabase_.uutEnded = nullptr;
+  testDatabase_.setUutEnded(nullptr);
   recorder_.stop();
 }
 
 bool ResultsFeed::finish(std::chrono::milliseconds limit, std::string* problem) {
-  testDatabase_.uutEnded = nullptr;
+  testDatabase_.setUutEnded(nullptr);
   const bool written = recorder_.flush(limit);
   const std::vector<StoredUut> lost = queue_.unjournaled();
   if (!written && problem) {

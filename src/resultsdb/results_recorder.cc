@@ -4,8 +4,9 @@
 
 namespace tavrix {
 
-ResultsRecorder::ResultsRecorder(ResultsQueue& queue, StoreOpener opener)
-    : queue_(queue), opener_(std::move(opener)) {}
+ResultsRecorder::ResultsRecorder(ResultsQueue& queue, StoreOpener opener,
+                                 ResultsRecorderOptions options)
+    : queue_(queue), opener_(std::move(opener)), options_(options) {}
 
 ResultsRecorder::~ResultsRecorder() { stop(); }
 
@@ -46,7 +47,7 @@ size_t ResultsRecorder::drain() {
     written += taken.size();
   };
   for (;;) {
-    const std::vector<StoredUut> batch = queue_.front(batchSize, &journalError);
+    const std::vector<StoredUut> batch = queue_.front(options_.batchSize, &journalError);
     if (batch.empty()) break;
     if (!store_) store_ = opener_(&error);
     if (!store_) {
@@ -114,7 +115,7 @@ void ResultsRecorder::loop() {
       }
       if (stopping_) break;
       const Micros delay =
-          std::chrono::duration_cast<std::chrono::microseconds>(retryDelay).count();
+          std::chrono::duration_cast<std::chrono::microseconds>(options_.retryDelay).count();
       clock_->idleUntil(
           clock_->now() + delay, wake_, lock, [this] { return stopping_; }, false);
     }

@@ -23,20 +23,23 @@
 
 namespace tavrix {
 
+// How a ResultsRecorder writes and retries.
+struct ResultsRecorderOptions {
+  // Records per transaction.
+  size_t batchSize = 64;
+  // How long the store thread waits before it tries a store that failed.
+  std::chrono::milliseconds retryDelay{2000};
+};
+
 class ResultsRecorder {
  public:
   // Opens the store, nullptr with a message when it cannot be reached.
   using StoreOpener = std::function<std::unique_ptr<ResultsStore>(std::string* error)>;
 
-  ResultsRecorder(ResultsQueue& queue, StoreOpener opener);
+  ResultsRecorder(ResultsQueue& queue, StoreOpener opener, ResultsRecorderOptions options = {});
   ~ResultsRecorder();
   ResultsRecorder(const ResultsRecorder&) = delete;
   ResultsRecorder& operator=(const ResultsRecorder&) = delete;
-
-  // Records per transaction.
-  size_t batchSize = 64;
-  // How long the store thread waits before it tries a store that failed.
-  std::chrono::milliseconds retryDelay{2000};
 
   // The clock that times the retries and flush(): the machine's unless set.
   // On a virtual clock a retry's delay costs no real time, so after a
@@ -70,6 +73,7 @@ class ResultsRecorder {
 
   ResultsQueue& queue_;
   StoreOpener opener_;
+  const ResultsRecorderOptions options_;
   std::unique_ptr<ResultsStore> store_;  // store thread only (or drain's caller)
   std::mutex drainMutex_;                // one drain at a time
 

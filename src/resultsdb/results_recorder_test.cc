@@ -161,14 +161,16 @@ TEST_F(RecorderTest, AStoreThatFailsOrCannotBeReachedLeavesTheQueueWhole) {
   Queue(queue, {"a", "b", "c"});
   FakeStore::Shared shared;
   bool reachable = false;
-  ResultsRecorder recorder(queue, [&](std::string* error) -> std::unique_ptr<ResultsStore> {
-    if (!reachable) {
-      *error = "the server does not answer";
-      return nullptr;
-    }
-    return std::make_unique<FakeStore>(shared);
-  });
-  recorder.batchSize = 2;
+  ResultsRecorder recorder(
+      queue,
+      [&](std::string* error) -> std::unique_ptr<ResultsStore> {
+        if (!reachable) {
+          *error = "the server does not answer";
+          return nullptr;
+        }
+        return std::make_unique<FakeStore>(shared);
+      },
+      ResultsRecorderOptions{.batchSize = 2});
   EXPECT_EQ(recorder.drain(), 0u);
   EXPECT_EQ(recorder.lastError(), "the server does not answer");
   reachable = true;
@@ -189,9 +191,9 @@ TEST_F(RecorderTest, ARecordRefusedForWhatItHoldsIsSetAsideAndTheEndOfRunWaitKee
   FakeStore::Shared shared;
   shared.refuse = {"b"};
   shared.failuresLeft = 3;  // the store is down for the first three tries
-  ResultsRecorder recorder(queue,
-                           [&](std::string*) { return std::make_unique<FakeStore>(shared); });
-  recorder.retryDelay = std::chrono::milliseconds(0);
+  ResultsRecorder recorder(
+      queue, [&](std::string*) { return std::make_unique<FakeStore>(shared); },
+      ResultsRecorderOptions{.retryDelay = std::chrono::milliseconds(0)});
   recorder.start();
   std::string error;
   ASSERT_TRUE(recorder.submit(SampleUut("e", "e", "2026-11-15 10:00:00"), &error)) << error;
@@ -463,10 +465,12 @@ TEST_F(RecorderTest, RunsSharingOneJournalLoseNothingWhateverTheirNumberAndHowev
       const StoreSpec& mine = run % 4 == 3 ? elsewhere : spec;
       ResultsQueue q(testFiles(), journal, StoreKey(mine));
       if (!q.open(nullptr)) _exit(3);
-      ResultsRecorder recorder(q, [mine](std::string* e) -> std::unique_ptr<ResultsStore> {
-        return OpenResultsStore(mine, e, 0);
-      });
-      recorder.retryDelay = std::chrono::milliseconds(2);
+      ResultsRecorder recorder(
+          q,
+          [mine](std::string* e) -> std::unique_ptr<ResultsStore> {
+            return OpenResultsStore(mine, e, 0);
+          },
+          ResultsRecorderOptions{.retryDelay = std::chrono::milliseconds(2)});
       recorder.start();
       for (int u = 0; u < kUuts; ++u) {
         const std::string key = "r" + std::to_string(run) + "-" + std::to_string(u);

@@ -68,11 +68,11 @@ void CaptureUuts(
   auto files = std::make_shared<std::vector<std::string>>();
   testDatabase.addUutFinishedHook(
       [files](const UutRecord&, const std::vector<std::string>& written) { *files = written; });
-  testDatabase.uutEnded = [&sequencer, &recorder, station = std::move(station),
-                           report = std::move(report), unqueued = std::move(unqueued), files,
-                           reported = false](const TestDefinition& definition,
-                                             const std::string& detailsPath, const UutRecord& uut,
-                                             Micros ended) mutable {
+  testDatabase.setUutEnded([&sequencer, &recorder, station = std::move(station),
+                            report = std::move(report), unqueued = std::move(unqueued), files,
+                            reported = false](const TestDefinition& definition,
+                                              const std::string& detailsPath, const UutRecord& uut,
+                                              Micros ended) mutable {
     StoredUut record =
         MakeStoredUut(definition, detailsPath, uut, ended, station, sequencer.sequenceFileName());
     record.key = NewUutKey(record);
@@ -97,7 +97,7 @@ void CaptureUuts(
              "; records wait in memory and are lost if the store does not take them before the "
              "run ends");
     }
-  };
+  });
 }
 
 }  // namespace tavrix

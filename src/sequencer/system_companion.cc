@@ -16,7 +16,8 @@ class SystemCompanion final : public Companion {
   bool execute(std::string_view topic, std::string_view, std::string_view command,
                std::string* error) override {
     std::string service, name, why;
-    const bool done = split(topic, service, name, why) && dde_.execute(service, name, command, why);
+    const bool done =
+        split(topic, service, name, why) && dde_.execute(service, name, command, &why);
     return report(done, why, error);
   }
 
@@ -24,7 +25,7 @@ class SystemCompanion final : public Companion {
             std::string* error) override {
     std::string service, name, why;
     const bool done =
-        split(topic, service, name, why) && dde_.poke(service, name, item, value, why);
+        split(topic, service, name, why) && dde_.poke(service, name, item, value, &why);
     return report(done, why, error);
   }
 
@@ -32,19 +33,19 @@ class SystemCompanion final : public Companion {
                                      std::string* error) override {
     std::string service, name, why;
     std::optional<std::string> answer;
-    if (split(topic, service, name, why)) answer = dde_.request(service, name, item, why);
+    if (split(topic, service, name, why)) answer = dde_.request(service, name, item, &why);
     if (!answer && error != nullptr) *error = why;
     return answer;
   }
 
   bool sendKeys(std::string_view windowTitle, std::string_view keys, std::string* error) override {
     std::string why;
-    return report(platform::sendKeysToWindow(windowTitle, keys, why), why, error);
+    return report(platform::sendKeysToWindow(windowTitle, keys, &why), why, error);
   }
 
   bool start(std::string_view commandLine, std::string* error) override {
     std::string why;
-    return report(platform::startProgram(commandLine, why), why, error);
+    return report(platform::startProgram(commandLine, &why), why, error);
   }
 
  private:

@@ -98,8 +98,8 @@ void TestDatabase::manualRow(const StageCheck& row) {
 bool TestDatabase::readValue(const std::string& channel, double& value) {
   std::string text;
   std::string error;
-  if (!readChannel || !readChannel(channel, text, error)) {
-    if (!readChannel) error = "no channel can be read in this program";
+  if (!readChannel_ || !readChannel_(channel, text, &error)) {
+    if (!readChannel_) error = "no channel can be read in this program";
     seq_.reportSequenceError("Stage " + formatNumber(step_, "0") + ": cannot read channel " +
                              channel + ": " + error);
     return false;
@@ -115,7 +115,7 @@ void TestDatabase::recordRow(const StageCheck& row) {
   check.units = row.text8;
   check.stage = step_;
   std::optional<std::string> supplied;
-  if (recordValue) supplied = recordValue(row);
+  if (recordValue_) supplied = recordValue_(row);
   if (supplied) {
     check.value = *supplied;
   } else {

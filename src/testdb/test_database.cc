@@ -8,8 +8,8 @@
 
 namespace tavrix {
 
-TestDatabase::TestDatabase(Sequencer& sequencer, const PathMap& paths)
-    : seq_(sequencer), paths_(paths) {}
+TestDatabase::TestDatabase(Sequencer& sequencer, const PathMap& paths, ResultsSettings results)
+    : seq_(sequencer), paths_(paths), results_(std::move(results)) {}
 
 namespace {
 
@@ -103,8 +103,7 @@ bool TestDatabase::restoreState(const nlohmann::json& part, std::string* error) 
     DefinitionReadOptions options;
     options.paths = &paths_;
     options.files = &seq_.files();
-    options.currentDirectory = currentDirectory;
-    if (options.currentDirectory.empty()) options.currentDirectory = seq_.files().currentFolder();
+    options.currentDirectory = seq_.files().currentFolder();
     options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
     if (!ReadTestDefinitionFiles(detailsPath_, options, definition_)) {
       if (error) *error = std::string(kMsgUnableToOpen) + detailsPath_;
@@ -204,8 +203,7 @@ bool TestDatabase::OpenTestDatabase(const std::string& detailsPath) {
     DefinitionReadOptions options;
     options.paths = &paths_;
     options.files = &seq_.files();
-    options.currentDirectory = currentDirectory;
-    if (options.currentDirectory.empty()) options.currentDirectory = seq_.files().currentFolder();
+    options.currentDirectory = seq_.files().currentFolder();
     options.showMessage = [this](const std::string& text) { showPlainMessage(text); };
     if (ReadTestDefinitionFiles(detailsPath, options, definition_)) {
       loaded_ = true;
@@ -248,15 +246,15 @@ void TestDatabase::FinishUut() {
   std::string error;
   const Micros now = seq_.clock().now();
   std::vector<std::string> files;
-  if (!WriteTestResults(seq_.files(), definition_.details, uut_, results, paths_, now, &error)) {
+  if (!WriteTestResults(seq_.files(), definition_.details, uut_, results_, paths_, now, &error)) {
     seq_.reportSequenceError("Unable to write the results of UUT " + uut_.serialNumber + ": " +
                              error);
-  } else if (results.writeResults) {
-    const ResultsNames names = BuildResultsNames(definition_.details, uut_, results, now);
+  } else if (results_.writeResults) {
+    const ResultsNames names = BuildResultsNames(definition_.details, uut_, results_, now);
     files = {paths_.toLocal(names.summary), paths_.toLocal(names.details)};
   }
   for (auto& hook : finishedHooks_) hook(uut_, files);
-  if (uutEnded) uutEnded(definition_, detailsPath_, uut_, now);
+  if (uutEnded_) uutEnded_(definition_, detailsPath_, uut_, now);
   seq_.processPendingEvents();
 }
 

@@ -32,14 +32,15 @@ inline constexpr std::string_view kMsgUnableToOpen = "Unable to open Database fi
 // Reads a channel by name for the stage checks: true with the value text, or
 // false with the link's error text.
 using ChannelReader =
-    std::function<bool(const std::string& channel, std::string& value, std::string& error)>;
+    std::function<bool(const std::string& channel, std::string& value, std::string* error)>;
 // The user hook of RECORD checks: the value to record, or std::nullopt to
 // read the row's channel.
 using RecordValueHook = std::function<std::optional<std::string>(const StageCheck& row)>;
 
 class TestDatabase {
  public:
-  TestDatabase(Sequencer& sequencer, const PathMap& paths);
+  // `results`: how and where the results files are written.
+  TestDatabase(Sequencer& sequencer, const PathMap& paths, ResultsSettings results = {});
   TestDatabase(const TestDatabase&) = delete;
   TestDatabase& operator=(const TestDatabase&) = delete;
 
@@ -47,18 +48,20 @@ class TestDatabase {
   void registerCommands();
 
   // --- Plugged in by the engine ----------------------------------------------
-  ChannelReader readChannel;
-  RecordValueHook recordValue;
-  ResultsSettings results;
-  // The folder a details row without a results directory uses; empty: the
-  // process's current directory.
-  std::string currentDirectory;
+  // How the stage checks read a channel; without one a read fails.
+  void setChannelReader(ChannelReader reader) { readChannel_ = std::move(reader); }
+  void setRecordValueHook(RecordValueHook hook) { recordValue_ = std::move(hook); }
+  // The results directory used when the details give an empty one.
+  void setDataDirectory(std::string folder) { results_.dataDirectory = std::move(folder); }
+  const ResultsSettings& resultsSettings() const { return results_; }
   // Called once for each finished UUT, after its results files are written
   // (or failed to be), with the details file it was tested under and the
-  // time it ended: the results store takes the record from here.
-  std::function<void(const TestDefinition& definition, const std::string& detailsPath,
-                     const UutRecord& uut, Micros ended)>
-      uutEnded;
+  // time it ended: the results store takes the record from here. Empty: no
+  // one is told.
+  using UutEndedHook =
+      std::function<void(const TestDefinition& definition, const std::string& detailsPath,
+                         const UutRecord& uut, Micros ended)>;
+  void setUutEnded(UutEndedHook hook) { uutEnded_ = std::move(hook); }
 
   // --- The mechanisms --------------------------------------------------------
   // Asks the data-entry question, loads the definition if this run has not,
@@ -126,6 +129,10 @@ class TestDatabase {
 
   Sequencer& seq_;
   const PathMap& paths_;
+  ResultsSettings results_;
+  ChannelReader readChannel_;
+  RecordValueHook recordValue_;
+  UutEndedHook uutEnded_;
   TestDefinition definition_;
   std::string detailsPath_;  // of the loaded definition
   bool loaded_ = false;

@@ -35,17 +35,17 @@ class TestDatabaseTest : public ::testing::Test {
         db_(seq_, paths_) {
     RegisterSequencerCommands(seq_);
     db_.registerCommands();
-    db_.readChannel = [this](const std::string& name, std::string& value, std::string& error) {
+    db_.setChannelReader([this](const std::string& name, std::string& value, std::string* error) {
       reads_.push_back(name);
       auto it = channels_.find(name);
       if (it == channels_.end()) {
-        error = "Channel " + name + " does not exist";
+        *error = "Channel " + name + " does not exist";
         return false;
       }
       value = it->second.front();
       if (it->second.size() > 1) it->second.pop_front();
       return true;
-    };
+    });
     paths_.setDrive('c', folder_.path());
     WriteDatabase({});
   }
@@ -155,10 +155,10 @@ TEST_F(TestDatabaseTest, RowsOfAStepRunInFileOrderWhereverTheyStand) {
   // A RECORD hook supplies its value; the channel is not read.
   reads_.clear();
   op_.questions.clear();
-  db_.recordValue = [](const StageCheck& row) -> std::optional<std::string> {
+  db_.setRecordValueHook([](const StageCheck& row) -> std::optional<std::string> {
     if (row.channel == "FLOW") return "hooked";
     return std::nullopt;
-  };
+  });
   Answer({"Accept|serial=2"});
   EXPECT_EQ(Run({"DB_DATAENTRY c:\\details.txt", "DB_STAGECHECK 1"}), "");
   EXPECT_TRUE(reads_.empty());

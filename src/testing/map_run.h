@@ -45,10 +45,10 @@ class MapRun {
     EXPECT_TRUE(testFiles().writeAtomically(mapPath, mapText, nullptr));
     IoMap map;
     std::string error;
-    EXPECT_TRUE(LoadIoMapFile(testFiles(), mapPath, map, error)) << error;
-    auto link = std::make_unique<MapLink>(clock_, std::move(map));
-    link->replyWaitMs = replyWaitMs;
-    link->reconnectPauseMs = 20;
+    EXPECT_TRUE(LoadIoMapFile(testFiles(), mapPath, map, &error)) << error;
+    auto link = std::make_unique<MapLink>(
+        clock_, std::move(map), MapLink::DeviceFactory{},
+        MapLinkOptions{.replyWaitMs = replyWaitMs, .reconnectPauseMs = 20});
     link_ = link.get();
     InstrumentSettings settings;
     settings.useReplyTimeout = true;

@@ -25,7 +25,7 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
     if (!settings.linkKeyFile.empty()) {
       std::string key;
       std::string why;
-      if (!LoadLinkKey(files, settings.linkKeyFile, key, why)) {
+      if (!LoadLinkKey(files, settings.linkKeyFile, key, &why)) {
         if (error) *error = why;
         return nullptr;
       }
@@ -38,7 +38,7 @@ std::unique_ptr<LinkLibrary> MakeLinkLibrary(std::string_view linkSpec, const Cl
   }
   if (linkSpec == kLinkDll) {
     std::string why;
-    auto link = MakeDllLink(settings, files, why);
+    auto link = MakeDllLink(settings, files, &why);
     if (!link && error) *error = why;
     return link;
   }

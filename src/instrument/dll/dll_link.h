@@ -27,6 +27,6 @@ std::string SetupSummaryPath(std::string_view setupFile);
 // that cannot be done. The setup summaries the setup library writes are
 // read from `files`.
 std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& settings,
-                                         const FileSystem& files, std::string& error);
+                                         const FileSystem& files, std::string* error);
 
 }  // namespace tavrix

@@ -78,25 +78,25 @@ TEST_F(DllLinkTest, AMissingLibraryOrFunctionIsAStartUpErrorNamingIt) {
   InstrumentSettings settings = standIns();
   settings.libraryFolder = folder;
   std::string error;
-  EXPECT_EQ(MakeDllLink(settings, testFiles(), error), nullptr);
+  EXPECT_EQ(MakeDllLink(settings, testFiles(), &error), nullptr);
   EXPECT_EQ(error.rfind("cannot load the link library " + folder + "\\commslib.dll: ", 0), 0u)
       << error;
 
   // The setup library loaded as the link library lacks every link function.
   settings = standIns();
   settings.linkLibraryName = "imslib.dll";
-  EXPECT_EQ(MakeDllLink(settings, testFiles(), error), nullptr);
+  EXPECT_EQ(MakeDllLink(settings, testFiles(), &error), nullptr);
   EXPECT_EQ(error, std::string(TAVRIX_STAND_IN_FOLDER) +
                        "\\imslib.dll has no function _OpenIMLInterface@4");
 
   settings = standIns();
   settings.setupLibraryName = "commslib.dll";
-  EXPECT_EQ(MakeDllLink(settings, testFiles(), error), nullptr);
+  EXPECT_EQ(MakeDllLink(settings, testFiles(), &error), nullptr);
   EXPECT_EQ(error, std::string(TAVRIX_STAND_IN_FOLDER) +
                        "\\commslib.dll has no function _IMSLibVersion@8");
 
   settings = standIns();
-  EXPECT_NE(MakeDllLink(settings, testFiles(), error), nullptr) << error;
+  EXPECT_NE(MakeDllLink(settings, testFiles(), &error), nullptr) << error;
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ class DllLink final : public LinkLibrary {
   }
 
   // Resolves every function; false with a message naming the missing one.
-  bool resolve(std::string& error) {
+  bool resolve(std::string* error) {
     return find(comms_, commsFile_, "_OpenIMLInterface@4", open_, error) &&
            find(comms_, commsFile_, "_CloseIMLInterface@4", close_, error) &&
            find(comms_, commsFile_, "_GetIMLInterfaceVersion@12", version_, error) &&
@@ -123,9 +123,9 @@ class DllLink final : public LinkLibrary {
  private:
   template <typename F>
   static bool find(const std::unique_ptr<platform::SharedLibrary>& library, const std::string& file,
-                   const char* name, F& function, std::string& error) {
+                   const char* name, F& function, std::string* error) {
     function = reinterpret_cast<F>(library->function(name));
-    if (function == nullptr) error = file + " has no function " + name;
+    if (function == nullptr && error) *error = file + " has no function " + name;
     return function != nullptr;
   }
 
@@ -152,19 +152,19 @@ std::string inFolder(const std::string& folder, const std::string& name) {
 }  // namespace
 
 std::unique_ptr<LinkLibrary> MakeDllLink(const InstrumentSettings& settings,
-                                         const FileSystem& files, std::string& error) {
+                                         const FileSystem& files, std::string* error) {
   auto link = std::make_unique<DllLink>(files);
   link->commsFile_ = inFolder(settings.libraryFolder, settings.linkLibraryName);
   link->imsFile_ = inFolder(settings.libraryFolder, settings.setupLibraryName);
   std::string why;
-  link->comms_ = platform::SharedLibrary::open(link->commsFile_, why);
+  link->comms_ = platform::SharedLibrary::open(link->commsFile_, &why);
   if (!link->comms_) {
-    error = "cannot load the link library " + link->commsFile_ + ": " + why;
+    if (error) *error = "cannot load the link library " + link->commsFile_ + ": " + why;
     return nullptr;
   }
-  link->ims_ = platform::SharedLibrary::open(link->imsFile_, why);
+  link->ims_ = platform::SharedLibrary::open(link->imsFile_, &why);
   if (!link->ims_) {
-    error = "cannot load the setup library " + link->imsFile_ + ": " + why;
+    if (error) *error = "cannot load the setup library " + link->imsFile_ + ": " + why;
     return nullptr;
   }
   if (!link->resolve(error)) return nullptr;

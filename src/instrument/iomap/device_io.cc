@@ -5,7 +5,7 @@
 
 namespace tavrix {
 
-std::unique_ptr<DeviceIo> MakeDeviceIo(const MapDevice& device, std::string& why) {
+std::unique_ptr<DeviceIo> MakeDeviceIo(const MapDevice& device, std::string* why) {
   return device.isModbus() ? MakeModbusDevice(device, why) : MakeScpiDevice(device, why);
 }
 

@@ -41,6 +41,6 @@ class DeviceIo {
 
 // The device that `device` of the map describes (Modbus or SCPI); nullptr
 // with a reason when this build cannot reach it.
-std::unique_ptr<DeviceIo> MakeDeviceIo(const MapDevice& device, std::string& why);
+std::unique_ptr<DeviceIo> MakeDeviceIo(const MapDevice& device, std::string* why);
 
 }  // namespace tavrix

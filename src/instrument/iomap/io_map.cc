@@ -363,7 +363,7 @@ std::string IoMap::summary() const {
   return text;
 }
 
-bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, std::string& error) {
+bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, std::string* error) {
   map = IoMap{};
   map.path = std::string(fileName);
   Reader reader(fileName);
@@ -424,7 +424,7 @@ bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, st
     }
     if (map.channels.empty()) reader.fail(0, "", "the map names no channel");
   } catch (const MapError& e) {
-    error = e.text;
+    if (error) *error = e.text;
     map = IoMap{};
     return false;
   }
@@ -432,17 +432,17 @@ bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, st
 }
 
 bool LoadIoMapFile(const FileSystem& files, const std::string& path, IoMap& map,
-                   std::string& error) {
+                   std::string* error) {
   std::string text;
   std::string readError;
   if (!readTextFile(files, path, text, &readError)) {
-    error = "cannot read the I/O map " + path + ": " + readFailureReason(readError);
+    if (error) *error = "cannot read the I/O map " + path + ": " + readFailureReason(readError);
     return false;
   }
   return ParseIoMap(text, path, map, error);
 }
 
-bool EncodeRegisters(const MapChannel& c, double value, uint16_t words[2], std::string& why) {
+bool EncodeRegisters(const MapChannel& c, double value, uint16_t words[2], std::string* why) {
   words[0] = words[1] = 0;
   if (c.table == ModbusTable::kCoil || c.table == ModbusTable::kDiscreteInput) {
     words[0] = value != 0 ? 1 : 0;
@@ -450,14 +450,14 @@ bool EncodeRegisters(const MapChannel& c, double value, uint16_t words[2], std::
   }
   const double raw = (value - c.offset) / c.scale;
   if (!std::isfinite(raw)) {
-    why = "the value is not a finite number";
+    if (why) *why = "the value is not a finite number";
     return false;
   }
   uint32_t bits = 0;
   const auto fits = [&](double low, double high) {
     const double r = std::nearbyint(raw);
     if (r < low || r > high) {
-      why = "the raw value " + MapNumberText(r) + " does not fit the register's type";
+      if (why) *why = "the raw value " + MapNumberText(r) + " does not fit the register's type";
       return false;
     }
     return true;
@@ -484,7 +484,7 @@ bool EncodeRegisters(const MapChannel& c, double value, uint16_t words[2], std::
       break;
     case ValueType::kFloat32: {
       if (std::fabs(raw) > 3.4028234663852886e38) {
-        why = "the raw value does not fit a float32";
+        if (why) *why = "the raw value does not fit a float32";
         return false;
       }
       const float f = static_cast<float>(raw);
@@ -534,11 +534,12 @@ std::string MapNumberText(double value) {
   return std::string(text, end.ptr);
 }
 
-bool WithinLimits(const MapChannel& c, double value, std::string& why) {
+bool WithinLimits(const MapChannel& c, double value, std::string* why) {
   if ((c.min && value < *c.min) || (c.max && value > *c.max)) {
-    why = c.name + ": " + MapNumberText(value) + " is outside the map's range " +
-          (c.min ? MapNumberText(*c.min) : "-inf") + " to " +
-          (c.max ? MapNumberText(*c.max) : "inf") + "; nothing was written";
+    if (why)
+      *why = c.name + ": " + MapNumberText(value) + " is outside the map's range " +
+             (c.min ? MapNumberText(*c.min) : "-inf") + " to " +
+             (c.max ? MapNumberText(*c.max) : "inf") + "; nothing was written";
     return false;
   }
   return true;

@@ -95,29 +95,29 @@ struct IoMap {
   std::string setupName() const;
 
  private:
-  friend bool ParseIoMap(std::string_view, std::string_view, IoMap&, std::string&);
+  friend bool ParseIoMap(std::string_view, std::string_view, IoMap&, std::string*);
   std::unordered_map<std::string, size_t> index_;
 };
 
 // Reads a map's text; `fileName` names the file in messages. On a mistake
 // returns false with "FILE line N: where: what".
-bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, std::string& error);
+bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, std::string* error);
 bool LoadIoMapFile(const FileSystem& files, const std::string& path, IoMap& map,
-                   std::string& error);
+                   std::string* error);
 
 // --- Conversion between a channel's value and its wire form ---------------
 
 // The registers for `value` (engineering units): the raw value is
 // (value - offset) / scale, rounded to the type's integer for the integer
 // types; false with a reason when it does not fit the type.
-bool EncodeRegisters(const MapChannel& channel, double value, uint16_t words[2], std::string& why);
+bool EncodeRegisters(const MapChannel& channel, double value, uint16_t words[2], std::string* why);
 // The engineering value of the registers read (raw * scale + offset).
 double DecodeRegisters(const MapChannel& channel, const uint16_t words[2]);
 // A value as the link's replies write it: up to 10 significant digits.
 std::string MapNumberText(double value);
 // Whether a write of `value` lies within the channel's min and max; the
 // reason names the channel otherwise.
-bool WithinLimits(const MapChannel& channel, double value, std::string& why);
+bool WithinLimits(const MapChannel& channel, double value, std::string* why);
 // The SCPI command for a write: the template with "{value}" replaced.
 std::string FillTemplate(std::string_view command, double value);
 

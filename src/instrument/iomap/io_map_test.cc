@@ -53,7 +53,7 @@ read = "MEAS:CURR?"
 TEST(IoMap, ReadsDevicesAndChannelsInFileOrderAndMakesTheChannelTable) {
   IoMap map;
   std::string error;
-  ASSERT_TRUE(ParseIoMap(kMap, "/rigs/oven rig.toml", map, error)) << error;
+  ASSERT_TRUE(ParseIoMap(kMap, "/rigs/oven rig.toml", map, &error)) << error;
   ASSERT_EQ(map.devices.size(), 3u);
   EXPECT_EQ(map.devices[0].name, "io1");
   EXPECT_EQ(map.devices[0].number, 1);
@@ -135,7 +135,7 @@ TEST(IoMap, MistakesNameTheFileTheLineAndTheKey) {
   for (const auto& [text, expected] : cases) {
     IoMap map;
     std::string error;
-    EXPECT_FALSE(ParseIoMap(text, "m.toml", map, error)) << text;
+    EXPECT_FALSE(ParseIoMap(text, "m.toml", map, &error)) << text;
     EXPECT_EQ(error, expected) << text;
     EXPECT_TRUE(map.channels.empty());
   }
@@ -171,22 +171,22 @@ TEST(IoMap, ValuesTakeTheirWireFormAndBack) {
   for (const auto& c : cases) {
     uint16_t words[2] = {1, 1};
     std::string why;
-    ASSERT_TRUE(EncodeRegisters(c.channel, c.value, words, why)) << c.value << why;
+    ASSERT_TRUE(EncodeRegisters(c.channel, c.value, words, &why)) << c.value << why;
     EXPECT_EQ(words[0], c.words[0]) << c.value;
     EXPECT_EQ(words[1], c.words[1]) << c.value;
     EXPECT_NEAR(DecodeRegisters(c.channel, words), c.value, 1e-9) << c.value;
   }
   uint16_t words[2];
   std::string why;
-  EXPECT_FALSE(EncodeRegisters(Register(ValueType::kUint16), -1, words, why));
+  EXPECT_FALSE(EncodeRegisters(Register(ValueType::kUint16), -1, words, &why));
   EXPECT_EQ(why, "the raw value -1 does not fit the register's type");
-  EXPECT_FALSE(EncodeRegisters(Register(ValueType::kInt16, false, 0.1), 3276.8, words, why));
-  EXPECT_TRUE(EncodeRegisters(Register(ValueType::kInt16, false, 0.1), 3276.7, words, why));
-  EXPECT_FALSE(EncodeRegisters(Register(ValueType::kFloat32), 1e39, words, why));
+  EXPECT_FALSE(EncodeRegisters(Register(ValueType::kInt16, false, 0.1), 3276.8, words, &why));
+  EXPECT_TRUE(EncodeRegisters(Register(ValueType::kInt16, false, 0.1), 3276.7, words, &why));
+  EXPECT_FALSE(EncodeRegisters(Register(ValueType::kFloat32), 1e39, words, &why));
 
   MapChannel coil;
   coil.table = ModbusTable::kCoil;
-  ASSERT_TRUE(EncodeRegisters(coil, 0.2, words, why));
+  ASSERT_TRUE(EncodeRegisters(coil, 0.2, words, &why));
   EXPECT_EQ(words[0], 1);
   EXPECT_EQ(DecodeRegisters(coil, words), 1);
 
@@ -194,8 +194,8 @@ TEST(IoMap, ValuesTakeTheirWireFormAndBack) {
   limited.name = "HEATER";
   limited.min = 0;
   limited.max = 100;
-  EXPECT_TRUE(WithinLimits(limited, 100, why));
-  EXPECT_FALSE(WithinLimits(limited, 100.5, why));
+  EXPECT_TRUE(WithinLimits(limited, 100, &why));
+  EXPECT_FALSE(WithinLimits(limited, 100.5, &why));
   EXPECT_EQ(why, "HEATER: 100.5 is outside the map's range 0 to 100; nothing was written");
   EXPECT_EQ(FillTemplate("SOUR:VOLT {value};:OUTP ON", 12.5), "SOUR:VOLT 12.5;:OUTP ON");
 }

@@ -282,10 +282,10 @@ struct MapLink::Worker {
       }
       const double value = leadingNumber(rest);
       std::string limitWhy;
-      if (!WithinLimits(c, value, limitWhy)) return fail(map_error::kOutOfRange, limitWhy);
+      if (!WithinLimits(c, value, &limitWhy)) return fail(map_error::kOutOfRange, limitWhy);
       if (c.table != ModbusTable::kNone) {
         uint16_t words[2];
-        if (!EncodeRegisters(c, value, words, limitWhy)) {
+        if (!EncodeRegisters(c, value, words, &limitWhy)) {
           return fail(map_error::kBadValue, c.name + ": " + limitWhy + "; nothing was written");
         }
       }
@@ -375,10 +375,11 @@ struct MapLink::Worker {
   }
 };
 
-MapLink::MapLink(const Clock& clock, IoMap map, DeviceFactory makeDevice)
+MapLink::MapLink(const Clock& clock, IoMap map, DeviceFactory makeDevice, MapLinkOptions options)
     : clock_(clock),
       map_(std::move(map)),
       makeDevice_(makeDevice ? std::move(makeDevice) : DeviceFactory(MakeDeviceIo)),
+      options_(options),
       ownClock_(std::make_unique<SystemClock>()),
       ownEvents_(std::make_unique<EventLoop>(*ownClock_)) {}
 
@@ -432,10 +433,10 @@ int32_t MapLink::openInterface(int16_t& handle) {
   waker_ = std::make_unique<Waker>(&events());
   for (const MapDevice& d : map_.devices) {
     std::string why;
-    std::unique_ptr<DeviceIo> io = makeDevice_(d, why);
+    std::unique_ptr<DeviceIo> io = makeDevice_(d, &why);
     auto w = std::make_unique<Worker>(d, std::move(io), why);
     w->loop = &events();
-    w->reconnectPauseMs = reconnectPauseMs;
+    w->reconnectPauseMs = options_.reconnectPauseMs;
     for (const MapChannel& c : map_.channels) {
       if (&map_.devices[c.device] != &d) continue;
       Worker::Channel channel;
@@ -571,7 +572,7 @@ int32_t MapLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffe
     std::lock_guard lock(w.mutex);
     return w.replies.count(id) > 0 || w.failedAttempts != failures;
   };
-  if (!settled()) waitFor(settled, replyWaitMs);
+  if (!settled()) waitFor(settled, options_.replyWaitMs);
   // A task run during the wait may have closed the link.
   if (!open_ || workers_.size() < static_cast<size_t>(device) || workers_[device - 1].get() != &w)
     return link_result::kLinkLost;
@@ -645,7 +646,7 @@ std::unique_ptr<LinkLibrary> MakeMapLink(std::string_view linkSpec, const std::s
   }
   IoMap map;
   std::string why;
-  if (!LoadIoMapFile(files, path, map, why)) {
+  if (!LoadIoMapFile(files, path, map, &why)) {
     if (error) *error = why;
     return nullptr;
   }

@@ -47,12 +47,21 @@ inline constexpr int kWriteOnly = 24;   // a read of a channel that cannot be re
 
 inline constexpr std::string_view kMapInterfaceVersion = "TAVRIX I/O map link 1.0";
 
+// How long a MapLink waits, in real milliseconds.
+struct MapLinkOptions {
+  // For a reply in getReply before it answers 17.
+  int replyWaitMs = 100;
+  // Between two connection attempts to a device that cannot be reached.
+  int reconnectPauseMs = 200;
+};
+
 class MapLink final : public LinkLibrary {
  public:
   // `makeDevice` builds the device of each map device (tests give their
   // own); by default MakeDeviceIo.
-  using DeviceFactory = std::function<std::unique_ptr<DeviceIo>(const MapDevice&, std::string&)>;
-  MapLink(const Clock& clock, IoMap map, DeviceFactory makeDevice = {});
+  using DeviceFactory = std::function<std::unique_ptr<DeviceIo>(const MapDevice&, std::string*)>;
+  MapLink(const Clock& clock, IoMap map, DeviceFactory makeDevice = {},
+          MapLinkOptions options = {});
   ~MapLink() override;
 
   const IoMap& map() const { return map_; }
@@ -61,12 +70,6 @@ class MapLink final : public LinkLibrary {
   std::string connectionProblem() const override;
   std::string ownSetup() const override { return map_.path; }
   std::vector<std::string> deviceLines() const override;
-
-  // Real milliseconds getReply waits for a reply before it answers 17.
-  int replyWaitMs = 100;
-  // Real milliseconds between two connection attempts to a device that
-  // cannot be reached.
-  int reconnectPauseMs = 200;
 
   int32_t openInterface(int16_t& handle) override;
   int32_t closeInterface(int16_t handle) override;
@@ -94,6 +97,7 @@ class MapLink final : public LinkLibrary {
   const Clock& clock_;
   IoMap map_;
   DeviceFactory makeDevice_;
+  const MapLinkOptions options_;
   EventLoop* events_ = nullptr;
   Trace* trace_ = nullptr;
   std::unique_ptr<SystemClock> ownClock_;

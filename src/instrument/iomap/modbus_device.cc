@@ -133,7 +133,7 @@ class ModbusDevice final : public DeviceIo {
 
   Status write(const MapChannel& c, double value, std::string& text) override {
     uint16_t words[2] = {0, 0};
-    if (!EncodeRegisters(c, value, words, text)) return Status::kDeviceError;
+    if (!EncodeRegisters(c, value, words, &text)) return Status::kDeviceError;
     int done = -1;
     if (c.table == ModbusTable::kCoil) {
       done = modbus_write_bit(ctx_, c.address, words[0] != 0 ? 1 : 0);
@@ -172,7 +172,7 @@ class ModbusDevice final : public DeviceIo {
 
 }  // namespace
 
-std::unique_ptr<DeviceIo> MakeModbusDevice(const MapDevice& device, std::string& /*why*/) {
+std::unique_ptr<DeviceIo> MakeModbusDevice(const MapDevice& device, std::string* /*why*/) {
   return std::make_unique<ModbusDevice>(device);
 }
 

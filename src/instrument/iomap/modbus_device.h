@@ -9,6 +9,6 @@
 
 namespace tavrix {
 
-std::unique_ptr<DeviceIo> MakeModbusDevice(const MapDevice& device, std::string& why);
+std::unique_ptr<DeviceIo> MakeModbusDevice(const MapDevice& device, std::string* why);
 
 }  // namespace tavrix

@@ -36,7 +36,7 @@ std::string OvenMap(uint16_t port, std::string_view extra = {}, int timeoutMs = 
 struct Oven {
   explicit Oven(const Clock& clock) : server(clock) {
     std::string error;
-    EXPECT_TRUE(server.start("127.0.0.1", 0, error)) << error;
+    EXPECT_TRUE(server.start("127.0.0.1", 0, &error)) << error;
   }
   ModbusOvenServer server;
 };
@@ -139,7 +139,7 @@ TEST(ModbusLink, AResetConnectionGarbageAndASlowDeviceAreAskedAgain) {
   oven.server.stop();
   ModbusOvenServer again(clock);
   std::string error;
-  ASSERT_TRUE(again.start("127.0.0.1", port, error)) << error;
+  ASSERT_TRUE(again.start("127.0.0.1", port, &error)) << error;
   EXPECT_TRUE(channels.WriteChannel("HEATER", "12.5"));
   EXPECT_EQ(again.heater(), 12.5);
 }

@@ -102,7 +102,7 @@ class ScpiDevice final : public DeviceIo {
     } else {
       platform::SerialSettings s{device_.serial.path, device_.serial.baud, device_.serial.parity,
                                  device_.serial.dataBits, device_.serial.stopBits};
-      auto port = platform::openSerialPort(s, problem);
+      auto port = platform::openSerialPort(s, &problem);
       if (!port) return false;
       line = std::make_unique<SerialLine>(std::move(port));
     }
@@ -214,7 +214,7 @@ class ScpiDevice final : public DeviceIo {
 
 }  // namespace
 
-std::unique_ptr<DeviceIo> MakeScpiDevice(const MapDevice& device, std::string& /*why*/) {
+std::unique_ptr<DeviceIo> MakeScpiDevice(const MapDevice& device, std::string* /*why*/) {
   return std::make_unique<ScpiDevice>(device);
 }
 

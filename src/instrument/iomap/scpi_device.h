@@ -11,6 +11,6 @@
 
 namespace tavrix {
 
-std::unique_ptr<DeviceIo> MakeScpiDevice(const MapDevice& device, std::string& why);
+std::unique_ptr<DeviceIo> MakeScpiDevice(const MapDevice& device, std::string* why);
 
 }  // namespace tavrix

@@ -30,7 +30,7 @@ std::string PsuMap(uint16_t port, int timeoutMs = 1000) {
 struct Psu {
   Psu() {
     std::string error;
-    EXPECT_TRUE(server.start("127.0.0.1", 0, error)) << error;
+    EXPECT_TRUE(server.start("127.0.0.1", 0, &error)) << error;
   }
   ScpiInstrumentServer server;
 };

@@ -60,7 +60,8 @@ std::string InstrumentSettings::*TextSetting(std::string_view key) {
 
 }  // namespace
 
-bool InstrumentSettings::set(std::string_view key, std::string_view value, std::string& error) {
+bool InstrumentSettings::set(std::string_view key, std::string_view value, std::string* error) {
+  std::string why;
   const std::string k = lowerCase(key);
   if (std::string InstrumentSettings::*text = TextSetting(k)) {
     this->*text = std::string(value);
@@ -68,14 +69,14 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
   }
   int n = 0;
   if (k == "no_hardware") {
-    if (!parseFlag(value, noHardware)) error = "no_hardware takes 0 or 1";
+    if (!parseFlag(value, noHardware)) why = "no_hardware takes 0 or 1";
   } else if (k == "use_reply_timeout") {
-    if (!parseFlag(value, useReplyTimeout)) error = "use_reply_timeout takes 0 or 1";
+    if (!parseFlag(value, useReplyTimeout)) why = "use_reply_timeout takes 0 or 1";
   } else if (k == "reply_timeout_secs") {
     if (parseCount(value, 0, 32767, n)) {
       replyTimeoutSecs = n;
     } else {
-      error = "reply_timeout_secs takes whole seconds 0-32767";
+      why = "reply_timeout_secs takes whole seconds 0-32767";
     }
   } else if (k == "records_max_age") {
     if (lowerCase(value) == "off") {
@@ -83,7 +84,7 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     } else if (const auto age = parseDuration(value)) {
       recordsMaxAge = *age;
     } else {
-      error = "records_max_age takes an age such as 30d or 12h, or off";
+      why = "records_max_age takes an age such as 30d or 12h, or off";
     }
   } else if (k == "records_max_size") {
     if (lowerCase(value) == "off") {
@@ -91,7 +92,7 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     } else if (const auto bytes = parseByteSize(value)) {
       recordsMaxBytes = *bytes;
     } else {
-      error = "records_max_size takes a size such as 1GiB, 500MiB or 200MB, or off";
+      why = "records_max_size takes a size such as 1GiB, 500MiB or 200MB, or off";
     }
   } else if (k.size() == 7 && k.rfind("drive.", 0) == 0 &&
              std::isalpha(static_cast<unsigned char>(k[6]))) {
@@ -100,34 +101,35 @@ bool InstrumentSettings::set(std::string_view key, std::string_view value, std::
     if (parseCount(value, 1, 65535, n)) {
       bridgePort = static_cast<int>(n);
     } else {
-      error = "bridge_port takes a port number 1-65535";
+      why = "bridge_port takes a port number 1-65535";
     }
   } else if (k == "link_library") {
-    if (value.empty()) error = "link_library takes a file name";
+    if (value.empty()) why = "link_library takes a file name";
     linkLibraryName = std::string(value);
   } else if (k == "setup_library") {
-    if (value.empty()) error = "setup_library takes a file name";
+    if (value.empty()) why = "setup_library takes a file name";
     setupLibraryName = std::string(value);
   } else if (k == "reply_poll_ms") {
     if (parseCount(value, 1, 60000, n)) {
       replyPollInterval = static_cast<Micros>(n) * 1000;
     } else {
-      error = "reply_poll_ms takes milliseconds 1-60000";
+      why = "reply_poll_ms takes milliseconds 1-60000";
     }
   } else if (k == "wait_poll_ms") {
     if (parseCount(value, 1, 60000, n)) {
       waitPollInterval = static_cast<Micros>(n) * 1000;
     } else {
-      error = "wait_poll_ms takes milliseconds 1-60000";
+      why = "wait_poll_ms takes milliseconds 1-60000";
     }
   } else {
-    error = "unknown setting \"" + std::string(key) + "\"";
+    why = "unknown setting \"" + std::string(key) + "\"";
   }
-  return error.empty();
+  if (!why.empty() && error) *error = why;
+  return why.empty();
 }
 
 bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
-                             InstrumentSettings& settings, std::string& error) {
+                             InstrumentSettings& settings, std::string* error) {
   int lineNo = 0;
   for (const std::string& raw : splitLines(text)) {
     ++lineNo;
@@ -138,10 +140,10 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
     if (eq == std::string_view::npos) {
       reason = "expected \"key = value\"";
     } else {
-      settings.set(trim(line.substr(0, eq)), trim(line.substr(eq + 1)), reason);
+      settings.set(trim(line.substr(0, eq)), trim(line.substr(eq + 1)), &reason);
     }
     if (!reason.empty()) {
-      error = std::string(fileName) + " line " + std::to_string(lineNo) + ": " + reason;
+      if (error) *error = std::string(fileName) + " line " + std::to_string(lineNo) + ": " + reason;
       return false;
     }
   }
@@ -149,11 +151,12 @@ bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
 }
 
 bool LoadInstrumentSettings(const FileSystem& files, const std::string& path,
-                            InstrumentSettings& settings, std::string& error) {
+                            InstrumentSettings& settings, std::string* error) {
   std::string text;
   std::string readError;
   if (!readTextFile(files, path, text, &readError)) {
-    error = "cannot read the settings file " + path + ": " + readFailureReason(readError);
+    if (error)
+      *error = "cannot read the settings file " + path + ": " + readFailureReason(readError);
     return false;
   }
   return ParseInstrumentSettings(text, path, settings, error);

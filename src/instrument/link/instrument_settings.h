@@ -60,14 +60,14 @@ struct InstrumentSettings {
 
   // Applies one "key = value" pair; false with a reason for an unknown key or
   // a bad value.
-  bool set(std::string_view key, std::string_view value, std::string& error);
+  bool set(std::string_view key, std::string_view value, std::string* error);
 };
 
 // Reads settings from a file; false with "FILE line N: reason" on a bad line.
 bool LoadInstrumentSettings(const FileSystem& files, const std::string& path,
-                            InstrumentSettings& settings, std::string& error);
+                            InstrumentSettings& settings, std::string* error);
 bool ParseInstrumentSettings(std::string_view text, std::string_view fileName,
-                             InstrumentSettings& settings, std::string& error);
+                             InstrumentSettings& settings, std::string* error);
 
 // The program's drive map (common/paths.h): the drives of these settings, and
 // every other drive X as "<dataRoot>/x". Built once per run; every command

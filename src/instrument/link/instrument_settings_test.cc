@@ -26,7 +26,7 @@ TEST(InstrumentSettings, ReadFromAKeyValueFile) {
                               "  ; a comment\n"
                               "reply_poll_ms = 5\n"
                               "wait_poll_ms = 250\n",
-                              "rig.cfg", settings, error))
+                              "rig.cfg", settings, &error))
       << error;
   EXPECT_TRUE(settings.noHardware);
   EXPECT_FALSE(settings.useReplyTimeout);
@@ -49,15 +49,15 @@ TEST(InstrumentSettings, ReadFromAKeyValueFile) {
       {"just words\n", "rig.cfg line 1: expected \"key = value\""},
   };
   for (const auto& [text, message] : bad) {
-    EXPECT_FALSE(ParseInstrumentSettings(text, "rig.cfg", settings, error)) << text;
+    EXPECT_FALSE(ParseInstrumentSettings(text, "rig.cfg", settings, &error)) << text;
     EXPECT_EQ(error, message);
   }
   MemoryFileSystem files;
-  EXPECT_FALSE(LoadInstrumentSettings(files, "/nonexistent/rig.cfg", settings, error));
+  EXPECT_FALSE(LoadInstrumentSettings(files, "/nonexistent/rig.cfg", settings, &error));
   EXPECT_EQ(error.rfind("cannot read the settings file /nonexistent/rig.cfg: ", 0), 0u) << error;
   const std::string path = "/data/instrument.cfg";
   files.put(path, "check_channel = P1\n");
-  ASSERT_TRUE(LoadInstrumentSettings(files, path, settings, error));
+  ASSERT_TRUE(LoadInstrumentSettings(files, path, settings, &error));
   EXPECT_EQ(settings.checkChannel, "P1");
 }
 

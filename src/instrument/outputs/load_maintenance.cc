@@ -68,11 +68,11 @@ struct LoopSettings {
 // Reads WITH RATE, GAIN (both needed when `required`) and TOLERANCE, and
 // checks them over `base`, a setup whose own values are good.
 bool TakeRateGainTolerance(KeywordReader& reader, const MaintainSetup& base, bool required,
-                           LoopSettings& settings, std::string& error) {
+                           LoopSettings& settings, std::string* error) {
   auto rate = required ? reader.next("WITH RATE") : reader.optional("WITH RATE");
   auto gain = required ? reader.next("GAIN") : reader.optional("GAIN");
   if (required && (!rate || !gain)) {
-    error = kTextCannotParseMaintain;
+    if (error) *error = kTextCannotParseMaintain;
     return false;
   }
   if (rate) settings.rate = static_cast<float>(leadingNumber(*rate));
@@ -81,15 +81,15 @@ bool TakeRateGainTolerance(KeywordReader& reader, const MaintainSetup& base, boo
   MaintainSetup setup = base;
   settings.applyTo(setup);
   if (!(setup.rate > 0) || !std::isfinite(setup.rate)) {
-    error = kTextMaintainRate;
+    if (error) *error = kTextMaintainRate;
     return false;
   }
   if (setup.gain == 0 || !std::isfinite(setup.gain)) {
-    error = kTextMaintainGain;
+    if (error) *error = kTextMaintainGain;
     return false;
   }
   if (!(setup.tolerance > 0) || !std::isfinite(setup.tolerance)) {
-    error = kTextMaintainTolerance;
+    if (error) *error = kTextMaintainTolerance;
     return false;
   }
   return true;
@@ -249,7 +249,7 @@ std::string RestOfLine(const CommandLine& cmd) {
 
 Parsed<MaintainSetup> ParseMaintain(const CommandLine& cmd) {
   std::string error;
-  auto setup = ParseMaintainSetup(RestOfLine(cmd), error);
+  auto setup = ParseMaintainSetup(RestOfLine(cmd), &error);
   if (!setup) return ParseFailure{error};
   return *setup;
 }
@@ -266,7 +266,7 @@ struct MaintainRampCommand {
 Parsed<MaintainRampCommand> ParseMaintainRamp(const CommandLine& cmd) {
   std::string error;
   std::string rest;
-  const auto ramp = ParseRampSetup(RestOfLine(cmd), false, error, &rest);
+  const auto ramp = ParseRampSetup(RestOfLine(cmd), false, &error, &rest);
   if (!ramp) return ParseFailure{error};
   MaintainRampCommand command{*ramp, {}, {}, {}};
   KeywordReader reader(rest);
@@ -276,7 +276,7 @@ Parsed<MaintainRampCommand> ParseMaintainRamp(const CommandLine& cmd) {
   command.loadChannel = *load;
   command.outputChannel = *output;
   // The last maintenance's settings are good, so the named ones decide.
-  if (!TakeRateGainTolerance(reader, MaintainSetup{}, false, command.settings, error)) {
+  if (!TakeRateGainTolerance(reader, MaintainSetup{}, false, command.settings, &error)) {
     return ParseFailure{error};
   }
   return command;
@@ -351,14 +351,14 @@ const FamilyTable<MaintainFamily>& MaintenanceTable() {
 
 }  // namespace
 
-std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::string& error) {
+std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::string* error) {
   KeywordReader reader(text);
   MaintainSetup setup;
   auto load = reader.next("HOLD");
   auto target = reader.next("AT");
   auto output = reader.next("USING");
   if (!load || !target || !output) {
-    error = kTextCannotParseMaintain;
+    if (error) *error = kTextCannotParseMaintain;
     return std::nullopt;
   }
   setup.loadChannel = *load;
@@ -366,7 +366,7 @@ std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::stri
   // A target beyond the single-precision range of a channel value cannot be
   // written to an output.
   if (!(std::fabs(setup.target) <= std::numeric_limits<float>::max())) {
-    error = kTextCannotParseMaintain;
+    if (error) *error = kTextCannotParseMaintain;
     return std::nullopt;
   }
   setup.outputChannel = *output;

@@ -58,7 +58,7 @@ struct MaintainSetup {
 };
 
 // Parses an MT_MAINTAIN setup string; std::nullopt with the error text.
-std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::string& error);
+std::optional<MaintainSetup> ParseMaintainSetup(std::string_view text, std::string* error);
 
 // The error of MT_RAMP's wait for the rest of a step that has `seconds`
 // left (none or less): "Invalid parameter - " + seconds + " - for a

@@ -12,7 +12,7 @@ namespace {
 
 TEST(MaintainSetup, KeywordsInOrderAndTheirChecks) {
   std::string error;
-  auto setup = ParseMaintainSetup("hold Load at 50 using Valve with rate 5 gain 2", error);
+  auto setup = ParseMaintainSetup("hold Load at 50 using Valve with rate 5 gain 2", &error);
   ASSERT_TRUE(setup) << error;
   EXPECT_EQ(setup->loadChannel, "Load");
   EXPECT_EQ(setup->target, 50);
@@ -20,7 +20,7 @@ TEST(MaintainSetup, KeywordsInOrderAndTheirChecks) {
   EXPECT_EQ(setup->rate, 5.0f);
   EXPECT_EQ(setup->gain, 2);
   EXPECT_EQ(setup->tolerance, 0.01);
-  setup = ParseMaintainSetup("HOLD L AT 1 USING V WITH RATE 1 GAIN -4 TOLERANCE 0.5", error);
+  setup = ParseMaintainSetup("HOLD L AT 1 USING V WITH RATE 1 GAIN -4 TOLERANCE 0.5", &error);
   ASSERT_TRUE(setup) << error;
   EXPECT_EQ(setup->tolerance, 0.5);
 
@@ -38,7 +38,7 @@ TEST(MaintainSetup, KeywordsInOrderAndTheirChecks) {
       {"HOLD OVEN AT 1 USING HEATER WITH RATE 1e308 GAIN 2", kTextMaintainRate},
   };
   for (const auto& [text, message] : bad) {
-    EXPECT_FALSE(ParseMaintainSetup(text, error)) << text;
+    EXPECT_FALSE(ParseMaintainSetup(text, &error)) << text;
     EXPECT_EQ(error, message) << text;
   }
 

@@ -111,7 +111,7 @@ Parsed<SineCommand> ParseSineOut(const CommandLine& cmd) {
   const auto setup = ParseSineSetup(cmd.arg2);
   if (!setup) return ParseFailure{std::string(kTextCannotParseSine)};
   std::string error;
-  const auto points = SinePointCount(*setup, error);
+  const auto points = SinePointCount(*setup, &error);
   if (!points) return ParseFailure{error};
   sine.setup = *setup;
   sine.points = *points;
@@ -216,15 +216,15 @@ std::optional<SineSetup> ParseSineSetup(std::string_view text) {
   return setup;
 }
 
-std::optional<int16_t> SinePointCount(const SineSetup& setup, std::string& error) {
+std::optional<int16_t> SinePointCount(const SineSetup& setup, std::string* error) {
   const double total = setup.pointsPerCycle() * setup.cycles;
   if (!(total >= 1)) {
-    error = kTextSineNoPoints;
+    if (error) *error = kTextSineNoPoints;
     return std::nullopt;
   }
   const auto count = roundToInt16(total);
   if (!count) {
-    error = kTextSineTooManyPoints;
+    if (error) *error = kTextSineTooManyPoints;
     return std::nullopt;
   }
   return count;

@@ -61,7 +61,7 @@ struct SineSetup {
 std::optional<SineSetup> ParseSineSetup(std::string_view text);
 
 // The number of points to write, or the error text.
-std::optional<int16_t> SinePointCount(const SineSetup& setup, std::string& error);
+std::optional<int16_t> SinePointCount(const SineSetup& setup, std::string* error);
 
 // The link library's millisecond counter.
 int32_t GetMillisecondCount(Instrument& instrument);

@@ -82,7 +82,7 @@ TEST(SineSetup, KeywordsPointsAndErrors) {
   EXPECT_EQ(setup->monitor, "Mon");
   EXPECT_EQ(setup->peakTo, "Pk");
   std::string error;
-  EXPECT_EQ(SinePointCount(*setup, error), 10);
+  EXPECT_EQ(SinePointCount(*setup, &error), 10);
 
   EXPECT_FALSE(ParseSineSetup("AMPLITUDE 2 OFFSET 5 CYCLES 2"));
   EXPECT_FALSE(ParseSineSetup("AMPLITUDE 2 OFFSET 5 FREQUENCY 1 CYCLES 2 MONITOR"));
@@ -99,7 +99,7 @@ TEST(SineSetup, KeywordsPointsAndErrors) {
   for (const auto& [text, message] : counts) {
     setup = ParseSineSetup("AMPLITUDE 1 OFFSET 0 " + text);
     ASSERT_TRUE(setup) << text;
-    EXPECT_FALSE(SinePointCount(*setup, error)) << text;
+    EXPECT_FALSE(SinePointCount(*setup, &error)) << text;
     EXPECT_EQ(error, message) << text;
   }
 }

@@ -31,11 +31,11 @@ std::optional<std::string_view> valueAfter(std::string_view text, std::string_vi
 
 }  // namespace
 
-std::optional<RampSetup> ParseRampSetup(std::string_view text, bool inGroup, std::string& error,
+std::optional<RampSetup> ParseRampSetup(std::string_view text, bool inGroup, std::string* error,
                                         std::string* rest) {
   const std::string upper = upperCase(trimLeft(text));
   const std::string_view s = upper;
-  error = inGroup ? kTextGroupRampCannotParse : kTextRampCannotParse;
+  if (error) *error = inGroup ? kTextGroupRampCannotParse : kTextRampCannotParse;
   const size_t blank = s.find(' ');
   if (blank == std::string_view::npos) return std::nullopt;
   RampSetup ramp;
@@ -62,16 +62,16 @@ std::optional<RampSetup> ParseRampSetup(std::string_view text, bool inGroup, std
     *rest = std::string(text.substr(std::min(text.size(), offset + pos)));
   }
   if (ramp.steps < 1) {
-    error = inGroup ? kTextGroupRampNoSteps : kTextRampNoSteps;
+    if (error) *error = inGroup ? kTextGroupRampNoSteps : kTextRampNoSteps;
     return std::nullopt;
   }
   ramp.stepSize = (ramp.end - ramp.start) / ramp.steps;
   ramp.stepInterval = ramp.duration / ramp.steps;
   if (ramp.stepInterval < kMinimumStepInterval) {
-    error = inGroup ? kTextGroupRampTooFast : kTextRampTooFast;
+    if (error) *error = inGroup ? kTextGroupRampTooFast : kTextRampTooFast;
     return std::nullopt;
   }
-  error.clear();
+  if (error) error->clear();
   return ramp;
 }
 
@@ -187,7 +187,7 @@ const Keyword<CommandLine> kGroupRamps{kGroupRampsKeyword, kFamily, AsWritten};
 
 Parsed<RampSetup> ParseRampLine(const CommandLine& line, bool inGroup) {
   std::string error;
-  auto ramp = ParseRampSetup(line.arg2, inGroup, error);
+  auto ramp = ParseRampSetup(line.arg2, inGroup, &error);
   if (!ramp) return ParseFailure{error};
   ramp->channel = std::string(trim(line.arg1));
   return *ramp;

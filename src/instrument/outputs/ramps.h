@@ -64,7 +64,7 @@ struct RampSetup {
 // `rest`, when given, receives the text behind the step count (load
 // maintenance names its channels there). On failure returns std::nullopt
 // with the error text of the single or the group form.
-std::optional<RampSetup> ParseRampSetup(std::string_view text, bool inGroup, std::string& error,
+std::optional<RampSetup> ParseRampSetup(std::string_view text, bool inGroup, std::string* error,
                                         std::string* rest = nullptr);
 
 // Parses a RAMP line, alone or inside a "[GROUPRAMPS]" block: the channel is

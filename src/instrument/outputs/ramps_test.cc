@@ -9,7 +9,7 @@ namespace {
 
 TEST(RampSetup, ParsesTheFourNumbersAndChecksStepsThenInterval) {
   std::string error;
-  auto ramp = ParseRampSetup("0 TO 10 OVER 5 IN 10", false, error);
+  auto ramp = ParseRampSetup("0 TO 10 OVER 5 IN 10", false, &error);
   ASSERT_TRUE(ramp) << error;
   EXPECT_EQ(ramp->start, 0);
   EXPECT_EQ(ramp->end, 10);
@@ -19,38 +19,38 @@ TEST(RampSetup, ParsesTheFourNumbersAndChecksStepsThenInterval) {
   EXPECT_EQ(ramp->stepInterval, 0.5);
 
   // Case does not matter; leading blanks are dropped; values may fall.
-  ramp = ParseRampSetup("   5 to 0 over 10 in 4", false, error);
+  ramp = ParseRampSetup("   5 to 0 over 10 in 4", false, &error);
   ASSERT_TRUE(ramp) << error;
   EXPECT_EQ(ramp->stepSize, -1.25);
   EXPECT_EQ(ramp->stepInterval, 2.5);
 
   // The 0.1-second floor is kept exactly.
-  EXPECT_TRUE(ParseRampSetup("0 TO 10 OVER 1 IN 10", false, error));
-  EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 0.5 IN 10", false, error));
+  EXPECT_TRUE(ParseRampSetup("0 TO 10 OVER 1 IN 10", false, &error));
+  EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 0.5 IN 10", false, &error));
   EXPECT_EQ(error, "Ramp Setup String - Time between steps must be >= 0.1");
-  EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 0.5 IN 10", true, error));
+  EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 0.5 IN 10", true, &error));
   EXPECT_EQ(error, "GroupRamp Setup String - Time between steps must be >= 0.1");
 
   // Steps are checked before the interval.
-  EXPECT_FALSE(ParseRampSetup("5 TO 0 OVER 10 IN 0", false, error));
+  EXPECT_FALSE(ParseRampSetup("5 TO 0 OVER 10 IN 0", false, &error));
   EXPECT_EQ(error, "Ramp Setup String - Number of steps must be >0");
-  EXPECT_FALSE(ParseRampSetup("5 TO 0 OVER 0 IN -3", true, error));
+  EXPECT_FALSE(ParseRampSetup("5 TO 0 OVER 0 IN -3", true, &error));
   EXPECT_EQ(error, "GroupRamp Setup String - Number of steps must be >0");
   // Non-numeric text is 0: no steps.
-  EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 5 IN many", false, error));
+  EXPECT_FALSE(ParseRampSetup("0 TO 10 OVER 5 IN many", false, &error));
   EXPECT_EQ(error, "Ramp Setup String - Number of steps must be >0");
 
   for (const char* bad :
        {"0 TO 10 IN 10", "0 OVER 5 IN 10", "0 TO 10 OVER 5", "10", "", "0 TO 1 OVER 5 IN 40000"}) {
-    EXPECT_FALSE(ParseRampSetup(bad, false, error)) << bad;
+    EXPECT_FALSE(ParseRampSetup(bad, false, &error)) << bad;
     EXPECT_EQ(error, "Cannot parse Ramp setup string") << bad;
-    EXPECT_FALSE(ParseRampSetup(bad, true, error)) << bad;
+    EXPECT_FALSE(ParseRampSetup(bad, true, &error)) << bad;
     EXPECT_EQ(error, "Cannot parse GroupRamp setup string") << bad;
   }
 
   // Load maintenance reads its channels behind the step count.
   std::string rest;
-  ASSERT_TRUE(ParseRampSetup("0 to 10 over 5 in 10 AT Load USING Valve", false, error, &rest));
+  ASSERT_TRUE(ParseRampSetup("0 to 10 over 5 in 10 AT Load USING Valve", false, &error, &rest));
   EXPECT_EQ(rest, " AT Load USING Valve");
 }
 

@@ -73,13 +73,13 @@ ModbusOvenServer::~ModbusOvenServer() {
   modbus_mapping_free(state_->mapping);
 }
 
-bool ModbusOvenServer::start(const std::string& host, uint16_t port, std::string& error) {
+bool ModbusOvenServer::start(const std::string& host, uint16_t port, std::string* error) {
   State& s = *state_;
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
-    error = "\"" + host + "\" is not an IPv4 address";
+    if (error) *error = "\"" + host + "\" is not an IPv4 address";
     return false;
   }
   s.listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -88,7 +88,9 @@ bool ModbusOvenServer::start(const std::string& host, uint16_t port, std::string
   if (s.listener < 0 ||
       ::bind(s.listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       ::listen(s.listener, 16) != 0) {
-    error = "cannot listen on " + host + ":" + std::to_string(port) + ": " + std::strerror(errno);
+    if (error)
+      *error =
+          "cannot listen on " + host + ":" + std::to_string(port) + ": " + std::strerror(errno);
     if (s.listener >= 0) ::close(s.listener);
     s.listener = -1;
     return false;

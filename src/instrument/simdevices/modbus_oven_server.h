@@ -40,7 +40,7 @@ class ModbusOvenServer {
 
   // Listens on the IPv4 address `host` (port 0: a free one) and serves in a
   // thread of its own; false with a message.
-  bool start(const std::string& host, uint16_t port, std::string& error);
+  bool start(const std::string& host, uint16_t port, std::string* error);
   uint16_t port() const { return port_; }
   void stop();
 

@@ -59,7 +59,7 @@ struct ScpiInstrumentServer::State {
 ScpiInstrumentServer::ScpiInstrumentServer() : state_(std::make_unique<State>()) {}
 ScpiInstrumentServer::~ScpiInstrumentServer() { stop(); }
 
-bool ScpiInstrumentServer::start(const std::string& host, uint16_t port, std::string& error) {
+bool ScpiInstrumentServer::start(const std::string& host, uint16_t port, std::string* error) {
   uint16_t chosen = port;
   state_->listener = platform::listenTcp(host, chosen, error);
   if (state_->listener == platform::kNoSocket) return false;

@@ -57,14 +57,14 @@ std::string TempFile(const std::string& stem, std::string_view text) {
 std::string NewKeyFile() {
   const std::string path = Path("key");
   std::string error;
-  EXPECT_TRUE(WriteNewLinkKey(path, error)) << error;
+  EXPECT_TRUE(WriteNewLinkKey(path, &error)) << error;
   return path;
 }
 
 std::string KeyOf(const std::string& keyFile) {
   std::string key;
   std::string error;
-  EXPECT_TRUE(LoadLinkKey(testFiles(), keyFile, key, error)) << error;
+  EXPECT_TRUE(LoadLinkKey(testFiles(), keyFile, key, &error)) << error;
   return key;
 }
 
@@ -74,7 +74,7 @@ class Bridge {
  public:
   explicit Bridge(std::string key, std::unique_ptr<LibraryService> library = nullptr) {
     std::string error;
-    EXPECT_TRUE(server_.listen("127.0.0.1:0", error)) << error;
+    EXPECT_TRUE(server_.listen("127.0.0.1:0", &error)) << error;
     server_.requireKey(std::move(key));
     if (library) server_.serveLibrary(std::move(library));
     server_.setClock([this] { return nowMs_.load(); });
@@ -175,16 +175,16 @@ std::string OpenProblem(uint16_t port, const std::string& key) {
 TEST(LinkKey, KeyFilesHoldHexDigitsAndStayPrivate) {
   std::string key;
   std::string why;
-  EXPECT_TRUE(ParseLinkKey("# rig 3\n00112233 44556677\r\n8899aabbccddEEFF\n", key, why)) << why;
+  EXPECT_TRUE(ParseLinkKey("# rig 3\n00112233 44556677\r\n8899aabbccddEEFF\n", key, &why)) << why;
   EXPECT_EQ(key,
             std::string("\x00\x11\x22\x33\x44\x55\x66\x77\x88\x99\xaa\xbb\xcc\xdd\xee\xff", 16));
-  EXPECT_FALSE(ParseLinkKey("0011223344556677", key, why));
+  EXPECT_FALSE(ParseLinkKey("0011223344556677", key, &why));
   EXPECT_EQ(why, "the key must have 32 to 256 hex digits, not 16");
-  EXPECT_FALSE(ParseLinkKey("00112233445566778899aabbccddeeff0", key, why));
+  EXPECT_FALSE(ParseLinkKey("00112233445566778899aabbccddeeff0", key, &why));
   EXPECT_EQ(why, "the key has an odd number of hex digits");
-  EXPECT_FALSE(ParseLinkKey("secret-secret-secret-secret-secret", key, why));
+  EXPECT_FALSE(ParseLinkKey("secret-secret-secret-secret-secret", key, &why));
   EXPECT_EQ(why, "the key must be written as hex digits (0-9, a-f)");
-  EXPECT_FALSE(ParseLinkKey("", key, why));
+  EXPECT_FALSE(ParseLinkKey("", key, &why));
 
   // A new key file is private, loads, differs from the next one and is not
   // made over an existing file.
@@ -193,7 +193,7 @@ TEST(LinkKey, KeyFilesHoldHexDigitsAndStayPrivate) {
   EXPECT_EQ(KeyOf(made).size(), kNewKeyBytes);
   EXPECT_NE(KeyOf(made), KeyOf(other));
   std::string error;
-  EXPECT_FALSE(WriteNewLinkKey(made, error));
+  EXPECT_FALSE(WriteNewLinkKey(made, &error));
   EXPECT_NE(error.find("cannot make the key file " + made), std::string::npos) << error;
 
   // A key that others may read is refused, and so is a missing file. (On
@@ -205,15 +205,15 @@ TEST(LinkKey, KeyFilesHoldHexDigitsAndStayPrivate) {
                                            std::filesystem::perms::group_read);
   const bool permissionBits = !platform::hasDriveLetters();
   EXPECT_EQ(platform::othersMayAccess(shared), permissionBits);
-  EXPECT_EQ(LoadLinkKey(testFiles(), shared, key, error), !permissionBits);
+  EXPECT_EQ(LoadLinkKey(testFiles(), shared, key, &error), !permissionBits);
   if (permissionBits) {
     EXPECT_EQ(error, "the key file " + shared +
                          " may be read by other users; make it private (chmod 600) and try again");
   }
   std::filesystem::permissions(shared, std::filesystem::perms::group_read,
                                std::filesystem::perm_options::remove);
-  EXPECT_TRUE(LoadLinkKey(testFiles(), shared, key, error)) << error;
-  EXPECT_FALSE(LoadLinkKey(testFiles(), Path("missing"), key, error));
+  EXPECT_TRUE(LoadLinkKey(testFiles(), shared, key, &error)) << error;
+  EXPECT_FALSE(LoadLinkKey(testFiles(), Path("missing"), key, &error));
   EXPECT_NE(error.find("cannot read the key file"), std::string::npos);
 
   // The two proofs differ, depend on both nonces and on the key.
@@ -367,7 +367,7 @@ TEST(Bridge, SilentConnectionsNeverKeepAKeyHolderOut) {
 TEST(TcpLink, APeerThatSendsALineWithoutEndIsGivenUp) {
   uint16_t port = 0;
   std::string error;
-  const platform::Socket listener = platform::listenTcp("127.0.0.1", port, error);
+  const platform::Socket listener = platform::listenTcp("127.0.0.1", port, &error);
   ASSERT_NE(listener, platform::kNoSocket) << error;
   std::atomic<bool> done{false};
   std::thread peer([&] {
@@ -422,7 +422,7 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
   auto service = std::make_unique<LibraryService>(
       std::make_unique<SimLink>(libraryClock, Scratch().path(), testFiles()), testFiles());
   std::string error;
-  ASSERT_TRUE(service->open(error)) << error;
+  ASSERT_TRUE(service->open(&error)) << error;
   {
     // Each request is one call of the library, no more: a device that is
     // not ready for three polls answers the fourth.
@@ -430,7 +430,7 @@ TEST(Bridge, ASequenceThroughTheKeyedBridgeTracesAsTheSimulatedRig) {
     RigServer direct;
     auto simLink = std::make_unique<SimLink>(clock, Scratch().path(), testFiles());
     auto served = std::make_unique<LibraryService>(std::move(simLink), testFiles());
-    ASSERT_TRUE(served->open(error)) << error;
+    ASSERT_TRUE(served->open(&error)) << error;
     direct.serveLibrary(std::move(served));
     EXPECT_EQ(direct.answer("1 SETUP =c:\\rigs\\rig.ims\t" + EscapeField(kRig)).substr(0, 5),
               "1 0 =");

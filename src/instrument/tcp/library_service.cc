@@ -53,12 +53,13 @@ LibraryService::~LibraryService() {
   if (!setupFolder_.empty()) removeTree(setupFolder_);
 }
 
-bool LibraryService::open(std::string& error) {
+bool LibraryService::open(std::string* error) {
   const int32_t code = library_->openInterface(handle_);
   if (code != link_result::kOk) {
     const std::string problem = library_->connectionProblem();
-    error = "the link library does not open (" + std::to_string(code) + ")" +
-            (problem.empty() ? "" : ": " + problem);
+    if (error)
+      *error = "the link library does not open (" + std::to_string(code) + ")" +
+               (problem.empty() ? "" : ": " + problem);
     return false;
   }
   open_ = true;

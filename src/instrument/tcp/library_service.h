@@ -26,7 +26,7 @@ class LibraryService {
   LibraryService& operator=(const LibraryService&) = delete;
 
   // Opens the library's interface. False with a message.
-  bool open(std::string& error);
+  bool open(std::string* error);
 
   struct Answer {
     int32_t code = 0;

@@ -44,7 +44,7 @@ std::string proof(std::string_view key, std::string_view label, std::string_view
 
 }  // namespace
 
-bool ParseLinkKey(std::string_view text, std::string& key, std::string& why) {
+bool ParseLinkKey(std::string_view text, std::string& key, std::string* why) {
   std::string digits;
   size_t lineStart = 0;
   while (lineStart < text.size()) {
@@ -57,19 +57,20 @@ bool ParseLinkKey(std::string_view text, std::string& key, std::string& why) {
     for (char c : line) {
       if (c == ' ' || c == '\t' || c == '\r') continue;
       if (hexValue(c) < 0) {
-        why = "the key must be written as hex digits (0-9, a-f)";
+        if (why) *why = "the key must be written as hex digits (0-9, a-f)";
         return false;
       }
       digits += c;
     }
   }
   if (digits.size() % 2 != 0) {
-    why = "the key has an odd number of hex digits";
+    if (why) *why = "the key has an odd number of hex digits";
     return false;
   }
   if (digits.size() < kMinKeyBytes * 2 || digits.size() > kMaxKeyBytes * 2) {
-    why = "the key must have " + std::to_string(kMinKeyBytes * 2) + " to " +
-          std::to_string(kMaxKeyBytes * 2) + " hex digits, not " + std::to_string(digits.size());
+    if (why)
+      *why = "the key must have " + std::to_string(kMinKeyBytes * 2) + " to " +
+             std::to_string(kMaxKeyBytes * 2) + " hex digits, not " + std::to_string(digits.size());
     return false;
   }
   key.clear();
@@ -80,47 +81,48 @@ bool ParseLinkKey(std::string_view text, std::string& key, std::string& why) {
 }
 
 bool LoadLinkKey(const FileSystem& files, const std::string& path, std::string& key,
-                 std::string& error) {
+                 std::string* error) {
   const FileInfo info = files.info(path);
   std::string text;
   if (info.kind != FileKind::kFile) {
-    error = "cannot read the key file " + path;
+    if (error) *error = "cannot read the key file " + path;
     return false;
   }
   // Far more than any key file needs: a wrong file named by mistake is not
   // read whole.
   if (info.size > 4096) {
-    error = "the key file " + path + " is too long to hold a key";
+    if (error) *error = "the key file " + path + " is too long to hold a key";
     return false;
   }
   if (std::string why; !files.readFile(path, text, &why)) {
-    error = "cannot read the key file " + path + ": " + why;
+    if (error) *error = "cannot read the key file " + path + ": " + why;
     return false;
   }
   if (platform::othersMayAccess(path)) {
-    error = "the key file " + path +
-            " may be read by other users; make it private (chmod 600) and try again";
+    if (error)
+      *error = "the key file " + path +
+               " may be read by other users; make it private (chmod 600) and try again";
     return false;
   }
   std::string why;
-  if (!ParseLinkKey(text, key, why)) {
-    error = "the key file " + path + ": " + why;
+  if (!ParseLinkKey(text, key, &why)) {
+    if (error) *error = "the key file " + path + ": " + why;
     return false;
   }
   return true;
 }
 
-bool WriteNewLinkKey(const std::string& path, std::string& error) {
+bool WriteNewLinkKey(const std::string& path, std::string* error) {
   std::array<uint8_t, kNewKeyBytes> bytes{};
   if (!platform::secureRandom(bytes.data(), bytes.size())) {
-    error = "the system's random generator failed";
+    if (error) *error = "the system's random generator failed";
     return false;
   }
   const std::string text =
       "# tavrix link key: copy this file to the other side, keep it private\n" +
       toHex(bytes.data(), bytes.size()) + "\n";
   if (const std::string why = platform::writeNewPrivateFile(path, text); !why.empty()) {
-    error = "cannot make the key file " + path + ": " + why;
+    if (error) *error = "cannot make the key file " + path + ": " + why;
     return false;
   }
   return true;

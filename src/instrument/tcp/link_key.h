@@ -27,13 +27,13 @@ inline constexpr size_t kNewKeyBytes = 32;
 // naming the file when it cannot be read, is not a key, or (on POSIX) when
 // users other than its owner may read it.
 bool LoadLinkKey(const FileSystem& files, const std::string& path, std::string& key,
-                 std::string& error);
+                 std::string* error);
 // Parses the text of a key file.
-bool ParseLinkKey(std::string_view text, std::string& key, std::string& why);
+bool ParseLinkKey(std::string_view text, std::string& key, std::string* why);
 
 // Writes a new random key to `path`, readable only by its owner; an existing
 // file is not replaced. False with a message.
-bool WriteNewLinkKey(const std::string& path, std::string& error);
+bool WriteNewLinkKey(const std::string& path, std::string* error);
 
 // A fresh random nonce as hex digits (empty when the system's generator
 // fails).

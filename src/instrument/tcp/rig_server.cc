@@ -69,19 +69,21 @@ bool IsLoopbackAddress(std::string_view host) {
 
 RigServer::~RigServer() { platform::closeSocket(listener_); }
 
-bool RigServer::listen(std::string_view hostPort, std::string& error) {
+bool RigServer::listen(std::string_view hostPort, std::string* error) {
   std::string host;
   uint16_t port = 0;
   if (!ParseHostPort(hostPort, host, port)) {
-    error = "the address \"" + std::string(hostPort) + "\" is not HOST:PORT";
+    if (error) *error = "the address \"" + std::string(hostPort) + "\" is not HOST:PORT";
     return false;
   }
-  const platform::Socket listener = platform::listenTcp(host, port, error);
+  std::string why;
+  const platform::Socket listener = platform::listenTcp(host, port, &why);
   if (listener == platform::kNoSocket) {
     // A host that is no address is said as it is; a refusal by the system
     // names the address.
-    if (error.rfind("the host ", 0) != 0)
-      error = "cannot listen on " + std::string(hostPort) + ": " + error;
+    if (why.rfind("the host ", 0) != 0)
+      why = "cannot listen on " + std::string(hostPort) + ": " + why;
+    if (error) *error = why;
     return false;
   }
   port_ = port;
@@ -364,13 +366,13 @@ int RunRigServer(FileSystem& files, RigServing serving, std::FILE* log,
   }
   if (!serving.keyFile.empty()) {
     std::string key;
-    if (!LoadLinkKey(files, serving.keyFile, key, error)) return fail(error);
+    if (!LoadLinkKey(files, serving.keyFile, key, &error)) return fail(error);
     server.requireKey(std::move(key));
   }
   std::string what;
   if (serving.library) {
     auto service = std::make_unique<LibraryService>(std::move(serving.library), files);
-    if (!service->open(error)) return fail(serving.libraryName + ": " + error);
+    if (!service->open(&error)) return fail(serving.libraryName + ": " + error);
     server.serveLibrary(std::move(service));
     what = "the " + serving.libraryName + " link";
   } else {
@@ -381,7 +383,7 @@ int RunRigServer(FileSystem& files, RigServing serving, std::FILE* log,
     }
     what = serving.setupFile.empty() ? "an empty rig" : serving.setupFile;
   }
-  if (!server.listen(serving.listen, error)) return fail(error);
+  if (!server.listen(serving.listen, &error)) return fail(error);
   server.setLog([log](const std::string& text) {
     std::fprintf(log, "tavrix-cli rig: %s\n", text.c_str());
     std::fflush(log);

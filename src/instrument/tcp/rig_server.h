@@ -68,7 +68,7 @@ class RigServer {
   void speakProtocol(int protocol) { protocol_ = protocol; }
 
   // Listens on "HOST:PORT" (port 0 picks a free one). False with a message.
-  bool listen(std::string_view hostPort, std::string& error);
+  bool listen(std::string_view hostPort, std::string* error);
   uint16_t port() const { return port_; }
 
   // Serves clients until `stop` becomes true (checked at least every 100 ms).

@@ -26,7 +26,7 @@ class Server {
  public:
   Server() {
     std::string error;
-    EXPECT_TRUE(server_.listen("127.0.0.1:0", error)) << error;
+    EXPECT_TRUE(server_.listen("127.0.0.1:0", &error)) << error;
     server_.setClock([this] { return nowMs_.load(); });
   }
   ~Server() {
@@ -156,7 +156,7 @@ TEST(RigServerAbuse, ConnectionsBeyondTheCapAreRefusedAndIdleOnesDropped) {
 TEST(RigServerAbuse, RunningOutOfFileDescriptorsRefusesClearly) {
   RigServer server;
   std::string error;
-  ASSERT_TRUE(server.listen("127.0.0.1:0", error)) << error;
+  ASSERT_TRUE(server.listen("127.0.0.1:0", &error)) << error;
   const uint16_t port = server.port();
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);

@@ -89,11 +89,11 @@ class Bridge {
     library = owned.get();
     auto service = std::make_unique<LibraryService>(std::move(owned), testFiles());
     std::string error;
-    EXPECT_TRUE(service->open(error)) << error;
+    EXPECT_TRUE(service->open(&error)) << error;
     server_.serveLibrary(std::move(service));
     server_.requireKey(key);
     server_.speakProtocol(protocol);
-    EXPECT_TRUE(server_.listen("127.0.0.1:0", error)) << error;
+    EXPECT_TRUE(server_.listen("127.0.0.1:0", &error)) << error;
     thread_ = std::thread([this] { server_.serve(stop_); });
   }
   ~Bridge() {
@@ -101,9 +101,9 @@ class Bridge {
     thread_.join();
   }
   std::unique_ptr<TcpLink> link(const Clock& clock) {
-    auto link = std::make_unique<TcpLink>(clock, "127.0.0.1", server_.port(), testFiles());
+    auto link = std::make_unique<TcpLink>(clock, "127.0.0.1", server_.port(), testFiles(),
+                                          TcpLinkOptions{.responseWaitMs = 5000});
     link->setKey(key);
-    link->responseWaitMs = 5000;
     return link;
   }
 
@@ -216,7 +216,7 @@ class ScriptedPeer {
   using Heard = std::function<std::vector<std::string>(const std::string& line)>;
   explicit ScriptedPeer(Heard heard) : heard_(std::move(heard)) {
     std::string error;
-    listener_ = platform::listenTcp("127.0.0.1", port_, error);
+    listener_ = platform::listenTcp("127.0.0.1", port_, &error);
     EXPECT_NE(listener_, platform::kNoSocket) << error;
     thread_ = std::thread([this] { serve(); });
   }
@@ -299,10 +299,10 @@ TEST(RoundTrip, ResponsesOutOfOrderOnOneConnectionReachTheirOwnRequests) {
     }
     return {id + " 0 =0:two\n", firstId + " 0 =0:one\n"};
   });
-  TcpLink own(clock, "127.0.0.1", peer.port(), testFiles());
+  TcpLink own(clock, "127.0.0.1", peer.port(), testFiles(),
+              TcpLinkOptions{.responseWaitMs = 10'000});
   link = &own;
   own.useEventLoop(events);
-  own.responseWaitMs = 10'000;
   int16_t handle = 0;
   ASSERT_EQ(own.openInterface(handle), 0) << own.connectionProblem();
   ASSERT_EQ(own.protocol(), 2);
@@ -336,10 +336,10 @@ TEST(RoundTrip, APeerThatGoesAwayMidExchangeLosesTheLinkAtOnce) {
     SCOPED_TRACE("a peer that " + what);
     ScriptedPeer peer(heard);
     SystemClock clock;
-    TcpLink link(clock, "127.0.0.1", peer.port(), testFiles());
     // Long enough that a wait for the response would not end by itself
     // within the test's time.
-    link.responseWaitMs = 20'000;
+    TcpLink link(clock, "127.0.0.1", peer.port(), testFiles(),
+                 TcpLinkOptions{.responseWaitMs = 20'000});
     int16_t handle = 0;
     ASSERT_EQ(link.openInterface(handle), 0) << link.connectionProblem();
     EXPECT_EQ(link.sendCommand(handle, 3, Command("REA X"), true), link_result::kLinkLost);

@@ -25,9 +25,11 @@ int64_t steadyMs() {
 
 }  // namespace
 
-TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files)
+TcpLink::TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files,
+                 TcpLinkOptions options)
     : clock_(clock),
       files_(files),
+      options_(options),
       ownClock_(std::make_unique<SystemClock>()),
       ownEvents_(std::make_unique<EventLoop>(*ownClock_)),
       host_(std::move(host)),
@@ -192,7 +194,7 @@ void TcpLink::waitDirectly(uint64_t id, int64_t until) {
 
 bool TcpLink::connectSocket() {
   problem_.clear();
-  socket_ = platform::connectTcp(host_, port_, connectWaitMs, &problem_);
+  socket_ = platform::connectTcp(host_, port_, options_.connectWaitMs, &problem_);
   if (socket_ == platform::kNoSocket) return false;
   problem_.clear();
   startWatching();
@@ -246,7 +248,7 @@ bool TcpLink::proveKey() {
     problem_ = "the system's random generator failed";
     return false;
   }
-  if (request("KEY " + nonce, r, connectWaitMs) != Outcome::kOk) {
+  if (request("KEY " + nonce, r, options_.connectWaitMs) != Outcome::kOk) {
     if (problem_.empty())
       problem_ = "the rig server at " + address() + " did not answer the key check";
     return false;
@@ -263,11 +265,12 @@ bool TcpLink::proveKey() {
       blank == std::string_view::npos ? std::string_view{} : answer.substr(blank + 1);
   if (!IsNonce(serverNonce) || !SameProof(serverProof, ServerProof(key_, nonce, serverNonce))) {
     // A proof that cannot pass, so that the server too records the refusal.
-    request("PROOF -", r, connectWaitMs);
+    request("PROOF -", r, options_.connectWaitMs);
     problem_ = "the bridge at " + address() + " refused the key: the two sides' keys differ";
     return false;
   }
-  if (request("PROOF " + LinkProof(key_, serverNonce, nonce), r, connectWaitMs) != Outcome::kOk ||
+  if (request("PROOF " + LinkProof(key_, serverNonce, nonce), r, options_.connectWaitMs) !=
+          Outcome::kOk ||
       r.code != link_result::kOk) {
     if (problem_.empty()) problem_ = "the bridge at " + address() + " refused the key";
     return false;
@@ -276,7 +279,7 @@ bool TcpLink::proveKey() {
 }
 
 bool TcpLink::greet(RigResponse& r) {
-  if (request(std::string(kRigHello2), r, connectWaitMs) != Outcome::kOk || r.code != 0)
+  if (request(std::string(kRigHello2), r, options_.connectWaitMs) != Outcome::kOk || r.code != 0)
     return false;
   if (r.text == kRigGreeting2) {
     protocol_ = 2;
@@ -371,7 +374,8 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
     std::unique_lock<std::mutex> lock(watch.mutex);
     if (!watch.closed) {
       watch.waiting[id] = deadline;
-      direct = directWaitMs > 0 && depth_ == 0 && watch.waiting.size() == 1 && !watch.polling;
+      direct =
+          options_.directWaitMs > 0 && depth_ == 0 && watch.waiting.size() == 1 && !watch.polling;
       watch.direct = direct;
     }
   }
@@ -383,7 +387,7 @@ TcpLink::Outcome TcpLink::request(const std::string& body, RigResponse& response
   if (const Outcome sent = sendLine(line, id, deadline); sent != Outcome::kOk) return sent;
   if (direct) {
     // Never past the run's next due timer, which the direct wait would hold up.
-    int64_t until = std::min(deadline, steadyMs() + directWaitMs);
+    int64_t until = std::min(deadline, steadyMs() + options_.directWaitMs);
     const Micros due = events().nextDue();
     if (due != Clock::kNever)
       until = std::min(until, steadyMs() + std::max<Micros>(0, due - events().now()) / 1000);
@@ -434,7 +438,7 @@ int32_t TcpLink::closeInterface(int16_t /*handle*/) {
 
 int32_t TcpLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
   RigResponse r;
-  if (request("VERSION", r, responseWaitMs) != Outcome::kOk) return link_result::kLinkLost;
+  if (request("VERSION", r, options_.responseWaitMs) != Outcome::kOk) return link_result::kLinkLost;
   if (r.text) WriteBuffer(text, *r.text);
   return link_result::kOk;
 }
@@ -449,7 +453,7 @@ int32_t TcpLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_vie
   const bool withReply = wait && protocol_ >= 2;
   const std::string body = (withReply ? "SENDREPLY " : "SEND ") + std::to_string(device) + " " +
                            timeText() + " " + EscapeField(BufferText(command));
-  if (const int32_t failed = exchange(body, r, responseWaitMs, link_result::kNotReady))
+  if (const int32_t failed = exchange(body, r, options_.responseWaitMs, link_result::kNotReady))
     return failed;
   if (r.code != link_result::kOk || !r.text || !mine) return r.code;
   ReadyReply ready;
@@ -475,7 +479,7 @@ int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffe
   }
   RigResponse r;
   if (const int32_t failed = exchange("REPLY " + std::to_string(device) + " " + timeText(), r,
-                                      responseWaitMs, link_result::kNotReady))
+                                      options_.responseWaitMs, link_result::kNotReady))
     return failed;
   if (r.code == link_result::kOk && r.text) WriteBuffer(buffer, *r.text);
   return r.code;
@@ -484,7 +488,7 @@ int32_t TcpLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffe
 int32_t TcpLink::abortReply(int16_t /*handle*/, int16_t device) {
   if (device >= 0 && device < 100) readyReply_[device].reset();
   RigResponse r;
-  if (request("ABORT " + std::to_string(device), r, responseWaitMs) == Outcome::kLost) {
+  if (request("ABORT " + std::to_string(device), r, options_.responseWaitMs) == Outcome::kLost) {
     return link_result::kLinkLost;
   }
   return link_result::kOk;
@@ -498,8 +502,8 @@ int32_t TcpLink::dirPath(std::string& path) {
   // the request.
   path.clear();
   RigResponse r;
-  if (request("DIRPATH", r, responseWaitMs) == Outcome::kOk && r.code == link_result::kOk &&
-      r.text) {
+  if (request("DIRPATH", r, options_.responseWaitMs) == Outcome::kOk &&
+      r.code == link_result::kOk && r.text) {
     path = *r.text;
   }
   return link_result::kOk;
@@ -507,7 +511,7 @@ int32_t TcpLink::dirPath(std::string& path) {
 
 int32_t TcpLink::setupLibVersion(std::string& text) {
   RigResponse r;
-  if (request("IMSVERSION", r, responseWaitMs) != Outcome::kOk) return 0;
+  if (request("IMSVERSION", r, options_.responseWaitMs) != Outcome::kOk) return 0;
   if (r.text) WriteBuffer(text, *r.text);
   return r.code;
 }
@@ -522,7 +526,7 @@ int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, S
   RigResponse r;
   const std::string body = "SETUP =" + EscapeField(path) + "\t" + EscapeField(text);
   if (const int32_t failed =
-          exchange(body, r, std::max(responseWaitMs, 2000), link_result::kSetupBusy))
+          exchange(body, r, std::max(options_.responseWaitMs, 2000), link_result::kSetupBusy))
     return failed;
   const std::string answer = r.text.value_or("");
   if (r.code != link_result::kOk) {
@@ -537,7 +541,7 @@ int32_t TcpLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, S
 
 int32_t TcpLink::unlockSetup(std::string_view /*setupName*/, int16_t /*handle*/) {
   RigResponse r;
-  request("UNLOCK", r, responseWaitMs);
+  request("UNLOCK", r, options_.responseWaitMs);
   return link_result::kOk;
 }
 
@@ -546,7 +550,7 @@ int32_t TcpLink::requestMonitorChannel(std::string_view setupName, MonitorChanne
   const std::string body =
       "MONITOR " + std::to_string(record.device) + " =" +
       EscapeField(std::string(setupName.substr(0, setupName.find_last_not_of(' ') + 1)));
-  if (const int32_t failed = exchange(body, r, responseWaitMs, link_result::kNotReady))
+  if (const int32_t failed = exchange(body, r, options_.responseWaitMs, link_result::kNotReady))
     return failed;
   if (r.code != link_result::kOk) return r.code;
   int number = -1;

@@ -1,8 +1,9 @@
 // The link library port over TCP: a client of a rig server (rig_server.h).
 // Each library call is one request and its response. The client never
-// blocks for long: a response that has not come within responseWaitMs is
-// treated as "not ready" (17), so the link layer's retry and time-out rules
-// apply; a connection that closes gives 31 (link lost) at once.
+// blocks for long: a response that has not come within responseWaitMs
+// (TcpLinkOptions) is treated as "not ready" (17), so the link layer's retry
+// and time-out rules apply; a connection that closes gives 31 (link lost) at
+// once.
 //
 // A response is first waited for on the calling thread, for at most
 // directWaitMs and never past the run's next due timer: on a near server it
@@ -40,9 +41,21 @@
 
 namespace tavrix {
 
+// How long a TcpLink waits, in real milliseconds.
+struct TcpLinkOptions {
+  // For one response before answering 17.
+  int responseWaitMs = 100;
+  // For the connection at open.
+  int connectWaitMs = 2000;
+  // For a response on the calling thread before the run's events run (0:
+  // never).
+  int directWaitMs = 1;
+};
+
 class TcpLink final : public LinkLibrary {
  public:
-  TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files);
+  TcpLink(const Clock& clock, std::string host, uint16_t port, const FileSystem& files,
+          TcpLinkOptions options = {});
   ~TcpLink() override;
   std::string connectionProblem() const override { return problem_; }
   // Without a run's loop the link waits on a loop of its own over the
@@ -54,13 +67,6 @@ class TcpLink final : public LinkLibrary {
   // must prove it too, before the first request. Empty: no key.
   void setKey(std::string key) { key_ = std::move(key); }
 
-  // Real milliseconds to wait for one response before answering 17.
-  int responseWaitMs = 100;
-  // Real milliseconds to wait for the connection at open.
-  int connectWaitMs = 2000;
-  // Real milliseconds a response is waited for on the calling thread before
-  // the run's events run (0: never).
-  int directWaitMs = 1;
   // The protocol the server speaks (1 or 2), known once the link is open.
   int protocol() const { return protocol_; }
 
@@ -147,6 +153,7 @@ class TcpLink final : public LinkLibrary {
 
   const Clock& clock_;
   const FileSystem& files_;
+  const TcpLinkOptions options_;
   EventLoop* events_ = nullptr;
   std::unique_ptr<SystemClock> ownClock_;
   std::unique_ptr<EventLoop> ownEvents_;

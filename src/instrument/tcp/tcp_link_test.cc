@@ -53,7 +53,7 @@ class ServerThread {
   // Listens on `port` of 127.0.0.1 (0: a free one).
   explicit ServerThread(uint16_t port = 0) {
     std::string error;
-    EXPECT_TRUE(server_.listen("127.0.0.1:" + std::to_string(port), error)) << error;
+    EXPECT_TRUE(server_.listen("127.0.0.1:" + std::to_string(port), &error)) << error;
     thread_ = std::thread([this] { server_.serve(stop_); });
   }
   ~ServerThread() { stop(); }
@@ -176,7 +176,7 @@ class SilentServer {
  public:
   explicit SilentServer(std::function<void(const std::string&)> heard) : heard_(std::move(heard)) {
     std::string error;
-    listener_ = platform::listenTcp("127.0.0.1", port_, error);
+    listener_ = platform::listenTcp("127.0.0.1", port_, &error);
     EXPECT_NE(listener_, platform::kNoSocket) << error;
     thread_ = std::thread([this] { serve(); });
   }
@@ -245,7 +245,7 @@ TEST(TcpLink, WaitsForAResponseGoThroughTheRunsEventLoop) {
   const auto realStart = std::chrono::steady_clock::now();
   EXPECT_EQ(link.sendCommand(handle, 1, command, true), link_result::kNotReady);
   EXPECT_GE(std::chrono::steady_clock::now() - realStart,
-            std::chrono::milliseconds(link.responseWaitMs));
+            std::chrono::milliseconds(TcpLinkOptions{}.responseWaitMs));
   EXPECT_TRUE(ranDuringTheWait);
   EXPECT_EQ(clock.now(), kStart);
 

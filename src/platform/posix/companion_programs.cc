@@ -15,30 +15,30 @@ struct DdeClient::Instance {};
 DdeClient::DdeClient(int timeoutMs) : timeoutMs_(timeoutMs) {}
 DdeClient::~DdeClient() = default;
 
-bool DdeClient::execute(std::string_view, std::string_view, std::string_view, std::string& error) {
-  error = kWindowsOnly;
+bool DdeClient::execute(std::string_view, std::string_view, std::string_view, std::string* error) {
+  if (error) *error = kWindowsOnly;
   return false;
 }
 
 bool DdeClient::poke(std::string_view, std::string_view, std::string_view, std::string_view,
-                     std::string& error) {
-  error = kWindowsOnly;
+                     std::string* error) {
+  if (error) *error = kWindowsOnly;
   return false;
 }
 
 std::optional<std::string> DdeClient::request(std::string_view, std::string_view, std::string_view,
-                                              std::string& error) {
-  error = kWindowsOnly;
+                                              std::string* error) {
+  if (error) *error = kWindowsOnly;
   return std::nullopt;
 }
 
-bool sendKeysToWindow(std::string_view, std::string_view, std::string& error) {
-  error = kWindowsOnly;
+bool sendKeysToWindow(std::string_view, std::string_view, std::string* error) {
+  if (error) *error = kWindowsOnly;
   return false;
 }
 
-bool startProgram(std::string_view, std::string& error) {
-  error = kWindowsOnly;
+bool startProgram(std::string_view, std::string* error) {
+  if (error) *error = kWindowsOnly;
   return false;
 }
 

@@ -95,20 +95,21 @@ class PosixSerialPort final : public SerialPort {
 
 }  // namespace
 
-std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& s, std::string& problem) {
+std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& s, std::string* problem) {
   const speed_t speed = speedFor(s.baud);
   if (speed == 0) {
-    problem = "baud rate " + std::to_string(s.baud) + " is not one this system offers";
+    if (problem)
+      *problem = "baud rate " + std::to_string(s.baud) + " is not one this system offers";
     return nullptr;
   }
   const int fd = ::open(s.path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    problem = "cannot open " + s.path + ": " + std::strerror(errno);
+    if (problem) *problem = "cannot open " + s.path + ": " + std::strerror(errno);
     return nullptr;
   }
   termios t{};
   if (::tcgetattr(fd, &t) != 0) {
-    problem = s.path + " is not a serial port: " + std::strerror(errno);
+    if (problem) *problem = s.path + " is not a serial port: " + std::strerror(errno);
     ::close(fd);
     return nullptr;
   }
@@ -124,7 +125,7 @@ std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& s, std::string&
   t.c_cc[VMIN] = 0;
   t.c_cc[VTIME] = 0;
   if (::tcsetattr(fd, TCSANOW, &t) != 0) {
-    problem = "cannot set up " + s.path + ": " + std::strerror(errno);
+    if (problem) *problem = "cannot set up " + s.path + ": " + std::strerror(errno);
     ::close(fd);
     return nullptr;
   }

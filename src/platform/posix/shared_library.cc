@@ -4,11 +4,11 @@
 
 namespace tavrix::platform {
 
-std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std::string& error) {
+std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std::string* error) {
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     const char* why = dlerror();
-    error = why != nullptr ? why : "cannot load";
+    if (error) *error = why != nullptr ? why : "cannot load";
     return nullptr;
   }
   return std::unique_ptr<SharedLibrary>(new SharedLibrary(handle));

@@ -79,12 +79,12 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::strin
   return connected;
 }
 
-Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
+Socket listenTcp(const std::string& host, uint16_t& port, std::string* error) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
-    error = "the host \"" + host + "\" is not an IPv4 address";
+    if (error) *error = "the host \"" + host + "\" is not an IPv4 address";
     return kNoSocket;
   }
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -92,7 +92,7 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       ::listen(fd, SOMAXCONN) != 0) {
-    error = std::strerror(errno);
+    if (error) *error = std::strerror(errno);
     if (fd >= 0) ::close(fd);
     return kNoSocket;
   }

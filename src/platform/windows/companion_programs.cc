@@ -178,36 +178,38 @@ std::string DdeClient::failure(std::string_view service, std::string_view topic,
 }
 
 bool DdeClient::execute(std::string_view service, std::string_view topic, std::string_view command,
-                        std::string& error) {
+                        std::string* error) {
   // Executes travel as UTF-16 between wide instances; the DDE layer turns
   // them into the code page for a server that is not.
   const std::wstring wide = widen(std::string(command));
   const std::string data(reinterpret_cast<const char*>(wide.c_str()),
                          (wide.size() + 1) * sizeof(wchar_t));
   if (transact(service, topic, XTYP_EXECUTE, {}, data, 0, nullptr)) return true;
-  error =
-      failure(service, topic, "did not carry out the DDE command \"" + std::string(command) + "\"");
+  if (error)
+    *error = failure(service, topic,
+                     "did not carry out the DDE command \"" + std::string(command) + "\"");
   return false;
 }
 
 bool DdeClient::poke(std::string_view service, std::string_view topic, std::string_view item,
-                     std::string_view value, std::string& error) {
+                     std::string_view value, std::string* error) {
   std::string data = toAnsi(value);
   data.push_back('\0');
   if (transact(service, topic, XTYP_POKE, item, data, CF_TEXT, nullptr)) return true;
-  error = failure(service, topic, "did not take the DDE item " + std::string(item));
+  if (error) *error = failure(service, topic, "did not take the DDE item " + std::string(item));
   return false;
 }
 
 std::optional<std::string> DdeClient::request(std::string_view service, std::string_view topic,
-                                              std::string_view item, std::string& error) {
+                                              std::string_view item, std::string* error) {
   std::string answer;
   if (transact(service, topic, XTYP_REQUEST, item, {}, CF_TEXT, &answer)) return fromAnsi(answer);
   if (lastDdeError_ == DMLERR_NO_CONV_ESTABLISHED || lastDdeError_ == DMLERR_NOTPROCESSED) {
-    error = "no program answers the DDE item " + std::string(item) + " of " +
-            linkName(service, topic) + " on this computer";
+    if (error)
+      *error = "no program answers the DDE item " + std::string(item) + " of " +
+               linkName(service, topic) + " on this computer";
   } else {
-    error = failure(service, topic, {});
+    if (error) *error = failure(service, topic, {});
   }
   return std::nullopt;
 }
@@ -339,13 +341,13 @@ void appendStroke(const KeyStroke& stroke, std::vector<INPUT>& inputs) {
 
 }  // namespace
 
-bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::string& error) {
+bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::string* error) {
   std::vector<KeyStroke> strokes;
   if (!parseKeyString(keys, strokes, error)) return false;
   const std::string title(windowTitle);
   HWND window = FindWindowW(nullptr, widen(title).c_str());
   if (window == nullptr) {
-    error = "no window is titled \"" + title + "\"";
+    if (error) *error = "no window is titled \"" + title + "\"";
     return false;
   }
   if (IsIconic(window)) ShowWindow(window, SW_RESTORE);
@@ -362,7 +364,7 @@ bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::
     }
   }
   if (GetForegroundWindow() != window) {
-    error = "the window \"" + title + "\" cannot be brought to the front";
+    if (error) *error = "the window \"" + title + "\" cannot be brought to the front";
     return false;
   }
   std::vector<INPUT> inputs;
@@ -370,13 +372,14 @@ bool sendKeysToWindow(std::string_view windowTitle, std::string_view keys, std::
   if (inputs.empty()) return true;
   const UINT sent = SendInput(static_cast<UINT>(inputs.size()), inputs.data(), sizeof(INPUT));
   if (sent != inputs.size()) {
-    error = "typing into \"" + title + "\" was blocked: " + systemErrorText(GetLastError());
+    if (error)
+      *error = "typing into \"" + title + "\" was blocked: " + systemErrorText(GetLastError());
     return false;
   }
   return true;
 }
 
-bool startProgram(std::string_view commandLine, std::string& error) {
+bool startProgram(std::string_view commandLine, std::string* error) {
   std::wstring line = widen(std::string(commandLine));
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
@@ -384,7 +387,7 @@ bool startProgram(std::string_view commandLine, std::string& error) {
   // The command line buffer must be writable.
   if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
                       &process)) {
-    error = systemErrorText(GetLastError());
+    if (error) *error = systemErrorText(GetLastError());
     return false;
   }
   CloseHandle(process.hThread);

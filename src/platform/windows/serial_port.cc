@@ -73,19 +73,19 @@ class WindowsSerialPort final : public SerialPort {
 
 }  // namespace
 
-std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& s, std::string& problem) {
+std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& s, std::string* problem) {
   // COM10 and above are reached only through the device namespace.
   const std::string name = s.path.rfind("\\\\.\\", 0) == 0 ? s.path : "\\\\.\\" + s.path;
   HANDLE port = CreateFileW(widen(name).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                             OPEN_EXISTING, 0, nullptr);
   if (port == INVALID_HANDLE_VALUE) {
-    problem = "cannot open " + s.path + ": " + lastErrorText();
+    if (problem) *problem = "cannot open " + s.path + ": " + lastErrorText();
     return nullptr;
   }
   DCB dcb{};
   dcb.DCBlength = sizeof dcb;
   if (!GetCommState(port, &dcb)) {
-    problem = s.path + " is not a serial port: " + lastErrorText();
+    if (problem) *problem = s.path + " is not a serial port: " + lastErrorText();
     CloseHandle(port);
     return nullptr;
   }
@@ -102,7 +102,7 @@ std::unique_ptr<SerialPort> openSerialPort(const SerialSettings& s, std::string&
   dcb.fOutX = FALSE;
   dcb.fInX = FALSE;
   if (!SetCommState(port, &dcb)) {
-    problem = "cannot set up " + s.path + ": " + lastErrorText();
+    if (problem) *problem = "cannot set up " + s.path + ": " + lastErrorText();
     CloseHandle(port);
     return nullptr;
   }

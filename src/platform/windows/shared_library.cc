@@ -24,7 +24,7 @@ std::string lastErrorText() {
 
 }  // namespace
 
-std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std::string& error) {
+std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std::string* error) {
   // No "cannot find the library" message from the system: the caller reports it.
   const UINT previous = SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
   // A library named with its folder finds the libraries it needs in that
@@ -36,7 +36,7 @@ std::unique_ptr<SharedLibrary> SharedLibrary::open(const std::string& path, std:
   }
   HMODULE module = inFolder ? LoadLibraryExW(name.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)
                             : LoadLibraryW(name.c_str());
-  if (module == nullptr) error = lastErrorText();
+  if (module == nullptr && error) *error = lastErrorText();
   SetErrorMode(previous);
   if (module == nullptr) return nullptr;
   return std::unique_ptr<SharedLibrary>(new SharedLibrary(module));

@@ -116,21 +116,21 @@ Socket connectTcp(const std::string& host, uint16_t port, int waitMs, std::strin
   return connected;
 }
 
-Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
+Socket listenTcp(const std::string& host, uint16_t& port, std::string* error) {
   if (!startWinsock()) {
-    error = "the network is not available";
+    if (error) *error = "the network is not available";
     return kNoSocket;
   }
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
-    error = "the host \"" + host + "\" is not an IPv4 address";
+    if (error) *error = "the host \"" + host + "\" is not an IPv4 address";
     return kNoSocket;
   }
   const SOCKET s = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   if (s == INVALID_SOCKET) {
-    error = lastSocketError();
+    if (error) *error = lastSocketError();
     return kNoSocket;
   }
   // Exclusive use: no other process may bind the same port beside us.
@@ -138,7 +138,7 @@ Socket listenTcp(const std::string& host, uint16_t& port, std::string& error) {
   setsockopt(s, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&one), sizeof one);
   if (::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       ::listen(s, SOMAXCONN) != 0) {
-    error = lastSocketError();
+    if (error) *error = lastSocketError();
     closesocket(s);
     return kNoSocket;
   }

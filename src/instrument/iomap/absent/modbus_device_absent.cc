@@ -3,10 +3,11 @@
 
 namespace tavrix {
 
-std::unique_ptr<DeviceIo> MakeModbusDevice(const MapDevice& /*device*/, std::string& why) {
-  why =
-      "this build of the program has no Modbus support (libmodbus is left out of the Windows "
-      "builds); use the Linux build for Modbus devices";
+std::unique_ptr<DeviceIo> MakeModbusDevice(const MapDevice& /*device*/, std::string* why) {
+  if (why)
+    *why =
+        "this build of the program has no Modbus support (libmodbus is left out of the Windows "
+        "builds); use the Linux build for Modbus devices";
   return nullptr;
 }
 
