@@ -12,7 +12,7 @@
 #include "bench_support.h"
 #include "common/file_system.h"
 #include "engine/engine.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 
 namespace tavrix::bench {
 namespace {

@@ -14,9 +14,9 @@
 #include "common/file_system.h"
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/link/instrument.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"
@@ -133,7 +133,7 @@ void LoopbackExchanges(benchmark::State& state, bool bridged) {
     server.requireKey(key);
   } else {
     RigSetup setup;
-    LoadRigSetupFile(localFiles(), rig, setup, error);
+    LoadRigSetupFile(localFiles(), rig, setup, &error);
     server.model().load(std::move(setup));
   }
   std::atomic<bool> stop{false};

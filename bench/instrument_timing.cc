@@ -9,7 +9,7 @@
 #include "common/file_system.h"
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "machine_door.h"
 #include "timing.h"

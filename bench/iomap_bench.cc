@@ -9,13 +9,13 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/iomap/io_map.h"
 #include "instrument/iomap/map_link.h"
-#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
-#include "machine_door.h"
 #include "instrument/simdevices/modbus_oven_server.h"
 #include "instrument/simdevices/scpi_instrument_server.h"
+#include "machine_door.h"
 
 namespace tavrix::bench {
 namespace {

@@ -9,8 +9,8 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/iomap/map_link.h"
-#include "instrument/link/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simdevices/modbus_oven_server.h"

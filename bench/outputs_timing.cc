@@ -8,10 +8,10 @@
 
 #include "bench_support.h"
 #include "engine/engine.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_commands.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "machine_door.h"
 #include "timing.h"
 

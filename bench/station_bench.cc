@@ -21,7 +21,7 @@
 #include "engine/engine.h"
 #include "instrument/backends/link_backends.h"
 #include "instrument/link/instrument.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"

@@ -6,14 +6,14 @@
 #include <string_view>
 #include <vector>
 
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/rig_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace tavrix;
   RigSetup setup;
   std::string error;
   if (!ParseRigSetup(std::string_view(reinterpret_cast<const char*>(data), size), "fuzz.ims", setup,
-                     error)) {
+                     &error)) {
     return 0;
   }
   std::vector<std::pair<int, std::string>> channels;

@@ -35,7 +35,7 @@
 #include "console_operators.h"
 #include "engine/engine.h"
 #include "engine/run_checkpoints.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "testing/memory_file_system.h"
 #include "testing/test_files.h"
 

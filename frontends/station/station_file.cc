@@ -1,42 +1,25 @@
 #include "station_file.h"
 
-#include <toml++/toml.h>
-
 #include <algorithm>
 
 #include "common/paths.h"
 #include "common/text_file.h"
+#include "common/toml_reader.h"
 #include "instrument/iomap/io_map.h"
 #include "instrument/iomap/map_link.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/rig_setup.h"
 
 namespace tavrix {
 
 namespace {
 
-struct StationError {
-  std::string text;
-};
-
-class Reader {
+class Reader : public TomlReader {
  public:
-  Reader(std::string_view fileName) : file_(fileName), folder_(parentFolder(file_)) {}
-
-  [[noreturn]] void fail(int line, std::string_view where, std::string_view what) const {
-    std::string text = file_;
-    if (line > 0) text += " line " + std::to_string(line);
-    text += ": ";
-    if (!where.empty()) text.append(where).append(": ");
-    text.append(what);
-    throw StationError{std::move(text)};
-  }
-
-  static int lineOf(const toml::node& node) { return static_cast<int>(node.source().begin.line); }
+  explicit Reader(std::string_view fileName)
+      : TomlReader(fileName), folder_(parentFolder(this->fileName())) {}
 
   std::string text(const toml::node& node, std::string_view where, std::string_view key) const {
-    if (!node.is_string() || node.as_string()->get().empty())
-      fail(lineOf(node), where, "\"" + std::string(key) + "\" must be a text");
-    return node.as_string()->get();
+    return TomlReader::text(node, where, key, true);
   }
 
   // A path from the station file's folder.
@@ -79,7 +62,6 @@ class Reader {
   }
 
  private:
-  std::string file_;
   std::string folder_;
 };
 
@@ -94,12 +76,7 @@ bool validSocketName(std::string_view name) {
 std::string where(const StationSocket& s) { return "socket " + s.name; }
 
 std::string fail(const Station& station, int line, std::string_view where, std::string_view what) {
-  std::string text = station.path;
-  if (line > 0) text += " line " + std::to_string(line);
-  text += ": ";
-  if (!where.empty()) text.append(where).append(": ");
-  text.append(what);
-  return text;
+  return FileLineMessage(station.path, line, where, what);
 }
 
 // The rig channels a socket owns, out of `channels`.
@@ -123,12 +100,7 @@ bool ParseStation(std::string_view text, std::string_view fileName, Station& sta
   station.path = std::string(fileName);
   Reader reader(fileName);
   try {
-    toml::table root;
-    try {
-      root = toml::parse(text, fileName);
-    } catch (const toml::parse_error& e) {
-      reader.fail(static_cast<int>(e.source().begin.line), "", std::string(e.description()));
-    }
+    const toml::table root = reader.parse(text);
     const toml::table* sockets = nullptr;
     for (auto&& [key, node] : root) {
       const std::string_view k = key.str();
@@ -174,7 +146,7 @@ bool ParseStation(std::string_view text, std::string_view fileName, Station& sta
       reader.socket(s, *node->as_table());
       station.sockets.push_back(std::move(s));
     }
-  } catch (const StationError& e) {
+  } catch (const TomlFileFault& e) {
     if (error) *error = e.text;
     station = Station{};
     return false;
@@ -188,7 +160,7 @@ bool StationRigChannels(const FileSystem& files, const Station& station,
   if (!station.setup.empty()) {
     RigSetup setup;
     std::string why;
-    if (!LoadRigSetupFile(files, station.setup, setup, why)) {
+    if (!LoadRigSetupFile(files, station.setup, setup, &why)) {
       if (error) *error = why;
       return false;
     }

@@ -36,7 +36,7 @@
 #include "common/text_conventions.h"
 #include "data_entry_dialog.h"
 #include "decrypt_dialog.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "manual_control.h"
 #include "qt_text.h"
 #include "question_dialogs.h"

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "engine/engine.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 
 namespace tavrix {
 

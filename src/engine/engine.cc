@@ -5,9 +5,9 @@
 #include "engine/run_checkpoints.h"
 #include "engine/run_record.h"
 #include "indexing/indexing_commands.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/outputs/output_commands.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "resultsdb/results_feed.h"
 #include "sequencer/core_commands.h"
 

@@ -23,7 +23,7 @@
 #include "common/trace.h"
 #include "common/watched_file_system.h"
 #include "engine/engine_config.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/channel_access.h"
 #include "sequencer/companion.h"

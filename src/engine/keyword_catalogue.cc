@@ -6,7 +6,7 @@
 
 #include "calcchan/calc_commands.h"
 #include "indexing/indexing_commands.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/outputs/alarms.h"
 #include "instrument/outputs/load_maintenance.h"
 #include "instrument/outputs/pulse_sine.h"

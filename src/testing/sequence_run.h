@@ -15,7 +15,7 @@
 #include "common/paths.h"
 #include "common/trace.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 #include "testing/recording_operator.h"

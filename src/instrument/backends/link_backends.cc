@@ -2,7 +2,7 @@
 
 #include "instrument/dll/dll_link.h"
 #include "instrument/iomap/map_link.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/tcp_link.h"
 

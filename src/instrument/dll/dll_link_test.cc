@@ -8,7 +8,7 @@
 #include "common/file_system.h"
 #include "common/paths.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"

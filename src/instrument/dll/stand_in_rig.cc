@@ -7,7 +7,7 @@
 #include "common/file_system.h"
 #include "common/text_file.h"
 #include "instrument/dll/dll_link.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 
 namespace tavrix {
 namespace {

@@ -1,7 +1,5 @@
 #include "instrument/iomap/io_map.h"
 
-#include <toml++/toml.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -10,6 +8,7 @@
 
 #include "common/text_conventions.h"
 #include "common/text_file.h"
+#include "common/toml_reader.h"
 #include "instrument/link/channels.h"
 
 namespace tavrix {
@@ -17,10 +16,6 @@ namespace {
 
 constexpr int kMaxDevices = 99;
 constexpr int kMaxChannelsPerDevice = 9999;
-
-struct MapError {
-  std::string text;
-};
 
 // The Modbus table a channel's key names, kNone for any other key.
 ModbusTable TableOfKey(std::string_view key) {
@@ -40,25 +35,10 @@ std::optional<ValueType> ValueTypeNamed(std::string_view name) {
   return std::nullopt;
 }
 
-class Reader {
+class Reader : public TomlReader {
  public:
-  Reader(std::string_view fileName) : file_(fileName) {}
+  using TomlReader::TomlReader;
 
-  [[noreturn]] void fail(int line, std::string_view where, std::string_view what) const {
-    std::string text = file_;
-    if (line > 0) text += " line " + std::to_string(line);
-    text += ": ";
-    if (!where.empty()) text.append(where).append(": ");
-    text.append(what);
-    throw MapError{std::move(text)};
-  }
-
-  static int lineOf(const toml::node& node) { return static_cast<int>(node.source().begin.line); }
-
-  std::string text(const toml::node& node, std::string_view where, std::string_view key) const {
-    if (!node.is_string()) fail(lineOf(node), where, "\"" + std::string(key) + "\" must be a text");
-    return std::string(node.as_string()->get());
-  }
   double number(const toml::node& node, std::string_view where, std::string_view key) const {
     if (node.is_integer()) return static_cast<double>(node.as_integer()->get());
     if (node.is_floating_point()) {
@@ -284,8 +264,6 @@ class Reader {
       fail(c.line, where, "an alarm needs a channel that can be read");
     if (!c.tag.empty() && !c.hasAlarm()) fail(c.line, where, "\"tag\" needs \"high\" or \"low\"");
   }
-
-  std::string file_;
 };
 
 bool validName(std::string_view name) {
@@ -368,12 +346,7 @@ bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, st
   map.path = std::string(fileName);
   Reader reader(fileName);
   try {
-    toml::table root;
-    try {
-      root = toml::parse(text, fileName);
-    } catch (const toml::parse_error& e) {
-      reader.fail(static_cast<int>(e.source().begin.line), "", std::string(e.description()));
-    }
+    const toml::table root = reader.parse(text);
     for (auto&& [key, node] : root) {
       if (key.str() != "device" && key.str() != "channel") {
         reader.fail(Reader::lineOf(node), "",
@@ -423,7 +396,7 @@ bool ParseIoMap(std::string_view text, std::string_view fileName, IoMap& map, st
       }
     }
     if (map.channels.empty()) reader.fail(0, "", "the map names no channel");
-  } catch (const MapError& e) {
+  } catch (const TomlFileFault& e) {
     if (error) *error = e.text;
     map = IoMap{};
     return false;

@@ -9,7 +9,7 @@
 
 #include "common/civil_time.h"
 #include "common/text_conventions.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "testing/memory_file_system.h"
 #include "testing/recording_link.h"
 #include "testing/test_files.h"

@@ -11,8 +11,8 @@
 
 #include "common/file_system.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/link/channel_commands.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/commands/channel_commands.h"
+#include "instrument/simrig/sim_link.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"

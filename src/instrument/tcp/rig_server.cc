@@ -159,7 +159,7 @@ std::string RigServer::answer(std::string_view line) {
       const std::string path = UnescapeField(rest.substr(1, tab - 1));
       RigSetup setup;
       std::string error;
-      if (!ParseRigSetup(UnescapeField(rest.substr(tab + 1)), path, setup, error)) {
+      if (!ParseRigSetup(UnescapeField(rest.substr(tab + 1)), path, setup, &error)) {
         return reply(link_result::kSetupFileBadLine, error);
       }
       const std::string text = setup.name + "\n" + setup.summary;
@@ -378,7 +378,7 @@ int RunRigServer(FileSystem& files, RigServing serving, std::FILE* log,
   } else {
     if (!serving.setupFile.empty()) {
       RigSetup setup;
-      if (!LoadRigSetupFile(files, serving.setupFile, setup, error)) return fail(error);
+      if (!LoadRigSetupFile(files, serving.setupFile, setup, &error)) return fail(error);
       server.model().load(std::move(setup));
     }
     what = serving.setupFile.empty() ? "an empty rig" : serving.setupFile;

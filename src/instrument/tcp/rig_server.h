@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "instrument/link/link_library.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/rig_model.h"
 #include "instrument/tcp/library_service.h"
 #include "platform/sockets.h"
 

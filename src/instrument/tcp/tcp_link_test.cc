@@ -9,7 +9,7 @@
 
 #include "common/file_system.h"
 #include "instrument/backends/link_backends.h"
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 #include "instrument/link/instrument.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "instrument/tcp/rig_server.h"
@@ -259,7 +259,7 @@ TEST(RigProtocol, RequestsAndResponses) {
   RigServer server;
   RigSetup setup;
   std::string error;
-  ASSERT_TRUE(ParseRigSetup(kRig, "rig.ims", setup, error));
+  ASSERT_TRUE(ParseRigSetup(kRig, "rig.ims", setup, &error));
   server.model().load(std::move(setup));
   EXPECT_EQ(server.answer("1 HELLO"), "1 0 =TAVRIX-RIG 1");
   EXPECT_EQ(server.answer("2 SEND 1 5000000 WRI HEATER 5"), "2 0 =0");

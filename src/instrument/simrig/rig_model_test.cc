@@ -1,4 +1,4 @@
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/rig_model.h"
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ constexpr std::string_view kRig =
 RigModel LoadedModel() {
   RigSetup setup;
   std::string error;
-  EXPECT_TRUE(ParseRigSetup(kRig, "rig.ims", setup, error)) << error;
+  EXPECT_TRUE(ParseRigSetup(kRig, "rig.ims", setup, &error)) << error;
   RigModel model;
   model.load(std::move(setup));
   return model;
@@ -34,7 +34,7 @@ RigModel LoadedModel() {
 TEST(RigSetupFile, ChannelAndDeviceLinesAndTheSummary) {
   RigSetup setup;
   std::string error;
-  ASSERT_TRUE(ParseRigSetup(kRig, "c:\\corvane\\setups\\rig.ims", setup, error)) << error;
+  ASSERT_TRUE(ParseRigSetup(kRig, "c:\\corvane\\setups\\rig.ims", setup, &error)) << error;
   EXPECT_EQ(setup.name, "rig");
   ASSERT_EQ(setup.channels.size(), 6u);
   const SimChannel& temp = setup.channels[1];
@@ -76,12 +76,12 @@ TEST(RigSetupFile, GarbageLinesAreNamedWithTheirNumber) {
   for (const auto& [text, message] : cases) {
     RigSetup setup;
     std::string error;
-    EXPECT_FALSE(ParseRigSetup(text, "rig.ims", setup, error)) << text;
+    EXPECT_FALSE(ParseRigSetup(text, "rig.ims", setup, &error)) << text;
     EXPECT_EQ(error.substr(0, message.size()), message) << text;
   }
   std::string error;
   RigSetup setup;
-  EXPECT_FALSE(LoadRigSetupFile(testFiles(), "/nonexistent/rig.ims", setup, error));
+  EXPECT_FALSE(LoadRigSetupFile(testFiles(), "/nonexistent/rig.ims", setup, &error));
   EXPECT_EQ(error, "cannot read the setup file /nonexistent/rig.ims: No such file or directory");
 }
 
@@ -175,7 +175,7 @@ TEST(RigModel, SlowSilentDevicesAndMonitorChannels) {
 
   RigSetup setup;
   std::string error;
-  ASSERT_TRUE(ParseRigSetup("D 4 SILENT=1\n  40001 N=X\n", "quiet.ims", setup, error));
+  ASSERT_TRUE(ParseRigSetup("D 4 SILENT=1\n  40001 N=X\n", "quiet.ims", setup, &error));
   RigModel quiet;
   quiet.load(std::move(setup));
   EXPECT_EQ(quiet.send(4, "REA X", t), 17);

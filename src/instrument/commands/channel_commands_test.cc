@@ -1,4 +1,4 @@
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 
 #include "common/text_conventions.h"
 #include "instrument/link/instrument.h"
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/sim_link.h"
 #include "sequencer/core_commands.h"
 #include "sequencer/sequencer.h"
 #include "testing/memory_file_system.h"

@@ -1,4 +1,4 @@
-#include "instrument/link/channel_commands.h"
+#include "instrument/commands/channel_commands.h"
 
 #include <exception>
 
@@ -201,7 +201,7 @@ std::optional<bool> CompareReading(double reading, std::string_view op, double v
 
 namespace {
 
-constexpr std::string_view kFamily = "src/instrument/link/channel_commands.cc";
+constexpr std::string_view kFamily = "src/instrument/commands/channel_commands.cc";
 const Keyword<CommandLine> kImsFileSpec{"IMSFILESPEC", kFamily, AsWritten};
 const Keyword<CommandLine> kSend{"SEND", kFamily, AsWritten};
 const Keyword<SmcCommand> kSendSmc{"SENDSMC", kFamily, ParseSendSmc};

@@ -1,15 +1,11 @@
-#include "instrument/simrig/sim_rig.h"
+#include "instrument/simrig/rig_model.h"
 
+#include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <sstream>
 
 #include "common/text_conventions.h"
-#include "common/text_file.h"
-#include "common/text_items.h"
 
 namespace tavrix {
 namespace {
@@ -17,12 +13,6 @@ namespace {
 constexpr Micros kJitterSlot = 100'000;  // the noise changes every 100 ms
 constexpr Micros kFollowStep = 250'000;  // integration step of FOLLOW/LAG
 constexpr int64_t kMaxFollowSteps = 20'000;
-
-// Ten significant digits, as "%.10g" writes them.
-std::string rigNumber(double value) {
-  char text[32];
-  return std::string(text, writeGeneral(value, 10, text));
-}
 
 // Whether a channel's "E=" setting enables it: its leading number is not 0.
 // The usual setting is one digit, which needs no full conversion.
@@ -32,38 +22,6 @@ bool enabled(const SimChannel& channel) {
   return leadingNumber(text) != 0;
 }
 
-std::vector<std::string_view> words(std::string_view text) {
-  std::vector<std::string_view> out;
-  size_t i = 0;
-  while (i < text.size()) {
-    while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
-    size_t j = i;
-    while (j < text.size() && text[j] != ' ' && text[j] != '\t') ++j;
-    if (j > i) out.push_back(text.substr(i, j - i));
-    i = j;
-  }
-  return out;
-}
-
-bool parseNumber(std::string_view text, double& out) {
-  if (text.empty()) return false;
-  std::string s(text);
-  char* end = nullptr;
-  out = std::strtod(s.c_str(), &end);
-  return end != s.c_str() && *end == '\0' && std::isfinite(out);
-}
-
-bool parseInt(std::string_view text, int& out) {
-  if (text.empty() || text.size() > 9) return false;
-  int v = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + (c - '0');
-  }
-  out = v;
-  return true;
-}
-
 uint64_t mix(uint64_t x) {
   x += 0x9e3779b97f4a7c15ULL;
   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
@@ -71,199 +29,12 @@ uint64_t mix(uint64_t x) {
   return x ^ (x >> 31);
 }
 
-// Applies one KEY=VALUE setting; returns a reason when it cannot.
-std::string applySetting(SimChannel& channel, std::string_view token) {
-  const size_t eq = token.find('=');
-  if (eq == std::string_view::npos || eq == 0) {
-    std::string reason(1, '"');
-    reason.append(token).append("\" is not a KEY=VALUE field");
-    return reason;
-  }
-  const std::string_view key = token.substr(0, eq);
-  const std::string_view value = token.substr(eq + 1);
-  auto number = [&](double& out) -> std::string {
-    if (!parseNumber(value, out)) return "the value of " + std::string(key) + "= is not a number";
-    return {};
-  };
-  double n = 0;
-  if (key == "E") {
-    if (auto e = number(n); !e.empty()) return e;
-    channel.enabled = std::string(value);
-  } else if (key == "M") {
-    channel.mode = std::string(value);
-  } else if (key == "N") {
-    channel.name = std::string(value);
-  } else if (key == "U") {
-    channel.units = std::string(value);
-  } else if (key == "O") {
-    if (auto e = number(channel.offset); !e.empty()) return e;
-  } else if (key == "V") {
-    if (auto e = number(channel.value); !e.empty()) return e;
-  } else if (key == "FOLLOW") {
-    channel.follow = std::string(value);
-  } else if (key == "LAG") {
-    if (auto e = number(channel.lag); !e.empty()) return e;
-    if (channel.lag < 0) return "LAG= must not be negative";
-  } else if (key == "K") {
-    if (auto e = number(channel.gain); !e.empty()) return e;
-  } else if (key == "BIAS") {
-    if (auto e = number(channel.bias); !e.empty()) return e;
-  } else if (key == "JITTER") {
-    if (auto e = number(channel.jitter); !e.empty()) return e;
-  } else if (key == "HIGH") {
-    if (auto e = number(n); !e.empty()) return e;
-    channel.high = n;
-  } else if (key == "LOW") {
-    if (auto e = number(n); !e.empty()) return e;
-    channel.low = n;
-  } else if (key == "TAG") {
-    channel.tag = std::string(value);
-  } else {
-    return "unknown field \"" + std::string(key) + "=\"";
-  }
-  return {};
-}
-
-std::string lineError(std::string_view file, size_t line, std::string_view reason) {
-  return std::string(file) + " line " + std::to_string(line) + ": " + std::string(reason);
-}
-
-std::string fileStem(std::string_view path) {
-  const size_t slash = path.find_last_of("/\\");
-  if (slash != std::string_view::npos) path = path.substr(slash + 1);
-  const size_t dot = path.rfind('.');
-  if (dot != std::string_view::npos && dot > 0) path = path.substr(0, dot);
-  return std::string(path.substr(0, kSetupNameLength));
-}
-
-// A device line: "D", the device number, then NOTREADY=, LATENCY=, SILENT=
-// and MONITORS= fields.
-bool parseDeviceLine(std::string_view line, std::string_view fileName, size_t lineNo,
-                     RigSetup& setup, std::string& error) {
-  const auto fields = words(line.substr(1));
-  int device = 0;
-  if (fields.empty() || !parseInt(fields[0], device) || device > 99) {
-    error = lineError(fileName, lineNo, "a device line needs a device number 0-99");
-    return false;
-  }
-  SimDeviceConfig& config = setup.devices[device];
-  config.present = true;
-  for (size_t i = 1; i < fields.size(); ++i) {
-    const std::string_view f = fields[i];
-    const size_t eq = f.find('=');
-    int n = 0;
-    const std::string_view key = eq == std::string_view::npos ? f : f.substr(0, eq);
-    if (eq == std::string_view::npos || !parseInt(f.substr(eq + 1), n)) {
-      error = lineError(fileName, lineNo, "\"" + std::string(f) + "\" is not KEY=number");
-      return false;
-    }
-    if (key == "NOTREADY") {
-      config.notReadyPolls = n;
-    } else if (key == "LATENCY") {
-      config.latencyMs = n;
-    } else if (key == "SILENT") {
-      config.silent = n != 0;
-    } else if (key == "MONITORS") {
-      config.monitors = n;
-    } else {
-      error = lineError(fileName, lineNo, "unknown device field \"" + std::string(key) + "=\"");
-      return false;
-    }
-  }
-  setup.summary.append(line).append("\r\n");
-  return true;
-}
-
-// A channel line: two characters, the hardware channel text, a blank, then
-// the fields.
-bool parseChannelLine(std::string_view line, std::string_view fileName, size_t lineNo,
-                      RigSetup& setup, std::string& error) {
-  if (line.size() < 8) {
-    error = lineError(fileName, lineNo, "not a channel line (too short)");
-    return false;
-  }
-  const size_t hwLength = line[7] != ' ' ? 6 : 5;
-  const std::string_view hw = line.substr(2, hwLength);
-  int device = 0;
-  int number = 0;
-  if (!parseInt(hw.substr(0, hw.size() - 4), device) ||
-      !parseInt(hw.substr(hw.size() - 4), number) ||
-      (line.size() > 2 + hwLength && line[2 + hwLength] != ' ')) {
-    error = lineError(fileName, lineNo,
-                      "a channel line starts with two characters, then the device number and "
-                      "four-digit channel number, then a blank");
-    return false;
-  }
-  SimChannel channel;
-  channel.device = device;
-  channel.number = number;
-  channel.hardwareText = std::string(hw);
-  for (const auto field : words(line.substr(2 + hwLength))) {
-    if (auto reason = applySetting(channel, field); !reason.empty()) {
-      error = lineError(fileName, lineNo, reason);
-      return false;
-    }
-  }
-  for (const auto& other : setup.channels) {
-    if (other.hardwareText == channel.hardwareText) {
-      error = lineError(fileName, lineNo, "channel " + channel.hardwareText + " is defined twice");
-      return false;
-    }
-  }
-  setup.devices[device].present = true;
-  setup.channels.push_back(std::move(channel));
-  setup.summary.append(line).append("\r\n");
-  return true;
-}
-
-// A channel may only follow a channel of the setup.
-bool checkFollowedChannels(const RigSetup& setup, std::string_view fileName, std::string& error) {
-  for (const auto& channel : setup.channels) {
-    if (channel.follow.empty()) continue;
-    bool found = false;
-    for (const auto& other : setup.channels) {
-      found = found || other.name == channel.follow || other.hardwareText == channel.follow;
-    }
-    if (!found) {
-      error = std::string(fileName) + ": channel " + channel.hardwareText + " follows \"" +
-              channel.follow + "\", which is not a channel of the setup";
-      return false;
-    }
-  }
-  return true;
-}
-
 }  // namespace
 
-bool ParseRigSetup(std::string_view text, std::string_view fileName, RigSetup& setup,
-                   std::string& error) {
-  setup = RigSetup{};
-  setup.name = fileStem(fileName);
-  size_t lineNo = 0;
-  for (const std::string& text_line : splitLines(text)) {
-    ++lineNo;
-    const std::string_view line = text_line;
-    const std::string_view content = trim(line);
-    if (content.empty() || content[0] == ';' || content[0] == '#') continue;
-    const bool parsed = line[0] == 'D' ? parseDeviceLine(line, fileName, lineNo, setup, error)
-                                       : parseChannelLine(line, fileName, lineNo, setup, error);
-    if (!parsed) return false;
-  }
-  return checkFollowedChannels(setup, fileName, error);
+std::string RigNumberText(double value) {
+  char text[32];
+  return std::string(text, writeGeneral(value, 10, text));
 }
-
-bool LoadRigSetupFile(const FileSystem& files, const std::string& path, RigSetup& setup,
-                      std::string& error) {
-  std::string text;
-  std::string readError;
-  if (!readTextFile(files, path, text, &readError)) {
-    error = "cannot read the setup file " + path + ": " + readFailureReason(readError);
-    return false;
-  }
-  return ParseRigSetup(text, path, setup, error);
-}
-
-// --- RigModel ----------------------------------------------------------------
 
 void RigModel::load(RigSetup setup) {
   setup_ = std::move(setup);
@@ -373,9 +144,7 @@ std::string RigModel::fail(DeviceState& state, int code, std::string_view text) 
 
 bool RigModel::define(SimChannel& channel, std::string_view settings) {
   SimChannel changed = channel;
-  for (const auto token : words(settings)) {
-    if (!applySetting(changed, token).empty()) return false;
-  }
+  if (!ApplyChannelSettings(changed, settings).empty()) return false;
   if (!changed.follow.empty() && findAnyDevice(changed.follow) == nullptr) return false;
   // A channel that starts to follow another starts where that one stands.
   if (!changed.follow.empty() && changed.follow != channel.follow) {
@@ -424,7 +193,7 @@ std::string settingsText(const SimChannel& channel) {
   std::string text = "E=" + channel.enabled + " M=" + channel.mode;
   if (!channel.name.empty()) text += " N=" + channel.name;
   if (!channel.units.empty()) text += " U=" + channel.units;
-  text += " O=" + rigNumber(channel.offset);
+  text += " O=" + RigNumberText(channel.offset);
   return text;
 }
 
@@ -457,7 +226,7 @@ std::string RigModel::execute(int device, std::string_view command, Micros now) 
       return fail(state, rig_error::kDisabled, "channel disabled");
     }
     reportOk(state);
-    return rigNumber(reading(*channel, now));
+    return RigNumberText(reading(*channel, now));
   }
   if (word == "WRI") {
     if (!enabled(*channel)) {
@@ -522,7 +291,7 @@ bool plainName(std::string_view name) {
   return true;
 }
 
-// The number that rigNumber's text of `raw` reads as (leadingNumber), when
+// The number that RigNumberText's text of `raw` reads as (leadingNumber), when
 // that text is a plain decimal: ten significant digits at most and no
 // exponent. Its digits over a power of ten are what the reading of the text
 // divides too; both are exact doubles, so the one division rounds alike.
@@ -652,93 +421,6 @@ int32_t RigModel::requestMonitor(std::string_view setupName, int device, int16_t
     return link_result::kOk;
   }
   return link_result::kNoMonitorChannels;
-}
-
-// --- SimLink -----------------------------------------------------------------
-
-SimLink::SimLink(const Clock& clock, std::string dirPath, const FileSystem& files)
-    : clock_(clock), files_(files), dirPath_(std::move(dirPath)) {}
-
-int32_t SimLink::openInterface(int16_t& handle) {
-  open_ = true;
-  handle = 1;
-  return link_result::kOk;
-}
-
-int32_t SimLink::closeInterface(int16_t /*handle*/) {
-  open_ = false;
-  return link_result::kOk;
-}
-
-int32_t SimLink::interfaceVersion(int16_t /*handle*/, std::string& text) {
-  WriteBuffer(text, kRigInterfaceVersion);
-  return link_result::kOk;
-}
-
-int32_t SimLink::sendCommand(int16_t /*handle*/, int16_t device, std::string_view command,
-                             bool /*wait*/) {
-  if (!open_) return link_result::kNotOpen;
-  return model_.send(device, BufferText(command), clock_.now());
-}
-
-int32_t SimLink::getReply(int16_t /*handle*/, int16_t device, std::string& buffer, bool /*wait*/) {
-  if (!open_) return link_result::kNotOpen;
-  const int32_t result = model_.reply(device, clock_.now(), reply_);
-  if (result == link_result::kOk) WriteBuffer(buffer, reply_);
-  return result;
-}
-
-bool SimLink::readNumber(int16_t device, std::string_view name, DirectHint& hint, double& value,
-                         std::string* text) {
-  double raw = 0;
-  if (!model_.readNow(device, name, hint, clock_.now(), raw, value)) return false;
-  lastRead_ = raw;
-  if (text != nullptr) *text = rigNumber(raw);
-  return true;
-}
-
-bool SimLink::writeChecked(int16_t device, std::string_view name, std::string_view value,
-                           DirectHint& hint) {
-  return model_.writeNow(device, name, value, hint, clock_.now());
-}
-
-std::string SimLink::lastReadText() const { return rigNumber(lastRead_); }
-
-int32_t SimLink::abortReply(int16_t /*handle*/, int16_t device) {
-  model_.abort(device);
-  return link_result::kOk;
-}
-
-int32_t SimLink::millisecondCount() { return static_cast<int32_t>(clock_.milliseconds()); }
-
-int32_t SimLink::dirPath(std::string& path) {
-  path = dirPath_;
-  return link_result::kOk;
-}
-
-int32_t SimLink::setupLibVersion(std::string& text) {
-  WriteBuffer(text, kRigSetupLibVersion);
-  return kRigSetupLibVersionNumber;
-}
-
-int32_t SimLink::loadAndLockSetup(const std::string& path, int32_t /*second*/, SetupLoad& load) {
-  RigSetup setup;
-  if (!LoadRigSetupFile(files_, path, setup, load.message)) {
-    const bool unreadable = load.message.rfind("cannot read the setup file", 0) == 0;
-    return unreadable ? link_result::kSetupFileUnreadable : link_result::kSetupFileBadLine;
-  }
-  load.setupName = setup.name;
-  load.summary = setup.summary;
-  model_.load(std::move(setup));
-  return link_result::kOk;
-}
-
-int32_t SimLink::unlockSetup(std::string_view /*setupName*/, int16_t /*handle*/) {
-  return link_result::kOk;
-}
-
-int32_t SimLink::requestMonitorChannel(std::string_view setupName, MonitorChannelRecord& record) {
-  return model_.requestMonitor(setupName, record.device, record.channelNumber);
 }
 
 }  // namespace tavrix
