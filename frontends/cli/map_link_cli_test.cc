@@ -7,12 +7,12 @@
 #include "cli_test_support.h"
 #include "common/clock.h"
 #include "instrument/backends/link_backends.h"
+#include "instrument/simdevices/modbus_oven_server.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 #include "instrument/tcp/library_service.h"
 #include "instrument/tcp/link_key.h"
 #include "instrument/tcp/rig_server.h"
 #include "simulated_devices.h"
-#include "instrument/simdevices/modbus_oven_server.h"
-#include "instrument/simdevices/scpi_instrument_server.h"
 #include "testing/test_files.h"
 
 namespace tavrix {

@@ -5,10 +5,10 @@
 #include <thread>
 
 #include "common/clock.h"
+#include "instrument/simdevices/scpi_instrument_server.h"
 #include "instrument/tcp/rig_protocol.h"
 #include "platform/console.h"
 #include "platform/sockets.h"
-#include "instrument/simdevices/scpi_instrument_server.h"
 #ifndef _WIN32
 #include "instrument/simdevices/modbus_oven_server.h"
 #endif

@@ -5,8 +5,8 @@
 #include <cmath>
 
 #include "instrument/outputs/alarms.h"
-#include "testing/map_run.h"
 #include "instrument/simdevices/modbus_oven_server.h"
+#include "testing/map_run.h"
 
 namespace tavrix {
 namespace {

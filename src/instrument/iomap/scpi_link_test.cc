@@ -2,8 +2,8 @@
 // tests on loopback, sequences run in virtual time over it.
 #include <gtest/gtest.h>
 
-#include "testing/map_run.h"
 #include "instrument/simdevices/scpi_instrument_server.h"
+#include "testing/map_run.h"
 
 namespace tavrix {
 namespace {

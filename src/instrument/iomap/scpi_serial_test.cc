@@ -10,8 +10,8 @@
 #include <atomic>
 #include <thread>
 
-#include "testing/map_run.h"
 #include "instrument/simdevices/scpi_instrument_server.h"
+#include "testing/map_run.h"
 
 namespace tavrix {
 namespace {
