@@ -26,27 +26,28 @@ void RunRecording::finish(EndReason reason, int status) {
 
 RunControl::RunControl(Engine& engine, std::FILE* err)
     : engine_(engine), err_(err), breakpoints_(engine) {
-  // Says which breakpoint held the run, and how to go on from elsewhere.
-  holds_ = engine.subscribe([this](const RunEvent& event) {
-    if (event.kind != RunEventKind::kHold) return;
-    if (event.title != "break") {
-      // At the terminal the keys go on from here.
-      if (view_ != nullptr)
-        view_->note("held before line " + std::to_string(event.line) + " (" + event.title + ")");
-      return;
-    }
-    std::string what = "breakpoint " + std::to_string(event.number);
-    for (const Breakpoint& b : breakpoints_.list())
-      if (b.id == event.number) what += " (" + DescribeBreakpoint(b) + ")";
-    const std::string id = runId();
-    const std::string text = "held before line " + std::to_string(event.line) + " by " + what +
-                             (id.empty() ? "" : "; go on with: tavrix-cli ctl " + id + " resume");
-    // At the terminal it goes above the live status, which it would
-    // otherwise run into.
-    if (view_ != nullptr) return view_->note(text);
-    std::fprintf(err_, "tavrix-cli: %s\n", text.c_str());
-    std::fflush(err_);
-  });
+  holds_ = engine.subscribe([this](const RunEvent& event) { noteHold(event); });
+}
+
+void RunControl::noteHold(const RunEvent& event) {
+  if (event.kind != RunEventKind::kHold) return;
+  if (event.title != "break") {
+    // At the terminal the keys go on from here.
+    if (view_ != nullptr)
+      view_->note("held before line " + std::to_string(event.line) + " (" + event.title + ")");
+    return;
+  }
+  std::string what = "breakpoint " + std::to_string(event.number);
+  for (const Breakpoint& b : breakpoints_.list())
+    if (b.id == event.number) what += " (" + DescribeBreakpoint(b) + ")";
+  const std::string id = runId();
+  const std::string text = "held before line " + std::to_string(event.line) + " by " + what +
+                           (id.empty() ? "" : "; go on with: tavrix-cli ctl " + id + " resume");
+  // At the terminal it goes above the live status, which it would
+  // otherwise run into.
+  if (view_ != nullptr) return view_->note(text);
+  std::fprintf(err_, "tavrix-cli: %s\n", text.c_str());
+  std::fflush(err_);
 }
 
 RunControl::~RunControl() {
@@ -70,6 +71,12 @@ void RunControl::openSocket(const std::string& sequence, const std::string& test
   socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(), sequence,
                                 engine_.clock().now(), &error, testSocket, runId);
   if (socket_ && answers_ != nullptr) socket_->setAnswers(answers_);
+  // The note of a hold comes after the socket has heard of it, so that a
+  // client that reads the note and asks finds the run held.
+  if (socket_) {
+    holds_.reset();
+    holds_ = engine_.subscribe([this](const RunEvent& event) { noteHold(event); });
+  }
   if (!socket_)
     std::fprintf(err_, "tavrix-cli: warning: no control socket (the run goes on): %s\n",
                  error.c_str());

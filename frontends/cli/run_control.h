@@ -69,6 +69,9 @@ class RunControl {
   std::string runId() const;
 
  private:
+  // Says which breakpoint held the run, and how to go on from elsewhere.
+  void noteHold(const RunEvent& event);
+
   Engine& engine_;
   std::FILE* err_;
   Breakpoints breakpoints_;
