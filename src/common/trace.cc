@@ -315,6 +315,43 @@ std::string_view Trace::start(Micros at) {
   return std::string_view(start_, startLength_);
 }
 
+uint64_t Trace::numberDigits(int number) {
+  // The digits are kept as one word (when there are at most eight of them)
+  // and counted up in a register: a word read back right after bytes were
+  // stored into it would wait for those stores.
+  uint64_t digits;
+  std::memcpy(&digits, numberText_, sizeof digits);
+  if (number == lastNumber_) return digits;
+  if (number == lastNumber_ + 1 && number > 0 && numberLength_ > 0) {
+    // (The place of the i-th character in the word.)
+    constexpr bool kLittle = std::endian::native == std::endian::little;
+    const auto shift = [](int i) { return kLittle ? 8 * i : 56 - 8 * i; };
+    int i = numberLength_ - 1;
+    while (i >= 0 && ((digits >> shift(i)) & 0xFF) == '9') {
+      digits -= uint64_t{9} << shift(i);  // '9' to '0'
+      --i;
+    }
+    if (i >= 0) {
+      digits += uint64_t{1} << shift(i);
+    } else if (numberLength_ < 8) {
+      digits = kLittle ? (digits << 8) | '1' : (digits >> 8) | (uint64_t{'1'} << 56);
+      ++numberLength_;
+    } else {
+      numberLength_ = 0;
+    }
+  } else {
+    numberLength_ = 0;
+  }
+  if (numberLength_ == 0 && number >= 0 && number < 100000) {
+    char text[8] = {};
+    numberLength_ = static_cast<int>(putSmallNumber(text, number) - text);
+    std::memcpy(&digits, text, sizeof digits);
+  }
+  std::memcpy(numberText_, &digits, sizeof digits);
+  lastNumber_ = number;
+  return digits;
+}
+
 void Trace::line(Micros at, int number, std::string_view text) {
   // The kept start of the line when the millisecond is the last one's.
   const Micros t = at - origin_;
@@ -331,40 +368,7 @@ void Trace::line(Micros at, int number, std::string_view text) {
   std::memcpy(first, start_, sizeof start_);
   char* p = first + startLength_;
   p = put(p, ",\"ev\":\"line\",\"n\":");
-  // The digits are kept as one word (when there are at most eight of them)
-  // and counted up in a register: a word read back right after bytes were
-  // stored into it would wait for those stores.
-  uint64_t digits;
-  std::memcpy(&digits, numberText_, sizeof digits);
-  if (number != lastNumber_) {
-    if (number == lastNumber_ + 1 && number > 0 && numberLength_ > 0) {
-      // (The place of the i-th character in the word.)
-      constexpr bool kLittle = std::endian::native == std::endian::little;
-      const auto shift = [](int i) { return kLittle ? 8 * i : 56 - 8 * i; };
-      int i = numberLength_ - 1;
-      while (i >= 0 && ((digits >> shift(i)) & 0xFF) == '9') {
-        digits -= uint64_t{9} << shift(i);  // '9' to '0'
-        --i;
-      }
-      if (i >= 0) {
-        digits += uint64_t{1} << shift(i);
-      } else if (numberLength_ < 8) {
-        digits = kLittle ? (digits << 8) | '1' : (digits >> 8) | (uint64_t{'1'} << 56);
-        ++numberLength_;
-      } else {
-        numberLength_ = 0;
-      }
-    } else {
-      numberLength_ = 0;
-    }
-    if (numberLength_ == 0 && number >= 0 && number < 100000) {
-      char text[8] = {};
-      numberLength_ = static_cast<int>(putSmallNumber(text, number) - text);
-      std::memcpy(&digits, text, sizeof digits);
-    }
-    std::memcpy(numberText_, &digits, sizeof digits);
-    lastNumber_ = number;
-  }
+  const uint64_t digits = numberDigits(number);
   if (numberLength_ > 0) {
     std::memcpy(p, &digits, sizeof digits);
     p += numberLength_;

@@ -119,6 +119,9 @@ class Trace {
   char numberText_[16] = {};
   int numberLength_ = 0;
   int64_t lastNumber_ = INT64_MIN;
+  // Line `number`'s digits as one word (numberLength_ of them; none when it
+  // has more than eight or is out of the usual range), kept for the next.
+  uint64_t numberDigits(int number);
   // The start of the last line, {"t":..., for the millisecond `startMs_`.
   char start_[40] = {};
   size_t startLength_ = 0;
