@@ -3,6 +3,7 @@
 // temporary folder.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -36,11 +37,32 @@ inline std::unique_ptr<Engine> MakeBenchEngine(std::unique_ptr<Clock> clock, Ope
   return BuildEngine(std::move(config));
 }
 
+// The temporary files of the benchmarks, removed when the program ends.
+class BenchFiles {
+ public:
+  ~BenchFiles() {
+    for (const std::string& name : names_) std::remove(name.c_str());
+  }
+  void add(const std::string& name) { names_.push_back(name); }
+
+ private:
+  std::vector<std::string> names_;
+};
+
+// A new temporary file's path ending in `suffix`; the file goes at the end.
+inline std::string TempBenchPath(const std::string& suffix = "") {
+  static BenchFiles files;
+  static int made = 0;
+  const std::string name = platform::tempFolder() + "/tavrixbench-" +
+                           std::to_string(platform::processId()) + "-" + std::to_string(++made) +
+                           suffix;
+  files.add(name);
+  return name;
+}
+
 // Writes `lines` with CR LF ends to a new temporary file and returns its path.
 inline std::string WriteSequence(const std::vector<std::string>& lines) {
-  static int written = 0;
-  const std::string name = platform::tempFolder() + "/tavrixbench-" +
-                           std::to_string(platform::processId()) + "-" + std::to_string(++written);
+  const std::string name = TempBenchPath();
   std::ofstream out(name, std::ios::binary);
   for (const auto& line : lines) out << line << "\r\n";
   return name;

@@ -23,7 +23,7 @@ namespace {
 constexpr int kLines = 5000;
 
 std::string WriteMap(uint16_t modbusPort, uint16_t scpiPort) {
-  const std::string path = WriteSequence({}) + ".toml";
+  const std::string path = TempBenchPath(".toml");
   std::ofstream(path, std::ios::binary)
       << "[device.io1]\nmodbus = \"tcp://127.0.0.1:" << modbusPort << "\"\n"
       << "[device.psu]\nscpi = \"tcp://127.0.0.1:" << scpiPort << "\"\n"
