@@ -218,6 +218,8 @@ class LocalOutputFile final : public OutputFile {
     const int err = writeAll(file_, bytes);
     return err == 0 || fail(error, "Cannot write", path_, err);
   }
+  // A write is one system call on the file's own handle.
+  bool writableFromAnyThread() const override { return true; }
 
  private:
   FileHandle file_;

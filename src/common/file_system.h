@@ -56,6 +56,10 @@ class OutputFile {
  public:
   virtual ~OutputFile() = default;
   virtual bool write(std::string_view bytes, std::string* error) = 0;
+  // True when write() may be called on a thread other than the one that
+  // made the file, one call at a time (a run's record writes its gathered
+  // lines on a thread of its own when its file allows it).
+  virtual bool writableFromAnyThread() const { return false; }
 };
 
 // An operating-system lock on a file, held until destroyed.

@@ -4,9 +4,12 @@
 #include <bit>
 #include <charconv>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 namespace tavrix {
 
@@ -221,6 +224,9 @@ namespace {
 
 // Lines gathered for the record before they are written together.
 constexpr size_t kGatherBytes = 64 * 1024;
+// With a thread of the record's own, a batch is larger: handing one over
+// wakes that thread, which costs the run about what writing 64 KiB would.
+constexpr size_t kGatherBytesThreaded = 512 * 1024;
 // No gathered line waits longer than this (written by the next event).
 constexpr Micros kGatherAtMost = 250 * 1000;
 // A run on a virtual clock may dispatch many lines in an instant of its
@@ -229,36 +235,145 @@ constexpr int kLinesPerSteadyReading = 32;
 
 }  // namespace
 
-Trace::~Trace() { flushRecord(gatheredSince_, nullptr); }
+// Writes batches of the record's lines on a thread of its own, one batch
+// at a time: the run's thread hands a batch over and goes on gathering the
+// next in the buffer it gets back, and waits only when the batch before is
+// still being written.
+class Trace::RecordWriter {
+ public:
+  RecordWriter(OutputFile& file, size_t room) : file_(file), thread_([this] { writeBatches(); }) {
+    batch_.resize(room);
+  }
+  ~RecordWriter() {
+    {
+      std::lock_guard guard(mutex_);
+      ending_ = true;
+    }
+    work_.notify_one();
+    thread_.join();
+  }
+  RecordWriter(const RecordWriter&) = delete;
+  RecordWriter& operator=(const RecordWriter&) = delete;
+
+  // Takes the first `used` bytes of `batch` to write, and leaves in
+  // `batch` the buffer of the batch before.
+  void post(std::string& batch, size_t used) {
+    std::unique_lock lock(mutex_);
+    done_.wait(lock, [this] { return !busy_; });
+    batch_.swap(batch);
+    used_ = used;
+    busy_ = true;
+    lock.unlock();
+    work_.notify_one();
+  }
+  // Returns once nothing is being written.
+  void wait() {
+    std::unique_lock lock(mutex_);
+    done_.wait(lock, [this] { return !busy_; });
+  }
+  // The batches that could not be written since the last call, and why the
+  // first of them could not.
+  int takeFailures(std::string& error) {
+    std::lock_guard guard(mutex_);
+    const int failures = failures_;
+    failures_ = 0;
+    error = std::move(firstError_);
+    firstError_.clear();
+    return failures;
+  }
+
+ private:
+  void writeBatches() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      work_.wait(lock, [this] { return busy_ || ending_; });
+      if (!busy_) return;
+      lock.unlock();
+      std::string error;
+      const bool ok = file_.write(std::string_view(batch_.data(), used_), &error);
+      lock.lock();
+      if (!ok && failures_++ == 0) firstError_ = std::move(error);
+      busy_ = false;
+      done_.notify_one();
+    }
+  }
+
+  OutputFile& file_;
+  std::mutex mutex_;
+  std::condition_variable work_;
+  std::condition_variable done_;
+  std::string batch_;
+  size_t used_ = 0;
+  bool busy_ = false;
+  bool ending_ = false;
+  int failures_ = 0;
+  std::string firstError_;
+  std::thread thread_;
+};
+
+Trace::Trace(const Clock& clock) : clock_(clock) {}
+
+Trace::~Trace() {
+  flushRecord(gatheredSince_, false, nullptr);
+  writer_.reset();
+}
 
 void Trace::setOutput(std::unique_ptr<OutputFile> out) { out_ = std::move(out); }
 
 void Trace::setRecord(std::unique_ptr<OutputFile> record) {
   const Micros now = clock_.now();
-  flushRecord(now, nullptr);
+  flushRecord(now, false, nullptr);
+  countWriterFailures();
+  writer_.reset();
   record_ = std::move(record);
-  if (record_ != nullptr && gathered_.size() < kGatherBytes + 4096)
-    gathered_.resize(kGatherBytes + 4096);
+  if (record_ == nullptr) return;
+  gatherLimit_ = record_->writableFromAnyThread() ? kGatherBytesThreaded : kGatherBytes;
+  if (gathered_.size() < gatherLimit_ + 4096) gathered_.resize(gatherLimit_ + 4096);
+  if (record_->writableFromAnyThread())
+    writer_ = std::make_unique<RecordWriter>(*record_, gathered_.size());
 }
 
-bool Trace::flushRecord(Micros at, std::string* error) {
+bool Trace::flushRecord(Micros at, bool linesOnly, std::string* error) {
   gatheredSince_ = at;
   gatheredSinceSteady_ = std::chrono::steady_clock::now();
   linesUnclocked_ = 0;
+  runAhead_ = false;
   if (gatheredUsed_ == 0 || record_ == nullptr) {
     gatheredUsed_ = 0;
     return true;
   }
-  const bool ok = record_->write(std::string_view(gathered_.data(), gatheredUsed_), error);
+  bool ok = true;
+  if (writer_ != nullptr && linesOnly) {
+    writer_->post(gathered_, gatheredUsed_);
+  } else {
+    if (writer_ != nullptr) writer_->wait();
+    ok = record_->write(std::string_view(gathered_.data(), gatheredUsed_), error);
+  }
   gatheredUsed_ = 0;
   return ok;
 }
 
+void Trace::countWriterFailures() {
+  if (writer_ == nullptr) return;
+  std::string error;
+  for (int failures = writer_->takeFailures(error); failures > 0; --failures) countLoss(error);
+}
+
+void Trace::countLoss(const std::string& error) {
+  if (linesLost_++ == 0) {
+    firstError_ = error;
+    if (onFirstLoss_) onFirstLoss_(error);
+  }
+}
+
 bool Trace::mayWait(Micros at) {
-  if (gatheredUsed_ >= kGatherBytes) return false;
+  if (gatheredUsed_ >= gatherLimit_) return false;
   // (A clock set back counts as a quarter second gone.)
   const bool runQuarter = at - gatheredSince_ >= kGatherAtMost || at < gatheredSince_;
-  if (!runQuarter && ++linesUnclocked_ < kLinesPerSteadyReading) return true;
+  // The steady clock is read once every so many lines while the run's clock
+  // has not gone a quarter second, or has but was ahead of real time at the
+  // last reading.
+  if ((!runQuarter || runAhead_) && ++linesUnclocked_ < kLinesPerSteadyReading) return true;
   linesUnclocked_ = 0;
   const auto now = std::chrono::steady_clock::now();
   constexpr auto kQuarter = std::chrono::microseconds(kGatherAtMost);
@@ -266,9 +381,11 @@ bool Trace::mayWait(Micros at) {
   // time, unless lines alone were written less than a real quarter second
   // ago: a run whose clock goes ahead of real time (a dry run skipping its
   // waits) writes its lines four times a second, not at every wait.
-  if (now - gatheredSinceSteady_ < kQuarter &&
-      !(runQuarter && now - linesWrittenSteady_ >= kQuarter))
+  const bool realQuarter = now - gatheredSinceSteady_ >= kQuarter;
+  if (!realQuarter && !(runQuarter && now - linesWrittenSteady_ >= kQuarter)) {
+    runAhead_ = runQuarter;
     return true;
+  }
   linesWrittenSteady_ = now;
   return false;
 }
@@ -285,13 +402,11 @@ void Trace::write(std::string_view line, bool aLine, Micros at) {
 }
 
 void Trace::recordGathered(bool aLine, Micros at, bool written, std::string error) {
-  if (record_ != nullptr && !(aLine && mayWait(at)) && !flushRecord(at, written ? &error : nullptr))
-    written = false;
-  if (written) return;
-  if (linesLost_++ == 0) {
-    firstError_ = error;
-    if (onFirstLoss_) onFirstLoss_(error);
+  if (record_ != nullptr && !(aLine && mayWait(at))) {
+    if (!flushRecord(at, aLine, written ? &error : nullptr)) written = false;
+    countWriterFailures();
   }
+  if (!written) countLoss(error);
 }
 
 std::string_view Trace::start(Micros at) {
@@ -394,8 +509,9 @@ void Trace::line(Micros at, int number, std::string_view text) {
   if (gathered) {
     gatheredUsed_ += length;
     // What mayWait decides, for the usual line without a call.
-    if (gatheredUsed_ < kGatherBytes && at >= gatheredSince_ &&
-        at - gatheredSince_ < kGatherAtMost && linesUnclocked_ + 1 < kLinesPerSteadyReading) {
+    if (gatheredUsed_ < gatherLimit_ && at >= gatheredSince_ &&
+        (at - gatheredSince_ < kGatherAtMost || runAhead_) &&
+        linesUnclocked_ + 1 < kLinesPerSteadyReading) {
       ++linesUnclocked_;
       return;
     }

@@ -19,7 +19,7 @@ namespace tavrix {
 
 class Trace {
  public:
-  explicit Trace(const Clock& clock) : clock_(clock) {}
+  explicit Trace(const Clock& clock);
   ~Trace();
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
@@ -29,12 +29,16 @@ class Trace {
   // Writes every line to `record` as well (the run's own record in the data
   // root), whether or not an output is set; nullptr ends that, after the
   // lines gathered for it are written. A line's event waits there with
-  // others (at most 64 KiB, and no longer than a quarter of a second: the
+  // others (at most 64 KiB, or 512 KiB for a record written by a thread of
+  // its own, and no longer than a quarter of a second: the
   // next event after that writes it); every other event is written at once
   // together with the lines before it, so that a hold, a question, a message
   // or the end is on the disk as it happens, while a free-running sequence
   // costs little. Lines alone are written at most four times a second of
-  // real time (or 64 KiB at a time), however fast the run's clock goes.
+  // real time (or 64 KiB at a time), however fast the run's clock goes;
+  // where the file may be written from another thread, a thread of the
+  // record's own writes them while the run goes on (an event that goes out
+  // at once waits for it).
   void setRecord(std::unique_ptr<OutputFile> record);
   bool enabled() const { return out_ != nullptr || record_ != nullptr; }
   // Lines that could not be written, and why the first one could not.
@@ -93,22 +97,38 @@ class Trace {
   // unless they may wait, and counts a line that was lost.
   void recordGathered(bool aLine, Micros at, bool written, std::string error);
   bool mayWait(Micros at);
-  bool flushRecord(Micros at, std::string* error);
+  // Writes the gathered lines: handed to the record's writing thread when
+  // they are lines alone and the record has one, else written here once
+  // that thread has written what it has. False (with the reason) when the
+  // write made here failed.
+  bool flushRecord(Micros at, bool linesOnly, std::string* error);
+  // Counts the writes of the record's thread that failed since last asked.
+  void countWriterFailures();
+  void countLoss(const std::string& error);
+
+  class RecordWriter;
 
   const Clock& clock_;
   std::unique_ptr<OutputFile> out_;
   std::unique_ptr<OutputFile> record_;
+  // Writes the record's lines while the run goes on, where its file allows.
+  std::unique_ptr<RecordWriter> writer_;
   // The record's gathered lines, when they were last written (on the run's
   // clock and on the steady clock), and the lines gathered since the steady
   // clock was last read.
   // (Its size is its room; the lines are its first `gatheredUsed_` bytes.)
   std::string gathered_;
   size_t gatheredUsed_ = 0;
+  // How much may be gathered before it is written.
+  size_t gatherLimit_ = 0;
   Micros gatheredSince_ = 0;
   std::chrono::steady_clock::time_point gatheredSinceSteady_;
   // When waiting lines were last written for their time alone (steady clock).
   std::chrono::steady_clock::time_point linesWrittenSteady_;
   int linesUnclocked_ = 0;
+  // The run's clock had gone a quarter second since the last write, and
+  // real time had not, at the last reading of the steady clock.
+  bool runAhead_ = false;
   // The event being put together, kept from one event to the next, and the
   // room for a line's event that goes to the output.
   std::string building_;

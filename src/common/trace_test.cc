@@ -4,16 +4,20 @@
 // characters, DEL, valid UTF-8, and bytes that are not UTF-8, at every place
 // of the eight-byte words it reads; to the output, to the record, and to
 // both. Lines that a run's clock spreads over its waits are not written one
-// wait at a time.
+// wait at a time. A record whose file may be written from another thread
+// gets its lines from a thread of its own, in order, with every other event
+// on the disk when it returns and a failed write counted.
 #include "common/trace.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tavrix {
@@ -150,6 +154,93 @@ TEST(Trace, ARunWhoseClockJumpsItsWaitsWritesItsLinesAFewTimesASecond) {
   EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), kTurns);
   EXPECT_EQ(record.substr(record.rfind('{')),
             "{\"t\":179940.000,\"ev\":\"line\",\"n\":2999,\"text\":\"WAITSECONDS 60\"}\n");
+}
+
+// A record's file that other threads may write: it notes what was written
+// and on which thread, and fails the writes it is told to.
+class ThreadedFile final : public OutputFile {
+ public:
+  struct Seen {
+    std::mutex mutex;
+    std::string bytes;
+    std::vector<std::thread::id> threads;
+    int failNext = 0;  // writes to fail from now on
+  };
+  explicit ThreadedFile(Seen& seen) : seen_(seen) {}
+  bool write(std::string_view bytes, std::string* error) override {
+    std::lock_guard guard(seen_.mutex);
+    seen_.threads.push_back(std::this_thread::get_id());
+    if (seen_.failNext > 0) {
+      --seen_.failNext;
+      if (error) *error = "Cannot write record: disk full";
+      return false;
+    }
+    seen_.bytes.append(bytes);
+    return true;
+  }
+  bool writableFromAnyThread() const override { return true; }
+
+ private:
+  Seen& seen_;
+};
+
+TEST(Trace, ARecordWrittenOnAThreadOfItsOwnKeepsItsOrderItsEventsAndItsLosses) {
+  // Lines of one instant, enough for a few batches; then an event
+  // that goes out at once; then more lines; the same through a record
+  // written on the run's thread.
+  const auto run = [](Trace& trace, VirtualClock& clock) {
+    for (int i = 0; i < 20000; ++i)
+      trace.line(clock.now(), i, "REMARK a line of the soak " + std::to_string(i));
+    clock.advanceTo(clock.now() + 1000);
+    trace.event("hold").field("line", 17);
+  };
+  std::string expected;
+  {
+    VirtualClock clock(0);
+    Trace trace(clock);
+    int writes = 0;
+    trace.setRecord(std::make_unique<Captured>(expected, writes));
+    run(trace, clock);
+    trace.setRecord(nullptr);
+  }
+  ThreadedFile::Seen seen;
+  VirtualClock clock(0);
+  Trace trace(clock);
+  std::vector<std::string> reported;
+  trace.onFirstLoss([&](const std::string& error) { reported.push_back(error); });
+  trace.setRecord(std::make_unique<ThreadedFile>(seen));
+  run(trace, clock);
+  {
+    // The held event is on the disk as it returns, after all the lines.
+    std::lock_guard guard(seen.mutex);
+    EXPECT_EQ(seen.bytes, expected);
+    ASSERT_GE(seen.threads.size(), 3u);
+    EXPECT_NE(seen.threads.front(), std::this_thread::get_id());
+    EXPECT_EQ(seen.threads.back(), std::this_thread::get_id());
+  }
+  // Two batches of lines that cannot be written: each is a loss, counted
+  // by the time the record ends, and told once.
+  {
+    std::lock_guard guard(seen.mutex);
+    seen.failNext = 2;
+  }
+  for (int i = 0; i < 20000; ++i) trace.line(clock.now(), i, "REMARK lines the disk refuses");
+  trace.setRecord(nullptr);
+  EXPECT_EQ(trace.linesLost(), 2);
+  EXPECT_EQ(trace.firstWriteError(), "Cannot write record: disk full");
+  EXPECT_EQ(reported, std::vector<std::string>{"Cannot write record: disk full"});
+  // The batches after them were written, the last lines last.
+  std::lock_guard guard(seen.mutex);
+  EXPECT_EQ(seen.failNext, 0);
+  const std::string last = "\"n\":19999,\"text\":\"REMARK lines the disk refuses\"}\n";
+  ASSERT_GE(seen.bytes.size(), expected.size() + last.size());
+  EXPECT_EQ(seen.bytes.substr(seen.bytes.size() - last.size()), last);
+  size_t kept = 0;
+  for (size_t at = expected.size(); (at = seen.bytes.find("disk refuses", at)) != std::string::npos;
+       ++at)
+    ++kept;
+  EXPECT_GT(kept, 0u);
+  EXPECT_LT(kept, 20000u);
 }
 
 }  // namespace

@@ -42,6 +42,8 @@ class WatchedOutputFile final : public OutputFile {
     if (error) *error = why;
     return false;
   }
+  // A loss is noted under the file system's lock.
+  bool writableFromAnyThread() const override { return inner_->writableFromAnyThread(); }
 
  private:
   WatchedFileSystem& files_;

@@ -24,7 +24,8 @@ class WatchedFileSystem final : public FileSystem {
   };
   // The files that lost output, in the order of their first loss.
   std::vector<Loss> losses() const;
-  // Called once for each file, when its first write fails.
+  // Called once for each file, when its first write fails (for a run's
+  // record, possibly on the thread that writes the record's lines).
   void onFirstLoss(std::function<void(const Loss&)> report) { onFirstLoss_ = std::move(report); }
 
   const std::string& dataRoot() const override { return inner_.dataRoot(); }
