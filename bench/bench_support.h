@@ -17,6 +17,20 @@
 
 namespace tavrix::bench {
 
+// TAVRIX_BENCH_SMOKE=1 is the test command's pass over the benchmarks, which
+// only shows that each still runs and reports no error: the ones that fill a
+// large store, measure for a set time, simulate days or turn a loop a
+// million times do it at a small size.
+inline bool BenchSmoke() {
+  const char* smoke = std::getenv("TAVRIX_BENCH_SMOKE");
+  return smoke != nullptr && *smoke != '\0' && std::string(smoke) != "0";
+}
+// `full`, or `smoke` in the smoke pass.
+template <typename T>
+T BenchSize(T full, T smoke) {
+  return BenchSmoke() ? smoke : full;
+}
+
 class QuietOperator : public Operator {
  public:
   void ask(const Question& q, std::function<void(Answer)> answered) override {

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "crypto/tea.h"
 #include "machine_door.h"
 
@@ -174,10 +175,12 @@ long PeakRssKiB() {
 
 void ResetPeakRss() { std::ofstream("/proc/self/clear_refs") << "5"; }
 
-// Decrypts a file of TAVRIX_BENCH_FILE_MIB MiB (1024 by default).
+// Decrypts a file of TAVRIX_BENCH_FILE_MIB MiB (1024 by default, 1 in the
+// smoke pass).
 void BM_TeaDecryptFile(benchmark::State& state) {
   const char* mib = std::getenv("TAVRIX_BENCH_FILE_MIB");
-  const uint64_t size = (mib ? std::strtoull(mib, nullptr, 10) : 1024) << 20;
+  const uint64_t size = (mib ? std::strtoull(mib, nullptr, 10) : tavrix::bench::BenchSize(1024, 1))
+                        << 20;
   const std::filesystem::path dir =
       std::filesystem::temp_directory_path() / ("tavrix-bench-" + std::to_string(getpid()));
   std::filesystem::create_directories(dir);

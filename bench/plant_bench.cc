@@ -12,6 +12,7 @@
 #include <memory>
 #include <random>
 
+#include "bench_support.h"
 #include "common/file_system.h"
 #include "machine_door.h"
 #include "plant_server.h"
@@ -24,7 +25,8 @@ namespace {
 
 using namespace tavrix;
 
-constexpr int kUnits = 100000;
+// (The smoke pass fills a small store.)
+const int kUnits = tavrix::bench::BenchSize(100000, 2000);
 constexpr int kChecksPerUnit = 10;
 
 struct PlantStore {

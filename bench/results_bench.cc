@@ -7,6 +7,7 @@
 #include <chrono>
 #include <vector>
 
+#include "bench_support.h"
 #include "common/file_system.h"
 #include "testdb/results_files.h"
 
@@ -133,5 +134,8 @@ void BM_FolderLockAlone(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_ResultsWritingLockCost)->Unit(benchmark::kMicrosecond)->UseRealTime()->MinTime(3);
+BENCHMARK(BM_ResultsWritingLockCost)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(tavrix::bench::BenchSize(3.0, 0.001));
 BENCHMARK(BM_FolderLockAlone)->Unit(benchmark::kMicrosecond);

@@ -50,7 +50,11 @@ void BM_FreeRunCheckpoints(benchmark::State& state) {
     state.counters["checkpoints"] = static_cast<double>(engine->checkpoints()->written());
   std::remove(path.c_str());
 }
-BENCHMARK(BM_FreeRunCheckpoints)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_FreeRunCheckpoints)
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(BenchSize(3.0, 0.001));
 
 std::string Example(const std::string& name) {
   std::string text;

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <optional>
@@ -578,9 +579,16 @@ Outcome RunKilledAgainAndAgain(const Scenario& scenario, const std::vector<Micro
 }
 
 TEST(ResumeKill, ASevenDaySoakKilledFiftyTimesEndsWithTheLoopCountAndSummariesOfAnUnbrokenOne) {
-  // TAVRIX_RESUME_SOAK_DAYS asks for another length.
+  // TAVRIX_RESUME_SOAK_DAYS asks for another length. Under the sanitizers,
+  // which run the same code about ten times slower, two days cross the
+  // midnights and the change of month files a week does.
   const char* days = std::getenv("TAVRIX_RESUME_SOAK_DAYS");
-  const int hours = 24 * (days != nullptr && std::atoi(days) > 0 ? std::atoi(days) : 7);
+#ifdef TAVRIX_ASAN
+  constexpr int kDays = 2;
+#else
+  constexpr int kDays = 7;
+#endif
+  const int hours = 24 * (days != nullptr && std::atoi(days) > 0 ? std::atoi(days) : kDays);
   const Scenario scenario = Soak(hours);
   std::vector<Crash> none;
   const Outcome unbroken = RunUnbroken(scenario, 0, none, 0);
@@ -603,11 +611,16 @@ TEST(ResumeKill, ASevenDaySoakKilledFiftyTimesEndsWithTheLoopCountAndSummariesOf
   const Outcome killed = RunKilledAgainAndAgain(scenario, kills, atLineEnd, resumes);
   EXPECT_EQ(resumes, count);
   ExpectSame(killed, unbroken, "the soak killed " + std::to_string(count) + " times");
-  // The daily summaries are all there: a row for each day of the week.
+  // The daily summaries are all there: a row for each whole day of
+  // December (the soak starts on 30 November at 18:00).
   auto month = unbroken.files.begin();
   while (month != unbroken.files.end() && !EndsWith(month->first, "/MONTH_AB_2612.wl")) ++month;
   ASSERT_NE(month, unbroken.files.end());
-  EXPECT_NE(month->second.find("\r\n06\t"), std::string::npos) << month->second;
+  for (int day = 1; day < hours / 24; ++day) {
+    char row[16];
+    std::snprintf(row, sizeof row, "\r\n%02d\t", day);
+    EXPECT_NE(month->second.find(row), std::string::npos) << day << ": " << month->second;
+  }
 }
 
 TEST(ResumeKill, ACopyOfTheDataRootInAnotherFolderGoesOnThere) {
