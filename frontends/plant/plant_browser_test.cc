@@ -94,6 +94,10 @@ class Browser {
     envp.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ == 0) {
+      // The browser and the helpers it starts are a process group of their
+      // own, killed together: a helper left running writes into the
+      // profile's folder after the test removed it.
+      ::setpgid(0, 0);
       ::dup2(toBrowser[0], 3);
       ::dup2(fromBrowser[1], 4);
       for (int fd = 5; fd < 1024; ++fd) ::close(fd);
@@ -122,6 +126,7 @@ class Browser {
       ::execve(binary.c_str(), const_cast<char**>(args), envp.data());
       ::_exit(127);
     }
+    if (pid_ > 0) ::setpgid(pid_, pid_);
     ::close(toBrowser[0]);
     ::close(fromBrowser[1]);
     out_ = toBrowser[1];
@@ -152,7 +157,7 @@ class Browser {
     if (out_ >= 0) ::close(out_);
     if (in_ >= 0) ::close(in_);
     if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
+      ::kill(-pid_, SIGKILL);
       ::waitpid(pid_, nullptr, 0);
     }
   }
