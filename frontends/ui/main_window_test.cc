@@ -1920,7 +1920,9 @@ class MainWindowTest : public QObject {
 }  // namespace tavrix
 
 // Without a runtime folder Qt makes one in the temporary folder and leaves it
-// there; the tests give it one of their own and remove it afterwards.
+// there; the tests give it one of their own and remove it afterwards. The
+// window keeps a record of each run in its data root: the tests' records go
+// into a data root of their own as well, not the user's.
 int main(int argc, char** argv) {
   QTemporaryDir runtime;
   if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR") && runtime.isValid()) {
@@ -1928,6 +1930,8 @@ int main(int argc, char** argv) {
                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     qputenv("XDG_RUNTIME_DIR", runtime.path().toLocal8Bit());
   }
+  QTemporaryDir dataRoot;
+  if (dataRoot.isValid()) qputenv("TAVRIX_HOME", dataRoot.path().toLocal8Bit());
   int status = 0;
   {
     QApplication app(argc, argv);
