@@ -327,10 +327,10 @@ void Trace::setRecord(std::unique_ptr<OutputFile> record) {
   writer_.reset();
   record_ = std::move(record);
   if (record_ == nullptr) return;
-  gatherLimit_ = record_->writableFromAnyThread() ? kGatherBytesThreaded : kGatherBytes;
+  const bool threaded = record_->writableFromAnyThread();
+  gatherLimit_ = threaded ? kGatherBytesThreaded : kGatherBytes;
   if (gathered_.size() < gatherLimit_ + 4096) gathered_.resize(gatherLimit_ + 4096);
-  if (record_->writableFromAnyThread())
-    writer_ = std::make_unique<RecordWriter>(*record_, gathered_.size());
+  if (threaded) writer_ = std::make_unique<RecordWriter>(*record_, gathered_.size());
 }
 
 bool Trace::flushRecord(Micros at, bool linesOnly, std::string* error) {
