@@ -41,12 +41,13 @@ bool MakePrivateFolder(const std::string& folder, std::error_code& error) {
 class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::Impl> {
  public:
   Impl(Engine& engine, Breakpoints& breakpoints, std::string sequence, int64_t origin,
-       std::string testSocket)
+       std::string testSocket, bool started)
       : engine_(engine),
         breakpoints_(breakpoints),
         sequence_(std::move(sequence)),
         testSocket_(std::move(testSocket)),
-        origin_(origin) {}
+        origin_(origin),
+        state_(started ? "running" : "ready") {}
 
   bool open(const std::string& dataRoot, const std::string& runId, std::string* error) {
     const std::string runs = RunsFolder(dataRoot);
@@ -149,9 +150,6 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
         break;
       case RunEventKind::kStatus:
         status_ = event.text;
-        // A socket opened as its run starts (the window's) has missed the
-        // start, but not the status that follows it.
-        if (state_ == "ready" && event.text == kStatusRunning) state_ = "running";
         break;
       case RunEventKind::kEnd:
         state_ = "ended";
@@ -425,7 +423,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
   mutable std::mutex mutex_;
   std::map<int, Client> clients_;
   bool stopping_ = false;
-  std::string state_ = "ready";
+  std::string state_;
   std::string status_;
   std::atomic<AnswerRelay*> answers_{nullptr};
   std::string holdReason_;
@@ -441,8 +439,8 @@ std::unique_ptr<ControlSocket> ControlSocket::Open(Engine& engine, Breakpoints& 
                                                    const std::string& sequence, int64_t origin,
                                                    std::string* error,
                                                    const std::string& testSocket,
-                                                   const std::string& runId) {
-  auto impl = std::make_shared<Impl>(engine, breakpoints, sequence, origin, testSocket);
+                                                   const std::string& runId, bool started) {
+  auto impl = std::make_shared<Impl>(engine, breakpoints, sequence, origin, testSocket, started);
   if (!impl->open(dataRoot, runId, error)) {
     impl->close();
     return nullptr;

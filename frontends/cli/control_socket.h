@@ -33,11 +33,13 @@ class ControlSocket {
   // the station's test socket the run belongs to (its status tells it).
   // `runId`, when not empty, is a run whose folder is made already (its
   // record's): the socket goes there, and the folder is left when it goes.
+  // `started` says the run has started already (a socket opened as its run
+  // starts, the window's): its first status is then "running", not "ready".
   static std::unique_ptr<ControlSocket> Open(Engine& engine, Breakpoints& breakpoints,
                                              const std::string& dataRoot,
                                              const std::string& sequence, int64_t origin,
                                              std::string* error, const std::string& testSocket = {},
-                                             const std::string& runId = {});
+                                             const std::string& runId = {}, bool started = false);
   ~ControlSocket();
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;

@@ -28,7 +28,7 @@ void EachRunControl::event(const RunEvent& event) {
     std::string error;
     socket_ = ControlSocket::Open(engine_, breakpoints_, engine_.files().dataRoot(),
                                   engine_.sequencer().sequenceFileName(), event.time, &error,
-                                  testSocket_, engine_.recordId());
+                                  testSocket_, engine_.recordId(), true);
     if (!socket_ && onProblem_) onProblem_("this run has no control socket: " + error);
     if (socket_ && onOpened_) onOpened_(socket_->runId());
   } else if (event.kind == RunEventKind::kEnd && socket_) {
