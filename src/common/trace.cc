@@ -230,7 +230,7 @@ constexpr size_t kGatherBytesThreaded = 512 * 1024;
 // No gathered line waits longer than this (written by the next event).
 constexpr Micros kGatherAtMost = 250 * 1000;
 // A run on a virtual clock may dispatch many lines in an instant of its
-// clock: the steady clock is read as well, once every so many lines.
+// clock: real time is read as well, once every so many lines.
 constexpr int kLinesPerSteadyReading = 32;
 
 }  // namespace
@@ -335,7 +335,7 @@ void Trace::setRecord(std::unique_ptr<OutputFile> record) {
 
 bool Trace::flushRecord(Micros at, bool linesOnly, std::string* error) {
   gatheredSince_ = at;
-  gatheredSinceSteady_ = std::chrono::steady_clock::now();
+  gatheredSinceReal_ = realTime_->now();
   linesUnclocked_ = 0;
   runAhead_ = false;
   if (gatheredUsed_ == 0 || record_ == nullptr) {
@@ -370,23 +370,22 @@ bool Trace::mayWait(Micros at) {
   if (gatheredUsed_ >= gatherLimit_) return false;
   // (A clock set back counts as a quarter second gone.)
   const bool runQuarter = at - gatheredSince_ >= kGatherAtMost || at < gatheredSince_;
-  // The steady clock is read once every so many lines while the run's clock
-  // has not gone a quarter second, or has but was ahead of real time at the
+  // Real time is read once every so many lines while the run's clock has
+  // not gone a quarter second, or has but was ahead of real time at the
   // last reading.
   if ((!runQuarter || runAhead_) && ++linesUnclocked_ < kLinesPerSteadyReading) return true;
   linesUnclocked_ = 0;
-  const auto now = std::chrono::steady_clock::now();
-  constexpr auto kQuarter = std::chrono::microseconds(kGatherAtMost);
+  const Micros now = realTime_->now();
   // A quarter second of real time since the last write; or of the run's
   // time, unless lines alone were written less than a real quarter second
   // ago: a run whose clock goes ahead of real time (a dry run skipping its
   // waits) writes its lines four times a second, not at every wait.
-  const bool realQuarter = now - gatheredSinceSteady_ >= kQuarter;
-  if (!realQuarter && !(runQuarter && now - linesWrittenSteady_ >= kQuarter)) {
+  const bool realQuarter = now - gatheredSinceReal_ >= kGatherAtMost;
+  if (!realQuarter && !(runQuarter && now - linesWrittenReal_ >= kGatherAtMost)) {
     runAhead_ = runQuarter;
     return true;
   }
-  linesWrittenSteady_ = now;
+  linesWrittenReal_ = now;
   return false;
 }
 

@@ -3,7 +3,6 @@
 // until an output is set, and then costs nothing for events not asked for.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -50,6 +49,9 @@ class Trace {
   }
   // The instant that "t" counts from.
   void setOrigin(Micros origin) { origin_ = origin; }
+  // The real time that paces the record's writes: the machine's, unless a
+  // test gives a clock of its own. It is read once every few lines.
+  void setRealTime(const Clock& clock) { realTime_ = &clock; }
 
   // Collects the fields of one event and writes the line when it goes out of
   // scope. Build one only when enabled() is true.
@@ -109,25 +111,28 @@ class Trace {
   class RecordWriter;
 
   const Clock& clock_;
+  SystemClock machineClock_;
+  const Clock* realTime_ = &machineClock_;
   std::unique_ptr<OutputFile> out_;
   std::unique_ptr<OutputFile> record_;
   // Writes the record's lines while the run goes on, where its file allows.
   std::unique_ptr<RecordWriter> writer_;
   // The record's gathered lines, when they were last written (on the run's
-  // clock and on the steady clock), and the lines gathered since the steady
-  // clock was last read.
+  // clock and in real time), and the lines gathered since real time was
+  // last read.
   // (Its size is its room; the lines are its first `gatheredUsed_` bytes.)
   std::string gathered_;
   size_t gatheredUsed_ = 0;
   // How much may be gathered before it is written.
   size_t gatherLimit_ = 0;
   Micros gatheredSince_ = 0;
-  std::chrono::steady_clock::time_point gatheredSinceSteady_;
-  // When waiting lines were last written for their time alone (steady clock).
-  std::chrono::steady_clock::time_point linesWrittenSteady_;
+  Micros gatheredSinceReal_ = 0;
+  // When waiting lines were last written for their time alone (real time;
+  // long before any run at first).
+  Micros linesWrittenReal_ = INT64_MIN / 2;
   int linesUnclocked_ = 0;
   // The run's clock had gone a quarter second since the last write, and
-  // real time had not, at the last reading of the steady clock.
+  // real time had not, at the last reading of real time.
   bool runAhead_ = false;
   // The event being put together, kept from one event to the next, and the
   // room for a line's event that goes to the output.

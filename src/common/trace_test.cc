@@ -4,15 +4,18 @@
 // characters, DEL, valid UTF-8, and bytes that are not UTF-8, at every place
 // of the eight-byte words it reads; to the output, to the record, and to
 // both. Lines that a run's clock spreads over its waits are not written one
-// wait at a time. A record whose file may be written from another thread
-// gets its lines from a thread of its own, in order, with every other event
-// on the disk when it returns and a failed write counted.
+// wait at a time but a few times a second of real time, which is read once
+// every few lines; a run at real pace writes its lines each quarter second. A record whose file may
+// be written from another thread gets its lines from a thread of its own, in order, with every
+// other event on the disk when it returns and a failed write counted.
 #include "common/trace.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -131,29 +134,91 @@ TEST(Trace, ALinesEventIsWhatTheGeneralWriterWritesForAnyText) {
   }
 }
 
-TEST(Trace, ARunWhoseClockJumpsItsWaitsWritesItsLinesAFewTimesASecond) {
-  VirtualClock clock(0);
-  Trace trace(clock);
-  std::string record;
-  int writes = 0;
-  trace.setRecord(std::make_unique<Captured>(record, writes));
-  const auto start = std::chrono::steady_clock::now();
-  // A soak on the virtual clock: a minute of the run between lines.
-  constexpr int kTurns = 3000;
-  for (int i = 0; i < kTurns; ++i) {
-    trace.line(static_cast<Micros>(i) * 60 * kMicrosPerSecond, i, "WAITSECONDS 60");
+// Real time as a test sets it, counting how often it is read.
+class RealTime final : public Clock {
+ public:
+  Micros now() const override {
+    ++reads;
+    return at;
   }
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  const auto quarters = elapsed / std::chrono::milliseconds(250);
-  // The first minute writes (a quarter second of the run), then the lines
-  // wait for a quarter second of real time (or 64 KiB) however far the
-  // run's clock goes.
-  EXPECT_GE(writes, 1);
-  EXPECT_LE(writes, 2 + 2 * quarters + static_cast<int>(record.size() / (64 * 1024)));
-  trace.setRecord(nullptr);
-  EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), kTurns);
-  EXPECT_EQ(record.substr(record.rfind('{')),
-            "{\"t\":179940.000,\"ev\":\"line\",\"n\":2999,\"text\":\"WAITSECONDS 60\"}\n");
+  bool isVirtual() const override { return true; }
+  bool idleUntil(Micros, std::condition_variable&, std::unique_lock<std::mutex>&,
+                 const std::function<bool()>&, bool) override {
+    return false;
+  }
+  Micros at = 0;
+  mutable int reads = 0;
+};
+
+// A record's file that notes the real time of each write.
+class Timed final : public OutputFile {
+ public:
+  Timed(std::string& bytes, std::vector<Micros>& instants, const RealTime& real)
+      : bytes_(bytes), instants_(instants), real_(real) {}
+  bool write(std::string_view bytes, std::string*) override {
+    bytes_.append(bytes);
+    instants_.push_back(real_.at);
+    return true;
+  }
+
+ private:
+  std::string& bytes_;
+  std::vector<Micros>& instants_;
+  const RealTime& real_;
+};
+
+TEST(Trace, ARunWhoseClockJumpsItsWaitsWritesItsLinesAFewTimesASecondOfRealTime) {
+  constexpr Micros kQuarter = 250 * 1000;
+  constexpr Micros kMs = 1000;
+  {
+    // A soak on the virtual clock: a minute of the run between lines, a
+    // millisecond of real time.
+    VirtualClock clock(0);
+    RealTime real;
+    Trace trace(clock);
+    trace.setRealTime(real);
+    std::string record;
+    std::vector<Micros> writes;
+    trace.setRecord(std::make_unique<Timed>(record, writes, real));
+    constexpr int kTurns = 3000;
+    for (int i = 0; i < kTurns; ++i) {
+      real.at = i * kMs;
+      trace.line(static_cast<Micros>(i) * 60 * kMicrosPerSecond, i, "WAITSECONDS 60");
+    }
+    const int reads = real.reads;
+    // The lines wait for a quarter second of real time (or 64 KiB) however
+    // far the run's clock goes, and real time is read once every few lines:
+    // a write comes at most 32 lines (32 ms here) after its quarter.
+    const int bySize = static_cast<int>(record.size() / (64 * 1024));
+    ASSERT_GE(writes.size(), size_t{3 * 4});
+    EXPECT_LE(writes.size(), size_t(2 + 3 * 4 + bySize));
+    for (size_t w = 1; w < writes.size(); ++w)
+      EXPECT_LE(writes[w] - writes[w - 1], kQuarter + 32 * kMs) << w;
+    EXPECT_LE(reads, kTurns / 32 + 2 * static_cast<int>(writes.size()) + 2);
+    trace.setRecord(nullptr);
+    EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), kTurns);
+    EXPECT_EQ(record.substr(record.rfind('{')),
+              "{\"t\":179940.000,\"ev\":\"line\",\"n\":2999,\"text\":\"WAITSECONDS 60\"}\n");
+  }
+  {
+    // A run at real pace, ten milliseconds a line: its lines go out on the
+    // line that completes each quarter second.
+    VirtualClock clock(0);
+    RealTime real;
+    Trace trace(clock);
+    trace.setRealTime(real);
+    std::string record;
+    std::vector<Micros> writes;
+    trace.setRecord(std::make_unique<Timed>(record, writes, real));
+    for (int i = 0; i <= 100; ++i) {
+      real.at = i * 10 * kMs;
+      clock.advanceTo(real.at);
+      trace.line(clock.now(), i, "WAITMS 10");
+    }
+    EXPECT_EQ(writes, (std::vector<Micros>{kQuarter, 2 * kQuarter, 3 * kQuarter, 4 * kQuarter}));
+    trace.setRecord(nullptr);
+    EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), 101);
+  }
 }
 
 // A record's file that other threads may write: it notes what was written
