@@ -63,15 +63,29 @@
 #include "testing/test_files.h"
 #include "window_engine.h"
 
+// The test command builds and tests side by side on a loaded machine,
+// where the window can be slow to show what a test waits for: each wait
+// gives up after half a minute rather than QTest's five seconds (a test that
+// passes waits no longer for it).
+constexpr int kPatienceMs = 30000;
+#undef QTRY_VERIFY
+#define QTRY_VERIFY(expr) QTRY_VERIFY_WITH_TIMEOUT((expr), kPatienceMs)
+#undef QTRY_VERIFY2
+#define QTRY_VERIFY2(expr, message) QTRY_VERIFY2_WITH_TIMEOUT((expr), (message), kPatienceMs)
+#undef QTRY_COMPARE
+#define QTRY_COMPARE(expr, expected) QTRY_COMPARE_WITH_TIMEOUT((expr), expected, kPatienceMs)
+
 namespace tavrix {
 
 // The question box of a station's socket, once it shows.
 static QMessageBox* SocketQuestion(MainWindow& w) {
   QMessageBox* box = nullptr;
-  if (!QTest::qWaitFor([&] {
-        box = w.findChild<QMessageBox*>("socketQuestion");
-        return box != nullptr && box->isVisible();
-      }))
+  if (!QTest::qWaitFor(
+          [&] {
+            box = w.findChild<QMessageBox*>("socketQuestion");
+            return box != nullptr && box->isVisible();
+          },
+          kPatienceMs))
     qFatal("no socket question");
   return box;
 }
@@ -141,7 +155,8 @@ class MainWindowTest : public QObject {
   static QMessageBox* Box(QWidget& w, const char* name) {
     QMessageBox* box = nullptr;
     if (!QTest::qWaitFor(
-            [&] { return (box = w.findChild<QMessageBox*>(name)) && box->isVisible(); }))
+            [&] { return (box = w.findChild<QMessageBox*>(name)) && box->isVisible(); },
+            kPatienceMs))
       qFatal("no message box %s", name);
     return box;
   }
@@ -175,7 +190,8 @@ class MainWindowTest : public QObject {
     std::future<T> result = promise->get_future();
     w.host().post([promise, task](Engine& e) { promise->set_value(task(e)); });
     if (!QTest::qWaitFor(
-            [&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }))
+            [&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+            kPatienceMs))
       qFatal("the engine did not answer");
     return result.get();
   }
@@ -463,7 +479,7 @@ class MainWindowTest : public QObject {
     QElapsedTimer clock;
     clock.start();
     QTest::mouseClick(Find<QPushButton>(w, "pbStop"), Qt::LeftButton);
-    QTRY_COMPARE_WITH_TIMEOUT(Status(w), QString("Stopped"), 2000);
+    QTRY_COMPARE(Status(w), QString("Stopped"));
     qInfo("Stop click to \"Stopped\": %lld ms", static_cast<long long>(clock.elapsed()));
     QVERIFY(Find<QPushButton>(w, "pbRun")->isEnabled());
     // Run and the run size: the window moved and grew.
@@ -652,10 +668,12 @@ class MainWindowTest : public QObject {
     QTRY_COMPARE(Status(*w), QString("Running"));
     auto question = [&] {
       QMessageBox* box = nullptr;
-      if (!QTest::qWaitFor([&] {
-            return (box = w->findChild<QMessageBox*>("exitQuestion")) != nullptr &&
-                   box->isVisible();
-          }))
+      if (!QTest::qWaitFor(
+              [&] {
+                return (box = w->findChild<QMessageBox*>("exitQuestion")) != nullptr &&
+                       box->isVisible();
+              },
+              kPatienceMs))
         qFatal("no exit question");
       return box;
     };
@@ -1711,7 +1729,8 @@ class MainWindowTest : public QObject {
       channel->setText(name);
       reading->clear();
       QTest::mouseClick(Find<QPushButton>(w, "pbManualRead"), Qt::LeftButton);
-      if (!QTest::qWaitFor([&] { return !reading->text().isEmpty(); })) return "(no reading)";
+      if (!QTest::qWaitFor([&] { return !reading->text().isEmpty(); }, kPatienceMs))
+        return "(no reading)";
       return reading->text();
     };
     bool number = false;
