@@ -3,12 +3,14 @@
 // store holds whole records only, and the engine's side never waits.
 #include "resultsdb/results_recorder.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 
 #include "common/file_system.h"
 #include "resultsdb/sqlite_connection.h"
@@ -371,6 +374,65 @@ TEST_F(RecorderTest, AFullDiskKeepsTheRecordsQueuedAndTheDatabaseWhole) {
   ResultsRecorder recorder(reopened, SqliteOpener(db));
   EXPECT_EQ(recorder.drain(), 4u);
   EXPECT_THAT(StoredKeys(spec), ElementsAre("a", "b", "c", "d"));
+}
+
+// A process that is there and not a zombie.
+bool Alive(pid_t pid) {
+  if (::kill(pid, 0) != 0) return false;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const size_t name = text.rfind(')');
+  return name == std::string::npos || text.substr(name + 2, 1) != "Z";
+}
+
+// A test process that dies without stopping its server (a crash, an abort,
+// a kill) leaves neither the server nor its folder: the server's watchdog
+// stops it and removes the folder.
+TEST_F(RecorderTest, AThrowawayServerGoesWithATestProcessThatDies) {
+  if (ThrowawayPostgres::BinaryFolder().empty()) GTEST_SKIP() << "no database server binaries";
+  int fds[2];
+  // (Close-on-exec: the server the child starts must not hold the pipe open.)
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  const int status = InChild([&] {
+    ::close(fds[0]);
+    auto* server = new ThrowawayPostgres;  // never stopped: the process ends first
+    std::string reason;
+    if (!server->start(&reason)) return 2;
+    std::ifstream pidFile(server->folder() + "/data/postmaster.pid");
+    std::string postmaster;
+    std::getline(pidFile, postmaster);
+    const std::string told = std::to_string(server->watchdogProcess()) + "\n" + postmaster + "\n" +
+                             server->folder() + "\n";
+    return ::write(fds[1], told.data(), told.size()) == static_cast<ssize_t>(told.size()) ? 0 : 3;
+  });
+  ::close(fds[1]);
+  std::string told;
+  char chunk[256];
+  for (ssize_t got; (got = ::read(fds[0], chunk, sizeof chunk)) > 0;) told.append(chunk, got);
+  ::close(fds[0]);
+  ASSERT_EQ(status, 0) << told;
+  std::istringstream lines(told);
+  pid_t watchdog = 0;
+  pid_t postmaster = 0;
+  std::string folder;
+  lines >> watchdog >> postmaster >> folder;
+  ASSERT_GT(watchdog, 0) << told;
+  ASSERT_GT(postmaster, 0) << told;
+  ASSERT_FALSE(folder.empty());
+  // Waits for the watchdog to end (it is not this process's child).
+  const int watching = static_cast<int>(::syscall(SYS_pidfd_open, watchdog, 0));
+  if (watching >= 0) {
+    pollfd ended{watching, POLLIN, 0};
+    EXPECT_EQ(::poll(&ended, 1, 60 * 1000), 1);
+    ::close(watching);
+  }
+  EXPECT_FALSE(Alive(postmaster));
+  EXPECT_FALSE(std::filesystem::exists(folder));
+  // When it has failed, the test leaves nothing behind either.
+  if (Alive(postmaster)) ::kill(postmaster, SIGQUIT);
+  std::error_code ignored;
+  std::filesystem::remove_all(folder, ignored);
 }
 
 TEST_F(RecorderTest, AServerKilledInTheMiddleOfABatchLosesNothingAndDuplicatesNothing) {

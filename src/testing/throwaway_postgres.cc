@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -81,6 +82,63 @@ ThrowawayPostgres::~ThrowawayPostgres() {
     std::error_code ec;
     std::filesystem::remove_all(folder_, ec);
   }
+  if (watchdogPipe_ >= 0) {
+    // Done: the watchdog goes without touching anything (the folder's name
+    // may be another server's by the time it would look).
+    const char done[] = "done\n";
+    [[maybe_unused]] const ssize_t told = ::write(watchdogPipe_, done, sizeof done - 1);
+    ::close(watchdogPipe_);
+  }
+  if (watchdog_ > 0) {
+    while (::waitpid(watchdog_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+}
+
+void ThrowawayPostgres::dropPrivilegesInChild() const {
+  if (dropPrivileges_) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(gid_) != 0 || ::setuid(uid_) != 0) _exit(126);
+  }
+}
+
+void ThrowawayPostgres::startWatchdog() {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) return;
+  // It reads until this process says "done" or its end closes; at the close
+  // alone it stops the server at once and removes the folder. It runs in a
+  // session of its own, so that a signal to the test's process group (a
+  // test runner's timeout) does not take it too.
+  const std::string script =
+      "if read -r word && [ \"$word\" = done ]; then exit 0; fi\n"
+      "\"$1\" -D \"$2/data\" -m immediate -w stop >/dev/null 2>&1\n"
+      "rm -rf \"$2\"\n";
+  const std::string pgctl = bin_ + "/pg_ctl";
+  const char* const argv[] = {
+      "/bin/sh",       "-c",   script.c_str(), "throwaway-postgres-watchdog", pgctl.c_str(),
+      folder_.c_str(), nullptr};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setsid();
+    ::dup2(ends[0], 0);
+    const int null = ::open("/dev/null", O_WRONLY);
+    if (null >= 0) {
+      ::dup2(null, 1);
+      ::dup2(null, 2);
+    }
+    // Nothing else of the test's stays open in it (a socket kept open here
+    // would never see its peer close).
+    ::close_range(3, ~0U, 0);
+    dropPrivilegesInChild();
+    ::execv(argv[0], const_cast<char* const*>(argv));
+    _exit(127);
+  }
+  ::close(ends[0]);
+  if (pid < 0) {
+    ::close(ends[1]);
+    return;
+  }
+  watchdog_ = pid;
+  watchdogPipe_ = ends[1];
 }
 
 bool ThrowawayPostgres::run(const std::vector<std::string>& args, std::string* error) {
@@ -99,9 +157,7 @@ bool ThrowawayPostgres::run(const std::vector<std::string>& args, std::string* e
     }
     const int null = ::open("/dev/null", O_RDONLY);
     if (null >= 0) ::dup2(null, 0);
-    if (dropPrivileges_) {
-      if (::setgroups(0, nullptr) != 0 || ::setgid(gid_) != 0 || ::setuid(uid_) != 0) _exit(126);
-    }
+    dropPrivilegesInChild();
     std::vector<char*> argv;
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -153,6 +209,7 @@ bool ThrowawayPostgres::start(std::string* reason, bool tcp, bool durable) {
       return false;
     }
   }
+  startWatchdog();
   if (!run({bin_ + "/initdb", "-D", folder_ + "/data", "-U", user_, "-A", "trust", "-E", "UTF8",
             "--locale=C", "--no-sync"},
            reason)) {

@@ -1,9 +1,10 @@
 // A database server of the test's own: a fresh cluster made with initdb in
 // a temporary folder, started with pg_ctl as an unprivileged user, reached
 // through a Unix socket in that folder (and, when asked, on a loopback
-// port), stopped and removed when the object goes. Used by the store tests
-// and the benchmarks; the server binaries come from $TAVRIX_PG_BIN, the
-// newest /usr/lib/postgresql/N/bin, or the PATH.
+// port), stopped and removed when the object goes, or by a watchdog
+// process when the test's process dies first (a crash, an abort, a kill).
+// Used by the store tests and the benchmarks; the server binaries come from
+// $TAVRIX_PG_BIN, the newest /usr/lib/postgresql/N/bin, or the PATH.
 #pragma once
 
 #include <sys/types.h>
@@ -39,10 +40,18 @@ class ThrowawayPostgres {
 
   // Where the server binaries are; empty when they are not installed.
   static std::string BinaryFolder();
+  // The folder of the server's data and socket; empty before start().
+  const std::string& folder() const { return folder_; }
+  // The watchdog's process; -1 before start() or when it could not start.
+  pid_t watchdogProcess() const { return watchdog_; }
 
  private:
   bool run(const std::vector<std::string>& args, std::string* error);
   bool pgctlStart(std::string* reason);
+  // Starts the process that stops the server and removes its folder once
+  // this process has gone without saying it was done.
+  void startWatchdog();
+  void dropPrivilegesInChild() const;
 
   std::string bin_;
   std::string folder_;
@@ -54,6 +63,9 @@ class ThrowawayPostgres {
   bool tcp_ = false;
   bool durable_ = false;
   bool running_ = false;
+  // The watchdog, and our end of the pipe whose closing wakes it.
+  pid_t watchdog_ = -1;
+  int watchdogPipe_ = -1;
 };
 
 }  // namespace tavrix
