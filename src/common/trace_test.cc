@@ -167,19 +167,28 @@ class Timed final : public OutputFile {
   const RealTime& real_;
 };
 
+// A trace on a virtual clock and a virtual real time, writing its record to
+// a file that notes the real time of each write.
+struct PacedRecord {
+  PacedRecord() {
+    trace.setRealTime(real);
+    trace.setRecord(std::make_unique<Timed>(record, writes, real));
+  }
+  VirtualClock clock{0};
+  RealTime real;
+  Trace trace{clock};
+  std::string record;
+  std::vector<Micros> writes;
+};
+
 TEST(Trace, ARunWhoseClockJumpsItsWaitsWritesItsLinesAFewTimesASecondOfRealTime) {
   constexpr Micros kQuarter = 250 * 1000;
   constexpr Micros kMs = 1000;
   {
     // A soak on the virtual clock: a minute of the run between lines, a
     // millisecond of real time.
-    VirtualClock clock(0);
-    RealTime real;
-    Trace trace(clock);
-    trace.setRealTime(real);
-    std::string record;
-    std::vector<Micros> writes;
-    trace.setRecord(std::make_unique<Timed>(record, writes, real));
+    PacedRecord paced;
+    auto& [clock, real, trace, record, writes] = paced;
     constexpr int kTurns = 3000;
     for (int i = 0; i < kTurns; ++i) {
       real.at = i * kMs;
@@ -203,13 +212,8 @@ TEST(Trace, ARunWhoseClockJumpsItsWaitsWritesItsLinesAFewTimesASecondOfRealTime)
   {
     // A run at real pace, ten milliseconds a line: its lines go out on the
     // line that completes each quarter second.
-    VirtualClock clock(0);
-    RealTime real;
-    Trace trace(clock);
-    trace.setRealTime(real);
-    std::string record;
-    std::vector<Micros> writes;
-    trace.setRecord(std::make_unique<Timed>(record, writes, real));
+    PacedRecord paced;
+    auto& [clock, real, trace, record, writes] = paced;
     for (int i = 0; i <= 100; ++i) {
       real.at = i * 10 * kMs;
       clock.advanceTo(real.at);
