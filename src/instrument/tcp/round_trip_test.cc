@@ -211,62 +211,13 @@ TEST(RoundTrip, RepliesGoToTheirOwnRequestsWithManyInFlight) {
 // A peer that speaks the second protocol, scripted: `heard` gets each
 // request line but HELLO and returns the lines to send back ("" ends the
 // connection at once).
-class ScriptedPeer {
- public:
-  using Heard = std::function<std::vector<std::string>(const std::string& line)>;
-  explicit ScriptedPeer(Heard heard) : heard_(std::move(heard)) {
-    std::string error;
-    listener_ = platform::listenTcp("127.0.0.1", port_, &error);
-    EXPECT_NE(listener_, platform::kNoSocket) << error;
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~ScriptedPeer() {
-    stop_ = true;
-    thread_.join();
-    platform::closeSocket(listener_);
-    platform::closeSocket(client_);
-  }
-  uint16_t port() const { return port_; }
-
- private:
-  void serve() {
-    while (!stop_ && client_ == platform::kNoSocket) {
-      std::vector<platform::Watch> waiting{{listener_, true, false}};
-      if (platform::waitSockets(waiting, 50) > 0) client_ = platform::acceptClient(listener_);
-    }
-    std::string in;
-    char c = 0;
-    while (!stop_) {
-      const testing::Read got = testing::ReadByte(client_, c, 50);
-      if (got == testing::Read::kClosed) return;
-      if (got == testing::Read::kNothingYet) continue;
-      if (c != '\n') {
-        in += c;
-        continue;
-      }
-      const std::string id = in.substr(0, in.find(' '));
-      if (in == id + " HELLO 2") {
-        testing::SendAll(client_, id + " 0 =TAVRIX-RIG 2\n");
-      } else {
-        for (const std::string& line : heard_(in)) {
-          if (line.empty()) {
-            platform::closeSocket(client_);
-            client_ = platform::kNoSocket;
-            return;
-          }
-          testing::SendAll(client_, line);
-        }
-      }
-      in.clear();
-    }
-  }
-  Heard heard_;
-  platform::Socket listener_ = platform::kNoSocket;
-  platform::Socket client_ = platform::kNoSocket;
-  std::atomic<bool> stop_{false};
-  uint16_t port_ = 0;
-  std::thread thread_;
-};
+testing::ScriptedServer::Reply SecondProtocol(testing::ScriptedServer::Reply heard) {
+  return [heard = std::move(heard)](const std::string& line) -> std::vector<std::string> {
+    const std::string id = line.substr(0, line.find(' '));
+    if (line == id + " HELLO 2") return {id + " 0 =TAVRIX-RIG 2\n"};
+    return heard(line);
+  };
+}
 
 // The request's id and its command (the text after the device and time).
 std::pair<std::string, std::string> IdAndCommand(const std::string& line) {
@@ -285,20 +236,22 @@ TEST(RoundTrip, ResponsesOutOfOrderOnOneConnectionReachTheirOwnRequests) {
   std::string firstId;
   std::string nestedReply;
   int32_t nestedResult = -1;
-  ScriptedPeer peer([&](const std::string& line) -> std::vector<std::string> {
-    const auto [id, command] = IdAndCommand(line);
-    if (command == "REA FIRST") {
-      firstId = id;
-      events.post([&] {
-        nestedResult = link->sendCommand(1, 2, Command("REA SECOND"), true);
-        std::string buffer(kReplyBufferLength, ' ');
-        if (nestedResult == 0) nestedResult = link->getReply(1, 2, buffer, true);
-        nestedReply = std::string(BufferText(buffer));
-      });
-      return {};
-    }
-    return {id + " 0 =0:two\n", firstId + " 0 =0:one\n"};
-  });
+  testing::ScriptedServer peer(
+      SecondProtocol([&](const std::string& line) -> std::vector<std::string> {
+        const auto [id, command] = IdAndCommand(line);
+        if (command == "REA FIRST") {
+          firstId = id;
+          events.post([&] {
+            nestedResult = link->sendCommand(1, 2, Command("REA SECOND"), true);
+            std::string buffer(kReplyBufferLength, ' ');
+            if (nestedResult == 0) nestedResult = link->getReply(1, 2, buffer, true);
+            nestedReply = std::string(BufferText(buffer));
+          });
+          return {};
+        }
+        return {id + " 0 =0:two\n", firstId + " 0 =0:one\n"};
+      }));
+  ASSERT_TRUE(peer.listening()) << peer.error();
   TcpLink own(clock, "127.0.0.1", peer.port(), testFiles(),
               TcpLinkOptions{.responseWaitMs = 10'000});
   link = &own;
@@ -334,7 +287,8 @@ TEST(RoundTrip, APeerThatGoesAwayMidExchangeLosesTheLinkAtOnce) {
       };
   for (const auto& [what, heard] : peers) {
     SCOPED_TRACE("a peer that " + what);
-    ScriptedPeer peer(heard);
+    testing::ScriptedServer peer(SecondProtocol(heard));
+    ASSERT_TRUE(peer.listening()) << peer.error();
     SystemClock clock;
     // Long enough that a wait for the response would not end by itself
     // within the test's time.

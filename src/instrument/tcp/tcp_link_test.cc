@@ -172,53 +172,14 @@ TEST(TcpLink, ARigServerRestartedMidRunServesTheNextRun) {
 
 // A server that greets and then answers nothing: each request it reads is
 // handed to `heard` (on the server's thread).
-class SilentServer {
- public:
-  explicit SilentServer(std::function<void(const std::string&)> heard) : heard_(std::move(heard)) {
-    std::string error;
-    listener_ = platform::listenTcp("127.0.0.1", port_, &error);
-    EXPECT_NE(listener_, platform::kNoSocket) << error;
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~SilentServer() {
-    stop_ = true;
-    thread_.join();
-    platform::closeSocket(listener_);
-    platform::closeSocket(client_);
-  }
-  uint16_t port() const { return port_; }
-
- private:
-  void serve() {
-    while (!stop_ && client_ == platform::kNoSocket) {
-      std::vector<platform::Watch> waiting{{listener_, true, false}};
-      if (platform::waitSockets(waiting, 50) > 0) client_ = platform::acceptClient(listener_);
-    }
-    std::string in;
-    char c = 0;
-    while (!stop_) {
-      const testing::Read got = testing::ReadByte(client_, c, 50);
-      if (got == testing::Read::kClosed) return;
-      if (got == testing::Read::kNothingYet) continue;
-      if (c != '\n') {
-        in += c;
-        continue;
-      }
-      if (in.find(" HELLO") != std::string::npos) {
-        testing::SendAll(client_, in.substr(0, in.find(' ')) + " 0 =TAVRIX-RIG 1\n");
-      } else {
-        heard_(in);
-      }
-      in.clear();
-    }
-  }
-  std::function<void(const std::string&)> heard_;
-  platform::Socket listener_ = platform::kNoSocket;
-  platform::Socket client_ = platform::kNoSocket;
-  std::atomic<bool> stop_{false};
-  uint16_t port_ = 0;
-  std::thread thread_;
-};
+testing::ScriptedServer::Reply Silent(std::function<void(const std::string&)> heard) {
+  return [heard = std::move(heard)](const std::string& line) -> std::vector<std::string> {
+    if (line.find(" HELLO") != std::string::npos)
+      return {line.substr(0, line.find(' ')) + " 0 =TAVRIX-RIG 1\n"};
+    heard(line);
+    return {};
+  };
+}
 
 // While a call waits for its response the run's loop goes on: a task posted
 // meanwhile runs at once, the virtual clock stands still, the response time
@@ -229,12 +190,13 @@ TEST(TcpLink, WaitsForAResponseGoThroughTheRunsEventLoop) {
   TcpLink* linkInUse = nullptr;
   bool ranDuringTheWait = false;
   bool closeTheLink = false;
-  SilentServer server([&](const std::string&) {
+  testing::ScriptedServer server(Silent([&](const std::string&) {
     events.post([&] {
       ranDuringTheWait = true;
       if (closeTheLink) linkInUse->closeInterface(1);
     });
-  });
+  }));
+  ASSERT_TRUE(server.listening()) << server.error();
   TcpLink link(clock, "127.0.0.1", server.port(), testFiles());
   link.useEventLoop(events);
   linkInUse = &link;
