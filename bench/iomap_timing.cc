@@ -14,6 +14,7 @@
 #include "instrument/link/instrument.h"
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simdevices/modbus_oven_server.h"
+#include "testing/stub_links.h"
 #include "timing.h"
 
 namespace tavrix::bench {
@@ -21,22 +22,16 @@ namespace {
 
 // Passes every call to the map link and notes when each write was sent and
 // when the device's report on it came back.
-class TimedMapLink final : public LinkLibrary {
+class TimedMapLink final : public ForwardingLink {
  public:
   struct Exchange {
     Micros sent = 0;
     Micros checked = 0;
   };
-  TimedMapLink(const Clock& clock, IoMap map) : clock_(clock), link_(clock, std::move(map)) {}
+  TimedMapLink(const Clock& clock, IoMap map)
+      : ForwardingLink(link_), clock_(clock), link_(clock, std::move(map)) {}
   std::vector<Exchange> writes;
 
-  void useEventLoop(EventLoop& events) override { link_.useEventLoop(events); }
-  std::string ownSetup() const override { return link_.ownSetup(); }
-  int32_t openInterface(int16_t& h) override { return link_.openInterface(h); }
-  int32_t closeInterface(int16_t h) override { return link_.closeInterface(h); }
-  int32_t interfaceVersion(int16_t h, std::string& t) override {
-    return link_.interfaceVersion(h, t);
-  }
   int32_t sendCommand(int16_t h, int16_t d, std::string_view c, bool w) override {
     const std::string_view text = BufferText(c);
     if (text.substr(0, 4) == "WRI ") writes.push_back({clock_.now(), 0});
@@ -49,17 +44,6 @@ class TimedMapLink final : public LinkLibrary {
       writes.back().checked = clock_.now();
     }
     return result;
-  }
-  int32_t abortReply(int16_t h, int16_t d) override { return link_.abortReply(h, d); }
-  int32_t millisecondCount() override { return link_.millisecondCount(); }
-  int32_t dirPath(std::string& p) override { return link_.dirPath(p); }
-  int32_t setupLibVersion(std::string& t) override { return link_.setupLibVersion(t); }
-  int32_t loadAndLockSetup(const std::string& p, int32_t s, SetupLoad& l) override {
-    return link_.loadAndLockSetup(p, s, l);
-  }
-  int32_t unlockSetup(std::string_view n, int16_t h) override { return link_.unlockSetup(n, h); }
-  int32_t requestMonitorChannel(std::string_view n, MonitorChannelRecord& r) override {
-    return link_.requestMonitorChannel(n, r);
   }
 
  private:

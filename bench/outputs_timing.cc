@@ -13,6 +13,7 @@
 #include "instrument/outputs/output_commands.h"
 #include "instrument/simrig/sim_link.h"
 #include "machine_door.h"
+#include "testing/stub_links.h"
 #include "timing.h"
 
 namespace tavrix::bench {
@@ -21,21 +22,17 @@ namespace {
 // Passes every call to the simulated rig and notes, on the run's clock, when
 // each write was sent, when the device's report on it came back, and the
 // millisecond counter at the send.
-class TimedLink final : public LinkLibrary {
+class TimedLink final : public ForwardingLink {
  public:
   struct Exchange {
     Micros sent = 0;
     Micros checked = 0;  // the "REP" reply that closed the write
     int32_t counter = 0;
   };
-  TimedLink(const Clock& clock) : clock_(clock), sim_(clock, "", localFiles()) {}
+  explicit TimedLink(const Clock& clock)
+      : ForwardingLink(sim_), clock_(clock), sim_(clock, "", localFiles()) {}
   std::vector<Exchange> writes;
 
-  int32_t openInterface(int16_t& h) override { return sim_.openInterface(h); }
-  int32_t closeInterface(int16_t h) override { return sim_.closeInterface(h); }
-  int32_t interfaceVersion(int16_t h, std::string& t) override {
-    return sim_.interfaceVersion(h, t);
-  }
   int32_t sendCommand(int16_t h, int16_t d, std::string_view c, bool w) override {
     const std::string_view text = BufferText(c);
     if (text.substr(0, 4) == "WRI ") writes.push_back({clock_.now(), 0, sim_.millisecondCount()});
@@ -48,17 +45,6 @@ class TimedLink final : public LinkLibrary {
       writes.back().checked = clock_.now();
     }
     return result;
-  }
-  int32_t abortReply(int16_t h, int16_t d) override { return sim_.abortReply(h, d); }
-  int32_t millisecondCount() override { return sim_.millisecondCount(); }
-  int32_t dirPath(std::string& p) override { return sim_.dirPath(p); }
-  int32_t setupLibVersion(std::string& t) override { return sim_.setupLibVersion(t); }
-  int32_t loadAndLockSetup(const std::string& p, int32_t s, SetupLoad& l) override {
-    return sim_.loadAndLockSetup(p, s, l);
-  }
-  int32_t unlockSetup(std::string_view n, int16_t h) override { return sim_.unlockSetup(n, h); }
-  int32_t requestMonitorChannel(std::string_view n, MonitorChannelRecord& r) override {
-    return sim_.requestMonitorChannel(n, r);
   }
 
  private:

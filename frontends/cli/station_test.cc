@@ -27,6 +27,7 @@
 #include "station_link.h"
 #include "station_run.h"
 #include "station_time.h"
+#include "testing/stub_links.h"
 #include "testing/test_files.h"
 
 namespace tavrix {
@@ -463,15 +464,9 @@ TEST(StationTimeTest, SocketsStartedOnDemandGoOnWhileOneWaitsForAPerson) {
 }
 
 // A backend that takes every command and has a reply only on the second poll.
-class SlowBackend : public LinkLibrary {
+class SlowBackend : public StubLinkLibrary {
  public:
   std::vector<std::string> sent;
-  int32_t openInterface(int16_t& handle) override {
-    handle = 1;
-    return 0;
-  }
-  int32_t closeInterface(int16_t) override { return 0; }
-  int32_t interfaceVersion(int16_t, std::string&) override { return 0; }
   int32_t sendCommand(int16_t, int16_t device, std::string_view command, bool) override {
     sent.push_back(std::to_string(device) + ":" + std::string(BufferText(command)));
     polls_[device] = 0;
@@ -482,17 +477,12 @@ class SlowBackend : public LinkLibrary {
     WriteBuffer(buffer, "0");
     return 0;
   }
-  int32_t abortReply(int16_t, int16_t) override { return 0; }
-  int32_t millisecondCount() override { return 0; }
-  int32_t dirPath(std::string&) override { return 0; }
   int32_t setupLibVersion(std::string&) override { return 5; }
   int32_t loadAndLockSetup(const std::string&, int32_t, SetupLoad& load) override {
     ++loads;
     load.setupName = "rig";
     return 0;
   }
-  int32_t unlockSetup(std::string_view, int16_t) override { return 0; }
-  int32_t requestMonitorChannel(std::string_view, MonitorChannelRecord&) override { return 0; }
   int loads = 0;
 
  private:

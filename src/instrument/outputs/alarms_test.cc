@@ -5,22 +5,17 @@
 #include <map>
 
 #include "testing/output_test_rig.h"
+#include "testing/stub_links.h"
 
 namespace tavrix {
 namespace {
 
 // A link whose devices answer "ALA T" and "ALA N" from a script.
-class AlarmScriptLink final : public LinkLibrary {
+class AlarmScriptLink final : public StubLinkLibrary {
  public:
   std::map<int, std::pair<std::string, std::string>> answers;  // device -> (ALA T, ALA N)
   int failingDevice = -1;
 
-  int32_t openInterface(int16_t& handle) override {
-    handle = 1;
-    return 0;
-  }
-  int32_t closeInterface(int16_t) override { return 0; }
-  int32_t interfaceVersion(int16_t, std::string&) override { return 0; }
   int32_t sendCommand(int16_t, int16_t device, std::string_view command, bool) override {
     if (device == failingDevice) return 5;
     const auto& a = answers[device];
@@ -31,15 +26,6 @@ class AlarmScriptLink final : public LinkLibrary {
     WriteBuffer(buffer, reply_);
     return 0;
   }
-  int32_t abortReply(int16_t, int16_t) override { return 0; }
-  int32_t millisecondCount() override { return 0; }
-  int32_t dirPath(std::string& path) override {
-    path.clear();
-    return 0;
-  }
-  int32_t setupLibVersion(std::string&) override { return 6; }
-  int32_t loadAndLockSetup(const std::string&, int32_t, SetupLoad&) override { return 0; }
-  int32_t unlockSetup(std::string_view, int16_t) override { return 0; }
   int32_t requestMonitorChannel(std::string_view, MonitorChannelRecord&) override { return 76; }
 
  private:

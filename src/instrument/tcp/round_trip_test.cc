@@ -22,6 +22,7 @@
 #include "instrument/tcp/rig_server.h"
 #include "instrument/tcp/tcp_link.h"
 #include "testing/socket_io.h"
+#include "testing/stub_links.h"
 #include "testing/test_files.h"
 
 namespace tavrix {
@@ -31,7 +32,7 @@ constexpr Micros kStart = 1'767'225'600LL * kMicrosPerSecond;  // 2026-01-01 00:
 
 // A library whose devices answer each command with "echo:<command>" after
 // `notReady` polls that are not ready yet; it logs every call it gets.
-class EchoLibrary final : public LinkLibrary {
+class EchoLibrary final : public StubLinkLibrary {
  public:
   int notReady = 0;
 
@@ -39,11 +40,6 @@ class EchoLibrary final : public LinkLibrary {
     std::lock_guard guard(mutex_);
     return calls_;
   }
-  int32_t openInterface(int16_t& handle) override {
-    handle = 1;
-    return 0;
-  }
-  int32_t closeInterface(int16_t) override { return 0; }
   int32_t interfaceVersion(int16_t, std::string& text) override {
     WriteBuffer(text, "echo");
     return 0;
@@ -62,16 +58,6 @@ class EchoLibrary final : public LinkLibrary {
     WriteBuffer(buffer, "echo:" + last_[device]);
     return 0;
   }
-  int32_t abortReply(int16_t, int16_t) override { return 0; }
-  int32_t millisecondCount() override { return 0; }
-  int32_t dirPath(std::string& path) override {
-    path.clear();
-    return 0;
-  }
-  int32_t setupLibVersion(std::string&) override { return 6; }
-  int32_t loadAndLockSetup(const std::string&, int32_t, SetupLoad&) override { return 0; }
-  int32_t unlockSetup(std::string_view, int16_t) override { return 0; }
-  int32_t requestMonitorChannel(std::string_view, MonitorChannelRecord&) override { return 0; }
 
  private:
   std::mutex mutex_;
