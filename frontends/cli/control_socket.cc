@@ -317,8 +317,10 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
     for (;;) {
       std::vector<LocalServer::Interest> interests;
       bool accept = false;
+      bool stopping = false;
       {
         std::lock_guard guard(mutex_);
+        stopping = stopping_;
         if (stopping_ && stopBy == std::chrono::steady_clock::time_point{})
           stopBy = std::chrono::steady_clock::now() + std::chrono::seconds(2);
         // Clients done with, or that fell too far behind, go.
@@ -343,7 +345,7 @@ class ControlSocket::Impl : public std::enable_shared_from_this<ControlSocket::I
       // wake it.
       std::vector<int> accepted;
       std::vector<LocalServer::Ready> ready;
-      if (!server_->wait(accept, interests, stopping_ ? 100 : -1, accepted, ready)) return;
+      if (!server_->wait(accept, interests, stopping ? 100 : -1, accepted, ready)) return;
       std::lock_guard guard(mutex_);
       for (const int id : accepted) clients_[id];
       for (const LocalServer::Ready& r : ready) {
