@@ -8,11 +8,12 @@ namespace tavrix {
 EventLoop::EventLoop(Clock& clock) : clock_(clock) {}
 
 void EventLoop::post(Task task) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    tasks_.push_back(std::move(task));
-    tasksWaiting_.store(true, std::memory_order_release);
-  }
+  // Notified under the lock: the task may be the loop's last (an answer
+  // that ends the run), after which its owner may destroy the loop as soon
+  // as it has the lock, so nothing here may touch the loop after letting go.
+  std::lock_guard<std::mutex> lock(mutex_);
+  tasks_.push_back(std::move(task));
+  tasksWaiting_.store(true, std::memory_order_release);
   cv_.notify_all();
 }
 
