@@ -82,12 +82,14 @@ ThrowawayPostgres::~ThrowawayPostgres() {
     std::error_code ec;
     std::filesystem::remove_all(folder_, ec);
   }
-  if (watchdogPipe_ >= 0) {
+  if (watchdogEnd_ >= 0) {
     // Done: the watchdog goes without touching anything (the folder's name
     // may be another server's by the time it would look).
+    // (Sent without SIGPIPE: a watchdog killed meanwhile must not take this
+    // process with it.)
     const char done[] = "done\n";
-    [[maybe_unused]] const ssize_t told = ::write(watchdogPipe_, done, sizeof done - 1);
-    ::close(watchdogPipe_);
+    [[maybe_unused]] const ssize_t told = ::send(watchdogEnd_, done, sizeof done - 1, MSG_NOSIGNAL);
+    ::close(watchdogEnd_);
   }
   if (watchdog_ > 0) {
     while (::waitpid(watchdog_, nullptr, 0) < 0 && errno == EINTR) {
@@ -103,7 +105,7 @@ void ThrowawayPostgres::dropPrivilegesInChild() const {
 
 void ThrowawayPostgres::startWatchdog() {
   int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) return;
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return;
   // It reads until this process says "done" or its end closes; at the close
   // alone it stops the server at once and removes the folder. It runs in a
   // session of its own, so that a signal to the test's process group (a
@@ -138,7 +140,7 @@ void ThrowawayPostgres::startWatchdog() {
     return;
   }
   watchdog_ = pid;
-  watchdogPipe_ = ends[1];
+  watchdogEnd_ = ends[1];
 }
 
 bool ThrowawayPostgres::run(const std::vector<std::string>& args, std::string* error) {

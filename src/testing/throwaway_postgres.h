@@ -63,9 +63,9 @@ class ThrowawayPostgres {
   bool tcp_ = false;
   bool durable_ = false;
   bool running_ = false;
-  // The watchdog, and our end of the pipe whose closing wakes it.
+  // The watchdog, and our end of the connection whose closing wakes it.
   pid_t watchdog_ = -1;
-  int watchdogPipe_ = -1;
+  int watchdogEnd_ = -1;
 };
 
 }  // namespace tavrix
