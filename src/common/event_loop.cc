@@ -25,11 +25,13 @@ bool EventLoop::takeTasks(std::deque<Task>& out) {
 }
 
 void EventLoop::processEvents() {
-  if (tasksWaiting_.load(std::memory_order_acquire)) {
-    std::deque<Task> batch;
-    if (takeTasks(batch)) {
-      for (auto& task : batch) task();
-    }
+  // The tasks posted so far, one at a time; those posted meanwhile wait for
+  // the next turn.
+  if (taken_.empty() && tasksWaiting_.load(std::memory_order_acquire)) takeTasks(taken_);
+  while (!taken_.empty()) {
+    Task task = std::move(taken_.front());
+    taken_.pop_front();
+    task();
   }
   // Without a timer due there is no reason to read the clock. A timer that
   // moved away may have made the bound: it is found again once.
@@ -115,7 +117,7 @@ bool EventLoop::waitUntil(const std::function<bool()>& done,
     }
     const Micros due = nextDue();
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!tasks_.empty()) continue;
+    if (!tasks_.empty() || !taken_.empty()) continue;
     const bool outside = outsideWaits_ > 0;
     // The end of the last outside wait also ends the idle wait, so that a
     // virtual clock can move on to the next timer.

@@ -43,7 +43,7 @@ class EventLoop {
   // Whether a turn of processing now would do nothing: no task posted and no
   // timer due.
   bool idleNow() const {
-    if (tasksWaiting_.load(std::memory_order_acquire)) return false;
+    if (tasksWaiting_.load(std::memory_order_acquire) || !taken_.empty()) return false;
     if (!dueBoundExact_) refreshDueBound();
     return dueBound_ == Clock::kNever || clock_.now() < dueBound_;
   }
@@ -112,6 +112,10 @@ class EventLoop {
   // Whether tasks_ may hold something: read without the lock, so that a turn
   // with nothing posted takes no lock.
   std::atomic<bool> tasksWaiting_{false};
+  // Tasks taken from tasks_ and not run yet (engine thread only). A task
+  // that runs a loop of its own (a run started by a task) runs the ones
+  // taken with it from there, instead of leaving them until it returns.
+  std::deque<Task> taken_;
   int outsideWaits_ = 0;
   std::map<TimerId, std::shared_ptr<TimerState>> timers_;
   TimerId nextTimerId_ = 1;

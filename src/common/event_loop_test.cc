@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -117,6 +118,37 @@ TEST(EventLoop, ATaskPostedFromAnotherThreadWakesARealWait) {
   person.join();
   EXPECT_TRUE(ended);
   EXPECT_TRUE(answered);
+}
+
+// Tasks posted together run one at a time: when the first starts a loop of
+// its own (the window's Run starts a run inside a task, and the run waits),
+// the others run from that loop rather than after the whole run. Tasks
+// posted meanwhile still wait for the next turn.
+TEST(EventLoop, TasksPostedBehindATaskThatRunsALoopOfItsOwnRunFromThatLoop) {
+  VirtualClock clock(kStart);
+  EventLoop loop(clock);
+  std::vector<std::string> ran;
+  bool sampled = false;
+  bool runSawTheSample = false;
+  loop.post([&] {
+    ran.push_back("run");
+    // A minute's wait of the run: the sample posted behind it is taken in it.
+    bool due = false;
+    Timer minute(loop, 60 * kSecond, [&] { due = true; });
+    minute.setEnabled(true);
+    loop.waitUntil([&] { return due; });
+    runSawTheSample = sampled;
+    ran.push_back("run ends");
+  });
+  loop.post([&] {
+    ran.push_back("sample");
+    sampled = true;
+    loop.post([&] { ran.push_back("next turn"); });
+  });
+  loop.processPendingEvents();
+  EXPECT_TRUE(runSawTheSample);
+  EXPECT_EQ(ran, (std::vector<std::string>{"run", "sample", "next turn", "run ends"}));
+  EXPECT_EQ(clock.now(), kStart + 60 * kSecond);
 }
 
 TEST(EventLoop, WhileSomeoneOutsideMayAnswerVirtualTimeStandsStill) {
