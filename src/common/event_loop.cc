@@ -17,17 +17,16 @@ void EventLoop::post(Task task) {
   cv_.notify_all();
 }
 
-bool EventLoop::takeTasks(std::deque<Task>& out) {
+void EventLoop::takeTasks() {
   std::lock_guard<std::mutex> lock(mutex_);
-  out.swap(tasks_);
+  taken_.swap(tasks_);
   tasksWaiting_.store(false, std::memory_order_relaxed);
-  return !out.empty();
 }
 
 void EventLoop::processEvents() {
   // The tasks posted so far, one at a time; those posted meanwhile wait for
   // the next turn.
-  if (taken_.empty() && tasksWaiting_.load(std::memory_order_acquire)) takeTasks(taken_);
+  if (taken_.empty() && tasksWaiting_.load(std::memory_order_acquire)) takeTasks();
   while (!taken_.empty()) {
     Task task = std::move(taken_.front());
     taken_.pop_front();

@@ -94,7 +94,8 @@ class EventLoop {
   };
 
   void processEvents();
-  bool takeTasks(std::deque<Task>& out);
+  // Moves the posted tasks to taken_ (which is empty).
+  void takeTasks();
   void fireDueTimers();
   // A timer's due instant or its enabled or ticking state is about to change
   // from `before` (kNever: it did not count) to `after`.

@@ -231,7 +231,7 @@ constexpr size_t kGatherBytesThreaded = 512 * 1024;
 constexpr Micros kGatherAtMost = 250 * 1000;
 // A run on a virtual clock may dispatch many lines in an instant of its
 // clock: real time is read as well, once every so many lines.
-constexpr int kLinesPerSteadyReading = 32;
+constexpr int kLinesPerRealReading = 32;
 
 }  // namespace
 
@@ -373,7 +373,7 @@ bool Trace::mayWait(Micros at) {
   // Real time is read once every so many lines while the run's clock has
   // not gone a quarter second, or has but was ahead of real time at the
   // last reading.
-  if ((!runQuarter || runAhead_) && ++linesUnclocked_ < kLinesPerSteadyReading) return true;
+  if ((!runQuarter || runAhead_) && ++linesUnclocked_ < kLinesPerRealReading) return true;
   linesUnclocked_ = 0;
   const Micros now = realTime_->now();
   // A quarter second of real time since the last write; or of the run's
@@ -510,7 +510,7 @@ void Trace::line(Micros at, int number, std::string_view text) {
     // What mayWait decides, for the usual line without a call.
     if (gatheredUsed_ < gatherLimit_ && at >= gatheredSince_ &&
         (at - gatheredSince_ < kGatherAtMost || runAhead_) &&
-        linesUnclocked_ + 1 < kLinesPerSteadyReading) {
+        linesUnclocked_ + 1 < kLinesPerRealReading) {
       ++linesUnclocked_;
       return;
     }
